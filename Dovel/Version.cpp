@@ -1,0 +1,7 @@
+#include "Dovel/Version.h"
+
+namespace Dovel {
+
+QByteArray version() { return QByteArrayLiteral("2.6.1"); }
+
+} // namespace Dovel

@@ -1,0 +1,41 @@
+// A two-way table between names (byte arrays) and u32 symbols. Thread-safe.
+//
+// Symbols that lookupOrDefine hands out start at 1 and only grow; 0 means "none".
+// The empty name is a valid name (the root path); it is stored as a non-null empty
+// array, so lookup(symbol) returns null only for an unknown symbol.
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+
+#include <cstdint>
+#include <mutex>
+
+namespace Basalt {
+
+class SymbolRegistry {
+public:
+    SymbolRegistry();
+    ~SymbolRegistry();
+    SymbolRegistry(const SymbolRegistry&) = delete;
+    SymbolRegistry& operator=(const SymbolRegistry&) = delete;
+
+    // Binds name and symbol, replacing any earlier binding of either; later symbols
+    // from lookupOrDefine stay above it. Symbol 0 is refused. True when the table
+    // changed.
+    bool define(const QByteArray& name, uint32_t symbol);
+    // The symbol of a name, 0 when unknown.
+    uint32_t lookup(const QByteArray& name) const;
+    // The name of a symbol; a null array when unknown.
+    QByteArray lookup(uint32_t symbol) const;
+    uint32_t lookupOrDefine(const QByteArray& name);
+    int size() const;
+
+private:
+    mutable std::mutex mutex;
+    QHash<QByteArray, uint32_t> byName;
+    QHash<uint32_t, QByteArray> bySymbol;
+    uint32_t next = 1;
+};
+
+} // namespace Basalt

@@ -1,0 +1,62 @@
+// A blocking TCP stream socket (IPv4, POSIX). One thread reads while another writes;
+// close() may be called from any thread and unblocks a reader or writer at once.
+// Byte counters are atomic.
+#pragma once
+
+#include <QString>
+
+#include <atomic>
+
+namespace Basalt {
+
+class TCPSocket {
+public:
+    TCPSocket();
+    // Takes ownership of a connected descriptor (used by TCPServerSocket::accept).
+    explicit TCPSocket(int connectedFd);
+    virtual ~TCPSocket();
+    TCPSocket(const TCPSocket&) = delete;
+    TCPSocket& operator=(const TCPSocket&) = delete;
+
+    // Connects to host:port (a name or dotted address); 0 on success, -1 on failure.
+    // Reopening a socket first releases the previous descriptor.
+    int open(const char* host, int port);
+
+    // Reads up to `bytes` bytes. With waitAll false it returns what is there as soon as
+    // something arrived; with waitAll true it keeps reading until `bytes` arrived or
+    // the stream failed, and returns the count read. Returns 0 at end of stream and
+    // -1 on a failure or on a closed socket (a short count with waitAll true means the
+    // stream ended in between).
+    int read(void* buffer, int bytes, bool waitAll = false);
+    // Writes all `bytes` bytes; returns the count written, less on failure. Never
+    // raises SIGPIPE.
+    int write(const void* data, int bytes);
+
+    bool isOpen() const;
+    // The peer closed its end, or the socket failed.
+    bool isHungUp() const;
+    // Waits up to `ms` milliseconds for input (or end of stream); true when a read
+    // would not block.
+    bool isPendingInput(unsigned int ms);
+    // Shuts the connection down so that blocked calls return; the descriptor itself is
+    // released by the destructor or the next open(). True when it was open.
+    bool close();
+
+    unsigned long rxBytes() const { return rx.load(); }
+    unsigned long txBytes() const { return tx.load(); }
+
+    // Local and peer port of an open socket (0 when unknown).
+    int localPort() const;
+    int peerPort() const;
+    QString peerAddress() const;
+
+private:
+    void release();
+
+    std::atomic<int> fd{-1};
+    std::atomic<bool> open_{false};
+    std::atomic<unsigned long> rx{0};
+    std::atomic<unsigned long> tx{0};
+};
+
+} // namespace Basalt
