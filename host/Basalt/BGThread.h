@@ -1,6 +1,6 @@
 // The process-wide pool of background worker threads that runs Tasks, now or at a
-// time from now; due tasks run by priority (higher first), then in order of arrival.
-// Thread-safe.
+// time from now; due tasks run by priority (higher first), then in the order they came
+// due (then of arrival). A task never runs on two workers at once. Thread-safe.
 #pragma once
 
 #include <memory>
@@ -8,10 +8,13 @@
 namespace Basalt {
 
 class Task;
+struct BGThreadCore;
 
 class BGThread {
 public:
-    // The shared pool, made on first use with a few workers.
+    // The shared pool, made on first use with a few workers. It lives until the
+    // process exits, where it cancels waiting tasks and joins its workers; after that
+    // (from later static destructors) this returns null.
     static std::shared_ptr<BGThread> instance();
 
     explicit BGThread(int workers);
@@ -20,7 +23,8 @@ public:
     BGThread& operator=(const BGThread&) = delete;
 
     // Runs the task `delaySeconds` from now (0: as soon as a worker is free). A task
-    // that is already waiting is moved to the new time.
+    // that is already waiting is moved to the new time (and from another pool to this
+    // one). A task added while the pool shuts down is canceled.
     void add(const std::shared_ptr<Task>& task, double delaySeconds = 0.0);
     // Drops the task if it is waiting; true when it was.
     bool cancel(const std::shared_ptr<Task>& task);
@@ -30,6 +34,7 @@ public:
     bool isWorkerThread() const;
 
 private:
+    friend struct BGThreadCore;
     struct Impl;
     std::unique_ptr<Impl> impl;
 };

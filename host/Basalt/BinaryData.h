@@ -60,6 +60,7 @@ public:
     // Reads `size` bytes of external memory in place, without copying; the memory must
     // outlive this object or the next write, which first copies it. Position 0.
     void linkTo(void* data, int size);
+    // Reserves room for `bytes` more bytes (ignored beyond what a buffer can hold).
     void ensure(uint64_t bytes);
     // Appends the other buffer's bytes (all of them, whatever its position).
     void append(const BinaryData& other);
@@ -95,7 +96,8 @@ public:
     bool readString(QByteArray& out);
     bool readString(QString& out);
     // Reads a blob item of at most `size` bytes into `data`; fails (nothing copied)
-    // when the item is longer. lastBlobSize() then tells how many bytes were copied.
+    // when the item is longer. lastBlobSize() then tells how many bytes were copied
+    // (0 after a failure).
     bool readBlob(void* data, int size);
     bool readBlob(QByteArray& out);
     int lastBlobSize() const { return lastBlob; }
@@ -113,6 +115,7 @@ public:
     // Drops every byte and rewinds.
     void clear();
 
+    // Same bytes; positions are not compared.
     bool operator==(const BinaryData& other) const;
     bool operator!=(const BinaryData& other) const { return !(*this == other); }
 

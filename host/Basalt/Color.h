@@ -28,12 +28,16 @@ struct ColorPMA {
 
     ColorPMA() = default;
     ColorPMA(float r, float g, float b, float a) : r(r), g(g), b(b), a(a) {}
-    static ColorPMA fromColor(const Color& c) { return ColorPMA(c.r * c.a, c.g * c.a, c.b * c.a, c.a); }
+    static ColorPMA fromColor(const Color& c) {
+        return ColorPMA(c.r * c.a, c.g * c.a, c.b * c.a, c.a);
+    }
 
     bool set(const QByteArray& text); // same forms as Color::set, taken as premultiplied
     QByteArray toString() const;
 
-    bool operator==(const ColorPMA& o) const { return r == o.r && g == o.g && b == o.b && a == o.a; }
+    bool operator==(const ColorPMA& o) const {
+        return r == o.r && g == o.g && b == o.b && a == o.a;
+    }
     bool operator!=(const ColorPMA& o) const { return !(*this == o); }
 };
 

@@ -1,6 +1,7 @@
 // A two-dimensional grid of bytes, row by row with no row padding. A value type.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 

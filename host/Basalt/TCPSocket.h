@@ -42,6 +42,7 @@ public:
     // released by the destructor or the next open(). True when it was open.
     bool close();
 
+    // Bytes actually read and written since construction.
     unsigned long rxBytes() const { return rx.load(); }
     unsigned long txBytes() const { return tx.load(); }
 
@@ -55,6 +56,7 @@ private:
 
     std::atomic<int> fd{-1};
     std::atomic<bool> open_{false};
+    std::atomic<bool> hungUp{false};
     std::atomic<unsigned long> rx{0};
     std::atomic<unsigned long> tx{0};
 };

@@ -13,6 +13,7 @@
 namespace Basalt {
 
 class BGThread;
+struct BGThreadCore;
 
 class Task : public std::enable_shared_from_this<Task> {
 public:
@@ -21,10 +22,13 @@ public:
     Task(const Task&) = delete;
     Task& operator=(const Task&) = delete;
 
-    // Queues the task on the shared background thread to run as soon as a worker is
-    // free. With wait true, returns only after that run (never call it from a worker).
+    // Queues the task to run as soon as a worker is free: on the pool it already waits
+    // or runs in, else on the shared background thread. With wait true, returns only
+    // after that run and its finished() (or its cancellation); a worker of the same
+    // pool does not wait, as that could starve the pool.
     void runNow(bool wait = false);
-    // (Re)schedules the task `seconds` from now; inside doTask this keeps it alive.
+    // (Re)schedules the task `seconds` from now (on the same pool as runNow); inside
+    // doTask this keeps it alive.
     void scheduleFromNowSecs(double seconds);
     // Drops a waiting run; canceled() follows. A run in progress is not interrupted.
     void cancel();
@@ -42,12 +46,16 @@ protected:
 
 private:
     friend class BGThread;
+    friend struct BGThreadCore;
     float prio;
     std::atomic<bool> scheduled{false};
-    std::atomic<bool> rescheduled{false};
+    std::atomic<bool> rescheduled{false}; // scheduled again during the current run
     std::atomic<bool> initialized{false};
     std::atomic<bool> done{false};
-    std::atomic<uint64_t> generation{0};
+    std::atomic<uint64_t> generation{0}; // runs started
+    uint64_t completedRuns = 0;          // guarded by the pool's mutex
+    // The pool the task waits or runs in; guarded by a process-wide lock in BGThread.
+    std::weak_ptr<BGThreadCore> home;
 };
 
 class FunctionTask : public Task {

@@ -22,8 +22,9 @@ public:
     // Starts a new thread that calls childLoop() once. Does nothing while running.
     void run();
     bool isRunning() const;
-    // Waits up to `ms` milliseconds for the thread to end; true when it has ended (or
-    // never started). Called on the thread itself it returns false at once.
+    // Waits up to `ms` milliseconds (a negative value: without limit) for the thread to
+    // end; true when it has ended (or never started). Called on the thread itself it
+    // returns false at once.
     bool waitEnd(int ms);
     const QString& threadName() const { return name; }
     // True on the thread that this object runs.

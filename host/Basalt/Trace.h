@@ -11,6 +11,7 @@
 #include <QString>
 
 #include <cstdarg>
+#include <memory>
 
 namespace Basalt {
 
@@ -59,7 +60,7 @@ private:
     friend class Trace;
     void append(Trace::Level level, const QString& text);
     struct Impl;
-    Impl* impl; // owned
+    std::unique_ptr<Impl> impl;
 };
 
 } // namespace Basalt

@@ -1,0 +1,244 @@
+#include "Basalt/BinaryData.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+
+using Basalt::BinaryData;
+
+namespace {
+
+QByteArray hex(const char* text) {
+    return QByteArray::fromHex(text);
+}
+
+} // namespace
+
+TEST(BinaryData, ItemsHaveTheDocumentedBytes) {
+    BinaryData d;
+    d.writeInt32(0x11223344);
+    EXPECT_EQ(d.toByteArray(), hex("01000000 44332211"));
+    EXPECT_EQ(d.size(), 8);
+
+    struct Case {
+        std::function<void(BinaryData&)> write;
+        QByteArray bytes;
+    };
+    const Case cases[] = {
+        {[](BinaryData& b) { b.writeInt32(-1); }, hex("01000000 ffffffff")},
+        {[](BinaryData& b) { b.writeInt64(-2); }, hex("02000000 feffffffffffffff")},
+        {[](BinaryData& b) { b.writeFloat32(1.0f); }, hex("03000000 0000803f")},
+        {[](BinaryData& b) { b.writeFloat64(-2.0); }, hex("04000000 00000000000000c0")},
+        {[](BinaryData& b) { b.writeString(QString::fromUtf8("h\xc3\xa9!")); },
+         hex("05000000 04000000 68c3a921")},
+        {[](BinaryData& b) { b.write(QByteArray("ab")); }, hex("05000000 02000000 6162")},
+        {[](BinaryData& b) { b.write(QByteArray()); }, hex("05000000 00000000")},
+        {[](BinaryData& b) { b.writeBlob("\xde\xad\xbe", 3); }, hex("06000000 03000000 deadbe")},
+        {[](BinaryData& b) { b.writeTimeStamp(Basalt::TimeStamp(0x0102030405060708)); },
+         hex("07000000 0807060504030201")},
+        {[](BinaryData& b) {
+             b.writeVector2Float32({1.0f, -2.0f});
+         },
+         hex("08000000 0000803f 000000c0")},
+        {[](BinaryData& b) {
+             b.writeVector2Int32({1, -1});
+         },
+         hex("09000000 01000000 ffffffff")},
+        {[](BinaryData& b) {
+             b.writeVector3Float32({0.0f, 1.0f, 0.5f});
+         },
+         hex("0a000000 00000000 0000803f 0000003f")},
+        {[](BinaryData& b) {
+             b.writeVector3Int32({1, 2, 3});
+         },
+         hex("0b000000 01000000 02000000 03000000")},
+        {[](BinaryData& b) {
+             b.writeVector4Float32({1.0f, 1.0f, 1.0f, 2.0f});
+         },
+         hex("0c000000 0000803f 0000803f 0000803f 00000040")},
+        {[](BinaryData& b) {
+             b.writeVector4Int32({5, 6, 7, -8});
+         },
+         hex("0d000000 05000000 06000000 07000000 f8ffffff")},
+    };
+    for (const Case& c : cases) {
+        BinaryData b;
+        c.write(b);
+        EXPECT_EQ(b.toByteArray().toHex(), c.bytes.toHex());
+    }
+}
+
+TEST(BinaryData, ReadsBackWhatWasWrittenInOrder) {
+    BinaryData d;
+    d.writeInt32(-7);
+    d.writeInt64(int64_t(1) << 40);
+    d.writeFloat32(0.25f);
+    d.writeFloat64(1e300);
+    d.writeString(QString::fromUtf8("gr\xc3\xbc\xc3\x9f"));
+    d.writeBlob("\0\1\2", 3);
+    d.writeTimeStamp(Basalt::TimeStamp(42));
+    d.writeVector2Float32({1.5f, 2.5f});
+    d.writeVector2Int32({-1, 1});
+    d.writeVector3Float32({1, 2, 3});
+    d.writeVector3Int32({4, 5, 6});
+    d.writeVector4Float32({1, 2, 3, 4});
+    d.writeVector4Int32({-4, -3, -2, -1});
+
+    bool ok = false;
+    EXPECT_EQ(d.peekTag(), uint32_t(BinaryData::TagInt32));
+    EXPECT_EQ(d.readInt32(&ok), -7);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(d.readInt64(&ok), int64_t(1) << 40);
+    EXPECT_EQ(d.readFloat32(&ok), 0.25f);
+    EXPECT_EQ(d.readFloat64(&ok), 1e300);
+    QString text;
+    EXPECT_TRUE(d.readString(text));
+    EXPECT_EQ(text, QString::fromUtf8("gr\xc3\xbc\xc3\x9f"));
+    QByteArray blob;
+    EXPECT_TRUE(d.readBlob(blob));
+    EXPECT_EQ(blob, QByteArray("\0\1\2", 3));
+    EXPECT_EQ(d.lastBlobSize(), 3);
+    EXPECT_EQ(d.readTimeStamp(&ok).value(), 42);
+    EXPECT_EQ(d.readVector2Float32(&ok), Quant::Vector2f(1.5f, 2.5f));
+    EXPECT_EQ(d.readVector2Int32(&ok), Quant::Vector2i(-1, 1));
+    EXPECT_EQ(d.readVector3Float32(&ok), Quant::Vector3f(1, 2, 3));
+    EXPECT_EQ(d.readVector3Int32(&ok), Quant::Vector3i(4, 5, 6));
+    EXPECT_EQ(d.readVector4Float32(&ok), Quant::Vector4f(1, 2, 3, 4));
+    EXPECT_EQ(d.readVector4Int32(&ok), Quant::Vector4i(-4, -3, -2, -1));
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(d.atEnd());
+    EXPECT_EQ(d.peekTag(), 0u);
+
+    // Reading past the end fails like any other mismatch.
+    EXPECT_EQ(d.readInt32(&ok), 0);
+    EXPECT_FALSE(ok);
+}
+
+TEST(BinaryData, MismatchOrTruncationFailsAndKeepsThePosition) {
+    BinaryData d;
+    d.writeInt32(5);
+    bool ok = true;
+    EXPECT_EQ(d.readInt64(&ok), 0);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(d.readFloat32(&ok), 0.0f);
+    EXPECT_FALSE(ok);
+    QByteArray bytes;
+    EXPECT_FALSE(d.readString(bytes));
+    EXPECT_FALSE(d.readBlob(bytes));
+    EXPECT_EQ(d.readVector2Int32(&ok), Quant::Vector2i());
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(d.position(), 0);
+    EXPECT_EQ(d.readInt32(&ok), 5); // the item is still there
+    EXPECT_TRUE(ok);
+
+    // Every strict prefix of an item fails to read, without moving.
+    BinaryData full;
+    full.writeString(QStringLiteral("truncated"));
+    full.writeInt64(9);
+    const QByteArray string = full.toByteArray().left(8 + 9);
+    for (int cut = 0; cut < string.size(); ++cut) {
+        BinaryData part = BinaryData::fromByteArray(string.left(cut));
+        QString text = QStringLiteral("unchanged");
+        EXPECT_FALSE(part.readString(text)) << cut;
+        EXPECT_EQ(text, QStringLiteral("unchanged"));
+        EXPECT_EQ(part.position(), 0);
+    }
+    const QByteArray int64 = full.toByteArray().mid(string.size());
+    for (int cut = 0; cut < int64.size(); ++cut) {
+        BinaryData part = BinaryData::fromByteArray(int64.left(cut));
+        EXPECT_EQ(part.readInt64(&ok), 0);
+        EXPECT_FALSE(ok) << cut;
+        EXPECT_EQ(part.position(), 0);
+    }
+}
+
+TEST(BinaryData, HostileCountsAreRefusedBeforeAllocating) {
+    // A string that claims 4 GiB - 1, a blob that claims 2 GiB - 1, and one that claims
+    // a byte more than is there: none may be read, none may allocate its claim.
+    for (const QByteArray& bytes : {hex("05000000 ffffffff 616263"), hex("06000000 ffffff7f 00"),
+                                    hex("06000000 04000000 010203")}) {
+        BinaryData d = BinaryData::fromByteArray(bytes);
+        QByteArray out("kept");
+        EXPECT_FALSE(bytes[0] == 5 ? d.readString(out) : d.readBlob(out));
+        EXPECT_EQ(out, QByteArray("kept"));
+        char small[16];
+        EXPECT_FALSE(d.readBlob(small, sizeof small));
+        EXPECT_EQ(d.position(), 0);
+    }
+
+    // A blob longer than the caller's buffer is not copied at all.
+    BinaryData d;
+    d.writeBlob("abcdef", 6);
+    char buffer[4] = {'x', 'x', 'x', 'x'};
+    EXPECT_FALSE(d.readBlob(buffer, 4));
+    EXPECT_EQ(d.lastBlobSize(), 0);
+    EXPECT_EQ(std::memcmp(buffer, "xxxx", 4), 0);
+    EXPECT_EQ(d.position(), 0);
+    char big[8] = {};
+    EXPECT_TRUE(d.readBlob(big, 8));
+    EXPECT_EQ(d.lastBlobSize(), 6);
+    EXPECT_EQ(std::memcmp(big, "abcdef", 6), 0);
+}
+
+TEST(BinaryData, LinkedMemoryIsReadInPlaceAndCopiedOnWrite) {
+    BinaryData source;
+    source.writeInt32(77);
+    QByteArray external = source.toByteArray();
+    char* memory = external.data();
+
+    BinaryData linked;
+    linked.linkTo(memory, external.size());
+    EXPECT_EQ(linked.constData(), memory); // no copy
+    BinaryData copy(linked);
+    EXPECT_NE(copy.constData(), memory); // copies own their bytes
+
+    bool ok = false;
+    EXPECT_EQ(linked.readInt32(&ok), 77);
+    EXPECT_TRUE(ok);
+
+    linked.writeInt32(1);
+    EXPECT_NE(linked.constData(), memory);
+    EXPECT_EQ(external, source.toByteArray()); // the external memory was not written
+    EXPECT_EQ(linked.size(), 16);
+    EXPECT_EQ(linked.position(), 8);
+    EXPECT_EQ(linked.readInt32(&ok), 1);
+
+    // The copy survives changes to the memory it came from.
+    memory[4] = 0;
+    EXPECT_EQ(copy.readInt32(&ok), 77);
+}
+
+TEST(BinaryData, AppendCopyCompareSeekAndClear) {
+    BinaryData a;
+    a.writeInt32(1);
+    BinaryData b;
+    b.writeInt32(2);
+    b.readInt32(); // the position of the appended buffer does not matter
+    a.append(b);
+    a.append(a);
+    EXPECT_EQ(a.size(), 32);
+    EXPECT_EQ(a.toByteArray(), hex("01000000 01000000 01000000 02000000 01000000 01000000 "
+                                   "01000000 02000000"));
+
+    BinaryData c(a);
+    EXPECT_TRUE(c == a);
+    c.writeInt32(3);
+    EXPECT_TRUE(c != a);
+    EXPECT_EQ(a.size(), 32); // the copy did not share its growth
+
+    EXPECT_TRUE(a.seek(24));
+    EXPECT_EQ(a.readInt32(), 2);
+    EXPECT_FALSE(a.seek(33));
+    EXPECT_FALSE(a.seek(-1));
+    EXPECT_EQ(a.position(), 32);
+    a.rewind();
+    EXPECT_EQ(a.remaining(), 32);
+
+    a.ensure(1000);
+    EXPECT_EQ(a.size(), 32);
+    a.clear();
+    EXPECT_EQ(a.size(), 0);
+    EXPECT_TRUE(a.atEnd());
+    EXPECT_TRUE(a == BinaryData());
+}

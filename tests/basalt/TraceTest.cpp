@@ -1,0 +1,146 @@
+#include "Basalt/Trace.h"
+
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QTemporaryFile>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+using Basalt::Trace;
+using Basalt::TraceCapture;
+
+namespace {
+
+// Restores the stderr threshold that a test changed.
+struct ThresholdScope {
+    Trace::Level saved = Trace::threshold();
+    ~ThresholdScope() { Trace::setThreshold(saved); }
+};
+
+// Sends file descriptor 2 to a temporary file while it lives.
+class StderrToFile {
+public:
+    StderrToFile() {
+        file.open();
+        std::fflush(stderr);
+        saved = ::dup(2);
+        ::dup2(file.handle(), 2);
+    }
+    ~StderrToFile() { restore(); }
+    QByteArray take() {
+        restore();
+        QFile in(file.fileName());
+        in.open(QIODevice::ReadOnly);
+        return in.readAll();
+    }
+
+private:
+    void restore() {
+        if (saved < 0)
+            return;
+        std::fflush(stderr);
+        ::dup2(saved, 2);
+        ::close(saved);
+        saved = -1;
+    }
+    QTemporaryFile file;
+    int saved = -1;
+};
+
+} // namespace
+
+TEST(Trace, CaptureSeesEveryLevelFormattedAsOneLine) {
+    ThresholdScope scope;
+    Trace::setThreshold(Trace::Off);
+    TraceCapture capture;
+    Trace::debug("Probe::debug # %d %s", 1, "one");
+    Trace::info("Probe::info # %05.1f", 2.5);
+    Trace::warning("Probe::warning # %c%%", 'x');
+    Trace::error("Probe::error # trailing line end\n");
+    const QList<Basalt::TraceLine> lines = capture.lines();
+    ASSERT_EQ(lines.size(), 4) << capture.dump().toStdString();
+    EXPECT_EQ(lines[0].level, Trace::Debug);
+    EXPECT_EQ(lines[0].text, QStringLiteral("Probe::debug # 1 one"));
+    EXPECT_EQ(lines[1].level, Trace::Info);
+    EXPECT_EQ(lines[1].text, QStringLiteral("Probe::info # 002.5"));
+    EXPECT_EQ(lines[2].text, QStringLiteral("Probe::warning # x%"));
+    EXPECT_EQ(lines[3].level, Trace::Error);
+    EXPECT_EQ(lines[3].text, QStringLiteral("Probe::error # trailing line end"));
+
+    EXPECT_EQ(capture.count("Probe::"), 4);
+    EXPECT_EQ(capture.count("Probe::", Trace::Info), 1);
+    EXPECT_TRUE(capture.contains("x%", Trace::Warning));
+    EXPECT_FALSE(capture.contains("x%", Trace::Error));
+    EXPECT_TRUE(capture.dump().contains("[error] Probe::error # trailing line end"));
+
+    // Long lines are not cut.
+    const QByteArray longText(5000, 'L');
+    Trace::info("%s|end", longText.constData());
+    EXPECT_EQ(capture.lines().last().text, QString::fromLatin1(longText + "|end"));
+
+    capture.clear();
+    EXPECT_TRUE(capture.lines().isEmpty());
+}
+
+TEST(Trace, CapturesNest) {
+    TraceCapture outer;
+    Trace::info("first");
+    {
+        TraceCapture inner;
+        Trace::info("second");
+        EXPECT_EQ(inner.lines().size(), 1);
+        EXPECT_TRUE(inner.contains("second"));
+    }
+    Trace::info("third");
+    EXPECT_EQ(outer.lines().size(), 3);
+}
+
+TEST(Trace, LinesFromManyThreadsStayWhole) {
+    TraceCapture capture;
+    const int threads = 4, perThread = 300;
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t)
+        workers.emplace_back([t] {
+            for (int i = 0; i < perThread; ++i)
+                Trace::debug("Worker::run # thread %d line %d", t, i);
+        });
+    for (auto& w : workers)
+        w.join();
+    const QList<Basalt::TraceLine> lines = capture.lines();
+    ASSERT_EQ(lines.size(), threads * perThread);
+    std::vector<int> next(threads, 0);
+    for (const Basalt::TraceLine& line : lines) {
+        const QStringList words = line.text.split(' ');
+        ASSERT_EQ(words.size(), 6) << line.text.toStdString();
+        const int t = words[3].toInt();
+        // Each thread's lines arrive whole and in its own order.
+        EXPECT_EQ(words[5].toInt(), next[size_t(t)]++);
+    }
+}
+
+TEST(Trace, ThresholdFiltersStandardErrorOnly) {
+    ThresholdScope scope;
+    TraceCapture capture;
+    Trace::setThreshold(Trace::Warning);
+    EXPECT_EQ(Trace::threshold(), Trace::Warning);
+    StderrToFile redirect;
+    Trace::info("below-threshold");
+    Trace::warning("at-threshold");
+    Trace::error("above-threshold");
+    Trace::setThreshold(Trace::Off);
+    Trace::error("everything-off");
+    const QByteArray out = redirect.take();
+    EXPECT_FALSE(out.contains("below-threshold"));
+    EXPECT_TRUE(out.contains("[warning] at-threshold\n"));
+    EXPECT_TRUE(out.contains("[error] above-threshold\n"));
+    EXPECT_FALSE(out.contains("everything-off"));
+    EXPECT_EQ(capture.lines().size(), 4); // the capture sees them all
+
+    EXPECT_STREQ(Trace::levelName(Trace::Debug), "debug");
+    EXPECT_STREQ(Trace::levelName(Trace::Off), "off");
+}
