@@ -7,7 +7,8 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=$(nproc 2>/dev/null || echo 2)
 
-bash scripts/deps.sh
+# clang and its runtime build the libFuzzer targets.
+bash scripts/deps.sh clang libclang-rt-14-dev
 
 run_suite() {
   local dir=$1; shift
