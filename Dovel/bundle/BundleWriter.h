@@ -1,0 +1,88 @@
+// Appending items to a bundle: BundleWriterCore writes into a BundleCore that it does
+// not own (the bundle must outlive the writer); BundleWriter is the form senders use.
+// Every append starts on a 4-byte boundary as long as every earlier item was written
+// through these operations. One thread at a time.
+#pragma once
+
+#include "Dovel/bundle/Bundle.h"
+
+#include <QString>
+
+#include <cstdint>
+#include <cstring>
+
+namespace Dovel {
+
+class BundleWriterCore {
+public:
+    explicit BundleWriterCore(BundleCore& bundle) : target(&bundle) {}
+
+    BundleCore& bundle() const { return *target; }
+
+    // Appends n bytes and zero padding up to align4(n); n = 0 appends nothing. `data`
+    // must not point into this bundle's packet.
+    void writeData(const void* data, uint32_t n) {
+        if (n == 0)
+            return;
+        QByteArray& bytes = target->mutablePacket();
+        const int old = bytes.size();
+        const uint32_t padded = Bundle::align4(n);
+        bytes.resize(old + int(padded));
+        char* at = bytes.data() + old;
+        std::memcpy(at, data, n);
+        for (uint32_t i = n; i < padded; ++i)
+            at[i] = 0;
+    }
+    // Overwrites n bytes at `pos` inside the packet; never grows it, never pads. Throws
+    // std::out_of_range when pos + n passes the packet size.
+    void writeDataAt(uint32_t pos, const void* data, uint32_t n);
+    // The packet size: where the next item goes.
+    uint32_t pos() const { return target->size(); }
+    // Empties the packet, header included.
+    void rewind() { target->mutablePacket().resize(0); }
+
+    // Typed items. Words are little-endian; a 64-bit value is 8 bytes.
+    void writeUInt32(uint32_t v) { appendRaw(&v, 4); }
+    void writeInt32(int32_t v) { writeUInt32(uint32_t(v)); }
+    void writeUInt64(uint64_t v) { appendRaw(&v, 8); }
+    void writeInt64(int64_t v) { writeUInt64(uint64_t(v)); }
+    void writeFloat(float v) { appendRaw(&v, 4); }
+    void writeDouble(double v) { appendRaw(&v, 8); }
+    // A data block of sizeof(T) bytes, padded to 4. T must be trivially copyable.
+    template <typename T> void writeValue(const T& v) {
+        writeData(static_cast<const void*>(&v), uint32_t(sizeof(T)));
+    }
+    // A u32 byte count, then the bytes, padded to 4.
+    void writeBytes(const QByteArray& bytes) {
+        writeUInt32(uint32_t(bytes.size()));
+        writeData(bytes.constData(), uint32_t(bytes.size()));
+    }
+    // The UTF-8 form of `text` as writeBytes does.
+    void writeString(const QString& text) { writeBytes(text.toUtf8()); }
+
+    // A length-prefixed section: beginSection() appends a placeholder word and returns
+    // its position; endSection(start) stores there the byte count written after it.
+    uint32_t beginSection() {
+        const uint32_t start = pos();
+        writeUInt32(0);
+        return start;
+    }
+    void endSection(uint32_t start) {
+        const uint32_t length = pos() - start - 4;
+        writeDataAt(start, &length, 4);
+    }
+
+private:
+    void appendRaw(const void* data, int n) {
+        target->mutablePacket().append(static_cast<const char*>(data), n);
+    }
+
+    BundleCore* target; // not owned
+};
+
+class BundleWriter : public BundleWriterCore {
+public:
+    explicit BundleWriter(BundleCore& bundle) : BundleWriterCore(bundle) {}
+};
+
+} // namespace Dovel

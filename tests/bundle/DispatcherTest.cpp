@@ -1,0 +1,237 @@
+// Routing by message type, module binding, the output pass, and two sessions wired
+// back to back.
+#include "BundleTestUtil.h"
+
+#include "Dovel/bundle/SymbolRegistryReceiver.h"
+
+#include "Basalt/SymbolRegistry.h"
+#include "Basalt/Trace.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+using namespace Dovel;
+using BundleTest::Bytes;
+using BundleTest::packet;
+using BundleTest::RecordingReceiver;
+using BundleTest::TestSender;
+
+namespace {
+
+void dispatch(BundleDispatcher& d, const Bundle& b) {
+    BundleReader r(b);
+    d.dispatchBundle(r);
+}
+
+std::vector<Bundle> pass(BundleDispatcher& d) {
+    std::vector<Bundle> out;
+    d.writeUpdates(out);
+    return out;
+}
+
+} // namespace
+
+TEST(Dispatcher, UnknownTypesAndLastReceived) {
+    Basalt::TraceCapture capture;
+    BundleDispatcher d;
+    EXPECT_EQ(d.lastReceivedSequence(), 0u);
+    EXPECT_EQ(d.outputSequence(), 1u);
+    const char* const unknown9 = "BundleDispatcher::dispatchBundle # Unknown bundle type 9";
+
+    dispatch(d, Bundle(packet(9, 5, 0, Bytes().word(1).data())));
+    EXPECT_EQ(capture.count(unknown9, Basalt::Trace::Warning), 1);
+    EXPECT_EQ(d.lastReceivedSequence(), 5u);
+    dispatch(d, Bundle(packet(9, 6, 0, {})));
+    EXPECT_EQ(capture.count(unknown9), 1);   // once per type
+    EXPECT_EQ(d.lastReceivedSequence(), 6u); // dropped bundles still count
+    dispatch(d, Bundle(packet(10, 7, 0, {})));
+    EXPECT_EQ(capture.count("BundleDispatcher::dispatchBundle # Unknown bundle type 10"), 1);
+    EXPECT_EQ(capture.lines().size(), 2);
+    EXPECT_EQ(d.lastReceivedSequence(), 7u);
+
+    // The null entry of a reported type does not block binding it later.
+    auto news = std::make_shared<RecordingReceiver>(ModuleNames::AttributeNew);
+    d.addModule(news);
+    d.loadModule(9, QStringLiteral("Quillon.Dovel.AttributeNew"), {});
+    dispatch(d, Bundle(packet(9, 8, 0, Bytes().str("abc").data())));
+    ASSERT_EQ(news->payloads.size(), 1u);
+    EXPECT_EQ(news->payloads[0], Bytes().str("abc").data());
+    EXPECT_EQ(d.lastReceivedSequence(), 8u);
+
+    // A receiver that throws: the exception passes through, the bundle is not counted.
+    news->throwOnBundle = true;
+    EXPECT_THROW(dispatch(d, Bundle(packet(9, 9, 0, {}))), std::invalid_argument);
+    EXPECT_EQ(d.lastReceivedSequence(), 8u);
+
+    // Output carries the last received number in header word 3.
+    const std::vector<Bundle> out = pass(d);
+    ASSERT_FALSE(out.empty());
+    EXPECT_EQ(out[0].headerWord(3), 8u);
+}
+
+TEST(Dispatcher, LoadModuleReplies) {
+    BundleDispatcher d;
+    auto news = std::make_shared<RecordingReceiver>(ModuleNames::AttributeNew);
+    auto updates = std::make_shared<RecordingReceiver>(ModuleNames::AttributeUpdate);
+    d.addModule(news);
+    d.addModule(updates);
+    pass(d);
+
+    const QMap<QString, QString> params{{QStringLiteral("p"), QStringLiteral("1")}};
+    const QString newName = QStringLiteral("Quillon.Dovel.AttributeNew");
+    d.loadModule(7, newName, params);
+    d.loadModule(7, newName, {});
+    d.loadModule(8, newName, {});
+    d.loadModule(7, QStringLiteral("Quillon.Dovel.AttributeUpdate"), {});
+    d.loadModule(7, QStringLiteral("Never.Offered"), {});
+    d.loadModule(0, QStringLiteral("Quillon.Dovel.AttributeUpdate"), {});
+    d.loadModule(0, QStringLiteral("Quillon.Dovel.Handshake"), {});
+    d.loadModule(8, QStringLiteral("Never.Offered"), {});
+    d.loadModule(8, QStringLiteral("Quillon.Dovel.AttributeUpdate"), {});
+
+    ASSERT_EQ(news->loadedParams.size(), 2u); // bound, then re-bound
+    EXPECT_EQ(news->loadedParams[0], params);
+    EXPECT_TRUE(news->loadedParams[1].isEmpty());
+    EXPECT_EQ(updates->loadedParams.size(), 1u);
+
+    const QByteArray expected =
+        BundleTest::reply(108, "ok", "Quillon.Dovel.AttributeNew", "Module loaded successfully") +
+        BundleTest::reply(108, "ok", "Quillon.Dovel.AttributeNew", "Module reloaded successfully") +
+        BundleTest::reply(136, "error", "Quillon.Dovel.AttributeNew",
+                          "Tried to reload module with different message type") +
+        BundleTest::reply(116, "error", "Quillon.Dovel.AttributeUpdate",
+                          "Message type already in use") +
+        BundleTest::reply(100, "error", "Never.Offered", "Message type already in use") +
+        BundleTest::reply(104, "error", "Quillon.Dovel.AttributeUpdate", "Not implemented") +
+        BundleTest::reply(104, "ok", "Quillon.Dovel.Handshake", "Module reloaded successfully") +
+        BundleTest::reply(88, "error", "Never.Offered", "Module not found") +
+        BundleTest::reply(112, "ok", "Quillon.Dovel.AttributeUpdate", "Module loaded successfully");
+    const std::vector<Bundle> out = pass(d);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].packet().toHex(), packet(0, 2, 0, expected).toHex());
+
+    // Bound modules receive their own types only.
+    dispatch(d, Bundle(packet(7, 1, 0, Bytes().word(70).data())));
+    dispatch(d, Bundle(packet(8, 2, 0, Bytes().word(80).data())));
+    ASSERT_EQ(news->payloads.size(), 1u);
+    ASSERT_EQ(updates->payloads.size(), 1u);
+    EXPECT_EQ(news->payloads[0], Bytes().word(70).data());
+    EXPECT_EQ(updates->payloads[0], Bytes().word(80).data());
+}
+
+TEST(Dispatcher, SequenceGrowsPerBundleAndSymbolPayload) {
+    BundleDispatcher d;
+    auto sender = std::make_shared<TestSender>();
+    d.addSender(sender);
+    pass(d);
+    EXPECT_EQ(d.outputSequence(), 2u);
+    dispatch(d, Bundle(packet(77, 41, 0, {}))); // something received, to be acknowledged
+
+    sender->symbols = {{7, "root/a"}, {9, "root/bcde"}};
+    sender->updates = {Bytes().word(7).word(1).data(), Bytes().word(9).word(2).data()};
+    const std::vector<Bundle> out = pass(d);
+    ASSERT_EQ(out.size(), 3u);
+    EXPECT_EQ(d.outputSequence(), 5u);
+    EXPECT_EQ(out[0].packet().toHex(), QByteArray::fromHex("24000000" // 36 payload bytes
+                                                           "01000000" // symbol registry type
+                                                           "02000000" // sequence
+                                                           "29000000" // acknowledged: 41
+                                                           "07000000"
+                                                           "06000000"
+                                                           "726f6f742f610000" // root/a
+                                                           "09000000"
+                                                           "09000000"
+                                                           "726f6f742f62636465000000") // root/bcde
+                                           .toHex());
+    EXPECT_EQ(out[1].packet(), packet(3, 3, 41, Bytes().word(7).word(1).data()));
+    EXPECT_EQ(out[2].packet(), packet(3, 4, 41, Bytes().word(9).word(2).data()));
+}
+
+namespace {
+
+// One side of a session: the symbol module, recorders for the attribute modules and a
+// sender that asks for all four attribute types.
+struct Side {
+    explicit Side(bool resolveEventFirst) {
+        // The other side numbers its types in another order; numbers are per side.
+        if (resolveEventFirst)
+            dispatcher.resolveMessageType(ModuleNames::OneWayEvent);
+        dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(registry));
+        for (const char* name : {ModuleNames::AttributeNew, ModuleNames::AttributeUpdate,
+                                 ModuleNames::AttributeRemove, ModuleNames::OneWayEvent}) {
+            recorders.push_back(std::make_shared<RecordingReceiver>(name));
+            dispatcher.addModule(recorders.back());
+        }
+        dispatcher.addSender(sender);
+    }
+    RecordingReceiver& updates() { return *recorders[1]; }
+
+    Basalt::SymbolRegistry registry;
+    BundleDispatcher dispatcher;
+    std::vector<std::shared_ptr<RecordingReceiver>> recorders;
+    std::shared_ptr<TestSender> sender = std::make_shared<TestSender>();
+};
+
+// One side's output pass, dispatched into the other; returns the bundle count.
+size_t deliver(Side& from, Side& to, std::vector<Bundle>* kept = nullptr) {
+    const std::vector<Bundle> out = pass(from.dispatcher);
+    for (const Bundle& b : out) {
+        // Each bundle crosses as bytes, the way a connection delivers it.
+        const Bundle received(QByteArray(b.packet().constData(), b.packet().size()));
+        dispatch(to.dispatcher, received);
+    }
+    if (kept)
+        *kept = out;
+    return out.size();
+}
+
+} // namespace
+
+TEST(Dispatcher, BackToBackSessionsBindAndExchangeSymbols) {
+    Basalt::TraceCapture capture;
+    Side a(false), b(true);
+    EXPECT_EQ(a.sender->symbolType(), 1u);
+    EXPECT_EQ(a.sender->updateType, 3u);
+    EXPECT_EQ(b.sender->eventType, 1u);
+    EXPECT_EQ(b.sender->symbolType(), 2u);
+    EXPECT_EQ(b.sender->updateType, 4u);
+
+    a.sender->symbols = {{1, "root/a"}, {2, "root/b"}};
+    a.sender->updates = {Bytes().word(1).word(10).data()};
+    b.sender->symbols = {{5, "other/z"}};
+    b.sender->updates = {Bytes().word(5).word(50).data()};
+
+    std::vector<Bundle> kept;
+    EXPECT_EQ(deliver(a, b), 3u); // handshake, symbols, update
+    EXPECT_EQ(deliver(b, a, &kept), 3u);
+    for (const Bundle& bundle : kept)
+        EXPECT_EQ(bundle.headerWord(3), 3u); // b acknowledges a's third bundle
+    EXPECT_EQ(deliver(a, b, &kept), 1u);     // a's replies to b's requests
+    EXPECT_EQ(kept[0].headerWord(3), 3u);
+    EXPECT_EQ(deliver(b, a), 0u);
+    EXPECT_EQ(deliver(a, b), 0u);
+
+    EXPECT_EQ(capture.lines().size(), 0) << capture.dump().toStdString();
+    EXPECT_EQ(b.registry.lookup(1u), QByteArray("root/a"));
+    EXPECT_EQ(b.registry.lookup(2u), QByteArray("root/b"));
+    EXPECT_EQ(a.registry.lookup(5u), QByteArray("other/z"));
+    EXPECT_TRUE(a.registry.lookup(1u).isNull()); // each side learns only the peer's
+    ASSERT_EQ(b.updates().payloads.size(), 1u);
+    EXPECT_EQ(b.updates().payloads[0], Bytes().word(1).word(10).data());
+    ASSERT_EQ(a.updates().payloads.size(), 1u);
+    EXPECT_EQ(a.updates().payloads[0], Bytes().word(5).word(50).data());
+    for (Side* side : {&a, &b})
+        for (const auto& recorder : side->recorders)
+            EXPECT_EQ(recorder->loadedParams.size(), 1u);
+    EXPECT_EQ(a.dispatcher.outputSequence(), 5u);
+    EXPECT_EQ(b.dispatcher.outputSequence(), 4u);
+    EXPECT_EQ(a.dispatcher.lastReceivedSequence(), 3u);
+    EXPECT_EQ(b.dispatcher.lastReceivedSequence(), 4u);
+
+    // Later traffic flows on the bound numbers.
+    b.sender->updates = {Bytes().word(5).word(51).data()};
+    EXPECT_EQ(deliver(b, a), 1u);
+    ASSERT_EQ(a.updates().payloads.size(), 2u);
+    EXPECT_EQ(a.updates().payloads[1], Bytes().word(5).word(51).data());
+}

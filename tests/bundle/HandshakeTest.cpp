@@ -1,0 +1,314 @@
+// The handshake module and the symbol exchange: what a session sends first, the
+// replies, and how received commands and symbols are read.
+#include "BundleTestUtil.h"
+
+#include "Dovel/bundle/HandshakeSender.h"
+#include "Dovel/bundle/SymbolRegistryReceiver.h"
+
+#include "Basalt/SymbolRegistry.h"
+#include "Basalt/Trace.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+using namespace Dovel;
+using BundleTest::Bytes;
+using BundleTest::packet;
+using BundleTest::RecordingReceiver;
+using BundleTest::TestSender;
+
+namespace {
+
+const char* const pastEnd = "BundleReader::read # tried to read past the end";
+
+void dispatch(BundleDispatcher& d, const QByteArray& bytes) {
+    const Bundle b(bytes);
+    BundleReader r(b);
+    d.dispatchBundle(r);
+}
+
+std::vector<Bundle> pass(BundleDispatcher& d) {
+    std::vector<Bundle> out;
+    d.writeUpdates(out);
+    return out;
+}
+
+template <typename F> std::string outOfRange(F&& f) {
+    try {
+        f();
+    } catch (const std::out_of_range& e) {
+        return e.what();
+    }
+    return "no std::out_of_range";
+}
+
+} // namespace
+
+TEST(Handshake, FreshSessionFirstOutputPass) {
+    Basalt::SymbolRegistry registry;
+    BundleDispatcher d;
+    d.addModule(std::make_shared<SymbolRegistryReceiver>(registry));
+    auto sender = std::make_shared<TestSender>();
+    d.addSender(sender);
+    EXPECT_EQ(sender->symbolType(), 1u);
+    EXPECT_EQ(sender->newType, 2u);
+    EXPECT_EQ(sender->updateType, 3u);
+    EXPECT_EQ(sender->removeType, 4u);
+    EXPECT_EQ(sender->eventType, 5u);
+    EXPECT_EQ(d.resolveMessageType(ModuleNames::AttributeUpdate), 3u); // no second request
+    EXPECT_EQ(d.resolveMessageType(ModuleNames::Handshake), 0u);
+
+    const std::vector<Bundle> out = pass(d);
+    ASSERT_EQ(out.size(), 1u);
+    const QByteArray expected = Bytes()
+                                    // header: payload size, type 0, sequence 1, nothing acked
+                                    .word(376)
+                                    .word(0)
+                                    .word(1)
+                                    .word(0)
+                                    // "info" {"application": "Dovel", "version": "2.6.1"}
+                                    .word(64)
+                                    .str("info")
+                                    .word(2)
+                                    .str("application")
+                                    .str("Dovel")
+                                    .str("version")
+                                    .str("2.6.1")
+                                    // "load-module" number, name, empty map
+                                    .word(56)
+                                    .str("load-module")
+                                    .word(1)
+                                    .str("Quillon.Dovel.SymbolRegistry")
+                                    .word(0)
+                                    .word(56)
+                                    .str("load-module")
+                                    .word(2)
+                                    .str("Quillon.Dovel.AttributeNew")
+                                    .word(0)
+                                    .word(60)
+                                    .str("load-module")
+                                    .word(3)
+                                    .str("Quillon.Dovel.AttributeUpdate")
+                                    .word(0)
+                                    .word(60)
+                                    .str("load-module")
+                                    .word(4)
+                                    .str("Quillon.Dovel.AttributeRemove")
+                                    .word(0)
+                                    .word(56)
+                                    .str("load-module")
+                                    .word(5)
+                                    .str("Quillon.Dovel.OneWayEvent")
+                                    .word(0)
+                                    .data();
+    EXPECT_EQ(out[0].packet().toHex(), expected.toHex());
+    EXPECT_EQ(sender->prepared, 1);
+    EXPECT_EQ(d.outputSequence(), 2u);
+
+    // Nothing queued: the next pass emits nothing and the counter stays.
+    EXPECT_TRUE(pass(d).empty());
+    EXPECT_EQ(d.outputSequence(), 2u);
+    EXPECT_EQ(sender->prepared, 2);
+
+    // A request after the first pass takes the next number and travels alone.
+    EXPECT_EQ(d.resolveMessageType("Other.Module"), 6u);
+    const std::vector<Bundle> later = pass(d);
+    ASSERT_EQ(later.size(), 1u);
+    EXPECT_EQ(
+        later[0].packet(),
+        packet(0, 2, 0,
+               Bytes().word(40).str("load-module").word(6).str("Other.Module").word(0).data()));
+}
+
+TEST(Handshake, OkAndErrorRepliesByteForByte) {
+    BundleDispatcher d;
+    pass(d); // the "info" bundle
+    d.loadModule(9, QStringLiteral("Foo"), {});
+    d.loadModule(0, QStringLiteral("Quillon.Dovel.Handshake"), {});
+    const std::vector<Bundle> out = pass(d);
+    ASSERT_EQ(out.size(), 1u);
+    const QByteArray error =
+        QByteArray::fromHex("4c000000"
+                            "05000000"
+                            "6572726f72000000" // error
+                            "0b000000"
+                            "6c6f61642d6d6f64756c6500" // load-module
+                            "03000000"
+                            "466f6f00" // Foo
+                            "01000000"
+                            "0b000000"
+                            "6465736372697074696f6e00" // description
+                            "10000000"
+                            "4d6f64756c65206e6f7420666f756e64"); // Module not found
+    const QByteArray ok =
+        BundleTest::reply(104, "ok", "Quillon.Dovel.Handshake", "Module reloaded successfully");
+    EXPECT_EQ(out[0].packet().toHex(), packet(0, 2, 0, error + ok).toHex());
+
+    // Sender alone: replies queue in order behind "info".
+    HandshakeSender sender;
+    sender.replyOk(QStringLiteral("load-module"), QStringLiteral("Foo"), QStringLiteral("x"));
+    std::vector<Bundle> bundles;
+    uint32_t sequence = 7;
+    BundleOutput output(&bundles, &sequence, 4);
+    sender.writeUpdates(output);
+    ASSERT_EQ(bundles.size(), 1u);
+    const QByteArray okFoo = Bytes()
+                                 .word(60)
+                                 .str("ok")
+                                 .str("load-module")
+                                 .str("Foo")
+                                 .word(1)
+                                 .str("description")
+                                 .str("x")
+                                 .data();
+    EXPECT_EQ(bundles[0].packet().mid(16 + 68), okFoo);
+    EXPECT_EQ(bundles[0].headerWord(2), 7u);
+    EXPECT_EQ(bundles[0].headerWord(3), 4u);
+    sender.writeUpdates(output);
+    EXPECT_EQ(bundles.size(), 1u);
+    EXPECT_EQ(sequence, 8u);
+}
+
+TEST(Handshake, ReceiverSkipsUnknownCommandsByLength) {
+    Basalt::TraceCapture capture;
+    BundleDispatcher d;
+    auto news = std::make_shared<RecordingReceiver>(ModuleNames::AttributeNew);
+    d.addModule(news);
+    pass(d);
+
+    // Length 17: the name (12 bytes) and 5 bytes of arguments, padded to 8 when skipped.
+    const QByteArray payload = Bytes()
+                                   .word(17)
+                                   .str("hello")
+                                   .word(0xAAAAAAAAu)
+                                   .word(0xBBBBBBBBu)
+                                   .word(72)
+                                   .str("load-module")
+                                   .word(3)
+                                   .str("Quillon.Dovel.AttributeNew")
+                                   .word(1)
+                                   .str("k")
+                                   .str("v")
+                                   .data();
+    dispatch(d, packet(0, 1, 0, payload));
+    EXPECT_EQ(capture.count("HandshakeReceiver::handleBundle # Unknown command 'hello'",
+                            Basalt::Trace::Warning),
+              1)
+        << capture.dump().toStdString();
+    ASSERT_EQ(news->loadedParams.size(), 1u);
+    EXPECT_EQ(news->loadedParams[0].value(QStringLiteral("k")), QStringLiteral("v"));
+    std::vector<Bundle> out = pass(d);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].packet().mid(16), BundleTest::reply(108, "ok", "Quillon.Dovel.AttributeNew",
+                                                         "Module loaded successfully"));
+    dispatch(d, packet(3, 2, 0, Bytes().word(42).data()));
+    ASSERT_EQ(news->payloads.size(), 1u);
+
+    // An unknown command whose name alone overran its declared length.
+    capture.clear();
+    EXPECT_EQ(outOfRange([&] { dispatch(d, packet(0, 3, 0, Bytes().word(0).str("x").data())); }),
+              "HandshakeReceiver::handleBundle # Corrupted message");
+    EXPECT_TRUE(capture.contains("HandshakeReceiver::handleBundle # Unknown command 'x'"));
+    EXPECT_EQ(d.lastReceivedSequence(), 2u); // a throwing bundle is not counted
+
+    // A truncated command: what came before it stays in effect.
+    auto updates = std::make_shared<RecordingReceiver>(ModuleNames::AttributeUpdate);
+    d.addModule(updates);
+    const QByteArray truncated = Bytes()
+                                     .word(60)
+                                     .str("load-module")
+                                     .word(4)
+                                     .str("Quillon.Dovel.AttributeUpdate")
+                                     .word(0)
+                                     .word(60)
+                                     .str("load-module")
+                                     .word(5)
+                                     .word(100) // a name of 100 bytes that is not there
+                                     .data();
+    EXPECT_EQ(outOfRange([&] { dispatch(d, packet(0, 4, 0, truncated)); }), pastEnd);
+    EXPECT_EQ(updates->loadedParams.size(), 1u);
+    out = pass(d);
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].packet().mid(16), BundleTest::reply(112, "ok", "Quillon.Dovel.AttributeUpdate",
+                                                         "Module loaded successfully"));
+}
+
+TEST(Handshake, ReceiverLogsErrorsAndDiscardsOkAndInfo) {
+    Basalt::TraceCapture capture;
+    BundleDispatcher d;
+    pass(d);
+    const QByteArray payload = Bytes()
+                                   .word(100)
+                                   .str("error")
+                                   .str("load-module")
+                                   .str("Quillon.Dovel.AttributeNew")
+                                   .word(1)
+                                   .str("description")
+                                   .str("Module not found")
+                                   // an error whose map comes out of key order, a key twice
+                                   .word(88)
+                                   .str("error")
+                                   .str("load-module")
+                                   .str("M")
+                                   .word(3)
+                                   .str("b")
+                                   .str("2")
+                                   .str("a")
+                                   .str("1")
+                                   .str("a")
+                                   .str("3")
+                                   .word(60)
+                                   .str("ok")
+                                   .str("load-module")
+                                   .str("M")
+                                   .word(1)
+                                   .str("description")
+                                   .str("y")
+                                   .word(64)
+                                   .str("info")
+                                   .word(2)
+                                   .str("application")
+                                   .str("Dovel")
+                                   .str("version")
+                                   .str("2.6.1")
+                                   .data();
+    dispatch(d, packet(0, 1, 0, payload));
+    const QList<Basalt::TraceLine> lines = capture.lines();
+    ASSERT_EQ(lines.size(), 2) << capture.dump().toStdString();
+    EXPECT_EQ(lines[0].level, Basalt::Trace::Error);
+    EXPECT_EQ(
+        lines[0].text,
+        QStringLiteral("HandshakeReceiver::handleBundle # error, command: load-module, module: "
+                       "Quillon.Dovel.AttributeNew, additional info: description: Module "
+                       "not found"));
+    EXPECT_EQ(
+        lines[1].text,
+        QStringLiteral("HandshakeReceiver::handleBundle # error, command: load-module, module: "
+                       "M, additional info: a: 3, b: 2"));
+    EXPECT_TRUE(pass(d).empty()); // "ok" and "info" ask for nothing
+    EXPECT_EQ(d.lastReceivedSequence(), 1u);
+}
+
+TEST(Handshake, SymbolRegistryReceiverDefinesPairsUntilTruncation) {
+    Basalt::SymbolRegistry registry;
+    SymbolRegistryReceiver receiver(registry);
+    EXPECT_EQ(receiver.name(), QByteArray("Quillon.Dovel.SymbolRegistry"));
+    const Bundle b(packet(1, 1, 0,
+                          Bytes()
+                              .word(7)
+                              .str("root/a")
+                              .word(9)
+                              .str("") // the root path itself
+                              .word(11)
+                              .word(10)
+                              .raw("abc") // 3 of the 10 bytes announced
+                              .data()));
+    BundleReader reader(b);
+    EXPECT_EQ(outOfRange([&] { receiver.handleBundle(reader); }), pastEnd);
+    EXPECT_EQ(registry.lookup(7u), QByteArray("root/a"));
+    EXPECT_EQ(registry.lookup(QByteArray("root/a")), 7u);
+    EXPECT_FALSE(registry.lookup(9u).isNull());
+    EXPECT_TRUE(registry.lookup(9u).isEmpty());
+    EXPECT_TRUE(registry.lookup(11u).isNull());
+}
