@@ -27,4 +27,7 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$root/scripts/lsan.supp:print_suppressions=0}
 run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DDOVEL_SANITIZE=ON -DDOVEL_BUILD_BENCH=OFF
 
-echo "== all tests passed (plain and sanitized)"
+echo "== fuzz (a few seconds per target)"
+bash scripts/fuzz.sh 5
+
+echo "== all tests passed (plain, sanitized and fuzzed)"
