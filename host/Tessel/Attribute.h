@@ -1,0 +1,155 @@
+// One named value of the tree: a name, a non-owning pointer to the host node that holds
+// it, conversions to and from plain numbers and text, and listeners by role.
+//
+// Thread contract: an attribute lives on the tree's update thread. Nothing here is
+// thread-safe; work from other threads reaches the tree through
+// Node::invokeAfterUpdate.
+//
+// Layers: a value attribute stores one value per layer 0..5; the highest defined layer
+// gives the effective (current) value, or a default-constructed value when no layer is
+// defined. Layer 0 holds the defaults and layer 2 is written by remote updates.
+// LayerCurrent (6) is not a storage layer: passed to asInt/asFloat/asString it asks for
+// the effective value.
+//
+// Listeners: addListener takes a role mask (RoleDelete = 1, RoleChange = 2). Ids come
+// from one process-wide counter (shared with node event listeners) and are never
+// reused. An emission calls the listeners registered when it started, in ascending id
+// order; a listener removed during an emission is not called by it any more if its turn
+// has not come yet, and a listener added during an emission is first called by the next
+// one. A listener may delete the attribute it listens to; the emission then stops.
+//
+// Lifetime: an attribute detaches itself from its host when it is destroyed; a node
+// deletes the children it still holds when it is destroyed. Every concrete class calls
+// aboutToBeDestroyed() first thing in its destructor, so deletion listeners and the
+// host's removal notifications see the object with its real dynamic type. A subclass
+// whose overrides or listeners use its own members does the same (a node subclass
+// otherwise has its members destroyed before its remaining children are deleted).
+#pragma once
+
+#include "Tessel/Serializable.h"
+
+#include "Quant/Vector.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+#include <functional>
+#include <map>
+#include <memory>
+
+namespace Tessel {
+
+class Node;
+
+class Attribute : public Serializable {
+public:
+    enum Layer {
+        LayerDefault = 0, // defaults (setAsDefaults writes here)
+        LayerStyle = 1,
+        LayerRemote = 2, // values received from a peer
+        LayerUser = 3,
+        LayerScript = 4,
+        LayerOverride = 5,
+        LayerCount = 6,   // number of storage layers
+        LayerCurrent = 6, // query only: the effective value
+    };
+    enum ValueUnit {
+        UnitNumber = 0, // a plain number; the only unit value attributes accept
+        UnitPercent = 1,
+        UnitPixels = 2,
+    };
+    using Units = QList<ValueUnit>;
+    enum Role {
+        RoleDelete = 1, // the attribute is being destroyed
+        RoleChange = 2, // the value changed (for an alias: its target changed)
+    };
+
+    // A detached attribute: no host, empty name.
+    Attribute();
+    // Adds itself to `host` under `name` (when host is not null). If the host refuses
+    // (name taken), the attribute stays detached with that name and a warning is logged.
+    // The host's attributeAdded and "attribute-added" listeners run while the derived
+    // parts are still being constructed: they may keep the pointer and add listeners,
+    // but must not look at its dynamic type yet.
+    Attribute(Node* host, const QByteArray& name);
+    ~Attribute() override;
+
+    const QByteArray& name() const { return attributeName; }
+    // Renames a detached attribute. An attribute held by a node keeps its name (the
+    // node's index depends on it): the call logs a warning and changes nothing.
+    void setName(const QByteArray& name);
+    Node* host() const { return hostNode; }
+
+    // A short word naming the attribute's kind ("float", "node", "alias", ...).
+    virtual QByteArray type() const;
+    // Sub-attribute by name: children of a node, components of a tuple; null here.
+    virtual Attribute* attribute(const QByteArray& name) const;
+
+    // Conversions of the value on `layer` (LayerCurrent: the effective value). A layer
+    // without a value, or a value that has no such form, gives 0 or an empty string and
+    // sets *ok to false; ok may be null.
+    virtual float asFloat(bool* ok = nullptr, Layer layer = LayerCurrent) const;
+    virtual int asInt(bool* ok = nullptr, Layer layer = LayerCurrent) const;
+    virtual QString asString(bool* ok = nullptr, Layer layer = LayerCurrent) const;
+
+    // Conversions into the attribute, written to a storage layer. False (and no change)
+    // when the attribute cannot take the value, the unit is not UnitNumber, or the layer
+    // is not a storage layer.
+    virtual bool set(float value, Layer layer, ValueUnit unit = UnitNumber);
+    virtual bool set(int value, Layer layer, ValueUnit unit = UnitNumber);
+    virtual bool set(const QString& value, Layer layer, ValueUnit unit = UnitNumber);
+    virtual bool set(const Quant::Vector2f& value, Layer layer, Units units = Units());
+    virtual bool set(const Quant::Vector3f& value, Layer layer, Units units = Units());
+    virtual bool set(const Quant::Vector4f& value, Layer layer, Units units = Units());
+
+    // True when a layer above the defaults holds a value.
+    virtual bool isChanged() const;
+    // LayerCurrent: whether any layer holds a value.
+    virtual bool isValueDefinedOnLayer(Layer layer) const;
+    // These fire a change when the effective value changes.
+    virtual void clearValue(Layer layer);
+    virtual void copyValueFromLayer(Layer from, Layer to);
+    // The effective value becomes the layer-0 value and the higher layers are cleared.
+    // The effective value stays the same, so no change is fired.
+    virtual void setAsDefaults();
+
+    // Calls the RoleChange listeners.
+    virtual void emitChange();
+
+    // Registers `callback` for the roles in `roleMask`; returns its id.
+    long addListener(std::function<void()> callback, int roleMask);
+    // False when the id is not registered on this attribute.
+    bool removeListener(long id);
+    int listenerCount() const { return int(listeners.size()); }
+
+protected:
+    // Calls the RoleDelete listeners.
+    void emitDelete();
+    // Called first thing by the destructor of every concrete class; idempotent. Fires
+    // the deletion listeners once, then detaches from the host. Node extends it to
+    // delete its remaining children.
+    virtual void aboutToBeDestroyed();
+    bool isBeingDestroyed() const { return destroying; }
+    // For classes that join their host only once fully constructed (constructed with
+    // Attribute()): sets the name and adds itself to `host` (when not null), logging a
+    // warning if the host refuses.
+    void attachTo(Node* host, const QByteArray& name);
+
+private:
+    friend class Node;
+    struct Listener {
+        std::function<void()> callback;
+        int roles = 0;
+        bool removed = false;
+    };
+    void emitRole(int role);
+
+    QByteArray attributeName;
+    Node* hostNode = nullptr;
+    std::map<long, std::shared_ptr<Listener>> listeners;
+    bool destroying = false;
+    bool detaching = false; // the host is notifying its removal
+};
+
+} // namespace Tessel

@@ -1,0 +1,54 @@
+// Keeps track of listener registrations made on attributes and on node events, so that
+// they can be dropped per attribute or all at once (on destruction). Lives on the tree
+// thread.
+//
+// It never touches an attribute that has been destroyed: it watches every attribute it
+// holds registrations on for deletion and forgets them then (the attribute's own
+// destruction drops its listeners; a node's drops its event listeners).
+#pragma once
+
+#include "Tessel/Node.h"
+
+#include <QByteArray>
+
+#include <functional>
+#include <unordered_map>
+#include <vector>
+
+namespace Basalt {
+class BinaryData;
+}
+
+namespace Tessel {
+
+class ListenerHolder {
+public:
+    ListenerHolder();
+    // Removes every registration still held.
+    ~ListenerHolder();
+    ListenerHolder(const ListenerHolder&) = delete;
+    ListenerHolder& operator=(const ListenerHolder&) = delete;
+
+    // Attribute::addListener, remembered. -1 (nothing registered) for a null attribute.
+    long add(Attribute* attribute, const std::function<void()>& callback, int roleMask);
+    // Node::eventAddListenerBd, remembered. -1 for a null node.
+    long addBd(Node* node, const QByteArray& event,
+               const std::function<void(Basalt::BinaryData&)>& callback, Node::ListenerType type);
+    // Removes everything registered through this holder on that attribute or node.
+    void removeListeners(Attribute* attribute);
+    void removeAll();
+    // Whether registrations on `attribute` are held.
+    bool holds(Attribute* attribute) const { return held.count(attribute) != 0; }
+
+private:
+    struct Registrations {
+        long deathWatch = -1;
+        std::vector<long> listeners;      // Attribute::addListener ids
+        std::vector<long> eventListeners; // Node::eventAddListenerBd ids
+    };
+    Registrations& entryFor(Attribute* attribute);
+
+    std::unordered_map<Attribute*, Registrations> held;
+};
+
+} // namespace Tessel

@@ -1,0 +1,198 @@
+#include "Tessel/Node.h"
+
+#include "Tessel/NodeEventTable.h"
+#include "Tessel/UpdateLoop.h"
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/Trace.h"
+
+namespace Tessel {
+
+Node::Node() : events(std::make_shared<NodeEventTable>()) {}
+
+Node::Node(Node* host, const QByteArray& name) : Node() {
+    attachTo(host, name);
+}
+
+Node::~Node() {
+    aboutToBeDestroyed();
+}
+
+void Node::aboutToBeDestroyed() {
+    Attribute::aboutToBeDestroyed();
+    // Each child unlists itself at the start of its destructor, sending
+    // "attribute-removed" here while it still has its real dynamic type.
+    while (!childList.empty())
+        delete childList.front();
+    // Waits for event callbacks running on other threads; queued ones become no-ops.
+    events->clear();
+}
+
+QByteArray Node::type() const {
+    return "node";
+}
+
+Attribute* Node::attribute(const QByteArray& name) const {
+    auto it = childIndex.constFind(name);
+    return it == childIndex.constEnd() ? nullptr : *it.value();
+}
+
+bool Node::isSelfOrAncestor(const Attribute* attribute) const {
+    for (const Node* node = this; node; node = node->host())
+        if (node == attribute)
+            return true;
+    return false;
+}
+
+bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
+    if (!attribute || attribute->hostNode || attribute->isBeingDestroyed() ||
+        isSelfOrAncestor(attribute) || childIndex.contains(name))
+        return false;
+    attribute->attributeName = name;
+    attribute->hostNode = this;
+    childIndex.insert(name, childList.insert(childList.end(), attribute));
+    attributeAdded(attribute);
+    sendChildEvent("attribute-added", name);
+    return true;
+}
+
+bool Node::removeAttribute(Attribute* attribute) {
+    if (!attribute || attribute->hostNode != this)
+        return false;
+    auto it = childIndex.constFind(attribute->name());
+    if (it == childIndex.constEnd() || *it.value() != attribute)
+        return false;
+    detach(it.value());
+    return true;
+}
+
+bool Node::deleteAttribute(Attribute* attribute) {
+    if (!removeAttribute(attribute))
+        return false;
+    delete attribute;
+    return true;
+}
+
+void Node::detach(ChildList::iterator position) {
+    Attribute* child = *position;
+    const QByteArray name = child->name();
+    if (!child->detaching) {
+        child->detaching = true;
+        // Both notifications come while the child is still listed, findable and hosted.
+        attributeRemoved(child);
+        sendChildEvent("attribute-removed", name);
+        // A listener may have removed or deleted the child meanwhile (that nested
+        // removal unlisted it without notifying again); then it must not be touched.
+        auto it = childIndex.find(name);
+        if (it == childIndex.end() || *it.value() != child)
+            return;
+        position = it.value();
+    }
+    childList.erase(position);
+    childIndex.remove(name);
+    child->hostNode = nullptr;
+    child->detaching = false;
+}
+
+void Node::sendChildEvent(const char* event, const QByteArray& childName) {
+    Basalt::BinaryData payload;
+    payload.write(childName);
+    eventSend(event, payload);
+}
+
+std::vector<Attribute*> Node::children() const {
+    return std::vector<Attribute*>(childList.begin(), childList.end());
+}
+
+bool Node::isChanged() const {
+    for (Attribute* child : childList)
+        if (child->isChanged())
+            return true;
+    return false;
+}
+
+void Node::setAsDefaults() {
+    for (Attribute* child : children())
+        child->setAsDefaults();
+}
+
+void Node::update() {}
+
+void Node::attributeAdded(Attribute*) {}
+
+void Node::attributeRemoved(Attribute*) {}
+
+void Node::eventAddIn(const QByteArray& name) {
+    events->declareIn(name);
+}
+
+void Node::eventAddOut(const QByteArray& name) {
+    events->declareOut(name);
+}
+
+QList<QByteArray> Node::eventsIn() const {
+    return events->declaredIn();
+}
+
+QList<QByteArray> Node::eventsOut() const {
+    return events->declaredOut();
+}
+
+long Node::eventAddListener(const QByteArray& name, std::function<void()> callback,
+                            ListenerType type) {
+    auto listener = std::make_unique<NodeEventTable::Listener>();
+    listener->name = name;
+    listener->queued = type == Queued;
+    listener->plain = callback ? std::move(callback) : [] {};
+    return events->add(std::move(listener));
+}
+
+long Node::eventAddListener(const QByteArray& source, const QByteArray& target, Node* receiver,
+                            ListenerType type, const Basalt::BinaryData* defaultPayload) {
+    if (!receiver)
+        return -1;
+    auto listener = std::make_unique<NodeEventTable::Listener>();
+    listener->name = source;
+    listener->queued = type == Queued;
+    listener->receiver = receiver;
+    listener->target = target;
+    if (defaultPayload)
+        listener->defaultPayload = std::make_unique<Basalt::BinaryData>(*defaultPayload);
+    return events->add(std::move(listener));
+}
+
+long Node::eventAddListenerBd(const QByteArray& name,
+                              std::function<void(Basalt::BinaryData&)> callback,
+                              ListenerType type) {
+    auto listener = std::make_unique<NodeEventTable::Listener>();
+    listener->name = name;
+    listener->queued = type == Queued;
+    listener->withData = callback ? std::move(callback) : [](Basalt::BinaryData&) {};
+    return events->add(std::move(listener));
+}
+
+bool Node::eventRemoveListener(long id) {
+    return events->remove(id);
+}
+
+int Node::eventListenerCount() const {
+    return events->count();
+}
+
+void Node::eventSend(const QByteArray& name) {
+    events->dispatch(name, nullptr);
+}
+
+void Node::eventSend(const QByteArray& name, Basalt::BinaryData& data) {
+    events->dispatch(name, &data);
+}
+
+void Node::eventProcess(const QByteArray& name, Basalt::BinaryData& data) {
+    events->dispatch(name, &data);
+}
+
+void Node::invokeAfterUpdate(std::function<void()> function) {
+    UpdateLoop::post(std::move(function));
+}
+
+} // namespace Tessel

@@ -1,0 +1,74 @@
+// The event side of one Node: declared event names and the listeners by name.
+// Thread-safe: every member is guarded by `mutex`, and callbacks run without it held.
+// Held by shared_ptr so that queued deliveries outlive the node; clear() (called when
+// the node dies) turns them into no-ops.
+#pragma once
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/Condition.h"
+#include "Basalt/Mutex.h"
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace Tessel {
+
+class Node;
+
+class NodeEventTable : public std::enable_shared_from_this<NodeEventTable> {
+public:
+    // One registration. Exactly one of plain, withData or receiver is set.
+    struct Listener {
+        QByteArray name;
+        bool queued = false;
+        std::function<void()> plain;
+        std::function<void(Basalt::BinaryData&)> withData;
+        Node* receiver = nullptr; // forwarding: receiver->eventProcess(target, ...)
+        QByteArray target;
+        std::unique_ptr<Basalt::BinaryData> defaultPayload;
+        // Guarded by the table's mutex.
+        bool removed = false;
+        std::vector<std::thread::id> runningOn; // one entry per call in progress
+    };
+
+    NodeEventTable();
+    ~NodeEventTable();
+    NodeEventTable(const NodeEventTable&) = delete;
+    NodeEventTable& operator=(const NodeEventTable&) = delete;
+
+    void declareIn(const QByteArray& name);
+    void declareOut(const QByteArray& name);
+    QList<QByteArray> declaredIn() const;
+    QList<QByteArray> declaredOut() const;
+
+    long add(std::unique_ptr<Listener> listener);
+    // Unregisters and waits until no other thread runs the callback. False if unknown.
+    bool remove(long id);
+    // Unregisters everything, with the same wait.
+    void clear();
+    int count() const;
+    // Delivers to the listeners of `name`; data may be null (an event without payload).
+    void dispatch(const QByteArray& name, Basalt::BinaryData* data);
+
+private:
+    void run(Listener& listener, Basalt::BinaryData* data);
+    // Called with `mutex` held.
+    void waitUntilIdle(const std::vector<std::shared_ptr<Listener>>& gone);
+
+    mutable Basalt::Mutex mutex;
+    Basalt::Condition idle;
+    QList<QByteArray> ins;
+    QList<QByteArray> outs;
+    std::map<long, std::shared_ptr<Listener>> byId;
+    // Per name in ascending id order (ids only grow, so appending keeps the order).
+    QHash<QByteArray, std::vector<std::shared_ptr<Listener>>> byName;
+};
+
+} // namespace Tessel

@@ -1,0 +1,163 @@
+// Attribute listeners (ids, roles, removal during emission) and ListenerHolder.
+#include "Tessel/AttributeT.h"
+#include "Tessel/ListenerHolder.h"
+#include "Tessel/Node.h"
+
+#include "Basalt/BinaryData.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using namespace Tessel;
+
+namespace {
+constexpr auto L2 = Attribute::LayerRemote;
+}
+
+TEST(AttributeListeners, IdsAndRoles) {
+    int changes = 0, deletions = 0, both = 0;
+    long changeId = -1, deleteId = -1, bothId = -1;
+    {
+        AttributeT<int> a;
+        changeId = a.addListener([&] { ++changes; }, Attribute::RoleChange);
+        deleteId = a.addListener([&] { ++deletions; }, Attribute::RoleDelete);
+        bothId = a.addListener([&] { ++both; }, Attribute::RoleChange | Attribute::RoleDelete);
+        EXPECT_LT(changeId, deleteId);
+        EXPECT_LT(deleteId, bothId);
+
+        // Ids come from one counter for every attribute and are never reused.
+        AttributeT<int> other;
+        const long otherId = other.addListener([] {}, Attribute::RoleChange);
+        EXPECT_GT(otherId, bothId);
+        EXPECT_FALSE(other.removeListener(changeId)); // registered on `a`, not here
+        EXPECT_TRUE(other.removeListener(otherId));
+        EXPECT_GT(other.addListener([] {}, Attribute::RoleChange), otherId);
+
+        a.setValue(1, L2);
+        EXPECT_EQ(changes, 1);
+        EXPECT_EQ(both, 1);
+        EXPECT_EQ(deletions, 0);
+
+        EXPECT_TRUE(a.removeListener(changeId));
+        EXPECT_FALSE(a.removeListener(changeId));
+        EXPECT_FALSE(a.removeListener(1L << 40));
+        a.emitChange(); // public: fires the change listeners without a value change
+        EXPECT_EQ(changes, 1);
+        EXPECT_EQ(both, 2);
+        EXPECT_EQ(a.listenerCount(), 2);
+    }
+    EXPECT_EQ(deletions, 1); // fired once, by the destructor
+    EXPECT_EQ(both, 3);
+}
+
+TEST(AttributeListeners, EmissionUsesTheTableAsItWasAndSkipsRemovedListeners) {
+    AttributeT<int> a;
+    std::vector<int> calls;
+    long second = -1, third = -1, late = -1;
+    a.addListener(
+        [&] {
+            calls.push_back(1);
+            // Removing a listener whose turn has not come stops it in this emission; a
+            // listener added now first runs in the next one.
+            a.removeListener(third);
+            if (late < 0)
+                late = a.addListener([&] { calls.push_back(4); }, Attribute::RoleChange);
+        },
+        Attribute::RoleChange);
+    second = a.addListener(
+        [&] {
+            calls.push_back(2);
+            EXPECT_TRUE(a.removeListener(second)); // removes itself
+        },
+        Attribute::RoleChange);
+    third = a.addListener([&] { calls.push_back(3); }, Attribute::RoleChange);
+
+    a.setValue(1, L2);
+    EXPECT_EQ(calls, (std::vector<int>{1, 2}));
+    calls.clear();
+    a.setValue(2, L2);
+    EXPECT_EQ(calls, (std::vector<int>{1, 4}));
+}
+
+TEST(AttributeListeners, AListenerMayDeleteItsAttribute) {
+    auto* a = new AttributeT<int>;
+    int deletions = 0;
+    bool laterCalled = false;
+    a->addListener([&] { ++deletions; }, Attribute::RoleDelete);
+    a->addListener([&] { delete a; }, Attribute::RoleChange);
+    a->addListener([&] { laterCalled = true; }, Attribute::RoleChange);
+    a->setValue(1, L2); // the emission stops with the attribute (no use after free)
+    EXPECT_EQ(deletions, 1);
+    EXPECT_FALSE(laterCalled);
+}
+
+TEST(ListenerHolder, RemovesItsRegistrationsPerAttributeAndWhenDestroyed) {
+    Node node;
+    auto* a = new AttributeT<int>(&node, "a");
+    auto* b = new AttributeT<int>(&node, "b");
+    int aChanges = 0, bChanges = 0, events = 0;
+    const int nodeListenersBefore = node.listenerCount();
+    {
+        ListenerHolder holder;
+        EXPECT_EQ(holder.add(
+                      nullptr, [] {}, Attribute::RoleChange),
+                  -1);
+        const long first = holder.add(
+            a, [&] { ++aChanges; }, Attribute::RoleChange);
+        const long second = holder.add(
+            a, [&] { ++aChanges; }, Attribute::RoleChange);
+        EXPECT_NE(first, second);
+        holder.add(
+            b, [&] { ++bChanges; }, Attribute::RoleChange);
+        holder.addBd(
+            &node, "ping", [&](Basalt::BinaryData&) { ++events; }, Node::Direct);
+        EXPECT_TRUE(holder.holds(a));
+        EXPECT_TRUE(holder.holds(&node));
+
+        a->setValue(1, L2);
+        b->setValue(1, L2);
+        node.eventSend("ping");
+        EXPECT_EQ(aChanges, 2);
+        EXPECT_EQ(bChanges, 1);
+        EXPECT_EQ(events, 1);
+
+        holder.removeListeners(a);
+        EXPECT_FALSE(holder.holds(a));
+        EXPECT_EQ(a->listenerCount(), 0); // its deletion watch is gone too
+        a->setValue(2, L2);
+        EXPECT_EQ(aChanges, 2);
+        holder.removeListeners(a); // nothing left: no effect
+    }
+    b->setValue(2, L2);
+    node.eventSend("ping");
+    EXPECT_EQ(bChanges, 1);
+    EXPECT_EQ(events, 1);
+    EXPECT_EQ(b->listenerCount(), 0);
+    EXPECT_EQ(node.eventListenerCount(), 0);
+    EXPECT_EQ(node.listenerCount(), nodeListenersBefore);
+}
+
+TEST(ListenerHolder, ForgetsAttributesDestroyedBeforeIt) {
+    // Under AddressSanitizer a holder that touched a destroyed attribute would fail here.
+    ListenerHolder holder;
+    auto* lone = new AttributeT<float>;
+    auto* parent = new Node;
+    auto* child = new AttributeT<int>(parent, "child");
+    int calls = 0;
+    holder.add(
+        lone, [&] { ++calls; }, Attribute::RoleChange | Attribute::RoleDelete);
+    holder.add(
+        child, [&] { ++calls; }, Attribute::RoleDelete);
+    holder.addBd(
+        parent, "attribute-removed", [&](Basalt::BinaryData&) { ++calls; }, Node::Direct);
+    delete lone;
+    EXPECT_EQ(calls, 1); // its own deletion listener still ran
+    EXPECT_FALSE(holder.holds(lone));
+    holder.removeListeners(lone); // a dangling pointer that is not held is not touched
+
+    delete parent; // the child dies with it: both fire, then both are forgotten
+    EXPECT_EQ(calls, 3);
+    EXPECT_FALSE(holder.holds(parent));
+    EXPECT_FALSE(holder.holds(child));
+}

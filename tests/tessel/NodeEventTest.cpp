@@ -1,0 +1,306 @@
+// Named node events across threads, and the update loop that runs queued work.
+#include "Tessel/Node.h"
+#include "Tessel/UpdateLoop.h"
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/Trace.h"
+
+#include "basalt/WaitUtil.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+using namespace Tessel;
+using BasaltTest::waitUntil;
+
+namespace {
+
+class NodeEvents : public ::testing::Test {
+protected:
+    void SetUp() override { UpdateLoop::reset(); }
+    void TearDown() override { UpdateLoop::reset(); }
+};
+
+using UpdateLoopTest = NodeEvents;
+
+// Records what reaches eventProcess instead of delivering it.
+class RecordingReceiver : public Node {
+public:
+    void eventProcess(const QByteArray& name, Basalt::BinaryData& data) override {
+        names << name;
+        payloads << data.toByteArray();
+        bool ok = false;
+        const int value = data.readInt32(&ok);
+        values << (ok ? value : -1);
+    }
+    QList<QByteArray> names;
+    QList<QByteArray> payloads;
+    QList<int> values;
+};
+
+Basalt::BinaryData intPayload(int value) {
+    Basalt::BinaryData data;
+    data.writeInt32(value);
+    return data;
+}
+
+} // namespace
+
+TEST_F(NodeEvents, DirectListenersRunOnTheSendingThreadWithTheirOwnReadPosition) {
+    Node node;
+    std::atomic<int> plainCalls{0};
+    std::thread::id plainThread;
+    std::vector<int> read;
+    const long plainId = node.eventAddListener(
+        "ping",
+        [&] {
+            ++plainCalls;
+            plainThread = std::this_thread::get_id();
+        },
+        Node::Direct);
+    for (int i = 0; i < 2; ++i)
+        node.eventAddListenerBd(
+            "ping",
+            [&](Basalt::BinaryData& data) {
+                bool ok = false;
+                const int value = data.readInt32(&ok);
+                read.push_back(ok ? value : -1);
+            },
+            Node::Direct);
+    const long otherId = node.eventAddListener(
+        "other", [] { ADD_FAILURE() << "wrong name"; }, Node::Direct);
+    EXPECT_LT(plainId, otherId);
+    EXPECT_EQ(node.eventListenerCount(), 4);
+
+    std::thread::id senderThread;
+    std::thread sender([&] {
+        senderThread = std::this_thread::get_id();
+        Basalt::BinaryData data = intPayload(42);
+        node.eventSend("ping", data);
+    });
+    sender.join();
+    EXPECT_EQ(plainCalls, 1);
+    EXPECT_EQ(plainThread, senderThread);
+    EXPECT_EQ(read, (std::vector<int>{42, 42})); // each listener read from the start
+
+    read.clear();
+    node.eventSend("ping"); // no payload: payload listeners get empty data
+    EXPECT_EQ(read, (std::vector<int>{-1, -1}));
+    EXPECT_EQ(plainCalls, 2);
+
+    read.clear();
+    Basalt::BinaryData incoming = intPayload(7);
+    node.eventProcess("ping", incoming); // the default delivery is eventSend's
+    EXPECT_EQ(read, (std::vector<int>{7, 7}));
+    EXPECT_EQ(plainCalls, 3);
+
+    node.eventAddIn("ping");
+    node.eventAddOut("pong");
+    node.eventAddOut("pong");
+    EXPECT_EQ(node.eventsIn(), (QList<QByteArray>{"ping"}));
+    EXPECT_EQ(node.eventsOut(), (QList<QByteArray>{"pong"}));
+
+    EXPECT_TRUE(node.eventRemoveListener(plainId));
+    EXPECT_FALSE(node.eventRemoveListener(plainId));
+    EXPECT_FALSE(node.eventRemoveListener(-5));
+    node.eventSend("ping");
+    EXPECT_EQ(plainCalls, 3);
+}
+
+TEST_F(NodeEvents, QueuedListenersRunOnTheUpdateLoopWithACopyOfThePayload) {
+    UpdateLoop::runOnce(); // this thread is the update thread
+    auto node = std::make_unique<Node>();
+    std::vector<int> values;
+    std::thread::id ranOn;
+    node->eventAddListenerBd(
+        "tick",
+        [&](Basalt::BinaryData& data) {
+            values.push_back(data.readInt32());
+            ranOn = std::this_thread::get_id();
+        },
+        Node::Queued);
+    const long removedLater = node->eventAddListener(
+        "tick", [] { ADD_FAILURE() << "removed before delivery"; }, Node::Queued);
+
+    std::thread sender([&] {
+        Basalt::BinaryData data = intPayload(5);
+        node->eventSend("tick", data);
+        data.clear(); // the queued delivery holds its own copy
+        data.writeInt32(6);
+    });
+    sender.join();
+    EXPECT_TRUE(values.empty()); // nothing runs on the sending thread
+    EXPECT_EQ(UpdateLoop::pendingCount(), 2);
+    EXPECT_TRUE(node->eventRemoveListener(removedLater));
+
+    // The post came from another thread, so it woke the loop: no time-out to sit out.
+    EXPECT_EQ(UpdateLoop::waitAndRun(10000), 2);
+    EXPECT_EQ(values, (std::vector<int>{5}));
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+
+    // A node destroyed before its queued delivery runs: the delivery is dropped.
+    node->eventSend("tick");
+    node.reset();
+    EXPECT_EQ(UpdateLoop::runOnce(), 1);
+    EXPECT_EQ(values, (std::vector<int>{5}));
+}
+
+TEST_F(NodeEvents, ForwardingListenersRaiseTheTargetOnTheReceiver) {
+    Node source;
+    RecordingReceiver receiver;
+    Basalt::BinaryData defaults = intPayload(9);
+    source.eventAddListener("click", "pressed", &receiver, Node::Direct, &defaults);
+    source.eventAddListener("tap", "tapped", &receiver, Node::Direct, nullptr);
+    EXPECT_EQ(source.eventAddListener("x", "y", nullptr, Node::Direct, nullptr), -1);
+    defaults.clear(); // the registration holds a copy
+    defaults.writeInt32(10);
+
+    source.eventSend("click");
+    Basalt::BinaryData sent = intPayload(3);
+    sent.readInt32(); // a consumed payload is still delivered from its start
+    source.eventSend("click", sent);
+    source.eventSend("tap");
+    EXPECT_EQ(receiver.names, (QList<QByteArray>{"pressed", "pressed", "tapped"}));
+    EXPECT_EQ(receiver.values, (QList<int>{9, 3, -1}));
+    EXPECT_EQ(receiver.payloads.last(), QByteArray());
+
+    // Into a plain node the forwarded event reaches its listeners; queued forwarding
+    // waits for the update loop.
+    Node plain;
+    std::vector<int> got;
+    plain.eventAddListenerBd(
+        "pressed", [&](Basalt::BinaryData& data) { got.push_back(data.readInt32()); },
+        Node::Direct);
+    source.eventAddListener("click", "pressed", &plain, Node::Queued, &defaults);
+    source.eventSend("click");
+    EXPECT_TRUE(got.empty());
+    UpdateLoop::runOnce();
+    EXPECT_EQ(got, (std::vector<int>{10}));
+}
+
+TEST_F(NodeEvents, RemovalWaitsForACallRunningOnAnotherThread) {
+    Node node;
+    std::atomic<bool> entered{false}, release{false}, finished{false};
+    std::atomic<int> calls{0};
+    const long id = node.eventAddListener(
+        "slow",
+        [&] {
+            ++calls;
+            entered = true;
+            while (!release)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            finished = true;
+        },
+        Node::Direct);
+    std::thread sender([&] { node.eventSend("slow"); });
+    ASSERT_TRUE(waitUntil([&] { return entered.load(); }));
+
+    std::atomic<pid_t> removerTid{0};
+    std::atomic<bool> removed{false}, finishedWhenRemoved{false};
+    std::thread remover([&] {
+        removerTid = BasaltTest::currentTid();
+        EXPECT_TRUE(node.eventRemoveListener(id));
+        finishedWhenRemoved = finished.load();
+        removed = true;
+    });
+    ASSERT_TRUE(waitUntil([&] { return removerTid.load() != 0; }));
+    ASSERT_TRUE(BasaltTest::waitUntilBlocked(removerTid));
+    EXPECT_FALSE(removed); // parked while the callback runs
+    release = true;
+    remover.join();
+    sender.join();
+    EXPECT_TRUE(removed);
+    EXPECT_TRUE(finishedWhenRemoved);
+    node.eventSend("slow");
+    EXPECT_EQ(calls, 1);
+
+    // A callback may remove itself (on whatever thread it runs) without waiting for
+    // itself.
+    std::atomic<int> selfCalls{0};
+    long selfId = -1;
+    selfId = node.eventAddListener(
+        "once",
+        [&] {
+            ++selfCalls;
+            EXPECT_TRUE(node.eventRemoveListener(selfId));
+        },
+        Node::Direct);
+    std::thread again([&] { node.eventSend("once"); });
+    again.join();
+    node.eventSend("once");
+    EXPECT_EQ(selfCalls, 1);
+}
+
+TEST_F(UpdateLoopTest, RunOnceRunsWhatWasQueuedBeforeInOrder) {
+    std::vector<int> order;
+    Node::invokeAfterUpdate([&] {
+        order.push_back(1);
+        Node::invokeAfterUpdate([&] { order.push_back(3); }); // waits for the next pass
+    });
+    Node::invokeAfterUpdate([&] { order.push_back(2); });
+    EXPECT_EQ(UpdateLoop::runOnce(), 2);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+    EXPECT_EQ(UpdateLoop::pendingCount(), 1);
+    EXPECT_EQ(UpdateLoop::runOnce(), 1);
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(UpdateLoop::runOnce(), 0);
+
+    Basalt::TraceCapture capture;
+    Node::invokeAfterUpdate([] { throw std::runtime_error("boom"); });
+    Node::invokeAfterUpdate([&] { order.push_back(4); });
+    EXPECT_EQ(UpdateLoop::runOnce(), 2);
+    EXPECT_EQ(order.back(), 4);
+    EXPECT_TRUE(capture.contains("UpdateLoop::runOnce # A queued function threw: boom",
+                                 Basalt::Trace::Error));
+
+    Node::invokeAfterUpdate([] { ADD_FAILURE() << "dropped by reset"; });
+    UpdateLoop::reset();
+    EXPECT_EQ(UpdateLoop::pendingCount(), 0);
+    EXPECT_EQ(UpdateLoop::runOnce(), 0);
+}
+
+TEST_F(UpdateLoopTest, WaitAndRunWakesForOtherThreadsButNotForASelfRegisteringHook) {
+    UpdateLoop::runOnce(); // this thread is the update thread
+    EXPECT_TRUE(UpdateLoop::isUpdateThread());
+    int hookRuns = 0;
+    std::function<void()> hook = [&] {
+        ++hookRuns;
+        Node::invokeAfterUpdate(hook);
+    };
+    Node::invokeAfterUpdate(hook);
+    EXPECT_EQ(UpdateLoop::runOnce(), 1);
+    EXPECT_EQ(UpdateLoop::pendingCount(), 1);
+
+    // Nothing woke the loop: it sits out its time-out, then runs the hook once.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(UpdateLoop::waitAndRun(100), 1);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(90));
+    EXPECT_EQ(hookRuns, 2);
+
+    // A post from another thread while the loop waits wakes it.
+    const pid_t loopTid = BasaltTest::currentTid();
+    std::atomic<bool> posted{false};
+    std::thread poster([&] {
+        BasaltTest::waitUntilBlocked(loopTid);
+        Node::invokeAfterUpdate([&] { posted = true; });
+    });
+    EXPECT_EQ(UpdateLoop::waitAndRun(20000), 2); // the hook and the posted function
+    poster.join();
+    EXPECT_TRUE(posted);
+
+    // So does wake().
+    std::thread waker([&] {
+        BasaltTest::waitUntilBlocked(loopTid);
+        UpdateLoop::wake();
+    });
+    EXPECT_EQ(UpdateLoop::waitAndRun(20000), 1);
+    waker.join();
+    EXPECT_EQ(hookRuns, 4);
+    EXPECT_FALSE(std::async(std::launch::async, [] { return UpdateLoop::isUpdateThread(); }).get());
+}

@@ -1,0 +1,266 @@
+// Children of nodes: order, names, the added/removed notifications and ownership on
+// destruction.
+#include "Tessel/Node.h"
+#include "Tessel/AttributeT.h"
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/Trace.h"
+
+#include <gtest/gtest.h>
+
+#include <QStringList>
+
+#include <map>
+#include <string>
+#include <vector>
+
+using namespace Tessel;
+
+namespace {
+
+constexpr auto L2 = Attribute::LayerRemote;
+
+QByteArrayList namesOf(const Node& node) {
+    QByteArrayList names;
+    for (Attribute* child : node.children())
+        names << child->name();
+    return names;
+}
+
+QByteArray readName(Basalt::BinaryData& data) {
+    QByteArray name;
+    EXPECT_TRUE(data.readString(name));
+    EXPECT_TRUE(data.atEnd());
+    return name;
+}
+
+// Logs the virtual notifications and the child events with what the list held then.
+class RecordingNode : public Node {
+public:
+    RecordingNode() {
+        for (const char* event : {"attribute-added", "attribute-removed"}) {
+            eventAddListenerBd(
+                event,
+                [this, event](Basalt::BinaryData& data) {
+                    const QByteArray name = readName(data);
+                    log << QString("%1 %2 listed=%3")
+                               .arg(event, QString(name))
+                               .arg(attribute(name) != nullptr);
+                },
+                Direct);
+        }
+    }
+    // The remaining children are deleted while the log still exists.
+    ~RecordingNode() override { aboutToBeDestroyed(); }
+    QStringList log;
+
+protected:
+    void attributeAdded(Attribute* a) override { note("added", a); }
+    void attributeRemoved(Attribute* a) override { note("removed", a); }
+
+private:
+    void note(const char* what, Attribute* a) {
+        log << QString("%1 %2 listed=%3 host=%4")
+                   .arg(what, QString(a->name()))
+                   .arg(attribute(a->name()) == a)
+                   .arg(a->host() == this);
+    }
+};
+
+// A node class with member attributes, the usual way host objects are written.
+class Widget : public Node {
+public:
+    Widget(Node* host, const QByteArray& name)
+        : Node(host, name), size(this, "size", 1.0f), label(this, "label") {}
+    AttributeT<float> size;
+    AttributeT<QString> label;
+};
+
+} // namespace
+
+TEST(Node, ChildrenKeepInsertionOrderAndUniqueNames) {
+    Node root;
+    auto* b = new AttributeT<int>(&root, "b");
+    auto* a = new Node(&root, "a");
+    new AttributeT<float>(&root, "c");
+    EXPECT_EQ(namesOf(root), (QByteArrayList{"b", "a", "c"}));
+    EXPECT_EQ(root.childCount(), 3);
+    EXPECT_EQ(root.attribute("b"), b);
+    EXPECT_EQ(dynamic_cast<Node*>(root.attribute("a")), a);
+    EXPECT_EQ(root.attribute("zz"), nullptr);
+    EXPECT_EQ(b->host(), &root);
+    EXPECT_EQ(root.type(), "node");
+
+    auto* loose = new AttributeT<int>;
+    EXPECT_FALSE(root.addAttribute("b", loose)); // name taken
+    EXPECT_EQ(loose->host(), nullptr);
+    EXPECT_FALSE(root.addAttribute("x", nullptr));
+    EXPECT_FALSE(root.addAttribute("self", &root));
+    EXPECT_FALSE(a->addAttribute("up", &root)); // an ancestor would make a cycle
+    EXPECT_TRUE(root.addAttribute("d", loose));
+    EXPECT_EQ(loose->name(), "d");
+    EXPECT_EQ(loose->host(), &root);
+    Node other;
+    EXPECT_FALSE(other.addAttribute("x", loose)); // already held
+
+    {
+        Basalt::TraceCapture capture;
+        AttributeT<int> clash(&root, "b"); // refused: stays detached under its name
+        EXPECT_EQ(clash.host(), nullptr);
+        EXPECT_EQ(clash.name(), "b");
+        EXPECT_EQ(root.attribute("b"), b);
+        EXPECT_TRUE(capture.contains("Attribute::attachTo # Could not add 'b' to ''"))
+            << capture.dump().toStdString();
+
+        b->setName("renamed"); // a held attribute keeps its name
+        EXPECT_EQ(b->name(), "b");
+        EXPECT_TRUE(capture.contains("Attribute::setName # 'b' is held by a node"));
+    }
+
+    EXPECT_TRUE(root.removeAttribute(loose));
+    EXPECT_EQ(loose->host(), nullptr);
+    EXPECT_FALSE(root.removeAttribute(loose));
+    EXPECT_EQ(namesOf(root), (QByteArrayList{"b", "a", "c"}));
+    loose->setName("free");
+    EXPECT_EQ(loose->name(), "free");
+    delete loose; // the caller owns a removed attribute
+
+    int deletions = 0;
+    root.attribute("c")->addListener([&] { ++deletions; }, Attribute::RoleDelete);
+    EXPECT_TRUE(root.deleteAttribute(root.attribute("c")));
+    EXPECT_EQ(deletions, 1);
+    AttributeT<int> stranger;
+    EXPECT_FALSE(root.deleteAttribute(&stranger)); // not a child: not deleted
+    EXPECT_EQ(namesOf(root), (QByteArrayList{"b", "a"}));
+
+    // Names come free again once their child is gone.
+    EXPECT_TRUE(root.addAttribute("c", new AttributeT<int>));
+    EXPECT_EQ(namesOf(root), (QByteArrayList{"b", "a", "c"}));
+}
+
+TEST(Node, ChildNotificationsCarryTheNameAndBracketTheList) {
+    RecordingNode root;
+    auto* x = new AttributeT<int>(&root, "x");
+    auto* n = new Node(&root, "n");
+    EXPECT_EQ(root.log, (QStringList{"added x listed=1 host=1", "attribute-added x listed=1",
+                                     "added n listed=1 host=1", "attribute-added n listed=1"}));
+    root.log.clear();
+
+    EXPECT_TRUE(root.removeAttribute(x));
+    delete x;
+    delete n;
+    EXPECT_EQ(root.log, (QStringList{"removed x listed=1 host=1", "attribute-removed x listed=1",
+                                     "removed n listed=1 host=1", "attribute-removed n listed=1"}));
+    EXPECT_EQ(root.childCount(), 0);
+
+    // The payload is exactly one string item holding the name, and each payload
+    // listener reads it from its start.
+    Basalt::BinaryData expected;
+    expected.write(QByteArray("item"));
+    QList<QByteArray> seen;
+    for (int i = 0; i < 2; ++i)
+        root.eventAddListenerBd(
+            "attribute-added",
+            [&](Basalt::BinaryData& data) {
+                EXPECT_EQ(data.toByteArray(), expected.toByteArray());
+                seen << readName(data);
+            },
+            Node::Direct);
+    new AttributeT<int>(&root, "item");
+    EXPECT_EQ(seen, (QList<QByteArray>{"item", "item"}));
+}
+
+TEST(Node, NodesAreAddedFullyConstructed) {
+    Node root;
+    bool sawNode = false;
+    root.eventAddListenerBd(
+        "attribute-added",
+        [&](Basalt::BinaryData& data) {
+            sawNode = dynamic_cast<Node*>(root.attribute(readName(data))) != nullptr;
+        },
+        Node::Direct);
+    new Node(&root, "child");
+    EXPECT_TRUE(sawNode);
+}
+
+TEST(NodeDestruction, MemberAndNewedAttributesAreEachDestroyedOnce) {
+    std::map<std::string, int> deleted;
+    auto watch = [&](Attribute* a, const char* label) {
+        a->addListener([&deleted, label] { ++deleted[label]; }, Attribute::RoleDelete);
+    };
+    {
+        Node root;
+        auto* w = new Widget(&root, "w");
+        EXPECT_EQ(namesOf(*w), (QByteArrayList{"size", "label"}));
+        auto* extra = new AttributeT<int>(w, "extra");
+        auto* sub = new Node(w, "sub");
+        auto* leaf = new AttributeT<QString>(sub, "leaf");
+        watch(w, "w");
+        watch(&w->size, "size");
+        watch(&w->label, "label");
+        watch(extra, "extra");
+        watch(sub, "sub");
+        watch(leaf, "leaf");
+
+        // Deleting a member-holding node directly: members detach themselves, newed
+        // children are deleted by the node.
+        delete w;
+        EXPECT_EQ(root.childCount(), 0);
+        for (const char* label : {"w", "size", "label", "extra", "sub", "leaf"})
+            EXPECT_EQ(deleted[label], 1) << label;
+
+        // A node on the stack with members and newed children, then a root that still
+        // holds a subtree when it goes out of scope.
+        Widget local(nullptr, "local");
+        new AttributeT<int>(&local, "extra");
+        new Widget(&root, "w2");
+        new AttributeT<int>(new Node(&root, "n"), "deep");
+    }
+    EXPECT_EQ(deleted.size(), 6u);
+}
+
+TEST(NodeDestruction, ListenersSeeTheDyingNodeAsANode) {
+    Node root;
+    auto* child = new Node(&root, "child");
+    auto* leaf = new AttributeT<int>(child, "leaf");
+    QStringList order;
+    child->addListener(
+        [&] {
+            order << QString("delete child node=%1 host=%2")
+                         .arg(dynamic_cast<Node*>(static_cast<Attribute*>(child)) != nullptr)
+                         .arg(child->host() == &root);
+        },
+        Attribute::RoleDelete);
+    leaf->addListener([&] { order << QString("delete leaf host=%1").arg(leaf->host() == child); },
+                      Attribute::RoleDelete);
+    root.eventAddListenerBd(
+        "attribute-removed",
+        [&](Basalt::BinaryData& data) {
+            Attribute* gone = root.attribute(readName(data));
+            auto* node = dynamic_cast<Node*>(gone);
+            order << QString("root removed node=%1 leafThere=%2")
+                         .arg(node != nullptr)
+                         .arg(node && node->attribute("leaf") != nullptr);
+        },
+        Node::Direct);
+    child->eventAddListenerBd(
+        "attribute-removed",
+        [&](Basalt::BinaryData& data) { order << "child removed " + QString(readName(data)); },
+        Node::Direct);
+
+    delete child;
+    EXPECT_EQ(order, (QStringList{"delete child node=1 host=1", "root removed node=1 leafThere=1",
+                                  "delete leaf host=1", "child removed leaf"}));
+    EXPECT_EQ(root.childCount(), 0);
+}
+
+TEST(Node, ChangedAndDefaultsCoverTheSubtree) {
+    Node root;
+    auto* a = new AttributeT<int>(new Node(&root, "n"), "a");
+    EXPECT_FALSE(root.isChanged());
+    a->setValue(4, L2);
+    EXPECT_TRUE(root.isChanged());
+    root.setAsDefaults();
+    EXPECT_FALSE(root.isChanged());
+    EXPECT_EQ(a->asInt(nullptr, Attribute::LayerDefault), 4);
+}
