@@ -1,0 +1,204 @@
+// One TCP connection to one peer, run on a thread of its own: the greeting, version
+// and login exchange, the ping/pong keep-alive, and the reading loop that hands every
+// text line to parse(). Everything sent after the handshake goes through the owned
+// WriterThread. A client (made with a null socket and started by connectToHost)
+// reconnects after every failure until stop(); a server-side connection (made around
+// an accepted socket) serves once.
+//
+// Threads: the connection's own thread reads (line, readData, readMap, skip are only
+// called from it, typically inside parse); the writer thread writes; the owner's thread
+// may call queue, writeBuffer*, stop, connectToHost and the accessors at any time.
+// Always owned by a std::shared_ptr; others keep std::weak_ptr. The destructor stops and
+// joins the connection's thread (unless it runs on it) and the writer's; a subclass whose
+// hooks use its own members calls shutdown() first in its destructor.
+//
+// Out-events (sent on the connection's thread): "connected" after a successful
+// handshake, "disconnected" when that connection's reading loop has ended, and
+// "handshake-failed" when a handshake failed (so an owner can retire a connection that
+// never connected).
+#pragma once
+
+#include "Dovel/transport/WriterThread.h"
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/Condition.h"
+#include "Basalt/Mutex.h"
+#include "Basalt/TCPSocket.h"
+#include "Basalt/Thread.h"
+#include "Basalt/TimeStamp.h"
+#include "Tessel/Node.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QMap>
+#include <QString>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace Dovel {
+
+class ConnectionThread : public Basalt::Thread,
+                         public Tessel::Node,
+                         public std::enable_shared_from_this<ConnectionThread> {
+public:
+    // The key both ends of a login hold unless the application sets another one.
+    static constexpr const char DefaultLoginKey[] = "Dovel2Sync";
+
+    // `socket` is an accepted socket (owned from here on) with serverSide true, or null
+    // for a client that connectToHost will open.
+    ConnectionThread(Basalt::TCPSocket* socket, bool serverSide);
+    ~ConnectionThread() override;
+
+    // The login key of every connection in the process; both ends must use the same.
+    // Thread-safe; affects handshakes that start afterwards.
+    static void setLoginKey(const QByteArray& key);
+    static QByteArray loginKey();
+
+    // Client: connects (and keeps reconnecting) to host:port. Restarts a stopped client;
+    // breaks the current connection of a running one so that it moves to the new address.
+    void connectToHost(const QString& host, int port);
+    // Ends the connection and, for a client, its retry loop. Does not wait.
+    virtual void stop();
+    // stop(), then waits for the connection's thread (unless called on it) and the
+    // writer's. The destructor calls it.
+    void shutdown();
+
+    // Sends `text` (UTF-8, as is: the caller supplies any line end) through the writer,
+    // or keeps it until the next handshake when not connected.
+    void queue(const QString& text);
+    // Hand data to the writer under `key` (see WriterThread); empty data is dropped.
+    void writeBufferData(const QByteArray& data, const QByteArray& key);
+    void writeBuffer(const QString& text, const QByteArray& key);
+    void writeBuffer(const QList<QByteArray>& parts, const QByteArray& key);
+    // The map's header line and body in the form the peer's version reads.
+    QByteArray buildMapBuffer(const QString& name, const QMap<QString, QString>& map) const;
+    void writeMapBuffer(const QString& name, const QMap<QString, QString>& map);
+    // Sends "ping" (with " " + payload when the payload is not empty) through the writer.
+    void ping(const QByteArray& payload);
+
+    // Direct socket writes, for the handshake, pong replies and writer update functions;
+    // the caller holds writeMutex() so that nothing interleaves. False (and the
+    // connection ends) when the socket takes fewer bytes.
+    bool writeData(const void* data, int size);
+    bool puts(const QString& text);
+
+    // Reads for the connection's own thread (inside parse): buffered bytes first, then
+    // the socket. A failure, or a size above the limits of Dovel/Limits.h, ends the
+    // connection and yields an empty result or false.
+    QString line();
+    QByteArray readData(int size);
+    bool readData(uint8_t* dst, int size);
+    bool skip(int size);
+    QMap<QString, QString> readMap(int count);
+
+    void setRemoteVersion(int major, int minor, int patch, const QString& suffix);
+    QString remoteVersion() const;
+    // True when the peer's version is at least major.minor.patch.
+    bool remoteVersion(int major, int minor, int patch) const;
+    bool isDovel15Supported() const;
+    bool isPingSupported() const { return usePing_.load() && pongReceived.load(); }
+    bool usePing() const { return usePing_.load(); }
+    void setUsePing(bool use) { usePing_.store(use); }
+
+    QString hostName() const;
+    int port() const;
+    bool isConnected() const { return connected_.load(); }
+    bool isServerSide() const { return serverSide; }
+    // The user name the peer logged in with (server side).
+    QString loginUserName() const;
+    uint32_t rxBytes() const;
+    uint32_t txBytes() const;
+    int64_t bufferedDataSize() const { return writer->bufferedDataSize(); }
+    Basalt::TimeStamp lastPacketTimestamp() const { return Basalt::TimeStamp(lastPacket.load()); }
+    void updateLastPacketTimestamp();
+    double timeoutSeconds() const { return timeout.load(); }
+    void setTimeoutSeconds(double seconds) { timeout.store(seconds); }
+    Basalt::Mutex& writeMutex() { return writeMutex_; }
+    WriterThread* writerThread() { return writer.get(); }
+
+    // Handles the writer's events: "write-error" ends the connection, "data-written" is
+    // swallowed; anything else goes to the node's own handling.
+    void eventProcess(const QByteArray& name, Basalt::BinaryData& data) override;
+
+protected:
+    void childLoop() override;
+    virtual bool openConnection();
+    virtual bool handshake();
+    virtual void handleConnection();
+
+    // Subclass hooks, called on the connection's thread. parse returns false for a line
+    // it does not understand.
+    virtual bool parse(const QString& line);
+    virtual void pong(const QByteArray& payload);
+    virtual void connected();
+    virtual void disconnected();
+    virtual void connectionFailed();
+    virtual void retryProgress(double secondsLeft);
+
+    void setKeepRetrying(bool keep) { keepRetrying.store(keep); }
+    bool isStopping() const { return stopping.load(); }
+
+private:
+    friend class WriterThread;
+
+    bool serverHandshake();
+    bool clientHandshake();
+    // Ends the connection after a failed read or write: the writer stops, running clears.
+    void failConnection();
+    // As failConnection, after logging that the peer broke a size limit.
+    void rejectSize(const char* operation, const char* what, int64_t size, int64_t limit);
+    // Reads exactly `size` bytes into dst, buffered ones first; `got` counts them.
+    bool readExact(char* dst, int size, int& got);
+    bool fillReceiveBuffer();
+    void logReadError(int size, int got);
+    Basalt::TCPSocket* socket() const { return socket_.load(); }
+    void closeSocket();
+
+    std::atomic<Basalt::TCPSocket*> socket_;
+    std::atomic<bool> running{false};
+    std::atomic<bool> connected_{false};
+    const bool serverSide;
+    std::atomic<bool> keepRetrying{true};
+    std::atomic<bool> stopping{false};
+
+    // Guards the address, the remote version and the login user name.
+    mutable Basalt::Mutex stateMutex;
+    QString host;
+    int port_ = 5000;
+    int remoteMajor = 0;
+    int remoteMinor = 0;
+    int remotePatch = 0;
+    QString remoteSuffix;
+    QString userName;
+
+    Basalt::Mutex writeMutex_;
+    // The pause between client attempts; connectToHost and stop end it early.
+    Basalt::Mutex retryMutex;
+    Basalt::Condition retryCondition;
+    bool retryNow = false; // guarded by retryMutex
+    // Guards pendingLines and the switch of connected_, so that no queued line is lost
+    // between the check and the drain after a handshake.
+    Basalt::Mutex queueMutex;
+    QList<QByteArray> pendingLines;
+    bool linesFlowing = false; // after the pending lines were handed to the writer
+    // Whether the client loop runs; guards its exit against a concurrent connectToHost.
+    Basalt::Mutex loopMutex;
+    bool loopActive = false;
+
+    std::unique_ptr<WriterThread> writer;
+    std::atomic<int64_t> lastPacket{0};
+    std::atomic<bool> pongReceived{false};
+    std::atomic<bool> usePing_{true};
+    std::atomic<double> timeout{10.0};
+
+    // Bytes received but not yet consumed; touched only by the connection's own thread.
+    std::vector<char> receiveBuffer;
+    int receiveBegin = 0;
+    int receiveEnd = 0;
+    QByteArray lastLine; // the raw bytes of the line that line() returned last
+};
+
+} // namespace Dovel

@@ -1,0 +1,262 @@
+#include "Dovel/transport/ServerBase.h"
+
+#include "Dovel/transport/ConnectionThread.h"
+
+#include "Basalt/BGThread.h"
+#include "Basalt/PlatformUtils.h"
+#include "Basalt/TimeStamp.h"
+#include "Basalt/Trace.h"
+
+#include <algorithm>
+
+namespace Dovel {
+
+namespace {
+
+constexpr double ListenRetrySeconds = 5.0;
+constexpr unsigned int AcceptWaitMs = 50000;
+constexpr int ListenBacklog = 2;
+
+} // namespace
+
+ServerBase::ServerBase() : Basalt::Thread(QStringLiteral("ServerBase")) {}
+
+ServerBase::~ServerBase() {
+    shutdown();
+}
+
+void ServerBase::run(const QString& host, int port) {
+    Basalt::Guard guard(listenMutex);
+    if (isRunning()) {
+        if (running.load())
+            return;
+        // Stopped, but the thread is still leaving its loop: let it end first.
+        listenMutex.unlock();
+        waitEnd(-1);
+        listenMutex.lock();
+        if (isRunning())
+            return;
+    }
+    running.store(true);
+    listening = false;
+    host_ = host;
+    port_.store(port);
+    Basalt::Thread::run();
+}
+
+bool ServerBase::waitListening(int ms) {
+    const Basalt::TimeStamp start = Basalt::TimeStamp::currentTime();
+    Basalt::Guard guard(listenMutex);
+    while (!listening && running.load()) {
+        const double left = ms / 1000.0 - start.sinceSecondsD();
+        if (left <= 0.0)
+            break;
+        listenCondition.wait(listenMutex, static_cast<unsigned long>(left * 1000.0) + 1);
+    }
+    return listening;
+}
+
+void ServerBase::setAutoFirewallRules(bool enable, const QString& ruleName) {
+    Basalt::Guard guard(listenMutex);
+    autoFirewallRules = enable;
+    firewallRuleName = ruleName;
+}
+
+QString ServerBase::host() const {
+    Basalt::Guard guard(listenMutex);
+    return host_;
+}
+
+bool ServerBase::isListening() const {
+    Basalt::Guard guard(listenMutex);
+    return listening;
+}
+
+QList<std::shared_ptr<ConnectionThread>> ServerBase::instances() const {
+    // An element-wise copy: an implicitly shared one would let a later detach on the
+    // caller's thread race with the accept loop and the removal tasks.
+    QList<std::shared_ptr<ConnectionThread>> copy;
+    Basalt::Guard guard(instancesMutex);
+    copy.reserve(instances_.size());
+    for (const std::shared_ptr<ConnectionThread>& connection : instances_)
+        copy.append(connection);
+    return copy;
+}
+
+void ServerBase::stop(bool closeConnections) {
+    running.store(false);
+    {
+        Basalt::Guard guard(listenMutex);
+        listenCondition.wakeAll(listenMutex);
+    }
+    serverSocket.close();
+    if (closeConnections)
+        for (const std::shared_ptr<ConnectionThread>& connection : instances())
+            connection->stop();
+}
+
+void ServerBase::shutdown() {
+    stop(true);
+    if (!isCurrentThread())
+        waitEnd(-1);
+    closeConnections();
+    // Removal tasks call back into this object; none may outlive it.
+    Basalt::Guard guard(instancesMutex);
+    while (!removalTasks.isEmpty())
+        removalDone.wait(instancesMutex, 1000);
+}
+
+void ServerBase::closeConnections() {
+    if (running.load())
+        return;
+    QList<std::shared_ptr<ConnectionThread>> taken;
+    {
+        Basalt::Guard guard(instancesMutex);
+        taken.swap(instances_);
+    }
+    for (const std::shared_ptr<ConnectionThread>& connection : taken)
+        connection->stop();
+    for (const std::shared_ptr<ConnectionThread>& connection : taken)
+        connection->waitEnd(-1);
+}
+
+void ServerBase::removeInstance(std::shared_ptr<ConnectionThread> connection) {
+    if (!connection)
+        return;
+    std::shared_ptr<Basalt::BGThread> background = Basalt::BGThread::instance();
+    auto task =
+        std::make_shared<Basalt::FunctionTask>([this, connection](Basalt::Task& self) mutable {
+            retire(connection, self);
+            connection.reset(); // a last reference ends here, on the worker
+        });
+    {
+        Basalt::Guard guard(instancesMutex);
+        removalTasks.append(task);
+    }
+    if (background)
+        background->add(task);
+    else
+        retire(connection, *task); // the process is exiting: no pool left to wait on
+}
+
+void ServerBase::retire(const std::shared_ptr<ConnectionThread>& connection, Basalt::Task& task) {
+    connection->waitEnd(-1);
+    {
+        Basalt::Guard guard(instancesMutex);
+        const int index = instances_.indexOf(connection);
+        if (index >= 0) {
+            // Order is not kept: the last element moves into the gap.
+            instances_[index] = instances_.last();
+            instances_.removeLast();
+        }
+    }
+    removedInstance(connection);
+    std::shared_ptr<Basalt::Task> finished;
+    Basalt::Guard guard(instancesMutex);
+    for (int i = 0; i < removalTasks.size(); ++i) {
+        if (removalTasks[i].get() == &task) {
+            finished = removalTasks.takeAt(i); // released after the lock
+            break;
+        }
+    }
+    removalDone.wakeAll(instancesMutex);
+}
+
+void ServerBase::removedInstance(std::shared_ptr<ConnectionThread>) {}
+
+void ServerBase::connected(std::shared_ptr<ConnectionThread>) {}
+
+void ServerBase::disconnected(std::shared_ptr<ConnectionThread>) {}
+
+void ServerBase::childLoop() {
+    if (listen())
+        accept();
+    serverSocket.close();
+    Basalt::Guard guard(listenMutex);
+    listening = false;
+    listenCondition.wakeAll(listenMutex);
+}
+
+bool ServerBase::listen() {
+    while (running.load()) {
+        QByteArray address;
+        bool firewall;
+        QString ruleName;
+        {
+            Basalt::Guard guard(listenMutex);
+            address = host_.toUtf8();
+            firewall = autoFirewallRules;
+            ruleName = firewallRuleName;
+        }
+        if (firewall)
+            Basalt::PlatformUtils::openFirewallPortTCP(port_.load(), ruleName);
+
+        const Basalt::TimeStamp start = Basalt::TimeStamp::currentTime();
+        if (serverSocket.open(address.constData(), port_.load(), ListenBacklog) == 0) {
+            port_.store(serverSocket.port());
+            Basalt::Guard guard(listenMutex);
+            if (!running.load())
+                return false; // stopped while opening: stop() closed nothing yet
+            listening = true;
+            listenCondition.wakeAll(listenMutex);
+            Basalt::Trace::info("Listening %s:%d", address.constData(), port_.load());
+            return true;
+        }
+
+        Basalt::Guard guard(listenMutex);
+        for (;;) {
+            const double remaining = ListenRetrySeconds - start.sinceSecondsD();
+            if (!running.load() || remaining <= 0.0)
+                break;
+            listenCondition.wait(listenMutex, static_cast<unsigned long>(remaining * 1000.0) + 1);
+        }
+    }
+    return false;
+}
+
+void ServerBase::accept() {
+    while (running.load()) {
+        if (!serverSocket.isPendingConnection(AcceptWaitMs))
+            continue;
+        Basalt::TCPSocket* socket = serverSocket.accept();
+        if (!socket)
+            continue;
+        std::shared_ptr<ConnectionThread> connection = createConnection(socket);
+        if (!connection) {
+            delete socket;
+            continue;
+        }
+        // Listeners hold the connection weakly: it owns them, so a strong reference
+        // would keep it alive for ever.
+        const std::weak_ptr<ConnectionThread> weak = connection;
+        connection->eventAddListener(
+            QByteArrayLiteral("connected"),
+            [this, weak] {
+                if (std::shared_ptr<ConnectionThread> c = weak.lock())
+                    connected(c);
+            },
+            Tessel::Node::Direct);
+        connection->eventAddListener(
+            QByteArrayLiteral("disconnected"),
+            [this, weak] {
+                if (std::shared_ptr<ConnectionThread> c = weak.lock()) {
+                    disconnected(c);
+                    removeInstance(c);
+                }
+            },
+            Tessel::Node::Direct);
+        // A connection whose handshake failed never connects: retire it all the same.
+        connection->eventAddListener(
+            QByteArrayLiteral("handshake-failed"),
+            [this, weak] {
+                if (std::shared_ptr<ConnectionThread> c = weak.lock())
+                    removeInstance(c);
+            },
+            Tessel::Node::Direct);
+        Basalt::Guard guard(instancesMutex);
+        connection->run();
+        instances_.append(connection);
+    }
+}
+
+} // namespace Dovel

@@ -1,0 +1,90 @@
+// The sending side of one ConnectionThread: callers on any thread hand it items (lists
+// of byte parts under a key) and named update functions and return at once; its own
+// thread runs the updates first (newest per name), then writes the items in order, in
+// chunks of 16384 bytes, under the parent's write mutex. It also sends the keep-alive
+// ping while idle and ends the connection when the peer stays silent too long.
+//
+// Out-events: "error" (a short write or a ping time-out; no payload) and "data-written"
+// (per chunk; payload: the item's key as a string item, then the chunk size as int32).
+// Both are sent on the writer's thread.
+//
+// Thread-safe; the buffer and the updates are guarded by `mutex`. The writer never holds
+// `mutex` together with the parent's write mutex.
+#pragma once
+
+#include "Basalt/Condition.h"
+#include "Basalt/Mutex.h"
+#include "Basalt/Thread.h"
+#include "Basalt/TimeStamp.h"
+#include "Tessel/Node.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+
+namespace Dovel {
+
+class ConnectionThread;
+
+class WriterThread : public Basalt::Thread, public Tessel::Node {
+public:
+    // Largest write handed to the socket at once; "data-written" reports each.
+    static constexpr int ChunkSize = 16384;
+    static constexpr double DefaultPingIntervalSeconds = 5.0;
+
+    explicit WriterThread(ConnectionThread* parent);
+    ~WriterThread() override;
+
+    // Appends one item; its parts are written one after another.
+    void writeData(const QList<QByteArray>& parts, const QByteArray& key);
+    void writeData(const QByteArray& data, const QByteArray& key);
+    // Runs `function` on the writer thread before any buffered item, holding the parent's
+    // write mutex; a newer function under the same name replaces a waiting one.
+    void update(const QString& name, std::function<void()> function);
+    // Drops every waiting item whose key equals `key`; an item being written stays.
+    void removeFromBuffer(const QByteArray& key);
+    // Bytes of the waiting items (see childLoop for why it may go below zero).
+    int64_t bufferedDataSize() const;
+
+    // Sets running and starts the thread. Waiting updates are dropped at the start;
+    // buffered items are kept.
+    void start();
+    // Clears running and wakes the thread; does not wait.
+    void stop();
+    bool isActive() const { return running.load(); }
+
+    // Seconds of silence from the peer before a ping; shorter only in tests.
+    void setPingIntervalSeconds(double seconds);
+    double pingIntervalSeconds() const;
+
+protected:
+    void childLoop() override;
+
+private:
+    struct Item {
+        QList<QByteArray> parts;
+        QByteArray key;
+    };
+
+    // Writes one item under the parent's write mutex; false after a short write.
+    bool writeItem(const Item& item, Basalt::TimeStamp& pingTime);
+    // Idle wait slice: a second, shorter when the ping interval is shortened.
+    unsigned long idleWaitMs() const;
+
+    mutable Basalt::Mutex mutex;
+    Basalt::Condition condition;
+    std::deque<Item> buffer;
+    std::map<QString, std::function<void()>> updates;
+    ConnectionThread* const parent;
+    std::atomic<bool> running{true};
+    int64_t bufferedSize = 0;
+    double pingInterval = DefaultPingIntervalSeconds;
+};
+
+} // namespace Dovel

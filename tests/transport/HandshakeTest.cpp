@@ -1,0 +1,186 @@
+// The greeting, version and login exchange, between real ends and against peers that
+// write the protocol bytes by hand.
+#include "TransportTestUtil.h"
+
+#include "Basalt/Trace.h"
+
+using namespace TransportTest;
+
+namespace {
+
+QStringList linesOf(const std::shared_ptr<TestConnection>& c) {
+    return c ? c->lines() : QStringList();
+}
+
+} // namespace
+
+TEST(Handshake, ClientAndServerExchangeLinesAfterLogin) {
+    TestServer server;
+    server.run(QStringLiteral("127.0.0.1"), 0);
+    ASSERT_TRUE(server.waitListening(5000));
+    ASSERT_NE(server.port(), 0);
+
+    auto client = std::make_shared<TestConnection>(nullptr, false);
+    // Queued before any connection: kept and sent, in order, after the handshake.
+    client->queue(QStringLiteral("first\n"));
+    client->queue(QStringLiteral("second\n"));
+    client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
+
+    ASSERT_TRUE(waitUntil([&] { return client->isConnected() && server.first(); }));
+    const std::shared_ptr<TestConnection> accepted = server.first();
+    ASSERT_TRUE(waitUntil([&] { return linesOf(accepted).size() == 2; }));
+    EXPECT_EQ(accepted->lines(), (QStringList{"first", "second"}));
+
+    accepted->queue(QStringLiteral("reply one\n"));
+    client->queue(QStringLiteral("third\n"));
+    ASSERT_TRUE(waitUntil([&] { return client->lines().size() == 1; }));
+    EXPECT_EQ(client->lines(), QStringList{"reply one"});
+    ASSERT_TRUE(waitUntil([&] { return accepted->lines().size() == 3; }));
+    EXPECT_EQ(accepted->lines().last(), QStringLiteral("third"));
+
+    // Both ends announced 2.6.1; both pinged "initialized" and got the pong.
+    EXPECT_EQ(client->remoteVersion(), QStringLiteral("2.6.1"));
+    EXPECT_EQ(accepted->remoteVersion(), QStringLiteral("2.6.1"));
+    EXPECT_TRUE(client->isDovel15Supported());
+    EXPECT_EQ(accepted->loginUserName(), QStringLiteral("pavro"));
+    ASSERT_TRUE(
+        waitUntil([&] { return client->isPingSupported() && accepted->isPingSupported(); }));
+    EXPECT_EQ(client->pongs(), QList<QByteArray>{"initialized"});
+    EXPECT_EQ(accepted->pongs(), QList<QByteArray>{"initialized"});
+    EXPECT_EQ(client->connectedCount.load(), 1);
+    EXPECT_EQ(server.connectedCount(accepted.get()), 1);
+
+    client->stop();
+    ASSERT_TRUE(client->waitEnd(2000));
+    EXPECT_EQ(client->disconnectedCount.load(), 1);
+    ASSERT_TRUE(waitUntil([&] { return server.removedCount(accepted.get()) == 1; }));
+    EXPECT_TRUE(server.instances().isEmpty());
+    EXPECT_EQ(server.disconnectedCount(accepted.get()), 1);
+}
+
+TEST(Handshake, OldClientWithoutVersionLineGetsTextMaps) {
+    TestServer server;
+    server.run(QStringLiteral("127.0.0.1"), 0);
+    ASSERT_TRUE(server.waitListening(5000));
+
+    auto peer = RawPeer::connect(server.port());
+    ASSERT_TRUE(peer);
+    // "pavro" straight after the challenge: a client of 1.9.0 that sends no version.
+    EXPECT_EQ(clientLogin(*peer, QByteArray()), QByteArray("ok"));
+    ASSERT_TRUE(waitUntil([&] { return server.first() && server.first()->isConnected(); }));
+    const std::shared_ptr<TestConnection> accepted = server.first();
+    EXPECT_EQ(accepted->remoteVersion(), QStringLiteral("1.9.0"));
+    EXPECT_EQ(accepted->loginUserName(), QStringLiteral("pavro"));
+    EXPECT_FALSE(accepted->isDovel15Supported());
+    EXPECT_EQ(peer->readLine(), QByteArray("ping initialized"));
+
+    // The text form: key and value lines, newlines inside them dropped.
+    accepted->writeMapBuffer(QStringLiteral("info"), {{QStringLiteral("b"), QStringLiteral("2\n2")},
+                                                      {QStringLiteral("a"), QStringLiteral("1")}});
+    EXPECT_EQ(peer->readExact(16), QByteArray("info 2\na\n1\nb\n22\n"));
+
+    // Empty lines and the "\r" of "\r\n" never reach parse.
+    peer->send("\r\n\n\r\nhello\r\n\r\rworld\n");
+    ASSERT_TRUE(waitUntil([&] { return accepted->lines().size() == 2; }));
+    EXPECT_EQ(accepted->lines(), (QStringList{"hello", "world"}));
+}
+
+TEST(Handshake, ClientSendsVersionLineOnlyToServersFrom191) {
+    struct Case {
+        QByteArray greeting;
+        bool versionLine;
+        QString remote;
+    };
+    const Case cases[] = {
+        {"Heliotrope 1.9.0", false, "1.9.0"},
+        {"Heliotrope 1.9.1-beta", true, "1.9.1-beta"},
+        {"Heliotrope 2.0.4-pellux", true, "2.0.4-pellux"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.greeting.constData());
+        RawListener listener;
+        ASSERT_TRUE(listener.isOpen());
+        auto client = std::make_shared<TestConnection>(nullptr, false);
+        client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
+        auto peer = listener.accept();
+        ASSERT_TRUE(peer);
+        ASSERT_TRUE(serveLogin(*peer, c.greeting, c.versionLine));
+        ASSERT_TRUE(waitUntil([&] { return client->isConnected(); }));
+        EXPECT_EQ(client->remoteVersion(), c.remote);
+        EXPECT_EQ(peer->readLine(), QByteArray("ping initialized"));
+        client->stop();
+        EXPECT_TRUE(client->waitEnd(2000));
+    }
+}
+
+TEST(Handshake, GreetingOfMajorVersion3IsRefused) {
+    Basalt::TraceCapture trace;
+    RawListener listener;
+    auto client = std::make_shared<TestConnection>(nullptr, false);
+    client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
+    auto peer = listener.accept();
+    ASSERT_TRUE(peer);
+    peer->send("Heliotrope 3.0.0\n" + fixedChallenge());
+
+    EXPECT_TRUE(peer->waitClosed());
+    EXPECT_TRUE(waitUntil([&] { return trace.contains("Handshake failed, closing connection"); }))
+        << trace.dump().toStdString();
+    EXPECT_EQ(trace.count("Unknown server version 'Heliotrope 3.0.0', expected \"Heliotrope "
+                          "(1|2).*.*\""),
+              1);
+    EXPECT_EQ(client->connectedCount.load(), 0);
+    client->stop();
+    EXPECT_TRUE(client->waitEnd(2000));
+}
+
+TEST(Handshake, ServerAnswersWrongLogin) {
+    Basalt::TraceCapture trace;
+    TestServer server;
+    server.run(QStringLiteral("127.0.0.1"), 0);
+    ASSERT_TRUE(server.waitListening(5000));
+
+    struct Case {
+        const char* what;
+        QByteArray versionLine;
+        QByteArray user;
+        QByteArray key;
+    };
+    const Case cases[] = {
+        {"wrong key", "Heliotrope 2.6.1", "pavro", "Dovel2Syng"},
+        {"wrong user", "Heliotrope 2.6.1", "admin", "Dovel2Sync"},
+        {"not a greeting", "Hello there", "pavro", "Dovel2Sync"},
+        {"major version 3", "Heliotrope 3.1.0", "pavro", "Dovel2Sync"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto peer = RawPeer::connect(server.port());
+        ASSERT_TRUE(peer);
+        EXPECT_EQ(clientLogin(*peer, c.versionLine, c.user, c.key),
+                  QByteArray("Wrong username or password"));
+        EXPECT_TRUE(peer->waitClosed());
+    }
+    // Connections that never connected are retired all the same.
+    EXPECT_TRUE(waitUntil([&] { return server.removedTotal() == 4; }));
+    EXPECT_TRUE(server.instances().isEmpty());
+    EXPECT_EQ(trace.count("Handshake failed, closing connection"), 4);
+}
+
+TEST(Handshake, ApplicationLoginKeyIsUsedByBothEnds) {
+    Dovel::ConnectionThread::setLoginKey("OtherKey99");
+    TestServer server;
+    server.run(QStringLiteral("127.0.0.1"), 0);
+    ASSERT_TRUE(server.waitListening(5000));
+
+    auto peer = RawPeer::connect(server.port());
+    ASSERT_TRUE(peer);
+    EXPECT_EQ(clientLogin(*peer, "Heliotrope 2.6.1", "pavro", "OtherKey99"), QByteArray("ok"));
+
+    auto client = std::make_shared<TestConnection>(nullptr, false);
+    client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
+    EXPECT_TRUE(waitUntil([&] { return client->isConnected(); }));
+    client->stop();
+    EXPECT_TRUE(client->waitEnd(2000));
+
+    Dovel::ConnectionThread::setLoginKey(Dovel::ConnectionThread::DefaultLoginKey);
+    EXPECT_EQ(Dovel::ConnectionThread::loginKey(), QByteArray("Dovel2Sync"));
+}

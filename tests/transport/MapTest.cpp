@@ -1,0 +1,123 @@
+// Maps on the line protocol: the binary block for peers from 1.9.1 and the text form
+// for older ones, byte for byte, and reading both back from a real socket.
+#include "TransportTestUtil.h"
+
+#include "Basalt/Trace.h"
+
+using namespace TransportTest;
+
+namespace {
+
+using Map = QMap<QString, QString>;
+
+const Map sample() {
+    return Map{{QStringLiteral("app"), QStringLiteral("x")},
+               {QStringLiteral("v"), QStringLiteral("2.6")},
+               {QString::fromUtf8("\xc3\xa9"), QString()}};
+}
+
+// buildMapBuffer("map", sample()) for a binary peer, written out by hand: the header
+// line, then an int32 item holding the block's size (66, itself included), then each
+// key and value as a string item (tag 5, u32 byte count, UTF-8 bytes), in key order.
+QByteArray sampleBinary() {
+    return QByteArray("map 3\n") + QByteArray::fromHex("01000000"
+                                                       "42000000"
+                                                       "05000000"
+                                                       "03000000"
+                                                       "617070" // app
+                                                       "05000000"
+                                                       "01000000"
+                                                       "78" // x
+                                                       "05000000"
+                                                       "01000000"
+                                                       "76" // v
+                                                       "05000000"
+                                                       "03000000"
+                                                       "322e36" // 2.6
+                                                       "05000000"
+                                                       "02000000"
+                                                       "c3a9" // é
+                                                       "05000000"
+                                                       "00000000");
+}
+
+// A server connection that finished the login with a hand-played client announcing
+// `versionLine` (none: an old client).
+struct LoggedIn {
+    TestServer server;
+    std::unique_ptr<RawPeer> peer;
+    std::shared_ptr<TestConnection> accepted;
+
+    bool start(const QByteArray& versionLine) {
+        server.run(QStringLiteral("127.0.0.1"), 0);
+        if (!server.waitListening(5000))
+            return false;
+        peer = RawPeer::connect(server.port());
+        if (!peer || clientLogin(*peer, versionLine) != "ok")
+            return false;
+        if (!waitUntil([&] { return server.first() && server.first()->isConnected(); }))
+            return false;
+        accepted = server.first();
+        return peer->readLine() == "ping initialized";
+    }
+};
+
+} // namespace
+
+TEST(Maps, BinaryBlockByteForByte) {
+    auto c = std::make_shared<Dovel::ConnectionThread>(nullptr, false);
+    c->setRemoteVersion(1, 9, 1, QString());
+    EXPECT_EQ(c->buildMapBuffer(QStringLiteral("map"), sample()).toHex(), sampleBinary().toHex());
+
+    // An empty map is a header and a block holding only its length item.
+    EXPECT_EQ(c->buildMapBuffer(QStringLiteral("info"), Map()),
+              QByteArray("info 0\n") + QByteArray::fromHex("0100000008000000"));
+}
+
+TEST(Maps, TextFormForOlderPeers) {
+    auto c = std::make_shared<Dovel::ConnectionThread>(nullptr, false);
+    c->setRemoteVersion(1, 9, 0, QString());
+    const Map map{{QStringLiteral("a\nb"), QStringLiteral("1")},
+                  {QStringLiteral("c"), QStringLiteral("x\ny\n")}};
+    EXPECT_EQ(c->buildMapBuffer(QStringLiteral("info"), map), QByteArray("info 2\nab\n1\nc\nxy\n"));
+    // Before any handshake the peer's version is unknown (0.0.0): text as well.
+    auto fresh = std::make_shared<Dovel::ConnectionThread>(nullptr, false);
+    EXPECT_EQ(fresh->buildMapBuffer(QStringLiteral("m"), {{"k", "v"}}), QByteArray("m 1\nk\nv\n"));
+}
+
+TEST(Maps, ReadMapFromBinaryPeer) {
+    Basalt::TraceCapture trace;
+    LoggedIn link;
+    ASSERT_TRUE(link.start("Heliotrope 2.6.1"));
+
+    link.peer->send(sampleBinary());
+    link.peer->send(QByteArray("map 0\n") + QByteArray::fromHex("0100000008000000"));
+    // A block that holds fewer entries than announced: logged, and the stream stays
+    // framed, so the next line is read normally.
+    link.peer->send(QByteArray("map 2\n") + QByteArray::fromHex("010000001a000000"
+                                                                "050000000100000061" // a
+                                                                "050000000100000062" /* b */));
+    link.peer->send("after\n");
+
+    ASSERT_TRUE(waitUntil([&] { return link.accepted->lines().size() == 1; }));
+    EXPECT_EQ(link.accepted->lines(), QStringList{"after"});
+    const QList<Map> maps = link.accepted->maps();
+    ASSERT_EQ(maps.size(), 3);
+    EXPECT_EQ(maps[0], sample());
+    EXPECT_TRUE(maps[1].isEmpty());
+    EXPECT_TRUE(maps[2].isEmpty());
+    EXPECT_EQ(trace.count("ConnectionThread::readMap # error while reading data", 3), 1);
+    EXPECT_TRUE(link.accepted->isConnected());
+}
+
+TEST(Maps, ReadMapFromTextPeer) {
+    LoggedIn link;
+    ASSERT_TRUE(link.start(QByteArray()));
+    ASSERT_EQ(link.accepted->remoteVersion(), QStringLiteral("1.9.0"));
+
+    link.peer->send("map 2\nk1\nv1\r\nk2\n\nv2\nafter\n");
+    ASSERT_TRUE(waitUntil([&] { return link.accepted->lines().size() == 1; }));
+    EXPECT_EQ(link.accepted->lines(), QStringList{"after"});
+    ASSERT_EQ(link.accepted->maps().size(), 1);
+    EXPECT_EQ(link.accepted->maps()[0], (Map{{"k1", "v1"}, {"k2", "v2"}}));
+}

@@ -1,0 +1,107 @@
+// Keep-alive: ping lines answered at once with the same payload, pong bookkeeping, the
+// features a peer's version enables, and a silent peer dropped after the time-out.
+#include "TransportTestUtil.h"
+
+#include "Basalt/Trace.h"
+
+using namespace TransportTest;
+
+TEST(Ping, AnsweredWithPongCarryingTheSameBytes) {
+    TestServer server;
+    server.run(QStringLiteral("127.0.0.1"), 0);
+    ASSERT_TRUE(server.waitListening(5000));
+    auto peer = RawPeer::connect(server.port());
+    ASSERT_TRUE(peer);
+    ASSERT_EQ(clientLogin(*peer), QByteArray("ok"));
+    ASSERT_EQ(peer->readLine(), QByteArray("ping initialized"));
+    ASSERT_TRUE(waitUntil([&] { return server.first() && server.first()->isConnected(); }));
+    const std::shared_ptr<TestConnection> accepted = server.first();
+    EXPECT_FALSE(accepted->isPingSupported()); // the peer has not answered yet
+
+    peer->send("ping\n");
+    EXPECT_EQ(peer->readLine(), QByteArray("pong"));
+    const QByteArray text = "h\xc3\xa9llo \xe2\x98\x83 42";
+    peer->send("ping " + text + "\n");
+    EXPECT_EQ(peer->readLine(), "pong " + text);
+    // Not even valid UTF-8: still echoed byte for byte.
+    const QByteArray raw("\xff\xfe\x01\x7f raw \x80", 11);
+    peer->send("ping " + raw + "\n");
+    EXPECT_EQ(peer->readLine().toHex(), ("pong " + raw).toHex());
+
+    // Near misses are ordinary lines.
+    peer->send("pingx\nping \n");
+    peer->send("pong initialized\npong\n");
+    ASSERT_TRUE(waitUntil([&] { return accepted->pongs().size() == 2; }));
+    EXPECT_EQ(accepted->pongs(), (QList<QByteArray>{"initialized", ""}));
+    EXPECT_TRUE(accepted->isPingSupported());
+    EXPECT_EQ(accepted->lines(), (QStringList{"pingx", "ping "}));
+
+    // With ping off, ping lines are the subclass's business.
+    accepted->setUsePing(false);
+    EXPECT_FALSE(accepted->isPingSupported());
+    peer->send("ping\n");
+    ASSERT_TRUE(waitUntil([&] { return accepted->lines().size() == 3; }));
+    EXPECT_EQ(accepted->lines().last(), QStringLiteral("ping"));
+    EXPECT_TRUE(peer->quietFor(50));
+}
+
+TEST(Ping, VersionsThatSupportDovel15) {
+    auto c = std::make_shared<Dovel::ConnectionThread>(nullptr, false);
+    struct Case {
+        int major, minor, patch;
+        const char* suffix;
+        bool supported;
+        const char* text;
+    };
+    const Case cases[] = {
+        {2, 0, 4, "pellux", true, "2.0.4-pellux"},
+        {2, 0, 4, "rc1-pellux-b", true, "2.0.4-rc1-pellux-b"},
+        {2, 0, 4, "", false, "2.0.4"},
+        {2, 0, 4, "Pellux", false, "2.0.4-Pellux"},
+        {2, 0, 3, "pellux", false, "2.0.3-pellux"},
+        {2, 1, 9, "", false, "2.1.9"},
+        {2, 2, 0, "", true, "2.2.0"},
+        {2, 2, 0, "anything", true, "2.2.0-anything"},
+        {1, 9, 1, "pellux", false, "1.9.1-pellux"},
+    };
+    for (const Case& k : cases) {
+        c->setRemoteVersion(k.major, k.minor, k.patch, QString::fromLatin1(k.suffix));
+        EXPECT_EQ(c->isDovel15Supported(), k.supported) << k.text;
+        EXPECT_EQ(c->remoteVersion(), QString::fromLatin1(k.text));
+    }
+    c->setRemoteVersion(1, 9, 1, QString());
+    EXPECT_TRUE(c->remoteVersion(1, 9, 1));
+    EXPECT_TRUE(c->remoteVersion(1, 8, 7));
+    EXPECT_TRUE(c->remoteVersion(0, 99, 99));
+    EXPECT_FALSE(c->remoteVersion(1, 9, 2));
+    EXPECT_FALSE(c->remoteVersion(1, 10, 0));
+    EXPECT_FALSE(c->remoteVersion(2, 0, 0));
+}
+
+TEST(Ping, SilentPeerIsDroppedAfterTheTimeout) {
+    Basalt::TraceCapture trace;
+    RawListener listener;
+    auto client = std::make_shared<TestConnection>(nullptr, false);
+    client->setTimeoutSeconds(1.0);
+    client->writerThread()->setPingIntervalSeconds(0.2);
+    client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
+    auto peer = listener.accept();
+    ASSERT_TRUE(peer);
+    ASSERT_TRUE(serveLogin(*peer, "Heliotrope 2.6.1", true));
+    ASSERT_EQ(peer->readLine(), QByteArray("ping initialized"));
+    // Answering once makes the client use ping; then the peer falls silent.
+    peer->send("pong initialized\n");
+    const auto silentSince = std::chrono::steady_clock::now();
+    ASSERT_TRUE(waitUntil([&] { return client->isPingSupported(); }));
+
+    EXPECT_EQ(peer->readLine(2000), QByteArray("ping"));
+    EXPECT_TRUE(peer->waitClosed(5000));
+    EXPECT_GE(secondsSince(silentSince), 0.9);
+    const QString expected =
+        QStringLiteral("127.0.0.1:%1: Ping timeout, disconnecting").arg(listener.port());
+    EXPECT_TRUE(waitUntil([&] { return trace.count(expected) == 1; }))
+        << trace.dump().toStdString();
+    EXPECT_TRUE(waitUntil([&] { return client->disconnectedCount.load() == 1; }));
+    client->stop();
+    EXPECT_TRUE(client->waitEnd(2000));
+}

@@ -1,0 +1,122 @@
+// The listening server: starting, refusing, retiring ended connections once, closing
+// connections only when stopped, and joining what is left on destruction.
+#include "TransportTestUtil.h"
+
+#include "Basalt/BGThread.h"
+
+using namespace TransportTest;
+
+TEST(Server, RunTwiceChangesNothing) {
+    TestServer server;
+    server.run(QStringLiteral("127.0.0.1"), 0);
+    ASSERT_TRUE(server.waitListening(5000));
+    const int port = server.port();
+    ASSERT_NE(port, 0);
+
+    server.run(QStringLiteral("127.0.0.2"), unusedPort());
+    EXPECT_EQ(server.port(), port);
+    EXPECT_EQ(server.host(), QStringLiteral("127.0.0.1"));
+    EXPECT_TRUE(server.isListening());
+    auto peer = RawPeer::connect(port);
+    ASSERT_TRUE(peer);
+    EXPECT_EQ(clientLogin(*peer), QByteArray("ok"));
+}
+
+TEST(Server, RefusingFactoryLeavesNoInstances) {
+    TestServer server;
+    server.refuse = true;
+    server.run(QStringLiteral("127.0.0.1"), 0);
+    ASSERT_TRUE(server.waitListening(5000));
+    for (int i = 0; i < 3; ++i) {
+        auto peer = RawPeer::connect(server.port());
+        ASSERT_TRUE(peer);
+        EXPECT_TRUE(peer->waitClosed()); // the refused socket is closed at once
+    }
+    EXPECT_TRUE(server.instances().isEmpty());
+    EXPECT_EQ(server.removedTotal(), 0);
+}
+
+TEST(Server, EndedConnectionIsRetiredExactlyOnce) {
+    TestServer server;
+    server.run(QStringLiteral("127.0.0.1"), 0);
+    ASSERT_TRUE(server.waitListening(5000));
+    auto client = std::make_shared<TestConnection>(nullptr, false);
+    client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
+    ASSERT_TRUE(waitUntil([&] { return server.first() && server.first()->isConnected(); }));
+    std::shared_ptr<TestConnection> accepted = server.first();
+    const Dovel::ConnectionThread* key = accepted.get();
+    const std::weak_ptr<TestConnection> watch = accepted;
+    accepted.reset();
+
+    client->stop();
+    ASSERT_TRUE(waitUntil([&] { return server.removedCount(key) == 1; }));
+    EXPECT_TRUE(server.instances().isEmpty());
+    ASSERT_TRUE(Basalt::BGThread::instance()->waitIdle(2000));
+    EXPECT_EQ(server.removedCount(key), 1);
+    EXPECT_EQ(server.connectedCount(key), 1);
+    EXPECT_EQ(server.disconnectedCount(key), 1);
+    // Nothing else holds it: the server's listeners do not keep a connection alive.
+    EXPECT_TRUE(watch.expired());
+}
+
+TEST(Server, CloseConnectionsActsOnlyOnAStoppedServer) {
+    TestServer server;
+    server.run(QStringLiteral("127.0.0.1"), 0);
+    ASSERT_TRUE(server.waitListening(5000));
+    auto client = std::make_shared<TestConnection>(nullptr, false);
+    client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
+    ASSERT_TRUE(waitUntil([&] { return server.first() && server.first()->isConnected(); }));
+    const std::shared_ptr<TestConnection> accepted = server.first();
+
+    server.closeConnections(); // running: nothing happens
+    EXPECT_EQ(server.instances().size(), 1);
+    client->queue(QStringLiteral("still here\n"));
+    ASSERT_TRUE(waitUntil([&] { return accepted->lines() == QStringList{"still here"}; }));
+
+    // Stopped without closing: no more listening, but the connection lives on.
+    server.stop(false);
+    ASSERT_TRUE(server.waitEnd(2000));
+    EXPECT_FALSE(server.isListening());
+    EXPECT_FALSE(RawPeer::connect(server.port()));
+    client->queue(QStringLiteral("and here\n"));
+    ASSERT_TRUE(waitUntil([&] { return accepted->lines().size() == 2; }));
+
+    server.closeConnections();
+    EXPECT_TRUE(server.instances().isEmpty());
+    EXPECT_FALSE(accepted->isRunning());
+    EXPECT_TRUE(waitUntil([&] { return client->disconnectedCount.load() == 1; }));
+    client->stop();
+}
+
+TEST(Server, DestructorStopsAndJoinsLiveConnections) {
+    auto server = std::make_unique<TestServer>();
+    server->run(QStringLiteral("127.0.0.1"), 0);
+    ASSERT_TRUE(server->waitListening(5000));
+    auto first = std::make_shared<TestConnection>(nullptr, false);
+    auto second = std::make_shared<TestConnection>(nullptr, false);
+    first->setKeepRetrying(false);
+    second->setKeepRetrying(false);
+    first->connectToHost(QStringLiteral("127.0.0.1"), server->port());
+    second->connectToHost(QStringLiteral("127.0.0.1"), server->port());
+    ASSERT_TRUE(waitUntil([&] { return first->isConnected() && second->isConnected(); }));
+    ASSERT_TRUE(waitUntil([&] { return server->instances().size() == 2; }));
+    const auto accepted = server->instances();
+
+    server.reset();
+    for (const auto& c : accepted)
+        EXPECT_FALSE(c->isRunning());
+    EXPECT_TRUE(waitUntil([&] { return !first->isRunning() && !second->isRunning(); }));
+    EXPECT_EQ(first->disconnectedCount.load(), 1);
+    EXPECT_EQ(second->disconnectedCount.load(), 1);
+}
+
+TEST(Server, StopEndsTheListeningRetryPromptly) {
+    RawListener occupant; // the port is taken: listening fails and waits to retry
+    TestServer server;
+    server.run(QStringLiteral("127.0.0.1"), occupant.port());
+    EXPECT_FALSE(server.waitListening(200));
+    const auto start = std::chrono::steady_clock::now();
+    server.stop(true);
+    EXPECT_TRUE(server.waitEnd(2000));
+    EXPECT_LT(secondsSince(start), 0.5);
+}

@@ -1,0 +1,348 @@
+// Helpers for the transport tests: deadline waits, a raw socket end that writes and
+// reads protocol bytes by hand, a connection and a server that record what reaches
+// their hooks, and the two halves of the login played by hand.
+#pragma once
+
+#include "Dovel/transport/ConnectionThread.h"
+#include "Dovel/transport/ServerBase.h"
+
+#include "Basalt/Mutex.h"
+#include "Basalt/TCPServerSocket.h"
+#include "Basalt/TCPSocket.h"
+
+#include <QCryptographicHash>
+#include <QMap>
+#include <QStringList>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+
+namespace TransportTest {
+
+// Polls `done` until it holds or `ms` milliseconds passed; true when it held.
+template <typename Predicate> bool waitUntil(Predicate done, int ms = 5000) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+inline double secondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// An element-wise copy of a list shared with another thread, so that no implicitly
+// shared array crosses threads.
+template <typename List> List copyOf(const List& list) {
+    List copy;
+    for (const auto& item : list)
+        copy.append(item);
+    return copy;
+}
+
+// One end of a TCP connection driven by the test: exact bytes out, exact bytes in.
+class RawPeer {
+public:
+    explicit RawPeer(Basalt::TCPSocket* socket) : sock(socket) {}
+
+    static std::unique_ptr<RawPeer> connect(int port) {
+        auto socket = std::make_unique<Basalt::TCPSocket>();
+        if (socket->open("127.0.0.1", port) != 0)
+            return nullptr;
+        return std::make_unique<RawPeer>(socket.release());
+    }
+
+    bool send(const QByteArray& bytes) {
+        return sock->write(bytes.constData(), bytes.size()) == bytes.size();
+    }
+
+    // One line without its "\n"; a null array when none came within `ms`.
+    QByteArray readLine(int ms = 5000) {
+        const auto start = std::chrono::steady_clock::now();
+        for (;;) {
+            const int end = pending.indexOf('\n');
+            if (end >= 0) {
+                const QByteArray line = pending.left(end);
+                pending.remove(0, end + 1);
+                return line;
+            }
+            if (!fill(start, ms))
+                return QByteArray();
+        }
+    }
+
+    // Exactly `size` bytes; a null array when they did not come within `ms`.
+    QByteArray readExact(int size, int ms = 5000) {
+        const auto start = std::chrono::steady_clock::now();
+        while (pending.size() < size)
+            if (!fill(start, ms))
+                return QByteArray();
+        const QByteArray out = pending.left(size);
+        pending.remove(0, size);
+        return out;
+    }
+
+    // True when the other end closed the connection within `ms` (bytes still arriving
+    // before the end are dropped).
+    bool waitClosed(int ms = 5000) {
+        const auto start = std::chrono::steady_clock::now();
+        for (;;) {
+            const double left = ms / 1000.0 - secondsSince(start);
+            if (left <= 0.0)
+                return false;
+            if (!sock->isPendingInput(static_cast<unsigned>(left * 1000.0) + 1))
+                continue;
+            char scratch[4096];
+            if (sock->read(scratch, sizeof scratch, false) <= 0)
+                return true;
+        }
+    }
+
+    // True when nothing arrives within `ms`.
+    bool quietFor(int ms) { return pending.isEmpty() && !sock->isPendingInput(ms); }
+
+    Basalt::TCPSocket& socket() { return *sock; }
+
+private:
+    bool fill(std::chrono::steady_clock::time_point start, int ms) {
+        const double left = ms / 1000.0 - secondsSince(start);
+        if (left <= 0.0 || !sock->isPendingInput(static_cast<unsigned>(left * 1000.0) + 1))
+            return false;
+        char chunk[16384];
+        const int n = sock->read(chunk, sizeof chunk, false);
+        if (n <= 0)
+            return false;
+        pending.append(chunk, n);
+        return true;
+    }
+
+    std::unique_ptr<Basalt::TCPSocket> sock;
+    QByteArray pending;
+};
+
+// A listening socket on 127.0.0.1 with an ephemeral port, for fake servers.
+class RawListener {
+public:
+    RawListener() { ok = server.open("127.0.0.1", 0, 4) == 0; }
+    int port() const { return server.port(); }
+    bool isOpen() const { return ok; }
+    std::unique_ptr<RawPeer> accept(int ms = 5000) {
+        if (!server.isPendingConnection(static_cast<unsigned>(ms)))
+            return nullptr;
+        Basalt::TCPSocket* socket = server.accept();
+        return socket ? std::make_unique<RawPeer>(socket) : nullptr;
+    }
+
+private:
+    Basalt::TCPServerSocket server;
+    bool ok = false;
+};
+
+// A port that nothing listens on right now.
+inline int unusedPort() {
+    Basalt::TCPServerSocket probe;
+    if (probe.open("127.0.0.1", 0, 1) != 0)
+        return 0;
+    return probe.port(); // closed again when probe goes
+}
+
+// The 64 challenge bytes the fake servers send: every value class of a byte.
+inline QByteArray fixedChallenge() {
+    QByteArray challenge(64, '\0');
+    for (int i = 0; i < 64; ++i)
+        challenge[i] = static_cast<char>((i * 37 + 11) & 0xff);
+    return challenge;
+}
+
+// The login proof, computed here independently: MD5(first 32, key, last 32).
+inline QByteArray loginProof(const QByteArray& challenge,
+                             const QByteArray& key = QByteArrayLiteral("Dovel2Sync")) {
+    return QCryptographicHash::hash(challenge.left(32) + key + challenge.mid(32, 32),
+                                    QCryptographicHash::Md5);
+}
+
+// The server's half of the login for a client ConnectionThread, by hand. Checks that
+// the client sends the version line exactly when `expectVersionLine`.
+inline bool serveLogin(RawPeer& peer, const QByteArray& greeting, bool expectVersionLine) {
+    const QByteArray challenge = fixedChallenge();
+    if (!peer.send(greeting + "\n" + challenge))
+        return false;
+    QByteArray line = peer.readLine();
+    if (expectVersionLine) {
+        EXPECT_EQ(line, QByteArray("Heliotrope 2.6.1"));
+        if (line != "Heliotrope 2.6.1")
+            return false;
+        line = peer.readLine();
+    }
+    EXPECT_EQ(line, QByteArray("pavro"));
+    const QByteArray proof = peer.readExact(16);
+    EXPECT_EQ(proof.toHex(), loginProof(challenge).toHex());
+    if (line != "pavro" || proof != loginProof(challenge))
+        return false;
+    return peer.send("ok\n");
+}
+
+// The client's half of the login against a server, by hand: reads the greeting and
+// the challenge and sends `versionLine` (skipped when empty), the user name and the
+// proof. Returns the server's answer line.
+inline QByteArray clientLogin(RawPeer& peer,
+                              const QByteArray& versionLine = QByteArrayLiteral("Heliotrope 2.6.1"),
+                              const QByteArray& user = QByteArrayLiteral("pavro"),
+                              const QByteArray& key = QByteArrayLiteral("Dovel2Sync")) {
+    EXPECT_EQ(peer.readLine(), QByteArray("Heliotrope 2.6.1"));
+    const QByteArray challenge = peer.readExact(64);
+    EXPECT_EQ(challenge.size(), 64);
+    QByteArray out;
+    if (!versionLine.isEmpty())
+        out += versionLine + "\n";
+    out += user + "\n" + loginProof(challenge, key);
+    peer.send(out);
+    return peer.readLine();
+}
+
+// A connection that records what reaches its hooks. Lines "map N", "data N" and
+// "skip N" make it read a map, N raw bytes or skip N bytes; lines starting with "bad"
+// are not understood.
+class TestConnection : public Dovel::ConnectionThread {
+public:
+    TestConnection(Basalt::TCPSocket* socket, bool serverSide)
+        : Dovel::ConnectionThread(socket, serverSide) {}
+    ~TestConnection() override { shutdown(); }
+
+    QStringList lines() const {
+        Basalt::Guard guard(mutex);
+        return copyOf(received);
+    }
+    QList<QMap<QString, QString>> maps() const {
+        Basalt::Guard guard(mutex);
+        return copyOf(receivedMaps);
+    }
+    QList<QByteArray> blocks() const {
+        Basalt::Guard guard(mutex);
+        return copyOf(receivedBlocks);
+    }
+    QList<QByteArray> pongs() const {
+        Basalt::Guard guard(mutex);
+        return copyOf(receivedPongs);
+    }
+    QList<double> retryLefts() const {
+        Basalt::Guard guard(mutex);
+        return copyOf(retries);
+    }
+
+    std::atomic<int> connectedCount{0};
+    std::atomic<int> disconnectedCount{0};
+    std::atomic<int> failedCount{0};
+
+    using Dovel::ConnectionThread::setKeepRetrying;
+
+protected:
+    bool parse(const QString& line) override {
+        const QStringList words = line.split(QLatin1Char(' '));
+        if (words.size() == 2 && words[0] == QLatin1String("map")) {
+            const QMap<QString, QString> map = readMap(words[1].toInt());
+            Basalt::Guard guard(mutex);
+            receivedMaps.append(map);
+            return true;
+        }
+        if (words.size() == 2 && words[0] == QLatin1String("data")) {
+            const QByteArray block = readData(words[1].toInt());
+            Basalt::Guard guard(mutex);
+            receivedBlocks.append(block);
+            return true;
+        }
+        if (words.size() == 2 && words[0] == QLatin1String("skip")) {
+            skip(words[1].toInt()); // a failed skip has ended the connection already
+            return true;
+        }
+        if (line.startsWith(QLatin1String("bad")))
+            return false;
+        Basalt::Guard guard(mutex);
+        received.append(line);
+        return true;
+    }
+    void pong(const QByteArray& payload) override {
+        Basalt::Guard guard(mutex);
+        receivedPongs.append(payload);
+    }
+    void connected() override { ++connectedCount; }
+    void disconnected() override { ++disconnectedCount; }
+    void connectionFailed() override { ++failedCount; }
+    void retryProgress(double secondsLeft) override {
+        Basalt::Guard guard(mutex);
+        retries.append(secondsLeft);
+    }
+
+private:
+    mutable Basalt::Mutex mutex;
+    QStringList received;
+    QList<QMap<QString, QString>> receivedMaps;
+    QList<QByteArray> receivedBlocks;
+    QList<QByteArray> receivedPongs;
+    QList<double> retries;
+};
+
+// A server of TestConnections that counts its hooks per connection.
+class TestServer : public Dovel::ServerBase {
+public:
+    ~TestServer() override { shutdown(); }
+
+    // Refuse every accepted socket.
+    std::atomic<bool> refuse{false};
+
+    int removedCount(const Dovel::ConnectionThread* c) const { return count(removed, c); }
+    int connectedCount(const Dovel::ConnectionThread* c) const { return count(connects, c); }
+    int disconnectedCount(const Dovel::ConnectionThread* c) const { return count(disconnects, c); }
+    int removedTotal() const {
+        Basalt::Guard guard(mutex);
+        int total = 0;
+        for (int n : removed)
+            total += n;
+        return total;
+    }
+    std::shared_ptr<TestConnection> first() const {
+        const auto all = instances();
+        return all.isEmpty() ? nullptr : std::static_pointer_cast<TestConnection>(all.first());
+    }
+
+    using Dovel::ServerBase::closeConnections;
+
+protected:
+    std::shared_ptr<Dovel::ConnectionThread> createConnection(Basalt::TCPSocket* socket) override {
+        if (refuse.load())
+            return nullptr;
+        return std::make_shared<TestConnection>(socket, true);
+    }
+    void removedInstance(std::shared_ptr<Dovel::ConnectionThread> c) override {
+        bump(removed, c.get());
+    }
+    void connected(std::shared_ptr<Dovel::ConnectionThread> c) override { bump(connects, c.get()); }
+    void disconnected(std::shared_ptr<Dovel::ConnectionThread> c) override {
+        bump(disconnects, c.get());
+    }
+
+private:
+    using Counts = QMap<const Dovel::ConnectionThread*, int>;
+    void bump(Counts& counts, const Dovel::ConnectionThread* c) {
+        Basalt::Guard guard(mutex);
+        ++counts[c];
+    }
+    int count(const Counts& counts, const Dovel::ConnectionThread* c) const {
+        Basalt::Guard guard(mutex);
+        return counts.value(c);
+    }
+
+    mutable Basalt::Mutex mutex;
+    Counts removed;
+    Counts connects;
+    Counts disconnects;
+};
+
+} // namespace TransportTest
