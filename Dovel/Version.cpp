@@ -2,6 +2,8 @@
 
 namespace Dovel {
 
-QByteArray version() { return QByteArrayLiteral("2.6.1"); }
+QByteArray version() {
+    return QByteArrayLiteral("2.6.1");
+}
 
 } // namespace Dovel
