@@ -1,0 +1,67 @@
+#include "Dovel/sync/AttributeCache.h"
+
+#include "Basalt/Trace.h"
+
+namespace Dovel {
+
+AttributeCache::AttributeCache() = default;
+
+bool AttributeCache::add(unsigned int symbol, Tessel::Attribute* attribute) {
+    QWriteLocker locker(&lock);
+    auto it = bySymbol.constFind(symbol);
+    if (it != bySymbol.constEnd()) {
+        if (it.value() == attribute)
+            return true;
+        Basalt::Trace::error("AttributeCache::ensureExists # Found an existing symbol (%u) "
+                             "pointing to a different attribute",
+                             symbol);
+        return false;
+    }
+    bySymbol.insert(symbol, attribute);
+    byAttribute.insert(attribute, symbol);
+    return true;
+}
+
+Tessel::Attribute* AttributeCache::find(unsigned int symbol) const {
+    QReadLocker locker(&lock);
+    return bySymbol.value(symbol, nullptr);
+}
+
+unsigned int AttributeCache::symbolOf(Tessel::Attribute* attribute) const {
+    QReadLocker locker(&lock);
+    return byAttribute.value(attribute, 0u);
+}
+
+bool AttributeCache::remove(unsigned int symbol) {
+    QWriteLocker locker(&lock);
+    auto it = bySymbol.find(symbol);
+    if (it == bySymbol.end()) {
+        Basalt::Trace::error("AttributeCache::remove # Trying to remove missing symbol: %u",
+                             symbol);
+        return false;
+    }
+    byAttribute.remove(it.value());
+    bySymbol.erase(it);
+    nodes.remove(symbol);
+    return true;
+}
+
+bool AttributeCache::isNode(unsigned int symbol) const {
+    QReadLocker locker(&lock);
+    return nodes.contains(symbol);
+}
+
+void AttributeCache::setIsNode(unsigned int symbol, bool isNode) {
+    QWriteLocker locker(&lock);
+    if (isNode)
+        nodes.insert(symbol);
+    else
+        nodes.remove(symbol);
+}
+
+int AttributeCache::size() const {
+    QReadLocker locker(&lock);
+    return bySymbol.size();
+}
+
+} // namespace Dovel

@@ -1,0 +1,45 @@
+// Maps the symbols of synchronised paths to the live attributes of the local tree and
+// back, and remembers which symbols name nodes. The node watcher fills and empties it;
+// the sender and the receivers look attributes up in it.
+//
+// Thread-safe: every table is guarded by `lock` (readers share it). No operation calls
+// out while holding it except the error log.
+#pragma once
+
+#include <QHash>
+#include <QReadWriteLock>
+#include <QSet>
+
+namespace Tessel {
+class Attribute;
+}
+
+namespace Dovel {
+
+class AttributeCache {
+public:
+    AttributeCache();
+    AttributeCache(const AttributeCache&) = delete;
+    AttributeCache& operator=(const AttributeCache&) = delete;
+
+    // True when the pair is present afterwards; false (logged, nothing changed) when the
+    // symbol already names another attribute. Never touches the node set.
+    bool add(unsigned int symbol, Tessel::Attribute* attribute);
+    // The attribute of the symbol, or null.
+    Tessel::Attribute* find(unsigned int symbol) const;
+    // The symbol of a cached attribute, or 0.
+    unsigned int symbolOf(Tessel::Attribute* attribute) const;
+    // Drops the symbol from both maps and the node set; false (logged) when unknown.
+    bool remove(unsigned int symbol);
+    bool isNode(unsigned int symbol) const;
+    void setIsNode(unsigned int symbol, bool isNode);
+    int size() const;
+
+private:
+    mutable QReadWriteLock lock;
+    QSet<unsigned int> nodes;
+    QHash<unsigned int, Tessel::Attribute*> bySymbol;
+    QHash<Tessel::Attribute*, unsigned int> byAttribute;
+};
+
+} // namespace Dovel

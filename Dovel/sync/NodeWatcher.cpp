@@ -1,0 +1,477 @@
+#include "Dovel/sync/NodeWatcher.h"
+
+#include "Dovel/sync/AttributeCache.h"
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/SymbolRegistry.h"
+#include "Basalt/Trace.h"
+#include "Tessel/AttributeAlias.h"
+#include "Tessel/ListenerHolder.h"
+#include "Tessel/Node.h"
+
+#include <QHash>
+#include <QReadWriteLock>
+
+#include <list>
+#include <map>
+#include <mutex>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+namespace Dovel {
+
+using Tessel::Attribute;
+using Tessel::AttributeAlias;
+using Tessel::Node;
+
+namespace {
+
+QByteArray childPath(const QByteArray& parent, const QByteArray& name) {
+    return parent.isEmpty() ? name : parent + '/' + name;
+}
+
+void checkName(const QByteArray& name) {
+    if (name.isEmpty())
+        Basalt::Trace::error("NodeWatcher # Found an attribute with an empty name. This should "
+                             "never happen");
+}
+
+} // namespace
+
+NodeWatcher::PendingAdded::PendingAdded(unsigned int symbol, Attribute* attribute, bool notify)
+    : symbol(symbol), attribute(attribute), notify(notify) {}
+
+NodeWatcher::PendingAdded::~PendingAdded() {
+    if (attribute && listenerId >= 0)
+        attribute->removeListener(listenerId);
+}
+
+bool NodeWatcher::PendingAdded::claim() {
+    uint8_t expected = 0;
+    return processed.compare_exchange_strong(expected, 1);
+}
+
+struct NodeWatcher::Impl {
+    using PendingPtr = std::shared_ptr<PendingAdded>;
+    using PendingList = std::list<PendingPtr>;
+    using Table = std::map<long, Listener>;
+
+    Impl(Basalt::SymbolRegistry& registry, AttributeCache& cache)
+        : registry(registry), cache(cache), listeners(std::make_shared<Table>()) {}
+
+    void emit(EventType type, unsigned int symbol);
+    bool takeIgnored(const Event& event);
+
+    void enqueue(const PendingPtr& record);
+    PendingPtr takePending(unsigned int symbol);
+    PendingPtr popFront();
+
+    void watchNode(Node& node, const QByteArray& path, unsigned int symbol, bool notify,
+                   Tessel::ListenerHolder& holder);
+    void watchAttribute(Attribute& attribute, const QByteArray& path, unsigned int symbol,
+                        bool notify, Tessel::ListenerHolder& holder);
+    Tessel::ListenerHolder& aliasHolder(AttributeAlias* alias);
+    void dropAliasHolder(Attribute* alias);
+    void retarget(AttributeAlias* alias, const QByteArray& path, unsigned int symbol);
+    void onAdded(Node& node, const QByteArray& path, Basalt::BinaryData& data,
+                 Tessel::ListenerHolder& holder);
+    void onRemoved(const QByteArray& path, Basalt::BinaryData& data,
+                   Tessel::ListenerHolder& holder);
+    void firstChange(unsigned int symbol);
+    void process(const PendingAdded& record);
+    void unwatchAttribute(Attribute& attribute, const QByteArray& path, unsigned int symbol,
+                          bool notify, Tessel::ListenerHolder& holder);
+    void unwatchNode(Node& node, const QByteArray& path, unsigned int symbol, bool notify,
+                     Tessel::ListenerHolder& holder);
+    bool storedTarget(Attribute* attribute, Attribute** target);
+
+    Basalt::SymbolRegistry& registry;
+    AttributeCache& cache;
+    // Registrations on the tree seen from the root, and, per alias that points at a node,
+    // those on the subtree seen through that alias: an attribute reached both ways keeps
+    // its own-path registrations when the alias moves on.
+    Tessel::ListenerHolder rootHolder;
+    std::unordered_map<Attribute*, std::unique_ptr<Tessel::ListenerHolder>> aliasHolders;
+
+    std::mutex aliasMutex;
+    QHash<Attribute*, Attribute*> aliases; // alias -> end of its chain (may be null)
+
+    // Arrival order in the list; the index finds a symbol's records without a scan.
+    mutable std::mutex pendingMutex;
+    PendingList pending;
+    std::unordered_map<unsigned int, std::vector<PendingList::iterator>> pendingIndex;
+
+    std::mutex ignoreMutex;
+    std::set<Event> ignored;
+    std::atomic<int> ignoredCount{0}; // lets emissions skip the mutex when nothing is ignored
+
+    // Immutable tables swapped under the lock: an emission only copies a pointer.
+    QReadWriteLock listenerLock;
+    std::shared_ptr<const Table> listeners;
+    long nextListenerId = 0;
+
+    std::atomic<bool> watching{false};
+};
+
+void NodeWatcher::Impl::emit(EventType type, unsigned int symbol) {
+    const Event event{type, symbol};
+    if (ignoredCount.load(std::memory_order_acquire) > 0 && takeIgnored(event))
+        return;
+    std::shared_ptr<const Table> table;
+    {
+        QReadLocker locker(&listenerLock);
+        table = listeners;
+    }
+    for (const auto& entry : *table)
+        entry.second(event);
+}
+
+bool NodeWatcher::Impl::takeIgnored(const Event& event) {
+    std::lock_guard<std::mutex> locker(ignoreMutex);
+    auto it = ignored.find(event);
+    if (it == ignored.end())
+        return false;
+    ignored.erase(it);
+    ignoredCount.fetch_sub(1, std::memory_order_release);
+    return true;
+}
+
+void NodeWatcher::Impl::enqueue(const PendingPtr& record) {
+    std::lock_guard<std::mutex> locker(pendingMutex);
+    auto it = pending.insert(pending.end(), record);
+    pendingIndex[record->symbol].push_back(it);
+}
+
+NodeWatcher::Impl::PendingPtr NodeWatcher::Impl::takePending(unsigned int symbol) {
+    std::lock_guard<std::mutex> locker(pendingMutex);
+    auto found = pendingIndex.find(symbol);
+    if (found == pendingIndex.end())
+        return nullptr;
+    auto it = found->second.front();
+    found->second.erase(found->second.begin());
+    if (found->second.empty())
+        pendingIndex.erase(found);
+    PendingPtr record = std::move(*it);
+    pending.erase(it);
+    return record; // released by the caller, outside the mutex
+}
+
+NodeWatcher::Impl::PendingPtr NodeWatcher::Impl::popFront() {
+    std::lock_guard<std::mutex> locker(pendingMutex);
+    if (pending.empty())
+        return nullptr;
+    auto front = pending.begin();
+    auto found = pendingIndex.find((*front)->symbol);
+    if (found != pendingIndex.end()) {
+        auto& positions = found->second;
+        for (auto pos = positions.begin(); pos != positions.end(); ++pos) {
+            if (*pos == front) {
+                positions.erase(pos);
+                break;
+            }
+        }
+        if (positions.empty())
+            pendingIndex.erase(found);
+    }
+    PendingPtr record = std::move(*front);
+    pending.erase(front);
+    return record;
+}
+
+Tessel::ListenerHolder& NodeWatcher::Impl::aliasHolder(AttributeAlias* alias) {
+    auto& slot = aliasHolders[alias];
+    if (!slot)
+        slot = std::make_unique<Tessel::ListenerHolder>();
+    return *slot;
+}
+
+void NodeWatcher::Impl::dropAliasHolder(Attribute* alias) {
+    auto it = aliasHolders.find(alias);
+    if (it == aliasHolders.end())
+        return;
+    std::unique_ptr<Tessel::ListenerHolder> dropped = std::move(it->second);
+    aliasHolders.erase(it);
+    dropped.reset(); // removes every registration made through the alias
+}
+
+void NodeWatcher::Impl::watchNode(Node& node, const QByteArray& path, unsigned int symbol,
+                                  bool notify, Tessel::ListenerHolder& holder) {
+    cache.setIsNode(symbol, true);
+    Node* watched = &node;
+    Tessel::ListenerHolder* registrations = &holder;
+    holder.addBd(
+        watched, "attribute-added",
+        [this, watched, path, registrations](Basalt::BinaryData& data) {
+            onAdded(*watched, path, data, *registrations);
+        },
+        Node::Direct);
+    holder.addBd(
+        watched, "attribute-removed",
+        [this, path, registrations](Basalt::BinaryData& data) {
+            onRemoved(path, data, *registrations);
+        },
+        Node::Direct);
+    if (notify)
+        emit(NodeAdded, symbol);
+    for (Attribute* child : node.children()) {
+        if (!child)
+            continue;
+        checkName(child->name());
+        const QByteArray path2 = childPath(path, child->name());
+        const unsigned int symbol2 = registry.lookupOrDefine(path2);
+        if (!cache.find(symbol2))
+            cache.add(symbol2, child);
+        watchAttribute(*child, path2, symbol2, notify, holder);
+    }
+}
+
+void NodeWatcher::Impl::watchAttribute(Attribute& attribute, const QByteArray& path,
+                                       unsigned int symbol, bool notify,
+                                       Tessel::ListenerHolder& holder) {
+    if (auto* alias = dynamic_cast<AttributeAlias*>(&attribute)) {
+        Attribute* target = AttributeAlias::resolve(alias);
+        {
+            std::lock_guard<std::mutex> locker(aliasMutex);
+            aliases.insert(alias, target);
+        }
+        holder.add(
+            alias, [this, alias, path, symbol] { retarget(alias, path, symbol); },
+            Attribute::RoleChange);
+        if (auto* node = dynamic_cast<Node*>(target)) {
+            watchNode(*node, path, symbol, notify, aliasHolder(alias));
+            return;
+        }
+        if (!target)
+            return;
+    } else if (auto* node = dynamic_cast<Node*>(&attribute)) {
+        watchNode(*node, path, symbol, notify, holder);
+        return;
+    } else {
+        holder.add(
+            &attribute, [this, symbol] { emit(AttributeChanged, symbol); }, Attribute::RoleChange);
+    }
+    if (notify)
+        emit(AttributeAdded, symbol);
+}
+
+void NodeWatcher::Impl::retarget(AttributeAlias* alias, const QByteArray& path,
+                                 unsigned int symbol) {
+    Attribute* now = AttributeAlias::resolve(alias);
+    Attribute* old = nullptr;
+    {
+        std::lock_guard<std::mutex> locker(aliasMutex);
+        old = aliases.value(alias, nullptr);
+        aliases.insert(alias, now);
+    }
+    if (old == now) {
+        if (now)
+            emit(AttributeChanged, symbol);
+        return;
+    }
+    if (old) {
+        if (auto* node = dynamic_cast<Node*>(old)) {
+            unwatchNode(*node, path, symbol, true, aliasHolder(alias));
+            dropAliasHolder(alias);
+        } else {
+            emit(cache.isNode(symbol) ? NodeRemoved : AttributeRemoved, symbol);
+        }
+    }
+    if (!now)
+        return;
+    if (auto* node = dynamic_cast<Node*>(now)) {
+        watchNode(*node, path, symbol, true, aliasHolder(alias));
+        return;
+    }
+    cache.setIsNode(symbol, false);
+    emit(AttributeAdded, symbol);
+}
+
+void NodeWatcher::Impl::onAdded(Node& node, const QByteArray& path, Basalt::BinaryData& data,
+                                Tessel::ListenerHolder& holder) {
+    QByteArray name;
+    if (!data.readString(name))
+        return;
+    Attribute* child = node.attribute(name);
+    if (!child)
+        return;
+    checkName(name);
+    const QByteArray path2 = childPath(path, name);
+    const unsigned int symbol = registry.lookupOrDefine(path2);
+    if (!cache.find(symbol))
+        cache.add(symbol, child);
+    // An ignoreOne for the addition silences this child and, through notify, its subtree.
+    const bool notify = !takeIgnored({AttributeAdded, symbol}) && !takeIgnored({NodeAdded, symbol});
+    auto record = std::make_shared<PendingAdded>(symbol, child, notify);
+    record->holder = &holder;
+    // The child is still being constructed: only its base may be touched here.
+    record->listenerId =
+        child->addListener([this, symbol] { firstChange(symbol); }, Attribute::RoleChange);
+    enqueue(record);
+}
+
+void NodeWatcher::Impl::firstChange(unsigned int symbol) {
+    PendingPtr record = takePending(symbol);
+    if (record && record->claim())
+        process(*record);
+    record.reset();
+    Attribute* attribute = cache.find(symbol);
+    if (!attribute)
+        Basalt::Trace::error("NodeWatcher::processPendingAddedChanged # Could not find "
+                             "attribute in cache");
+    else if (!dynamic_cast<AttributeAlias*>(attribute))
+        emit(AttributeChanged, symbol);
+}
+
+void NodeWatcher::Impl::process(const PendingAdded& record) {
+    Attribute* attribute = cache.find(record.symbol);
+    if (!attribute) {
+        Basalt::Trace::error("NodeWatcher::processPendingAdded # Could not find attribute in "
+                             "cache");
+        return;
+    }
+    watchAttribute(*attribute, registry.lookup(record.symbol), record.symbol, record.notify,
+                   record.holder ? *record.holder : rootHolder);
+}
+
+bool NodeWatcher::Impl::storedTarget(Attribute* attribute, Attribute** target) {
+    std::lock_guard<std::mutex> locker(aliasMutex);
+    auto it = aliases.constFind(attribute);
+    if (it == aliases.constEnd())
+        return false;
+    *target = it.value();
+    return true;
+}
+
+void NodeWatcher::Impl::onRemoved(const QByteArray& path, Basalt::BinaryData& data,
+                                  Tessel::ListenerHolder& holder) {
+    QByteArray name;
+    if (!data.readString(name))
+        return;
+    const QByteArray path2 = childPath(path, name);
+    const unsigned int symbol = registry.lookup(path2);
+    Attribute* attribute = symbol ? cache.find(symbol) : nullptr;
+    if (!attribute)
+        return;
+    Attribute* target = nullptr;
+    const bool notify = storedTarget(attribute, &target) ? target != nullptr : true;
+    unwatchAttribute(*attribute, path2, symbol, notify, holder);
+}
+
+void NodeWatcher::Impl::unwatchAttribute(Attribute& attribute, const QByteArray& path,
+                                         unsigned int symbol, bool notify,
+                                         Tessel::ListenerHolder& holder) {
+    PendingPtr record = takePending(symbol);
+    auto* alias = dynamic_cast<AttributeAlias*>(&attribute);
+    Attribute* resolved = AttributeAlias::resolve(&attribute);
+    if (record) {
+        // Never reported as added: report a balanced pair so listeners stay consistent.
+        if (notify && !(alias && !resolved)) {
+            const bool isNode = dynamic_cast<Node*>(resolved) != nullptr;
+            emit(isNode ? NodeAdded : AttributeAdded, record->symbol);
+            emit(isNode ? NodeRemoved : AttributeRemoved, record->symbol);
+        }
+    } else if (auto* node = dynamic_cast<Node*>(resolved)) {
+        unwatchNode(*node, path, symbol, notify, alias ? aliasHolder(alias) : holder);
+    } else {
+        Attribute* target = nullptr;
+        const bool nullAlias = storedTarget(&attribute, &target) && !target;
+        if (notify && !nullAlias)
+            emit(cache.isNode(symbol) ? NodeRemoved : AttributeRemoved, symbol);
+    }
+    record.reset();
+    dropAliasHolder(&attribute);
+    holder.removeListeners(&attribute);
+    cache.remove(symbol);
+    std::lock_guard<std::mutex> locker(aliasMutex);
+    aliases.remove(&attribute);
+}
+
+void NodeWatcher::Impl::unwatchNode(Node& node, const QByteArray& path, unsigned int symbol,
+                                    bool notify, Tessel::ListenerHolder& holder) {
+    for (Attribute* child : node.children()) {
+        if (!child)
+            continue;
+        checkName(child->name());
+        const QByteArray path2 = childPath(path, child->name());
+        unwatchAttribute(*child, path2, registry.lookup(path2), notify, holder);
+    }
+    if (notify)
+        emit(NodeRemoved, symbol);
+}
+
+NodeWatcher::NodeWatcher(Basalt::SymbolRegistry& registry, AttributeCache& cache)
+    : impl(std::make_unique<Impl>(registry, cache)) {}
+
+NodeWatcher::~NodeWatcher() = default;
+
+void NodeWatcher::startWatching(Node& root, bool notify) {
+    if (impl->watching.exchange(true)) {
+        Basalt::Trace::error("NodeWatcher can only watch one node at a time");
+        return;
+    }
+    const unsigned int symbol = impl->registry.lookupOrDefine(QByteArray(""));
+    impl->cache.add(symbol, &root);
+    impl->watchNode(root, QByteArray(), symbol, notify, impl->rootHolder);
+    Impl* self = impl.get();
+    Node* watched = &root;
+    impl->rootHolder.add(
+        watched,
+        [self, watched, symbol] {
+            self->unwatchNode(*watched, QByteArray(), symbol, true, self->rootHolder);
+            self->cache.remove(symbol);
+        },
+        Attribute::RoleDelete);
+}
+
+long NodeWatcher::addListener(const Listener& callback) {
+    QWriteLocker locker(&impl->listenerLock);
+    auto table = std::make_shared<Impl::Table>(*impl->listeners);
+    const long id = impl->nextListenerId++;
+    table->emplace(id, callback);
+    impl->listeners = std::move(table);
+    return id;
+}
+
+void NodeWatcher::removeListener(long id) {
+    QWriteLocker locker(&impl->listenerLock);
+    if (!impl->listeners->count(id))
+        return;
+    auto table = std::make_shared<Impl::Table>(*impl->listeners);
+    table->erase(id);
+    impl->listeners = std::move(table);
+}
+
+void NodeWatcher::ignoreOne(const Event& event) {
+    std::lock_guard<std::mutex> locker(impl->ignoreMutex);
+    if (!impl->ignored.insert(event).second) {
+        Basalt::Trace::error("NodeWatcher # called ignoreOne for an event that is already ignored");
+        return;
+    }
+    impl->ignoredCount.fetch_add(1, std::memory_order_release);
+}
+
+void NodeWatcher::stopIgnoring(const Event& event) {
+    std::lock_guard<std::mutex> locker(impl->ignoreMutex);
+    if (impl->ignored.erase(event))
+        impl->ignoredCount.fetch_sub(1, std::memory_order_release);
+}
+
+bool NodeWatcher::isPendingUpdate(unsigned int symbol) const {
+    std::lock_guard<std::mutex> locker(impl->pendingMutex);
+    return impl->pendingIndex.count(symbol) != 0;
+}
+
+int NodeWatcher::pendingCount() const {
+    std::lock_guard<std::mutex> locker(impl->pendingMutex);
+    return int(impl->pending.size());
+}
+
+void NodeWatcher::update() {
+    while (Impl::PendingPtr record = impl->popFront()) {
+        if (record->claim())
+            impl->process(*record);
+    }
+}
+
+} // namespace Dovel

@@ -1,0 +1,111 @@
+// Turns the object model's notifications (value changes, deletions, and the
+// "attribute-added"/"attribute-removed" events of nodes) under one root into a flat
+// stream of Events, each naming a kind of change and the symbol of the attribute's
+// path, and keeps the AttributeCache in step with the tree.
+//
+// Thread contract: startWatching, update and every object-model notification run on the
+// tree thread. addListener, removeListener, ignoreOne, stopIgnoring and isPendingUpdate
+// are thread-safe. Listener callbacks run with no watcher lock held, so they may add or
+// remove listeners; the change takes effect from the next emission.
+#pragma once
+
+#include <QByteArray>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace Basalt {
+class SymbolRegistry;
+}
+namespace Tessel {
+class Attribute;
+class ListenerHolder;
+class Node;
+} // namespace Tessel
+
+namespace Dovel {
+
+class AttributeCache;
+
+class NodeWatcher {
+public:
+    enum EventType : uint32_t {
+        AttributeAdded = 0,   // a value attribute (not a node) is now watched
+        AttributeRemoved = 1, // the value attribute is gone
+        AttributeChanged = 2, // the value attribute changed its value
+        NodeAdded = 3,        // a node is now watched
+        NodeRemoved = 4,      // the node is gone
+    };
+
+    struct Event {
+        EventType type = AttributeAdded;
+        unsigned int symbol = 0;
+
+        bool operator<(const Event& other) const {
+            return symbol != other.symbol ? symbol < other.symbol : type < other.type;
+        }
+        bool operator==(const Event& other) const {
+            return type == other.type && symbol == other.symbol;
+        }
+        bool operator!=(const Event& other) const { return !(*this == other); }
+    };
+
+    using Listener = std::function<void(const Event&)>;
+
+    // An attribute that a node reported as added and that is not watched yet. Shared
+    // between the pending queue and whoever processes it; only the one that flips
+    // `processed` from 0 to 1 may process it. Destroying it removes the temporary change
+    // listener from the attribute (which is alive as long as the record is queued: its
+    // removal or deletion takes the record out of the queue first).
+    struct PendingAdded {
+        PendingAdded(unsigned int symbol, Tessel::Attribute* attribute, bool notify);
+        ~PendingAdded();
+        PendingAdded(const PendingAdded&) = delete;
+        PendingAdded& operator=(const PendingAdded&) = delete;
+
+        // True for the one caller that may process the record.
+        bool claim();
+
+        std::atomic<uint8_t> processed{0};
+        const unsigned int symbol;
+        Tessel::Attribute* const attribute;
+        const bool notify;
+        long listenerId = -1;
+        // Where the watcher keeps the registrations of the subtree it belongs to.
+        Tessel::ListenerHolder* holder = nullptr;
+    };
+
+    NodeWatcher(Basalt::SymbolRegistry& registry, AttributeCache& cache);
+    // Drops listeners, pending records, the ignore set and the alias map, and removes
+    // every listener the watcher put on the tree. The watched tree must still be alive,
+    // or its root must have been destroyed (the watcher then let go of it).
+    ~NodeWatcher();
+    NodeWatcher(const NodeWatcher&) = delete;
+    NodeWatcher& operator=(const NodeWatcher&) = delete;
+
+    // Watches the whole tree under `root`, emitting its additions in pre-order when
+    // `notify`. Only once per watcher; a second call is logged and ignored.
+    void startWatching(Tessel::Node& root, bool notify);
+
+    long addListener(const Listener& callback);
+    void removeListener(long id);
+
+    // Swallows the next emission of exactly this event (echo suppression).
+    void ignoreOne(const Event& event);
+    // Withdraws an ignoreOne.
+    void stopIgnoring(const Event& event);
+
+    // Whether an addition of that symbol is queued and not yet reported.
+    bool isPendingUpdate(unsigned int symbol) const;
+    int pendingCount() const;
+    // Reports every queued addition (tree thread).
+    void update();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl;
+};
+
+} // namespace Dovel

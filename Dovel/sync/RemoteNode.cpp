@@ -1,0 +1,450 @@
+#include "Dovel/sync/RemoteNode.h"
+
+#include "Dovel/Limits.h"
+
+#include "Basalt/Trace.h"
+#include "Tessel/AttributeAlias.h"
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+
+namespace Dovel {
+
+using Tessel::Attribute;
+using Tessel::AttributeAlias;
+using Tessel::Node;
+
+namespace {
+
+// Ids of sliced events, shared by every remote node: any thread may slice.
+std::atomic<uint32_t> sliceCounter{0};
+
+bool matches(const QRegExp& expression, const QByteArray& path) {
+    return expression.indexIn(QString::fromUtf8(path), 0) >= 0;
+}
+
+void walkWithPath(Node& node, const QByteArray& prefix,
+                  const std::function<void(Attribute&, const QByteArray&)>& visit) {
+    for (Attribute* child : node.children()) {
+        Attribute* resolved = AttributeAlias::resolve(child);
+        if (!resolved)
+            continue;
+        const QByteArray path = prefix.isEmpty() ? child->name() : prefix + '/' + child->name();
+        if (auto* sub = dynamic_cast<Node*>(resolved))
+            walkWithPath(*sub, path, visit);
+        else
+            visit(*resolved, path);
+    }
+}
+
+} // namespace
+
+RemoteNode::RemoteNode(Node* host, const QByteArray& name)
+    : Node(host, name), registry(std::make_unique<Basalt::SymbolRegistry>()),
+      cache(std::make_unique<AttributeCache>()), flags(std::make_unique<SyncFlags>()),
+      eventListeners(std::make_shared<EventTable>()) {
+    eventAddOut("initialized");
+    eventAddOut("destroyed");
+    // Each side keeps its own ids.
+    setSyncFlags(QRegExp("(^|/)id$", Qt::CaseSensitive, QRegExp::RegExp), SyncFlags::Local);
+    nodeWatcher = std::make_unique<NodeWatcher>(*registry, *cache);
+    nodeWatcher->addListener([this](const NodeWatcher::Event& event) { onWatcherEvent(event); });
+    nodeWatcher->startWatching(*this, true);
+}
+
+RemoteNode::~RemoteNode() {
+    eventSend("destroyed");
+    // The watcher goes first so that the children's removal below reports nothing; they
+    // are deleted here, while this object is still whole.
+    nodeWatcher.reset();
+    aboutToBeDestroyed();
+}
+
+void RemoteNode::onWatcherEvent(const NodeWatcher::Event& event) {
+    switch (event.type) {
+    case NodeWatcher::AttributeAdded:
+        if (!pendingListeners.empty() || !syncFlagRules.empty()) {
+            checkForPendingListeners(event.symbol);
+            checkForSyncFlags(event.symbol);
+        }
+        queueChanged(event.symbol);
+        break;
+    case NodeWatcher::AttributeChanged:
+        queueChanged(event.symbol);
+        break;
+    case NodeWatcher::AttributeRemoved: {
+        // A later change queues it again.
+        std::lock_guard<std::mutex> locker(changedMutex);
+        changedSet.remove(event.symbol);
+        break;
+    }
+    default:
+        break;
+    }
+}
+
+void RemoteNode::queueChanged(unsigned int symbol) {
+    std::lock_guard<std::mutex> locker(changedMutex);
+    if (changedSet.contains(symbol))
+        return;
+    changedSet.insert(symbol);
+    changedList.push_back(symbol);
+}
+
+void RemoteNode::checkForPendingListeners(unsigned int symbol) {
+    if (pendingListeners.empty())
+        return;
+    const QByteArray path = registry->lookup(symbol);
+    for (int i = 0; i < int(pendingListeners.size()); ++i) {
+        if (matches(pendingListeners[i].first, path))
+            symbolListeners[symbol].emplace(i, pendingListeners[i].second);
+    }
+}
+
+void RemoteNode::checkForSyncFlags(unsigned int symbol) {
+    if (syncFlagRules.empty())
+        return;
+    const QByteArray path = registry->lookup(symbol);
+    for (const auto& rule : syncFlagRules) {
+        if (matches(rule.first, path))
+            flags->setFlags(symbol, rule.second);
+    }
+}
+
+void RemoteNode::setSyncFlags(const QRegExp& pattern, SyncFlags::Flag flag) {
+    updateSyncFlags(pattern, flag);
+    syncFlagRules.emplace_back(pattern, flag);
+}
+
+void RemoteNode::updateSyncFlags(const QRegExp& pattern, SyncFlags::Flag flag) {
+    walkAttributesWithPath(*this, [&](Attribute&, const QByteArray& path) {
+        if (!matches(pattern, path))
+            return;
+        if (const unsigned int symbol = registry->lookup(path))
+            flags->setFlags(symbol, flag);
+    });
+}
+
+QRegExp RemoteNode::makeRegExp(const QString& pattern) {
+    QString expression = QRegExp::escape(pattern);
+    expression.replace(QLatin1String("\\*\\*"), QLatin1String(".+"));
+    expression.replace(QLatin1String("\\*"), QLatin1String("[^/]+"));
+    return QRegExp(QLatin1Char('^') + expression + QLatin1Char('$'), Qt::CaseSensitive,
+                   QRegExp::RegExp);
+}
+
+void RemoteNode::onChangeImpl(const QRegExp& expression, std::function<void(Attribute*)> callback) {
+    const int index = int(pendingListeners.size());
+    pendingListeners.emplace_back(expression, callback);
+    std::vector<unsigned int> found;
+    walkAttributesWithPath(*this, [&](Attribute&, const QByteArray& path) {
+        if (!matches(expression, path))
+            return;
+        if (const unsigned int symbol = registry->lookup(path))
+            found.push_back(symbol);
+    });
+    for (unsigned int symbol : found) {
+        symbolListeners[symbol].emplace(index, callback);
+        queueChanged(symbol);
+    }
+}
+
+void RemoteNode::processPendingAdditions() {
+    nodeWatcher->update();
+}
+
+void RemoteNode::update() {
+    nodeWatcher->update();
+    std::vector<unsigned int> changed;
+    {
+        std::lock_guard<std::mutex> locker(changedMutex);
+        changed.swap(changedList);
+        changedSet.clear();
+    }
+    for (unsigned int symbol : changed) {
+        auto it = symbolListeners.constFind(symbol);
+        if (it == symbolListeners.constEnd())
+            continue;
+        // A copy: a callback may register further pattern callbacks.
+        const auto callbacks = it.value();
+        Attribute* attribute = cache->find(symbol);
+        for (const auto& entry : callbacks)
+            entry.second(attribute);
+    }
+}
+
+bool RemoteNode::addNode(const QByteArray& path, Node* node) {
+    return addDeepAttribute(path, node);
+}
+
+bool RemoteNode::addDeepAttribute(const QByteArray& fullName, Attribute* attribute) {
+    if (fullName.startsWith('/')) {
+        Basalt::Trace::error("RemoteNode::addDeepAttribute # full name shouldn't start with "
+                             "'/': %s",
+                             fullName.constData());
+        return false;
+    }
+    if (!attribute) {
+        Basalt::Trace::error("RemoteNode::addDeepAttribute # got a null attribute. Ignoring");
+        return false;
+    }
+    const QList<QByteArray> parts = fullName.split('/');
+    Node* current = this;
+    for (int i = 0; i + 1 < parts.size(); ++i) {
+        if (Attribute* existing = current->attribute(parts[i])) {
+            auto* node = dynamic_cast<Node*>(AttributeAlias::resolve(existing));
+            if (!node) {
+                Basalt::Trace::error("RemoteNode::addDeepAttribute # Failed to add attribute. An "
+                                     "attribute already exists on the path where a node is "
+                                     "expected.");
+                return false;
+            }
+            current = node;
+        } else {
+            current = new Node(current, parts[i]); // owned by its host
+        }
+    }
+    return current->addAttribute(parts.last(), attribute);
+}
+
+long RemoteNode::addAttributeChangeListener(const ChangeListener& callback) {
+    return nodeWatcher->addListener(callback);
+}
+
+void RemoteNode::removeAttributeChangeListener(long id) {
+    nodeWatcher->removeListener(id);
+}
+
+long RemoteNode::addEventListener(const EventListener& callback) {
+    QWriteLocker locker(&eventLock);
+    auto table = std::make_shared<EventTable>(*eventListeners);
+    const long id = nextEventListenerId++;
+    table->emplace(id, callback);
+    eventListeners = std::move(table);
+    return id;
+}
+
+void RemoteNode::removeEventLIstener(long id) {
+    QWriteLocker locker(&eventLock);
+    if (!eventListeners->count(id))
+        return;
+    auto table = std::make_shared<EventTable>(*eventListeners);
+    table->erase(id);
+    eventListeners = std::move(table);
+}
+
+void RemoteNode::ignoreOne(const NodeWatcher::Event& event) {
+    nodeWatcher->ignoreOne(event);
+}
+
+void RemoteNode::stopIgnoring(const NodeWatcher::Event& event) {
+    nodeWatcher->stopIgnoring(event);
+}
+
+bool RemoteNode::handlingRemoteEvent(const QByteArray& name, const Basalt::BinaryData& data) const {
+    return remoteEventName == &name && remoteEventData == &data;
+}
+
+void RemoteNode::eventProcess(const QByteArray& name, Basalt::BinaryData& data) {
+    if (handlingRemoteEvent(name, data)) {
+        Node::eventProcess(name, data);
+        return;
+    }
+    insertEvent(name, data);
+}
+
+void RemoteNode::insertEvent(const QByteArray& name, const Basalt::BinaryData& data) {
+    Event event;
+    event.data = data;
+    event.data.rewind();
+    event.symbol = registry->lookupOrDefine(name);
+    std::shared_ptr<const EventTable> table;
+    {
+        QReadLocker locker(&eventLock);
+        table = eventListeners;
+    }
+    for (const auto& entry : *table)
+        entry.second(event);
+}
+
+void RemoteNode::dispatchRemoteEvent(const QByteArray& name, Basalt::BinaryData& data) {
+    // Saved and restored, not cleared: a listener may raise an event of its own while
+    // another received event is being delivered.
+    const QByteArray* savedName = remoteEventName.load();
+    const Basalt::BinaryData* savedData = remoteEventData.load();
+    remoteEventName = &name;
+    remoteEventData = &data;
+    eventProcess(name, data);
+    remoteEventName = savedName;
+    remoteEventData = savedData;
+}
+
+void RemoteNode::eventProcessSlice(const QByteArray& name, Basalt::BinaryData& data,
+                                   std::size_t sliceSize) {
+    if (sliceSize == 0) {
+        Basalt::Trace::error("RemoteNode::eventProcessSlice # slice size 0 for '%s'",
+                             name.constData());
+        return;
+    }
+    const int total = data.size();
+    // A slice larger than the data is the data in one slice.
+    const int slice = int(std::min<std::size_t>(sliceSize, std::size_t(std::max(total, 1))));
+    const int count = (total + slice - 1) / slice;
+    if (count == 0) {
+        eventProcess(name, data);
+        return;
+    }
+    const int32_t id = int32_t(sliceCounter.fetch_add(1));
+    const QByteArray beginName("event-slice-begin");
+    Basalt::BinaryData begin;
+    begin.writeInt32(id);
+    begin.write(name);
+    begin.writeInt32(slice);
+    begin.writeInt64(total);
+    eventProcess(beginName, begin);
+
+    const QByteArray sliceName("event-slice");
+    Basalt::BinaryData part;
+    for (int i = 0; i < count; ++i) {
+        part.clear();
+        const int offset = i * slice;
+        part.writeInt32(id);
+        part.writeInt32(i);
+        part.writeBlob(data.constData() + offset, std::min(slice, total - offset));
+        eventProcess(sliceName, part);
+    }
+}
+
+void RemoteNode::handleRemoteEvent(const QByteArray& name, Basalt::BinaryData& data,
+                                   long senderKey) {
+    if (name == "event-slice-begin")
+        beginSlicedEvent(data, senderKey);
+    else if (name == "event-slice")
+        handleSlice(senderKey, data);
+    else if (name == "initialized")
+        eventSend("initialized");
+    else
+        dispatchRemoteEvent(name, data);
+}
+
+void RemoteNode::beginSlicedEvent(Basalt::BinaryData& data, long senderKey) {
+    bool okId = false, okSlice = false, okTotal = false;
+    const int32_t id = data.readInt32(&okId);
+    QByteArray name;
+    const bool okName = okId && data.readString(name);
+    const int32_t slice = okName ? data.readInt32(&okSlice) : 0;
+    // The sender writes the total as a 64-bit item; the limit keeps it well inside int.
+    const int64_t total = okSlice ? data.readInt64(&okTotal) : 0;
+    if (!okTotal) {
+        Basalt::Trace::error("RemoteNode::handleRemoteEvent # Malformed event-slice-begin");
+        return;
+    }
+    if (slice <= 0 || total <= 0 || total > Limits::MaxSlicedEventBytes) {
+        Basalt::Trace::error("RemoteNode::handleRemoteEvent # Refused event-slice-begin of '%s' "
+                             "(slice size %d, total %lld)",
+                             name.constData(), slice, static_cast<long long>(total));
+        return;
+    }
+    const SliceKey key{uint32_t(senderKey), uint32_t(id)};
+    auto existing = slices.find(key);
+    if (existing != slices.end()) {
+        sliceBytes -= existing->second.totalSize;
+        slices.erase(existing);
+    }
+    if (int(slices.size()) >= Limits::MaxSliceReassemblies ||
+        sliceBytes + total > Limits::MaxSliceReassemblyBytes) {
+        Basalt::Trace::error("RemoteNode::handleRemoteEvent # Too many sliced events in "
+                             "progress, dropped '%s'",
+                             name.constData());
+        return;
+    }
+    Reassembly& record = slices[key];
+    record.name = name;
+    record.sliceSize = slice;
+    record.totalSize = int(total);
+    record.missingCount = int((total + slice - 1) / slice);
+    record.missing.assign(std::size_t(record.missingCount), true);
+    record.buffer = QByteArray(record.totalSize, '\0');
+    sliceBytes += total;
+}
+
+void RemoteNode::handleSlice(long senderKey, Basalt::BinaryData& data) {
+    bool okId = false, okIndex = false;
+    const int32_t id = data.readInt32(&okId);
+    const int32_t index = okId ? data.readInt32(&okIndex) : 0;
+    if (!okIndex) {
+        Basalt::Trace::error("RemoteNode::handleSlicedEvent # Malformed event-slice");
+        return;
+    }
+    auto it = slices.find(SliceKey(uint32_t(senderKey), uint32_t(id)));
+    if (it == slices.end()) {
+        Basalt::Trace::error("RemoteNode::handleSlicedEvent # Unknown event-slice %d", id);
+        return;
+    }
+    Reassembly& record = it->second;
+    const int64_t offset = int64_t(index) * record.sliceSize;
+    if (index < 0 || offset >= record.totalSize) {
+        Basalt::Trace::error("RemoteNode::handleSlicedEvent # Bad slice (idx %d)", index);
+        return;
+    }
+    const int length = int(std::min<int64_t>(record.totalSize - offset, record.sliceSize));
+    if (!data.readBlob(record.buffer.data() + offset, length))
+        return;
+    if (record.missing[std::size_t(index)]) {
+        record.missing[std::size_t(index)] = false;
+        --record.missingCount;
+    }
+    if (record.missingCount > 0)
+        return;
+
+    // Taken out before delivery, so a listener that handles events re-entrantly cannot
+    // reach a record being delivered.
+    Reassembly done = std::move(record);
+    slices.erase(it);
+    sliceBytes -= done.totalSize;
+    Basalt::BinaryData payload;
+    payload.linkTo(done.buffer.data(), done.totalSize);
+    dispatchRemoteEvent(done.name, payload);
+}
+
+Node* findOrCreateNode(QList<QByteArray> parts, Node* parent, QMap<QByteArray, Node*>* created,
+                       QByteArray prefix) {
+    if (parts.isEmpty())
+        return parent;
+    const QByteArray part = parts.takeFirst();
+    const QByteArray path = prefix.isEmpty() ? part : prefix + '/' + part;
+    Node* node = nullptr;
+    if (Attribute* existing = parent->attribute(part)) {
+        node = dynamic_cast<Node*>(AttributeAlias::resolve(existing));
+        if (!node) {
+            Basalt::Trace::error("findOrCreateNode # '%s'' is not a node!", path.constData());
+            return nullptr;
+        }
+    } else {
+        node = new Node(parent, part); // owned by its host
+    }
+    if (created)
+        created->insert(path, node);
+    return findOrCreateNode(parts, node, created, path);
+}
+
+void walkAttributes(Node& node, const std::function<void(Attribute&)>& visit,
+                    const std::function<bool(Attribute&)>& skip) {
+    for (Attribute* child : node.children()) {
+        Attribute* resolved = AttributeAlias::resolve(child);
+        if (!resolved || (skip && skip(*resolved)))
+            continue;
+        if (auto* sub = dynamic_cast<Node*>(resolved))
+            walkAttributes(*sub, visit, skip);
+        else
+            visit(*resolved);
+    }
+}
+
+void walkAttributesWithPath(Node& node,
+                            const std::function<void(Attribute&, const QByteArray&)>& visit) {
+    walkWithPath(node, QByteArray(), visit);
+}
+
+} // namespace Dovel

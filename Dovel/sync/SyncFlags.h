@@ -1,0 +1,42 @@
+// Per-symbol synchronisation flags. Only the outgoing direction consults them: a local
+// change of an attribute whose flag has bit 0 clear is never sent to the peer. Only
+// values other than the default 1 are stored, so the common case costs an empty map.
+//
+// Thread-safe: the map is guarded by `lock`.
+#pragma once
+
+#include <QHash>
+#include <QReadWriteLock>
+
+#include <cstdint>
+
+namespace Dovel {
+
+class SyncFlags {
+public:
+    // The library knows only bit 0 (send local changes); the application may define
+    // further bits, which are kept and returned unchanged.
+    enum Flag : uint32_t {
+        Local = 0, // never sent to the peer
+        Sync = 1,  // the default: local changes are sent
+    };
+
+    SyncFlags();
+    SyncFlags(const SyncFlags&) = delete;
+    SyncFlags& operator=(const SyncFlags&) = delete;
+
+    // The stored flag, or Sync when none is stored.
+    Flag getFlags(unsigned int symbol) const;
+    // Sync erases the entry; any other value is stored.
+    void setFlags(unsigned int symbol, Flag flag);
+    // Takes the lock and changes nothing: flags, once set, survive a clear.
+    void clear();
+    // Number of stored (non-default) flags.
+    int storedCount() const;
+
+private:
+    QHash<unsigned int, Flag> flags;
+    mutable QReadWriteLock lock;
+};
+
+} // namespace Dovel

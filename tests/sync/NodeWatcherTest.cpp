@@ -1,0 +1,258 @@
+// NodeWatcher: event streams of a watched tree, deferred additions, removals, echo
+// suppression and aliases.
+#include "SyncTestUtil.h"
+
+#include "Dovel/sync/AttributeCache.h"
+#include "Dovel/sync/NodeWatcher.h"
+
+#include "Basalt/SymbolRegistry.h"
+#include "Basalt/Trace.h"
+#include "Tessel/AttributeAlias.h"
+#include "Tessel/AttributeT.h"
+#include "Tessel/Node.h"
+
+#include <gtest/gtest.h>
+
+using namespace SyncTest;
+using Dovel::AttributeCache;
+using Tessel::AttributeAlias;
+using Tessel::AttributeT;
+using Tessel::Node;
+
+namespace {
+
+constexpr auto L3 = Tessel::Attribute::LayerUser;
+
+// A root with a watcher on it; the watcher goes before the tree.
+struct Watched {
+    Node root;
+    Basalt::SymbolRegistry registry;
+    AttributeCache cache;
+    NodeWatcher watcher{registry, cache};
+    Recorder recorder;
+
+    Watched() { watcher.addListener(recorder.callback()); }
+    unsigned int sym(const char* path) { return registry.lookup(QByteArray(path)); }
+};
+
+} // namespace
+
+TEST(NodeWatcher, StartsInPreOrderAndRefusesASecondRoot) {
+    Watched w;
+    auto* a = new Node(&w.root, "a");
+    auto* b = new AttributeT<float>(a, "b");
+    new AttributeT<float>(&w.root, "c");
+
+    w.watcher.startWatching(w.root, true);
+    const std::vector<Event> expected = {
+        ev(NodeWatcher::NodeAdded, w.sym("")), ev(NodeWatcher::NodeAdded, w.sym("a")),
+        ev(NodeWatcher::AttributeAdded, w.sym("a/b")), ev(NodeWatcher::AttributeAdded, w.sym("c"))};
+    EXPECT_EQ(w.recorder.take(), expected);
+    EXPECT_EQ(w.cache.find(w.sym("a/b")), b);
+    EXPECT_TRUE(w.cache.isNode(w.sym("a")));
+    EXPECT_TRUE(w.cache.isNode(w.sym("")));
+    EXPECT_FALSE(w.cache.isNode(w.sym("a/b")));
+
+    // A change is reported under the symbol of the path.
+    b->setValue(2.0f, L3);
+    EXPECT_EQ(w.recorder.take(),
+              std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("a/b"))});
+
+    Basalt::TraceCapture capture;
+    Node other;
+    w.watcher.startWatching(other, true);
+    EXPECT_EQ(capture.count("NodeWatcher can only watch one node at a time", Basalt::Trace::Error),
+              1);
+    EXPECT_TRUE(w.recorder.take().empty());
+    b->setValue(3.0f, L3); // the first root is still watched
+    EXPECT_EQ(w.recorder.take().size(), 1u);
+}
+
+TEST(NodeWatcher, DefersAdditionsUntilUpdateOrFirstChange) {
+    Watched w;
+    w.watcher.startWatching(w.root, false);
+    EXPECT_TRUE(w.recorder.take().empty()); // notify false: silent start
+
+    auto* c = new AttributeT<float>(&w.root, "c");
+    EXPECT_TRUE(w.recorder.events.empty());
+    EXPECT_TRUE(w.watcher.isPendingUpdate(w.sym("c")));
+    w.watcher.update();
+    EXPECT_EQ(w.recorder.take(), std::vector<Event>{ev(NodeWatcher::AttributeAdded, w.sym("c"))});
+    EXPECT_FALSE(w.watcher.isPendingUpdate(w.sym("c")));
+
+    // A change before update reports the addition first, then the change, once.
+    auto* d = new AttributeT<float>(&w.root, "d");
+    d->setValue(1.0f, L3);
+    const std::vector<Event> addedThenChanged = {ev(NodeWatcher::AttributeAdded, w.sym("d")),
+                                                 ev(NodeWatcher::AttributeChanged, w.sym("d"))};
+    EXPECT_EQ(w.recorder.take(), addedThenChanged);
+    w.watcher.update();
+    EXPECT_TRUE(w.recorder.take().empty());
+    d->setValue(2.0f, L3); // the temporary listener is gone: one event, not two
+    EXPECT_EQ(w.recorder.take(), std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("d"))});
+
+    // A subtree built before update is reported whole, parent first.
+    auto* n = new Node(&w.root, "n");
+    auto* x = new AttributeT<int>(n, "x");
+    EXPECT_TRUE(w.recorder.events.empty());
+    w.watcher.update();
+    const std::vector<Event> subtree = {ev(NodeWatcher::NodeAdded, w.sym("n")),
+                                        ev(NodeWatcher::AttributeAdded, w.sym("n/x"))};
+    EXPECT_EQ(w.recorder.take(), subtree);
+    EXPECT_EQ(w.cache.find(w.sym("n/x")), x);
+    c->setValue(5.0f, L3);
+    EXPECT_EQ(w.recorder.take(), std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("c"))});
+}
+
+TEST(NodeWatcher, AddedThenRemovedBeforeUpdateIsABalancedPair) {
+    Watched w;
+    w.watcher.startWatching(w.root, false);
+    auto* e = new AttributeT<float>(&w.root, "e");
+    const unsigned int symbol = w.sym("e");
+    delete e;
+    const std::vector<Event> pair = {ev(NodeWatcher::AttributeAdded, symbol),
+                                     ev(NodeWatcher::AttributeRemoved, symbol)};
+    EXPECT_EQ(w.recorder.take(), pair);
+    EXPECT_EQ(w.watcher.pendingCount(), 0);
+    w.watcher.update();
+    EXPECT_TRUE(w.recorder.events.empty());
+    EXPECT_EQ(w.cache.find(symbol), nullptr);
+
+    // The same for a node, taken out (not deleted) before update.
+    auto* n = new Node(&w.root, "n");
+    new AttributeT<int>(n, "x");
+    ASSERT_TRUE(w.root.removeAttribute(n));
+    const std::vector<Event> nodePair = {ev(NodeWatcher::NodeAdded, w.sym("n")),
+                                         ev(NodeWatcher::NodeRemoved, w.sym("n"))};
+    EXPECT_EQ(w.recorder.take(), nodePair);
+    delete n;
+    w.watcher.update();
+    EXPECT_TRUE(w.recorder.events.empty());
+}
+
+TEST(NodeWatcher, RemovesSubtreesInPostOrderAndEmptiesTheCache) {
+    Watched w;
+    auto* n = new Node(&w.root, "n");
+    new AttributeT<float>(n, "x");
+    auto* m = new Node(n, "m");
+    auto* y = new AttributeT<float>(m, "y");
+    w.watcher.startWatching(w.root, true);
+    w.recorder.take();
+    const unsigned int sn = w.sym("n"), sx = w.sym("n/x"), sm = w.sym("n/m"), sy = w.sym("n/m/y");
+
+    delete n;
+    const std::vector<Event> expected = {
+        ev(NodeWatcher::AttributeRemoved, sx), ev(NodeWatcher::AttributeRemoved, sy),
+        ev(NodeWatcher::NodeRemoved, sm), ev(NodeWatcher::NodeRemoved, sn)};
+    EXPECT_EQ(w.recorder.take(), expected);
+    for (unsigned int s : {sn, sx, sm, sy}) {
+        EXPECT_EQ(w.cache.find(s), nullptr) << s;
+        EXPECT_FALSE(w.cache.isNode(s)) << s;
+    }
+    EXPECT_EQ(w.cache.size(), 1); // the root alone
+    (void)y;
+}
+
+TEST(NodeWatcher, IgnoreOneSwallowsExactlyOneEmission) {
+    Watched w;
+    auto* a = new AttributeT<float>(&w.root, "a");
+    w.watcher.startWatching(w.root, false);
+    const Event changed = ev(NodeWatcher::AttributeChanged, w.sym("a"));
+
+    Basalt::TraceCapture capture;
+    w.watcher.ignoreOne(changed);
+    w.watcher.ignoreOne(changed); // not counted twice
+    EXPECT_EQ(capture.count("NodeWatcher # called ignoreOne for an event that is already ignored",
+                            Basalt::Trace::Error),
+              1);
+    a->setValue(1.0f, L3);
+    a->setValue(2.0f, L3);
+    EXPECT_EQ(w.recorder.take(), std::vector<Event>{changed});
+
+    w.watcher.ignoreOne(changed);
+    w.watcher.stopIgnoring(changed);
+    a->setValue(3.0f, L3);
+    EXPECT_EQ(w.recorder.take(), std::vector<Event>{changed});
+
+    // Ignoring an addition silences the added child and its subtree.
+    w.watcher.ignoreOne(ev(NodeWatcher::NodeAdded, w.registry.lookupOrDefine("n")));
+    auto* n = new Node(&w.root, "n");
+    new AttributeT<int>(n, "x");
+    w.watcher.update();
+    EXPECT_TRUE(w.recorder.take().empty());
+    EXPECT_NE(w.cache.find(w.sym("n/x")), nullptr);
+}
+
+TEST(NodeWatcher, AliasRetargetsToValueNodeAndNull) {
+    Watched w;
+    auto* v1 = new AttributeT<float>(&w.root, "v1");
+    auto* v2 = new AttributeT<float>(&w.root, "v2");
+    auto* n = new Node(&w.root, "n");
+    auto* z = new AttributeT<float>(n, "z");
+    auto* al = new AttributeAlias(&w.root, "al", v1);
+    w.watcher.startWatching(w.root, true);
+    const unsigned int sal = w.sym("al");
+    std::vector<Event> start = w.recorder.take();
+    ASSERT_FALSE(start.empty());
+    EXPECT_EQ(start.back(), ev(NodeWatcher::AttributeAdded, sal));
+
+    // The alias reports no value changes of its own; its target does under its path.
+    v1->setValue(1.0f, L3);
+    EXPECT_EQ(w.recorder.take(),
+              std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("v1"))});
+
+    ASSERT_TRUE(al->setTarget(v2));
+    const std::vector<Event> toValue = {ev(NodeWatcher::AttributeRemoved, sal),
+                                        ev(NodeWatcher::AttributeAdded, sal)};
+    EXPECT_EQ(w.recorder.take(), toValue);
+
+    ASSERT_TRUE(al->setTarget(n));
+    const unsigned int salz = w.sym("al/z");
+    const std::vector<Event> toNode = {ev(NodeWatcher::AttributeRemoved, sal),
+                                       ev(NodeWatcher::NodeAdded, sal),
+                                       ev(NodeWatcher::AttributeAdded, salz)};
+    EXPECT_EQ(w.recorder.take(), toNode);
+    EXPECT_TRUE(w.cache.isNode(sal));
+    EXPECT_EQ(w.cache.find(salz), z);
+
+    // Seen through the alias and under its own path: both report.
+    z->setValue(4.0f, L3);
+    std::vector<Event> both = w.recorder.take();
+    EXPECT_EQ(both.size(), 2u);
+
+    ASSERT_TRUE(al->setTarget(nullptr));
+    const std::vector<Event> toNull = {ev(NodeWatcher::AttributeRemoved, salz),
+                                       ev(NodeWatcher::NodeRemoved, sal)};
+    EXPECT_EQ(w.recorder.take(), toNull);
+    EXPECT_EQ(w.cache.find(salz), nullptr);
+
+    // Leaving through the alias kept the own-path registrations of z and n.
+    z->setValue(5.0f, L3);
+    EXPECT_EQ(w.recorder.take(),
+              std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("n/z"))});
+    new AttributeT<int>(n, "w");
+    w.watcher.update();
+    EXPECT_EQ(w.recorder.take(), std::vector<Event>{ev(NodeWatcher::AttributeAdded, w.sym("n/w"))});
+
+    // An alias to nothing leaves silently.
+    delete al;
+    EXPECT_TRUE(w.recorder.take().empty());
+    EXPECT_EQ(w.cache.find(sal), nullptr);
+}
+
+TEST(NodeWatcher, ListenersMayChangeTheTableWhileCalled) {
+    Watched w;
+    auto* a = new AttributeT<float>(&w.root, "a");
+    w.watcher.startWatching(w.root, false);
+    int second = 0;
+    long self = -1;
+    self = w.watcher.addListener([&](const Event&) {
+        w.watcher.removeListener(self);
+        w.watcher.addListener([&](const Event&) { ++second; });
+    });
+    a->setValue(1.0f, L3);
+    EXPECT_EQ(second, 0); // added during the emission: first called by the next one
+    a->setValue(2.0f, L3);
+    EXPECT_EQ(second, 1);
+    EXPECT_EQ(w.recorder.events.size(), 2u);
+}

@@ -1,0 +1,365 @@
+// RemoteNode: event routing both ways, sliced events and their reassembly, path-pattern
+// callbacks, building and walking trees.
+#include "SyncTestUtil.h"
+
+#include "Dovel/Limits.h"
+#include "Dovel/sync/RemoteNode.h"
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/Trace.h"
+#include "Tessel/AttributeAlias.h"
+#include "Tessel/AttributeT.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <thread>
+
+using Basalt::BinaryData;
+using Dovel::RemoteNode;
+using Tessel::Attribute;
+using Tessel::AttributeT;
+using Tessel::Node;
+
+namespace {
+
+constexpr auto L3 = Attribute::LayerUser;
+
+// Events raised locally on a node, with their names.
+struct Outbox {
+    std::vector<std::pair<QByteArray, BinaryData>> events;
+    void attach(RemoteNode& node) {
+        node.addEventListener([this, &node](const RemoteNode::Event& event) {
+            events.emplace_back(node.symbolRegistry().lookup(event.symbol), event.data);
+        });
+    }
+};
+
+QByteArray le32(uint32_t v) {
+    QByteArray out(4, '\0');
+    for (int i = 0; i < 4; ++i)
+        out[i] = char((v >> (8 * i)) & 0xff);
+    return out;
+}
+
+} // namespace
+
+TEST(RemoteNode, LocalEventsGoOutAndReceivedEventsGoToLocalListeners) {
+    RemoteNode node(nullptr, "root");
+    Outbox out;
+    out.attach(node);
+    std::vector<int> local;
+    node.eventAddListenerBd(
+        "ping", [&](BinaryData& data) { local.push_back(data.readInt32()); }, Node::Direct);
+    bool initialized = false;
+    node.eventAddListener(
+        "initialized", [&] { initialized = true; }, Node::Direct);
+
+    BinaryData data;
+    data.writeInt32(41);
+    data.readInt32(); // the copy sent out starts at the beginning all the same
+    node.eventProcess("ping", data);
+    ASSERT_EQ(out.events.size(), 1u);
+    EXPECT_EQ(out.events[0].first, QByteArray("ping"));
+    EXPECT_EQ(out.events[0].second.position(), 0);
+    EXPECT_EQ(out.events[0].second.readInt32(), 41);
+    EXPECT_TRUE(local.empty());
+
+    BinaryData received;
+    received.writeInt32(42);
+    node.handleRemoteEvent("ping", received, 1);
+    EXPECT_EQ(local, std::vector<int>{42});
+    EXPECT_EQ(out.events.size(), 1u);
+
+    // A listener raising an event while a received one is delivered still sends it.
+    node.eventAddListenerBd(
+        "ping", [&](BinaryData&) { node.eventProcess("pong", received); }, Node::Direct);
+    node.handleRemoteEvent("ping", received, 1);
+    ASSERT_EQ(out.events.size(), 2u);
+    EXPECT_EQ(out.events[1].first, QByteArray("pong"));
+
+    BinaryData none;
+    node.handleRemoteEvent("initialized", none, 1);
+    EXPECT_TRUE(initialized);
+    EXPECT_EQ(out.events.size(), 2u);
+}
+
+TEST(RemoteNode, SlicedEventIsReassembledInAnyOrder) {
+    RemoteNode sender(nullptr, "a");
+    Outbox out;
+    out.attach(sender);
+    BinaryData payload;
+    const char bytes[2] = {'h', 'i'};
+    payload.writeBlob(bytes, 2);
+    ASSERT_EQ(payload.size(), 10);
+
+    sender.eventProcessSlice("big", payload, 4);
+    ASSERT_EQ(out.events.size(), 4u);
+    EXPECT_EQ(out.events[0].first, QByteArray("event-slice-begin"));
+    BinaryData& begin = out.events[0].second;
+    bool ok = false;
+    const int32_t id = begin.readInt32(&ok);
+    ASSERT_TRUE(ok);
+    QByteArray name;
+    ASSERT_TRUE(begin.readString(name));
+    EXPECT_EQ(name, QByteArray("big"));
+    EXPECT_EQ(begin.readInt32(), 4);
+    EXPECT_EQ(begin.readInt64(), 10);
+    begin.rewind();
+
+    const QByteArray whole = payload.toByteArray();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(out.events[1 + i].first, QByteArray("event-slice"));
+        const int length = i < 2 ? 4 : 2;
+        const QByteArray expected = le32(1) + le32(uint32_t(id)) + le32(1) + le32(uint32_t(i)) +
+                                    le32(6) + le32(uint32_t(length)) + whole.mid(i * 4, length);
+        EXPECT_EQ(out.events[1 + i].second.toByteArray(), expected) << i;
+    }
+
+    RemoteNode receiver(nullptr, "b");
+    Outbox echo;
+    echo.attach(receiver);
+    std::vector<QByteArray> delivered;
+    receiver.eventAddListenerBd(
+        "big", [&](BinaryData& data) { delivered.push_back(data.toByteArray()); }, Node::Direct);
+    receiver.handleRemoteEvent("event-slice-begin", out.events[0].second, 7);
+    EXPECT_EQ(receiver.sliceReassemblyCount(), 1);
+    for (int i : {2, 0}) {
+        receiver.handleRemoteEvent("event-slice", out.events[1 + i].second, 7);
+        EXPECT_TRUE(delivered.empty());
+    }
+    receiver.handleRemoteEvent("event-slice", out.events[2].second, 7);
+    EXPECT_EQ(delivered, std::vector<QByteArray>{whole});
+    EXPECT_EQ(receiver.sliceReassemblyCount(), 0);
+    EXPECT_TRUE(echo.events.empty()); // delivered locally, not sent back
+
+    // An empty event travels as one plain event.
+    BinaryData empty;
+    sender.eventProcessSlice("nothing", empty, 4);
+    ASSERT_EQ(out.events.size(), 5u);
+    EXPECT_EQ(out.events[4].first, QByteArray("nothing"));
+    EXPECT_EQ(out.events[4].second.size(), 0);
+}
+
+TEST(RemoteNode, BadSlicesAreLoggedAndPeerSizesBounded) {
+    RemoteNode node(nullptr, "r");
+    Basalt::TraceCapture capture;
+    auto slice = [](int32_t id, int32_t index, int bytes) {
+        BinaryData data;
+        data.writeInt32(id);
+        data.writeInt32(index);
+        QByteArray blob(bytes, 'x');
+        data.writeBlob(blob.constData(), bytes);
+        return data;
+    };
+    auto begin = [](int32_t id, int32_t sliceSize, int64_t total) {
+        BinaryData data;
+        data.writeInt32(id);
+        data.write(QByteArray("ev"));
+        data.writeInt32(sliceSize);
+        data.writeInt64(total);
+        return data;
+    };
+
+    BinaryData unknown = slice(999, 0, 4);
+    node.handleRemoteEvent("event-slice", unknown, 1);
+    EXPECT_EQ(capture.count("RemoteNode::handleSlicedEvent # Unknown event-slice 999",
+                            Basalt::Trace::Error),
+              1);
+
+    BinaryData b = begin(5, 4, 10);
+    node.handleRemoteEvent("event-slice-begin", b, 1);
+    BinaryData otherSender = slice(5, 0, 4);
+    node.handleRemoteEvent("event-slice", otherSender, 2); // keys are per sender
+    EXPECT_EQ(capture.count("Unknown event-slice 5"), 1);
+    BinaryData negative = slice(5, -1, 4);
+    node.handleRemoteEvent("event-slice", negative, 1);
+    BinaryData past = slice(5, 3, 4);
+    node.handleRemoteEvent("event-slice", past, 1);
+    EXPECT_EQ(
+        capture.count("RemoteNode::handleSlicedEvent # Bad slice (idx -1)", Basalt::Trace::Error),
+        1);
+    EXPECT_EQ(
+        capture.count("RemoteNode::handleSlicedEvent # Bad slice (idx 3)", Basalt::Trace::Error),
+        1);
+    BinaryData tooLong = slice(5, 2, 3); // the last slice holds 2 bytes
+    node.handleRemoteEvent("event-slice", tooLong, 1);
+    EXPECT_EQ(node.sliceReassemblyCount(), 1);
+
+    // Sizes a peer announces are checked before anything is allocated.
+    const int before = node.sliceReassemblyCount();
+    for (BinaryData bad : {begin(6, 0, 10), begin(7, -4, 10), begin(8, 4, 0),
+                           begin(9, 4, int64_t(Dovel::Limits::MaxSlicedEventBytes) + 1),
+                           begin(10, 1, int64_t(1) << 40)})
+        node.handleRemoteEvent("event-slice-begin", bad, 1);
+    EXPECT_EQ(capture.count("Refused event-slice-begin", Basalt::Trace::Error), 5);
+    BinaryData truncated;
+    truncated.writeInt32(11);
+    node.handleRemoteEvent("event-slice-begin", truncated, 1);
+    BinaryData wrongTags;
+    wrongTags.writeString("x");
+    node.handleRemoteEvent("event-slice", wrongTags, 1);
+    EXPECT_EQ(capture.count("Malformed event-slice"), 2);
+    EXPECT_EQ(node.sliceReassemblyCount(), before);
+
+    // Unfinished reassemblies cannot pile up.
+    for (int i = 0; i < Dovel::Limits::MaxSliceReassemblies + 3; ++i) {
+        BinaryData more = begin(100 + i, 4, 8);
+        node.handleRemoteEvent("event-slice-begin", more, 3);
+    }
+    EXPECT_EQ(node.sliceReassemblyCount(), Dovel::Limits::MaxSliceReassemblies);
+    EXPECT_EQ(capture.count("Too many sliced events in progress"), 4);
+}
+
+TEST(RemoteNode, PathCallbacksRunOncePerUpdate) {
+    RemoteNode node(nullptr, "root");
+    auto* x = new AttributeT<float>();
+    ASSERT_TRUE(node.addDeepAttribute("scene/one/x", x));
+    x->setValue(1.5f, L3);
+    node.update();
+
+    std::vector<float> seen;
+    node.onChange<float>("scene/*/x", [&](float v) { seen.push_back(v); });
+    std::vector<Attribute*> all;
+    node.onChangeAttribute("scene/**", [&](Attribute* a) { all.push_back(a); });
+    node.update(); // existing matches run once with the current value
+    EXPECT_EQ(seen, std::vector<float>{1.5f});
+    EXPECT_EQ(all, std::vector<Attribute*>{x});
+
+    x->setValue(2.0f, L3);
+    x->setValue(3.0f, L3);
+    x->setValue(4.0f, L3);
+    node.update();
+    EXPECT_EQ(seen, (std::vector<float>{1.5f, 4.0f}));
+    node.update();
+    EXPECT_EQ(seen.size(), 2u);
+
+    // Attributes added later are matched too; non-matching ones are not.
+    auto* y = new AttributeT<float>();
+    ASSERT_TRUE(node.addDeepAttribute("scene/two/x", y));
+    ASSERT_TRUE(node.addDeepAttribute("scene/two/deep/x", new AttributeT<float>()));
+    y->setValue(7.0f, L3);
+    node.update();
+    EXPECT_EQ(seen, (std::vector<float>{1.5f, 4.0f, 7.0f}));
+    EXPECT_EQ(all.size(), 4u);
+}
+
+TEST(RemoteNode, BuildsTreesAndRefusesValuesWhereNodesAreExpected) {
+    RemoteNode node(nullptr, "root");
+    Basalt::TraceCapture capture;
+    auto* z = new AttributeT<int>();
+    ASSERT_TRUE(node.addDeepAttribute("x/y/z", z));
+    auto* x = dynamic_cast<Node*>(node.attribute("x"));
+    ASSERT_NE(x, nullptr);
+    ASSERT_NE(dynamic_cast<Node*>(x->attribute("y")), nullptr);
+    EXPECT_EQ(x->attribute("y")->attribute("z"), z);
+
+    AttributeT<int> refused;
+    EXPECT_FALSE(node.addDeepAttribute("x/y/z/w", &refused));
+    EXPECT_EQ(capture.count("RemoteNode::addDeepAttribute # Failed to add attribute. An attribute "
+                            "already exists on the path where a node is expected.",
+                            Basalt::Trace::Error),
+              1);
+    EXPECT_FALSE(node.addDeepAttribute("/x/q", &refused));
+    EXPECT_EQ(capture.count("RemoteNode::addDeepAttribute # full name shouldn't start with '/': "
+                            "/x/q"),
+              1);
+    EXPECT_FALSE(node.addDeepAttribute("x/q", nullptr));
+    EXPECT_EQ(capture.count("RemoteNode::addDeepAttribute # got a null attribute. Ignoring"), 1);
+    EXPECT_FALSE(node.addDeepAttribute("x/y/z", &refused)); // name taken
+    EXPECT_EQ(refused.host(), nullptr);
+
+    // Aliases to nodes are followed.
+    new Tessel::AttributeAlias(&node, "ax", x);
+    QMap<QByteArray, Node*> created;
+    Node* k = Dovel::findOrCreateNode({"ax", "y", "k"}, &node, &created, QByteArray());
+    ASSERT_NE(k, nullptr);
+    EXPECT_EQ(k->host(), x->attribute("y"));
+    EXPECT_EQ(created.value("ax"), x);
+    EXPECT_EQ(created.value("ax/y/k"), k);
+    EXPECT_EQ(Dovel::findOrCreateNode({}, &node, nullptr, QByteArray()), &node);
+    EXPECT_EQ(Dovel::findOrCreateNode({"x", "y", "z", "q"}, &node, nullptr, QByteArray()), nullptr);
+    EXPECT_EQ(capture.count("findOrCreateNode # 'x/y/z'' is not a node!", Basalt::Trace::Error), 1);
+
+    // Walks: values only, aliases resolved, skip prunes a subtree.
+    QList<QByteArray> paths;
+    Dovel::walkAttributesWithPath(node,
+                                  [&](Attribute&, const QByteArray& path) { paths.append(path); });
+    EXPECT_EQ(paths, (QList<QByteArray>{"x/y/z", "ax/y/z"}));
+    int visited = 0;
+    Dovel::walkAttributes(
+        node, [&](Attribute&) { ++visited; }, [&](Attribute& a) { return &a == x; });
+    EXPECT_EQ(visited, 0);
+    Dovel::walkAttributes(node, [&](Attribute&) { ++visited; }, {});
+    EXPECT_EQ(visited, 2);
+}
+
+TEST(RemoteNode, WatcherEventsReachChangeListenersAndDestroyedIsSent) {
+    bool destroyed = false;
+    {
+        RemoteNode node(nullptr, "root");
+        node.eventAddListener(
+            "destroyed", [&] { destroyed = true; }, Node::Direct);
+        SyncTest::Recorder recorder;
+        const long id = node.addAttributeChangeListener(recorder.callback());
+        auto* a = new AttributeT<float>();
+        node.addDeepAttribute("a", a);
+        node.processPendingAdditions();
+        const unsigned int sa = node.symbolRegistry().lookup(QByteArray("a"));
+        EXPECT_EQ(node.attributeCache().find(sa), a);
+        node.ignoreOne({Dovel::NodeWatcher::AttributeChanged, sa});
+        a->setValue(1.0f, L3); // swallowed: a receiver applying a remote value
+        a->setValue(2.0f, L3);
+        const std::vector<SyncTest::Event> expected = {{Dovel::NodeWatcher::AttributeAdded, sa},
+                                                       {Dovel::NodeWatcher::AttributeChanged, sa}};
+        EXPECT_EQ(recorder.take(), expected);
+        node.removeAttributeChangeListener(id);
+        a->setValue(3.0f, L3);
+        EXPECT_TRUE(recorder.events.empty());
+    }
+    EXPECT_TRUE(destroyed);
+}
+
+TEST(RemoteNode, SlicedEventsFromSeveralThreadsGetDistinctIds) {
+    RemoteNode node(nullptr, "root");
+    std::mutex mutex;
+    std::set<int32_t> ids;
+    int slices = 0;
+    node.addEventListener([&](const RemoteNode::Event& event) {
+        BinaryData data = event.data;
+        bool ok = false;
+        const int32_t id = data.readInt32(&ok);
+        ASSERT_TRUE(ok);
+        std::lock_guard<std::mutex> locker(mutex);
+        if (event.symbol == node.symbolRegistry().lookup(QByteArray("event-slice-begin")))
+            EXPECT_TRUE(ids.insert(id).second);
+        else
+            ++slices;
+    });
+    constexpr int PerThread = 200;
+    std::atomic<bool> stop{false};
+    // Listeners come and go meanwhile; emissions use the table as it was when they began.
+    std::thread churn([&] {
+        while (!stop.load())
+            node.removeEventLIstener(node.addEventListener([](const RemoteNode::Event&) {}));
+    });
+    std::vector<std::thread> senders;
+    for (int t = 0; t < 2; ++t) {
+        senders.emplace_back([&] {
+            BinaryData payload;
+            const QByteArray bytes(9, 'q');
+            payload.writeBlob(bytes.constData(), bytes.size()); // 17 bytes: 5 slices of 4
+            for (int i = 0; i < PerThread; ++i)
+                node.eventProcessSlice("big", payload, 4);
+        });
+    }
+    for (auto& sender : senders)
+        sender.join();
+    stop = true;
+    churn.join();
+    EXPECT_EQ(int(ids.size()), 2 * PerThread);
+    EXPECT_EQ(slices, 2 * PerThread * 5);
+}
