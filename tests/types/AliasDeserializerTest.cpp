@@ -1,0 +1,172 @@
+// Aliases: serializers follow the chain, and an alias without a target caches the
+// latest value until it gets one.
+#include "TypesTestUtil.h"
+
+#include "Dovel/types/AliasDeserializer.h"
+
+#include "Basalt/Trace.h"
+#include "Tessel/AttributeAlias.h"
+#include "Tessel/AttributeT.h"
+#include "Tessel/Node.h"
+
+#include <gtest/gtest.h>
+
+using namespace Dovel;
+using namespace TypesTest;
+using Tessel::Attribute;
+using Tessel::AttributeAlias;
+using Tessel::AttributeT;
+
+namespace {
+
+constexpr auto L2 = Attribute::LayerRemote;
+
+const char* const FoundYes = "AliasDeserializer for 'alias' found a target. Switching to normal "
+                             "deserializer. Have cached value: yes";
+const char* const FoundNo = "AliasDeserializer for 'alias' found a target. Switching to normal "
+                            "deserializer. Have cached value: no";
+const char* const Caching = "AliasDeserializer for 'alias' called but alias does not have a "
+                            "target. Will cache the value";
+
+} // namespace
+
+TEST(AliasCodecs, SerializerFollowsChainOrWarns) {
+    const TypeRegistry registry;
+    Tessel::Node root;
+    auto* value = new AttributeT<float>(&root, "value", 0.5f);
+    auto* inner = new AttributeAlias(&root, "inner");
+    auto* alias = new AttributeAlias(&root, "alias", inner);
+    uint32_t code = 0, size = 0;
+    {
+        Basalt::TraceCapture capture;
+        EXPECT_FALSE(registry.createSerializer(alias, code, size));
+        EXPECT_FALSE(registry.createSerializer(alias, code, size));
+        EXPECT_EQ(capture.count("Dovel TypeRegistry asked to create serializer for alias "
+                                "attribute 'alias' that ultimately has a null target. Ignoring.",
+                                Basalt::Trace::Warning),
+                  2)
+            << capture.dump().toStdString();
+        EXPECT_EQ(code, 0u);
+    }
+    inner->setTarget(value);
+    const Serializer serializer = registry.createSerializer(alias, code, size);
+    EXPECT_EQ(code, 3u);
+    EXPECT_EQ(serialize(serializer), Bytes().hex("0000003f").data());
+    // Bound to the target, not to the alias.
+    inner->setTarget(nullptr);
+    EXPECT_EQ(serialize(serializer), Bytes().hex("0000003f").data());
+}
+
+TEST(AliasCodecs, OnlyTheLastCachedValueIsAppliedOnce) {
+    const TypeRegistry registry;
+    Tessel::Node root;
+    auto* target = new AttributeT<float>(&root, "target");
+    auto* alias = new AttributeAlias(&root, "alias");
+    int changes = 0;
+    target->addListener([&changes] { ++changes; }, Attribute::RoleChange);
+
+    Basalt::TraceCapture capture;
+    const Deserializer deserializer = registry.createDeserializer(3, alias);
+    ASSERT_TRUE(deserializer);
+    EXPECT_EQ(capture.count("Dovel TypeRegistry asked to create deserializer for alias attribute "
+                            "'alias' that ultimately has a null target. Will create a smart "
+                            "deserializer that stores changes and applies them when a target is "
+                            "set.",
+                            Basalt::Trace::Warning),
+              1);
+    const int listenersBefore = alias->listenerCount();
+    EXPECT_GE(listenersBefore, 1);
+    deserialize(deserializer, Bytes().hex("0000803f").data());                // 1.0
+    EXPECT_EQ(deserialize(deserializer, Bytes().hex("000000c0").data()), 4u); // -2.0
+    EXPECT_EQ(capture.count(Caching, Basalt::Trace::Info), 2);
+
+    alias->setTarget(target);
+    EXPECT_EQ(capture.count(FoundYes, Basalt::Trace::Info), 1) << capture.dump().toStdString();
+    ASSERT_NE(target->valueOnLayer(L2), nullptr);
+    EXPECT_EQ(*target->valueOnLayer(L2), -2.0f);
+    EXPECT_EQ(changes, 1);
+    EXPECT_EQ(alias->listenerCount(), listenersBefore - 1);
+
+    // Bound: values go straight to the target, also after later retargets.
+    alias->setTarget(nullptr);
+    deserialize(deserializer, Bytes().hex("0000003f").data());
+    EXPECT_EQ(*target->valueOnLayer(L2), 0.5f);
+    EXPECT_EQ(capture.count(FoundYes), 1);
+}
+
+TEST(AliasCodecs, TargetBeforeAnyValueAppliesNothing) {
+    const TypeRegistry registry;
+    Tessel::Node root;
+    auto* target = new AttributeT<int>(&root, "target");
+    auto* middle = new AttributeAlias(&root, "middle");
+    auto* alias = new AttributeAlias(&root, "alias", middle);
+    const Deserializer deserializer = registry.createDeserializer(9, alias);
+    Basalt::TraceCapture capture;
+    int changes = 0;
+    target->addListener([&changes] { ++changes; }, Attribute::RoleChange);
+    // Retargeting further down the chain reaches the alias too.
+    middle->setTarget(target);
+    EXPECT_EQ(capture.count(FoundNo, Basalt::Trace::Info), 1) << capture.dump().toStdString();
+    EXPECT_EQ(changes, 0);
+    EXPECT_EQ(target->valueOnLayer(L2), nullptr);
+    deserialize(deserializer, Bytes().word(12).data());
+    EXPECT_EQ(*target->valueOnLayer(L2), 12);
+}
+
+TEST(AliasCodecs, StringValueIsCachedByteIdentical) {
+    const TypeRegistry registry;
+    Tessel::Node root;
+    auto* target = new AttributeT<QString>(&root, "target");
+    auto* alias = new AttributeAlias(&root, "alias");
+    const Deserializer deserializer = registry.createDeserializer(35, alias);
+    const FunctorWrap* wrap = deserializer.target<FunctorWrap>();
+    ASSERT_NE(wrap, nullptr);
+    ASSERT_TRUE(wrap->aliasDeserializer());
+
+    const QByteArray encoded = Bytes().str("hello").data(); // 05000000 68656c6c6f 000000
+    EXPECT_EQ(deserialize(deserializer, encoded + Bytes().word(99).data()), 12u);
+    EXPECT_EQ(wrap->aliasDeserializer()->cachedValue().toHex(), encoded.toHex());
+    EXPECT_FALSE(wrap->aliasDeserializer()->isBound());
+
+    // A value whose padding is missing at the end of the bundle is cached padded.
+    deserialize(deserializer, Bytes().word(2).raw("ok").data());
+    EXPECT_EQ(wrap->aliasDeserializer()->cachedValue(), Bytes().str("ok").data());
+
+    alias->setTarget(target);
+    EXPECT_TRUE(wrap->aliasDeserializer()->isBound());
+    EXPECT_TRUE(wrap->aliasDeserializer()->cachedValue().isEmpty());
+    EXPECT_EQ(*target->valueOnLayer(L2), QString("ok"));
+
+    // A read past the end while caching throws like any other read.
+    const Deserializer other = registry.createDeserializer(35, new AttributeAlias(&root, "x"));
+    EXPECT_THROW(deserialize(other, Bytes().word(40).data()), std::out_of_range);
+}
+
+TEST(AliasCodecs, EmptyWrapAndDeserializerOutlivedByAlias) {
+    Basalt::TraceCapture capture;
+    const FunctorWrap empty;
+    const Bundle bundle(BundleTest::packet(5, 1, 0, Bytes().word(1).data()));
+    BundleReader reader(bundle);
+    empty(reader);
+    EXPECT_EQ(reader.pos(), 16u);
+    EXPECT_EQ(capture.count("FunctorWrap::operator() # have no functor", Basalt::Trace::Error), 1);
+
+    // The deserializer dies before the alias gets a target: the alias must not call it.
+    const TypeRegistry registry;
+    Tessel::Node root;
+    auto* target = new AttributeT<float>(&root, "target");
+    auto* alias = new AttributeAlias(&root, "alias");
+    {
+        const Deserializer deserializer = registry.createDeserializer(3, alias);
+        deserialize(deserializer, Bytes().hex("0000803f").data());
+    }
+    alias->setTarget(target);
+    EXPECT_EQ(target->valueOnLayer(L2), nullptr);
+    EXPECT_EQ(capture.count("found a target"), 0);
+
+    // The alias dies before the deserializer.
+    auto* doomed = new AttributeAlias(&root, "doomed");
+    const Deserializer survivor = registry.createDeserializer(3, doomed);
+    root.deleteAttribute(doomed);
+    EXPECT_TRUE(survivor);
+}
