@@ -47,6 +47,8 @@ public:
     // Runs `function` on the writer thread before any buffered item, holding the parent's
     // write mutex; a newer function under the same name replaces a waiting one.
     void update(const QString& name, std::function<void()> function);
+    // The node's own update() stays reachable beside the named one.
+    using Tessel::Node::update;
     // Drops every waiting item whose key equals `key`; an item being written stays.
     void removeFromBuffer(const QByteArray& key);
     // Bytes of the waiting items (see childLoop for why it may go below zero).
