@@ -1,5 +1,6 @@
 #include "Basalt/TCPServerSocket.h"
 
+#include "Basalt/SocketAddress.h"
 #include "Basalt/TCPSocket.h"
 #include "Basalt/Trace.h"
 
@@ -24,24 +25,12 @@ namespace {
 constexpr int kPollSliceMs = 100;
 
 bool resolveListen(const char* host, int port, sockaddr_in& address) {
+    if (host != nullptr && *host != '\0')
+        return resolveIPv4(host, port, address);
     std::memset(&address, 0, sizeof address);
     address.sin_family = AF_INET;
     address.sin_port = htons(uint16_t(port));
-    if (host == nullptr || *host == '\0') {
-        address.sin_addr.s_addr = htonl(INADDR_ANY);
-        return true;
-    }
-    if (::inet_pton(AF_INET, host, &address.sin_addr) == 1)
-        return true;
-    addrinfo hints;
-    std::memset(&hints, 0, sizeof hints);
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (::getaddrinfo(host, nullptr, &hints, &found) != 0 || found == nullptr)
-        return false;
-    address.sin_addr = reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_addr;
-    ::freeaddrinfo(found);
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
     return true;
 }
 

@@ -1,5 +1,6 @@
 #include "Basalt/TCPSocket.h"
 
+#include "Basalt/SocketAddress.h"
 #include "Basalt/Trace.h"
 
 #include <arpa/inet.h>
@@ -26,25 +27,8 @@ void setNoDelay(int fd) {
 
 // Resolves an IPv4 address; "" means the local host.
 bool resolve(const char* host, int port, sockaddr_in& address) {
-    std::memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_port = htons(uint16_t(port));
     const char* name = (host == nullptr || *host == '\0') ? "127.0.0.1" : host;
-    if (::inet_pton(AF_INET, name, &address.sin_addr) == 1)
-        return true;
-    addrinfo hints;
-    std::memset(&hints, 0, sizeof hints);
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int rc = ::getaddrinfo(name, nullptr, &hints, &found);
-    if (rc != 0 || found == nullptr) {
-        Trace::debug("TCPSocket::open # Cannot resolve '%s': %s", name, ::gai_strerror(rc));
-        return false;
-    }
-    address.sin_addr = reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_addr;
-    ::freeaddrinfo(found);
-    return true;
+    return resolveIPv4(name, port, address);
 }
 
 // Finishes a connect() that a signal interrupted: the attempt goes on in the kernel.
