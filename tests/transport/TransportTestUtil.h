@@ -10,6 +10,8 @@
 #include "Basalt/TCPServerSocket.h"
 #include "Basalt/TCPSocket.h"
 
+#include "basalt/WaitUtil.h"
+
 #include <QCryptographicHash>
 #include <QMap>
 #include <QStringList>
@@ -23,16 +25,7 @@
 
 namespace TransportTest {
 
-// Polls `done` until it holds or `ms` milliseconds passed; true when it held.
-template <typename Predicate> bool waitUntil(Predicate done, int ms = 5000) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+using BasaltTest::waitUntil;
 
 inline double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
