@@ -71,17 +71,22 @@ QByteArray join(float r, float g, float b, float a) {
     return shortest(r) + ' ' + shortest(g) + ' ' + shortest(b) + ' ' + shortest(a);
 }
 
-} // namespace
-
-bool Color::set(const QByteArray& text) {
+// Both colour types take the same text forms into their four floats.
+template <typename C> bool setFromText(C& colour, const QByteArray& text) {
     float rgba[4];
     if (!parse(text, rgba))
         return false;
-    r = rgba[0];
-    g = rgba[1];
-    b = rgba[2];
-    a = rgba[3];
+    colour.r = rgba[0];
+    colour.g = rgba[1];
+    colour.b = rgba[2];
+    colour.a = rgba[3];
     return true;
+}
+
+} // namespace
+
+bool Color::set(const QByteArray& text) {
+    return setFromText(*this, text);
 }
 
 QByteArray Color::toString() const {
@@ -89,14 +94,7 @@ QByteArray Color::toString() const {
 }
 
 bool ColorPMA::set(const QByteArray& text) {
-    float rgba[4];
-    if (!parse(text, rgba))
-        return false;
-    r = rgba[0];
-    g = rgba[1];
-    b = rgba[2];
-    a = rgba[3];
-    return true;
+    return setFromText(*this, text);
 }
 
 QByteArray ColorPMA::toString() const {
