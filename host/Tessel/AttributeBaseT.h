@@ -22,8 +22,9 @@ namespace Tessel {
 namespace Detail {
 
 template <typename T> bool sameValue(const T& a, const T& b) {
+    // -0 and +0 compare equal but are different values: a change between them is one.
     if constexpr (std::is_floating_point<T>::value)
-        return a == b || (std::isnan(a) && std::isnan(b));
+        return (a == b && std::signbit(a) == std::signbit(b)) || (std::isnan(a) && std::isnan(b));
     else
         return a == b;
 }

@@ -143,6 +143,12 @@ TEST(AttributeLayers, NoDefinedLayerMeansDefaultConstructedValue) {
     real.setValue(std::numeric_limits<double>::quiet_NaN(), L2);
     EXPECT_TRUE(std::isnan(real.value()));
     EXPECT_EQ(realChanges.count, 1);
+    // -0 is a value of its own: it replaces +0 and fires.
+    AttributeT<float> zero;
+    Changes zeroChanges(zero);
+    zero.setValue(-0.0f, L2);
+    EXPECT_TRUE(std::signbit(zero.value()));
+    EXPECT_EQ(zeroChanges.count, 1);
 }
 
 TEST(AttributeConversions, NumbersConvertAmongThemselves) {
