@@ -1,0 +1,50 @@
+#include "Dovel/sync/AttributeRemoveReceiver.h"
+
+#include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/sync/AttributeStorage.h"
+#include "Dovel/sync/NodeChangeSender.h"
+#include "Dovel/sync/RemoteNode.h"
+
+#include "Basalt/Trace.h"
+#include "Tessel/Attribute.h"
+
+namespace Dovel {
+
+AttributeRemoveReceiver::AttributeRemoveReceiver(RemoteNode& node, AttributeStorage& storage,
+                                                 NodeChangeSender& sender)
+    : BundleReceiver(ModuleNames::AttributeRemove), node(node), storage(storage), sender(sender) {}
+
+AttributeRemoveReceiver::~AttributeRemoveReceiver() = default;
+
+void AttributeRemoveReceiver::handleBundle(BundleReader& reader) {
+    while (!reader.atEnd()) {
+        const uint32_t symbol = reader.readUInt32();
+        DovelSessionAttribute* sa = storage.findByReadSymbol(symbol);
+        if (!sa) {
+            Basalt::Trace::error(
+                "AttributeRemoveHandler::handleBundle # Failed to find attribute with symbol %u",
+                symbol);
+            continue;
+        }
+        Tessel::Attribute* attribute = node.attributeCache().find(sa->localSymbol);
+        if (!attribute) {
+            Basalt::Trace::error("AttributeRemoveHandler::handleBundle # Attribute %u already "
+                                 "removed",
+                                 symbol);
+            continue;
+        }
+        if (!sa->localOrigin) {
+            const NodeWatcher::Event echo{NodeWatcher::AttributeRemoved, sa->localSymbol};
+            sender.ignoreOne(echo);
+            delete attribute; // detaches from its host; the watcher reports the removal
+            sender.stopIgnoring(echo);
+        }
+        sa->lastReceivedSequence = 0;
+        sa->typeCode = 0;
+        sa->deserializer = skippingDeserializer(sa->fixedSize);
+        sa->removedByPeer = true;
+        sa->lastSentSequence = 0;
+    }
+}
+
+} // namespace Dovel

@@ -1,0 +1,90 @@
+#include "Dovel/sync/AttributeStorage.h"
+
+#include "Dovel/sync/RemoteNode.h"
+
+#include "Basalt/Trace.h"
+#include "Tessel/Attribute.h"
+
+#include <QRegExp>
+
+namespace Dovel {
+
+AttributeStorage::AttributeStorage(RemoteNode& node) : node(node) {}
+
+AttributeStorage::~AttributeStorage() = default;
+
+DovelSessionAttribute* AttributeStorage::findByLocalSymbol(uint32_t symbol) const {
+    QReadLocker locker(&lock);
+    return byLocalSymbol.value(symbol, nullptr);
+}
+
+DovelSessionAttribute* AttributeStorage::findByReadSymbol(uint32_t symbol) const {
+    QReadLocker locker(&lock);
+    return byReadSymbol.value(symbol, nullptr);
+}
+
+DovelSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) const {
+    QReadLocker locker(&lock);
+    const auto it = byPath.find(path);
+    return it == byPath.end() ? nullptr : it->second.get();
+}
+
+DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path) {
+    QWriteLocker locker(&lock);
+    std::unique_ptr<DovelSessionAttribute>& slot = byPath[path];
+    if (!slot) {
+        slot = std::make_unique<DovelSessionAttribute>();
+        slot->localSymbol = node.symbolRegistry().lookupOrDefine(path);
+        byLocalSymbol.insert(slot->localSymbol, slot.get());
+    }
+    return slot.get();
+}
+
+void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record) {
+    QWriteLocker locker(&lock);
+    DovelSessionAttribute*& bound = byReadSymbol[readSymbol];
+    if (bound && bound != record) {
+        Basalt::Trace::error(
+            "AttributeStorage::indexByReadSymbol # Symbol already points to some other "
+            "session attribute");
+        return;
+    }
+    bound = record;
+}
+
+void AttributeStorage::debugDump() const {
+    QReadLocker locker(&lock);
+    static const QRegExp lastComponent("([^/]+)$");
+    for (const auto& entry : byPath) {
+        const QByteArray& path = entry.first;
+        const DovelSessionAttribute& record = *entry.second;
+        Tessel::Attribute* attribute = node.attributeCache().find(record.localSymbol);
+        const QByteArray value =
+            attribute ? attribute->asString().toUtf8() : QByteArrayLiteral("<missing>");
+        if (path.startsWith("schema/")) {
+            QRegExp match(lastComponent);
+            const QString name = match.indexIn(QString::fromUtf8(path)) >= 0
+                                     ? match.cap(1)
+                                     : QString::fromUtf8(path);
+            Basalt::Trace::info("%-20s: %s\n", name.toUtf8().constData(), value.constData());
+            continue;
+        }
+        QByteArray state = QByteArray(" [local ") + QByteArray::number(record.localSymbol) +
+                           " read " + QByteArray::number(record.readSymbol) + " type " +
+                           QByteArray::number(record.typeCode) + "]";
+        if (!record.localOrigin)
+            state += " peer-created";
+        if (record.removedByPeer)
+            state += " removed-by-peer";
+        if (record.removedLocally)
+            state += " removed-locally";
+        Basalt::Trace::info("%-70s %s%s\n", path.constData(), value.constData(), state.constData());
+    }
+}
+
+int AttributeStorage::size() const {
+    QReadLocker locker(&lock);
+    return int(byPath.size());
+}
+
+} // namespace Dovel

@@ -1,0 +1,54 @@
+// The session attributes of one session, found by path, by local symbol and by the
+// peer's symbol. Records live as long as the storage, also after removals, so that a
+// re-added attribute keeps its symbols.
+//
+// Thread contract: look-ups take the read lock, creation and indexing the write lock;
+// the records themselves are changed only on the tree thread.
+#pragma once
+
+#include "Dovel/sync/DovelSessionAttribute.h"
+
+#include <QByteArray>
+#include <QHash>
+#include <QReadWriteLock>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+
+namespace Dovel {
+
+class RemoteNode;
+
+class AttributeStorage {
+public:
+    explicit AttributeStorage(RemoteNode& node);
+    ~AttributeStorage();
+    AttributeStorage(const AttributeStorage&) = delete;
+    AttributeStorage& operator=(const AttributeStorage&) = delete;
+
+    // Null when there is no such record.
+    DovelSessionAttribute* findByLocalSymbol(uint32_t symbol) const;
+    DovelSessionAttribute* findByReadSymbol(uint32_t symbol) const;
+    DovelSessionAttribute* findByPath(const QByteArray& path) const;
+    // A new record for the path, with the path's local symbol (defined when new). An
+    // existing record of the path is returned as it is.
+    DovelSessionAttribute* createByPath(const QByteArray& path);
+    // Binds the peer's symbol to `record`; a symbol already bound to another record keeps
+    // its binding (logged).
+    void indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record);
+
+    // Logs every record with its attribute's current value.
+    void debugDump() const;
+    int size() const;
+
+private:
+    RemoteNode& node;
+    mutable QReadWriteLock lock;
+    // Owns the records.
+    std::map<QByteArray, std::unique_ptr<DovelSessionAttribute>> byPath;
+    QHash<uint32_t, DovelSessionAttribute*> byLocalSymbol;
+    QHash<uint32_t, DovelSessionAttribute*> byReadSymbol;
+};
+
+} // namespace Dovel

@@ -1,0 +1,54 @@
+#include "Dovel/sync/AttributeUpdateReceiver.h"
+
+#include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/sync/AttributeStorage.h"
+#include "Dovel/sync/NodeChangeSender.h"
+
+#include "Basalt/Trace.h"
+
+namespace Dovel {
+
+AttributeUpdateReceiver::AttributeUpdateReceiver(AttributeStorage& storage,
+                                                 NodeChangeSender& sender)
+    : BundleReceiver(ModuleNames::AttributeUpdate), storage(storage), sender(sender) {}
+
+AttributeUpdateReceiver::~AttributeUpdateReceiver() = default;
+
+void AttributeUpdateReceiver::handleBundle(BundleReader& reader) {
+    const BundleCore& bundle = reader.bundle();
+    const uint32_t acknowledged = bundle.headerWord(BundleCore::AcknowledgedWord);
+    const uint32_t sequence = bundle.sequenceNumber();
+    while (!reader.atEnd()) {
+        const uint32_t symbol = reader.readUInt32();
+        DovelSessionAttribute* sa = storage.findByReadSymbol(symbol);
+        if (!sa) {
+            Basalt::Trace::error(
+                "AttributeUpdateHandler::handleBundle # BUG: unknown attribute with symbol %d",
+                int(symbol));
+            return;
+        }
+        if (!skipStale || acknowledged >= sa->lastSentSequence) {
+            const NodeWatcher::Event echo{NodeWatcher::AttributeChanged, sa->localSymbol};
+            sender.ignoreOne(echo);
+            try {
+                sa->deserializer(reader);
+            } catch (...) {
+                sender.stopIgnoring(echo);
+                throw;
+            }
+            sender.stopIgnoring(echo);
+        } else {
+            // The peer had not seen this side's latest value: read the stale one past.
+            uint32_t size = sa->fixedSize;
+            if (size == 0) {
+                size = reader.readUInt32();
+                if (size == 0)
+                    size = reader.readUInt32();
+            }
+            reader.read(size);
+        }
+        sa->lastReceivedSequence = sequence;
+    }
+}
+
+} // namespace Dovel

@@ -1,0 +1,45 @@
+// The state that one session keeps for one synchronised attribute: the symbols of its
+// path on both sides, the codecs of both directions and the sequence numbers that
+// guard against stale values. Records are owned by AttributeStorage and changed only
+// on the tree thread.
+#pragma once
+
+#include "Dovel/types/AttributeCodecs.h"
+
+#include <cstdint>
+
+namespace Dovel {
+
+struct DovelSessionAttribute {
+    // Reads one value of the peer's type and applies it to the local attribute.
+    Deserializer deserializer;
+    // Writes the local attribute's current value.
+    Serializer serializer;
+    // The peer's symbol of the path; 0 until the peer announces the attribute.
+    uint32_t readSymbol = 0;
+    // The peer's type code; 0 when unknown or after a removal by the peer.
+    uint32_t typeCode = 0;
+    // The peer's fixed value size; 0 for length-prefixed values.
+    uint32_t fixedSize = 0;
+    // Sequence number of the peer's bundle whose value was last applied; 0 when none.
+    uint32_t lastReceivedSequence = 0;
+    // Symbol of the path in the remote node's registry.
+    uint32_t localSymbol = 0;
+    // Type code and fixed size that this side announces.
+    uint32_t sentTypeCode = 0;
+    uint32_t sentFixedSize = 0;
+    // Sequence number of the bundle that carried this side's last value.
+    uint32_t lastSentSequence = 0;
+    // The attribute existed on this side when the record was made or completed.
+    bool localOrigin = true;
+    // The peer removed the attribute: its changes and removal are no longer sent.
+    bool removedByPeer = false;
+    // Removed on this side and not announced again since.
+    bool removedLocally = false;
+};
+
+// A deserializer that reads past one value without applying it: `fixedSize` bytes, or
+// a length word and that many bytes when `fixedSize` is 0 (padded to 4 either way).
+Deserializer skippingDeserializer(uint32_t fixedSize);
+
+} // namespace Dovel

@@ -1,0 +1,190 @@
+#include "Dovel/sync/NewAttributeReceiver.h"
+
+#include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/sync/AttributeStorage.h"
+#include "Dovel/sync/NodeChangeSender.h"
+#include "Dovel/sync/RemoteNode.h"
+#include "Dovel/types/TypeRegistry.h"
+
+#include "Basalt/SymbolRegistry.h"
+#include "Basalt/Trace.h"
+#include "Tessel/AttributeAlias.h"
+#include "Tessel/Node.h"
+
+#include <memory>
+
+namespace Dovel {
+
+namespace {
+
+// Reads past one value of the announced size.
+void skipValue(BundleReader& reader, uint32_t fixedSize) {
+    reader.read(fixedSize != 0 ? fixedSize : reader.readUInt32());
+}
+
+} // namespace
+
+NewAttributeReceiver::NewAttributeReceiver(RemoteNode& node, AttributeStorage& storage,
+                                           Basalt::SymbolRegistry& peerSymbols, TypeRegistry& types,
+                                           NodeChangeSender& sender)
+    : BundleReceiver(ModuleNames::AttributeNew), node(node), storage(storage),
+      peerSymbols(peerSymbols), types(types), sender(sender) {}
+
+NewAttributeReceiver::~NewAttributeReceiver() = default;
+
+void NewAttributeReceiver::handleBundle(BundleReader& reader) {
+    const BundleCore& bundle = reader.bundle();
+    const uint32_t acknowledged = bundle.headerWord(BundleCore::AcknowledgedWord);
+    const uint32_t sequence = bundle.sequenceNumber();
+    for (uint32_t index = 1; !reader.atEnd(); ++index) {
+        const uint32_t symbol = reader.readUInt32();
+        const uint32_t typeCode = reader.readUInt32();
+        const uint32_t fixedSize = reader.readUInt32();
+        const bool hasValue = (reader.readUInt32() & 1u) != 0;
+        handleEntry(reader, symbol, typeCode, fixedSize, hasValue, acknowledged, sequence, index);
+    }
+}
+
+void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, uint32_t typeCode,
+                                       uint32_t fixedSize, bool hasValue, uint32_t acknowledged,
+                                       uint32_t sequence, uint32_t messageIndex) {
+    const QByteArray path = peerSymbols.lookup(symbol);
+    if (path.isEmpty()) {
+        // Despite its wording, only this entry is skipped.
+        Basalt::Trace::error("NewAttributeReceiver::handleBundle # Unknown symbol %d at message "
+                             "index %u. Will ignore the bundle",
+                             int(symbol), messageIndex);
+        if (hasValue)
+            skipValue(reader, fixedSize);
+        return;
+    }
+    const QList<QByteArray> parts = path.split('/');
+    for (const QByteArray& part : parts) {
+        if (part.isEmpty()) {
+            Basalt::Trace::error("NewAttributeReceiver::handleBundle # Malformed path '%s'",
+                                 path.constData());
+            if (hasValue)
+                skipValue(reader, fixedSize);
+            return;
+        }
+    }
+
+    DovelSessionAttribute* sa = storage.findByReadSymbol(symbol);
+    if (!sa)
+        sa = storage.findByPath(path);
+    if (!sa)
+        sa = storage.createByPath(path);
+    storage.indexByReadSymbol(symbol, sa);
+    sa->readSymbol = symbol;
+    sa->typeCode = typeCode;
+    sa->fixedSize = fixedSize;
+    sa->removedByPeer = false;
+
+    bool apply = hasValue;
+    // This side sent a newer value that the peer had not seen when it wrote this one.
+    if (apply && skipStale && acknowledged < sa->lastSentSequence)
+        apply = false;
+
+    // Until a local attribute takes the values, later updates are read past.
+    auto skipAll = [&] {
+        sa->deserializer = skippingDeserializer(fixedSize);
+        if (hasValue)
+            skipValue(reader, fixedSize);
+    };
+
+    Tessel::Node* parent = findParent(parts);
+    if (!parent) {
+        skipAll();
+        return;
+    }
+    const QByteArray& leafName = parts.last();
+    Tessel::Attribute* leaf = parent->attribute(leafName);
+    sa->localOrigin = leaf != nullptr;
+
+    if (!leaf) {
+        if (!createMissing) {
+            skipAll();
+            return;
+        }
+        std::unique_ptr<Tessel::Attribute> created(types.createAttribute(typeCode));
+        Deserializer deserializer =
+            created ? types.createDeserializer(typeCode, created.get()) : Deserializer();
+        if (!deserializer) {
+            Basalt::Trace::error("NewAttributeReceiver::createDeserializer # Found an attribute "
+                                 "that we don't know how to deserialize at '%s'",
+                                 path.constData());
+            skipAll();
+            return;
+        }
+        // The record takes the deserializer only once the attribute is in the tree: a
+        // value cut short throws, and then the attribute dies with this scope.
+        sa->deserializer = skippingDeserializer(fixedSize);
+        if (hasValue) {
+            if (apply) {
+                sa->lastReceivedSequence = sequence;
+                deserializer(reader);
+                created->setAsDefaults();
+            } else {
+                skipValue(reader, fixedSize);
+            }
+        }
+        if (!parent->addAttribute(leafName, created.get())) {
+            Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
+                                 path.constData());
+            return;
+        }
+        created.release(); // owned by its host now
+        sa->deserializer = deserializer;
+        // Watched and cached at once, so that the next entries and updates find it.
+        node.processPendingAdditions();
+        return;
+    }
+
+    sa->deserializer = types.createDeserializer(typeCode, leaf);
+    if (!sa->deserializer) {
+        Basalt::Trace::error("NewAttributeReceiver::createDeserializer # Found an attribute that "
+                             "we don't know how to deserialize at '%s'",
+                             path.constData());
+        skipAll();
+        return;
+    }
+    if (!hasValue)
+        return;
+    if (!apply) {
+        skipValue(reader, fixedSize);
+        return;
+    }
+    const NodeWatcher::Event echo{NodeWatcher::AttributeChanged, sa->localSymbol};
+    sender.ignoreOne(echo);
+    sa->lastReceivedSequence = sequence;
+    try {
+        sa->deserializer(reader);
+    } catch (...) {
+        sender.stopIgnoring(echo);
+        throw;
+    }
+    sender.stopIgnoring(echo);
+}
+
+Tessel::Node* NewAttributeReceiver::findParent(const QList<QByteArray>& parts) {
+    Tessel::Node* parent = &node;
+    for (int i = 0; i + 1 < parts.size(); ++i) {
+        Tessel::Attribute* raw = parent->attribute(parts[i]);
+        Tessel::Attribute* child = Tessel::AttributeAlias::resolve(raw);
+        if (!raw) {
+            if (!createMissing)
+                return nullptr;
+            parent = new Tessel::Node(parent, parts[i]); // owned by its host
+            continue;
+        }
+        parent = dynamic_cast<Tessel::Node*>(child);
+        if (!parent) {
+            Basalt::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing "
+                                 "attribute where a node was expected");
+            return nullptr;
+        }
+    }
+    return parent;
+}
+
+} // namespace Dovel

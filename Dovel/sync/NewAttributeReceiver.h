@@ -1,0 +1,65 @@
+// The receiver of "Quillon.Dovel.AttributeNew": binds each attribute the peer announces
+// to a session attribute, finds the attribute at the same path in the local tree (or
+// creates it and its missing parent nodes when allowed), installs the value
+// deserializer, and applies the announced value unless it is stale. Lives on the tree
+// thread (the session's dispatch thread); the storage, registries, type registry and
+// sender belong to the same session and outlive it.
+#pragma once
+
+#include "Dovel/bundle/BundleReceiver.h"
+
+#include <cstdint>
+
+namespace Basalt {
+class SymbolRegistry;
+}
+namespace Tessel {
+class Attribute;
+class Node;
+} // namespace Tessel
+
+namespace Dovel {
+
+class AttributeStorage;
+class NodeChangeSender;
+class RemoteNode;
+class TypeRegistry;
+struct DovelSessionAttribute;
+
+class NewAttributeReceiver : public BundleReceiver {
+public:
+    NewAttributeReceiver(RemoteNode& node, AttributeStorage& storage,
+                         Basalt::SymbolRegistry& peerSymbols, TypeRegistry& types,
+                         NodeChangeSender& sender);
+    ~NewAttributeReceiver() override;
+
+    void handleBundle(BundleReader& reader) override;
+
+    // Whether attributes (and nodes) missing locally are created. Off by default.
+    bool createMissingAttributes() const { return createMissing; }
+    void setCreateMissingAttributes(bool create) { createMissing = create; }
+    // Stale-value skipping: a value is read past when the peer wrote it before seeing
+    // this side's latest value of the attribute. The session's master turns it on, so
+    // that it keeps its values when both sides start with different ones.
+    bool skipStaleValues() const { return skipStale; }
+    void setSkipStaleValues(bool skip) { skipStale = skip; }
+
+private:
+    // Handles one entry after its four words; `reader` stands at its value (if any).
+    void handleEntry(BundleReader& reader, uint32_t symbol, uint32_t typeCode, uint32_t fixedSize,
+                     bool hasValue, uint32_t acknowledged, uint32_t sequence,
+                     uint32_t messageIndex);
+    // The node that holds the path's leaf, creating missing nodes when allowed; null
+    // (the entry is to be skipped) otherwise.
+    Tessel::Node* findParent(const QList<QByteArray>& parts);
+
+    RemoteNode& node;
+    AttributeStorage& storage;
+    Basalt::SymbolRegistry& peerSymbols;
+    TypeRegistry& types;
+    NodeChangeSender& sender;
+    bool createMissing = false;
+    bool skipStale = false;
+};
+
+} // namespace Dovel

@@ -1,0 +1,313 @@
+#include "Dovel/sync/NodeChangeSender.h"
+
+#include "Dovel/bundle/BundleDispatcher.h"
+#include "Dovel/bundle/BundleWriter.h"
+#include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/sync/AttributeStorage.h"
+#include "Dovel/types/TypeRegistry.h"
+
+#include "Basalt/Trace.h"
+
+#include <utility>
+
+namespace Dovel {
+
+NodeChangeSender::NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types)
+    : node(node), storage(storage), types(types) {
+    changeListenerId = node.addAttributeChangeListener(
+        [this](const NodeWatcher::Event& event) { onAttributeChange(event); });
+    eventListenerId =
+        node.addEventListener([this](const RemoteNode::Event& event) { onEvent(event); });
+    // The node may die before the session: then there is nothing left to unregister from.
+    deletionListenerId = node.addListener(
+        [this] {
+            changeListenerId = -1;
+            eventListenerId = -1;
+            deletionListenerId = -1;
+        },
+        Tessel::Attribute::RoleDelete);
+}
+
+NodeChangeSender::~NodeChangeSender() {
+    if (changeListenerId >= 0)
+        node.removeAttributeChangeListener(changeListenerId);
+    if (eventListenerId >= 0)
+        node.removeEventLIstener(eventListenerId);
+    if (deletionListenerId >= 0)
+        node.removeListener(deletionListenerId);
+}
+
+void NodeChangeSender::initialize(BundleDispatcher& dispatcher) {
+    newMessageType = dispatcher.resolveMessageType(ModuleNames::AttributeNew);
+    updateMessageType = dispatcher.resolveMessageType(ModuleNames::AttributeUpdate);
+    removeMessageType = dispatcher.resolveMessageType(ModuleNames::AttributeRemove);
+    eventMessageType = dispatcher.resolveMessageType(ModuleNames::OneWayEvent);
+}
+
+unsigned NodeChangeSender::messageType(NodeWatcher::EventType type) {
+    switch (type) {
+    case NodeWatcher::AttributeAdded:
+        return newMessageType;
+    case NodeWatcher::AttributeRemoved:
+        return removeMessageType;
+    case NodeWatcher::AttributeChanged:
+        return updateMessageType;
+    default:
+        Basalt::Trace::error("NodeChangeSender::messageType # Found an invalid event type %d",
+                             int(type));
+        return 0xFFFFFFFFu;
+    }
+}
+
+void NodeChangeSender::ignoreOne(const NodeWatcher::Event& event) {
+    if (!ignored.insert(event).second)
+        Basalt::Trace::error("NodeChangeSender::ignoreOne # Called for an already ignored symbol");
+}
+
+bool NodeChangeSender::stopIgnoring(const NodeWatcher::Event& event) {
+    return ignored.erase(event) > 0;
+}
+
+void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
+    if (stopIgnoring(event))
+        return; // the echo of a change a receiver applied
+    if (event.type == NodeWatcher::NodeAdded || event.type == NodeWatcher::NodeRemoved)
+        return; // the peer creates nodes from the attributes' paths
+    if (!(node.syncFlags().getFlags(event.symbol) & SyncFlags::Sync)) {
+        // Not sent, but a local-only attribute the peer announced all the same holds
+        // codecs bound to the object that is going away.
+        if (event.type == NodeWatcher::AttributeRemoved) {
+            Basalt::Guard guard(changeMutex);
+            if (DovelSessionAttribute* sa = storage.findByLocalSymbol(event.symbol))
+                forgetLocalAttribute(*sa);
+        }
+        return;
+    }
+    if (!node.attributeCache().find(event.symbol)) {
+        Basalt::Trace::error("NodeChangeSender::onAttributeChange # Got an attribute change "
+                             "event but can't find the actual attribute");
+        return;
+    }
+
+    Basalt::Guard guard(changeMutex);
+    DovelSessionAttribute* sa = storage.findByLocalSymbol(event.symbol);
+    if (!sa && event.type == NodeWatcher::AttributeAdded) {
+        const QByteArray path = node.symbolRegistry().lookup(uint32_t(event.symbol));
+        if (!path.isEmpty())
+            sa = storage.createByPath(path);
+    }
+    if (!sa) {
+        Basalt::Trace::error("NodeChangeSender::onAttributeChange # Could not find a session "
+                             "attribute for the given change");
+        return;
+    }
+    if (event.type == NodeWatcher::AttributeRemoved)
+        forgetLocalAttribute(*sa);
+    if (sa->removedByPeer && event.type != NodeWatcher::AttributeAdded)
+        return;
+    pendingChanges.push_back(event);
+}
+
+// Values of the peer still under way must be read past, not applied to a dead object.
+void NodeChangeSender::forgetLocalAttribute(DovelSessionAttribute& sa) {
+    sa.deserializer = skippingDeserializer(sa.fixedSize);
+    sa.serializer = Serializer();
+    sa.lastReceivedSequence = 0;
+    sa.removedLocally = true;
+}
+
+void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
+    Basalt::Guard guard(eventMutex);
+    pendingEvents.push_back(event);
+}
+
+void NodeChangeSender::sendInitialValues() {
+    Basalt::SymbolRegistry& registry = node.symbolRegistry();
+    walkAttributesWithPath(node, [&](Tessel::Attribute&, const QByteArray& path) {
+        onAttributeChange({NodeWatcher::AttributeAdded, registry.lookup(path)});
+    });
+}
+
+void NodeChangeSender::writeUpdates(BundleOutput& output) {
+    collapseChanges();
+    std::vector<RemoteNode::Event> events;
+    getEvents(events);
+    sendSymbols(changes, events, output);
+    sendChanges(changes, output);
+    sendEvents(events, output);
+}
+
+void NodeChangeSender::collapseChanges() {
+    std::vector<NodeWatcher::Event> taken;
+    {
+        Basalt::Guard guard(changeMutex);
+        taken.swap(pendingChanges);
+    }
+    compressor.compress(taken, changes);
+}
+
+void NodeChangeSender::getEvents(std::vector<RemoteNode::Event>& out) {
+    Basalt::Guard guard(eventMutex);
+    out.swap(pendingEvents);
+}
+
+QByteArray NodeChangeSender::pathOf(const DovelSessionAttribute& sa) {
+    return node.symbolRegistry().lookup(sa.localSymbol);
+}
+
+void NodeChangeSender::announceSymbol(uint32_t symbol, BundleWriterCore& writer) {
+    if (announced.contains(symbol))
+        return;
+    const QByteArray name = node.symbolRegistry().lookup(symbol);
+    if (name.isEmpty()) {
+        Basalt::Trace::error(
+            "NodeChangeSender # found an AttributeChange that points to an unknown symbol");
+        return;
+    }
+    writer.writeUInt32(symbol);
+    writer.writeBytes(name);
+    announced.insert(symbol);
+}
+
+static void logMissingSessionAttribute() {
+    Basalt::Trace::error("NodeChangeSender::sendChanges # Missing DovelSessionAttribute when "
+                         "sending an attribute event. Will ignore");
+}
+
+void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes,
+                                   const std::vector<RemoteNode::Event>& events,
+                                   BundleOutput& output) {
+    Bundle bundle;
+    BundleWriter writer(bundle);
+    for (const ChangeData& change : changes) {
+        if (!storage.findByLocalSymbol(change.symbol)) {
+            logMissingSessionAttribute();
+            continue;
+        }
+        announceSymbol(change.symbol, writer);
+    }
+    for (const RemoteNode::Event& event : events)
+        announceSymbol(event.symbol, writer);
+    output.finish(bundle, symbolMessageType);
+}
+
+void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, BundleOutput& output) {
+    Bundle bundle;
+    BundleWriter writer(bundle);
+    uint32_t openType = NodeWatcher::AttributeAdded;
+    bool open = false;
+    for (const ChangeData& change : changes) {
+        DovelSessionAttribute* sa = storage.findByLocalSymbol(change.symbol);
+        if (!sa) {
+            logMissingSessionAttribute();
+            continue;
+        }
+        if (change.type >= 3) {
+            Basalt::Trace::error("NodeChangeSender # found a change with an unknown type: %d",
+                                 int(change.type));
+            continue;
+        }
+        if (!open || change.type != openType) {
+            if (open)
+                output.finish(bundle, messageType(NodeWatcher::EventType(openType)));
+            openType = change.type;
+            open = true;
+            // sendAdded and sendChanged read the sequence number from word 2.
+            bundle.setHeader(0, messageType(NodeWatcher::EventType(openType)), output.sequence(),
+                             output.acknowledged());
+        }
+        switch (change.type) {
+        case NodeWatcher::AttributeAdded:
+            sendAdded(*sa, change.withValue != 0, writer);
+            break;
+        case NodeWatcher::AttributeChanged:
+            sendChanged(*sa, writer);
+            break;
+        default:
+            sendRemoved(*sa, writer);
+            break;
+        }
+    }
+    if (open)
+        output.finish(bundle, messageType(NodeWatcher::EventType(openType)));
+}
+
+void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, bool withValue,
+                                 BundleWriterCore& writer) {
+    Tessel::Attribute* attribute = node.attributeCache().find(sa.localSymbol);
+    if (!attribute) {
+        Basalt::Trace::error("NodeChangeSender # Trying to send changes for a missing attribute "
+                             "with symbol %u. Ignoring",
+                             sa.localSymbol);
+        return;
+    }
+    if (sa.removedLocally && sa.typeCode != 0) {
+        sa.deserializer = types.createDeserializer(sa.typeCode, attribute);
+        if (!sa.deserializer) {
+            Basalt::Trace::error("NodeChangeSender::sendAdded # Tried to recreate a deserializer "
+                                 "but failed. Will set it to null deserializer");
+            sa.deserializer = skippingDeserializer(sa.fixedSize);
+        }
+    }
+    uint32_t typeCode = 0;
+    uint32_t fixedSize = 0;
+    sa.serializer = types.createSerializer(attribute, typeCode, fixedSize);
+    sa.sentTypeCode = typeCode;
+    sa.sentFixedSize = fixedSize;
+    if (!sa.serializer) {
+        Basalt::Trace::error("NodeChangeSender::sendAdded # Found an attribute that we can't "
+                             "serialize at '%s'. Ignoring",
+                             pathOf(sa).constData());
+        return;
+    }
+    const bool hasValue =
+        withValue || sa.removedLocally || (sa.localOrigin && sa.lastReceivedSequence == 0);
+    writer.writeUInt32(sa.localSymbol);
+    writer.writeUInt32(typeCode);
+    writer.writeUInt32(fixedSize);
+    writer.writeUInt32(hasValue ? 1u : 0u);
+    if (hasValue)
+        sa.serializer(writer);
+    sa.lastSentSequence = writer.bundle().sequenceNumber();
+    sa.removedLocally = false;
+}
+
+void NodeChangeSender::sendChanged(DovelSessionAttribute& sa, BundleWriterCore& writer) {
+    sa.lastSentSequence = writer.bundle().sequenceNumber();
+    if (!node.attributeCache().find(sa.localSymbol)) {
+        Basalt::Trace::error("NodeChangeSender # Trying to send changes for a missing attribute "
+                             "with symbol %u. Ignoring",
+                             sa.localSymbol);
+        return;
+    }
+    // Without a serializer the value's bytes are unknown, so not even the symbol may go.
+    if (!sa.serializer) {
+        Basalt::Trace::error("NodeChangeSender::sendChanged # Found an attribute that we can't "
+                             "serialize at '%s'. Ignoring",
+                             pathOf(sa).constData());
+        return;
+    }
+    writer.writeUInt32(sa.localSymbol);
+    sa.serializer(writer);
+}
+
+void NodeChangeSender::sendRemoved(DovelSessionAttribute& sa, BundleWriterCore& writer) {
+    writer.writeUInt32(sa.localSymbol);
+    sa.lastSentSequence = 0;
+}
+
+void NodeChangeSender::sendEvents(const std::vector<RemoteNode::Event>& events,
+                                  BundleOutput& output) {
+    if (events.empty())
+        return;
+    Bundle bundle;
+    BundleWriter writer(bundle);
+    for (const RemoteNode::Event& event : events) {
+        writer.writeUInt32(event.symbol);
+        writer.writeUInt32(uint32_t(event.data.size()));
+        writer.writeData(event.data.constData(), uint32_t(event.data.size()));
+    }
+    output.finish(bundle, eventMessageType);
+}
+
+} // namespace Dovel

@@ -1,0 +1,98 @@
+// The sending module of a session. It listens to the attribute changes and outgoing
+// events of the session's RemoteNode, keeps those of one update period, and on each
+// output pass sends them: first the symbol names the peer has not seen, then the
+// additions, updates and removals (one bundle per run of equal kind), then the one-way
+// events. Changes applied by the receivers are bracketed by ignoreOne/stopIgnoring and
+// so never travel back.
+//
+// Thread contract: the listeners, sendInitialValues, writeUpdates and the ignore
+// operations run on the tree thread. Each pending vector is guarded by its own mutex,
+// held only to append or to swap it out.
+#pragma once
+
+#include "Dovel/bundle/BundleSender.h"
+#include "Dovel/sync/AttributeChangeCompressor.h"
+#include "Dovel/sync/NodeWatcher.h"
+#include "Dovel/sync/RemoteNode.h"
+
+#include "Basalt/Mutex.h"
+
+#include <QSet>
+
+#include <cstdint>
+#include <set>
+#include <vector>
+
+namespace Dovel {
+
+class AttributeStorage;
+class BundleWriterCore;
+class TypeRegistry;
+struct DovelSessionAttribute;
+
+class NodeChangeSender : public BundleSender {
+public:
+    NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types);
+    ~NodeChangeSender() override;
+
+    void writeUpdates(BundleOutput& output) override;
+    // Queues every attribute of the tree as an addition: the session's first announcement.
+    void sendInitialValues();
+
+    // The next watcher event equal to `event` is the echo of a received change: drop it.
+    void ignoreOne(const NodeWatcher::Event& event);
+    // Withdraws an ignoreOne; true when it was still pending (the change caused no event).
+    bool stopIgnoring(const NodeWatcher::Event& event);
+    // The outgoing message type that carries events of `type` (0 new, 1 remove, 2
+    // update); 0xFFFFFFFF for any other type.
+    unsigned messageType(NodeWatcher::EventType type);
+
+    // Entries in the ignore set (echo-suppression bookkeeping).
+    int ignoredCount() const { return int(ignored.size()); }
+
+protected:
+    void initialize(BundleDispatcher& dispatcher) override;
+
+private:
+    void onAttributeChange(const NodeWatcher::Event& event);
+    void onEvent(const RemoteNode::Event& event);
+    void forgetLocalAttribute(DovelSessionAttribute& sa);
+    void collapseChanges();
+    void getEvents(std::vector<RemoteNode::Event>& out);
+    void sendSymbols(const std::vector<ChangeData>& changes,
+                     const std::vector<RemoteNode::Event>& events, BundleOutput& output);
+    void sendChanges(const std::vector<ChangeData>& changes, BundleOutput& output);
+    void sendAdded(DovelSessionAttribute& sa, bool withValue, BundleWriterCore& writer);
+    void sendChanged(DovelSessionAttribute& sa, BundleWriterCore& writer);
+    void sendRemoved(DovelSessionAttribute& sa, BundleWriterCore& writer);
+    void sendEvents(const std::vector<RemoteNode::Event>& events, BundleOutput& output);
+    // Appends the symbol's name to the symbol bundle unless the peer already knows it.
+    void announceSymbol(uint32_t symbol, BundleWriterCore& writer);
+    QByteArray pathOf(const DovelSessionAttribute& sa);
+
+    RemoteNode& node;
+    AttributeStorage& storage;
+    TypeRegistry& types;
+    AttributeChangeCompressor compressor;
+
+    Basalt::Mutex changeMutex;
+    std::vector<NodeWatcher::Event> pendingChanges; // guarded by changeMutex
+    std::vector<ChangeData> changes;
+
+    Basalt::Mutex eventMutex;
+    std::vector<RemoteNode::Event> pendingEvents; // guarded by eventMutex
+
+    uint32_t newMessageType = NoMessageType;
+    uint32_t updateMessageType = NoMessageType;
+    uint32_t removeMessageType = NoMessageType;
+    uint32_t eventMessageType = NoMessageType;
+
+    QSet<uint32_t> announced;
+    std::set<NodeWatcher::Event> ignored;
+
+    long changeListenerId = -1;
+    long eventListenerId = -1;
+    long deletionListenerId = -1;
+};
+
+} // namespace Dovel

@@ -1,0 +1,36 @@
+// The receiver of "Quillon.Dovel.OneWayEvent": hands each named event of the peer, with
+// its data, to the session's handler. Lives on the tree thread; the peer's symbol
+// registry outlives it.
+#pragma once
+
+#include "Dovel/bundle/BundleReceiver.h"
+
+#include "Basalt/BinaryData.h"
+
+#include <QByteArray>
+
+#include <functional>
+
+namespace Basalt {
+class SymbolRegistry;
+}
+
+namespace Dovel {
+
+class OneWayEventReceiver : public BundleReceiver {
+public:
+    using Handler = std::function<void(const QByteArray& name, Basalt::BinaryData& data)>;
+
+    explicit OneWayEventReceiver(Basalt::SymbolRegistry& peerSymbols);
+    ~OneWayEventReceiver() override;
+
+    // Without a handler, events are dropped.
+    void setHandler(Handler handler) { eventHandler = std::move(handler); }
+    void handleBundle(BundleReader& reader) override;
+
+private:
+    Basalt::SymbolRegistry& peerSymbols;
+    Handler eventHandler;
+};
+
+} // namespace Dovel

@@ -1,0 +1,148 @@
+// NodeChangeSender and its compressor: what one period of changes turns into on the
+// wire, byte for byte, and the ignore set.
+#include "SessionPair.h"
+#include "SyncTestUtil.h"
+
+#include "bundle/BundleTestUtil.h"
+
+#include "Dovel/sync/AttributeChangeCompressor.h"
+
+#include "Basalt/Trace.h"
+#include "Tessel/AttributeT.h"
+
+#include <gtest/gtest.h>
+
+using BundleTest::Bytes;
+using BundleTest::packet;
+using Dovel::AttributeChangeCompressor;
+using Dovel::Bundle;
+using Dovel::ChangeData;
+using Dovel::RemoteNode;
+using SyncTest::ev;
+using SyncTest::Session;
+using Tessel::Attribute;
+using Tessel::AttributeT;
+
+namespace {
+
+constexpr auto Added = Dovel::NodeWatcher::AttributeAdded;
+constexpr auto Removed = Dovel::NodeWatcher::AttributeRemoved;
+constexpr auto Changed = Dovel::NodeWatcher::AttributeChanged;
+constexpr auto L2 = Attribute::LayerRemote;
+
+// The outgoing numbers a session binds, in the order its sender asks for them.
+enum : uint32_t { SymbolsType = 1, NewType = 2, UpdateType = 3, RemoveType = 4, EventType = 5 };
+
+std::vector<ChangeData> compress(const std::vector<Dovel::NodeWatcher::Event>& events) {
+    AttributeChangeCompressor compressor;
+    std::vector<ChangeData> out{{9, 9, 9}}; // replaced, not appended to
+    compressor.compress(events, out);
+    return out;
+}
+
+} // namespace
+
+namespace Dovel {
+inline std::ostream& operator<<(std::ostream& out, const ChangeData& c) {
+    return out << "{" << c.type << "," << c.symbol << "," << c.withValue << "}";
+}
+} // namespace Dovel
+
+TEST(ChangeCompressor, KeepsOneEntryPerAttributeAndKind) {
+    using V = std::vector<ChangeData>;
+    // Added and removed in one period: the peer never hears of it.
+    EXPECT_EQ(compress({ev(Added, 1), ev(Changed, 1), ev(Removed, 1)}), V{});
+    // Added then changed twice: one addition that carries the value.
+    EXPECT_EQ(compress({ev(Added, 1), ev(Changed, 1), ev(Changed, 1)}), (V{{Added, 1, 1}}));
+    // An addition without a later change carries no value.
+    EXPECT_EQ(compress({ev(Added, 1)}), (V{{Added, 1, 0}}));
+    // Two changes: the last one stands, at its place in time.
+    EXPECT_EQ(compress({ev(Changed, 1), ev(Changed, 2), ev(Changed, 1)}),
+              (V{{Changed, 2, 0}, {Changed, 1, 0}}));
+    // A change before a removal is superseded; a removal of a known attribute stays.
+    EXPECT_EQ(compress({ev(Changed, 1), ev(Removed, 1)}), (V{{Removed, 1, 0}}));
+    // Removed and added again: both go, and the new addition carries the later value.
+    EXPECT_EQ(compress({ev(Removed, 1), ev(Added, 1), ev(Changed, 1)}),
+              (V{{Removed, 1, 0}, {Added, 1, 1}}));
+    // The same addition reported twice is announced once.
+    EXPECT_EQ(compress({ev(Added, 1), ev(Added, 2), ev(Added, 1)}),
+              (V{{Added, 2, 0}, {Added, 1, 0}}));
+}
+
+TEST(ChangeSender, WritesSymbolsThenRunsOfEqualKindByteForByte) {
+    RemoteNode node(nullptr, "root");
+    auto* a = new AttributeT<int>(nullptr, "", 7);
+    auto* b = new AttributeT<QString>(nullptr, "", "hi");
+    node.addDeepAttribute("n/a", a);
+    node.addDeepAttribute("n/b", b);
+    Session session(node, false, true);
+    const uint32_t symA = node.symbolRegistry().lookup("n/a");
+    const uint32_t symB = node.symbolRegistry().lookup("n/b");
+
+    std::vector<Bundle> out = session.output();
+    ASSERT_EQ(out.size(), 3u); // handshake, symbols, AttributeNew
+    EXPECT_EQ(out[0].messageType(), 0u);
+    EXPECT_EQ(out[1].packet(), packet(SymbolsType, 2, 0,
+                                      Bytes().word(symA).str("n/a").word(symB).str("n/b").data()));
+    EXPECT_EQ(out[2].packet(), packet(NewType, 3, 0,
+                                      Bytes()
+                                          .word(symA)
+                                          .word(9)
+                                          .word(4)
+                                          .word(1)
+                                          .word(7)
+                                          .word(symB)
+                                          .word(35)
+                                          .word(0)
+                                          .word(1)
+                                          .str("hi")
+                                          .data()));
+
+    // One period: change, change, removal, change. Runs of one kind share a bundle.
+    auto* c = new AttributeT<float>(nullptr, "", 1.0f);
+    node.addDeepAttribute("n/c", c);
+    ASSERT_EQ(session.output().size(), 2u); // announces c: symbol 4, AttributeNew 5
+    a->set(8, L2);
+    b->set(QStringLiteral("yo"), L2);
+    delete c;
+    a->set(9, L2);
+    const uint32_t symC = node.symbolRegistry().lookup("n/c");
+    out = session.output();
+    ASSERT_EQ(out.size(), 3u);
+    EXPECT_EQ(out[0].packet(), packet(UpdateType, 6, 0, Bytes().word(symB).str("yo").data()));
+    EXPECT_EQ(out[1].packet(), packet(RemoveType, 7, 0, Bytes().word(symC).data()));
+    EXPECT_EQ(out[2].packet(), packet(UpdateType, 8, 0, Bytes().word(symA).word(9).data()));
+    EXPECT_TRUE(session.output().empty());
+
+    // A one-way event: its name is announced first; data padded to 4.
+    Basalt::BinaryData data = Basalt::BinaryData::fromByteArray("12345");
+    node.eventProcess("go", data);
+    out = session.output();
+    ASSERT_EQ(out.size(), 2u);
+    const uint32_t symGo = node.symbolRegistry().lookup("go");
+    EXPECT_EQ(out[0].packet(), packet(SymbolsType, 9, 0, Bytes().word(symGo).str("go").data()));
+    EXPECT_EQ(out[1].packet(),
+              packet(EventType, 10, 0, Bytes().word(symGo).word(5).hex("3132333435000000").data()));
+}
+
+TEST(ChangeSender, IgnoreSetSwallowsExactlyOneEchoAndReportsDoubles) {
+    RemoteNode node(nullptr, "root");
+    auto* a = new AttributeT<int>(nullptr, "", 1);
+    node.addDeepAttribute("a", a);
+    Session session(node, false, true);
+    session.output();
+    const Dovel::NodeWatcher::Event echo{Changed, node.symbolRegistry().lookup("a")};
+
+    Basalt::TraceCapture log;
+    session.sender->ignoreOne(echo);
+    session.sender->ignoreOne(echo);
+    EXPECT_EQ(log.count("NodeChangeSender::ignoreOne # Called for an already ignored symbol"), 1);
+    EXPECT_EQ(session.sender->ignoredCount(), 1);
+    a->set(2, L2); // swallowed
+    EXPECT_TRUE(session.output().empty());
+    a->set(3, L2); // sent
+    EXPECT_EQ(session.output().size(), 1u);
+    EXPECT_FALSE(session.sender->stopIgnoring(echo));
+    EXPECT_EQ(session.sender->messageType(Dovel::NodeWatcher::NodeAdded), 0xFFFFFFFFu);
+    EXPECT_TRUE(log.contains("NodeChangeSender::messageType # Found an invalid event type 3"));
+}

@@ -1,0 +1,213 @@
+// The receivers against hand-written bundles from the peer: removals, unknown symbols,
+// paths through value attributes, stale updates, events.
+#include "SessionPair.h"
+
+#include "bundle/BundleTestUtil.h"
+
+#include "Basalt/Trace.h"
+#include "Tessel/AttributeT.h"
+
+#include <QRegExp>
+
+#include <gtest/gtest.h>
+
+using BundleTest::Bytes;
+using BundleTest::packet;
+using Dovel::Bundle;
+using Dovel::RemoteNode;
+using SyncTest::pump;
+using SyncTest::Session;
+using Tessel::Attribute;
+using Tessel::AttributeT;
+using Tessel::Node;
+
+namespace {
+
+constexpr auto L2 = Attribute::LayerRemote;
+// The numbers under which the left session's messages reach the right one.
+enum : uint32_t { SymbolsType = 1, NewType = 2, UpdateType = 3, RemoveType = 4, EventType = 5 };
+
+// A left and a right tree in session; the right side receives the hand-written bundles.
+struct Pair {
+    RemoteNode left{nullptr, "left"};
+    RemoteNode right{nullptr, "right"};
+    std::unique_ptr<Session> a;
+    std::unique_ptr<Session> b;
+    uint32_t sequence = 100;
+
+    void start(bool rightIsMaster = false) {
+        a = std::make_unique<Session>(left, !rightIsMaster, true);
+        b = std::make_unique<Session>(right, rightIsMaster, true);
+        pump(*a, *b);
+    }
+    uint32_t leftSymbol(const QByteArray& path) { return left.symbolRegistry().lookup(path); }
+    void toRight(uint32_t type, const Bytes& payload, uint32_t acknowledged = 0) {
+        b->input({Bundle(packet(type, sequence++, acknowledged, payload.data()))});
+    }
+    Attribute* rightAt(const QByteArray& path) {
+        Attribute* at = &right;
+        for (const QByteArray& part : path.split('/'))
+            at = at ? at->attribute(part) : nullptr;
+        return at;
+    }
+};
+
+} // namespace
+
+TEST(Receivers, RemovalDestroysPeerCreatedAttributesOnlyAndReadsLateUpdatesPast) {
+    Pair p;
+    p.left.addDeepAttribute("p/x", new AttributeT<int>(nullptr, "", 1));
+    p.left.addDeepAttribute("p/z", new AttributeT<int>(nullptr, "", 2));
+    auto* localY = new AttributeT<int>(nullptr, "", 3);
+    p.right.addDeepAttribute("q/y", localY);
+    p.start();
+    ASSERT_TRUE(p.rightAt("p/x"));
+    ASSERT_TRUE(p.left.attribute("q"));
+
+    // The left side drops its own p/x and its copy of q/y.
+    delete p.left.attribute("p")->attribute("x");
+    delete p.left.attribute("q")->attribute("y");
+    p.b->input(p.a->output());
+    EXPECT_EQ(p.rightAt("p/x"), nullptr);
+    EXPECT_EQ(p.rightAt("q/y"), localY) << "an attribute of local origin stays";
+    EXPECT_TRUE(p.b->output().empty()) << "the removal went back";
+
+    // Updates that were under way for both are read past; the rest is applied.
+    Basalt::TraceCapture log;
+    const uint32_t x = p.leftSymbol("p/x"), y = p.leftSymbol("q/y"), z = p.leftSymbol("p/z");
+    p.toRight(UpdateType, Bytes().word(x).word(10).word(y).word(30).word(z).word(20));
+    EXPECT_EQ(p.rightAt("p/z")->asInt(), 20);
+    EXPECT_EQ(localY->value(), 3);
+    EXPECT_EQ(log.count("Session::input"), 0) << log.dump().toStdString();
+
+    p.toRight(RemoveType, Bytes().word(x).word(7777));
+    EXPECT_TRUE(log.contains(
+        QString("AttributeRemoveHandler::handleBundle # Attribute %1 already removed").arg(x)));
+    EXPECT_TRUE(log.contains(
+        "AttributeRemoveHandler::handleBundle # Failed to find attribute with symbol 7777"));
+
+    // Re-added on the left: announced again, created again, values flow again.
+    p.left.addDeepAttribute("p/x", new AttributeT<int>(nullptr, "", 5));
+    pump(*p.a, *p.b);
+    ASSERT_TRUE(p.rightAt("p/x"));
+    EXPECT_EQ(p.rightAt("p/x")->asInt(), 5);
+}
+
+TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
+    Pair p;
+    p.left.addDeepAttribute("p/z", new AttributeT<int>(nullptr, "", 2));
+    p.start();
+    Basalt::TraceCapture log;
+    p.toRight(SymbolsType,
+              Bytes().word(500).str("fresh/v").word(501).str("note").word(502).str("p/z/deeper"));
+
+    // AttributeNew: the unknown entry is skipped with its value (a string here).
+    p.toRight(NewType, Bytes()
+                           .word(9999)
+                           .word(35)
+                           .word(0)
+                           .word(1)
+                           .str("lost")
+                           .word(500)
+                           .word(9)
+                           .word(4)
+                           .word(1)
+                           .word(6)
+                           .word(502)
+                           .word(9)
+                           .word(4)
+                           .word(1)
+                           .word(8));
+    EXPECT_TRUE(log.contains("NewAttributeReceiver::handleBundle # Unknown symbol 9999 at message "
+                             "index 1. Will ignore the bundle"));
+    ASSERT_TRUE(p.rightAt("fresh/v"));
+    EXPECT_EQ(p.rightAt("fresh/v")->asInt(), 6);
+    // A path through a value attribute changes nothing.
+    EXPECT_TRUE(log.contains("NewAttributeReceiver::createOrFindAttribute # Found an existing "
+                             "attribute where a node was expected"));
+    EXPECT_EQ(p.rightAt("p/z")->asInt(), 2);
+
+    // AttributeUpdate: an unbound symbol abandons the rest of the bundle.
+    p.toRight(UpdateType, Bytes().word(500).word(60).word(9999).word(1).word(500).word(61));
+    EXPECT_TRUE(log.contains("AttributeUpdateHandler::handleBundle # BUG: unknown attribute with "
+                             "symbol 9999"));
+    EXPECT_EQ(p.rightAt("fresh/v")->asInt(), 60);
+
+    // OneWayEvent: an unknown name is a warning; the next event still arrives.
+    int notes = 0;
+    p.right.eventAddListenerBd(
+        "note", [&](Basalt::BinaryData& data) { notes += data.size(); }, Node::Direct);
+    p.toRight(EventType,
+              Bytes().word(9999).word(1).hex("ff000000").word(501).word(3).hex("01020300"));
+    EXPECT_EQ(log.count("OneWayEventReceiver::handleBundle # Symbol 9999 not found",
+                        Basalt::Trace::Warning),
+              1);
+    EXPECT_EQ(notes, 3);
+    // An event that claims more bytes than the bundle holds throws from the reader.
+    p.toRight(EventType, Bytes().word(501).word(1000).word(0));
+    EXPECT_TRUE(log.contains("BundleReader::read # tried to read past the end"));
+    EXPECT_EQ(notes, 3);
+}
+
+TEST(Receivers, TheMasterReadsStaleUpdatesPastAndKeepsReading) {
+    Pair p;
+    auto* text = new AttributeT<QString>(nullptr, "", "start");
+    auto* count = new AttributeT<int>(nullptr, "", 0);
+    p.right.addDeepAttribute("t", text);
+    p.right.addDeepAttribute("c", count);
+    p.start(true);
+    const uint32_t t = p.leftSymbol("t"), c = p.leftSymbol("c");
+    ASSERT_NE(t, 0u);
+
+    text->set(QStringLiteral("master's"), L2);
+    const std::vector<Bundle> sent = p.b->output();
+    ASSERT_EQ(sent.size(), 1u);
+    const uint32_t sentSequence = sent[0].sequenceNumber();
+
+    // Written before the peer saw "master's": skipped; the count after it still applies.
+    p.toRight(UpdateType, Bytes().word(t).str("stale").word(c).word(4), sentSequence - 1);
+    EXPECT_EQ(text->value(), "master's");
+    EXPECT_EQ(count->value(), 4);
+    // Written after: applied.
+    p.toRight(UpdateType, Bytes().word(t).str("newer"), sentSequence);
+    EXPECT_EQ(text->asString(), "newer");
+}
+
+TEST(AttributeStorage, RecordsKeepTheirFirstReadSymbolBinding) {
+    RemoteNode node(nullptr, "root");
+    Dovel::AttributeStorage storage(node);
+    Dovel::DovelSessionAttribute* a = storage.createByPath("a/x");
+    Dovel::DovelSessionAttribute* b = storage.createByPath("b");
+    EXPECT_EQ(storage.createByPath("a/x"), a);
+    EXPECT_TRUE(a->localOrigin);
+    EXPECT_EQ(a->readSymbol, 0u);
+    EXPECT_EQ(a->localSymbol, node.symbolRegistry().lookup("a/x"));
+    EXPECT_EQ(storage.findByLocalSymbol(a->localSymbol), a);
+
+    Basalt::TraceCapture log;
+    storage.indexByReadSymbol(40, a);
+    storage.indexByReadSymbol(40, b);
+    EXPECT_TRUE(log.contains("AttributeStorage::indexByReadSymbol # Symbol already points to some "
+                             "other session attribute"));
+    EXPECT_EQ(storage.findByReadSymbol(40), a);
+    EXPECT_EQ(storage.findByPath("b"), b);
+    EXPECT_EQ(storage.findByPath("c"), nullptr);
+}
+
+TEST(Receivers, ALocalOnlyAttributeRemovedHereNoLongerTakesThePeersValues) {
+    // The peer does not share the rule that keeps obj/secret local here, so it announces
+    // and updates its own; removing ours must unbind it from the peer's values.
+    Pair p;
+    p.right.setSyncFlags(QRegExp(".*/secret"), Dovel::SyncFlags::Local);
+    auto* leftSecret = new AttributeT<int>(nullptr, "", 1);
+    p.left.addDeepAttribute("obj/secret", leftSecret);
+    p.right.addDeepAttribute("obj/secret", new AttributeT<int>(nullptr, "", 2));
+    p.start();
+    EXPECT_EQ(p.rightAt("obj/secret")->asInt(), 1) << "the peer's announcement carried its value";
+    delete p.right.attribute("obj")->attribute("secret");
+    Basalt::TraceCapture log;
+    leftSecret->set(5, L2);
+    pump(*p.a, *p.b);
+    EXPECT_EQ(p.rightAt("obj/secret"), nullptr);
+    EXPECT_EQ(log.count("Session::input"), 0) << log.dump().toStdString();
+}

@@ -1,0 +1,307 @@
+// Two sessions back to back: a tree of every type mirrored, creation of missing
+// attributes on and off, echo suppression, conflicting values at the start of a
+// session, local-only paths, and events.
+#include "SessionPair.h"
+
+#include "Dovel/types/MetaTypes.h"
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/Trace.h"
+#include "Tessel/AttributeEnum.h"
+#include "Tessel/AttributeT.h"
+
+#include <QRegExp>
+#include <QStringList>
+#include <QVariant>
+#include <QVector>
+
+#include <gtest/gtest.h>
+
+#include <typeinfo>
+
+using Dovel::Bundle;
+using Dovel::RemoteNode;
+using SyncTest::pump;
+using SyncTest::Session;
+using Tessel::Attribute;
+using Tessel::AttributeT;
+using Tessel::Node;
+
+namespace {
+
+constexpr auto L3 = Attribute::LayerUser;
+// Values that travel both ways are set on the layer that received values use: a
+// higher layer would hide every later value of the peer.
+constexpr auto L2 = Attribute::LayerRemote;
+
+const uint32_t allCodes[] = {1,  2,  3,  4,  9,  10, 11, 12, 13, 14, 15, 16,
+                             17, 19, 20, 22, 23, 26, 29, 32, 34, 35, 36, 40,
+                             41, 42, 43, 44, 45, 46, 47, 48, 49, 50, 51, 52};
+
+// The bytes a serializer writes for the attribute's current value.
+QByteArray encoded(const Dovel::TypeRegistry& types, Attribute* attribute, uint32_t* code) {
+    uint32_t size = 0;
+    const Dovel::Serializer serializer = types.createSerializer(attribute, *code, size);
+    if (!serializer)
+        return QByteArray("<no serializer>");
+    Bundle bundle;
+    Dovel::BundleWriterCore writer(bundle);
+    serializer(writer);
+    return bundle.packet();
+}
+
+// Gives a fresh attribute of `code` a value that differs from its default.
+void fill(const Dovel::TypeRegistry& types, uint32_t code, Attribute* attribute) {
+    Bundle bundle;
+    Dovel::BundleWriterCore writer(bundle);
+    const uint32_t size = types.valueSize(code);
+    if (size > 0) {
+        QByteArray bytes(int(size), '\0');
+        for (int i = 0; i < bytes.size(); ++i)
+            bytes[i] = char(code == 1 ? 1 : (i % 4 == 0 ? code + i : 0)); // small ints, tiny floats
+        writer.writeData(bytes.constData(), size);
+    } else {
+        QVariant sample;
+        switch (code) {
+        case 35:
+        case 51:
+            sample = QStringLiteral("/textures/wood.png");
+            break;
+        case 36:
+        case 44:
+            sample = QStringList{"alpha", "", "gamma"};
+            break;
+        case 40:
+            sample = QVariant::fromValue(QVector<float>{1.5f, -2.0f});
+            break;
+        case 41:
+        case 46:
+            sample = Dovel::toVariant(QVector<Quant::Vector2f>{{1, 2}, {3, 4}});
+            break;
+        case 42:
+            sample = QVariant::fromValue(QVector<int32_t>{-1, 7});
+            break;
+        case 43:
+            sample = QVariant::fromValue(QVector<uint32_t>{9u, 4000000000u});
+            break;
+        default:
+            return; // the grid keeps its empty default
+        }
+        types.createVariantSerializer(code)(writer, sample);
+    }
+    Dovel::BundleReader reader(bundle);
+    types.createDeserializer(code, attribute)(reader);
+}
+
+} // namespace
+
+TEST(SessionExchange, EveryTypeIsMirroredWithItsValueAndMissingNodesAreCreated) {
+    RemoteNode master(nullptr, "master");
+    RemoteNode mirror(nullptr, "mirror");
+    Dovel::TypeRegistry types;
+    for (uint32_t code : allCodes) {
+        // A created 47 is a plain integer: only a real enumeration sends that code.
+        Attribute* attribute = code == 47
+                                   ? new Tessel::AttributeEnum(nullptr, "", {{"off", 0}, {"on", 1}})
+                                   : types.createAttribute(code);
+        fill(types, code, attribute);
+        ASSERT_TRUE(master.addDeepAttribute("scene/types/t" + QByteArray::number(code), attribute));
+    }
+    Session a(master, true, true);
+    Session b(mirror, false, true);
+    Basalt::TraceCapture log;
+    pump(a, b);
+
+    Node* types0 = dynamic_cast<Node*>(master.attribute("scene")->attribute("types"));
+    Node* types1 = dynamic_cast<Node*>(mirror.attribute("scene")->attribute("types"));
+    ASSERT_TRUE(types0 && types1);
+    for (uint32_t code : allCodes) {
+        SCOPED_TRACE(testing::Message() << "type code " << code);
+        const QByteArray name = "t" + QByteArray::number(code);
+        Attribute* source = types0->attribute(name);
+        Attribute* copy = types1->attribute(name);
+        ASSERT_TRUE(copy);
+        uint32_t sourceCode = 0, copyCode = 0;
+        EXPECT_EQ(encoded(types, copy, &copyCode), encoded(types, source, &sourceCode));
+        EXPECT_EQ(sourceCode, code);
+        // A remote enumeration arrives as an integer attribute.
+        EXPECT_EQ(copyCode, code == 47 ? 9u : code);
+        if (code != 47) {
+            EXPECT_EQ(typeid(*copy), typeid(*source));
+        }
+    }
+    EXPECT_EQ(log.count("", Basalt::Trace::Error), 0) << log.dump().toStdString();
+    EXPECT_EQ(log.count("Session::input"), 0) << log.dump().toStdString();
+    // Nothing travels back: the mirror's announcements carry no values, so the master
+    // keeps every record of local origin and applied nothing.
+    for (uint32_t code : allCodes) {
+        const Dovel::DovelSessionAttribute* record =
+            a.storage.findByPath("scene/types/t" + QByteArray::number(code));
+        ASSERT_TRUE(record);
+        EXPECT_TRUE(record->localOrigin);
+        EXPECT_NE(record->readSymbol, 0u);
+        EXPECT_EQ(record->lastReceivedSequence, 0u);
+        const Dovel::DovelSessionAttribute* copy =
+            b.storage.findByPath("scene/types/t" + QByteArray::number(code));
+        ASSERT_TRUE(copy);
+        EXPECT_FALSE(copy->localOrigin);
+    }
+    EXPECT_EQ(pump(a, b), 0);
+}
+
+TEST(SessionExchange, WithoutCreationOnlyExistingAttributesTakeValues) {
+    RemoteNode master(nullptr, "master");
+    RemoteNode mirror(nullptr, "mirror");
+    master.addDeepAttribute("a/missing", new AttributeT<QString>(nullptr, "", "skipped text"));
+    master.addDeepAttribute("a/grid/size", new AttributeT<Quant::Vector3f>(nullptr, "", {1, 2, 3}));
+    master.addDeepAttribute("a/x", new AttributeT<int>(nullptr, "", 42));
+    master.addDeepAttribute("b/y", new AttributeT<float>(nullptr, "", 0.5f));
+    auto* x = new AttributeT<int>(nullptr, "", 1);
+    mirror.addDeepAttribute("a/x", x);
+
+    Session a(master, true, true);
+    Session b(mirror, false, false);
+    Basalt::TraceCapture log;
+    pump(a, b);
+
+    EXPECT_EQ(x->value(), 42);
+    Node* nodeA = dynamic_cast<Node*>(mirror.attribute("a"));
+    ASSERT_TRUE(nodeA);
+    EXPECT_EQ(nodeA->childCount(), 1);
+    EXPECT_EQ(mirror.attribute("b"), nullptr);
+    EXPECT_EQ(log.count("Session::input"), 0) << log.dump().toStdString();
+
+    // Later updates of the attributes that were not created are read past as well.
+    master.attribute("a")->attribute("missing")->set(QStringLiteral("still skipped"), L3);
+    master.attribute("b")->attribute("y")->set(2.5f, L3);
+    master.attribute("a")->attribute("x")->set(43, L3);
+    pump(a, b);
+    EXPECT_EQ(x->value(), 43);
+    EXPECT_EQ(log.count("Session::input"), 0) << log.dump().toStdString();
+    EXPECT_EQ(log.count("BUG"), 0);
+}
+
+TEST(SessionExchange, AppliedValuesAreNotEchoedButLaterChangesAre) {
+    RemoteNode left(nullptr, "left");
+    RemoteNode right(nullptr, "right");
+    auto* value = new AttributeT<float>(nullptr, "", 1.0f);
+    left.addDeepAttribute("obj/value", value);
+    Session a(left, true, true);
+    Session b(right, false, true);
+    pump(a, b);
+    Attribute* mirrored = right.attribute("obj")->attribute("value");
+    ASSERT_TRUE(mirrored);
+
+    value->set(2.0f, L2);
+    std::vector<Bundle> out = a.output();
+    ASSERT_FALSE(out.empty());
+    b.input(out);
+    EXPECT_FLOAT_EQ(mirrored->asFloat(), 2.0f);
+    EXPECT_TRUE(b.output().empty()) << "the applied value went back";
+    EXPECT_EQ(b.sender->ignoredCount(), 0);
+
+    // An update equal to the local value fires no change and leaves no ignore entry.
+    value->set(3.0f, L2);
+    out = a.output();
+    mirrored->set(3.0f, L2);
+    b.output(); // the mirror's own change of the same value goes out first
+    a.output();
+    b.input(out);
+    EXPECT_EQ(b.sender->ignoredCount(), 0);
+    EXPECT_TRUE(b.output().empty());
+
+    // A genuine change of the same attribute afterwards is still sent.
+    mirrored->set(4.0f, L2);
+    pump(a, b);
+    EXPECT_FLOAT_EQ(value->asFloat(), 4.0f);
+}
+
+TEST(SessionExchange, ConflictingStartValuesConvergeOnTheMaster) {
+    for (bool masterFirst : {true, false}) {
+        SCOPED_TRACE(masterFirst ? "master's batch first" : "other batch first");
+        RemoteNode masterNode(nullptr, "m");
+        RemoteNode otherNode(nullptr, "o");
+        auto* mx = new AttributeT<int>(nullptr, "", 10);
+        auto* ox = new AttributeT<int>(nullptr, "", 20);
+        masterNode.addDeepAttribute("a/x", mx);
+        otherNode.addDeepAttribute("a/x", ox);
+        Session m(masterNode, true, true);
+        Session o(otherNode, false, true);
+        // Both sides write their first batch before seeing the other's.
+        const std::vector<Bundle> fromM = m.output();
+        const std::vector<Bundle> fromO = o.output();
+        if (masterFirst) {
+            o.input(fromM);
+            m.input(fromO);
+        } else {
+            m.input(fromO);
+            o.input(fromM);
+        }
+        pump(m, o);
+        EXPECT_EQ(mx->value(), 10);
+        EXPECT_EQ(ox->value(), 10);
+    }
+}
+
+TEST(SessionExchange, IdAttributesStayLocal) {
+    RemoteNode left(nullptr, "left");
+    RemoteNode right(nullptr, "right");
+    // Attributes named id are local without any rule of the application.
+    auto* leftId = new AttributeT<int>(nullptr, "", 1);
+    auto* rightId = new AttributeT<int>(nullptr, "", 2);
+    left.addDeepAttribute("obj/id", leftId);
+    left.addDeepAttribute("obj/name", new AttributeT<QString>(nullptr, "", "box"));
+    right.addDeepAttribute("obj/id", rightId);
+    Session a(left, true, true);
+    Session b(right, false, true);
+    pump(a, b);
+    leftId->set(5, L3);
+    rightId->set(6, L3);
+    pump(a, b);
+    EXPECT_EQ(leftId->value(), 5);
+    EXPECT_EQ(rightId->value(), 6);
+    EXPECT_EQ(right.attribute("obj")->attribute("name")->asString(), "box");
+    EXPECT_EQ(a.storage.findByPath("obj/id"), nullptr);
+    EXPECT_EQ(b.storage.findByPath("obj/id"), nullptr);
+}
+
+TEST(SessionExchange, EventsArriveOnceAndInOrderIncludingASlicedOne) {
+    RemoteNode left(nullptr, "left");
+    RemoteNode right(nullptr, "right");
+    Session a(left, true, true);
+    Session b(right, false, true);
+    pump(a, b);
+
+    std::vector<QByteArray> received;
+    for (const char* name : {"first", "second", "big"}) {
+        right.eventAddListenerBd(
+            name,
+            [&received, name](Basalt::BinaryData& data) {
+                received.push_back(QByteArray(name) + ":" + QByteArray::number(data.size()));
+                if (QByteArray(name) == "big") {
+                    const QByteArray bytes(data.constData(), data.size());
+                    for (int i = 0; i < bytes.size(); i += 4099)
+                        ASSERT_EQ(bytes[i], char(i * 7)) << "at " << i;
+                }
+            },
+            Node::Direct);
+    }
+    Basalt::BinaryData first;
+    first.writeInt32(1);
+    left.eventProcess("first", first);
+    QByteArray big(1 << 20, '\0');
+    for (int i = 0; i < big.size(); ++i)
+        big[i] = char(i * 7);
+    Basalt::BinaryData bigData = Basalt::BinaryData::fromByteArray(big);
+    left.eventProcessSlice("big", bigData, 64 * 1024);
+    Basalt::BinaryData second;
+    second.writeInt32(2);
+    left.eventProcess("second", second);
+    pump(a, b);
+
+    ASSERT_EQ(received.size(), 3u);
+    EXPECT_EQ(received[0], QByteArray("first:") + QByteArray::number(first.size()));
+    EXPECT_EQ(received[1], "big:1048576");
+    EXPECT_EQ(received[2], QByteArray("second:") + QByteArray::number(second.size()));
+    EXPECT_EQ(right.sliceReassemblyCount(), 0);
+}
