@@ -1,5 +1,6 @@
 // dovel: the command-line face of the library.
 #include "Demo.h"
+#include "FilesCommand.h"
 
 #include "Dovel/Version.h"
 
@@ -11,6 +12,8 @@ int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName("dovel");
     QCoreApplication::setApplicationVersion(QString::fromLatin1(Dovel::version()));
+    if (argc > 1 && QByteArray(argv[1]) == "files")
+        return DovelTool::runFilesCommand(app.arguments().mid(2));
 
     QCommandLineParser parser;
     parser.setApplicationDescription("Keeps a tree of attributes in step between processes.");

@@ -1,0 +1,457 @@
+#include "Dovel/files/AssetBase.h"
+
+#include "Dovel/Limits.h"
+#include "Dovel/files/ProgressSender.h"
+#include "Dovel/transport/ConnectionThread.h"
+
+#include "Basalt/Trace.h"
+
+#include <QDir>
+#include <QFile>
+#include <QSettings>
+
+#include <cmath>
+
+namespace Dovel {
+
+namespace {
+
+const QString TempSuffix = QStringLiteral(".filesync.part");
+// How many computed checksums between two "Generated checksums" reports.
+constexpr int ChecksumReportPeriod = 100;
+
+void report(ProgressSender* progress, const QString& text) {
+    if (progress)
+        progress->transferInfo(text);
+}
+
+bool sameFile(const AssetBase::FileInfo& cached, const QFileInfo& info) {
+    return !cached.md5.isEmpty() && cached.size == info.size() &&
+           cached.lastModified.toMSecsSinceEpoch() == info.lastModified().toMSecsSinceEpoch();
+}
+
+} // namespace
+
+AssetBase::AssetBase(const QString& root) : Basalt::Thread(QStringLiteral("AssetBase")) {
+    QDir().mkpath(root);
+    root_ = QDir(root).canonicalPath();
+    if (root_.isEmpty())
+        root_ = QDir::cleanPath(QDir(root).absolutePath());
+    readCache();
+}
+
+AssetBase::~AssetBase() {
+    waitEnd(-1);
+}
+
+void AssetBase::stop() {
+    running.store(false);
+}
+
+void AssetBase::transferFinished() {}
+
+void AssetBase::childLoop() {
+    drainRemoveQueue();
+}
+
+// ---- names and paths ----
+
+bool AssetBase::isCarriableName(const QString& name) {
+    if (!name.startsWith(QLatin1Char('/')) || name.contains(QLatin1String("..")))
+        return false;
+    if (name.toUtf8().size() > Limits::MaxFileNameBytes)
+        return false;
+    int componentStart = 1;
+    for (int i = 1; i <= name.size(); ++i) {
+        if (i == name.size() || name.at(i) == QLatin1Char('/')) {
+            const int length = i - componentStart;
+            if (length == 0 || (length == 1 && name.at(componentStart) == QLatin1Char('.')))
+                return false;
+            componentStart = i + 1;
+            continue;
+        }
+        const QChar c = name.at(i);
+        if (c.unicode() < 0x20 || c.unicode() == 0x7f || QStringLiteral("\\:*?\"<>").contains(c))
+            return false;
+    }
+    return true;
+}
+
+bool AssetBase::isInside(const QString& canonicalRoot, const QString& canonicalPath) {
+    if (canonicalPath.isEmpty() || canonicalRoot.isEmpty())
+        return false;
+    if (canonicalRoot == QLatin1String("/"))
+        return canonicalPath.startsWith(QLatin1Char('/'));
+    return canonicalPath == canonicalRoot ||
+           canonicalPath.startsWith(canonicalRoot + QLatin1Char('/'));
+}
+
+QString AssetBase::resolveInside(const QString& canonicalRoot, const QString& name) {
+    if (!isCarriableName(name))
+        return QString();
+    auto isInsideRoot = [&canonicalRoot](const QString& path) {
+        return isInside(canonicalRoot, path);
+    };
+    const QString path = (canonicalRoot == QLatin1String("/") ? QString() : canonicalRoot) + name;
+    QFileInfo info(path);
+    if (info.exists())
+        return isInsideRoot(info.canonicalFilePath()) ? path : QString();
+    if (info.isSymLink())
+        return QString(); // a dangling link: writing through it would land anywhere
+    // A file still to be made: its nearest existing folder decides.
+    QString dir = info.absolutePath();
+    for (;;) {
+        const QFileInfo dirInfo(dir);
+        if (dirInfo.exists())
+            return isInsideRoot(dirInfo.canonicalFilePath()) ? path : QString();
+        if (dirInfo.isSymLink())
+            return QString();
+        const QString parent = dirInfo.absolutePath();
+        if (parent == dir)
+            return QString();
+        dir = parent;
+    }
+}
+
+int64_t AssetBase::partCount(int64_t size, int64_t partSize) {
+    if (size <= 0 || partSize <= 0)
+        return 0;
+    return (size + partSize - 1) / partSize;
+}
+
+// ---- the file list ----
+
+int64_t AssetBase::buildFileList(const QString& dir, FileList& list,
+                                 QList<QPair<QString, QFileInfo>>& pending) {
+    const QDir folder(root_ + dir);
+    const QFileInfoList entries = folder.entryInfoList(QDir::Files | QDir::Dirs | QDir::Readable |
+                                                           QDir::NoDotAndDotDot | QDir::Hidden,
+                                                       QDir::Unsorted);
+    int64_t found = 0;
+    for (const QFileInfo& entry : entries) {
+        const QString fileName = entry.fileName();
+        if (fileName.endsWith(TempSuffix))
+            continue; // a download in progress
+        const QString name = dir + QLatin1Char('/') + fileName;
+        if (!isCarriableName(name)) {
+            Basalt::Trace::warning("AssetBase::buildFileList # Skipping '%s': the file protocol "
+                                   "cannot carry its name",
+                                   name.toUtf8().constData());
+            continue;
+        }
+        if (entry.isSymLink() && !isInsideRoot(entry.canonicalFilePath())) {
+            Basalt::Trace::warning("AssetBase::buildFileList # Skipping '%s': the link leads "
+                                   "outside the folder",
+                                   name.toUtf8().constData());
+            continue;
+        }
+        if (entry.isDir()) {
+            const QString canonical = entry.canonicalFilePath();
+            if (visitedDirs.contains(canonical))
+                continue; // a link back into the tree
+            visitedDirs.insert(canonical);
+            found += buildFileList(name, list, pending);
+        } else if (entry.isFile()) {
+            ++found;
+            const auto cached = files.constFind(name);
+            if (cached != files.constEnd() && sameFile(*cached, entry)) {
+                list.insert(name, *cached);
+                reused.fetch_add(1);
+            } else {
+                pending.append(qMakePair(name, entry));
+            }
+        }
+    }
+    return found;
+}
+
+AssetBase::FileList AssetBase::buildFileList(ProgressSender* progress) {
+    Basalt::Guard guard(fileListMutex);
+    report(progress, QStringLiteral("Scanning directory tree..."));
+    FileList list;
+    QList<QPair<QString, QFileInfo>> pending;
+    visitedDirs.clear();
+    visitedDirs.insert(root_);
+    buildFileList(QString(), list, pending);
+    const int64_t reusedHere = list.size();
+
+    int generated = 0;
+    for (const QPair<QString, QFileInfo>& file : pending) {
+        const QString path = file.second.absoluteFilePath();
+        bool ok = false;
+        const QString sum = computeMd5(path, &ok);
+        if (!ok) {
+            Basalt::Trace::warning("Failed to open %s", path.toUtf8().constData());
+            report(progress, QStringLiteral("Failed to open: %1").arg(path));
+            continue;
+        }
+        computed.fetch_add(1);
+        list.insert(file.first, FileInfo{file.second.size(), sum, file.second.lastModified()});
+        if (++generated % ChecksumReportPeriod == 0)
+            report(progress, QStringLiteral("Generated checksums: %1").arg(generated));
+    }
+    if (generated % ChecksumReportPeriod != 0)
+        report(progress, QStringLiteral("Generated checksums: %1").arg(generated));
+    Basalt::Trace::debug("AssetBase::buildFileList # %s: %lld checksums reused, %d computed",
+                         root_.toUtf8().constData(), static_cast<long long>(reusedHere), generated);
+
+    files = list;
+    writeCache(list);
+    report(progress, QStringLiteral("Checksum list generated"));
+    return list;
+}
+
+AssetBase::FileList AssetBase::fileList() const {
+    Basalt::Guard guard(fileListMutex);
+    return files;
+}
+
+QString AssetBase::md5(const QString& name) {
+    const QString path = resolveInside(name);
+    if (path.isEmpty())
+        return QString();
+    const QFileInfo info(path);
+    {
+        Basalt::Guard guard(fileListMutex);
+        const auto cached = files.constFind(name);
+        if (cached != files.constEnd() && sameFile(*cached, info)) {
+            reused.fetch_add(1);
+            return cached->md5;
+        }
+    }
+    bool ok = false;
+    const QString sum = computeMd5(path, &ok);
+    if (!ok)
+        return QString();
+    computed.fetch_add(1);
+    return sum;
+}
+
+QString AssetBase::computeMd5(const QString& path, bool* ok) {
+    QFile file(path);
+    *ok = false;
+    if (!file.open(QIODevice::ReadOnly))
+        return QString();
+    QCryptographicHash hash(QCryptographicHash::Md5);
+    if (!hash.addData(&file))
+        return QString();
+    *ok = true;
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+// ---- the checksum cache ----
+
+QString AssetBase::cacheArrayName() const {
+    return QStringLiteral("FileList/") + root_;
+}
+
+void AssetBase::readCache() {
+    QSettings settings(QStringLiteral("Brevant"), QStringLiteral("Cache"));
+    const int count = settings.beginReadArray(cacheArrayName());
+    Basalt::Guard guard(fileListMutex);
+    for (int i = 0; i < count; ++i) {
+        settings.setArrayIndex(i);
+        const QString name = settings.value(QStringLiteral("file")).toString();
+        FileInfo info;
+        info.lastModified =
+            QDateTime::fromMSecsSinceEpoch(settings.value(QStringLiteral("ts")).toLongLong());
+        info.md5 = settings.value(QStringLiteral("MD5")).toString();
+        info.size = settings.value(QStringLiteral("size")).toLongLong();
+        if (isCarriableName(name) && info.md5.size() == 32)
+            files.insert(name, info);
+    }
+    settings.endArray();
+}
+
+void AssetBase::writeCache(const FileList& list) {
+    QSettings settings(QStringLiteral("Brevant"), QStringLiteral("Cache"));
+    settings.remove(cacheArrayName());
+    settings.beginWriteArray(cacheArrayName(), list.size());
+    int i = 0;
+    for (auto it = list.constBegin(); it != list.constEnd(); ++it, ++i) {
+        settings.setArrayIndex(i);
+        settings.setValue(QStringLiteral("file"), it.key());
+        settings.setValue(QStringLiteral("ts"), it->lastModified.toMSecsSinceEpoch());
+        settings.setValue(QStringLiteral("MD5"), it->md5);
+        settings.setValue(QStringLiteral("size"), static_cast<qlonglong>(it->size));
+    }
+    settings.endArray();
+    settings.sync();
+}
+
+// ---- the download list ----
+
+bool AssetBase::addFileToDownloadList(const QString& name, int64_t size, int64_t parts,
+                                      const QString& md5, Basalt::TimeStamp owner) {
+    Basalt::Guard guard(downloadMutex);
+    if (downloads.count(name) || downloads.size() >= size_t(Limits::MaxActiveDownloads))
+        return false;
+    Download& entry = downloads[name];
+    entry.startTime = QDateTime::currentDateTime();
+    entry.md5 = QByteArray::fromHex(md5.toLatin1());
+    entry.size = size;
+    entry.parts = parts;
+    entry.owner = owner;
+    entry.hash = std::make_unique<QCryptographicHash>(QCryptographicHash::Md5);
+    return true;
+}
+
+bool AssetBase::isDownloading(const QString& name) const {
+    Basalt::Guard guard(downloadMutex);
+    return downloads.count(name) != 0;
+}
+
+int64_t AssetBase::currentParts(const QString& name) const {
+    Basalt::Guard guard(downloadMutex);
+    const auto it = downloads.find(name);
+    return it == downloads.end() ? 0 : it->second.received;
+}
+
+int64_t AssetBase::totalParts(const QString& name) const {
+    Basalt::Guard guard(downloadMutex);
+    const auto it = downloads.find(name);
+    return it == downloads.end() ? 0 : it->second.parts;
+}
+
+bool AssetBase::increasePartCount(const QString& name) {
+    Basalt::Guard guard(downloadMutex);
+    const auto it = downloads.find(name);
+    if (it == downloads.end())
+        return false;
+    ++it->second.received;
+    return true;
+}
+
+void AssetBase::downloadListAddHashData(const QString& name, const QByteArray& bytes) {
+    Basalt::Guard guard(downloadMutex);
+    const auto it = downloads.find(name);
+    if (it != downloads.end())
+        it->second.hash->addData(bytes);
+}
+
+QString AssetBase::downloadListMD5(const QString& name) const {
+    Basalt::Guard guard(downloadMutex);
+    const auto it = downloads.find(name);
+    return it == downloads.end() ? QString() : QString::fromLatin1(it->second.md5.toHex());
+}
+
+QString AssetBase::downloadListPartMD5(const QString& name) const {
+    Basalt::Guard guard(downloadMutex);
+    const auto it = downloads.find(name);
+    return it == downloads.end() ? QString()
+                                 : QString::fromLatin1(it->second.hash->result().toHex());
+}
+
+QDateTime AssetBase::downloadListStartTime(const QString& name) const {
+    Basalt::Guard guard(downloadMutex);
+    const auto it = downloads.find(name);
+    return it == downloads.end() ? QDateTime() : it->second.startTime;
+}
+
+int AssetBase::downloadCount() const {
+    Basalt::Guard guard(downloadMutex);
+    return static_cast<int>(downloads.size());
+}
+
+bool AssetBase::removeFileFromDownloadList(const QString& name, bool success) {
+    FileInfo finished;
+    bool existed = false;
+    {
+        Basalt::Guard guard(downloadMutex);
+        const auto it = downloads.find(name);
+        if (it != downloads.end()) {
+            existed = true;
+            finished.size = it->second.size;
+            finished.md5 = QString::fromLatin1(it->second.md5.toHex());
+        }
+    }
+    if (existed && success) {
+        const QFileInfo info(root_ + name);
+        finished.lastModified = info.exists() ? info.lastModified() : QDateTime::currentDateTime();
+        Basalt::Guard guard(fileListMutex);
+        files.insert(name, finished);
+    }
+    bool empty;
+    {
+        Basalt::Guard guard(downloadMutex);
+        downloads.erase(name);
+        empty = downloads.empty();
+    }
+    if (existed && empty) {
+        buildFileList(nullptr);
+        transferFinished();
+    }
+    return existed;
+}
+
+bool AssetBase::clearDownloadList(Basalt::TimeStamp owner) {
+    bool dropped = false;
+    Basalt::Guard guard(downloadMutex);
+    for (auto it = downloads.begin(); it != downloads.end();) {
+        if (it->second.owner != owner) {
+            ++it;
+            continue;
+        }
+        if (it->second.received > 0)
+            QFile::remove(root_ + it->first + TempSuffix);
+        it = downloads.erase(it);
+        dropped = true;
+    }
+    return dropped;
+}
+
+// ---- removing files ----
+
+void AssetBase::addFileToRemoveQueue(const QString& path,
+                                     std::shared_ptr<ConnectionThread> connection) {
+    Basalt::Guard guard(removeMutex);
+    removeQueue[path].append(std::move(connection));
+}
+
+int AssetBase::drainRemoveQueue() {
+    QMap<QString, QList<std::shared_ptr<ConnectionThread>>> taken;
+    {
+        Basalt::Guard guard(removeMutex);
+        taken.swap(removeQueue);
+    }
+    int removed = 0;
+    for (auto it = taken.constBegin(); it != taken.constEnd(); ++it)
+        if (removeFileAndEmptyFolders(it.key()))
+            ++removed;
+    if (!taken.isEmpty()) {
+        {
+            Basalt::Guard guard(fileListMutex);
+            for (auto it = taken.constBegin(); it != taken.constEnd(); ++it)
+                files.remove(it.key());
+        }
+        transferFinished();
+    }
+    return removed;
+}
+
+bool AssetBase::removeFileAndEmptyFolders(const QString& path) {
+    if (resolveInside(path).isEmpty()) {
+        Basalt::Trace::warning("AssetBase::removeFileAndEmptyFolders # Refusing '%s': outside "
+                               "the folder",
+                               path.toUtf8().constData());
+        return false;
+    }
+    const QString full = root_ + path;
+    if (!QFile::remove(full)) {
+        Basalt::Trace::warning("AssetBase::removeFileAndEmptyFolders # Cannot remove '%s'",
+                               full.toUtf8().constData());
+        return false;
+    }
+    QString folder = QFileInfo(full).absolutePath();
+    for (;;) {
+        const QString canonical = QFileInfo(folder).canonicalFilePath();
+        if (canonical.isEmpty() || canonical == root_ || !isInsideRoot(canonical))
+            break;
+        if (!QDir().rmdir(canonical))
+            break; // not empty
+        folder = QFileInfo(canonical).absolutePath();
+    }
+    return true;
+}
+
+} // namespace Dovel

@@ -1,0 +1,159 @@
+// One local folder of asset files that peers keep in step with the file-transfer
+// protocol: its canonical root, the list of its files with size, modification time and
+// MD5, the download list of files being received, and the queue of files to remove.
+//
+// Checksums are cached in the settings store (QSettings of "Brevant"/"Cache", array
+// "FileList/" + root) and reused while a file's size and modification time (to the
+// millisecond) stay the same, so an unchanged folder is listed without rereading it.
+//
+// Thread-safe: the file list and the checksum cache are guarded by `fileListMutex`, the
+// download list by `downloadMutex`, the remove queue by `removeMutex`; the file list
+// lock is never taken while the download list lock is held. run() drains the remove
+// queue on the asset's own thread.
+#pragma once
+
+#include "Basalt/Mutex.h"
+#include "Basalt/Thread.h"
+#include "Basalt/TimeStamp.h"
+
+#include <QByteArray>
+#include <QCryptographicHash>
+#include <QDateTime>
+#include <QFileInfo>
+#include <QList>
+#include <QMap>
+#include <QPair>
+#include <QSet>
+#include <QString>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+
+namespace Dovel {
+
+class ConnectionThread;
+class ProgressSender;
+
+class AssetBase : public Basalt::Thread {
+public:
+    struct FileInfo {
+        int64_t size = 0;
+        QString md5; // 32 lowercase hexadecimal digits
+        QDateTime lastModified;
+    };
+    // From file name ("/dir/file", relative to the root) to its description.
+    using FileList = QMap<QString, FileInfo>;
+
+    // `root` need not be canonical; the stored root is (a missing folder is made).
+    explicit AssetBase(const QString& root);
+    ~AssetBase() override;
+
+    QString root() const { return root_; }
+    virtual void stop();
+    bool isActive() const { return running.load(); }
+
+    // Walks the folder and returns its list, reusing cached checksums; rewrites the
+    // cache. Progress texts go to `progress` when given.
+    FileList buildFileList(ProgressSender* progress = nullptr);
+    // The list of the last build, with finished downloads recorded since.
+    FileList fileList() const;
+    // The checksum of a file: the listed one while its size and modification time are
+    // unchanged, otherwise computed now. Empty when the file cannot be read.
+    QString md5(const QString& name);
+
+    // True for a name the protocol can carry: "/" then components separated by "/",
+    // none empty, "." or "..", no ".." anywhere, none of \ : * ? " < > and no control
+    // characters, at most Limits::MaxFileNameBytes.
+    static bool isCarriableName(const QString& name);
+    // The absolute path of `name` when it stays inside the root after resolving
+    // symbolic links (the nearest existing ancestor is resolved for a missing file);
+    // empty when the name is not carriable or leads outside.
+    QString resolveInside(const QString& name) const { return resolveInside(root_, name); }
+    // The same for any canonical root.
+    static QString resolveInside(const QString& canonicalRoot, const QString& name);
+    // True when a canonical path is the canonical root or lies below it.
+    static bool isInside(const QString& canonicalRoot, const QString& canonicalPath);
+    // The parts of a file of `size` bytes in parts of `partSize`, rounded up.
+    static int64_t partCount(int64_t size, int64_t partSize);
+
+    // The download list. Every operation takes the download list lock.
+    bool addFileToDownloadList(const QString& name, int64_t size, int64_t parts, const QString& md5,
+                               Basalt::TimeStamp owner);
+    bool isDownloading(const QString& name) const;
+    int64_t currentParts(const QString& name) const;
+    int64_t totalParts(const QString& name) const;
+    bool increasePartCount(const QString& name);
+    void downloadListAddHashData(const QString& name, const QByteArray& bytes);
+    // The announced checksum as 32 lowercase hexadecimal digits.
+    QString downloadListMD5(const QString& name) const;
+    // The checksum of the bytes received so far, as 32 lowercase hexadecimal digits.
+    QString downloadListPartMD5(const QString& name) const;
+    QDateTime downloadListStartTime(const QString& name) const;
+    int downloadCount() const;
+    // Ends a download: a successful one is recorded in the file list. When the list
+    // becomes empty the file list is built again. False when the name was not listed.
+    bool removeFileFromDownloadList(const QString& name, bool success);
+    // Drops the downloads of one connection and their temporary files; true when any
+    // was dropped.
+    bool clearDownloadList(Basalt::TimeStamp owner);
+
+    // Files that a peer no longer has, removed by drainRemoveQueue().
+    void addFileToRemoveQueue(const QString& path, std::shared_ptr<ConnectionThread> connection);
+    // Removes every queued file and the folders that it leaves empty; returns the number
+    // of files removed. Calls transferFinished() when anything was queued.
+    int drainRemoveQueue();
+    // Removes root + path, then the folders above it that became empty (never the root).
+    bool removeFileAndEmptyFolders(const QString& path);
+
+    // Checksums computed by reading a file, and taken from the cache instead, over the
+    // asset's life.
+    int64_t checksumsComputed() const { return computed.load(); }
+    int64_t checksumsReused() const { return reused.load(); }
+
+protected:
+    // Called when a batch of downloads or removals has ended; does nothing by default.
+    virtual void transferFinished();
+    // Walks the folder `dir` (a name relative to the root, "" for the root itself):
+    // files go to `pending`, directories are walked in turn. Returns the files found.
+    int64_t buildFileList(const QString& dir, FileList& list,
+                          QList<QPair<QString, QFileInfo>>& pending);
+    void childLoop() override;
+
+private:
+    struct Download {
+        QDateTime startTime;
+        QByteArray md5; // the announced checksum, 16 raw bytes
+        int64_t size = 0;
+        int64_t parts = 0;
+        Basalt::TimeStamp owner;
+        int64_t received = 0; // parts
+        std::unique_ptr<QCryptographicHash> hash;
+    };
+
+    bool isInsideRoot(const QString& canonicalPath) const { return isInside(root_, canonicalPath); }
+    void readCache();
+    void writeCache(const FileList& list);
+    QString cacheArrayName() const;
+    static QString computeMd5(const QString& path, bool* ok);
+
+    QString root_;
+    std::atomic<bool> running{true};
+    std::atomic<int64_t> computed{0};
+    std::atomic<int64_t> reused{0};
+
+    mutable Basalt::Mutex fileListMutex;
+    FileList files; // the last built list, which is also the checksum cache
+
+    mutable Basalt::Mutex downloadMutex;
+    std::map<QString, Download> downloads;
+
+    Basalt::Mutex removeMutex;
+    QMap<QString, QList<std::shared_ptr<ConnectionThread>>> removeQueue;
+    // Directories visited during one walk, by canonical path, so that a link cannot
+    // make the walk loop; touched only under fileListMutex.
+    QSet<QString> visitedDirs;
+};
+
+} // namespace Dovel

@@ -1,0 +1,456 @@
+#include "Dovel/files/FileTransferHandler.h"
+
+#include "Dovel/Limits.h"
+#include "Dovel/files/AssetBase.h"
+
+#include "Basalt/BGThread.h"
+#include "Basalt/BinaryData.h"
+#include "Basalt/FileWriter.h"
+#include "Basalt/Trace.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <atomic>
+#include <cmath>
+
+namespace Dovel {
+
+namespace {
+
+const QString TempSuffix = QStringLiteral(".filesync.part");
+const QString Name = QStringLiteral("\"((?:/[^?*<>:\"]+)+)\"");
+// Pause of an upload waiting for the writer to drain.
+constexpr double UploadRetrySeconds = 0.002;
+
+QRegularExpression pattern(const QString& text) {
+    return QRegularExpression(text.arg(Name));
+}
+
+QByteArray utf8(const QString& text) {
+    return text.toUtf8();
+}
+
+// Connection times tag downloads; two connections never share one.
+Basalt::TimeStamp uniqueStamp() {
+    static std::atomic<int64_t> last{0};
+    int64_t now = Basalt::TimeStamp::currentTime().value();
+    int64_t previous = last.load();
+    for (;;) {
+        const int64_t next = std::max(now, previous + 1);
+        if (last.compare_exchange_weak(previous, next))
+            return Basalt::TimeStamp(next);
+    }
+}
+
+bool refusedName(const QString& name) {
+    return name.contains(QLatin1String("..")) || !name.startsWith(QLatin1Char('/')) ||
+           name.toUtf8().size() > Limits::MaxFileNameBytes;
+}
+
+} // namespace
+
+FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverSide,
+                                         AssetBase& asset)
+    : ConnectionThread(socket, serverSide), assetBase(asset),
+      fileInfoPattern(pattern(QStringLiteral("^fileinfo (-?\\d+) %1 (\\d+) ([0-9a-f]{32})$"))),
+      sendFileInfoPattern(pattern(QStringLiteral("^sendfileinfo %1$"))),
+      filePartPattern(pattern(QStringLiteral("^filepart %1 (\\d+) (\\d+)$"))),
+      sendPartsPattern(pattern(QStringLiteral("^sendparts %1$"))) {
+    setTimeoutSeconds(60.0);
+    eventAddOut(QByteArrayLiteral("file-info"));
+}
+
+FileTransferHandler::~FileTransferHandler() {
+    shutdown();
+    Basalt::Guard guard(uploadMutex);
+    if (uploadTask)
+        uploadTask->cancel(); // it holds us weakly: a later run would find nothing
+}
+
+// ---- wire lines ----
+
+QByteArray FileTransferHandler::sendFileInfoLine(const QString& name) {
+    return utf8(QStringLiteral("sendfileinfo \"%1\"\n").arg(name));
+}
+
+QByteArray FileTransferHandler::fileInfoLine(int64_t size, const QString& name, int64_t parts,
+                                             const QString& md5) {
+    return utf8(QStringLiteral("fileinfo %1 \"%2\" %3 %4\n")
+                    .arg(static_cast<qlonglong>(size))
+                    .arg(name)
+                    .arg(static_cast<qlonglong>(parts))
+                    .arg(md5));
+}
+
+QByteArray FileTransferHandler::sendPartsLine(const QString& name) {
+    return utf8(QStringLiteral("sendparts \"%1\"\n").arg(name));
+}
+
+QByteArray FileTransferHandler::filePartLine(const QString& name, int64_t bytes, int64_t part) {
+    return utf8(QStringLiteral("filepart \"%1\" %2 %3\n")
+                    .arg(name)
+                    .arg(static_cast<qlonglong>(bytes))
+                    .arg(static_cast<qlonglong>(part)));
+}
+
+int64_t FileTransferHandler::announcedParts(int64_t size) {
+    return static_cast<int64_t>(std::ceil(static_cast<float>(size) / static_cast<float>(PartSize)));
+}
+
+// ---- dispatch ----
+
+bool FileTransferHandler::parse(const QString& line) {
+    QRegularExpressionMatch match = fileInfoPattern.match(line);
+    if (match.hasMatch()) {
+        bool sizeOk = false;
+        bool partsOk = false;
+        const int64_t size = match.captured(1).toLongLong(&sizeOk);
+        const int64_t parts = match.captured(3).toLongLong(&partsOk);
+        if (!sizeOk || !partsOk)
+            return false;
+        receiveFileInfo(match.captured(2), size, parts, match.captured(4));
+        return true;
+    }
+    match = sendFileInfoPattern.match(line);
+    if (match.hasMatch()) {
+        sendFileInfo(match.captured(1));
+        return true;
+    }
+    match = filePartPattern.match(line);
+    if (match.hasMatch()) {
+        bool countOk = false;
+        bool partOk = false;
+        const int64_t bytes = match.captured(2).toLongLong(&countOk);
+        const int64_t part = match.captured(3).toLongLong(&partOk);
+        if (!countOk || !partOk || bytes > Limits::MaxFilePartBytes) {
+            // The raw bytes that follow cannot be framed: the stream is lost.
+            Basalt::Trace::warning("FileTransferHandler::parse # Part of '%s' announces %s "
+                                   "bytes, above the limit of %d; disconnecting",
+                                   match.captured(1).toUtf8().constData(),
+                                   match.captured(2).toUtf8().constData(),
+                                   Limits::MaxFilePartBytes);
+            stop();
+            return true;
+        }
+        receiveFilePart(match.captured(1), bytes, part);
+        return true;
+    }
+    match = sendPartsPattern.match(line);
+    if (match.hasMatch()) {
+        startFilePartsUploadTask(match.captured(1));
+        return true;
+    }
+    return false;
+}
+
+void FileTransferHandler::connected() {
+    connectedAt = uniqueStamp();
+}
+
+void FileTransferHandler::disconnected() {
+    assetBase.clearDownloadList(connectedAt);
+    receivedCounts.clear();
+}
+
+QString FileTransferHandler::rootDirectory() const {
+    return assetBase.root();
+}
+
+void FileTransferHandler::progress(int64_t, const QString&) {}
+
+void FileTransferHandler::downloadStarted(const QString&, int64_t) {}
+
+void FileTransferHandler::downloadFinished(const QString&, bool) {}
+
+// ---- paths ----
+
+QString FileTransferHandler::servablePath(const QString& name, const char* operation) const {
+    if (refusedName(name)) {
+        Basalt::Trace::warning("FileTransferHandler::%s # Refusing '%s': a name may not "
+                               "contain '..' and must start with '/'",
+                               operation, name.toUtf8().constData());
+        return QString();
+    }
+    const QString rootDir = rootDirectory();
+    const QFileInfo info(rootDir + name);
+    if (!info.exists()) {
+        Basalt::Trace::warning("FileTransferHandler::commitUpload#  file '%s' doesn't exist. "
+                               "Not uploaded",
+                               name.toUtf8().constData());
+        return QString();
+    }
+    const QString canonical = info.canonicalFilePath();
+    if (!AssetBase::isInside(QFileInfo(rootDir).canonicalFilePath(), canonical) || !info.isFile()) {
+        Basalt::Trace::warning("FileTransferHandler::%s # Refusing '%s': it is not a file "
+                               "inside the shared folder",
+                               operation, name.toUtf8().constData());
+        return QString();
+    }
+    return canonical;
+}
+
+QString FileTransferHandler::targetPath(const QString& name) const {
+    return AssetBase::resolveInside(QFileInfo(rootDirectory()).canonicalFilePath(), name);
+}
+
+// ---- downloading ----
+
+void FileTransferHandler::requestFileInfo(const QString& name) {
+    writeBufferData(sendFileInfoLine(name), QByteArray());
+}
+
+void FileTransferHandler::requestFileParts(const QString& name) {
+    writeBufferData(sendPartsLine(name), QByteArray());
+}
+
+void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int64_t parts,
+                                          const QString& md5) {
+    if (name.contains(QLatin1String("..")) || !name.startsWith(QLatin1Char('/'))) {
+        Basalt::Trace::warning("Filename can't contain '..' and it has to start with '/': %s",
+                               name.toUtf8().constData());
+        return;
+    }
+    Basalt::BinaryData payload;
+    payload.writeString(name);
+    payload.writeInt64(size);
+    payload.writeInt64(parts);
+    payload.writeString(md5);
+    eventSend(QByteArrayLiteral("file-info"), payload);
+
+    if (size < 0 || targetPath(name).isEmpty()) {
+        Basalt::Trace::warning("FileTransferHandler::receiveFileInfo # Refusing '%s': no file "
+                               "to fetch, or it would land outside the folder",
+                               name.toUtf8().constData());
+        return;
+    }
+    // Peers count parts in single precision, which undercounts some files above 16 MiB;
+    // the exact count keeps such a file from failing.
+    const int64_t exactParts = AssetBase::partCount(size, partSize);
+    if (parts != exactParts) {
+        Basalt::Trace::debug("FileTransferHandler::receiveFileInfo # '%s' announces %lld parts, "
+                             "expecting %lld",
+                             name.toUtf8().constData(), static_cast<long long>(parts),
+                             static_cast<long long>(exactParts));
+        parts = exactParts;
+    }
+    if (assetBase.addFileToDownloadList(name, size, parts, md5, connectedAt)) {
+        downloadStarted(name, size);
+        requestFileParts(name);
+    } else {
+        Basalt::Trace::warning("File '%s' is being downloaded already", name.toUtf8().constData());
+    }
+}
+
+void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, int64_t part) {
+    // The bytes come first, so that the stream stays framed whatever happens next.
+    const QByteArray data = readData(static_cast<int>(bytes));
+    if (data.size() != bytes)
+        return; // the connection has ended; disconnected() clears its downloads
+
+    const bool downloading = assetBase.isDownloading(name);
+    const int64_t expected = assetBase.currentParts(name) + 1;
+    if (!downloading || part != expected) {
+        Basalt::Trace::warning("received file part %lld but we expected %lld: '%s'",
+                               static_cast<long long>(part), static_cast<long long>(expected),
+                               name.toUtf8().constData());
+        failDownload(name, downloading);
+        return;
+    }
+    const QString target = targetPath(name);
+    if (target.isEmpty()) {
+        failDownload(name, false);
+        return;
+    }
+    const QString temp = target + TempSuffix;
+    QDir().mkpath(QFileInfo(temp).absolutePath());
+    {
+        Basalt::FileWriter writing(temp);
+        if (part == 1)
+            QFile::remove(temp);
+        QFile file(temp);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Append)) {
+            Basalt::Trace::warning("Failed to open %s", temp.toUtf8().constData());
+            failDownload(name, true);
+            return;
+        }
+        if (file.write(data) != data.size()) {
+            Basalt::Trace::warning("FileTransferHandler::receiveFilePart # Failed to write %s: "
+                                   "%s",
+                                   temp.toUtf8().constData(),
+                                   file.errorString().toUtf8().constData());
+            file.close();
+            failDownload(name, true);
+            return;
+        }
+    }
+
+    assetBase.increasePartCount(name);
+    assetBase.downloadListAddHashData(name, data);
+    int64_t& count = receivedCounts[name];
+    count += data.size();
+    const int64_t current = assetBase.currentParts(name);
+    const int64_t total = assetBase.totalParts(name);
+    if (current % progressPeriod == 0 || current == total || total == 0) {
+        progress(count, name);
+        count = 0;
+    }
+    if (current != total && total != 0)
+        return;
+
+    receivedCounts.remove(name);
+    bool renamed = false;
+    if (assetBase.downloadListMD5(name) == assetBase.downloadListPartMD5(name)) {
+        Basalt::FileWriter writing(target);
+        const QFileInfo existing(target);
+        if (existing.exists() || existing.isSymLink())
+            QFile::remove(target);
+        renamed = QFile::rename(temp, target);
+        if (!renamed)
+            Basalt::Trace::warning("Failed to rename '%s' to '%s'", temp.toUtf8().constData(),
+                                   target.toUtf8().constData());
+    } else {
+        Basalt::Trace::warning("md5 mismatch for '%s'", temp.toUtf8().constData());
+    }
+    if (renamed) {
+        QFile::remove(temp); // nothing is left there after a rename
+        assetBase.removeFileFromDownloadList(name, true);
+        downloadFinished(name, true);
+    } else {
+        failDownload(name, true);
+    }
+}
+
+void FileTransferHandler::failDownload(const QString& name, bool mayTouchFiles) {
+    if (mayTouchFiles) {
+        const QString target = targetPath(name);
+        if (!target.isEmpty())
+            QFile::remove(target + TempSuffix);
+    }
+    receivedCounts.remove(name);
+    Basalt::Trace::warning("File Download for '%s' failed", name.toUtf8().constData());
+    if (assetBase.removeFileFromDownloadList(name, false))
+        downloadFinished(name, false);
+}
+
+// ---- uploading ----
+
+bool FileTransferHandler::sendFileInfo(const QString& name) {
+    const QString path = servablePath(name, "sendFileInfo");
+    if (path.isEmpty())
+        return false;
+    const QString sum = assetBase.md5(name);
+    if (sum.isEmpty()) {
+        Basalt::Trace::warning("FileTransferHandler::sendFileInfo # Cannot read '%s'",
+                               name.toUtf8().constData());
+        return false;
+    }
+    const int64_t size = QFileInfo(path).size();
+    writeBufferData(fileInfoLine(size, name, announcedParts(size), sum), QByteArray());
+    return true;
+}
+
+void FileTransferHandler::startFilePartsUploadTask(const QString& name) {
+    const QString path = servablePath(name, "startFilePartsUploadTask");
+    if (path.isEmpty())
+        return;
+    Basalt::Guard guard(uploadMutex);
+    if (uploadQueue.size() >= Limits::MaxUploadQueue) {
+        Basalt::Trace::warning("FileTransferHandler::startFilePartsUploadTask # Upload queue "
+                               "full, dropping '%s'",
+                               name.toUtf8().constData());
+        return;
+    }
+    uploadQueue.append(qMakePair(name, path));
+    if (uploadTask)
+        return;
+    const std::weak_ptr<ConnectionThread> weak = weak_from_this();
+    uploadTask = std::make_shared<Basalt::FunctionTask>(
+        [weak](Basalt::Task& task) {
+            const std::shared_ptr<ConnectionThread> self = weak.lock();
+            if (!self)
+                return;
+            auto* handler = static_cast<FileTransferHandler*>(self.get());
+            if (handler->sendFileParts() == SendStatus::MoreLater)
+                task.scheduleFromNowSecs(UploadRetrySeconds);
+        },
+        1.0f);
+    if (std::shared_ptr<Basalt::BGThread> background = Basalt::BGThread::instance())
+        background->add(uploadTask);
+}
+
+FileTransferHandler::SendStatus FileTransferHandler::sendFileParts() {
+    for (;;) {
+        if (!isConnected()) {
+            dropUploads();
+            return SendStatus::Done;
+        }
+        if (bufferedDataSize() >= MaxBufferedUpload)
+            return SendStatus::MoreLater;
+        if (!uploadFile.isOpen()) {
+            if (!uploadMutex.tryLock())
+                return SendStatus::MoreLater;
+            if (uploadQueue.isEmpty()) {
+                const std::shared_ptr<Basalt::Task> ending = std::move(uploadTask);
+                uploadTask.reset();
+                uploadMutex.unlock();
+                return SendStatus::Done;
+            }
+            const QPair<QString, QString> next = uploadQueue.takeFirst();
+            uploadMutex.unlock();
+            currentUpload = next.first;
+            uploadFile.setFileName(next.second);
+            if (!startSendingfileParts())
+                continue;
+        }
+        if (continueSendingFileParts() == SendStatus::MoreLater)
+            return SendStatus::MoreLater;
+    }
+}
+
+bool FileTransferHandler::startSendingfileParts() {
+    if (uploadFile.open(QIODevice::ReadOnly))
+        return true;
+    Basalt::Trace::warning("FileTransferHandler::startSendingfileParts # Failed to open file "
+                           "'%s': %s",
+                           currentUpload.toUtf8().constData(),
+                           uploadFile.errorString().toUtf8().constData());
+    return false;
+}
+
+FileTransferHandler::SendStatus FileTransferHandler::continueSendingFileParts() {
+    if (uploadFile.size() == 0) {
+        writeBufferData(filePartLine(currentUpload, 0, 1), QByteArray());
+        uploadFile.close();
+        return SendStatus::Done;
+    }
+    while (!uploadFile.atEnd()) {
+        if (!isConnected() || bufferedDataSize() >= MaxBufferedUpload)
+            return SendStatus::MoreLater;
+        const int64_t part = uploadFile.pos() / partSize + 1;
+        const QByteArray bytes = uploadFile.read(partSize);
+        if (bytes.isEmpty()) {
+            Basalt::Trace::warning("FileTransferHandler::continueSendingFileParts # Failed to "
+                                   "read file '%s': %s",
+                                   uploadFile.fileName().toUtf8().constData(),
+                                   uploadFile.errorString().toUtf8().constData());
+            uploadFile.close();
+            return SendStatus::Done;
+        }
+        writeBuffer(QList<QByteArray>{filePartLine(currentUpload, bytes.size(), part), bytes},
+                    QByteArray());
+    }
+    uploadFile.close();
+    return SendStatus::Done;
+}
+
+void FileTransferHandler::dropUploads() {
+    uploadFile.close();
+    std::shared_ptr<Basalt::Task> ending;
+    Basalt::Guard guard(uploadMutex);
+    uploadQueue.clear();
+    ending = std::move(uploadTask);
+    uploadTask.reset();
+}
+
+} // namespace Dovel

@@ -1,0 +1,129 @@
+// A connection that copies files of an asset folder between two peers over the line
+// protocol. Commands (names are relative to the folder, quoted, beginning with "/"):
+//
+//   sendfileinfo "NAME"              ask for a file's description
+//   fileinfo SIZE "NAME" PARTS MD5   the description (MD5: 32 lowercase hex digits)
+//   sendparts "NAME"                 ask for all parts of the file
+//   filepart "NAME" COUNT N          part N (from 1) follows: exactly COUNT raw bytes
+//
+// The receiver writes parts to NAME + ".filesync.part", checks the whole file's MD5
+// and renames it into place. The sender never hands out a file whose name holds ".."
+// or whose path leaves the folder (symbolic links are resolved): such a request is
+// logged and gets no answer.
+//
+// Threads: lines and parts arrive on the connection's thread, where the hooks run;
+// uploads run on the background task thread and go out through the writer, pausing
+// while 32 MiB are still unsent. The upload queue is guarded by `uploadMutex`. The
+// asset folder must outlive the handler; a subclass calls shutdown() first in its
+// destructor.
+#pragma once
+
+#include "Dovel/transport/ConnectionThread.h"
+
+#include "Basalt/Mutex.h"
+#include "Basalt/Task.h"
+#include "Basalt/TimeStamp.h"
+
+#include <QFile>
+#include <QHash>
+#include <QList>
+#include <QPair>
+#include <QRegularExpression>
+#include <QString>
+
+#include <cstdint>
+#include <memory>
+
+namespace Dovel {
+
+class AssetBase;
+
+class FileTransferHandler : public ConnectionThread {
+public:
+    static constexpr int64_t PartSize = 65536;
+    // An upload pauses while this much is waiting in the writer.
+    static constexpr int64_t MaxBufferedUpload = 32 << 20;
+    // Progress is reported every this many parts (and at the last).
+    static constexpr int64_t ProgressPeriod = 20;
+
+    enum class SendStatus {
+        MoreLater, // something is left; run again later
+        Done,      // the queue is empty and no file is open
+    };
+
+    FileTransferHandler(Basalt::TCPSocket* socket, bool serverSide, AssetBase& asset);
+    ~FileTransferHandler() override;
+
+    // Sends parts of the current upload until the writer is full; called by the upload
+    // task on the background thread.
+    SendStatus sendFileParts();
+
+    // The wire lines, "\n" included.
+    static QByteArray sendFileInfoLine(const QString& name);
+    static QByteArray fileInfoLine(int64_t size, const QString& name, int64_t parts,
+                                   const QString& md5);
+    static QByteArray sendPartsLine(const QString& name);
+    static QByteArray filePartLine(const QString& name, int64_t bytes, int64_t part);
+    // Parts announced for a file of `size` bytes: size / 65536 rounded up, computed in
+    // single precision as every peer does.
+    static int64_t announcedParts(int64_t size);
+
+    AssetBase& asset() { return assetBase; }
+
+protected:
+    bool parse(const QString& line) override;
+    void connected() override;
+    void disconnected() override;
+
+    void requestFileInfo(const QString& name);
+    // Answers a description request; false (and no answer) when the file does not exist
+    // or may not be handed out.
+    bool sendFileInfo(const QString& name);
+
+    // The local folder that names are appended to; the asset folder's root by default.
+    virtual QString rootDirectory() const;
+    // Bytes received for `name` since the last report.
+    virtual void progress(int64_t bytes, const QString& name);
+    // A download was accepted (after "fileinfo") / has ended.
+    virtual void downloadStarted(const QString& name, int64_t size);
+    virtual void downloadFinished(const QString& name, bool success);
+
+    Basalt::TimeStamp connectionTime() const { return connectedAt; }
+
+private:
+    void requestFileParts(const QString& name);
+    void receiveFileInfo(const QString& name, int64_t size, int64_t parts, const QString& md5);
+    void receiveFilePart(const QString& name, int64_t bytes, int64_t part);
+    void failDownload(const QString& name, bool mayTouchFiles);
+    // The canonical path of a file that may be handed out, or empty (the refusal is
+    // logged).
+    QString servablePath(const QString& name, const char* operation) const;
+    // The path a received file may be written to, or empty.
+    QString targetPath(const QString& name) const;
+
+    void startFilePartsUploadTask(const QString& name);
+    bool startSendingfileParts();
+    SendStatus continueSendingFileParts();
+    void dropUploads();
+
+    const int64_t partSize = PartSize;
+    AssetBase& assetBase;
+    const int64_t progressPeriod = ProgressPeriod;
+    QHash<QString, int64_t> receivedCounts; // the connection's thread only
+    Basalt::TimeStamp connectedAt;          // the connection's thread only
+
+    const QRegularExpression fileInfoPattern;
+    const QRegularExpression sendFileInfoPattern;
+    const QRegularExpression filePartPattern;
+    const QRegularExpression sendPartsPattern;
+
+    Basalt::Mutex uploadMutex;
+    std::shared_ptr<Basalt::Task> uploadTask; // guarded by uploadMutex
+    // Names waiting to be sent, with the paths they were checked to resolve to.
+    QList<QPair<QString, QString>> uploadQueue; // guarded by uploadMutex
+    // The upload being sent: only the upload task touches them.
+    QString currentUpload;
+    QFile uploadFile;
+};
+
+} // namespace Dovel

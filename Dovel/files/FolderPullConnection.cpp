@@ -1,0 +1,243 @@
+#include "Dovel/files/FolderPullConnection.h"
+
+#include "Dovel/Limits.h"
+#include "Dovel/files/AssetBase.h"
+
+#include "Basalt/TimeStamp.h"
+#include "Basalt/Trace.h"
+
+#include <QRegularExpression>
+
+#include <algorithm>
+
+namespace Dovel {
+
+FolderPullConnection::FolderPullConnection(AssetBase& asset, bool deleteExtra)
+    : FileTransferHandler(nullptr, false, asset), deleteExtra(deleteExtra) {
+    setKeepRetrying(false);
+}
+
+FolderPullConnection::~FolderPullConnection() {
+    shutdown();
+}
+
+void FolderPullConnection::setProgressCallback(std::function<void(const Progress&)> callback) {
+    progressCallback = std::move(callback);
+}
+
+void FolderPullConnection::start(const QString& host, int port) {
+    connectToHost(host, port);
+}
+
+bool FolderPullConnection::waitFinished(int ms) {
+    const Basalt::TimeStamp start = Basalt::TimeStamp::currentTime();
+    Basalt::Guard guard(resultMutex);
+    while (!result_.finished) {
+        unsigned long slice = 1000;
+        if (ms >= 0) {
+            const double left = ms / 1000.0 - start.sinceSecondsD();
+            if (left <= 0.0)
+                break;
+            slice = static_cast<unsigned long>(left * 1000.0) + 1;
+        }
+        finishedCondition.wait(resultMutex, slice);
+    }
+    return result_.finished;
+}
+
+FolderPullConnection::Result FolderPullConnection::result() const {
+    Basalt::Guard guard(resultMutex);
+    return result_;
+}
+
+// ---- the protocol ----
+
+bool FolderPullConnection::parse(const QString& line) {
+    if (line.startsWith(QLatin1String("filelist "))) {
+        return receiveList(line.mid(9));
+    }
+    if (line.startsWith(QLatin1String("filelistend "))) {
+        compareAndRequest(line.mid(12));
+        return true;
+    }
+    if (line == QLatin1String("filesync")) {
+        receiveSync();
+        return true;
+    }
+    return FileTransferHandler::parse(line);
+}
+
+bool FolderPullConnection::receiveList(const QString& countText) {
+    bool ok = false;
+    const int count = countText.toInt(&ok);
+    if (!ok || count < 0)
+        return false;
+    if (listDone || int64_t(listEntriesSeen) + count > Limits::MaxFileListEntries) {
+        finish(false, QStringLiteral("the server's file list is too long or out of place"));
+        return true;
+    }
+    const QMap<QString, QString> map = readMap(count);
+    if (map.size() != count) {
+        finish(false, QStringLiteral("the server's file list could not be read"));
+        return true;
+    }
+    listEntriesSeen += count;
+    static const QRegularExpression value(QStringLiteral("^(\\d+) ([0-9a-f]{32})$"));
+    for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
+        const QRegularExpressionMatch match = value.match(it.value());
+        bool sizeOk = false;
+        const int64_t size = match.hasMatch() ? match.captured(1).toLongLong(&sizeOk) : 0;
+        if (!AssetBase::isCarriableName(it.key()) || !sizeOk) {
+            Basalt::Trace::warning("FolderPullConnection::receiveList # Skipping '%s': not a "
+                                   "name and description the file protocol can carry",
+                                   it.key().toUtf8().constData());
+            continue;
+        }
+        serverList.insert(it.key(), Entry{size, match.captured(2)});
+    }
+    return true;
+}
+
+void FolderPullConnection::compareAndRequest(const QString& totalText) {
+    bool ok = false;
+    const int total = totalText.toInt(&ok);
+    if (!ok || total != listEntriesSeen || listDone) {
+        finish(false, QStringLiteral("the server's file list is incomplete"));
+        return;
+    }
+    listDone = true;
+    const AssetBase::FileList local = asset().buildFileList(nullptr);
+
+    if (deleteExtra) {
+        bool any = false;
+        for (auto it = local.constBegin(); it != local.constEnd(); ++it) {
+            if (!serverList.contains(it.key())) {
+                asset().addFileToRemoveQueue(it.key(), shared_from_this());
+                any = true;
+            }
+        }
+        if (any)
+            deleted = asset().drainRemoveQueue();
+    }
+
+    for (auto it = serverList.constBegin(); it != serverList.constEnd(); ++it) {
+        const auto mine = local.constFind(it.key());
+        if (mine != local.constEnd() && mine->size == it->size && mine->md5 == it->md5)
+            continue;
+        pending.insert(it.key());
+        progressState.bytesToFetch += it->size;
+        requestFileInfo(it.key());
+    }
+    progressState.filesToFetch = pending.size();
+    if (pending.isEmpty()) {
+        verifyAndFinish();
+        return;
+    }
+    writeBuffer(QStringLiteral("sendfilesync\n"), QByteArray());
+    report(QString());
+}
+
+void FolderPullConnection::receiveSync() {
+    syncReceived = true;
+    // The server answers requests in order: whatever has no description by now was
+    // refused or is gone.
+    for (auto it = pending.begin(); it != pending.end();) {
+        if (announced.contains(*it)) {
+            ++it;
+            continue;
+        }
+        Basalt::Trace::warning("FolderPullConnection::receiveSync # The server did not describe "
+                               "'%s'",
+                               it->toUtf8().constData());
+        failedNames.append(*it);
+        ++progressState.filesFetched;
+        it = pending.erase(it);
+    }
+    checkDone();
+}
+
+void FolderPullConnection::progress(int64_t bytes, const QString& name) {
+    bytesDone += bytes;
+    progressState.bytesFetched = bytesDone;
+    report(name);
+}
+
+void FolderPullConnection::downloadStarted(const QString& name, int64_t) {
+    announced.insert(name);
+}
+
+void FolderPullConnection::downloadFinished(const QString& name, bool success) {
+    announced.remove(name);
+    if (!pending.remove(name))
+        return;
+    ++progressState.filesFetched;
+    if (success)
+        ++transferred;
+    else
+        failedNames.append(name);
+    report(name);
+    checkDone();
+}
+
+void FolderPullConnection::report(const QString& name) {
+    progressState.current = name;
+    if (progressCallback)
+        progressCallback(progressState);
+}
+
+void FolderPullConnection::checkDone() {
+    if (listDone && syncReceived && pending.isEmpty())
+        verifyAndFinish();
+}
+
+void FolderPullConnection::verifyAndFinish() {
+    const AssetBase::FileList local = asset().buildFileList(nullptr);
+    QSet<QString> failedSet(failedNames.begin(), failedNames.end());
+    for (auto it = serverList.constBegin(); it != serverList.constEnd(); ++it) {
+        const auto mine = local.constFind(it.key());
+        if (mine == local.constEnd() || mine->size != it->size || mine->md5 != it->md5)
+            failedSet.insert(it.key());
+    }
+    if (deleteExtra)
+        for (auto it = local.constBegin(); it != local.constEnd(); ++it)
+            if (!serverList.contains(it.key()))
+                failedSet.insert(it.key());
+    failedNames = QStringList(failedSet.begin(), failedSet.end());
+    std::sort(failedNames.begin(), failedNames.end());
+    finish(failedNames.isEmpty(), QString());
+}
+
+void FolderPullConnection::finish(bool success, const QString& error) {
+    {
+        Basalt::Guard guard(resultMutex);
+        if (result_.finished)
+            return;
+        result_.finished = true;
+        result_.success = success;
+        result_.error = error;
+        result_.failed = failedNames;
+        result_.filesChecked = serverList.size();
+        result_.filesTransferred = transferred;
+        result_.filesDeleted = deleted;
+        result_.bytesTransferred = bytesDone;
+        finishedCondition.wakeAll(resultMutex);
+    }
+    stop();
+}
+
+// ---- the connection's end ----
+
+void FolderPullConnection::handleConnection() {
+    FileTransferHandler::handleConnection();
+    // Whatever was still under way is lost with the connection.
+    for (const QString& name : pending)
+        failedNames.append(name);
+    pending.clear();
+    finish(false, QStringLiteral("the connection ended before the folder was up to date"));
+}
+
+void FolderPullConnection::connectionFailed() {
+    finish(false, QStringLiteral("cannot connect to %1:%2").arg(hostName()).arg(port()));
+}
+
+} // namespace Dovel

@@ -1,0 +1,28 @@
+// Serves one folder to any number of pulling peers: a listening server whose
+// connections are FolderServeConnections sharing one AssetBase of the folder.
+// Thread contract as ServerBase; the destructor stops and joins everything before the
+// asset folder goes.
+#pragma once
+
+#include "Dovel/files/AssetBase.h"
+#include "Dovel/transport/ServerBase.h"
+
+#include <memory>
+
+namespace Dovel {
+
+class FolderServer : public ServerBase {
+public:
+    explicit FolderServer(const QString& folder);
+    ~FolderServer() override;
+
+    AssetBase& asset() { return *asset_; }
+
+protected:
+    std::shared_ptr<ConnectionThread> createConnection(Basalt::TCPSocket* socket) override;
+
+private:
+    std::unique_ptr<AssetBase> asset_;
+};
+
+} // namespace Dovel

@@ -1,0 +1,82 @@
+// Seeds for the files fuzz target (fuzz/fuzz_files.cpp): a mode byte (see
+// fuzz/LinePeer.h; the peer logs in as 2.6.1), then the file-transfer lines and bytes a
+// peer sends, made by the handler's own line builders. The target's folder holds
+// "/a.txt" and "/sub/b.bin" (two parts). Write them with
+//   DOVEL_WRITE_CORPUS=fuzz/corpus/files build/bin/test_files --gtest_filter='FilesCorpus.*'
+#include "CorpusSeeds.h"
+
+#include "Dovel/files/FileTransferHandler.h"
+
+#include <QCryptographicHash>
+
+#include <gtest/gtest.h>
+
+using Dovel::FileTransferHandler;
+
+namespace {
+
+const char ServerLoggedIn = 2 | 2 << 2;
+const char ClientLoggedIn = 1 | 2 << 2;
+
+QString md5(const QByteArray& bytes) {
+    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex());
+}
+
+// A description and all parts of a file, as a serving peer sends them.
+QByteArray upload(const QString& name, const QByteArray& bytes) {
+    const int64_t parts = FileTransferHandler::announcedParts(bytes.size());
+    QByteArray out = FileTransferHandler::fileInfoLine(bytes.size(), name, parts, md5(bytes));
+    if (bytes.isEmpty())
+        return out + FileTransferHandler::filePartLine(name, 0, 1);
+    for (int64_t part = 1; part <= parts; ++part) {
+        const QByteArray chunk = bytes.mid(int((part - 1) * FileTransferHandler::PartSize),
+                                           int(FileTransferHandler::PartSize));
+        out += FileTransferHandler::filePartLine(name, chunk.size(), part) + chunk;
+    }
+    return out;
+}
+
+CorpusSeeds::Seeds filesSeeds() {
+    QByteArray big(int(FileTransferHandler::PartSize) + 3, '\0');
+    for (int i = 0; i < big.size(); ++i)
+        big[i] = char(i * 31 + 7);
+    const QByteArray serve = FileTransferHandler::sendFileInfoLine("/a.txt") +
+                             FileTransferHandler::sendPartsLine("/a.txt") +
+                             FileTransferHandler::sendFileInfoLine("/sub/b.bin") +
+                             FileTransferHandler::sendPartsLine("/sub/b.bin") +
+                             FileTransferHandler::sendFileInfoLine("/missing") +
+                             FileTransferHandler::sendPartsLine("/../outside.txt") +
+                             FileTransferHandler::sendPartsLine("/sub");
+    const QByteArray refused =
+        FileTransferHandler::fileInfoLine(5, "/../up.txt", 1, md5("abcde")) +
+        FileTransferHandler::fileInfoLine(5, "/sub/../../x", 1, md5("abcde")) +
+        FileTransferHandler::fileInfoLine(-1, "/neg", 1, md5("")) +
+        FileTransferHandler::filePartLine("/x", 3, 2) + "abc" + // nothing being downloaded
+        FileTransferHandler::filePartLine("/x", 99999999, 1);   // beyond the part limit
+    const QByteArray outOfOrder =
+        FileTransferHandler::fileInfoLine(big.size(), "/o.bin", 2, md5(big)) +
+        FileTransferHandler::filePartLine("/o.bin", 3, 2) + big.right(3);
+    const QByteArray mismatch = FileTransferHandler::fileInfoLine(3, "/m.txt", 1, md5("xyz")) +
+                                FileTransferHandler::filePartLine("/m.txt", 3, 1) + "abc";
+    return {
+        {"serve", ServerLoggedIn + serve},
+        {"receive_one", ServerLoggedIn + upload("/new.txt", "hello world")},
+        {"receive_two_parts", ServerLoggedIn + upload("/dir/big.bin", big)},
+        {"receive_empty", ServerLoggedIn + upload("/e/empty", QByteArray())},
+        {"receive_over_served", ClientLoggedIn + upload("/a.txt", "replaced")},
+        {"refused", ServerLoggedIn + refused},
+        {"out_of_order", ServerLoggedIn + outOfOrder},
+        {"md5_mismatch", ClientLoggedIn + mismatch},
+    };
+}
+
+} // namespace
+
+TEST(FilesCorpus, SeedsAreWhatTheHandlerWrites) {
+    const CorpusSeeds::Seeds seeds = filesSeeds();
+    // Spot-check the framing the seeds rely on: a line, then exactly the part's bytes.
+    EXPECT_TRUE(seeds[1].second.endsWith("filepart \"/new.txt\" 11 1\nhello world"));
+    EXPECT_TRUE(seeds[2].second.contains("fileinfo 65539 \"/dir/big.bin\" 2 "));
+    EXPECT_TRUE(seeds[3].second.endsWith("filepart \"/e/empty\" 0 1\n"));
+    CorpusSeeds::writeOrCompare("files", seeds);
+}

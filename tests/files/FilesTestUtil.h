@@ -1,0 +1,124 @@
+// Helpers for the file-transfer tests: real folders in temporary directories, a folder
+// server on an ephemeral loopback port, pulls with a deadline, and folder snapshots.
+// The checksum cache of every AssetBase goes to a temporary settings folder (set up
+// once for the whole executable in FilesEnvironment.cpp).
+#pragma once
+
+#include "Dovel/files/AssetBase.h"
+#include "Dovel/files/FolderPullConnection.h"
+#include "Dovel/files/FolderServer.h"
+
+#include "basalt/WaitUtil.h"
+#include "transport/TransportTestUtil.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QMap>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace FilesTest {
+
+using BasaltTest::waitUntil;
+using TransportTest::RawPeer;
+
+// Bytes that differ from position to position and from seed to seed.
+inline QByteArray patternBytes(int size, int seed) {
+    QByteArray bytes(size, '\0');
+    uint32_t x = 2166136261u ^ static_cast<uint32_t>(seed);
+    for (int i = 0; i < size; ++i) {
+        x = x * 1103515245u + 12345u;
+        bytes[i] = static_cast<char>(x >> 24);
+    }
+    return bytes;
+}
+
+inline bool writeFile(const QString& path, const QByteArray& bytes) {
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+           file.write(bytes) == bytes.size();
+}
+
+inline QByteArray readFile(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Every file below `root` (links not followed), by name relative to the root.
+inline QMap<QString, QByteArray> snapshot(const QString& root) {
+    QMap<QString, QByteArray> files;
+    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        files.insert(path.mid(root.size()), readFile(path));
+    }
+    return files;
+}
+
+// Temporary download files left anywhere below `root`.
+inline QStringList tempFiles(const QString& root) {
+    QStringList found;
+    QDirIterator it(root, QStringList{QStringLiteral("*.filesync.part")},
+                    QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        found.append(it.next());
+    return found;
+}
+
+// A FolderServer on 127.0.0.1 with an ephemeral port, serving `folder`.
+class ServedFolder {
+public:
+    explicit ServedFolder(const QString& folder)
+        : server(std::make_unique<Dovel::FolderServer>(folder)) {
+        server->run(QStringLiteral("127.0.0.1"), 0);
+        listening = server->waitListening(5000);
+    }
+    int port() const { return server->port(); }
+    bool isListening() const { return listening; }
+    Dovel::FolderServer& get() { return *server; }
+
+private:
+    std::unique_ptr<Dovel::FolderServer> server;
+    bool listening = false;
+};
+
+// One pull of `folder` from the server at `port`; fails the test on a time-out.
+inline Dovel::FolderPullConnection::Result pull(const QString& folder, int port, bool deleteExtra,
+                                                int ms = 30000) {
+    Dovel::AssetBase asset(folder);
+    auto connection = std::make_shared<Dovel::FolderPullConnection>(asset, deleteExtra);
+    connection->start(QStringLiteral("127.0.0.1"), port);
+    EXPECT_TRUE(connection->waitFinished(ms)) << "the pull did not finish in time";
+    const Dovel::FolderPullConnection::Result result = connection->result();
+    connection->shutdown();
+    return result;
+}
+
+// The next line from a peer that is not a keep-alive ping.
+inline QByteArray nextLine(RawPeer& peer, int ms = 5000) {
+    for (;;) {
+        const QByteArray line = peer.readLine(ms);
+        if (!line.startsWith("ping"))
+            return line;
+    }
+}
+
+// The binary block of a map whose header line was just read: its int32 length item,
+// which counts itself, and the rest. Null when it did not arrive.
+inline QByteArray readMapBlock(RawPeer& peer) {
+    const QByteArray lengthItem = peer.readExact(8);
+    if (lengthItem.size() != 8)
+        return QByteArray();
+    const uint32_t length = uint8_t(lengthItem[4]) | uint8_t(lengthItem[5]) << 8 |
+                            uint8_t(lengthItem[6]) << 16 | uint32_t(uint8_t(lengthItem[7])) << 24;
+    return lengthItem + peer.readExact(int(length) - 8);
+}
+
+} // namespace FilesTest

@@ -1,0 +1,329 @@
+// The file commands on the wire, byte for byte: the lines themselves, a FolderServer
+// answered by a hand-driven peer, and the receiving side fed by a hand-driven server.
+#include "files/FilesTestUtil.h"
+
+#include "Dovel/files/FileTransferHandler.h"
+
+#include "Basalt/Trace.h"
+
+namespace {
+
+using namespace FilesTest;
+using TransportTest::RawListener;
+
+const QByteArray AbcMd5 = "900150983cd24fb0d6963f7d28e17f72";
+const QByteArray EmptyMd5 = "d41d8cd98f00b204e9800998ecf8427e";
+
+TEST(FileProtocol, CommandLinesAndPartCounts) {
+    using H = Dovel::FileTransferHandler;
+    EXPECT_EQ(H::sendFileInfoLine("/dir/a b.txt"), QByteArray("sendfileinfo \"/dir/a b.txt\"\n"));
+    EXPECT_EQ(H::fileInfoLine(65537, "/x", 2, AbcMd5),
+              QByteArray("fileinfo 65537 \"/x\" 2 900150983cd24fb0d6963f7d28e17f72\n"));
+    EXPECT_EQ(H::sendPartsLine("/x"), QByteArray("sendparts \"/x\"\n"));
+    EXPECT_EQ(H::filePartLine("/x", 1, 2), QByteArray("filepart \"/x\" 1 2\n"));
+    EXPECT_EQ(H::filePartLine("/e", 0, 1), QByteArray("filepart \"/e\" 0 1\n"));
+    EXPECT_EQ(H::announcedParts(0), 0);
+    EXPECT_EQ(H::announcedParts(1), 1);
+    EXPECT_EQ(H::announcedParts(65536), 1);
+    EXPECT_EQ(H::announcedParts(65537), 2);
+    EXPECT_EQ(Dovel::AssetBase::partCount(16777217, 65536), 257);
+
+    EXPECT_TRUE(Dovel::AssetBase::isCarriableName("/a/b c/d.e"));
+    for (const char* bad : {"a", "/a/../b", "/a..b", "//a", "/a/", "/./a", "/a:b", "/a*", "/a?",
+                            "/a\"", "/a<", "/a>", "/a\\b", "/a\nb"})
+        EXPECT_FALSE(Dovel::AssetBase::isCarriableName(bad)) << bad;
+}
+
+// Logs in to a FolderServer by hand.
+std::unique_ptr<RawPeer> loggedIn(int port) {
+    auto peer = RawPeer::connect(port);
+    if (!peer)
+        return nullptr;
+    if (TransportTest::clientLogin(*peer) != "ok")
+        return nullptr;
+    return peer;
+}
+
+TEST(FileProtocol, ServerSendsListDescriptionsAndPartsExactly) {
+    QTemporaryDir folder;
+    ASSERT_TRUE(folder.isValid());
+    ASSERT_TRUE(writeFile(folder.path() + "/a.txt", "abc"));
+    ASSERT_TRUE(writeFile(folder.path() + "/empty", ""));
+    ServedFolder served(folder.path());
+    ASSERT_TRUE(served.isListening());
+    auto peer = loggedIn(served.port());
+    ASSERT_TRUE(peer);
+
+    // The list: a map header line and its binary block (int32 length item counting
+    // itself, then key and value string items), then the closing line.
+    const QByteArray expected = QByteArray("filelist 2\n") +
+                                QByteArray::fromHex("01000000"
+                                                    "78000000") +
+                                QByteArray::fromHex("05000000"
+                                                    "06000000") +
+                                "/a.txt" +
+                                QByteArray::fromHex("05000000"
+                                                    "22000000") +
+                                "3 " + AbcMd5 +
+                                QByteArray::fromHex("05000000"
+                                                    "06000000") +
+                                "/empty" +
+                                QByteArray::fromHex("05000000"
+                                                    "22000000") +
+                                "0 " + EmptyMd5;
+    EXPECT_EQ(peer->readExact(expected.size()).toHex(), expected.toHex());
+    EXPECT_EQ(nextLine(*peer), QByteArray("filelistend 2"));
+
+    ASSERT_TRUE(peer->send("sendfileinfo \"/a.txt\"\n"));
+    EXPECT_EQ(nextLine(*peer), "fileinfo 3 \"/a.txt\" 1 " + AbcMd5);
+    ASSERT_TRUE(peer->send("sendfileinfo \"/empty\"\n"));
+    EXPECT_EQ(nextLine(*peer), "fileinfo 0 \"/empty\" 0 " + EmptyMd5);
+    ASSERT_TRUE(peer->send("sendparts \"/a.txt\"\n"));
+    EXPECT_EQ(nextLine(*peer), QByteArray("filepart \"/a.txt\" 3 1"));
+    EXPECT_EQ(peer->readExact(3), QByteArray("abc"));
+    ASSERT_TRUE(peer->send("sendparts \"/empty\"\n"));
+    EXPECT_EQ(nextLine(*peer), QByteArray("filepart \"/empty\" 0 1"));
+    ASSERT_TRUE(peer->send("sendfilesync\n"));
+    EXPECT_EQ(nextLine(*peer), QByteArray("filesync"));
+}
+
+TEST(FileProtocol, ServerHandsOutNothingOutsideItsFolder) {
+    QTemporaryDir base;
+    ASSERT_TRUE(base.isValid());
+    const QString served = base.path() + "/served";
+    ASSERT_TRUE(writeFile(base.path() + "/secret", "top secret"));
+    ASSERT_TRUE(writeFile(base.path() + "/outside/secret", "top secret"));
+    ASSERT_TRUE(writeFile(served + "/ok.txt", "abc"));
+    ASSERT_TRUE(QFile::link(base.path() + "/outside", served + "/link"));
+    ASSERT_TRUE(QFile::link(base.path() + "/secret", served + "/leak.txt"));
+    ASSERT_TRUE(QFile::link(served + "/ok.txt", served + "/inner.txt")); // stays inside
+
+    Basalt::TraceCapture capture;
+    ServedFolder server(served);
+    ASSERT_TRUE(server.isListening());
+    auto peer = loggedIn(server.port());
+    ASSERT_TRUE(peer);
+    QByteArray list;
+    for (;;) {
+        const QByteArray line = nextLine(*peer);
+        ASSERT_FALSE(line.isNull());
+        if (line.startsWith("filelistend")) {
+            EXPECT_EQ(line, QByteArray("filelistend 2")); // ok.txt and inner.txt
+            break;
+        }
+        ASSERT_TRUE(line.startsWith("filelist "));
+        list += readMapBlock(*peer);
+    }
+    EXPECT_FALSE(list.contains("secret"));
+    EXPECT_FALSE(list.contains("leak"));
+    EXPECT_TRUE(capture.contains("Skipping '/leak.txt'"));
+    EXPECT_TRUE(capture.contains("Skipping '/link'"));
+
+    ASSERT_TRUE(peer->send("sendfileinfo \"/../secret\"\n"
+                           "sendparts \"/../secret\"\n"
+                           "sendfileinfo \"/link/secret\"\n"
+                           "sendparts \"/link/secret\"\n"
+                           "sendfileinfo \"/leak.txt\"\n"
+                           "sendparts \"/leak.txt\"\n"
+                           "sendfileinfo \"secret\"\n"
+                           "sendfileinfo \"/missing\"\n"
+                           "sendfilesync\n"));
+    // Every request above goes unanswered: the sync answer is the next line.
+    EXPECT_EQ(nextLine(*peer), QByteArray("filesync"));
+    ASSERT_TRUE(peer->send("sendfileinfo \"/inner.txt\"\n"));
+    EXPECT_EQ(nextLine(*peer), "fileinfo 3 \"/inner.txt\" 1 " + AbcMd5);
+    EXPECT_TRUE(peer->quietFor(100));
+
+    EXPECT_EQ(capture.count("# Refusing '/../secret'"), 2) << capture.dump().toStdString();
+    EXPECT_EQ(capture.count("# Refusing '/link/secret'"), 2);
+    EXPECT_EQ(capture.count("# Refusing '/leak.txt'"), 2);
+    EXPECT_TRUE(capture.contains("Failed to parse command 'sendfileinfo \"secret\"'"));
+    EXPECT_TRUE(capture.contains("FileTransferHandler::commitUpload#  file '/missing' doesn't "
+                                 "exist. Not uploaded"));
+}
+
+// A client-side handler that records the ends of its downloads.
+class RecordingHandler : public Dovel::FileTransferHandler {
+public:
+    explicit RecordingHandler(Dovel::AssetBase& asset)
+        : Dovel::FileTransferHandler(nullptr, false, asset) {
+        setKeepRetrying(false);
+    }
+    ~RecordingHandler() override { shutdown(); }
+
+    QStringList finished() const {
+        Basalt::Guard guard(mutex);
+        return TransportTest::copyOf(ends);
+    }
+
+protected:
+    void downloadFinished(const QString& name, bool success) override {
+        Basalt::Guard guard(mutex);
+        ends.append(name + (success ? " ok" : " failed"));
+    }
+
+private:
+    mutable Basalt::Mutex mutex;
+    QStringList ends;
+};
+
+// A hand-driven server with a RecordingHandler logged in to it.
+struct FedHandler {
+    QTemporaryDir base;
+    QString folder;
+    std::unique_ptr<Dovel::AssetBase> asset;
+    std::shared_ptr<RecordingHandler> handler;
+    std::unique_ptr<RawPeer> server;
+    RawListener listener;
+
+    bool start() {
+        folder = base.path() + "/mine";
+        asset = std::make_unique<Dovel::AssetBase>(folder);
+        handler = std::make_shared<RecordingHandler>(*asset);
+        handler->connectToHost("127.0.0.1", listener.port());
+        server = listener.accept();
+        return server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true) &&
+               waitUntil([this] { return handler->isConnected(); });
+    }
+    bool ended(const QString& entry) {
+        return waitUntil([&] { return handler->finished().contains(entry); });
+    }
+};
+
+TEST(FileProtocol, ReceiverRefusesBadNamesAndFailsPartsOutOfOrder) {
+    Basalt::TraceCapture capture;
+    FedHandler fed;
+    ASSERT_TRUE(fed.base.isValid());
+    ASSERT_TRUE(fed.start());
+    RawPeer& server = *fed.server;
+
+    // Names that would leave the folder are refused before anything is written, and
+    // the stream stays framed after the raw bytes of a refused part.
+    ASSERT_TRUE(server.send("fileinfo 3 \"/../evil\" 1 " + AbcMd5 +
+                            "\n"
+                            "fileinfo 3 \"evil\" 1 " +
+                            AbcMd5 +
+                            "\n"
+                            "filepart \"/../evil\" 3 1\nabc"
+                            "fileinfo 3 \"/good\" 1 " +
+                            AbcMd5 + "\n"));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/good\""));
+    ASSERT_TRUE(server.send("filepart \"/good\" 3 1\nabc"));
+    ASSERT_TRUE(fed.ended("/good ok"));
+    EXPECT_EQ(readFile(fed.folder + "/good"), QByteArray("abc"));
+    EXPECT_TRUE(capture.contains("Filename can't contain '..' and it has to start with '/': "
+                                 "/../evil"));
+    EXPECT_TRUE(capture.contains("Failed to parse command 'fileinfo 3 \"evil\" 1"));
+    EXPECT_TRUE(capture.contains("received file part 1 but we expected 1: '/../evil'"));
+    EXPECT_FALSE(QFileInfo::exists(fed.base.path() + "/evil"));
+    EXPECT_FALSE(QFileInfo::exists(fed.base.path() + "/evil.filesync.part"));
+
+    // A part out of order fails the download and removes what was written.
+    const QByteArray big = patternBytes(3 * 65536, 7);
+    const QByteArray bigMd5 = QCryptographicHash::hash(big, QCryptographicHash::Md5).toHex();
+    ASSERT_TRUE(server.send("fileinfo 196608 \"/sub/big\" 3 " + bigMd5 + "\n"));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/sub/big\""));
+    ASSERT_TRUE(server.send("filepart \"/sub/big\" 65536 1\n" + big.left(65536)));
+    ASSERT_TRUE(waitUntil([&] { return fed.asset->currentParts("/sub/big") == 1; }));
+    EXPECT_TRUE(QFileInfo::exists(fed.folder + "/sub/big.filesync.part"));
+    ASSERT_TRUE(server.send("filepart \"/sub/big\" 65536 3\n" + big.mid(2 * 65536)));
+    ASSERT_TRUE(fed.ended("/sub/big failed"));
+    EXPECT_TRUE(capture.contains("received file part 3 but we expected 2: '/sub/big'"));
+    EXPECT_TRUE(capture.contains("File Download for '/sub/big' failed"));
+    EXPECT_FALSE(fed.asset->isDownloading("/sub/big"));
+    EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
+    EXPECT_FALSE(QFileInfo::exists(fed.folder + "/sub/big"));
+
+    // A checksum that does not match leaves neither the file nor its temporary file.
+    ASSERT_TRUE(server.send("fileinfo 3 \"/wrong\" 1 " + EmptyMd5 + "\n"));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/wrong\""));
+    ASSERT_TRUE(server.send("filepart \"/wrong\" 3 1\nabc"));
+    ASSERT_TRUE(fed.ended("/wrong failed"));
+    EXPECT_TRUE(capture.contains("md5 mismatch for '" + fed.folder + "/wrong.filesync.part'"));
+    EXPECT_FALSE(QFileInfo::exists(fed.folder + "/wrong"));
+    EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
+
+    // The same file twice at once is refused the second time.
+    ASSERT_TRUE(server.send("fileinfo 196608 \"/twice\" 3 " + bigMd5 +
+                            "\n"
+                            "fileinfo 196608 \"/twice\" 3 " +
+                            bigMd5 + "\n"));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/twice\""));
+    ASSERT_TRUE(
+        waitUntil([&] { return capture.contains("File '/twice' is being downloaded already"); }));
+    ASSERT_TRUE(server.send("filepart \"/twice\" 65536 1\n" + big.left(65536) +
+                            "filepart \"/twice\" 65536 2\n" + big.mid(65536, 65536) +
+                            "filepart \"/twice\" 65536 3\n" + big.mid(2 * 65536)));
+    ASSERT_TRUE(fed.ended("/twice ok"));
+    EXPECT_EQ(readFile(fed.folder + "/twice"), big);
+}
+
+TEST(FileProtocol, DroppedConnectionClearsItsDownloads) {
+    FedHandler fed;
+    ASSERT_TRUE(fed.base.isValid());
+    ASSERT_TRUE(fed.start());
+    const QByteArray big = patternBytes(2 * 65536, 3);
+    const QByteArray md5 = QCryptographicHash::hash(big, QCryptographicHash::Md5).toHex();
+    ASSERT_TRUE(fed.server->send("fileinfo 131072 \"/a/half\" 2 " + md5 +
+                                 "\n"
+                                 "fileinfo 131072 \"/none\" 2 " +
+                                 md5 + "\n"));
+    EXPECT_EQ(nextLine(*fed.server), QByteArray("sendparts \"/a/half\""));
+    EXPECT_EQ(nextLine(*fed.server), QByteArray("sendparts \"/none\""));
+    ASSERT_TRUE(fed.server->send("filepart \"/a/half\" 65536 1\n" + big.left(65536)));
+    ASSERT_TRUE(waitUntil([&] { return fed.asset->currentParts("/a/half") == 1; }));
+    EXPECT_EQ(fed.asset->downloadCount(), 2);
+    EXPECT_EQ(tempFiles(fed.folder).size(), 1);
+
+    fed.server.reset(); // the peer goes away mid-transfer
+    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloadCount() == 0; }));
+    EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
+    EXPECT_FALSE(QFileInfo::exists(fed.folder + "/a/half"));
+}
+
+} // namespace
+
+namespace {
+
+TEST(FileProtocol, UploadPausesWhileThirtyTwoMiBAreUnsent) {
+    QTemporaryDir folder;
+    ASSERT_TRUE(folder.isValid());
+    const int size = 48 << 20;
+    const QByteArray bytes = patternBytes(size, 48);
+    ASSERT_TRUE(writeFile(folder.path() + "/large.bin", bytes));
+    ServedFolder served(folder.path());
+    ASSERT_TRUE(served.isListening());
+    auto peer = loggedIn(served.port());
+    ASSERT_TRUE(peer);
+    ASSERT_EQ(peer->readLine(), QByteArray("filelist 1"));
+    ASSERT_FALSE(readMapBlock(*peer).isNull());
+    ASSERT_EQ(nextLine(*peer), QByteArray("filelistend 1"));
+
+    // The peer asks and then reads nothing: the upload fills the writer up to the
+    // ceiling and waits there instead of reading the whole file into memory.
+    ASSERT_TRUE(peer->send("sendparts \"/large.bin\"\n"));
+    const auto connections = served.get().instances();
+    ASSERT_EQ(connections.size(), 1);
+    const auto& connection = connections.first();
+    const int64_t ceiling = Dovel::FileTransferHandler::MaxBufferedUpload;
+    ASSERT_TRUE(
+        waitUntil([&] { return connection->bufferedDataSize() >= ceiling - (1 << 20); }, 20000));
+    const uint32_t sentBefore = connection->txBytes();
+    EXPECT_LT(connection->bufferedDataSize(), ceiling + 2 * 65536);
+    EXPECT_LT(sentBefore, uint32_t(size - ceiling)); // most of the file is still unread
+
+    // Reading resumes it: every part arrives, in order, byte-identical.
+    QByteArray received;
+    for (int part = 1; received.size() < size; ++part) {
+        QByteArray line = peer->readLine(10000);
+        while (line.startsWith("ping"))
+            line = peer->readLine(10000);
+        const int count = std::min(65536, size - received.size());
+        ASSERT_EQ(line, QByteArray("filepart \"/large.bin\" ") + QByteArray::number(count) + " " +
+                            QByteArray::number(part));
+        received += peer->readExact(count, 10000);
+    }
+    EXPECT_TRUE(received == bytes);
+}
+
+} // namespace

@@ -1,0 +1,76 @@
+// The settings file: one "dovel.ini" in the user data folder of "Brevant", shared by
+// the two groups without either seeing the other's keys.
+#include "Dovel/settings/DovelSettings.h"
+
+#include <QFileInfo>
+#include <QSettings>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Points the user data folder at a temporary directory for one test.
+class UserDataFolder {
+public:
+    UserDataFolder() : previous(qgetenv("XDG_DATA_HOME")) {
+        qputenv("XDG_DATA_HOME", dir.path().toUtf8());
+    }
+    ~UserDataFolder() {
+        if (previous.isNull())
+            qunsetenv("XDG_DATA_HOME");
+        else
+            qputenv("XDG_DATA_HOME", previous);
+    }
+    QString path() const { return dir.path(); }
+    bool isValid() const { return dir.isValid(); }
+
+private:
+    QTemporaryDir dir;
+    QByteArray previous;
+};
+
+TEST(DovelSettings, BothGroupsShareOneFileWithoutSeeingEachOther) {
+    UserDataFolder folder;
+    ASSERT_TRUE(folder.isValid());
+    const QString file = folder.path() + "/Brevant/dovel.ini";
+    EXPECT_EQ(Dovel::DovelSettings::filePath(), file);
+    {
+        Dovel::DovelSettings pellux(true);
+        Dovel::DovelSettings config(false);
+        EXPECT_EQ(pellux.fileName(), file);
+        EXPECT_EQ(pellux.format(), QSettings::IniFormat);
+        EXPECT_EQ(pellux.group(), QStringLiteral("pellux"));
+        EXPECT_EQ(config.group(), QStringLiteral("config"));
+        pellux.setValue("port", 5001);
+        pellux.setValue("shared", "from pellux");
+        config.setValue("timeout", 12.5);
+        config.setValue("shared", "from config");
+        pellux.sync();
+        config.sync();
+        EXPECT_EQ(pellux.status(), QSettings::NoError);
+        EXPECT_EQ(config.status(), QSettings::NoError);
+    }
+    ASSERT_TRUE(QFileInfo::exists(file));
+
+    // The raw file holds both groups.
+    QSettings raw(file, QSettings::IniFormat);
+    EXPECT_EQ(raw.value("pellux/port").toInt(), 5001);
+    EXPECT_EQ(raw.value("pellux/shared").toString(), QStringLiteral("from pellux"));
+    EXPECT_EQ(raw.value("config/timeout").toDouble(), 12.5);
+    EXPECT_EQ(raw.value("config/shared").toString(), QStringLiteral("from config"));
+    EXPECT_EQ(raw.childGroups(), (QStringList{"config", "pellux"}));
+
+    // Fresh objects read back their own group only.
+    Dovel::DovelSettings pellux(true);
+    Dovel::DovelSettings config(false);
+    EXPECT_EQ(pellux.value("port").toInt(), 5001);
+    EXPECT_FALSE(pellux.contains("timeout"));
+    EXPECT_EQ(pellux.value("shared").toString(), QStringLiteral("from pellux"));
+    EXPECT_EQ(config.value("timeout").toDouble(), 12.5);
+    EXPECT_FALSE(config.contains("port"));
+    EXPECT_EQ(config.value("shared").toString(), QStringLiteral("from config"));
+    EXPECT_EQ(pellux.childKeys(), (QStringList{"port", "shared"}));
+}
+
+} // namespace
