@@ -9,20 +9,44 @@ namespace Dovel::Limits {
 constexpr int MaxLineBytes = 1 << 20;
 // Most entries in one map that a peer announces (ConnectionThread::readMap).
 constexpr int MaxMapEntries = 1 << 16;
-// Largest binary map block, its 8-byte length item included (ConnectionThread::readMap).
+// Largest map block, its 8-byte length item included; a text map's keys and values are
+// held to the same total (ConnectionThread::readMap).
 constexpr int MaxMapBlockBytes = 16 << 20;
 // Largest single raw read that a subclass's framing asks for (ConnectionThread::readData
 // and skip): one bundle or one file part.
 constexpr int MaxReadBytes = 128 << 20;
 
-// Largest whole event that a peer may announce in "event-slice-begin"; the
-// reassembly buffer is allocated at this size (RemoteNode::handleRemoteEvent).
+// Most symbols a peer may define in one session's receive-side registry
+// (SymbolRegistryReceiver::handleBundle).
+constexpr int MaxPeerSymbols = 1 << 20;
+
+// Largest whole event that a peer may announce in "event-slice-begin"; its slices are
+// joined into one buffer of that size once all have come (RemoteNode::handleRemoteEvent).
 constexpr int MaxSlicedEventBytes = 64 << 20;
-// Most sliced events of all senders being reassembled at once, so unfinished ones
-// cannot pile up (RemoteNode::handleRemoteEvent).
+// Most sliced events of all senders being reassembled at once; beyond it the oldest
+// unfinished one is evicted, so abandoned ones cannot pile up (RemoteNode::handleRemoteEvent).
 constexpr int MaxSliceReassemblies = 64;
-// Most bytes held by all sliced events being reassembled at once
-// (RemoteNode::handleRemoteEvent).
+// Most bytes held by all sliced events being reassembled at once, each charged its size
+// plus SliceBookkeepingBytes per slice; the oldest are evicted to make room, and an
+// event that alone exceeds it is refused (RemoteNode::handleRemoteEvent).
 constexpr int MaxSliceReassemblyBytes = 128 << 20;
+// What one kept slice costs beyond its bytes, charged so that tiny slices cannot hold
+// far more memory than the budget says (RemoteNode::handleRemoteEvent).
+constexpr int SliceBookkeepingBytes = 64;
+
+// Largest "filepart" a peer may announce; the part is read into memory whole
+// (FileTransferHandler::receiveFilePart). Our own parts are 65536 bytes.
+constexpr int MaxFilePartBytes = 1 << 20;
+// Longest file name, in UTF-8 bytes, accepted in a file command or a file list; keeps
+// paths within what file systems take (AssetBase::isCarriableName, FileTransferHandler).
+constexpr int MaxFileNameBytes = 4096;
+// Most files being downloaded into one folder at once, so that a peer cannot grow the
+// download list without end (AssetBase::addFileToDownloadList).
+constexpr int MaxActiveDownloads = 1 << 20;
+// Most names waiting in one connection's upload queue (FileTransferHandler).
+constexpr int MaxUploadQueue = 1 << 20;
+// Most entries a serving peer may announce in its whole file list, over all its
+// "filelist" maps (FolderPullConnection).
+constexpr int MaxFileListEntries = 1 << 20;
 
 } // namespace Dovel::Limits

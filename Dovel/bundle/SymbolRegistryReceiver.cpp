@@ -4,10 +4,13 @@
 
 #include "Basalt/SymbolRegistry.h"
 
+#include <stdexcept>
+#include <string>
+
 namespace Dovel {
 
-SymbolRegistryReceiver::SymbolRegistryReceiver(Basalt::SymbolRegistry& registry)
-    : BundleReceiver(ModuleNames::SymbolRegistry), registry(registry) {}
+SymbolRegistryReceiver::SymbolRegistryReceiver(Basalt::SymbolRegistry& registry, int maxSymbols)
+    : BundleReceiver(ModuleNames::SymbolRegistry), registry(registry), maxSymbols(maxSymbols) {}
 
 SymbolRegistryReceiver::~SymbolRegistryReceiver() = default;
 
@@ -15,6 +18,15 @@ void SymbolRegistryReceiver::handleBundle(BundleReader& reader) {
     while (!reader.atEnd()) {
         const uint32_t symbol = reader.readUInt32();
         const QByteArray name = reader.readBytes();
+        // Only a pair of a new name and a new symbol grows the table; a rebinding
+        // replaces an entry.
+        const bool grows =
+            registry.lookup(name) == 0 && registry.lookup(symbol).isNull() && symbol != 0;
+        if (grows && registry.size() >= maxSymbols)
+            throw std::invalid_argument(
+                "SymbolRegistryReceiver::handleBundle # the peer defined more than " +
+                std::to_string(maxSymbols) + " symbols; refusing '" + name.left(80).toStdString() +
+                "' (" + std::to_string(symbol) + ")");
         // A refused or repeated definition changes nothing worth reporting.
         registry.define(name, symbol);
     }

@@ -3,6 +3,7 @@
 // module). Lives on the session's thread.
 #pragma once
 
+#include "Dovel/Limits.h"
 #include "Dovel/bundle/BundleReceiver.h"
 
 namespace Basalt {
@@ -13,15 +14,19 @@ namespace Dovel {
 
 class SymbolRegistryReceiver : public BundleReceiver {
 public:
-    explicit SymbolRegistryReceiver(Basalt::SymbolRegistry& registry);
+    // `maxSymbols` bounds the registry's size; only tests pass another value.
+    explicit SymbolRegistryReceiver(Basalt::SymbolRegistry& registry,
+                                    int maxSymbols = Limits::MaxPeerSymbols);
     ~SymbolRegistryReceiver() override;
 
     // Defines each (u32 symbol, string name) pair of the bundle in order. A truncated
-    // pair throws std::out_of_range; the pairs before it stay defined.
+    // pair throws std::out_of_range; a pair that would grow the registry beyond its
+    // limit throws std::invalid_argument. The pairs before either stay defined.
     void handleBundle(BundleReader& reader) override;
 
 private:
     Basalt::SymbolRegistry& registry;
+    const int maxSymbols;
 };
 
 } // namespace Dovel

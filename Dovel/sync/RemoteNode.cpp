@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <climits>
+#include <cstring>
 
 namespace Dovel {
 
@@ -340,7 +341,12 @@ void RemoteNode::beginSlicedEvent(Basalt::BinaryData& data, long senderKey) {
         Basalt::Trace::error("RemoteNode::handleRemoteEvent # Malformed event-slice-begin");
         return;
     }
-    if (slice <= 0 || total <= 0 || total > Limits::MaxSlicedEventBytes) {
+    // What the record may come to hold: the joined event, and the bookkeeping of every
+    // slice kept until then (a peer could otherwise send one-byte slices).
+    const bool sane = slice > 0 && total > 0 && total <= Limits::MaxSlicedEventBytes;
+    const int64_t sliceCount = sane ? (total + slice - 1) / slice : 0;
+    const int64_t charge = total + sliceCount * Limits::SliceBookkeepingBytes;
+    if (!sane || charge > Limits::MaxSliceReassemblyBytes) {
         Basalt::Trace::error("RemoteNode::handleRemoteEvent # Refused event-slice-begin of '%s' "
                              "(slice size %d, total %lld)",
                              name.constData(), slice, static_cast<long long>(total));
@@ -349,24 +355,32 @@ void RemoteNode::beginSlicedEvent(Basalt::BinaryData& data, long senderKey) {
     const SliceKey key{uint32_t(senderKey), uint32_t(id)};
     auto existing = slices.find(key);
     if (existing != slices.end()) {
-        sliceBytes -= existing->second.totalSize;
+        sliceBytes -= existing->second.charge;
         slices.erase(existing);
     }
-    if (int(slices.size()) >= Limits::MaxSliceReassemblies ||
-        sliceBytes + total > Limits::MaxSliceReassemblyBytes) {
+    // A peer may begin events and never finish them: the oldest unfinished ones make
+    // room, so the newest event always gets its chance.
+    while (!slices.empty() && (int(slices.size()) >= Limits::MaxSliceReassemblies ||
+                               sliceBytes + charge > Limits::MaxSliceReassemblyBytes)) {
+        auto oldest =
+            std::min_element(slices.begin(), slices.end(), [](const auto& a, const auto& b) {
+                return a.second.order < b.second.order;
+            });
         Basalt::Trace::error("RemoteNode::handleRemoteEvent # Too many sliced events in "
-                             "progress, dropped '%s'",
+                             "progress, evicted unfinished '%s' (%d bytes) for '%s'",
+                             oldest->second.name.constData(), oldest->second.totalSize,
                              name.constData());
-        return;
+        sliceBytes -= oldest->second.charge;
+        slices.erase(oldest);
     }
     Reassembly& record = slices[key];
+    record.order = nextSliceOrder++;
     record.name = name;
     record.sliceSize = slice;
     record.totalSize = int(total);
-    record.missingCount = int((total + slice - 1) / slice);
-    record.missing.assign(std::size_t(record.missingCount), true);
-    record.buffer = QByteArray(record.totalSize, '\0');
-    sliceBytes += total;
+    record.sliceCount = int(sliceCount);
+    record.charge = charge;
+    sliceBytes += charge;
 }
 
 void RemoteNode::handleSlice(long senderKey, Basalt::BinaryData& data) {
@@ -389,22 +403,26 @@ void RemoteNode::handleSlice(long senderKey, Basalt::BinaryData& data) {
         return;
     }
     const int length = int(std::min<int64_t>(record.totalSize - offset, record.sliceSize));
-    if (!data.readBlob(record.buffer.data() + offset, length))
+    // A shorter slice is taken (the rest of its room stays zero); a longer one is not.
+    QByteArray bytes;
+    if (data.peekTag() != Basalt::BinaryData::TagBlob || !data.readBlob(bytes) ||
+        bytes.size() > length)
         return;
-    if (record.missing[std::size_t(index)]) {
-        record.missing[std::size_t(index)] = false;
-        --record.missingCount;
-    }
-    if (record.missingCount > 0)
+    record.received[index] = bytes; // a repeated slice only replaces its bytes
+    if (int(record.received.size()) < record.sliceCount)
         return;
 
     // Taken out before delivery, so a listener that handles events re-entrantly cannot
     // reach a record being delivered.
     Reassembly done = std::move(record);
     slices.erase(it);
-    sliceBytes -= done.totalSize;
+    sliceBytes -= done.charge;
+    QByteArray buffer(done.totalSize, '\0');
+    for (const auto& slice : done.received)
+        std::memcpy(buffer.data() + int64_t(slice.first) * done.sliceSize, slice.second.constData(),
+                    size_t(slice.second.size()));
     Basalt::BinaryData payload;
-    payload.linkTo(done.buffer.data(), done.totalSize);
+    payload.linkTo(buffer.data(), done.totalSize);
     dispatchRemoteEvent(done.name, payload);
 }
 

@@ -118,13 +118,17 @@ public:
     static QRegExp makeRegExp(const QString& pattern);
 
 private:
+    // A sliced event being received. The slices are kept as they come and joined only
+    // when all are there, so that what a peer makes us hold follows the bytes it has
+    // sent, not the size it announced.
     struct Reassembly {
         QByteArray name;
         int sliceSize = 0;
         int totalSize = 0;
-        std::vector<bool> missing;
-        int missingCount = 0;
-        QByteArray buffer;
+        int sliceCount = 0;
+        int64_t charge = 0;                 // counted against the reassembly budget
+        std::map<int, QByteArray> received; // by slice index
+        uint64_t order = 0;                 // when it began: the oldest is evicted first
     };
     using SliceKey = std::pair<uint32_t, uint32_t>;
     using EventTable = std::map<long, EventListener>;
@@ -164,7 +168,8 @@ private:
     std::atomic<const QByteArray*> remoteEventName{nullptr};
     std::atomic<const Basalt::BinaryData*> remoteEventData{nullptr};
     std::map<SliceKey, Reassembly> slices;
-    int64_t sliceBytes = 0; // buffers held by `slices`
+    int64_t sliceBytes = 0;      // the charges of the records in `slices`
+    uint64_t nextSliceOrder = 0; // order of the next record
 
     std::unique_ptr<Basalt::SymbolRegistry> registry;
     std::unique_ptr<AttributeCache> cache;

@@ -2,6 +2,7 @@
 
 #include "Dovel/Limits.h"
 #include "Dovel/Version.h"
+#include "Dovel/transport/MapBlock.h"
 
 #include "Basalt/Trace.h"
 #include "Quant/RandomUniform.h"
@@ -442,15 +443,7 @@ QByteArray ConnectionThread::buildMapBuffer(const QString& name,
     QByteArray out =
         (name + QLatin1Char(' ') + QString::number(map.size()) + QLatin1Char('\n')).toUtf8();
     if (remoteVersion(1, 9, 1)) {
-        Basalt::BinaryData entries;
-        for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
-            entries.writeString(it.key());
-            entries.writeString(it.value());
-        }
-        Basalt::BinaryData block;
-        block.writeInt32(8 + entries.size()); // the length item counts itself
-        block.append(entries);
-        out += block.toByteArray();
+        out += MapBlock::encode(map);
     } else {
         for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
             QString key = it.key();
@@ -644,25 +637,32 @@ QMap<QString, QString> ConnectionThread::readMap(int count) {
     };
 
     if (!remoteVersion(1, 9, 1)) {
+        // The text form is held to the same size as a binary block.
+        int64_t held = 0;
         for (int i = 0; i < count; ++i) {
             const QString key = line();
             if (key.isEmpty())
                 return failed();
+            held += lastLine.size();
             const QString value = line();
             if (value.isEmpty())
                 return failed();
+            held += lastLine.size();
+            if (held > Limits::MaxMapBlockBytes) {
+                map.clear();
+                rejectSize("readMap", "A text map", held, Limits::MaxMapBlockBytes);
+                return map;
+            }
             map.insert(key, value);
         }
         return map;
     }
 
-    const QByteArray lengthItem = readData(8);
-    if (lengthItem.size() != 8)
+    const QByteArray lengthItem = readData(MapBlock::LengthItemBytes);
+    if (lengthItem.size() != MapBlock::LengthItemBytes)
         return failed();
-    Basalt::BinaryData head = Basalt::BinaryData::fromByteArray(lengthItem);
-    bool ok = false;
-    const int32_t length = head.readInt32(&ok);
-    if (!ok || length < 8) {
+    const int length = MapBlock::blockLength(lengthItem);
+    if (length < 0) {
         // Without a valid length the rest of the stream cannot be framed.
         failed();
         failConnection();
@@ -673,17 +673,10 @@ QMap<QString, QString> ConnectionThread::readMap(int count) {
         rejectSize("readMap", "A map block", length, Limits::MaxMapBlockBytes);
         return map;
     }
-    const QByteArray body = readData(length - 8);
-    if (body.size() != length - 8)
+    const int bodySize = length - MapBlock::LengthItemBytes;
+    const QByteArray body = readData(bodySize);
+    if (body.size() != bodySize || !MapBlock::parseEntries(body, count, map))
         return failed();
-    Basalt::BinaryData entries = Basalt::BinaryData::fromByteArray(body);
-    for (int i = 0; i < count; ++i) {
-        QString key;
-        QString value;
-        if (!entries.readString(key) || !entries.readString(value))
-            return failed();
-        map.insert(key, value);
-    }
     return map;
 }
 

@@ -1,0 +1,73 @@
+// The symbols a peer may define in one session are bounded: beyond the limit a new
+// definition is refused with std::invalid_argument (which the session logs), while
+// rebinding what is already known still works.
+#include "BundleTestUtil.h"
+
+#include "Dovel/Limits.h"
+#include "Dovel/bundle/SymbolRegistryReceiver.h"
+
+#include "Basalt/SymbolRegistry.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+using namespace Dovel;
+using BundleTest::Bytes;
+using BundleTest::packet;
+
+TEST(PeerSymbolLimit, NewSymbolsBeyondTheLimitAreRefused) {
+    Basalt::SymbolRegistry registry;
+    SymbolRegistryReceiver receiver(registry, 3);
+    const Bundle first(packet(1, 1, 0,
+                              Bytes()
+                                  .word(1)
+                                  .str("a")
+                                  .word(2)
+                                  .str("b")
+                                  .word(3)
+                                  .str("c")
+                                  .word(4)
+                                  .str("d") // one too many
+                                  .word(5)
+                                  .str("e")
+                                  .data()));
+    BundleReader reader(first);
+    std::string message;
+    try {
+        receiver.handleBundle(reader);
+    } catch (const std::invalid_argument& refused) {
+        message = refused.what();
+    }
+    EXPECT_EQ(message, "SymbolRegistryReceiver::handleBundle # the peer defined more than 3 "
+                       "symbols; refusing 'd' (4)");
+    EXPECT_EQ(registry.size(), 3);
+    EXPECT_EQ(registry.lookup(3u), QByteArray("c"));
+    EXPECT_TRUE(registry.lookup(4u).isNull());
+
+    // At the limit, repeating or rebinding a known name or symbol changes no count.
+    const Bundle second(packet(1, 2, 0,
+                               Bytes()
+                                   .word(1)
+                                   .str("a") // the same pair again
+                                   .word(7)
+                                   .str("b") // a known name, a new symbol
+                                   .word(3)
+                                   .str("z") // a known symbol, a new name
+                                   .data()));
+    BundleReader again(second);
+    EXPECT_NO_THROW(receiver.handleBundle(again));
+    EXPECT_EQ(registry.size(), 3);
+    EXPECT_EQ(registry.lookup(QByteArray("b")), 7u);
+    EXPECT_EQ(registry.lookup(3u), QByteArray("z"));
+
+    // The session's receiver uses the library's limit.
+    Basalt::SymbolRegistry big;
+    SymbolRegistryReceiver defaults(big);
+    for (uint32_t i = 1; i <= uint32_t(Limits::MaxPeerSymbols); ++i)
+        big.define(QByteArray::number(i), i);
+    const Bundle over(packet(1, 1, 0, Bytes().word(0x7fffffff).str("over").data()));
+    BundleReader overReader(over);
+    EXPECT_THROW(defaults.handleBundle(overReader), std::invalid_argument);
+}
