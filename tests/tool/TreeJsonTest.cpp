@@ -324,6 +324,15 @@ TEST(TreeJson, ErrorsNameWhereAndWhat) {
               "line 1, column 16: duplicate key \"x\"");
     EXPECT_EQ(loadError(format, R"({"a": 1, "\u0061": {}})"),
               "line 1, column 10: duplicate key \"a\"");
+    // Raw control characters are not JSON; escaped ones are. A raw zero byte would make
+    // two different keys compare equal in the reader.
+    EXPECT_EQ(loadError(format, QByteArray("{\"\0x\": {}, \"\0y\": []}", 20)),
+              "line 1, column 3: control character in a string");
+    EXPECT_EQ(loadError(format, "{\"a\": \"line\nbreak\"}"),
+              "line 1, column 12: control character in a string");
+    Node escaped;
+    ASSERT_TRUE(format.load(QByteArray(R"({"\u0000x": 1, "\u0000y": "\n"})"), escaped, nullptr));
+    EXPECT_EQ(escaped.children().size(), 2);
     Node distinct;
     ASSERT_TRUE(format.load(QByteArray(R"({"a": {"a": "a", "b": ["a", "a"]}, "b": {"a": 1},
                                           "c\"": 1, "c": 2})"),

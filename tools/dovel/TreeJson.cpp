@@ -1,6 +1,6 @@
 #include "TreeJson.h"
 
-#include "JsonDuplicateKeys.h"
+#include "JsonPreflight.h"
 #include "JsonValueCodec.h"
 
 #include "Dovel/bundle/Bundle.h"
@@ -133,11 +133,10 @@ TreeJson::TreeJson() = default;
 TreeJson::~TreeJson() = default;
 
 bool TreeJson::load(const QByteArray& json, Tessel::Node& root, QString* error) const {
-    int duplicateAt = 0;
-    QString duplicate;
-    if (JsonDuplicateKeys::find(json, duplicateAt, duplicate))
-        return fail(error, position(json, duplicateAt) +
-                               QStringLiteral(": duplicate key \"%1\"").arg(duplicate));
+    int problemAt = 0;
+    QString problem;
+    if (JsonPreflight::findProblem(json, problemAt, problem))
+        return fail(error, position(json, problemAt) + QStringLiteral(": ") + problem);
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
     if (parseError.error != QJsonParseError::NoError)

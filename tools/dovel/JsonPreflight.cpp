@@ -1,4 +1,4 @@
-#include "JsonDuplicateKeys.h"
+#include "JsonPreflight.h"
 
 #include <QSet>
 
@@ -26,13 +26,19 @@ int hexValue(char c) {
 }
 
 // Decodes the string whose opening quote is at `at`; on return `at` is just past its
-// closing quote. False when the text ends first or holds a bad escape.
-bool readString(const QByteArray& json, int& at, QString& out) {
+// closing quote, or at a raw control character (`control` is then set). False when the
+// text ends first, holds a bad escape or a raw control character.
+bool readString(const QByteArray& json, int& at, QString& out, bool& control) {
     out.clear();
+    control = false;
     const int size = json.size();
     int runStart = ++at;
     while (at < size) {
         const char c = json[at];
+        if (uchar(c) < 0x20) {
+            control = true;
+            return false;
+        }
         if (c != '"' && c != '\\') {
             ++at;
             continue;
@@ -91,7 +97,7 @@ bool readString(const QByteArray& json, int& at, QString& out) {
 
 } // namespace
 
-bool JsonDuplicateKeys::find(const QByteArray& json, int& offset, QString& key) {
+bool JsonPreflight::findProblem(const QByteArray& json, int& offset, QString& problem) {
     struct Level {
         bool object;
         QSet<QString> keys;
@@ -120,8 +126,14 @@ bool JsonDuplicateKeys::find(const QByteArray& json, int& offset, QString& key) 
             continue;
         }
         const int start = at;
-        if (!readString(json, at, text))
-            return false;
+        bool control = false;
+        if (!readString(json, at, text, control)) {
+            if (!control)
+                return false;
+            offset = at;
+            problem = QStringLiteral("control character in a string");
+            return true;
+        }
         int next = at;
         while (next < size && isSpace(json[next]))
             ++next;
@@ -129,7 +141,7 @@ bool JsonDuplicateKeys::find(const QByteArray& json, int& offset, QString& key) 
         if (next < size && json[next] == ':' && !levels.empty() && levels.back().object) {
             if (levels.back().keys.contains(text)) {
                 offset = start;
-                key = text;
+                problem = QStringLiteral("duplicate key \"%1\"").arg(text);
                 return true;
             }
             levels.back().keys.insert(text);
