@@ -330,6 +330,11 @@ TEST(TreeJson, ErrorsNameWhereAndWhat) {
               "line 1, column 3: control character in a string");
     EXPECT_EQ(loadError(format, "{\"a\": \"line\nbreak\"}"),
               "line 1, column 12: control character in a string");
+    // The reader would take "\s" for "s": an escape JSON does not have is refused.
+    EXPECT_EQ(loadError(format, R"({"list\s": {"": {}}, "lists": []})"),
+              "line 1, column 7: invalid escape in a string");
+    EXPECT_EQ(loadError(format, R"({"a": "\u12G4"})"),
+              "line 1, column 8: invalid escape in a string");
     Node escaped;
     ASSERT_TRUE(format.load(QByteArray(R"({"\u0000x": 1, "\u0000y": "\n"})"), escaped, nullptr));
     EXPECT_EQ(escaped.children().size(), 2);

@@ -2,6 +2,8 @@
 
 #include <QSet>
 
+#include <cstring>
+
 #include <vector>
 
 namespace DovelTool {
@@ -25,19 +27,21 @@ int hexValue(char c) {
     return -1;
 }
 
-// Decodes the string whose opening quote is at `at`; on return `at` is just past its
-// closing quote, or at a raw control character (`control` is then set). False when the
-// text ends first, holds a bad escape or a raw control character.
-bool readString(const QByteArray& json, int& at, QString& out, bool& control) {
+enum class StringRead { Done, Ended, Refused };
+
+// Decodes the string whose opening quote is at `at`. Done: `at` is just past its closing
+// quote. Ended: the text ends first. Refused: `at` is at a raw control character or at
+// the backslash of an escape that JSON does not have (the reader would take "\s" for
+// "s" and make keys equal that are not written alike), and `problem` says which.
+StringRead readString(const QByteArray& json, int& at, QString& out, QString& problem) {
     out.clear();
-    control = false;
     const int size = json.size();
     int runStart = ++at;
     while (at < size) {
         const char c = json[at];
         if (uchar(c) < 0x20) {
-            control = true;
-            return false;
+            problem = QStringLiteral("control character in a string");
+            return StringRead::Refused;
         }
         if (c != '"' && c != '\\') {
             ++at;
@@ -46,53 +50,37 @@ bool readString(const QByteArray& json, int& at, QString& out, bool& control) {
         out += QString::fromUtf8(json.constData() + runStart, at - runStart);
         if (c == '"') {
             ++at;
-            return true;
+            return StringRead::Done;
         }
         if (at + 1 >= size)
-            return false;
+            return StringRead::Ended;
         const char escape = json[at + 1];
-        at += 2;
-        switch (escape) {
-        case '"':
-        case '\\':
-        case '/':
-            out += QLatin1Char(escape);
-            break;
-        case 'b':
-            out += QLatin1Char('\b');
-            break;
-        case 'f':
-            out += QLatin1Char('\f');
-            break;
-        case 'n':
-            out += QLatin1Char('\n');
-            break;
-        case 'r':
-            out += QLatin1Char('\r');
-            break;
-        case 't':
-            out += QLatin1Char('\t');
-            break;
-        case 'u': {
-            if (at + 4 > size)
-                return false;
+        static const char simple[] = "\"\\/bfnrt";
+        static const char decoded[] = "\"\\/\b\f\n\r\t";
+        if (const char* known = escape ? std::strchr(simple, escape) : nullptr) {
+            out += QLatin1Char(decoded[known - simple]);
+            at += 2;
+        } else if (escape == 'u' && at + 6 <= size) {
             int unit = 0;
-            for (int i = 0; i < 4; ++i) {
+            for (int i = 2; i < 6 && unit >= 0; ++i) {
                 const int digit = hexValue(json[at + i]);
-                if (digit < 0)
-                    return false;
-                unit = unit * 16 + digit;
+                unit = digit < 0 ? -1 : unit * 16 + digit;
             }
-            at += 4;
+            if (unit < 0) {
+                problem = QStringLiteral("invalid escape in a string");
+                return StringRead::Refused;
+            }
             out += QChar(ushort(unit));
-            break;
-        }
-        default:
-            return false;
+            at += 6;
+        } else if (escape == 'u') {
+            return StringRead::Ended;
+        } else {
+            problem = QStringLiteral("invalid escape in a string");
+            return StringRead::Refused;
         }
         runStart = at;
     }
-    return false;
+    return StringRead::Ended;
 }
 
 } // namespace
@@ -126,13 +114,10 @@ bool JsonPreflight::findProblem(const QByteArray& json, int& offset, QString& pr
             continue;
         }
         const int start = at;
-        bool control = false;
-        if (!readString(json, at, text, control)) {
-            if (!control)
-                return false;
+        const StringRead read = readString(json, at, text, problem);
+        if (read != StringRead::Done) {
             offset = at;
-            problem = QStringLiteral("control character in a string");
-            return true;
+            return read == StringRead::Refused;
         }
         int next = at;
         while (next < size && isSpace(json[next]))
