@@ -7,7 +7,7 @@ namespace Dovel {
 AttributeCache::AttributeCache() = default;
 
 bool AttributeCache::add(unsigned int symbol, Tessel::Attribute* attribute) {
-    QWriteLocker locker(&lock);
+    std::unique_lock<std::shared_mutex> locker(lock);
     auto it = bySymbol.constFind(symbol);
     if (it != bySymbol.constEnd()) {
         if (it.value() == attribute)
@@ -23,17 +23,17 @@ bool AttributeCache::add(unsigned int symbol, Tessel::Attribute* attribute) {
 }
 
 Tessel::Attribute* AttributeCache::find(unsigned int symbol) const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     return bySymbol.value(symbol, nullptr);
 }
 
 unsigned int AttributeCache::symbolOf(Tessel::Attribute* attribute) const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     return byAttribute.value(attribute, 0u);
 }
 
 bool AttributeCache::remove(unsigned int symbol) {
-    QWriteLocker locker(&lock);
+    std::unique_lock<std::shared_mutex> locker(lock);
     auto it = bySymbol.find(symbol);
     if (it == bySymbol.end()) {
         Basalt::Trace::error("AttributeCache::remove # Trying to remove missing symbol: %u",
@@ -47,12 +47,12 @@ bool AttributeCache::remove(unsigned int symbol) {
 }
 
 bool AttributeCache::isNode(unsigned int symbol) const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     return nodes.contains(symbol);
 }
 
 void AttributeCache::setIsNode(unsigned int symbol, bool isNode) {
-    QWriteLocker locker(&lock);
+    std::unique_lock<std::shared_mutex> locker(lock);
     if (isNode)
         nodes.insert(symbol);
     else
@@ -60,7 +60,7 @@ void AttributeCache::setIsNode(unsigned int symbol, bool isNode) {
 }
 
 int AttributeCache::size() const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     return bySymbol.size();
 }
 

@@ -7,8 +7,10 @@
 #pragma once
 
 #include <QHash>
-#include <QReadWriteLock>
 #include <QSet>
+
+#include <mutex>
+#include <shared_mutex>
 
 namespace Tessel {
 class Attribute;
@@ -36,7 +38,7 @@ public:
     int size() const;
 
 private:
-    mutable QReadWriteLock lock;
+    mutable std::shared_mutex lock;
     QSet<unsigned int> nodes;
     QHash<unsigned int, Tessel::Attribute*> bySymbol;
     QHash<Tessel::Attribute*, unsigned int> byAttribute;

@@ -14,23 +14,23 @@ AttributeStorage::AttributeStorage(RemoteNode& node) : node(node) {}
 AttributeStorage::~AttributeStorage() = default;
 
 DovelSessionAttribute* AttributeStorage::findByLocalSymbol(uint32_t symbol) const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     return byLocalSymbol.value(symbol, nullptr);
 }
 
 DovelSessionAttribute* AttributeStorage::findByReadSymbol(uint32_t symbol) const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     return byReadSymbol.value(symbol, nullptr);
 }
 
 DovelSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     const auto it = byPath.find(path);
     return it == byPath.end() ? nullptr : it->second.get();
 }
 
 DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path) {
-    QWriteLocker locker(&lock);
+    std::unique_lock<std::shared_mutex> locker(lock);
     std::unique_ptr<DovelSessionAttribute>& slot = byPath[path];
     if (!slot) {
         slot = std::make_unique<DovelSessionAttribute>();
@@ -41,7 +41,7 @@ DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path) {
 }
 
 void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record) {
-    QWriteLocker locker(&lock);
+    std::unique_lock<std::shared_mutex> locker(lock);
     DovelSessionAttribute*& bound = byReadSymbol[readSymbol];
     if (bound && bound != record) {
         Basalt::Trace::error(
@@ -53,7 +53,7 @@ void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttrib
 }
 
 void AttributeStorage::debugDump() const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     static const QRegExp lastComponent("([^/]+)$");
     for (const auto& entry : byPath) {
         const QByteArray& path = entry.first;
@@ -83,7 +83,7 @@ void AttributeStorage::debugDump() const {
 }
 
 int AttributeStorage::size() const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     return int(byPath.size());
 }
 

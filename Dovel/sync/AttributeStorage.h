@@ -10,11 +10,12 @@
 
 #include <QByteArray>
 #include <QHash>
-#include <QReadWriteLock>
 
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <shared_mutex>
 
 namespace Dovel {
 
@@ -44,7 +45,7 @@ public:
 
 private:
     RemoteNode& node;
-    mutable QReadWriteLock lock;
+    mutable std::shared_mutex lock;
     // Owns the records.
     std::map<QByteArray, std::unique_ptr<DovelSessionAttribute>> byPath;
     QHash<uint32_t, DovelSessionAttribute*> byLocalSymbol;

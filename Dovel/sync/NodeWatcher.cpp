@@ -10,12 +10,12 @@
 #include "Tessel/Node.h"
 
 #include <QHash>
-#include <QReadWriteLock>
 
 #include <list>
 #include <map>
 #include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <unordered_map>
 #include <vector>
 
@@ -107,7 +107,7 @@ struct NodeWatcher::Impl {
     std::atomic<int> ignoredCount{0}; // lets emissions skip the mutex when nothing is ignored
 
     // Immutable tables swapped under the lock: an emission only copies a pointer.
-    QReadWriteLock listenerLock;
+    std::shared_mutex listenerLock;
     std::shared_ptr<const Table> listeners;
     long nextListenerId = 0;
 
@@ -120,7 +120,7 @@ void NodeWatcher::Impl::emit(EventType type, unsigned int symbol) {
         return;
     std::shared_ptr<const Table> table;
     {
-        QReadLocker locker(&listenerLock);
+        std::shared_lock<std::shared_mutex> locker(listenerLock);
         table = listeners;
     }
     for (const auto& entry : *table)
@@ -425,7 +425,7 @@ void NodeWatcher::startWatching(Node& root, bool notify) {
 }
 
 long NodeWatcher::addListener(const Listener& callback) {
-    QWriteLocker locker(&impl->listenerLock);
+    std::unique_lock<std::shared_mutex> locker(impl->listenerLock);
     auto table = std::make_shared<Impl::Table>(*impl->listeners);
     const long id = impl->nextListenerId++;
     table->emplace(id, callback);
@@ -434,7 +434,7 @@ long NodeWatcher::addListener(const Listener& callback) {
 }
 
 void NodeWatcher::removeListener(long id) {
-    QWriteLocker locker(&impl->listenerLock);
+    std::unique_lock<std::shared_mutex> locker(impl->listenerLock);
     if (!impl->listeners->count(id))
         return;
     auto table = std::make_shared<Impl::Table>(*impl->listeners);

@@ -218,7 +218,7 @@ void RemoteNode::removeAttributeChangeListener(long id) {
 }
 
 long RemoteNode::addEventListener(const EventListener& callback) {
-    QWriteLocker locker(&eventLock);
+    std::unique_lock<std::shared_mutex> locker(eventLock);
     auto table = std::make_shared<EventTable>(*eventListeners);
     const long id = nextEventListenerId++;
     table->emplace(id, callback);
@@ -227,7 +227,7 @@ long RemoteNode::addEventListener(const EventListener& callback) {
 }
 
 void RemoteNode::removeEventLIstener(long id) {
-    QWriteLocker locker(&eventLock);
+    std::unique_lock<std::shared_mutex> locker(eventLock);
     if (!eventListeners->count(id))
         return;
     auto table = std::make_shared<EventTable>(*eventListeners);
@@ -262,7 +262,7 @@ void RemoteNode::insertEvent(const QByteArray& name, const Basalt::BinaryData& d
     event.symbol = registry->lookupOrDefine(name);
     std::shared_ptr<const EventTable> table;
     {
-        QReadLocker locker(&eventLock);
+        std::shared_lock<std::shared_mutex> locker(eventLock);
         table = eventListeners;
     }
     for (const auto& entry : *table)

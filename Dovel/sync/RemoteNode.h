@@ -34,6 +34,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -181,7 +182,7 @@ private:
     // Keyed by the index of the pending listener: registration order, each at most once.
     QHash<unsigned int, std::map<int, std::function<void(Tessel::Attribute*)>>> symbolListeners;
 
-    mutable QReadWriteLock eventLock;
+    mutable std::shared_mutex eventLock;
     std::shared_ptr<const EventTable> eventListeners;
     long nextEventListenerId = 0;
 

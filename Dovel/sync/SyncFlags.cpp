@@ -5,12 +5,12 @@ namespace Dovel {
 SyncFlags::SyncFlags() = default;
 
 SyncFlags::Flag SyncFlags::getFlags(unsigned int symbol) const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     return flags.value(symbol, Sync);
 }
 
 void SyncFlags::setFlags(unsigned int symbol, Flag flag) {
-    QWriteLocker locker(&lock);
+    std::unique_lock<std::shared_mutex> locker(lock);
     if (flag == Sync)
         flags.remove(symbol);
     else
@@ -18,11 +18,11 @@ void SyncFlags::setFlags(unsigned int symbol, Flag flag) {
 }
 
 void SyncFlags::clear() {
-    QWriteLocker locker(&lock);
+    std::unique_lock<std::shared_mutex> locker(lock);
 }
 
 int SyncFlags::storedCount() const {
-    QReadLocker locker(&lock);
+    std::shared_lock<std::shared_mutex> locker(lock);
     return flags.size();
 }
 

@@ -6,9 +6,10 @@
 #pragma once
 
 #include <QHash>
-#include <QReadWriteLock>
 
 #include <cstdint>
+#include <mutex>
+#include <shared_mutex>
 
 namespace Dovel {
 
@@ -36,7 +37,7 @@ public:
 
 private:
     QHash<unsigned int, Flag> flags;
-    mutable QReadWriteLock lock;
+    mutable std::shared_mutex lock;
 };
 
 } // namespace Dovel
