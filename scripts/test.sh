@@ -1,11 +1,20 @@
 #!/usr/bin/env bash
-# Builds Dovel and runs the whole suite twice: a plain build, then one under
-# AddressSanitizer and UndefinedBehaviorSanitizer. Exits non-zero on any failure.
+# Builds Dovel and runs the whole suite three times: a plain build, one under
+# AddressSanitizer and UndefinedBehaviorSanitizer, and one under ThreadSanitizer; then
+# runs every fuzz target briefly. Exits non-zero on any failure.
 # Usage: scripts/test.sh            (from anywhere; build folders go to the repo root)
+#        scripts/test.sh --tsan     the suite under ThreadSanitizer alone, in build-tsan
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=$(nproc 2>/dev/null || echo 2)
+
+tsan=0
+case "${1:-}" in
+  "") ;;
+  --tsan) tsan=1 ;;
+  *) echo "usage: scripts/test.sh [--tsan]" >&2; exit 2 ;;
+esac
 
 # clang and its runtime build the libFuzzer targets.
 bash scripts/deps.sh clang libclang-rt-14-dev
@@ -20,6 +29,17 @@ run_suite() {
   (cd "$root/$dir" && ctest --output-on-failure -j "$jobs" --timeout 300)
 }
 
+run_tsan_suite() {
+  TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan.supp} \
+    run_suite build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDOVEL_TSAN=ON -DDOVEL_BUILD_BENCH=OFF
+}
+
+if [ "$tsan" -eq 1 ]; then
+  run_tsan_suite
+  echo "== all tests passed under ThreadSanitizer"
+  exit 0
+fi
+
 run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
@@ -27,7 +47,9 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$root/scripts/lsan.supp:print_suppressions=0}
 run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DDOVEL_SANITIZE=ON -DDOVEL_BUILD_BENCH=OFF
 
+run_tsan_suite
+
 echo "== fuzz (a few seconds per target)"
 bash scripts/fuzz.sh 5
 
-echo "== all tests passed (plain, sanitized and fuzzed)"
+echo "== all tests passed (plain, address-, undefined- and thread-sanitized, fuzzed)"
