@@ -7,6 +7,7 @@
 #include "Basalt/Trace.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QSettings>
 
@@ -382,6 +383,27 @@ bool AssetBase::removeFileFromDownloadList(const QString& name, bool success) {
         transferFinished();
     }
     return existed;
+}
+
+int AssetBase::removeLeftoverParts() {
+    int removed = 0;
+    Basalt::Guard guard(downloadMutex);
+    // Links are not followed, so nothing outside the folder is touched.
+    QDirIterator it(root_, {QLatin1Char('*') + TempSuffix}, QDir::Files | QDir::Hidden,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        const QString name = path.mid(root_.size()).chopped(TempSuffix.size());
+        if (downloads.find(name) != downloads.end() || it.fileInfo().isSymLink())
+            continue;
+        if (QFile::remove(path))
+            ++removed;
+    }
+    if (removed > 0)
+        Basalt::Trace::info("AssetBase::removeLeftoverParts # Removed %d unfinished download%s "
+                            "of an earlier run",
+                            removed, removed == 1 ? "" : "s");
+    return removed;
 }
 
 bool AssetBase::clearDownloadList(Basalt::TimeStamp owner) {

@@ -106,6 +106,9 @@ public:
     int drainRemoveQueue();
     // Removes root + path, then the folders above it that became empty (never the root).
     bool removeFileAndEmptyFolders(const QString& path);
+    // Removes the temporary files of downloads that no longer run (a pull that was
+    // killed leaves them behind); those of active downloads stay. Returns how many.
+    int removeLeftoverParts();
 
     // Checksums computed by reading a file, and taken from the cache instead, over the
     // asset's life.

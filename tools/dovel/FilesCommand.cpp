@@ -189,6 +189,7 @@ int pull(const QStringList& args) {
     QElapsedTimer clock;
     clock.start();
     Dovel::AssetBase asset(folder);
+    asset.removeLeftoverParts();
     asset.buildFileList(); // checksums before connecting, so the peer does not wait
     ProgressPrinter printer(isatty(STDOUT_FILENO) == 1);
     auto connection = std::make_shared<Dovel::FolderPullConnection>(asset, words.deleteExtra);

@@ -1,0 +1,98 @@
+// Runs the dovel tool as a separate process for the tests that need one: short commands
+// run to their end, and servers that announce "listening on HOST:PORT" and run until a
+// signal. The tool is the one built next to the test executable; each DovelTool gives
+// its processes their own settings and data folders.
+#pragma once
+
+#include <QByteArray>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QRegularExpression>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <signal.h>
+
+namespace ToolTest {
+
+inline QString toolPath() {
+    return QFileInfo(QFileInfo("/proc/self/exe").canonicalFilePath()).absolutePath() + "/dovel";
+}
+
+inline bool toolBuilt() {
+    return QFileInfo(toolPath()).isExecutable();
+}
+
+struct ToolRun {
+    int exitCode = -1; // -1: crashed, killed or timed out
+    QByteArray out;
+    QByteArray err;
+};
+
+class DovelTool {
+public:
+    DovelTool() {
+        environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("XDG_CONFIG_HOME", home.path());
+        environment.insert("XDG_DATA_HOME", home.path());
+    }
+
+    // Runs `dovel ARGS...` to its end, or kills it after `ms` milliseconds.
+    ToolRun run(const QStringList& args, int ms = 30000) {
+        QProcess process;
+        start(process, args);
+        ToolRun result;
+        if (!process.waitForFinished(ms)) {
+            process.kill();
+            process.waitForFinished();
+        } else if (process.exitStatus() == QProcess::NormalExit) {
+            result.exitCode = process.exitCode();
+        }
+        result.out = process.readAllStandardOutput();
+        result.err = process.readAllStandardError();
+        return result;
+    }
+
+    void start(QProcess& process, const QStringList& args) {
+        process.setProcessEnvironment(environment);
+        process.start(toolPath(), args);
+    }
+
+    // Starts a server and returns "127.0.0.1:PORT" from its first line, or an empty
+    // string when it did not say it listens within `ms` milliseconds.
+    QString startServer(QProcess& process, const QStringList& args, int ms = 20000) {
+        start(process, args);
+        if (!process.waitForStarted(ms))
+            return QString();
+        QElapsedTimer timer;
+        timer.start();
+        while (!process.canReadLine()) {
+            if (timer.elapsed() > ms || process.state() == QProcess::NotRunning)
+                return QString();
+            process.waitForReadyRead(50);
+        }
+        const QRegularExpressionMatch listening =
+            QRegularExpression("^listening on 127\\.0\\.0\\.1:(\\d+)\n$")
+                .match(QString::fromUtf8(process.readLine()));
+        if (!listening.hasMatch() || listening.captured(1) == QLatin1String("0"))
+            return QString();
+        return "127.0.0.1:" + listening.captured(1);
+    }
+
+    QProcessEnvironment environment;
+
+private:
+    QTemporaryDir home;
+};
+
+// Sends `signal` and waits for the end; true when the process exited normally with 0.
+inline bool endsCleanlyOn(QProcess& process, int signal, int ms = 10000) {
+    ::kill(static_cast<pid_t>(process.processId()), signal);
+    return process.waitForFinished(ms) && process.exitStatus() == QProcess::NormalExit &&
+           process.exitCode() == 0;
+}
+
+} // namespace ToolTest
