@@ -12,14 +12,13 @@
 #include "Dovel/bundle/BundleWriter.h"
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
+#include "FuzzSupport.h"
 
 #include "Basalt/SymbolRegistry.h"
-#include "Basalt/Trace.h"
 
 #include <QByteArray>
 
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <vector>
@@ -128,26 +127,14 @@ void exchange(Session& from, Session& to) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool silenced = [] {
-        Basalt::Trace::setThreshold(Basalt::Trace::Off);
-        return true;
-    }();
-    (void)silenced;
+    FuzzSupport::silenceLog();
 
     Session session;
     Session peer;
     size_t at = 0;
     int count = 0;
     while (at < size) {
-        size_t length = size - at;
-        if (length >= 16) {
-            uint32_t payload;
-            std::memcpy(&payload, data + at, 4);
-            if (uint64_t(payload) + 16 < length)
-                length = size_t(payload) + 16;
-        }
-        const QByteArray bytes(reinterpret_cast<const char*>(data + at), int(length));
-        at += length;
+        const QByteArray bytes = FuzzSupport::nextPacket(data, size, at);
         try {
             const Bundle bundle(bytes);
             dispatchChecked(session.dispatcher, bundle);

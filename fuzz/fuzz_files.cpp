@@ -8,12 +8,11 @@
 // The handler's folder lies inside a temporary directory made once; every iteration
 // starts from the same two files, and afterwards nothing outside the folder may have
 // changed (checked, abort otherwise).
+#include "FuzzSupport.h"
 #include "LinePeer.h"
 
 #include "Dovel/files/AssetBase.h"
 #include "Dovel/files/FileTransferHandler.h"
-
-#include "Basalt/Trace.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -98,11 +97,7 @@ struct Folder {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool silenced = [] {
-        Basalt::Trace::setThreshold(Basalt::Trace::Off);
-        return true;
-    }();
-    (void)silenced;
+    FuzzSupport::silenceLog();
     static Folder folder;
     if (size == 0)
         return 0;

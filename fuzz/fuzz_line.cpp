@@ -5,11 +5,10 @@
 // the peer's version's form, raw data and skipped bytes. The mode byte is described in
 // LinePeer.h; the rest is what the peer writes. Nothing may escape or leak, and every
 // iteration must end by itself once the peer's bytes are exhausted.
+#include "FuzzSupport.h"
 #include "LinePeer.h"
 
 #include "Dovel/transport/ConnectionThread.h"
-
-#include "Basalt/Trace.h"
 
 #include <QStringList>
 
@@ -52,11 +51,7 @@ protected:
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool silenced = [] {
-        Basalt::Trace::setThreshold(Basalt::Trace::Off);
-        return true;
-    }();
-    (void)silenced;
+    FuzzSupport::silenceLog();
     if (size == 0)
         return 0;
     const LinePeer::Mode mode = LinePeer::decodeMode(data[0]);

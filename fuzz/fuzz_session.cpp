@@ -5,11 +5,11 @@
 // missing attributes. The rest is a stream of packets, each taking as many bytes as its
 // header's size word says (clamped to what is left). Only the documented
 // std::invalid_argument and std::out_of_range may leave a dispatch.
+#include "FuzzSupport.h"
 #include "sync/SessionPair.h"
 
 #include "Dovel/bundle/Bundle.h"
 
-#include "Basalt/Trace.h"
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/AttributeEnum.h"
 #include "Tessel/AttributeT.h"
@@ -18,7 +18,6 @@
 #include <QRegExp>
 
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <vector>
 
@@ -54,11 +53,7 @@ void dispatchChecked(SyncTest::Session& session, const Dovel::Bundle& bundle) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool silenced = [] {
-        Basalt::Trace::setThreshold(Basalt::Trace::Off);
-        return true;
-    }();
-    (void)silenced;
+    FuzzSupport::silenceLog();
     if (size == 0)
         return 0;
 
@@ -69,15 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     size_t at = 1;
     int count = 0;
     while (at < size) {
-        size_t length = size - at;
-        if (length >= 16) {
-            uint32_t payload;
-            std::memcpy(&payload, data + at, 4);
-            if (uint64_t(payload) + 16 < length)
-                length = size_t(payload) + 16;
-        }
-        const QByteArray bytes(reinterpret_cast<const char*>(data + at), int(length));
-        at += length;
+        const QByteArray bytes = FuzzSupport::nextPacket(data, size, at);
         try {
             dispatchChecked(session, Dovel::Bundle(bytes));
         } catch (const std::invalid_argument&) {

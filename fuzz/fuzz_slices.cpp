@@ -7,9 +7,9 @@
 // AddressSanitizer), and the node never holds more records than its limit.
 #include "Dovel/Limits.h"
 #include "Dovel/sync/RemoteNode.h"
+#include "FuzzSupport.h"
 
 #include "Basalt/BinaryData.h"
-#include "Basalt/Trace.h"
 
 #include <QByteArray>
 
@@ -62,11 +62,7 @@ int byteAt(const QByteArray& bytes, int at) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool silenced = [] {
-        Basalt::Trace::setThreshold(Basalt::Trace::Off);
-        return true;
-    }();
-    (void)silenced;
+    FuzzSupport::silenceLog();
 
     Node node;
     size_t at = 0;

@@ -1,11 +1,10 @@
 // Tree files: the input is a JSON document handed to the dovel tool's loader. What loads
 // is dumped, and the dump must load again and dump to the same bytes (the format
 // round-trips its own output); a difference aborts. Errors are expected and ignored.
+#include "FuzzSupport.h"
 #include "dovel/TreeJson.h"
 
 #include "Tessel/Node.h"
-
-#include "Basalt/Trace.h"
 
 #include <QByteArray>
 #include <QString>
@@ -15,11 +14,7 @@
 #include <cstdlib>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool silenced = [] {
-        Basalt::Trace::setThreshold(Basalt::Trace::Off);
-        return true;
-    }();
-    (void)silenced;
+    FuzzSupport::silenceLog();
     static const DovelTool::TreeJson format;
 
     const QByteArray input(reinterpret_cast<const char*>(data), int(size));

@@ -28,15 +28,7 @@ void AttributeUpdateReceiver::handleBundle(BundleReader& reader) {
             return;
         }
         if (!skipStale || acknowledged >= sa->lastSentSequence) {
-            const NodeWatcher::Event echo{NodeWatcher::AttributeChanged, sa->localSymbol};
-            sender.ignoreOne(echo);
-            try {
-                sa->deserializer(reader);
-            } catch (...) {
-                sender.stopIgnoring(echo);
-                throw;
-            }
-            sender.stopIgnoring(echo);
+            sender.applyWithoutEcho(sa->localSymbol, [&] { sa->deserializer(reader); });
         } else {
             // The peer had not seen this side's latest value: read the stale one past.
             uint32_t size = sa->fixedSize;

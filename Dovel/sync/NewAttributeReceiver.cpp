@@ -154,16 +154,8 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         skipValue(reader, fixedSize);
         return;
     }
-    const NodeWatcher::Event echo{NodeWatcher::AttributeChanged, sa->localSymbol};
-    sender.ignoreOne(echo);
     sa->lastReceivedSequence = sequence;
-    try {
-        sa->deserializer(reader);
-    } catch (...) {
-        sender.stopIgnoring(echo);
-        throw;
-    }
-    sender.stopIgnoring(echo);
+    sender.applyWithoutEcho(sa->localSymbol, [&] { sa->deserializer(reader); });
 }
 
 Tessel::Node* NewAttributeReceiver::findParent(const QList<QByteArray>& parts) {

@@ -43,6 +43,20 @@ public:
     void ignoreOne(const NodeWatcher::Event& event);
     // Withdraws an ignoreOne; true when it was still pending (the change caused no event).
     bool stopIgnoring(const NodeWatcher::Event& event);
+    // Runs `apply`, which sets the attribute of `localSymbol` to a peer's value, so that
+    // the change is not sent back. Nothing stays ignored afterwards, whether the value
+    // changed anything or `apply` threw.
+    template <typename Apply> void applyWithoutEcho(uint32_t localSymbol, Apply&& apply) {
+        const NodeWatcher::Event echo{NodeWatcher::AttributeChanged, localSymbol};
+        ignoreOne(echo);
+        try {
+            apply();
+        } catch (...) {
+            stopIgnoring(echo);
+            throw;
+        }
+        stopIgnoring(echo);
+    }
     // The outgoing message type that carries events of `type` (0 new, 1 remove, 2
     // update); 0xFFFFFFFF for any other type.
     unsigned messageType(NodeWatcher::EventType type);
