@@ -5,11 +5,14 @@
 
 #include "Basalt/BinaryData.h"
 #include "Basalt/Trace.h"
+#include "Dovel/bundle/BundleController.h"
+#include "Tessel/UpdateLoop.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 using namespace SessionTest;
 using Dovel::SessionClient;
@@ -249,4 +252,54 @@ TEST(EndToEnd, AClientReconnectsAfterAServerRestartAndResyncs) {
     setFloat(mirror, "scene/v4", -1.0f);
     EXPECT_TRUE(waitUntil([&] { return floatAt(master, "scene/v4") == -1.0f; }));
     EXPECT_EQ(snapshot(master).size(), 6);
+}
+
+TEST(EndToEnd, AClientWithoutADriverRunsFromTheHostUpdateLoop) {
+    Side master("master");
+    addScene(master, 3);
+    SessionServer server(master.node, &master.driver);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+
+    // The host's tree thread: it waits a minute unless woken, so every change below
+    // arrives only because queued work and local changes wake it.
+    Dovel::RemoteNode mirror(nullptr, "mirror");
+    std::atomic<bool> stopLoop{false};
+    std::thread hostLoop([&] {
+        while (!stopLoop.load())
+            Tessel::UpdateLoop::waitAndRun(60000);
+    });
+    auto onHost = [&](const std::function<void()>& f) {
+        std::atomic<bool> done{false};
+        Tessel::UpdateLoop::post([&] {
+            f();
+            done.store(true);
+        });
+        ASSERT_TRUE(waitUntil([&] { return done.load(); }));
+    };
+    auto mirroredValue = [&](const QByteArray& path) {
+        float value = std::numeric_limits<float>::quiet_NaN();
+        onHost([&] {
+            if (auto* a = typed<float>(mirror, path))
+                value = a->value();
+        });
+        return value;
+    };
+    {
+        SessionClient client(mirror, nullptr);
+        client.connectToHost("127.0.0.1", server.port());
+        EXPECT_TRUE(waitUntil([&] { return mirroredValue("scene/v2") == 2.5f; }));
+        setFloat(master, "scene/v1", 11.0f);
+        EXPECT_TRUE(waitUntil([&] { return mirroredValue("scene/v1") == 11.0f; }));
+        onHost([&] { typed<float>(mirror, "scene/v0")->setValue(-3.0f, L2); });
+        EXPECT_TRUE(waitUntil([&] { return floatAt(master, "scene/v0") == -3.0f; }));
+        EXPECT_EQ(Dovel::BundleController::automaticCoreCount(), 1);
+    }
+    // The client's session is closed; the hook's next run drops its core.
+    EXPECT_TRUE(waitUntil([&] {
+        Tessel::UpdateLoop::wake();
+        return Dovel::BundleController::automaticCoreCount() == 0;
+    }));
+    stopLoop.store(true);
+    Tessel::UpdateLoop::wake();
+    hostLoop.join();
 }
