@@ -106,6 +106,14 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             skipAll();
             return;
         }
+        // An announcement without a value for an attribute this side has removed is the
+        // peer's answer to an earlier announcement of ours, overtaken by our removal,
+        // which is on its way to the peer. Creating it again would bring the removed
+        // attribute back, with a default value, on both sides.
+        if (!hasValue && sa->removedLocally) {
+            skipAll();
+            return;
+        }
         std::unique_ptr<Tessel::Attribute> created(types.createAttribute(typeCode));
         Deserializer deserializer =
             created ? types.createDeserializer(typeCode, created.get()) : Deserializer();

@@ -266,9 +266,13 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, bool withValue,
     writer.writeUInt32(typeCode);
     writer.writeUInt32(fixedSize);
     writer.writeUInt32(hasValue ? 1u : 0u);
-    if (hasValue)
+    if (hasValue) {
         sa.serializer(writer);
-    sa.lastSentSequence = writer.bundle().sequenceNumber();
+        // Only an announcement with a value makes the peer's values written before it
+        // stale: one without leaves the peer's value standing, so a master that skipped
+        // the peer's next values as stale would keep its own while the peer kept its.
+        sa.lastSentSequence = writer.bundle().sequenceNumber();
+    }
     sa.removedLocally = false;
 }
 

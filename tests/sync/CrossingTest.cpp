@@ -1,0 +1,88 @@
+// Messages that cross in flight between two sessions: a side that receives a new
+// attribute answers with a bare announcement of it (no value), which binds its own
+// symbol on the peer. Neither a value the peer wrote meanwhile nor a removal the peer
+// made meanwhile may be lost to that answer.
+#include "sync/SessionPair.h"
+
+#include "Dovel/sync/RemoteNode.h"
+
+#include "Tessel/AttributeT.h"
+#include "Tessel/Node.h"
+
+#include <gtest/gtest.h>
+
+using Dovel::Bundle;
+using Dovel::RemoteNode;
+using SyncTest::pump;
+using SyncTest::Session;
+using Tessel::Attribute;
+using Tessel::AttributeT;
+using Tessel::Node;
+
+namespace {
+
+constexpr auto L2 = Attribute::LayerRemote;
+
+AttributeT<int>* intAt(Node& root, const QByteArray& group, const QByteArray& name) {
+    auto* node = dynamic_cast<Node*>(root.attribute(group));
+    return node ? dynamic_cast<AttributeT<int>*>(node->attribute(name)) : nullptr;
+}
+
+TEST(Crossing, AValueWrittenBeforeTheMastersBareAnswerArrivedIsKept) {
+    RemoteNode masterNode(nullptr, "m");
+    RemoteNode otherNode(nullptr, "o");
+    Session m(masterNode, true, true);
+    Session o(otherNode, false, true);
+    pump(m, o);
+
+    auto* x = new AttributeT<int>(nullptr, "", 1);
+    otherNode.addDeepAttribute("a/x", x);
+    m.input(o.output());                           // the master creates a/x ...
+    const std::vector<Bundle> answer = m.output(); // ... and answers with a bare announcement
+    ASSERT_FALSE(answer.empty());
+    x->set(2, L2);
+    m.input(o.output()); // written before the answer arrived: not stale, nothing newer was sent
+    o.input(answer);
+    pump(m, o);
+
+    AttributeT<int>* mx = intAt(masterNode, "a", "x");
+    ASSERT_TRUE(mx);
+    EXPECT_EQ(mx->value(), 2);
+    EXPECT_EQ(x->value(), 2);
+}
+
+TEST(Crossing, ARemovalThatOvertookThePeersBareAnswerStays) {
+    for (bool ownerIsMaster : {true, false}) {
+        SCOPED_TRACE(ownerIsMaster ? "owner is the master" : "owner is not the master");
+        RemoteNode ownerNode(nullptr, "owner");
+        RemoteNode peerNode(nullptr, "peer");
+        Session owner(ownerNode, ownerIsMaster, true);
+        Session peer(peerNode, !ownerIsMaster, true);
+        pump(owner, peer);
+
+        auto* x = new AttributeT<int>(nullptr, "", 1);
+        ownerNode.addDeepAttribute("a/x", x);
+        peer.input(owner.output());                       // the peer creates a/x ...
+        const std::vector<Bundle> answer = peer.output(); // ... and answers bare
+        ASSERT_FALSE(answer.empty());
+        delete x; // the owner removes it before the answer comes
+        const std::vector<Bundle> removal = owner.output();
+        ASSERT_FALSE(removal.empty());
+        owner.input(answer); // must not bring a/x back
+        peer.input(removal);
+        pump(owner, peer);
+
+        EXPECT_FALSE(intAt(ownerNode, "a", "x"));
+        EXPECT_FALSE(intAt(peerNode, "a", "x"));
+
+        // The path is not spoilt: a new attribute there travels as any other.
+        auto* again = new AttributeT<int>(nullptr, "", 3);
+        ownerNode.addDeepAttribute("a/x", again);
+        pump(owner, peer);
+        AttributeT<int>* mirrored = intAt(peerNode, "a", "x");
+        ASSERT_TRUE(mirrored);
+        EXPECT_EQ(mirrored->value(), 3);
+    }
+}
+
+} // namespace
