@@ -254,7 +254,8 @@ TEST(EndToEnd, AClientReconnectsAfterAServerRestartAndResyncs) {
     // Every attribute once on each side (a walk would see a duplicate that a map hides).
     auto count = [](Side& side) {
         int n = 0;
-        side.driver.call([&] { Dovel::walkAttributes(side.node, [&](Tessel::Attribute&) { ++n; }, {}); });
+        side.driver.call(
+            [&] { Dovel::walkAttributes(side.node, [&](Tessel::Attribute&) { ++n; }, {}); });
         return n;
     };
     EXPECT_EQ(count(mirror), 7);
