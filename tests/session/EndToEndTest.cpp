@@ -254,7 +254,8 @@ TEST(EndToEnd, AClientReconnectsAfterAServerRestartAndResyncs) {
     // Every attribute once on each side (a walk would see a duplicate that a map hides).
     auto count = [](Side& side) {
         int n = 0;
-        side.driver.call([&] { Dovel::walkAttributes(side.node, [&](Tessel::Attribute&) { ++n; }, {}); });
+        side.driver.call(
+            [&] { Dovel::walkAttributes(side.node, [&](Tessel::Attribute&) { ++n; }, {}); });
         return n;
     };
     EXPECT_EQ(count(mirror), 7);
@@ -310,6 +311,53 @@ TEST(EndToEnd, AClientWithoutADriverRunsFromTheHostUpdateLoop) {
         EXPECT_EQ(Dovel::BundleController::automaticCoreCount(), 1);
     }
     // The client's session is closed; the hook's next run drops its core.
+    EXPECT_TRUE(waitUntil([&] {
+        Tessel::UpdateLoop::wake();
+        return Dovel::BundleController::automaticCoreCount() == 0;
+    }));
+    stopLoop.store(true);
+    Tessel::UpdateLoop::wake();
+    hostLoop.join();
+}
+
+TEST(EndToEnd, AServerAndAClientWithoutDriversShareTheHostUpdateLoop) {
+    // Both trees live on the one host tree thread; the hook runs both sessions.
+    Dovel::RemoteNode shared(nullptr, "shared");
+    Dovel::RemoteNode mirror(nullptr, "mirror");
+    auto* value = new AttributeT<float>();
+    value->setValue(1.0f, L2);
+    ASSERT_TRUE(shared.addDeepAttribute("scene/value", value));
+    std::atomic<bool> stopLoop{false};
+    std::thread hostLoop([&] {
+        while (!stopLoop.load())
+            Tessel::UpdateLoop::waitAndRun(60000);
+    });
+    auto valueOf = [&](Dovel::RemoteNode& node) {
+        std::atomic<bool> done{false};
+        float result = std::numeric_limits<float>::quiet_NaN();
+        Tessel::UpdateLoop::post([&] {
+            if (auto* a = typed<float>(node, "scene/value"))
+                result = a->value();
+            done.store(true);
+        });
+        EXPECT_TRUE(waitUntil([&] { return done.load(); }));
+        return result;
+    };
+    {
+        SessionServer server(shared, nullptr);
+        ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+        SessionClient client(mirror, nullptr);
+        client.connectToHost("127.0.0.1", server.port());
+        EXPECT_TRUE(waitUntil([&] { return valueOf(mirror) == 1.0f; }));
+        EXPECT_EQ(Dovel::BundleController::automaticCoreCount(), 2);
+        std::atomic<bool> set{false};
+        Tessel::UpdateLoop::post([&] {
+            typed<float>(mirror, "scene/value")->setValue(8.0f, L2);
+            set.store(true);
+        });
+        ASSERT_TRUE(waitUntil([&] { return set.load(); }));
+        EXPECT_TRUE(waitUntil([&] { return valueOf(shared) == 8.0f; }));
+    }
     EXPECT_TRUE(waitUntil([&] {
         Tessel::UpdateLoop::wake();
         return Dovel::BundleController::automaticCoreCount() == 0;

@@ -22,7 +22,8 @@ TEST(SessionStateAndCounters, AClientRetriesUntilAServerListensAndReportsEachSte
     EXPECT_EQ(client.state(), SessionState::Idle);
     client.connectToHost("127.0.0.1", port);
     EXPECT_TRUE(waitUntil([&] {
-        return client.state() == SessionState::Retrying && client.stats().connectFailures.load() > 0;
+        return client.state() == SessionState::Retrying &&
+               client.stats().connectFailures.load() > 0;
     }));
     EXPECT_EQ(client.stats().sessionsStarted.load(), 0u);
 
@@ -41,9 +42,8 @@ TEST(SessionStateAndCounters, AClientRetriesUntilAServerListensAndReportsEachSte
     client.stop();
     EXPECT_EQ(client.state(), SessionState::Idle);
     EXPECT_EQ(client.stats().sessionsEnded.load(), 1u);
-    EXPECT_TRUE(waitUntil([&] {
-        return server.clientCount() == 0 && server.stats().sessionsEnded.load() == 1u;
-    }));
+    EXPECT_TRUE(waitUntil(
+        [&] { return server.clientCount() == 0 && server.stats().sessionsEnded.load() == 1u; }));
     EXPECT_EQ(mirror.driver.controllerCount(), 0);
     EXPECT_TRUE(waitUntil([&] { return master.driver.controllerCount() == 0; }));
 }
