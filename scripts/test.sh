@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds Dovel and runs the whole suite three times: a plain build, one under
-# AddressSanitizer and UndefinedBehaviorSanitizer, and one under ThreadSanitizer; then
-# runs every fuzz target briefly. Exits non-zero on any failure.
+# Builds Dovel and runs the whole suite three times: a plain build (followed by a short
+# soak of four processes), one under AddressSanitizer and UndefinedBehaviorSanitizer,
+# and one under ThreadSanitizer; then runs every fuzz target briefly. Exits non-zero on
+# any failure.
 # Usage: scripts/test.sh            (from anywhere; build folders go to the repo root)
 #        scripts/test.sh --tsan     the suite under ThreadSanitizer alone, in build-tsan
 set -euo pipefail
@@ -41,6 +42,9 @@ if [ "$tsan" -eq 1 ]; then
 fi
 
 run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+echo "== soak (a server and three clients, 20 seconds)"
+bash scripts/soak.sh 20 "$root/build"
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
