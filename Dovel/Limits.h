@@ -16,6 +16,13 @@ constexpr int MaxMapBlockBytes = 16 << 20;
 // and skip): one bundle or one file part.
 constexpr int MaxReadBytes = 128 << 20;
 
+// Largest bundle payload a peer may announce in a bundle header; a larger one
+// disconnects before anything is set aside for it (processDovel2).
+constexpr int MaxBundlePayloadBytes = 64 << 20;
+// Most bundles a peer may announce in one "dovel2 N" line; a larger count disconnects,
+// since the batch's vector is sized by it (processDovel2).
+constexpr int MaxBundlesPerBatch = 1 << 16;
+
 // Most symbols a peer may define in one session's receive-side registry
 // (SymbolRegistryReceiver::handleBundle).
 constexpr int MaxPeerSymbols = 1 << 20;

@@ -173,6 +173,11 @@ void ConnectionThread::failConnection() {
     running.store(false);
 }
 
+void ConnectionThread::abortConnection() {
+    failConnection();
+    closeSocket();
+}
+
 void ConnectionThread::rejectSize(const char* operation, const char* what, int64_t size,
                                   int64_t limit) {
     Basalt::Trace::warning("ConnectionThread::%s # %s of %lld from %s:%d exceeds the limit of "

@@ -93,6 +93,10 @@ public:
     bool readData(uint8_t* dst, int size);
     bool skip(int size);
     QMap<QString, QString> readMap(int count);
+    // Ends the connection at once from a subclass's framing (the connection's own thread)
+    // when the peer announced something it must not send, after the caller logged why:
+    // as a failed read does, and the socket closes so that nothing more is read.
+    void abortConnection();
 
     void setRemoteVersion(int major, int minor, int patch, const QString& suffix);
     QString remoteVersion() const;

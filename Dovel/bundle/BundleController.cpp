@@ -1,0 +1,360 @@
+#include "Dovel/bundle/BundleController.h"
+
+#include "Dovel/bundle/BundleReader.h"
+#include "Dovel/bundle/SymbolRegistryReceiver.h"
+#include "Dovel/sync/AttributeRemoveReceiver.h"
+#include "Dovel/sync/AttributeStorage.h"
+#include "Dovel/sync/AttributeUpdateReceiver.h"
+#include "Dovel/sync/NewAttributeReceiver.h"
+#include "Dovel/sync/NodeChangeSender.h"
+#include "Dovel/sync/OneWayEventReceiver.h"
+#include "Dovel/sync/RemoteNode.h"
+#include "Dovel/transport/Connection.h"
+
+#include "Basalt/Trace.h"
+#include "Tessel/Node.h"
+#include "Tessel/UpdateLoop.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <exception>
+#include <set>
+
+namespace Dovel {
+
+namespace {
+
+using CorePtr = std::shared_ptr<BundleController::Core>;
+
+// The process-wide list of automatic cores. The mutex is recursive: a core released
+// under it may unregister listeners whose removal reports back here.
+struct CoreList {
+    Basalt::Mutex mutex{true};
+    std::vector<CorePtr> cores;
+    // Whether the hook waits in the update loop, so that it is never queued twice.
+    bool hookQueued = false;
+};
+
+CoreList& coreList() {
+    // Never destroyed: controllers may die in static destructors of other units.
+    static CoreList* list = new CoreList;
+    return *list;
+}
+
+void updateCores(const std::vector<CorePtr>& cores) {
+    std::set<RemoteNode*> nodes; // distinct nodes, ordered by address
+    for (const CorePtr& core : cores) {
+        if (core->isNodeGone() || (core->isClosed() && !core->isInitialized()))
+            continue;
+        core->ensureIsInitialized();
+        core->runTasks();
+        core->runTasks();
+        if (core->isEnabled())
+            nodes.insert(&core->node());
+    }
+    for (RemoteNode* node : nodes)
+        node->update();
+    for (RemoteNode* node : nodes)
+        node->update();
+    for (const CorePtr& core : cores)
+        if (core->isEnabled())
+            core->flush();
+    for (RemoteNode* node : nodes)
+        node->update();
+}
+
+void runHook() {
+    CoreList& list = coreList();
+    std::vector<CorePtr> copy;
+    std::vector<CorePtr> closed;
+    {
+        Basalt::Guard guard(list.mutex);
+        for (CorePtr& core : list.cores)
+            (core->isClosed() ? closed : copy).push_back(std::move(core));
+        list.cores = copy;
+    }
+    closed.clear(); // destroyed without the list's lock
+    updateCores(copy);
+    copy.clear();
+    Basalt::Guard guard(list.mutex);
+    if (list.cores.empty()) {
+        list.hookQueued = false;
+    } else {
+        Tessel::Node::invokeAfterUpdate(runHook);
+    }
+}
+
+} // namespace
+
+// ---- Core ----
+
+BundleController::Core::Core(RemoteNode& node, const BundleControllerParams& p)
+    : params(std::make_unique<BundleControllerParams>(p)), remoteNode(node),
+      wakeUp(p.wakeUp), counters(p.counters), autoUpdate(p.autoUpdate) {
+    if (!wakeUp && autoUpdate)
+        wakeUp = [] { Tessel::UpdateLoop::wake(); };
+}
+
+BundleController::Core::~Core() {
+    if (!nodeGone.load()) {
+        if (destroyedListenerId != -1)
+            remoteNode.eventRemoveListener(destroyedListenerId);
+        if (changeWakeId >= 0)
+            remoteNode.removeAttributeChangeListener(changeWakeId);
+        if (eventWakeId >= 0)
+            remoteNode.removeEventLIstener(eventWakeId);
+    }
+    tasks.clear();
+    // The modules go before the storage and registries they point into.
+    oneWayEventReceiver.reset();
+    attributeUpdateReceiver.reset();
+    newAttributeReceiver.reset();
+    attributeRemoveReceiver.reset();
+    nodeChangeSender.reset();
+    connection.reset();
+}
+
+void BundleController::Core::wake() const {
+    if (wakeUp)
+        wakeUp();
+}
+
+void BundleController::Core::ensureIsInitialized() {
+    if (!params || nodeGone.load())
+        return;
+    attributeStorage = std::make_shared<AttributeStorage>(remoteNode);
+    enabled.store(params->enabled);
+    dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(symbolRegistry));
+    nodeChangeSender = std::make_shared<NodeChangeSender>(remoteNode, *attributeStorage, typeRegistry);
+    dispatcher.addSender(nodeChangeSender);
+    attributeRemoveReceiver =
+        std::make_shared<AttributeRemoveReceiver>(remoteNode, *attributeStorage, *nodeChangeSender);
+    newAttributeReceiver = std::make_shared<NewAttributeReceiver>(
+        remoteNode, *attributeStorage, symbolRegistry, typeRegistry, *nodeChangeSender);
+    attributeUpdateReceiver =
+        std::make_shared<AttributeUpdateReceiver>(*attributeStorage, *nodeChangeSender);
+    oneWayEventReceiver = std::make_shared<OneWayEventReceiver>(symbolRegistry);
+    dispatcher.addModule(attributeRemoveReceiver);
+    dispatcher.addModule(newAttributeReceiver);
+    dispatcher.addModule(attributeUpdateReceiver);
+    dispatcher.addModule(oneWayEventReceiver);
+    connection = params->connection;
+    newAttributeReceiver->setSkipStaleValues(params->isMaster);
+    attributeUpdateReceiver->setSkipStaleUpdates(params->isMaster);
+    if (params->oneWayEventHandler) {
+        oneWayEventReceiver->setHandler(params->oneWayEventHandler);
+    } else {
+        oneWayEventReceiver->setHandler([this](const QByteArray& name, Basalt::BinaryData& data) {
+            remoteNode.handleRemoteEvent(name, data, long(reinterpret_cast<intptr_t>(this)));
+        });
+    }
+    newAttributeReceiver->setCreateMissingAttributes(params->createMissingAttributes);
+    params.reset();
+    if (wakeUp) {
+        // Local changes and events wait for the next output pass: wake the tree thread.
+        changeWakeId = remoteNode.addAttributeChangeListener(
+            [this](const NodeWatcher::Event&) { wake(); });
+        eventWakeId = remoteNode.addEventListener([this](const RemoteNode::Event&) { wake(); });
+    }
+    remoteNode.update();
+    nodeChangeSender->sendInitialValues();
+}
+
+void BundleController::Core::addTask(const Task& task) {
+    {
+        Basalt::Guard guard(mutex);
+        tasks.push_back(task);
+    }
+    wake();
+}
+
+void BundleController::Core::runTasks() {
+    std::vector<Task> batch;
+    {
+        Basalt::Guard guard(mutex);
+        batch.swap(tasks);
+    }
+    for (const Task& task : batch)
+        task(*this);
+}
+
+void BundleController::Core::flush() {
+    if (nodeGone.load())
+        return;
+    std::vector<Bundle> out;
+    dispatcher.writeUpdates(out);
+    if (counters && !out.empty()) {
+        uint64_t bytes = 0;
+        for (const Bundle& bundle : out)
+            bytes += bundle.size();
+        counters->batchesSent += 1;
+        counters->bundlesSent += out.size();
+        counters->bytesSent += bytes;
+    }
+    if (connection)
+        connection->send(out);
+}
+
+void BundleController::Core::process(const std::vector<Bundle>& bundles) {
+    if (nodeGone.load())
+        return;
+    ensureIsInitialized();
+    if (!bundles.empty() && enabled.load()) {
+        // Local changes made before the batch came leave before it is applied.
+        remoteNode.update();
+        if (enabled.load())
+            flush();
+    }
+    for (const Bundle& bundle : bundles) {
+        BundleReader reader(bundle);
+        try {
+            dispatcher.dispatchBundle(reader);
+            if (counters) {
+                counters->bundlesReceived += 1;
+                counters->bytesReceived += bundle.size();
+            }
+        } catch (const std::exception& e) {
+            Basalt::Trace::warning("BundleController::process # Failed to process bundle of type "
+                                   "type %d: %s",
+                                   int(bundle.headerWord(BundleCore::MessageTypeWord)), e.what());
+            if (counters)
+                counters->bundlesFailed += 1;
+        }
+    }
+}
+
+// ---- BundleController ----
+
+std::shared_ptr<BundleController> BundleController::create(RemoteNode& node,
+                                                           const BundleControllerParams& params) {
+    return std::make_shared<BundleController>(node, params);
+}
+
+BundleController::BundleController(RemoteNode& node, const BundleControllerParams& params)
+    : master(params.isMaster), autoUpdate(params.autoUpdate) {
+    CorePtr created = std::make_shared<Core>(node, params);
+    core = created;
+    if (!autoUpdate) {
+        ownedCore = created;
+    } else {
+        CoreList& list = coreList();
+        Basalt::Guard guard(list.mutex);
+        list.cores.push_back(created);
+        if (!list.hookQueued) {
+            list.hookQueued = true;
+            Tessel::Node::invokeAfterUpdate(runHook);
+        }
+    }
+    std::weak_ptr<Core> weak = created;
+    created->destroyedListenerId = int(node.eventAddListener(
+        QByteArrayLiteral("destroyed"),
+        [weak] {
+            CorePtr gone = weak.lock();
+            if (!gone)
+                return;
+            // The node drops its listeners itself; nothing may be unregistered from it.
+            gone->nodeGone.store(true);
+            CorePtr removed;
+            {
+                CoreList& list = coreList();
+                Basalt::Guard guard(list.mutex);
+                auto it = std::find(list.cores.begin(), list.cores.end(), gone);
+                if (it != list.cores.end()) {
+                    removed = std::move(*it);
+                    list.cores.erase(it);
+                }
+            }
+        },
+        Tessel::Node::Direct));
+}
+
+BundleController::BundleController(const BundleController& other)
+    : master(other.master), autoUpdate(other.autoUpdate), core(other.core),
+      ownedCore(other.ownedCore) {}
+
+BundleController::~BundleController() {
+    {
+        CoreList& list = coreList();
+        Basalt::Guard guard(list.mutex);
+        if (CorePtr alive = core.lock())
+            alive->closed.store(true);
+    }
+    ownedCore.reset();
+    core.reset();
+}
+
+void BundleController::addTask(const Task& task) {
+    CorePtr target;
+    {
+        CoreList& list = coreList();
+        Basalt::Guard guard(list.mutex);
+        target = core.lock();
+        if (!target || target->nodeGone.load())
+            return;
+        Basalt::Guard coreGuard(target->mutex);
+        target->tasks.push_back(task);
+    }
+    target->wake();
+}
+
+void BundleController::scheduleProcess(const std::vector<Bundle>& bundles) {
+    if (CorePtr alive = core.lock())
+        if (alive->counters)
+            alive->counters->batchesReceived += 1;
+    addTask([bundles](Core& c) { c.process(bundles); });
+}
+
+void BundleController::setEnabled(bool enabled) {
+    addTask([enabled](Core& c) { c.setEnabled(enabled); });
+}
+
+void BundleController::debugDump() {
+    addTask([](Core& c) {
+        c.ensureIsInitialized();
+        if (c.storage())
+            c.storage()->debugDump();
+    });
+}
+
+void BundleController::update() {
+    if (autoUpdate || !ownedCore || ownedCore->nodeGone.load())
+        return;
+    updateCores({ownedCore});
+}
+
+void BundleController::update(const std::vector<std::shared_ptr<BundleController>>& controllers) {
+    std::vector<CorePtr> cores;
+    for (const auto& controller : controllers)
+        if (controller && !controller->autoUpdate && controller->ownedCore &&
+            !controller->ownedCore->nodeGone.load())
+            cores.push_back(controller->ownedCore);
+    updateCores(cores);
+}
+
+void BundleController::ensureIsInitialized() {
+    if (CorePtr alive = core.lock())
+        alive->ensureIsInitialized();
+}
+
+void BundleController::process(const std::vector<Bundle>& bundles) {
+    if (CorePtr alive = core.lock())
+        alive->process(bundles);
+}
+
+Basalt::SymbolRegistry& BundleController::symbolRegistryRecv() {
+    ensureIsInitialized();
+    return core.lock()->symbolRegistry;
+}
+
+Basalt::SymbolRegistry& BundleController::symbolRegistrySend() {
+    ensureIsInitialized();
+    return core.lock()->remoteNode.symbolRegistry();
+}
+
+int BundleController::automaticCoreCount() {
+    CoreList& list = coreList();
+    Basalt::Guard guard(list.mutex);
+    return int(list.cores.size());
+}
+
+} // namespace Dovel

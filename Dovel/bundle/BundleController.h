@@ -1,0 +1,178 @@
+// The public handle of one synchronisation session between a local RemoteNode and one
+// peer. Behind it a Core owns the session's dispatcher, registries, attribute storage
+// and modules. Bundles arrive on a connection thread and are only queued there
+// (scheduleProcess); the tasks, the node updates and the output passes run on the
+// tree's thread: when the owner calls update() (manual mode), or from a process-wide
+// hook that runs after each pass of the host's update loop (automatic mode).
+//
+// Threads: scheduleProcess, setEnabled, debugDump and addTask may be called from any
+// thread; everything else of a core runs on the tree thread. Lock order: the
+// process-wide core list before a core's mutex; no lock is held while tasks run or
+// while Connection::send is called.
+//
+// Beyond the session's own needs this header makes public what the application-level
+// classes of Dovel/session use: addTask and isMaster, a static update over several
+// manual controllers (one tree thread serving many peers), the optional wake-up
+// callback and the counters of BundleControllerParams.
+#pragma once
+
+#include "Dovel/bundle/Bundle.h"
+#include "Dovel/bundle/BundleCounters.h"
+#include "Dovel/bundle/BundleDispatcher.h"
+#include "Dovel/types/TypeRegistry.h"
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/Mutex.h"
+#include "Basalt/SymbolRegistry.h"
+
+#include <QByteArray>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace Dovel {
+
+class AttributeRemoveReceiver;
+class AttributeStorage;
+class AttributeUpdateReceiver;
+class Connection;
+class NewAttributeReceiver;
+class NodeChangeSender;
+class OneWayEventReceiver;
+class RemoteNode;
+
+struct BundleControllerParams {
+    // Where output bundles go; may be empty.
+    std::shared_ptr<Connection> connection;
+    // Incoming one-way events; empty: RemoteNode::handleRemoteEvent of the node.
+    std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
+    // This side wins conflicting values.
+    bool isMaster = false;
+    bool createMissingAttributes = false;
+    // The initial value of the core's enabled flag.
+    bool enabled = true;
+    // True: driven by the host's update loop; false: the owner calls update().
+    bool autoUpdate = true;
+    // Called, on any thread, when work waits for the tree thread: a queued task, or a
+    // local change or event that the next output pass will send. Empty: automatic
+    // controllers wake Tessel::UpdateLoop, manual ones call nothing.
+    std::function<void()> wakeUp;
+    // Added to by the session when set.
+    std::shared_ptr<BundleCounters> counters;
+};
+
+class BundleController {
+public:
+    class Core;
+    using Task = std::function<void(Core&)>;
+
+    static std::shared_ptr<BundleController> create(RemoteNode& node,
+                                                    const BundleControllerParams& params);
+    BundleController(RemoteNode& node, const BundleControllerParams& params);
+    BundleController(const BundleController& other);
+    BundleController& operator=(const BundleController&) = delete;
+    ~BundleController();
+
+    // Queues incoming bundles (any thread); dropped when the core is gone.
+    void scheduleProcess(const std::vector<Bundle>& bundles);
+    // Queues a task that sets the core's enabled flag.
+    void setEnabled(bool enabled);
+    // Manual mode: runs the session's tasks, node updates and output on the calling
+    // thread. Does nothing on an automatic controller.
+    void update();
+    // Manual mode: one update over several controllers, so that a node shared by them
+    // is updated three times in all rather than three times per controller. Automatic
+    // controllers in the list are skipped.
+    static void update(const std::vector<std::shared_ptr<BundleController>>& controllers);
+    // Queues a task that initialises the core and logs its attribute storage.
+    void debugDump();
+
+    // Queues `task` to run with the core on the tree thread (any thread); dropped
+    // silently when the core is gone.
+    void addTask(const Task& task);
+    bool isMaster() const { return master; }
+    bool isAutoUpdate() const { return autoUpdate; }
+    // The core while it lives; null once it is gone.
+    std::shared_ptr<Core> lockCore() const { return core.lock(); }
+
+    // Tree thread: initialise and dispatch directly (what the queued task does).
+    void process(const std::vector<Bundle>& bundles);
+    // Tree thread: the receive-side registry of the peer's symbols and the node's own
+    // registry. The caller keeps the controller alive while it uses them.
+    Basalt::SymbolRegistry& symbolRegistryRecv();
+    Basalt::SymbolRegistry& symbolRegistrySend();
+
+    // The number of automatic cores in the process-wide list (for tests).
+    static int automaticCoreCount();
+
+private:
+    void ensureIsInitialized();
+
+    bool master;
+    bool autoUpdate;
+    std::weak_ptr<Core> core;
+    std::shared_ptr<Core> ownedCore;
+};
+
+class BundleController::Core {
+public:
+    Core(RemoteNode& node, const BundleControllerParams& params);
+    ~Core();
+    Core(const Core&) = delete;
+    Core& operator=(const Core&) = delete;
+
+    // Runs once; creates the modules in the session's order and announces the tree.
+    void ensureIsInitialized();
+    bool isInitialized() const { return !params; }
+    void runTasks();
+    void flush();
+    void process(const std::vector<Bundle>& bundles);
+    void addTask(const Task& task); // with coreListMutex held by the caller or not
+    void wake() const;
+
+    RemoteNode& node() { return remoteNode; }
+    BundleDispatcher& bundleDispatcher() { return dispatcher; }
+    Basalt::SymbolRegistry& peerSymbols() { return symbolRegistry; }
+    AttributeStorage* storage() { return attributeStorage.get(); }
+    NodeChangeSender* sender() { return nodeChangeSender.get(); }
+    bool isEnabled() const { return enabled.load(); }
+    void setEnabled(bool on) { enabled.store(on); }
+    bool isClosed() const { return closed.load(); }
+    // The node sent "destroyed": the core does nothing more.
+    bool isNodeGone() const { return nodeGone.load(); }
+
+private:
+    friend class BundleController;
+
+    std::unique_ptr<BundleControllerParams> params;
+    RemoteNode& remoteNode;
+    BundleDispatcher dispatcher;
+    Basalt::SymbolRegistry symbolRegistry;
+    TypeRegistry typeRegistry;
+    std::shared_ptr<AttributeStorage> attributeStorage;
+    std::shared_ptr<NodeChangeSender> nodeChangeSender;
+    std::shared_ptr<NewAttributeReceiver> newAttributeReceiver;
+    std::shared_ptr<AttributeUpdateReceiver> attributeUpdateReceiver;
+    std::shared_ptr<AttributeRemoveReceiver> attributeRemoveReceiver;
+    std::shared_ptr<OneWayEventReceiver> oneWayEventReceiver;
+    std::shared_ptr<Connection> connection;
+    std::atomic<bool> enabled{true};
+    Basalt::Mutex mutex{false};
+    std::vector<Task> tasks;
+    std::atomic<bool> closed{false};
+    int destroyedListenerId = -1;
+
+    // Kept apart from params, which initialisation releases.
+    std::function<void()> wakeUp;
+    std::shared_ptr<BundleCounters> counters;
+    bool autoUpdate = true;
+    // Listeners on the node that wake the tree thread for local changes.
+    long changeWakeId = -1;
+    long eventWakeId = -1;
+    // Set when the node sends "destroyed": nothing may be unregistered from it then.
+    std::atomic<bool> nodeGone{false};
+};
+
+} // namespace Dovel

@@ -1,0 +1,53 @@
+// A client that mirrors a server's tree into a local RemoteNode: it connects, creates
+// the attributes the server announces that the tree lacks, keeps both trees in step,
+// and after a failure reconnects and starts a fresh session, which announces both
+// trees again in full.
+//
+// Usage (with a SessionDriver as the tree thread):
+//     Dovel::SessionDriver driver;
+//     Dovel::SessionClient client(mirror, &driver);
+//     client.connectToHost("127.0.0.1", 5000);
+// Thread-safe; the node belongs to the driver's thread (or, without a driver, to the
+// thread that runs Tessel::UpdateLoop).
+#pragma once
+
+#include "Dovel/session/SessionConnection.h"
+#include "Dovel/session/SessionStats.h"
+
+#include <QString>
+
+#include <memory>
+
+namespace Dovel {
+
+class SessionClient {
+public:
+    struct Options {
+        bool createMissingAttributes = true;
+        // Incoming one-way events; empty: the node's event listeners.
+        std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
+    };
+
+    // `driver` null: the sessions run from the host's update loop.
+    SessionClient(RemoteNode& node, SessionDriver* driver);
+    SessionClient(RemoteNode& node, SessionDriver* driver, Options options);
+    // Stops and waits for the connection's threads.
+    ~SessionClient();
+    SessionClient(const SessionClient&) = delete;
+    SessionClient& operator=(const SessionClient&) = delete;
+
+    // Connects, and keeps reconnecting after every failure until stop().
+    void connectToHost(const QString& host, int port);
+    // Ends the connection and the retries; waits for them.
+    void stop();
+
+    SessionState state() const { return connection_->state(); }
+    bool isConnected() const { return state() == SessionState::Connected; }
+    const SessionStats& stats() const { return connection_->stats(); }
+    SessionConnection& connection() { return *connection_; }
+
+private:
+    std::shared_ptr<SessionConnection> connection_;
+};
+
+} // namespace Dovel

@@ -1,0 +1,135 @@
+#include "Dovel/session/SessionConnection.h"
+
+#include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/SessionDriver.h"
+#include "Dovel/transport/Dovel1Connection.h"
+#include "Dovel/transport/ProcessDovel2.h"
+
+#include "Basalt/Trace.h"
+
+namespace Dovel {
+
+// The session's outgoing side: a Dovel1Connection that can be closed, after which a
+// late output pass of the ended session sends nothing.
+class SessionConnection::Output : public Dovel1Connection {
+public:
+    using Dovel1Connection::Dovel1Connection;
+
+    void send(const std::vector<Bundle>& bundles) override {
+        Basalt::Guard guard(mutex);
+        if (open)
+            Dovel1Connection::send(bundles);
+    }
+    void close() {
+        Basalt::Guard guard(mutex);
+        open = false;
+    }
+
+private:
+    Basalt::Mutex mutex;
+    bool open = true;
+};
+
+SessionConnection::SessionConnection(Basalt::TCPSocket* socket, bool serverSide,
+                                     SessionConfig cfg)
+    : ConnectionThread(socket, serverSide), config(std::move(cfg)) {
+    if (!config.stats)
+        config.stats = std::make_shared<SessionStats>();
+    if (serverSide)
+        state_.store(SessionState::Handshaking);
+}
+
+SessionConnection::~SessionConnection() {
+    shutdown();
+    endSession();
+}
+
+std::shared_ptr<BundleController> SessionConnection::controller() const {
+    Basalt::Guard guard(sessionMutex);
+    return session;
+}
+
+bool SessionConnection::parse(const QString& line) {
+    return processDovel2(controller(), *this, line);
+}
+
+bool SessionConnection::openConnection() {
+    state_.store(SessionState::Connecting);
+    const bool opened = ConnectionThread::openConnection();
+    if (opened)
+        state_.store(SessionState::Handshaking);
+    return opened;
+}
+
+bool SessionConnection::handshake() {
+    state_.store(SessionState::Handshaking);
+    const bool ok = ConnectionThread::handshake();
+    if (!ok) {
+        config.stats->handshakeFailures += 1;
+        state_.store(isServerSide() || isStopping() ? SessionState::Idle : SessionState::Retrying);
+    }
+    return ok;
+}
+
+void SessionConnection::connected() {
+    if (!config.node)
+        return;
+    // Batches of an earlier session that never left must not reach the new peer.
+    writerThread()->removeFromBuffer(Dovel1Connection::WriterKey);
+    auto out = std::make_shared<Output>(weak_from_this());
+    BundleControllerParams params;
+    params.connection = out;
+    params.oneWayEventHandler = config.oneWayEventHandler;
+    params.isMaster = config.master;
+    params.createMissingAttributes = config.createMissingAttributes;
+    params.enabled = true;
+    params.autoUpdate = config.driver == nullptr;
+    if (config.driver)
+        params.wakeUp = config.driver->wakeUpCallback();
+    params.counters = config.stats;
+    std::shared_ptr<BundleController> created = BundleController::create(*config.node, params);
+    {
+        Basalt::Guard guard(sessionMutex);
+        session = created;
+        output = out;
+    }
+    if (config.driver)
+        config.driver->addController(std::move(created));
+    config.stats->sessionsStarted += 1;
+    state_.store(SessionState::Connected);
+}
+
+void SessionConnection::endSession() {
+    std::shared_ptr<BundleController> ended;
+    std::shared_ptr<Output> out;
+    {
+        Basalt::Guard guard(sessionMutex);
+        ended.swap(session);
+        out.swap(output);
+    }
+    if (!ended)
+        return;
+    out->close();
+    writerThread()->removeFromBuffer(Dovel1Connection::WriterKey);
+    config.stats->sessionsEnded += 1;
+    if (config.driver)
+        config.driver->removeController(std::move(ended));
+    // An automatic controller's core is released by the next hook run, on the tree thread.
+}
+
+void SessionConnection::disconnected() {
+    endSession();
+    state_.store(isServerSide() || isStopping() ? SessionState::Idle : SessionState::Retrying);
+}
+
+void SessionConnection::connectionFailed() {
+    config.stats->connectFailures += 1;
+    state_.store(isStopping() ? SessionState::Idle : SessionState::Retrying);
+}
+
+void SessionConnection::retryProgress(double) {
+    if (!isStopping())
+        state_.store(SessionState::Retrying);
+}
+
+} // namespace Dovel

@@ -1,0 +1,73 @@
+// A connection that carries one binary session at a time: when its handshake succeeds
+// it starts a fresh BundleController over the configured RemoteNode, with a
+// Dovel1Connection to itself as the outgoing side; its parse() hands "dovel2" lines to
+// that session; when the connection ends the session is closed and dropped, together
+// with any of its batches still waiting in the writer, so that a reconnected client
+// starts the next session from scratch.
+//
+// The controllers are manual and updated by the configured SessionDriver, or, without
+// a driver, automatic and run by the host's update loop (Tessel::UpdateLoop).
+// Threads: the hooks run on the connection's thread; state(), stats() and controller()
+// on any thread.
+#pragma once
+
+#include "Dovel/session/SessionStats.h"
+#include "Dovel/transport/ConnectionThread.h"
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/Mutex.h"
+
+#include <QByteArray>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+
+namespace Dovel {
+
+class BundleController;
+class RemoteNode;
+class SessionDriver;
+
+struct SessionConfig {
+    RemoteNode* node = nullptr;      // the shared tree; outlives the connection
+    SessionDriver* driver = nullptr; // null: automatic controllers
+    bool master = false;
+    bool createMissingAttributes = true;
+    // Incoming one-way events; empty: the node's local event listeners get them.
+    std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
+    // Where the sessions count; a server shares one among its connections.
+    std::shared_ptr<SessionStats> stats;
+};
+
+class SessionConnection : public ConnectionThread {
+public:
+    SessionConnection(Basalt::TCPSocket* socket, bool serverSide, SessionConfig config);
+    ~SessionConnection() override;
+
+    SessionState state() const { return state_.load(); }
+    const SessionStats& stats() const { return *config.stats; }
+    // The running session, or null between sessions.
+    std::shared_ptr<BundleController> controller() const;
+
+protected:
+    bool parse(const QString& line) override;
+    bool openConnection() override;
+    bool handshake() override;
+    void connected() override;
+    void disconnected() override;
+    void connectionFailed() override;
+    void retryProgress(double secondsLeft) override;
+
+private:
+    class Output;
+    void endSession();
+
+    SessionConfig config;
+    std::atomic<SessionState> state_{SessionState::Idle};
+    mutable Basalt::Mutex sessionMutex; // guards session and output
+    std::shared_ptr<BundleController> session;
+    std::shared_ptr<Output> output;
+};
+
+} // namespace Dovel

@@ -1,0 +1,187 @@
+#include "Dovel/session/SessionDriver.h"
+
+#include "Dovel/bundle/BundleController.h"
+
+#include "Basalt/Trace.h"
+
+#include <algorithm>
+#include <exception>
+
+namespace Dovel {
+
+namespace {
+// A pass also runs when nothing woke the thread for this long: a safety net only.
+constexpr auto IdlePass = std::chrono::seconds(1);
+} // namespace
+
+struct SessionDriver::Shared {
+    mutable std::mutex mutex;
+    std::condition_variable condition;
+    bool woken = false;
+    bool stopping = false;
+    std::vector<std::function<void()>> posted;
+    std::vector<std::shared_ptr<BundleController>> controllers;
+    std::vector<std::shared_ptr<BundleController>> retired;
+    uint64_t passes = 0;
+    std::thread::id treeThread;
+
+    void wake() {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!woken) {
+            woken = true;
+            condition.notify_all();
+        }
+    }
+};
+
+SessionDriver::SessionDriver() : shared(std::make_shared<Shared>()) {
+    thread = std::thread([this] { loop(); });
+}
+
+SessionDriver::~SessionDriver() {
+    {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        shared->stopping = true;
+        shared->condition.notify_all();
+    }
+    thread.join();
+    std::vector<std::function<void()>> posted;
+    std::vector<std::shared_ptr<BundleController>> controllers;
+    std::vector<std::shared_ptr<BundleController>> retired;
+    {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        posted.swap(shared->posted);
+        controllers.swap(shared->controllers);
+        retired.swap(shared->retired);
+    }
+}
+
+void SessionDriver::loop() {
+    {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        shared->treeThread = std::this_thread::get_id();
+    }
+    for (;;) {
+        std::vector<std::function<void()>> posted;
+        std::vector<std::shared_ptr<BundleController>> controllers;
+        std::vector<std::shared_ptr<BundleController>> retired;
+        {
+            std::unique_lock<std::mutex> lock(shared->mutex);
+            shared->condition.wait_for(lock, IdlePass,
+                                       [this] { return shared->woken || shared->stopping; });
+            if (shared->stopping)
+                return;
+            shared->woken = false;
+            posted.swap(shared->posted);
+            controllers = shared->controllers;
+            retired.swap(shared->retired);
+        }
+        retired.clear(); // released here, on the tree thread
+        for (const auto& function : posted) {
+            try {
+                function();
+            } catch (const std::exception& e) {
+                Basalt::Trace::error("SessionDriver::loop # A posted function threw: %s", e.what());
+            }
+        }
+        posted.clear();
+        BundleController::update(controllers);
+        controllers.clear();
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        ++shared->passes;
+    }
+}
+
+void SessionDriver::post(std::function<void()> function) {
+    std::lock_guard<std::mutex> lock(shared->mutex);
+    shared->posted.push_back(std::move(function));
+    shared->woken = true;
+    shared->condition.notify_all();
+}
+
+bool SessionDriver::call(const std::function<void()>& function) {
+    if (isTreeThread()) {
+        function();
+        return true;
+    }
+    struct Done {
+        std::mutex mutex;
+        std::condition_variable condition;
+        bool ran = false;
+        bool dropped = false;
+    };
+    auto done = std::make_shared<Done>();
+    {
+        // The guard's destructor tells the waiter when the function is dropped unrun.
+        struct Signal {
+            std::shared_ptr<Done> done;
+            ~Signal() {
+                if (!done)
+                    return;
+                std::lock_guard<std::mutex> lock(done->mutex);
+                done->dropped = !done->ran;
+                done->condition.notify_all();
+            }
+        };
+        auto signal = std::make_shared<Signal>();
+        signal->done = done;
+        post([signal, &function] {
+            function();
+            std::lock_guard<std::mutex> lock(signal->done->mutex);
+            signal->done->ran = true;
+            signal->done->condition.notify_all();
+        });
+    }
+    std::unique_lock<std::mutex> lock(done->mutex);
+    done->condition.wait(lock, [&] { return done->ran || done->dropped; });
+    return done->ran;
+}
+
+void SessionDriver::wake() {
+    shared->wake();
+}
+
+std::function<void()> SessionDriver::wakeUpCallback() const {
+    std::weak_ptr<Shared> weak = shared;
+    return [weak] {
+        if (std::shared_ptr<Shared> alive = weak.lock())
+            alive->wake();
+    };
+}
+
+bool SessionDriver::isTreeThread() const {
+    std::lock_guard<std::mutex> lock(shared->mutex);
+    return std::this_thread::get_id() == shared->treeThread;
+}
+
+void SessionDriver::addController(std::shared_ptr<BundleController> controller) {
+    if (!controller)
+        return;
+    std::lock_guard<std::mutex> lock(shared->mutex);
+    shared->controllers.push_back(std::move(controller));
+    shared->woken = true;
+    shared->condition.notify_all();
+}
+
+void SessionDriver::removeController(std::shared_ptr<BundleController>&& controller) {
+    if (!controller)
+        return;
+    std::lock_guard<std::mutex> lock(shared->mutex);
+    auto& list = shared->controllers;
+    list.erase(std::remove(list.begin(), list.end(), controller), list.end());
+    shared->retired.push_back(std::move(controller));
+    shared->woken = true;
+    shared->condition.notify_all();
+}
+
+int SessionDriver::controllerCount() const {
+    std::lock_guard<std::mutex> lock(shared->mutex);
+    return int(shared->controllers.size());
+}
+
+uint64_t SessionDriver::passCount() const {
+    std::lock_guard<std::mutex> lock(shared->mutex);
+    return shared->passes;
+}
+
+} // namespace Dovel

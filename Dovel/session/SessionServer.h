@@ -1,0 +1,59 @@
+// A server that shares one RemoteNode with every client that connects. Each client gets
+// its own session over the same node, as master (this side keeps its values when both
+// start with different ones) and creating the attributes a client announces that the
+// tree lacks. A change a client makes thus reaches the server's tree and, from there,
+// every other client.
+//
+// Usage (with a SessionDriver as the tree thread):
+//     Dovel::SessionDriver driver;
+//     Dovel::SessionServer server(root, &driver);
+//     server.listen(5000);
+// Thread-safe; the node belongs to the driver's thread (or, without a driver, to the
+// thread that runs Tessel::UpdateLoop).
+#pragma once
+
+#include "Dovel/session/SessionConnection.h"
+#include "Dovel/session/SessionStats.h"
+#include "Dovel/transport/ServerBase.h"
+
+#include <QList>
+#include <QString>
+
+#include <memory>
+
+namespace Dovel {
+
+class SessionServer : public ServerBase {
+public:
+    struct Options {
+        bool createMissingAttributes = true;
+        // Incoming one-way events of every client; empty: the node's event listeners.
+        std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
+    };
+
+    // `driver` null: the sessions run from the host's update loop.
+    SessionServer(RemoteNode& node, SessionDriver* driver);
+    SessionServer(RemoteNode& node, SessionDriver* driver, Options options);
+    ~SessionServer() override;
+
+    // Starts listening (port 0: any free port, see port()) and waits up to `waitMs` until
+    // it listens. False when it does not.
+    bool listen(int port = DefaultPort, const QString& host = QStringLiteral("0.0.0.0"),
+                int waitMs = 5000);
+
+    // Clients whose session runs now.
+    int clientCount() const;
+    // The live connections (connected or still in their handshake).
+    QList<std::shared_ptr<SessionConnection>> sessions() const;
+    // The counters of all sessions the server has run.
+    const SessionStats& stats() const { return *stats_; }
+
+protected:
+    std::shared_ptr<ConnectionThread> createConnection(Basalt::TCPSocket* socket) override;
+
+private:
+    SessionConfig config;
+    std::shared_ptr<SessionStats> stats_;
+};
+
+} // namespace Dovel

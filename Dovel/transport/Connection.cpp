@@ -1,0 +1,7 @@
+#include "Dovel/transport/Connection.h"
+
+namespace Dovel {
+
+Connection::~Connection() = default;
+
+} // namespace Dovel

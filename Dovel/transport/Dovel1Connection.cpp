@@ -1,0 +1,32 @@
+#include "Dovel/transport/Dovel1Connection.h"
+
+#include "Dovel/transport/ConnectionThread.h"
+
+#include <QList>
+
+namespace Dovel {
+
+const QByteArray Dovel1Connection::WriterKey = QByteArrayLiteral("dovel2");
+
+Dovel1Connection::Dovel1Connection(std::weak_ptr<ConnectionThread> connection)
+    : connection(std::move(connection)) {}
+
+Dovel1Connection::~Dovel1Connection() = default;
+
+void Dovel1Connection::send(const std::vector<Bundle>& bundles) {
+    if (bundles.empty())
+        return;
+    const std::shared_ptr<ConnectionThread> target = connection.lock();
+    if (!target)
+        return;
+    if (target->isConnected() && !target->isDovel15Supported())
+        return;
+    QList<QByteArray> parts;
+    parts.reserve(int(bundles.size()) + 1);
+    parts.append("dovel2 " + QByteArray::number(qulonglong(bundles.size())) + '\n');
+    for (const Bundle& bundle : bundles)
+        parts.append(bundle.packet());
+    target->writeBuffer(parts, WriterKey);
+}
+
+} // namespace Dovel

@@ -1,0 +1,38 @@
+// A Connection over a ConnectionThread: each batch becomes one writer item, the line
+// "dovel2 N\n" followed by the raw bundles, under the writer key "dovel2". Holds the
+// connection weakly and never keeps it alive. Copyable and movable; send is
+// thread-safe (it only appends to the connection's writer).
+#pragma once
+
+#include "Dovel/transport/Connection.h"
+
+#include <QByteArray>
+
+#include <memory>
+
+namespace Dovel {
+
+class ConnectionThread;
+
+class Dovel1Connection : public Connection {
+public:
+    // The writer key of every batch.
+    static const QByteArray WriterKey;
+
+    explicit Dovel1Connection(std::weak_ptr<ConnectionThread> connection);
+    Dovel1Connection(const Dovel1Connection&) = default;
+    Dovel1Connection(Dovel1Connection&&) = default;
+    Dovel1Connection& operator=(const Dovel1Connection&) = default;
+    Dovel1Connection& operator=(Dovel1Connection&&) = default;
+    ~Dovel1Connection() override;
+
+    // Nothing for an empty batch, a connection that is gone, or a connected peer that
+    // does not take bundles. While not connected the batch is buffered and leaves after
+    // the next handshake.
+    void send(const std::vector<Bundle>& bundles) override;
+
+private:
+    std::weak_ptr<ConnectionThread> connection;
+};
+
+} // namespace Dovel

@@ -1,0 +1,224 @@
+// The bundle controller on its own: automatic and manual mode, tasks, the order of node
+// updates and output flushes, work for a core that is gone, a failing bundle inside a
+// batch, and the wake-up of the tree thread.
+#include "Dovel/bundle/BundleController.h"
+#include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/sync/RemoteNode.h"
+#include "Dovel/transport/Connection.h"
+
+#include "Basalt/Trace.h"
+#include "Tessel/AttributeT.h"
+#include "Tessel/UpdateLoop.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+using Dovel::Bundle;
+using Dovel::BundleController;
+using Dovel::BundleControllerParams;
+using Dovel::RemoteNode;
+
+namespace {
+
+using Log = std::vector<std::string>;
+
+// Records every send (also empty ones) and keeps the bundles.
+struct Recorder : Dovel::Connection {
+    Recorder(Log* log, std::string name) : log(log), name(std::move(name)) {}
+    void send(const std::vector<Bundle>& bundles) override {
+        if (log)
+            log->push_back("flush " + name);
+        sent.insert(sent.end(), bundles.begin(), bundles.end());
+    }
+    Log* log;
+    std::string name;
+    std::vector<Bundle> sent;
+};
+
+// A node that logs its updates.
+struct CountingNode : RemoteNode {
+    CountingNode(Log* log) : RemoteNode(nullptr, "counting"), log(log) {}
+    void update() override {
+        log->push_back("update");
+        RemoteNode::update();
+    }
+    Log* log;
+};
+
+BundleControllerParams params(std::shared_ptr<Dovel::Connection> connection, bool autoUpdate) {
+    BundleControllerParams p;
+    p.connection = std::move(connection);
+    p.autoUpdate = autoUpdate;
+    p.createMissingAttributes = true;
+    return p;
+}
+
+// Runs update-loop passes until the hook has removed every automatic core and
+// stopped re-registering itself.
+void drainAutomaticCores() {
+    for (int i = 0; i < 10 && (BundleController::automaticCoreCount() > 0 ||
+                               Tessel::UpdateLoop::pendingCount() > 0);
+         ++i)
+        Tessel::UpdateLoop::runOnce();
+    EXPECT_EQ(BundleController::automaticCoreCount(), 0);
+    EXPECT_EQ(Tessel::UpdateLoop::pendingCount(), 0);
+}
+
+} // namespace
+
+TEST(Controller, WithTwoCoresOnOneNodeTheHookUpdatesThreeTimesAndFlushesBeforeTheThird) {
+    Log log;
+    {
+        CountingNode node(&log);
+        auto a = BundleController::create(node, params(std::make_shared<Recorder>(&log, "a"), true));
+        auto b = BundleController::create(node, params(std::make_shared<Recorder>(&log, "b"), true));
+        EXPECT_EQ(BundleController::automaticCoreCount(), 2);
+        Tessel::UpdateLoop::runOnce(); // initialises both cores
+        log.clear();
+        Tessel::UpdateLoop::runOnce();
+        EXPECT_EQ(log, (Log{"update", "update", "flush a", "flush b", "update"}));
+        a.reset();
+        b.reset();
+        drainAutomaticCores();
+    }
+}
+
+TEST(Controller, UpdateOnAnAutomaticControllerDoesNothing) {
+    Log log;
+    RemoteNode node(nullptr, "n");
+    auto controller =
+        BundleController::create(node, params(std::make_shared<Recorder>(&log, "a"), true));
+    controller->update();
+    EXPECT_TRUE(log.empty());
+    ASSERT_TRUE(controller->lockCore());
+    EXPECT_FALSE(controller->lockCore()->isInitialized());
+    controller.reset();
+    drainAutomaticCores();
+}
+
+TEST(Controller, ScheduleProcessAfterTheHookRemovedTheCoreIsDropped) {
+    Basalt::TraceCapture trace;
+    RemoteNode node(nullptr, "n");
+    auto controller = BundleController::create(node, params(nullptr, true));
+    BundleController copy(*controller);
+    controller.reset(); // marks the core closed; the hook removes it
+    Tessel::UpdateLoop::runOnce();
+    EXPECT_EQ(BundleController::automaticCoreCount(), 0);
+    EXPECT_FALSE(copy.lockCore());
+    copy.scheduleProcess({Bundle(), Bundle()});
+    copy.setEnabled(false);
+    bool ran = false;
+    copy.addTask([&](BundleController::Core&) { ran = true; });
+    drainAutomaticCores();
+    EXPECT_FALSE(ran);
+    EXPECT_EQ(trace.count("", Basalt::Trace::Warning), 0) << trace.dump().toStdString();
+}
+
+TEST(Controller, ScheduleProcessAfterTheNodeIsDestroyedIsDropped) {
+    Basalt::TraceCapture trace;
+    auto node = std::make_unique<RemoteNode>(nullptr, "n");
+    auto automatic = BundleController::create(*node, params(nullptr, true));
+    auto manual = BundleController::create(*node, params(nullptr, false));
+    Tessel::UpdateLoop::runOnce();
+    manual->update();
+    node.reset();
+    EXPECT_EQ(BundleController::automaticCoreCount(), 0); // removed at once
+    EXPECT_FALSE(automatic->lockCore());
+    automatic->scheduleProcess({Bundle()});
+    manual->scheduleProcess({Bundle()});
+    manual->update();
+    automatic.reset();
+    manual.reset();
+    drainAutomaticCores();
+    EXPECT_EQ(trace.count("", Basalt::Trace::Warning), 0) << trace.dump().toStdString();
+}
+
+TEST(Controller, ATaskThatAddsATaskHasItRunInTheSameUpdate) {
+    RemoteNode node(nullptr, "n");
+    auto controller = BundleController::create(node, params(nullptr, false));
+    std::vector<int> order;
+    controller->addTask([&](BundleController::Core&) {
+        order.push_back(1);
+        controller->addTask([&](BundleController::Core&) { order.push_back(2); });
+    });
+    controller->update();
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+TEST(Controller, AThrowingBundleDoesNotStopTheRestOfItsBatch) {
+    RemoteNode source(nullptr, "source");
+    auto* value = new Tessel::AttributeT<float>();
+    value->setValue(3.5f, Tessel::Attribute::LayerRemote);
+    ASSERT_TRUE(source.addDeepAttribute("a/value", value));
+    auto out = std::make_shared<Recorder>(nullptr, "source");
+    auto sender = BundleController::create(source, params(out, false));
+    sender->update();
+    ASSERT_GE(out->sent.size(), 2u);
+    const uint32_t symbolType = sender->lockCore()->bundleDispatcher().resolveMessageType(
+        Dovel::ModuleNames::SymbolRegistry);
+
+    // A symbol-registry bundle that ends inside its first pair, right after the handshake.
+    Bundle broken;
+    broken.mutablePacket().append(QByteArray(4, '\x07'));
+    broken.setHeader(4, symbolType, 99, 0);
+    std::vector<Bundle> batch = out->sent;
+    batch.insert(batch.begin() + 1, broken);
+
+    RemoteNode target(nullptr, "target");
+    auto counters = std::make_shared<Dovel::BundleCounters>();
+    BundleControllerParams p = params(nullptr, false);
+    p.counters = counters;
+    auto receiver = BundleController::create(target, p);
+    Basalt::TraceCapture trace;
+    receiver->process(batch);
+    const QString expected = QString("BundleController::process # Failed to process bundle of "
+                                     "type type %1: ")
+                                 .arg(symbolType);
+    EXPECT_EQ(trace.count(expected, Basalt::Trace::Warning), 1) << trace.dump().toStdString();
+    EXPECT_EQ(counters->bundlesFailed.load(), 1u);
+    EXPECT_EQ(counters->bundlesReceived.load(), uint64_t(batch.size() - 1));
+    auto* copy = dynamic_cast<Tessel::AttributeT<float>*>(
+        target.attribute("a") ? target.attribute("a")->attribute("value") : nullptr);
+    ASSERT_TRUE(copy);
+    EXPECT_EQ(copy->value(), 3.5f);
+}
+
+TEST(Controller, QueuedWorkAndLocalChangesWakeTheTreeThread) {
+    RemoteNode node(nullptr, "n");
+    auto* value = new Tessel::AttributeT<float>();
+    ASSERT_TRUE(node.addDeepAttribute("value", value));
+    std::atomic<int> wakes{0};
+    BundleControllerParams p = params(nullptr, false);
+    p.wakeUp = [&] { ++wakes; };
+    auto controller = BundleController::create(node, p);
+    controller->scheduleProcess({});
+    EXPECT_EQ(wakes.load(), 1);
+    controller->update(); // initialises: from here local changes wake too
+    const int before = wakes.load();
+    value->setValue(1.0f, Tessel::Attribute::LayerRemote);
+    EXPECT_GT(wakes.load(), before);
+    const int afterChange = wakes.load();
+    Basalt::BinaryData data;
+    node.eventProcess("ping-event", data);
+    EXPECT_GT(wakes.load(), afterChange);
+}
+
+TEST(Controller, SetEnabledFalseStopsOutputButNotTasks) {
+    Log log;
+    RemoteNode node(nullptr, "n");
+    auto controller =
+        BundleController::create(node, params(std::make_shared<Recorder>(&log, "a"), false));
+    controller->update();
+    ASSERT_EQ(log, (Log{"flush a"}));
+    controller->setEnabled(false);
+    bool ran = false;
+    controller->addTask([&](BundleController::Core&) { ran = true; });
+    log.clear();
+    controller->update();
+    EXPECT_TRUE(ran);
+    EXPECT_TRUE(log.empty());
+}

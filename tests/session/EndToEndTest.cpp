@@ -1,0 +1,252 @@
+// A server and clients over loopback TCP, each side with its own RemoteNode and its own
+// tree thread: mirroring, changes both ways, additions and removals, events, two
+// clients kept in step, and a server restart.
+#include "SessionTestUtil.h"
+
+#include "Basalt/BinaryData.h"
+#include "Basalt/Trace.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+
+using namespace SessionTest;
+using Dovel::SessionClient;
+using Dovel::SessionServer;
+using Dovel::SessionState;
+using Tessel::AttributeT;
+
+namespace {
+
+// A server tree with a few float values under "scene".
+void addScene(Side& side, int count) {
+    side.run([&] {
+        for (int i = 0; i < count; ++i) {
+            auto* a = new AttributeT<float>();
+            a->setValue(float(i) + 0.5f, L2);
+            side.node.addDeepAttribute("scene/v" + QByteArray::number(i), a);
+        }
+    });
+}
+
+void setFloat(Side& side, const QByteArray& path, float value) {
+    side.run([&] {
+        auto* a = typed<float>(side.node, path);
+        ASSERT_TRUE(a) << path.constData();
+        a->setValue(value, L2);
+    });
+}
+
+} // namespace
+
+TEST(EndToEnd, EveryTypeIsMirroredToAClient) {
+    Side master("master");
+    Side mirror("mirror");
+    master.run([&] {
+        Dovel::TypeRegistry types;
+        for (uint32_t code : allCodes) {
+            Tessel::Attribute* attribute = types.createAttribute(code);
+            fill(types, code, attribute);
+            ASSERT_TRUE(master.node.addDeepAttribute("scene/types/t" + QByteArray::number(code),
+                                                     attribute));
+        }
+    });
+    Basalt::TraceCapture log;
+    SessionServer server(master.node, &master.driver);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+    SessionClient client(mirror.node, &mirror.driver);
+    client.connectToHost("127.0.0.1", server.port());
+
+    ASSERT_TRUE(waitSame(master, mirror)) << describe(snapshot(mirror)).constData();
+    EXPECT_EQ(snapshot(mirror).size(), int(std::size(allCodes)));
+    EXPECT_EQ(client.state(), SessionState::Connected);
+    EXPECT_TRUE(waitUntil([&] { return server.clientCount() == 1; }));
+    EXPECT_EQ(client.stats().sessionsStarted.load(), 1u);
+    EXPECT_GT(client.stats().bundlesReceived.load(), 0u);
+    EXPECT_GT(server.stats().bundlesSent.load(), 0u);
+    EXPECT_EQ(client.stats().bundlesFailed.load(), 0u);
+    EXPECT_EQ(log.count("", Basalt::Trace::Error), 0) << log.dump().toStdString();
+}
+
+TEST(EndToEnd, ChangesTravelBothWays) {
+    Side master("master");
+    Side mirror("mirror");
+    addScene(master, 3);
+    SessionServer server(master.node, &master.driver);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+    SessionClient client(mirror.node, &mirror.driver);
+    client.connectToHost("127.0.0.1", server.port());
+    ASSERT_TRUE(waitSame(master, mirror));
+
+    setFloat(master, "scene/v1", 42.0f);
+    EXPECT_TRUE(waitUntil([&] { return floatAt(mirror, "scene/v1") == 42.0f; }));
+    setFloat(mirror, "scene/v2", -7.0f);
+    EXPECT_TRUE(waitUntil([&] { return floatAt(master, "scene/v2") == -7.0f; }));
+    // A burst of changes ends with the last value on both sides.
+    for (int i = 0; i < 50; ++i)
+        setFloat(mirror, "scene/v0", float(i));
+    EXPECT_TRUE(waitUntil([&] { return floatAt(master, "scene/v0") == 49.0f; }));
+    EXPECT_TRUE(waitSame(master, mirror));
+}
+
+TEST(EndToEnd, AttributesAddedAndRemovedOnEitherSide) {
+    Side master("master");
+    Side mirror("mirror");
+    addScene(master, 2);
+    SessionServer server(master.node, &master.driver);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+    SessionClient client(mirror.node, &mirror.driver);
+    client.connectToHost("127.0.0.1", server.port());
+    ASSERT_TRUE(waitSame(master, mirror));
+
+    // Added on the server, then on the client.
+    master.run([&] {
+        auto* a = new AttributeT<QString>();
+        a->setValue(QStringLiteral("from server"), L2);
+        master.node.addDeepAttribute("extra/fromServer", a);
+    });
+    ASSERT_TRUE(waitUntil([&] { return hasPath(mirror, "extra/fromServer"); }));
+    mirror.run([&] {
+        auto* a = new AttributeT<int32_t>();
+        a->setValue(17, L2);
+        mirror.node.addDeepAttribute("extra/fromClient", a);
+    });
+    ASSERT_TRUE(waitUntil([&] { return hasPath(master, "extra/fromClient"); }));
+    ASSERT_TRUE(waitSame(master, mirror));
+
+    // Each side removes what it added; the peer's copy goes too.
+    master.run([&] {
+        Tessel::Node* extra = dynamic_cast<Tessel::Node*>(master.node.attribute("extra"));
+        ASSERT_TRUE(extra);
+        ASSERT_TRUE(extra->deleteAttribute(extra->attribute("fromServer")));
+    });
+    EXPECT_TRUE(waitUntil([&] { return !hasPath(mirror, "extra/fromServer"); }));
+    mirror.run([&] {
+        Tessel::Node* extra = dynamic_cast<Tessel::Node*>(mirror.node.attribute("extra"));
+        ASSERT_TRUE(extra);
+        ASSERT_TRUE(extra->deleteAttribute(extra->attribute("fromClient")));
+    });
+    EXPECT_TRUE(waitUntil([&] { return !hasPath(master, "extra/fromClient"); }));
+    EXPECT_TRUE(waitSame(master, mirror)) << describe(snapshot(master)).constData() << "--\n"
+                                          << describe(snapshot(mirror)).constData();
+}
+
+TEST(EndToEnd, OneWayAndSlicedEventsArriveOnceAndInOrder) {
+    Side master("master");
+    Side mirror("mirror");
+    SessionServer server(master.node, &master.driver);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+    SessionClient client(mirror.node, &mirror.driver);
+    client.connectToHost("127.0.0.1", server.port());
+    ASSERT_TRUE(waitUntil([&] { return client.isConnected() && server.clientCount() == 1; }));
+
+    std::mutex mutex;
+    std::vector<QByteArray> received;
+    for (const char* name : {"first", "big", "second"}) {
+        mirror.node.eventAddListenerBd(
+            name,
+            [&, name](Basalt::BinaryData& data) {
+                QByteArray bytes(data.constData(), data.size());
+                bool intact = true;
+                if (QByteArray(name) == "big")
+                    for (int i = 0; i < bytes.size(); ++i)
+                        intact = intact && bytes[i] == char(i * 7);
+                std::lock_guard<std::mutex> lock(mutex);
+                received.push_back(QByteArray(name) + ":" + QByteArray::number(bytes.size()) +
+                                   (intact ? "" : ":corrupt"));
+            },
+            Tessel::Node::Direct);
+    }
+    // Events go out once the session has announced itself: wait for the first pass.
+    ASSERT_TRUE(waitUntil([&] { return server.stats().bundlesSent.load() > 0; }));
+    master.run([&] {
+        Basalt::BinaryData first;
+        first.writeInt32(1);
+        master.node.eventProcess("first", first);
+        QByteArray big(1 << 20, '\0');
+        for (int i = 0; i < big.size(); ++i)
+            big[i] = char(i * 7);
+        Basalt::BinaryData bigData = Basalt::BinaryData::fromByteArray(big);
+        master.node.eventProcessSlice("big", bigData, 64 * 1024);
+        Basalt::BinaryData second;
+        second.writeInt32(2);
+        master.node.eventProcess("second", second);
+    });
+    ASSERT_TRUE(waitUntil([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return received.size() >= 3;
+    }));
+    Basalt::BinaryData probe;
+    probe.writeInt32(1);
+    const QByteArray small = QByteArray::number(probe.size());
+    std::lock_guard<std::mutex> lock(mutex);
+    ASSERT_EQ(received.size(), 3u);
+    EXPECT_EQ(received[0], "first:" + small);
+    EXPECT_EQ(received[1], "big:1048576");
+    EXPECT_EQ(received[2], "second:" + small);
+}
+
+TEST(EndToEnd, TwoClientsAreKeptInStepThroughTheServer) {
+    Side master("master");
+    Side one("one");
+    Side two("two");
+    addScene(master, 4);
+    SessionServer server(master.node, &master.driver);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+    SessionClient first(one.node, &one.driver);
+    SessionClient second(two.node, &two.driver);
+    first.connectToHost("127.0.0.1", server.port());
+    second.connectToHost("127.0.0.1", server.port());
+    ASSERT_TRUE(waitSame(master, one));
+    ASSERT_TRUE(waitSame(master, two));
+    ASSERT_TRUE(waitUntil([&] { return server.clientCount() == 2; }));
+
+    setFloat(one, "scene/v3", 1234.0f);
+    EXPECT_TRUE(waitUntil([&] { return floatAt(two, "scene/v3") == 1234.0f; }));
+    EXPECT_EQ(floatAt(master, "scene/v3"), 1234.0f);
+    two.run([&] {
+        auto* a = new AttributeT<double>();
+        a->setValue(2.25, L2);
+        two.node.addDeepAttribute("added/byTwo", a);
+    });
+    EXPECT_TRUE(waitUntil([&] { return hasPath(one, "added/byTwo"); }));
+    EXPECT_TRUE(waitSame(one, two));
+    EXPECT_TRUE(waitSame(master, one));
+}
+
+TEST(EndToEnd, AClientReconnectsAfterAServerRestartAndResyncs) {
+    Side master("master");
+    Side mirror("mirror");
+    addScene(master, 5);
+    auto server = std::make_unique<SessionServer>(master.node, &master.driver);
+    ASSERT_TRUE(server->listen(0, "127.0.0.1"));
+    const int port = server->port();
+    SessionClient client(mirror.node, &mirror.driver);
+    client.connectToHost("127.0.0.1", port);
+    ASSERT_TRUE(waitSame(master, mirror));
+
+    server.reset();
+    EXPECT_TRUE(waitUntil([&] { return !client.isConnected(); }));
+    // While the client is away the server's tree changes and grows.
+    setFloat(master, "scene/v0", 100.0f);
+    master.run([&] {
+        auto* a = new AttributeT<float>();
+        a->setValue(9.0f, L2);
+        master.node.addDeepAttribute("scene/late", a);
+    });
+
+    server = std::make_unique<SessionServer>(master.node, &master.driver);
+    ASSERT_TRUE(server->listen(port, "127.0.0.1"));
+    ASSERT_TRUE(waitUntil([&] { return client.stats().sessionsStarted.load() == 2; }, 15000));
+    ASSERT_TRUE(waitSame(master, mirror)) << describe(snapshot(master)).constData() << "--\n"
+                                          << describe(snapshot(mirror)).constData();
+    const auto snap = snapshot(mirror);
+    EXPECT_EQ(snap.size(), 6);
+    EXPECT_TRUE(snap.contains("scene/late"));
+    EXPECT_EQ(floatAt(mirror, "scene/v0"), 100.0f);
+    // The next change still travels, once.
+    setFloat(mirror, "scene/v4", -1.0f);
+    EXPECT_TRUE(waitUntil([&] { return floatAt(master, "scene/v4") == -1.0f; }));
+    EXPECT_EQ(snapshot(master).size(), 6);
+}

@@ -1,0 +1,171 @@
+// The binary session's framing on a real socket: a hand-driven peer writes and reads
+// the exact bytes of "dovel2" batches against a client connection whose parse hands
+// every line to processDovel2.
+#include "Dovel/Limits.h"
+#include "Dovel/bundle/BundleController.h"
+#include "Dovel/sync/RemoteNode.h"
+#include "Dovel/transport/Dovel1Connection.h"
+#include "Dovel/transport/ProcessDovel2.h"
+
+#include "Basalt/Trace.h"
+
+#include "transport/TransportTestUtil.h"
+
+#include <gtest/gtest.h>
+
+using namespace TransportTest;
+using Dovel::Bundle;
+
+namespace {
+
+// A client whose parse is processDovel2 over a manual controller; records each line
+// with processDovel2's answer.
+class FramingConnection : public Dovel::ConnectionThread {
+public:
+    explicit FramingConnection(std::shared_ptr<Dovel::BundleController> controller)
+        : Dovel::ConnectionThread(nullptr, false), controller(std::move(controller)) {
+        setKeepRetrying(false);
+    }
+    ~FramingConnection() override { shutdown(); }
+
+    QStringList results() const {
+        Basalt::Guard guard(mutex);
+        return copyOf(answers);
+    }
+
+protected:
+    bool parse(const QString& line) override {
+        const bool recognised = Dovel::processDovel2(controller, *this, line);
+        Basalt::Guard guard(mutex);
+        answers.append(line + (recognised ? " -> true" : " -> false"));
+        return recognised;
+    }
+
+private:
+    std::shared_ptr<Dovel::BundleController> controller;
+    mutable Basalt::Mutex mutex;
+    QStringList answers;
+};
+
+// Bundles written by hand: header words (payload size, type, sequence, acknowledged),
+// little-endian, then the payload.
+const QByteArray first = QByteArray::fromHex("04000000" "07000000" "01000000" "00000000"
+                                             "61626364");
+const QByteArray second = QByteArray::fromHex("08000000" "07000000" "02000000" "01000000"
+                                              "0100000002000000");
+
+struct Fixture {
+    Fixture() : node(nullptr, "n") {
+        Dovel::BundleControllerParams params;
+        params.autoUpdate = false;
+        params.counters = counters;
+        controller = Dovel::BundleController::create(node, params);
+        connection = std::make_shared<FramingConnection>(controller);
+    }
+    // Connects the client to the hand-driven server and plays the login.
+    bool connect(const QByteArray& greeting = "Heliotrope 2.6.1", bool versionLine = true) {
+        connection->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
+        peer = listener.accept();
+        if (!peer || !serveLogin(*peer, greeting, versionLine))
+            return false;
+        return waitUntil([&] { return connection->isConnected(); });
+    }
+
+    Dovel::RemoteNode node;
+    std::shared_ptr<Dovel::BundleCounters> counters = std::make_shared<Dovel::BundleCounters>();
+    std::shared_ptr<Dovel::BundleController> controller;
+    RawListener listener;
+    std::shared_ptr<FramingConnection> connection;
+    std::unique_ptr<RawPeer> peer;
+};
+
+} // namespace
+
+TEST(Framing, SendWritesTheLineAndTheRawBundlesAsOneItem) {
+    Fixture f;
+    ASSERT_TRUE(f.connect());
+    ASSERT_EQ(f.peer->readLine(), QByteArray("ping initialized"));
+    Dovel::Dovel1Connection out(f.connection);
+    out.send({}); // nothing at all
+    out.send({Bundle(first), Bundle(second)});
+    EXPECT_EQ(f.peer->readLine(), QByteArray("dovel2 2"));
+    EXPECT_EQ(f.peer->readExact(first.size() + second.size()).toHex(), (first + second).toHex());
+    EXPECT_TRUE(f.peer->quietFor(50));
+}
+
+TEST(Framing, APeerWithoutBundleSupportIsSentNothing) {
+    Fixture f;
+    ASSERT_TRUE(f.connect("Heliotrope 2.0.3", true));
+    ASSERT_FALSE(f.connection->isDovel15Supported());
+    Dovel::Dovel1Connection out(f.connection);
+    out.send({Bundle(first)});
+    f.connection->queue(QStringLiteral("marker\n"));
+    QByteArray line;
+    do {
+        line = f.peer->readLine();
+    } while (line.startsWith("ping"));
+    EXPECT_EQ(line, QByteArray("marker"));
+}
+
+TEST(Framing, ABatchIsReadAndScheduled) {
+    Fixture f;
+    ASSERT_TRUE(f.connect());
+    ASSERT_TRUE(f.peer->send("dovel2 2\n" + first + second + "dovel2 0\n"));
+    ASSERT_TRUE(waitUntil([&] { return f.counters->batchesReceived.load() == 2; }));
+    EXPECT_EQ(f.connection->results(), QStringList({"dovel2 2 -> true", "dovel2 0 -> true"}));
+    EXPECT_TRUE(f.connection->isConnected());
+}
+
+TEST(Framing, LinesThatAreNotABatchAreNotRecognised) {
+    Basalt::TraceCapture trace;
+    Fixture f;
+    ASSERT_TRUE(f.connect());
+    ASSERT_TRUE(f.peer->send("dovel2 many\ndovel2\nDOVEL2 1\ndovel2 0\n"));
+    ASSERT_TRUE(waitUntil([&] { return f.connection->results().size() == 4; }));
+    EXPECT_EQ(f.connection->results(),
+              QStringList({"dovel2 many -> false", "dovel2 -> false", "DOVEL2 1 -> false",
+                           "dovel2 0 -> true"}));
+    EXPECT_EQ(f.counters->batchesReceived.load(), 1u); // the empty batch only
+    EXPECT_TRUE(f.connection->isConnected());
+}
+
+TEST(Framing, ABatchWhoseSecondBundleIsCutShortIsDropped) {
+    Basalt::TraceCapture trace;
+    Fixture f;
+    ASSERT_TRUE(f.connect());
+    ASSERT_TRUE(f.peer->send("dovel2 2\n" + first + second.left(20)));
+    f.peer.reset(); // the peer goes away in the middle of the bundle
+    ASSERT_TRUE(waitUntil([&] { return f.connection->results().size() == 1; }));
+    EXPECT_EQ(f.connection->results(), QStringList({"dovel2 2 -> true"}));
+    EXPECT_TRUE(waitUntil([&] { return !f.connection->isConnected(); }));
+    EXPECT_EQ(trace.count("processDovel2 # Failed to read Bundle", Basalt::Trace::Warning), 1)
+        << trace.dump().toStdString();
+    EXPECT_EQ(trace.count("processDovel2 # Failed to read Bundle header"), 0);
+    EXPECT_EQ(f.counters->batchesReceived.load(), 0u);
+}
+
+TEST(Framing, AHeaderAnnouncingFourGibibytesDisconnectsAtOnce) {
+    Basalt::TraceCapture trace;
+    Fixture f;
+    ASSERT_TRUE(f.connect());
+    ASSERT_TRUE(f.peer->send("dovel2 1\n" +
+                             QByteArray::fromHex("ffffffff" "07000000" "01000000" "00000000") +
+                             "abcd"));
+    EXPECT_TRUE(f.peer->waitClosed());
+    EXPECT_TRUE(waitUntil([&] { return !f.connection->isConnected(); }));
+    EXPECT_EQ(trace.count("processDovel2 # A bundle of 4294967295 bytes exceeds the limit"), 1)
+        << trace.dump().toStdString();
+    EXPECT_EQ(f.counters->batchesReceived.load(), 0u);
+}
+
+TEST(Framing, ACountAboveTheLimitDisconnects) {
+    Basalt::TraceCapture trace;
+    Fixture f;
+    ASSERT_TRUE(f.connect());
+    ASSERT_TRUE(f.peer->send("dovel2 " + QByteArray::number(Dovel::Limits::MaxBundlesPerBatch + 1) +
+                             "\n"));
+    EXPECT_TRUE(f.peer->waitClosed());
+    EXPECT_EQ(trace.count("processDovel2 # A batch of 65537 bundles exceeds the limit"), 1)
+        << trace.dump().toStdString();
+    EXPECT_EQ(f.counters->batchesReceived.load(), 0u);
+}

@@ -1,0 +1,153 @@
+// Helpers of the session tests: a side of a session (its own RemoteNode and its own
+// tree thread), a snapshot of a tree as path -> encoded value, deadline waits, and
+// values of every supported type.
+#pragma once
+
+#include "Dovel/bundle/BundleWriter.h"
+#include "Dovel/bundle/BundleReader.h"
+#include "Dovel/session/SessionClient.h"
+#include "Dovel/session/SessionDriver.h"
+#include "Dovel/session/SessionServer.h"
+#include "Dovel/sync/RemoteNode.h"
+#include "Dovel/types/MetaTypes.h"
+#include "Dovel/types/TypeRegistry.h"
+
+#include "Tessel/AttributeEnum.h"
+#include "Tessel/AttributeT.h"
+
+#include "basalt/WaitUtil.h"
+
+#include <gtest/gtest.h>
+
+#include <QMap>
+#include <QStringList>
+#include <QVariant>
+#include <QVector>
+
+#include <limits>
+#include <memory>
+
+namespace SessionTest {
+
+using BasaltTest::waitUntil;
+
+// Values that travel both ways are set on the layer that received values use: a
+// higher layer would hide every later value of the peer.
+constexpr auto L2 = Tessel::Attribute::LayerRemote;
+
+// A tree with its own tree thread. The node is declared first so that it outlives the
+// driver; servers and clients are declared after a Side so that they go first.
+struct Side {
+    explicit Side(const QByteArray& name) : node(nullptr, name) {}
+    Dovel::RemoteNode node;
+    Dovel::SessionDriver driver;
+
+    // Runs `f` on the tree thread and waits.
+    template <typename F> void run(F f) { ASSERT_TRUE(driver.call(std::function<void()>(f))); }
+};
+
+// path -> type code and encoded value of every attribute under the node, read on its
+// tree thread.
+inline QMap<QByteArray, QByteArray> snapshot(Side& side) {
+    QMap<QByteArray, QByteArray> out;
+    side.driver.call([&] {
+        Dovel::TypeRegistry types;
+        Dovel::walkAttributesWithPath(side.node, [&](Tessel::Attribute& attribute,
+                                                     const QByteArray& path) {
+            uint32_t code = 0, size = 0;
+            const Dovel::Serializer serializer = types.createSerializer(&attribute, code, size);
+            if (!serializer) {
+                out.insert(path, "<none>");
+                return;
+            }
+            Dovel::Bundle bundle;
+            Dovel::BundleWriterCore writer(bundle);
+            serializer(writer);
+            out.insert(path, QByteArray::number(code) + ":" + bundle.packet().toHex());
+        });
+    });
+    return out;
+}
+
+inline QByteArray describe(const QMap<QByteArray, QByteArray>& snap) {
+    QByteArray out;
+    for (auto it = snap.constBegin(); it != snap.constEnd(); ++it)
+        out += it.key() + "=" + it.value().left(60) + "\n";
+    return out;
+}
+
+// Waits until both trees hold the same paths and values.
+inline bool waitSame(Side& a, Side& b, int ms = 10000) {
+    return waitUntil([&] { return snapshot(a) == snapshot(b); }, ms);
+}
+
+template <typename T> Tessel::AttributeT<T>* typed(Dovel::RemoteNode& node, const QByteArray& path) {
+    Tessel::Attribute* at = &node;
+    for (const QByteArray& part : path.split('/')) {
+        at = at ? at->attribute(part) : nullptr;
+    }
+    return dynamic_cast<Tessel::AttributeT<T>*>(at);
+}
+
+// The value of a float attribute read on its tree thread; NaN when it is missing.
+inline float floatAt(Side& side, const QByteArray& path) {
+    float value = std::numeric_limits<float>::quiet_NaN();
+    side.driver.call([&] {
+        if (auto* a = typed<float>(side.node, path))
+            value = a->value();
+    });
+    return value;
+}
+
+inline bool hasPath(Side& side, const QByteArray& path) {
+    return snapshot(side).contains(path);
+}
+
+const uint32_t allCodes[] = {1,  2,  3,  4,  9,  10, 11, 12, 13, 14, 15, 16,
+                             17, 19, 20, 22, 23, 26, 29, 32, 34, 35, 36, 40,
+                             41, 42, 43, 44, 45, 46, 47, 48, 49, 50, 51, 52};
+
+// Gives a fresh attribute of `code` a value that differs from its default.
+inline void fill(const Dovel::TypeRegistry& types, uint32_t code, Tessel::Attribute* attribute) {
+    Dovel::Bundle bundle;
+    Dovel::BundleWriterCore writer(bundle);
+    const uint32_t size = types.valueSize(code);
+    if (size > 0) {
+        QByteArray bytes(int(size), '\0');
+        for (int i = 0; i < bytes.size(); ++i)
+            bytes[i] = char(code == 1 ? 1 : (i % 4 == 0 ? code + i : 0));
+        writer.writeData(bytes.constData(), size);
+    } else {
+        QVariant sample;
+        switch (code) {
+        case 35:
+        case 51:
+            sample = QStringLiteral("/textures/wood.png");
+            break;
+        case 36:
+        case 44:
+            sample = QStringList{"alpha", "", "gamma"};
+            break;
+        case 40:
+            sample = QVariant::fromValue(QVector<float>{1.5f, -2.0f});
+            break;
+        case 41:
+        case 46:
+            sample = Dovel::toVariant(QVector<Quant::Vector2f>{{1, 2}, {3, 4}});
+            break;
+        case 42:
+            sample = QVariant::fromValue(QVector<int32_t>{-1, 7});
+            break;
+        case 43:
+            sample = QVariant::fromValue(QVector<uint32_t>{9u, 4000000000u});
+            break;
+        default:
+            return;
+        }
+        types.createVariantSerializer(code)(writer, sample);
+    }
+    Dovel::BundleReader reader(bundle);
+    types.createDeserializer(code, attribute)(reader);
+}
+
+} // namespace SessionTest
