@@ -5,14 +5,10 @@
 #include "Basalt/Trace.h"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 
 namespace Dovel {
-
-namespace {
-// A pass also runs when nothing woke the thread for this long: a safety net only.
-constexpr auto IdlePass = std::chrono::seconds(1);
-} // namespace
 
 struct SessionDriver::Shared {
     mutable std::mutex mutex;
@@ -23,6 +19,7 @@ struct SessionDriver::Shared {
     std::vector<std::shared_ptr<BundleController>> controllers;
     std::vector<std::shared_ptr<BundleController>> retired;
     uint64_t passes = 0;
+    int idlePassMs = 1000;
     std::thread::id treeThread;
 
     void wake() {
@@ -34,7 +31,8 @@ struct SessionDriver::Shared {
     }
 };
 
-SessionDriver::SessionDriver() : shared(std::make_shared<Shared>()) {
+SessionDriver::SessionDriver(int idlePassMs) : shared(std::make_shared<Shared>()) {
+    shared->idlePassMs = idlePassMs;
     thread = std::thread([this] { loop(); });
 }
 
@@ -67,8 +65,12 @@ void SessionDriver::loop() {
         std::vector<std::shared_ptr<BundleController>> retired;
         {
             std::unique_lock<std::mutex> lock(shared->mutex);
-            shared->condition.wait_for(lock, IdlePass,
-                                       [this] { return shared->woken || shared->stopping; });
+            const auto ready = [this] { return shared->woken || shared->stopping; };
+            if (shared->idlePassMs > 0)
+                shared->condition.wait_for(lock, std::chrono::milliseconds(shared->idlePassMs),
+                                           ready);
+            else
+                shared->condition.wait(lock, ready);
             if (shared->stopping)
                 return;
             shared->woken = false;

@@ -24,8 +24,9 @@ class BundleController;
 
 class SessionDriver {
 public:
-    // Starts the thread.
-    SessionDriver();
+    // Starts the thread. Besides the wake-ups a pass runs every `idlePassMs`
+    // milliseconds as a safety net; 0 or less: only when woken.
+    explicit SessionDriver(int idlePassMs = 1000);
     // Stops and joins the thread, then releases the controllers on the calling thread.
     ~SessionDriver();
     SessionDriver(const SessionDriver&) = delete;

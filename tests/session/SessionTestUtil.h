@@ -36,9 +36,11 @@ using BasaltTest::waitUntil;
 constexpr auto L2 = Tessel::Attribute::LayerRemote;
 
 // A tree with its own tree thread. The node is declared first so that it outlives the
-// driver; servers and clients are declared after a Side so that they go first.
+// driver; servers and clients are declared after a Side so that they go first. The
+// driver runs a pass only when woken, so every test also shows that received work and
+// local changes wake the tree thread.
 struct Side {
-    explicit Side(const QByteArray& name) : node(nullptr, name) {}
+    explicit Side(const QByteArray& name) : node(nullptr, name), driver(0) {}
     Dovel::RemoteNode node;
     Dovel::SessionDriver driver;
 
