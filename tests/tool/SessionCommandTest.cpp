@@ -125,6 +125,9 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
     // A second change reaches watch as one line.
     ASSERT_EQ(tool.run({"set", address, "scene/on=false"}).exitCode, 0);
     EXPECT_TRUE(watched.waitForOut("scene/on = false\n")) << watched.standardOutput().toStdString();
+    // The same value again changes nothing and sends nothing: done at once.
+    ToolRun same = tool.run({"set", address, "scene/on=false"});
+    EXPECT_EQ(same.exitCode, 0) << same.err.toStdString();
 
     // serve exits 0 on SIGTERM and saves the tree with the clients' changes; watch says
     // it lost the server and keeps trying.

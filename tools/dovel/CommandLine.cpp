@@ -93,13 +93,27 @@ QString CommandLine::value(const QString& name, const QString& fallback) const {
 
 QString CommandLine::helpText() const {
     QString text = QStringLiteral("usage: dovel %1 %2\n\n%3\n").arg(command, synopsis, description);
+    // "  LEFT      RIGHT", the right side wrapped at 80 columns under itself.
     auto column = [](const QString& left, const QString& right) {
+        constexpr int Indent = 24;
         QString line = QStringLiteral("  ") + left;
-        if (line.size() < 24)
-            line = line.leftJustified(24);
+        if (line.size() < Indent)
+            line = line.leftJustified(Indent);
         else
-            line += QStringLiteral("\n") + QString(24, QLatin1Char(' '));
-        return line + right + QStringLiteral("\n");
+            line += QStringLiteral("\n") + QString(Indent, QLatin1Char(' '));
+        int width = 0;
+        for (const QString& word : right.split(QLatin1Char(' '))) {
+            if (width > 0 && Indent + width + 1 + word.size() > 80) {
+                line += QStringLiteral("\n") + QString(Indent, QLatin1Char(' '));
+                width = 0;
+            } else if (width > 0) {
+                line += QLatin1Char(' ');
+                ++width;
+            }
+            line += word;
+            width += word.size();
+        }
+        return line + QStringLiteral("\n");
     };
     if (!arguments.isEmpty()) {
         text += QStringLiteral("\nArguments:\n");

@@ -161,6 +161,8 @@ int runDemo(double seconds) {
                        "copy follows:")
             .arg(FramesPerSecond)
             .arg(seconds));
+    say(QStringLiteral("(each line is read while the newest frame may still be on its way, so the "
+                       "client\ncan be a frame behind)"));
     say(QString());
     say(QStringLiteral("   time   frame on server / client   scene/camera/position on server / "
                        "client"));

@@ -53,8 +53,6 @@ void MirrorClient::stop() {
 }
 
 bool MirrorClient::waitInitialState(int ms) {
-    QElapsedTimer timer;
-    timer.start();
     const Dovel::SessionStats& stats = session->stats();
     // A bundle of the first batch has been dispatched once the counters move; the
     // whole batch is applied, and the node updated, when the tree thread's pass that
@@ -72,6 +70,12 @@ bool MirrorClient::waitWritten(uint64_t sentBefore, int ms) {
     QElapsedTimer timer;
     timer.start();
     Dovel::SessionConnection& connection = session->connection();
+    // A change goes out in the tree thread's pass that follows it; when two passes have
+    // sent nothing, the change left the tree as it was (the same values again).
+    if (!treeThread.call([] {}) || !treeThread.call([] {}))
+        return false;
+    if (batchesSent() == sentBefore)
+        return session->isConnected();
     if (!waitFor([&] { return batchesSent() > sentBefore || !session->isConnected(); }, ms) ||
         !session->isConnected())
         return false;

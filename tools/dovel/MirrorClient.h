@@ -42,7 +42,8 @@ public:
     // Waits until every batch that the node's changes have caused so far has been
     // written to the socket, for at most `ms` milliseconds. Call it after changing the
     // node through driver(): `sentBefore` is batchesSent() read on the tree thread
-    // before the change. False on time-out or when the connection ended first.
+    // before the change. True at once when the change sends nothing (it wrote the
+    // values the tree held). False on time-out or when the connection ended first.
     bool waitWritten(uint64_t sentBefore, int ms);
     // Batches that the sessions have sent so far.
     uint64_t batchesSent() const;

@@ -133,7 +133,7 @@ public:
     // changes nothing; commit() writes a prepared value at layer 2. The attribute must
     // still exist when committed.
     struct Assignment {
-        Tessel::Attribute* target = nullptr;
+        Tessel::Attribute* target = nullptr; // not owned
         uint32_t code = 0;
         Dovel::Bundle bundle;
         QByteArray path;
@@ -141,6 +141,7 @@ public:
     bool prepare(Tessel::Attribute& attribute, const QJsonValue& value, const QByteArray& path,
                  Assignment& out, QString* error) const;
     bool commit(const Assignment& assignment, QString* error) const;
+
     // A new detached attribute of the type that `value` implies (a node for an object
     // without "@type"), holding the value as its default. Null with an error naming
     // `path` when the value has no valid form.
