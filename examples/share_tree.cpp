@@ -65,15 +65,18 @@ int main(int argc, char** argv) {
     Dovel::SessionClient client(clientRoot, &clientThread);
     client.connectToHost(QStringLiteral("127.0.0.1"), server.port());
 
-    if (!waitFor(clientThread, [&] { return speedOf(clientRoot) == 1.0f; }, seconds))
+    if (!waitFor(
+            clientThread, [&] { return speedOf(clientRoot) == 1.0f; }, seconds))
         return 1;
     std::printf("client: mirrored car/speed = %g\n", speedOf(clientRoot));
 
     clientThread.call([&] {
-        auto* mirrored = dynamic_cast<AttributeT<float>*>(clientRoot.attribute("car")->attribute("speed"));
+        auto* mirrored =
+            dynamic_cast<AttributeT<float>*>(clientRoot.attribute("car")->attribute("speed"));
         mirrored->setValue(42.0f, Attribute::LayerRemote);
     });
-    if (!waitFor(serverThread, [&] { return speedOf(serverRoot) == 42.0f; }, seconds))
+    if (!waitFor(
+            serverThread, [&] { return speedOf(serverRoot) == 42.0f; }, seconds))
         return 1;
     std::printf("server: car/speed = %g, set by the client\n", speedOf(serverRoot));
     return 0;

@@ -89,8 +89,8 @@ void runHook() {
 // ---- Core ----
 
 BundleController::Core::Core(RemoteNode& node, const BundleControllerParams& p)
-    : params(std::make_unique<BundleControllerParams>(p)), remoteNode(node),
-      wakeUp(p.wakeUp), counters(p.counters), autoUpdate(p.autoUpdate) {
+    : params(std::make_unique<BundleControllerParams>(p)), remoteNode(node), wakeUp(p.wakeUp),
+      counters(p.counters), autoUpdate(p.autoUpdate) {
     if (!wakeUp && autoUpdate)
         wakeUp = [] { Tessel::UpdateLoop::wake(); };
 }
@@ -125,7 +125,8 @@ void BundleController::Core::ensureIsInitialized() {
     attributeStorage = std::make_shared<AttributeStorage>(remoteNode);
     enabled.store(params->enabled);
     dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(symbolRegistry));
-    nodeChangeSender = std::make_shared<NodeChangeSender>(remoteNode, *attributeStorage, typeRegistry);
+    nodeChangeSender =
+        std::make_shared<NodeChangeSender>(remoteNode, *attributeStorage, typeRegistry);
     dispatcher.addSender(nodeChangeSender);
     attributeRemoveReceiver =
         std::make_shared<AttributeRemoveReceiver>(remoteNode, *attributeStorage, *nodeChangeSender);
@@ -152,8 +153,8 @@ void BundleController::Core::ensureIsInitialized() {
     params.reset();
     if (wakeUp) {
         // Local changes and events wait for the next output pass: wake the tree thread.
-        changeWakeId = remoteNode.addAttributeChangeListener(
-            [this](const NodeWatcher::Event&) { wake(); });
+        changeWakeId =
+            remoteNode.addAttributeChangeListener([this](const NodeWatcher::Event&) { wake(); });
         eventWakeId = remoteNode.addEventListener([this](const RemoteNode::Event&) { wake(); });
     }
     remoteNode.update();

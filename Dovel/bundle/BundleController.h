@@ -129,7 +129,9 @@ public:
     void runTasks();
     void flush();
     void process(const std::vector<Bundle>& bundles);
-    void addTask(const Task& task); // with coreListMutex held by the caller or not
+    // Appends a task and wakes the tree thread (any thread). Code outside the core uses
+    // BundleController::addTask, which also drops work for a core that is gone.
+    void addTask(const Task& task);
     void wake() const;
 
     RemoteNode& node() { return remoteNode; }

@@ -8,13 +8,13 @@
 namespace Dovel {
 
 struct BundleCounters {
-    std::atomic<uint64_t> batchesReceived{0};  // "dovel2" batches scheduled
-    std::atomic<uint64_t> bundlesReceived{0};  // bundles dispatched
-    std::atomic<uint64_t> bundlesFailed{0};    // bundles whose dispatch threw
-    std::atomic<uint64_t> batchesSent{0};      // non-empty output passes sent
-    std::atomic<uint64_t> bundlesSent{0};      // bundles of those passes
-    std::atomic<uint64_t> bytesSent{0};        // their bytes, headers included
-    std::atomic<uint64_t> bytesReceived{0};    // bytes of the dispatched bundles
+    std::atomic<uint64_t> batchesReceived{0}; // "dovel2" batches scheduled
+    std::atomic<uint64_t> bundlesReceived{0}; // bundles dispatched
+    std::atomic<uint64_t> bundlesFailed{0};   // bundles whose dispatch threw
+    std::atomic<uint64_t> batchesSent{0};     // non-empty output passes sent
+    std::atomic<uint64_t> bundlesSent{0};     // bundles of those passes
+    std::atomic<uint64_t> bytesSent{0};       // their bytes, headers included
+    std::atomic<uint64_t> bytesReceived{0};   // bytes of the dispatched bundles
 };
 
 } // namespace Dovel

@@ -30,8 +30,7 @@ private:
     bool open = true;
 };
 
-SessionConnection::SessionConnection(Basalt::TCPSocket* socket, bool serverSide,
-                                     SessionConfig cfg)
+SessionConnection::SessionConnection(Basalt::TCPSocket* socket, bool serverSide, SessionConfig cfg)
     : ConnectionThread(socket, serverSide), config(std::move(cfg)) {
     if (!config.stats)
         config.stats = std::make_shared<SessionStats>();

@@ -35,9 +35,8 @@ bool readBundle(ConnectionThread& connection, Bundle& bundle) {
     while (uint32_t(done) < payload) {
         const int step = std::min(int(payload) - done, ReadStep);
         bytes.resize(int(Bundle::HeaderSize) + done + step);
-        if (!connection.readData(reinterpret_cast<uint8_t*>(bytes.data()) + Bundle::HeaderSize +
-                                     done,
-                                 step)) {
+        if (!connection.readData(
+                reinterpret_cast<uint8_t*>(bytes.data()) + Bundle::HeaderSize + done, step)) {
             Basalt::Trace::warning("processDovel2 # Failed to read Bundle");
             return false;
         }

@@ -74,8 +74,10 @@ TEST(Controller, WithTwoCoresOnOneNodeTheHookUpdatesThreeTimesAndFlushesBeforeTh
     Log log;
     {
         CountingNode node(&log);
-        auto a = BundleController::create(node, params(std::make_shared<Recorder>(&log, "a"), true));
-        auto b = BundleController::create(node, params(std::make_shared<Recorder>(&log, "b"), true));
+        auto a =
+            BundleController::create(node, params(std::make_shared<Recorder>(&log, "a"), true));
+        auto b =
+            BundleController::create(node, params(std::make_shared<Recorder>(&log, "b"), true));
         EXPECT_EQ(BundleController::automaticCoreCount(), 2);
         Tessel::UpdateLoop::runOnce(); // initialises both cores
         log.clear();

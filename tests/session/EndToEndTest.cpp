@@ -5,11 +5,14 @@
 
 #include "Basalt/BinaryData.h"
 #include "Basalt/Trace.h"
+#include "Dovel/bundle/BundleController.h"
+#include "Tessel/UpdateLoop.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 using namespace SessionTest;
 using Dovel::SessionClient;
@@ -236,17 +239,130 @@ TEST(EndToEnd, AClientReconnectsAfterAServerRestartAndResyncs) {
         master.node.addDeepAttribute("scene/late", a);
     });
 
+    // And the client adds one of its own.
+    mirror.run([&] {
+        auto* a = new AttributeT<float>();
+        a->setValue(5.0f, L2);
+        mirror.node.addDeepAttribute("scene/offline", a);
+    });
+
     server = std::make_unique<SessionServer>(master.node, &master.driver);
     ASSERT_TRUE(server->listen(port, "127.0.0.1"));
     ASSERT_TRUE(waitUntil([&] { return client.stats().sessionsStarted.load() == 2; }, 15000));
     ASSERT_TRUE(waitSame(master, mirror)) << describe(snapshot(master)).constData() << "--\n"
                                           << describe(snapshot(mirror)).constData();
-    const auto snap = snapshot(mirror);
-    EXPECT_EQ(snap.size(), 6);
-    EXPECT_TRUE(snap.contains("scene/late"));
+    // Every attribute once on each side (a walk would see a duplicate that a map hides).
+    auto count = [](Side& side) {
+        int n = 0;
+        side.driver.call(
+            [&] { Dovel::walkAttributes(side.node, [&](Tessel::Attribute&) { ++n; }, {}); });
+        return n;
+    };
+    EXPECT_EQ(count(mirror), 7);
+    EXPECT_EQ(count(master), 7);
+    EXPECT_EQ(floatAt(mirror, "scene/late"), 9.0f);
+    EXPECT_EQ(floatAt(master, "scene/offline"), 5.0f);
     EXPECT_EQ(floatAt(mirror, "scene/v0"), 100.0f);
-    // The next change still travels, once.
+    // The next change still travels.
     setFloat(mirror, "scene/v4", -1.0f);
     EXPECT_TRUE(waitUntil([&] { return floatAt(master, "scene/v4") == -1.0f; }));
-    EXPECT_EQ(snapshot(master).size(), 6);
+    EXPECT_TRUE(waitSame(master, mirror));
+    EXPECT_EQ(count(master), 7);
+}
+
+TEST(EndToEnd, AClientWithoutADriverRunsFromTheHostUpdateLoop) {
+    Side master("master");
+    addScene(master, 3);
+    SessionServer server(master.node, &master.driver);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+
+    // The host's tree thread: it waits a minute unless woken, so every change below
+    // arrives only because queued work and local changes wake it.
+    Dovel::RemoteNode mirror(nullptr, "mirror");
+    std::atomic<bool> stopLoop{false};
+    std::thread hostLoop([&] {
+        while (!stopLoop.load())
+            Tessel::UpdateLoop::waitAndRun(60000);
+    });
+    auto onHost = [&](const std::function<void()>& f) {
+        std::atomic<bool> done{false};
+        Tessel::UpdateLoop::post([&] {
+            f();
+            done.store(true);
+        });
+        ASSERT_TRUE(waitUntil([&] { return done.load(); }));
+    };
+    auto mirroredValue = [&](const QByteArray& path) {
+        float value = std::numeric_limits<float>::quiet_NaN();
+        onHost([&] {
+            if (auto* a = typed<float>(mirror, path))
+                value = a->value();
+        });
+        return value;
+    };
+    {
+        SessionClient client(mirror, nullptr);
+        client.connectToHost("127.0.0.1", server.port());
+        EXPECT_TRUE(waitUntil([&] { return mirroredValue("scene/v2") == 2.5f; }));
+        setFloat(master, "scene/v1", 11.0f);
+        EXPECT_TRUE(waitUntil([&] { return mirroredValue("scene/v1") == 11.0f; }));
+        onHost([&] { typed<float>(mirror, "scene/v0")->setValue(-3.0f, L2); });
+        EXPECT_TRUE(waitUntil([&] { return floatAt(master, "scene/v0") == -3.0f; }));
+        EXPECT_EQ(Dovel::BundleController::automaticCoreCount(), 1);
+    }
+    // The client's session is closed; the hook's next run drops its core.
+    EXPECT_TRUE(waitUntil([&] {
+        Tessel::UpdateLoop::wake();
+        return Dovel::BundleController::automaticCoreCount() == 0;
+    }));
+    stopLoop.store(true);
+    Tessel::UpdateLoop::wake();
+    hostLoop.join();
+}
+
+TEST(EndToEnd, AServerAndAClientWithoutDriversShareTheHostUpdateLoop) {
+    // Both trees live on the one host tree thread; the hook runs both sessions.
+    Dovel::RemoteNode shared(nullptr, "shared");
+    Dovel::RemoteNode mirror(nullptr, "mirror");
+    auto* value = new AttributeT<float>();
+    value->setValue(1.0f, L2);
+    ASSERT_TRUE(shared.addDeepAttribute("scene/value", value));
+    std::atomic<bool> stopLoop{false};
+    std::thread hostLoop([&] {
+        while (!stopLoop.load())
+            Tessel::UpdateLoop::waitAndRun(60000);
+    });
+    auto valueOf = [&](Dovel::RemoteNode& node) {
+        std::atomic<bool> done{false};
+        float result = std::numeric_limits<float>::quiet_NaN();
+        Tessel::UpdateLoop::post([&] {
+            if (auto* a = typed<float>(node, "scene/value"))
+                result = a->value();
+            done.store(true);
+        });
+        EXPECT_TRUE(waitUntil([&] { return done.load(); }));
+        return result;
+    };
+    {
+        SessionServer server(shared, nullptr);
+        ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+        SessionClient client(mirror, nullptr);
+        client.connectToHost("127.0.0.1", server.port());
+        EXPECT_TRUE(waitUntil([&] { return valueOf(mirror) == 1.0f; }));
+        EXPECT_EQ(Dovel::BundleController::automaticCoreCount(), 2);
+        std::atomic<bool> set{false};
+        Tessel::UpdateLoop::post([&] {
+            typed<float>(mirror, "scene/value")->setValue(8.0f, L2);
+            set.store(true);
+        });
+        ASSERT_TRUE(waitUntil([&] { return set.load(); }));
+        EXPECT_TRUE(waitUntil([&] { return valueOf(shared) == 8.0f; }));
+    }
+    EXPECT_TRUE(waitUntil([&] {
+        Tessel::UpdateLoop::wake();
+        return Dovel::BundleController::automaticCoreCount() == 0;
+    }));
+    stopLoop.store(true);
+    Tessel::UpdateLoop::wake();
+    hostLoop.join();
 }

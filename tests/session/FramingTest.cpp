@@ -49,9 +49,15 @@ private:
 
 // Bundles written by hand: header words (payload size, type, sequence, acknowledged),
 // little-endian, then the payload.
-const QByteArray first = QByteArray::fromHex("04000000" "07000000" "01000000" "00000000"
+const QByteArray first = QByteArray::fromHex("04000000"
+                                             "07000000"
+                                             "01000000"
+                                             "00000000"
                                              "61626364");
-const QByteArray second = QByteArray::fromHex("08000000" "07000000" "02000000" "01000000"
+const QByteArray second = QByteArray::fromHex("08000000"
+                                              "07000000"
+                                              "02000000"
+                                              "01000000"
                                               "0100000002000000");
 
 struct Fixture {
@@ -122,9 +128,8 @@ TEST(Framing, LinesThatAreNotABatchAreNotRecognised) {
     ASSERT_TRUE(f.connect());
     ASSERT_TRUE(f.peer->send("dovel2 many\ndovel2\nDOVEL2 1\ndovel2 0\n"));
     ASSERT_TRUE(waitUntil([&] { return f.connection->results().size() == 4; }));
-    EXPECT_EQ(f.connection->results(),
-              QStringList({"dovel2 many -> false", "dovel2 -> false", "DOVEL2 1 -> false",
-                           "dovel2 0 -> true"}));
+    EXPECT_EQ(f.connection->results(), QStringList({"dovel2 many -> false", "dovel2 -> false",
+                                                    "DOVEL2 1 -> false", "dovel2 0 -> true"}));
     EXPECT_EQ(f.counters->batchesReceived.load(), 1u); // the empty batch only
     EXPECT_TRUE(f.connection->isConnected());
 }
@@ -149,7 +154,10 @@ TEST(Framing, AHeaderAnnouncingFourGibibytesDisconnectsAtOnce) {
     Fixture f;
     ASSERT_TRUE(f.connect());
     ASSERT_TRUE(f.peer->send("dovel2 1\n" +
-                             QByteArray::fromHex("ffffffff" "07000000" "01000000" "00000000") +
+                             QByteArray::fromHex("ffffffff"
+                                                 "07000000"
+                                                 "01000000"
+                                                 "00000000") +
                              "abcd"));
     EXPECT_TRUE(f.peer->waitClosed());
     EXPECT_TRUE(waitUntil([&] { return !f.connection->isConnected(); }));
@@ -162,8 +170,8 @@ TEST(Framing, ACountAboveTheLimitDisconnects) {
     Basalt::TraceCapture trace;
     Fixture f;
     ASSERT_TRUE(f.connect());
-    ASSERT_TRUE(f.peer->send("dovel2 " + QByteArray::number(Dovel::Limits::MaxBundlesPerBatch + 1) +
-                             "\n"));
+    ASSERT_TRUE(
+        f.peer->send("dovel2 " + QByteArray::number(Dovel::Limits::MaxBundlesPerBatch + 1) + "\n"));
     EXPECT_TRUE(f.peer->waitClosed());
     EXPECT_EQ(trace.count("processDovel2 # A batch of 65537 bundles exceeds the limit"), 1)
         << trace.dump().toStdString();

@@ -22,9 +22,8 @@ TEST(LargeTree, AClientConvergesOnAHundredThousandAttributes) {
         for (int i = 0; i < AttributeCount; ++i) {
             auto* a = new Tessel::AttributeT<int32_t>();
             a->setValue(i, L2);
-            master.node.addDeepAttribute("group" + QByteArray::number(i / 1000) + "/value" +
-                                             QByteArray::number(i),
-                                         a);
+            master.node.addDeepAttribute(
+                "group" + QByteArray::number(i / 1000) + "/value" + QByteArray::number(i), a);
         }
     });
     Dovel::SessionServer server(master.node, &master.driver);
@@ -35,10 +34,8 @@ TEST(LargeTree, AClientConvergesOnAHundredThousandAttributes) {
     // Cheap progress check first, the full comparison once the counts agree.
     auto count = [&] {
         int n = 0;
-        mirror.driver.call([&] {
-            Dovel::walkAttributes(
-                mirror.node, [&](Tessel::Attribute&) { ++n; }, {});
-        });
+        mirror.driver.call(
+            [&] { Dovel::walkAttributes(mirror.node, [&](Tessel::Attribute&) { ++n; }, {}); });
         return n;
     };
     ASSERT_TRUE(waitUntil([&] { return count() == AttributeCount; }, 60000)) << count();

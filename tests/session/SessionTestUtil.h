@@ -3,8 +3,8 @@
 // values of every supported type.
 #pragma once
 
-#include "Dovel/bundle/BundleWriter.h"
 #include "Dovel/bundle/BundleReader.h"
+#include "Dovel/bundle/BundleWriter.h"
 #include "Dovel/session/SessionClient.h"
 #include "Dovel/session/SessionDriver.h"
 #include "Dovel/session/SessionServer.h"
@@ -54,19 +54,19 @@ inline QMap<QByteArray, QByteArray> snapshot(Side& side) {
     QMap<QByteArray, QByteArray> out;
     side.driver.call([&] {
         Dovel::TypeRegistry types;
-        Dovel::walkAttributesWithPath(side.node, [&](Tessel::Attribute& attribute,
-                                                     const QByteArray& path) {
-            uint32_t code = 0, size = 0;
-            const Dovel::Serializer serializer = types.createSerializer(&attribute, code, size);
-            if (!serializer) {
-                out.insert(path, "<none>");
-                return;
-            }
-            Dovel::Bundle bundle;
-            Dovel::BundleWriterCore writer(bundle);
-            serializer(writer);
-            out.insert(path, QByteArray::number(code) + ":" + bundle.packet().toHex());
-        });
+        Dovel::walkAttributesWithPath(
+            side.node, [&](Tessel::Attribute& attribute, const QByteArray& path) {
+                uint32_t code = 0, size = 0;
+                const Dovel::Serializer serializer = types.createSerializer(&attribute, code, size);
+                if (!serializer) {
+                    out.insert(path, "<none>");
+                    return;
+                }
+                Dovel::Bundle bundle;
+                Dovel::BundleWriterCore writer(bundle);
+                serializer(writer);
+                out.insert(path, QByteArray::number(code) + ":" + bundle.packet().toHex());
+            });
     });
     return out;
 }
@@ -83,7 +83,8 @@ inline bool waitSame(Side& a, Side& b, int ms = 10000) {
     return waitUntil([&] { return snapshot(a) == snapshot(b); }, ms);
 }
 
-template <typename T> Tessel::AttributeT<T>* typed(Dovel::RemoteNode& node, const QByteArray& path) {
+template <typename T>
+Tessel::AttributeT<T>* typed(Dovel::RemoteNode& node, const QByteArray& path) {
     Tessel::Attribute* at = &node;
     for (const QByteArray& part : path.split('/')) {
         at = at ? at->attribute(part) : nullptr;

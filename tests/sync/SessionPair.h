@@ -1,21 +1,17 @@
 // Two synchronisation sessions wired back to back without sockets: each side has its
-// own RemoteNode, dispatcher and modules, and pump() carries the output bundles of each
-// side into the other until both are quiet. Everything runs on the test thread, which
-// is the tree thread of both sides.
+// own RemoteNode and a manual BundleController, whose core creates the dispatcher and
+// the modules as every session does; pump() carries the output bundles of each side
+// into the other until both are quiet. Everything runs on the test thread, which is the
+// tree thread of both sides. Input and output go straight through the core's
+// dispatcher, so that a test sees exactly one output pass per output() call.
 #pragma once
 
+#include "Dovel/bundle/BundleController.h"
 #include "Dovel/bundle/BundleDispatcher.h"
-#include "Dovel/bundle/SymbolRegistryReceiver.h"
-#include "Dovel/sync/AttributeRemoveReceiver.h"
 #include "Dovel/sync/AttributeStorage.h"
-#include "Dovel/sync/AttributeUpdateReceiver.h"
-#include "Dovel/sync/NewAttributeReceiver.h"
 #include "Dovel/sync/NodeChangeSender.h"
-#include "Dovel/sync/OneWayEventReceiver.h"
 #include "Dovel/sync/RemoteNode.h"
-#include "Dovel/types/TypeRegistry.h"
 
-#include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
 
 #include <memory>
@@ -25,29 +21,10 @@
 namespace SyncTest {
 
 struct Session {
-    // The modules in the order a session creates them.
-    Session(Dovel::RemoteNode& node, bool master, bool createMissing) : node(node), storage(node) {
-        dispatcher.addModule(std::make_shared<Dovel::SymbolRegistryReceiver>(peerSymbols));
-        sender = std::make_shared<Dovel::NodeChangeSender>(node, storage, types);
-        dispatcher.addSender(sender);
-        remover = std::make_shared<Dovel::AttributeRemoveReceiver>(node, storage, *sender);
-        creator = std::make_shared<Dovel::NewAttributeReceiver>(node, storage, peerSymbols, types,
-                                                                *sender);
-        updater = std::make_shared<Dovel::AttributeUpdateReceiver>(storage, *sender);
-        events = std::make_shared<Dovel::OneWayEventReceiver>(peerSymbols);
-        dispatcher.addModule(remover);
-        dispatcher.addModule(creator);
-        dispatcher.addModule(updater);
-        dispatcher.addModule(events);
-        creator->setSkipStaleValues(master);
-        updater->setSkipStaleUpdates(master);
-        creator->setCreateMissingAttributes(createMissing);
-        events->setHandler([this](const QByteArray& name, Basalt::BinaryData& data) {
-            this->node.handleRemoteEvent(name, data, long(reinterpret_cast<intptr_t>(this)));
-        });
-        node.update();
-        sender->sendInitialValues();
-    }
+    Session(Dovel::RemoteNode& node, bool master, bool createMissing)
+        : node(node), controller(create(node, master, createMissing, this)),
+          core(initialized(controller)), dispatcher(core->bundleDispatcher()),
+          storage(*core->storage()), sender(core->sender()) {}
 
     // One output pass, after the node's pending additions are reported.
     std::vector<Dovel::Bundle> output() {
@@ -71,15 +48,31 @@ struct Session {
     }
 
     Dovel::RemoteNode& node;
-    Dovel::BundleDispatcher dispatcher;
-    Basalt::SymbolRegistry peerSymbols;
-    Dovel::TypeRegistry types;
-    Dovel::AttributeStorage storage;
-    std::shared_ptr<Dovel::NodeChangeSender> sender;
-    std::shared_ptr<Dovel::AttributeRemoveReceiver> remover;
-    std::shared_ptr<Dovel::NewAttributeReceiver> creator;
-    std::shared_ptr<Dovel::AttributeUpdateReceiver> updater;
-    std::shared_ptr<Dovel::OneWayEventReceiver> events;
+    std::shared_ptr<Dovel::BundleController> controller;
+    std::shared_ptr<Dovel::BundleController::Core> core;
+    Dovel::BundleDispatcher& dispatcher;
+    Dovel::AttributeStorage& storage;
+    Dovel::NodeChangeSender* sender;
+
+private:
+    static std::shared_ptr<Dovel::BundleController> create(Dovel::RemoteNode& node, bool master,
+                                                           bool createMissing, Session* self) {
+        Dovel::BundleControllerParams params;
+        params.isMaster = master;
+        params.createMissingAttributes = createMissing;
+        params.autoUpdate = false;
+        params.oneWayEventHandler = [&node, self](const QByteArray& name,
+                                                  Basalt::BinaryData& data) {
+            node.handleRemoteEvent(name, data, long(reinterpret_cast<intptr_t>(self)));
+        };
+        return Dovel::BundleController::create(node, params);
+    }
+    static std::shared_ptr<Dovel::BundleController::Core>
+    initialized(const std::shared_ptr<Dovel::BundleController>& controller) {
+        std::shared_ptr<Dovel::BundleController::Core> c = controller->lockCore();
+        c->ensureIsInitialized(); // announces the whole tree once
+        return c;
+    }
 };
 
 // Carries output both ways until neither side has anything more to say; returns the
