@@ -219,6 +219,15 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
                                " within 0.5 s (connection refused or host unreachable)\n");
     }
 
+    // watch does not give up: it says so once and keeps trying until stopped.
+    QProcess waiting;
+    tool.start(waiting, {"watch", refused});
+    ProcessOutput waited(waiting);
+    EXPECT_TRUE(waited.waitForErr("dovel: cannot reach " + refused.toUtf8() +
+                                  " (connection refused or host unreachable), retrying\n"))
+        << waited.standardError().toStdString();
+    EXPECT_TRUE(endsCleanlyOn(waiting, SIGTERM));
+
     // A malformed tree file: its line and column.
     ASSERT_TRUE(writeFile(folder.filePath("bad.json"), "{\n  \"a\": 1,\n  \"b\": [1 2]\n}\n"));
     ToolRun malformed =

@@ -163,9 +163,13 @@ bool CommandLine::parseSeconds(const QString& option, const QString& text, doubl
     return true;
 }
 
-int CommandLine::fail(int status, const QString& text) {
+void CommandLine::note(const QString& text) {
     std::fprintf(stderr, "dovel: %s\n", text.toUtf8().constData());
     std::fflush(stderr);
+}
+
+int CommandLine::fail(int status, const QString& text) {
+    note(text);
     return status;
 }
 

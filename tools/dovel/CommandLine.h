@@ -52,7 +52,9 @@ public:
     static bool parseSeconds(const QString& option, const QString& text, double& seconds,
                              QString& error);
 
-    // Writes "dovel: TEXT" as one line on standard error and returns `status`.
+    // Writes "dovel: TEXT" as one line on standard error.
+    static void note(const QString& text);
+    // note(), and returns `status`.
     static int fail(int status, const QString& text);
     // Writes `text` to standard output as it is and flushes it.
     static void print(const QByteArray& text);

@@ -318,25 +318,22 @@ int runWatch(const QStringList& args) {
             mirror.driver().call([&] { count = printer->start(); });
             watching = true;
             connected = true;
-            CommandLine::fail(
-                CommandLine::Success,
+            CommandLine::note(
                 QStringLiteral("watching %1 (%2 attributes)").arg(address).arg(count));
             continue;
         }
         const bool now = mirror.client().isConnected();
         if (watching && connected && !now)
-            CommandLine::fail(
-                CommandLine::Success,
+            CommandLine::note(
                 QStringLiteral("lost the connection to %1, reconnecting").arg(address));
         if (watching && !connected && now)
-            CommandLine::fail(CommandLine::Success,
-                              QStringLiteral("connected to %1 again").arg(address));
+            CommandLine::note(QStringLiteral("connected to %1 again").arg(address));
         if (watching)
             connected = now;
         if (!watching && !unreachableSaid && stats.connectFailures.load() > 0) {
             unreachableSaid = true;
-            CommandLine::fail(CommandLine::Success, QStringLiteral("cannot reach %1 (%2), retrying")
-                                                        .arg(address, mirror.failureReason()));
+            CommandLine::note(QStringLiteral("cannot reach %1 (%2), retrying")
+                                  .arg(address, mirror.failureReason()));
         }
     }
     mirror.stop();
