@@ -88,6 +88,54 @@ private:
     QTemporaryDir home;
 };
 
+// What a running process has written so far, both streams apart, for tests that wait
+// for a line of a long-running command (a server, `dovel watch`).
+class ProcessOutput {
+public:
+    explicit ProcessOutput(QProcess& process) : process(process) {}
+
+    // Waits until `channel` has shown `text` (anywhere in what it wrote), or `ms` have
+    // passed, or the process ended without it.
+    bool waitFor(QProcess::ProcessChannel channel, const QByteArray& text, int ms = 15000) {
+        QElapsedTimer timer;
+        timer.start();
+        for (;;) {
+            drain();
+            if ((channel == QProcess::StandardOutput ? out : err).contains(text))
+                return true;
+            if (timer.elapsed() > ms || process.state() == QProcess::NotRunning)
+                return false;
+            process.setReadChannel(channel);
+            process.waitForReadyRead(20);
+        }
+    }
+    bool waitForOut(const QByteArray& text, int ms = 15000) {
+        return waitFor(QProcess::StandardOutput, text, ms);
+    }
+    bool waitForErr(const QByteArray& text, int ms = 15000) {
+        return waitFor(QProcess::StandardError, text, ms);
+    }
+
+    const QByteArray& standardOutput() {
+        drain();
+        return out;
+    }
+    const QByteArray& standardError() {
+        drain();
+        return err;
+    }
+
+private:
+    void drain() {
+        out += process.readAllStandardOutput();
+        err += process.readAllStandardError();
+    }
+
+    QProcess& process;
+    QByteArray out;
+    QByteArray err;
+};
+
 // Sends `signal` and waits for the end; true when the process exited normally with 0.
 inline bool endsCleanlyOn(QProcess& process, int signal, int ms = 10000) {
     ::kill(static_cast<pid_t>(process.processId()), signal);

@@ -337,6 +337,12 @@ QByteArray TreeJson::valueText(const QJsonValue& value) {
 
 bool TreeJson::assign(Tessel::Attribute& attribute, const QJsonValue& value, const QByteArray& path,
                       QString* error) const {
+    Assignment assignment;
+    return prepare(attribute, value, path, assignment, error) && commit(assignment, error);
+}
+
+bool TreeJson::prepare(Tessel::Attribute& attribute, const QJsonValue& value,
+                       const QByteArray& path, Assignment& out, QString* error) const {
     Tessel::Attribute* target = Tessel::AttributeAlias::resolve(&attribute);
     if (!target)
         return fail(error, located(path, QStringLiteral("is an alias without a target")));
@@ -346,7 +352,7 @@ bool TreeJson::assign(Tessel::Attribute& attribute, const QJsonValue& value, con
     uint32_t size = 0;
     const JsonType* type =
         registry.createSerializer(target, code, size) ? JsonValueCodec::byCode(code) : nullptr;
-    if (!type)
+    if (!type || !registry.createDeserializer(code, target))
         return fail(error, located(path, QStringLiteral("has a type ('%1') the tree format does "
                                                         "not know")
                                              .arg(QString::fromUtf8(target->type()))));
@@ -368,7 +374,18 @@ bool TreeJson::assign(Tessel::Attribute& attribute, const QJsonValue& value, con
     if (!JsonValueCodec::encode(*type, inner, enumeration ? &enumeration->names() : nullptr, writer,
                                 message))
         return fail(error, located(path, message));
-    if (!apply(*target, code, bundle, path, message))
+    out.target = target;
+    out.code = code;
+    out.bundle = bundle;
+    out.path = path;
+    return true;
+}
+
+bool TreeJson::commit(const Assignment& assignment, QString* error) const {
+    if (!assignment.target)
+        return fail(error, QStringLiteral("nothing to assign"));
+    QString message;
+    if (!apply(*assignment.target, assignment.code, assignment.bundle, assignment.path, message))
         return fail(error, message);
     return true;
 }

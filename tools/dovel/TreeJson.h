@@ -79,6 +79,7 @@
 // object is an error too (with its line and column), not a silent choice of one.
 #pragma once
 
+#include "Dovel/bundle/Bundle.h"
 #include "Dovel/types/TypeRegistry.h"
 
 #include <QByteArray>
@@ -93,10 +94,6 @@ namespace Tessel {
 class Attribute;
 class Node;
 } // namespace Tessel
-
-namespace Dovel {
-class Bundle;
-}
 
 namespace DovelTool {
 
@@ -130,6 +127,21 @@ public:
     // (nothing changed) with an error naming `path` when the value does not fit.
     bool assign(Tessel::Attribute& attribute, const QJsonValue& value, const QByteArray& path,
                 QString* error) const;
+
+    // assign() in two steps, so that several values can be checked before any is
+    // written: prepare() converts `value` for the attribute (or its alias target) and
+    // changes nothing; commit() writes a prepared value at layer 2. The attribute must
+    // still exist when committed.
+    struct Assignment {
+        Tessel::Attribute* target = nullptr; // not owned
+        uint32_t code = 0;
+        Dovel::Bundle bundle;
+        QByteArray path;
+    };
+    bool prepare(Tessel::Attribute& attribute, const QJsonValue& value, const QByteArray& path,
+                 Assignment& out, QString* error) const;
+    bool commit(const Assignment& assignment, QString* error) const;
+
     // A new detached attribute of the type that `value` implies (a node for an object
     // without "@type"), holding the value as its default. Null with an error naming
     // `path` when the value has no valid form.

@@ -1,0 +1,311 @@
+// `dovel serve`, `dump`, `set`, `watch` and `demo` run as a user runs them: each in its
+// own process, over loopback TCP on ephemeral ports, with tree files in temporary
+// folders. Skipped when the dovel tool has not been built next to the test.
+#include "TreeJsonTestUtil.h"
+
+#include "ToolProcess.h"
+#include "dovel/TreeJson.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace ToolTest;
+
+bool writeFile(const QString& path, const QByteArray& bytes) {
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+}
+
+QByteArray readFile(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QJsonObject object(const QByteArray& json) {
+    return QJsonDocument::fromJson(json).object();
+}
+
+// A loopback port that nothing listens on: the system picks a free one, which is then
+// closed again.
+int closedPort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = 0;
+    socklen_t length = sizeof(address);
+    int port = 0;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+        port = ntohs(address.sin_port);
+    ::close(fd);
+    return port;
+}
+
+const QByteArray SceneJson = R"({
+  "scene": {
+    "title": "hello",
+    "speed": 1.5,
+    "count": 3,
+    "on": true,
+    "camera": {"position": {"@type": "vec3f", "value": [0, 1.5, 4]}}
+  }
+})";
+
+TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    QTemporaryDir folder;
+    ASSERT_TRUE(folder.isValid());
+    const QString treeFile = folder.filePath("scene.json");
+    const QString savedFile = folder.filePath("saved.json");
+    ASSERT_TRUE(writeFile(treeFile, SceneJson));
+    ToolTest::DovelTool tool;
+
+    QProcess server;
+    const QString address = tool.startServer(
+        server, {"serve", "--listen", "127.0.0.1:0", "--tree", treeFile, "--save", savedFile});
+    ASSERT_FALSE(address.isEmpty());
+
+    // dump returns the served tree.
+    ToolRun dumped = tool.run({"dump", address});
+    ASSERT_EQ(dumped.exitCode, 0) << dumped.err.toStdString();
+    EXPECT_EQ(object(dumped.out), object(SceneJson)) << dumped.out.toStdString();
+
+    QProcess watch;
+    tool.start(watch, {"watch", address});
+    ProcessOutput watched(watch);
+    ASSERT_TRUE(watched.waitForErr("watching " + address.toUtf8() + " (5 attributes)\n"))
+        << watched.standardError().toStdString();
+
+    // set from one process, seen by dump from another and by watch. The int attribute
+    // keeps its type: 7 stays an int, 2 becomes the float 2.
+    ToolRun set = tool.run({"set", address, "scene/count=7", "scene/speed=2",
+                            "scene/camera/position=[1,2,3]", "scene/extra/name=\"new\""});
+    ASSERT_EQ(set.exitCode, 0) << set.err.toStdString();
+    EXPECT_TRUE(set.out.isEmpty() && set.err.isEmpty()) << set.err.toStdString();
+    ToolRun after = tool.run({"dump", address});
+    ASSERT_EQ(after.exitCode, 0) << after.err.toStdString();
+    QJsonObject expected = object(R"({"scene": {
+        "title": "hello", "speed": {"@type": "float", "value": 2}, "count": 7, "on": true,
+        "camera": {"position": {"@type": "vec3f", "value": [1, 2, 3]}},
+        "extra": {"name": "new"}}})");
+    EXPECT_EQ(object(after.out), expected) << after.out.toStdString();
+
+    ASSERT_TRUE(watched.waitForOut("+ scene/extra/name = \"new\"\n"))
+        << watched.standardOutput().toStdString();
+    // The changes of one batch come in path order; the addition may come before them.
+    for (const QByteArray& line :
+         {QByteArray("scene/camera/position = {\"@type\":\"vec3f\",\"value\":[1,2,3]}\n"),
+          QByteArray("scene/count = 7\n"),
+          QByteArray("scene/speed = {\"@type\":\"float\",\"value\":2}\n")})
+        EXPECT_TRUE(watched.waitForOut(line)) << watched.standardOutput().toStdString();
+    EXPECT_EQ(watched.standardOutput().count('\n'), 4) << watched.standardOutput().toStdString();
+
+    // A value that does not fit the attribute's type: exit 2, the path named, and
+    // nothing sent, not even the values before it that did fit.
+    ToolRun bad = tool.run({"set", address, "scene/title=\"changed\"", "scene/count=\"many\""});
+    EXPECT_EQ(bad.exitCode, 2);
+    EXPECT_EQ(bad.err.count('\n'), 1) << bad.err.toStdString();
+    EXPECT_TRUE(bad.err.startsWith("dovel: scene/count: ")) << bad.err.toStdString();
+    ToolRun unchanged = tool.run({"dump", address});
+    EXPECT_EQ(object(unchanged.out), expected) << unchanged.out.toStdString();
+
+    // A second change reaches watch as one line.
+    ASSERT_EQ(tool.run({"set", address, "scene/on=false"}).exitCode, 0);
+    EXPECT_TRUE(watched.waitForOut("scene/on = false\n")) << watched.standardOutput().toStdString();
+    // The same value again changes nothing and sends nothing: done at once.
+    ToolRun same = tool.run({"set", address, "scene/on=false"});
+    EXPECT_EQ(same.exitCode, 0) << same.err.toStdString();
+
+    // serve exits 0 on SIGTERM and saves the tree with the clients' changes; watch says
+    // it lost the server and keeps trying.
+    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+    expected["scene"] = [&] {
+        QJsonObject scene = expected["scene"].toObject();
+        scene["on"] = false;
+        return scene;
+    }();
+    EXPECT_EQ(object(readFile(savedFile)), expected) << readFile(savedFile).toStdString();
+    EXPECT_TRUE(
+        watched.waitForErr("lost the connection to " + address.toUtf8() + ", reconnecting\n"))
+        << watched.standardError().toStdString();
+
+    // A new server on the same port: watch reconnects and reports only what differs
+    // from what it saw last.
+    QProcess again;
+    const QString port = address.section(':', 1);
+    ASSERT_EQ(
+        tool.startServer(again, {"serve", "--listen", "127.0.0.1:" + port, "--tree", savedFile}),
+        address);
+    EXPECT_TRUE(watched.waitForErr("connected to " + address.toUtf8() + " again\n"))
+        << watched.standardError().toStdString();
+    ASSERT_EQ(tool.run({"set", address, "scene/title=\"back\""}).exitCode, 0);
+    EXPECT_TRUE(watched.waitForOut("scene/title = \"back\"\n"))
+        << watched.standardOutput().toStdString();
+    EXPECT_EQ(watched.standardOutput().count('\n'), 6) << watched.standardOutput().toStdString();
+
+    EXPECT_TRUE(endsCleanlyOn(watch, SIGINT));
+    EXPECT_TRUE(endsCleanlyOn(again, SIGINT));
+}
+
+TEST(SessionCommands, DumpServeDumpKeepsEveryType) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    QTemporaryDir folder;
+    ASSERT_TRUE(folder.isValid());
+    Tessel::Node root;
+    TreeJsonTest::buildEveryType(root);
+    const QByteArray original = ::DovelTool::TreeJson().dumpBytes(root);
+    ASSERT_TRUE(writeFile(folder.filePath("every.json"), original));
+    ToolTest::DovelTool tool;
+
+    QProcess first;
+    const QString firstAddress = tool.startServer(
+        first, {"serve", "--listen", "127.0.0.1:0", "--tree", folder.filePath("every.json")});
+    ASSERT_FALSE(firstAddress.isEmpty());
+    ToolRun one = tool.run({"dump", firstAddress});
+    ASSERT_EQ(one.exitCode, 0) << one.err.toStdString();
+    ASSERT_TRUE(writeFile(folder.filePath("dumped.json"), one.out));
+
+    QProcess second;
+    const QString secondAddress = tool.startServer(
+        second, {"serve", "--listen", "127.0.0.1:0", "--tree", folder.filePath("dumped.json")});
+    ASSERT_FALSE(secondAddress.isEmpty());
+    ToolRun two = tool.run({"dump", secondAddress});
+    ASSERT_EQ(two.exitCode, 0) << two.err.toStdString();
+    EXPECT_EQ(two.out, one.out);
+
+    // The served tree is the file's, less what a session does not carry: a node without
+    // attributes, and the names of an enumeration (its value arrives as an int).
+    QJsonObject expected = object(original);
+    QJsonObject deep = expected["deep"].toObject();
+    QJsonObject er = deep["er"].toObject();
+    er.remove("empty");
+    er["mode"] = 5;
+    deep["er"] = er;
+    expected["deep"] = deep;
+    EXPECT_EQ(object(one.out), expected) << one.out.toStdString();
+
+    EXPECT_TRUE(endsCleanlyOn(first, SIGTERM));
+    EXPECT_TRUE(endsCleanlyOn(second, SIGTERM));
+}
+
+TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    QTemporaryDir folder;
+    ASSERT_TRUE(folder.isValid());
+    ToolTest::DovelTool tool;
+
+    // Nobody listens: exit 1 after the time-out, with the reason.
+    const QString refused = QStringLiteral("127.0.0.1:%1").arg(closedPort());
+    for (const QStringList& args : {QStringList{"dump", refused, "--timeout", "0.5"},
+                                    QStringList{"set", refused, "a=1", "--timeout=0.5"}}) {
+        ToolRun run = tool.run(args);
+        EXPECT_EQ(run.exitCode, 1) << args.join(' ').toStdString();
+        EXPECT_EQ(run.err, "dovel: no session with " + refused.toUtf8() +
+                               " within 0.5 s (connection refused or host unreachable)\n");
+    }
+
+    // watch does not give up: it says so once and keeps trying until stopped.
+    QProcess waiting;
+    tool.start(waiting, {"watch", refused});
+    ProcessOutput waited(waiting);
+    EXPECT_TRUE(waited.waitForErr("dovel: cannot reach " + refused.toUtf8() +
+                                  " (connection refused or host unreachable), retrying\n"))
+        << waited.standardError().toStdString();
+    EXPECT_TRUE(endsCleanlyOn(waiting, SIGTERM));
+
+    // A malformed tree file: its line and column.
+    ASSERT_TRUE(writeFile(folder.filePath("bad.json"), "{\n  \"a\": 1,\n  \"b\": [1 2]\n}\n"));
+    ToolRun malformed =
+        tool.run({"serve", "--listen", "127.0.0.1:0", "--tree", folder.filePath("bad.json")});
+    EXPECT_EQ(malformed.exitCode, 2);
+    EXPECT_TRUE(malformed.out.isEmpty());
+    EXPECT_EQ(malformed.err.count('\n'), 1) << malformed.err.toStdString();
+    EXPECT_TRUE(malformed.err.contains("line 3, column")) << malformed.err.toStdString();
+    ToolRun missing = tool.run({"serve", "--tree", folder.filePath("none.json")});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_EQ(missing.err.count('\n'), 1) << missing.err.toStdString();
+
+    // Usage errors, found before anything connects: exit 2 and one line.
+    for (const QStringList& args : {QStringList{"dump"},
+                                    QStringList{"dump", "127.0.0.1"},
+                                    QStringList{"dump", "127.0.0.1:0"},
+                                    QStringList{"dump", "host:70000"},
+                                    QStringList{"dump", refused, "--bogus"},
+                                    QStringList{"dump", refused, "--timeout", "-1"},
+                                    QStringList{"dump", refused, "extra"},
+                                    QStringList{"set", refused},
+                                    QStringList{"set", refused, "novalue"},
+                                    QStringList{"set", refused, "a=not json"},
+                                    QStringList{"set", refused, "/a=1"},
+                                    QStringList{"set", refused, "a//b=1"},
+                                    QStringList{"set", refused, "a=1", "a=2"},
+                                    QStringList{"watch"},
+                                    QStringList{"watch", "nohost"},
+                                    QStringList{"serve", "--listen", "nohost"},
+                                    QStringList{"serve", "--listen"},
+                                    QStringList{"serve", "stray"},
+                                    QStringList{"demo", "--seconds", "0"},
+                                    QStringList{"frobnicate"},
+                                    QStringList{"--bogus"},
+                                    QStringList{}}) {
+        ToolRun run = tool.run(args);
+        EXPECT_EQ(run.exitCode, 2) << args.join(' ').toStdString();
+        EXPECT_EQ(run.err.count('\n'), args.isEmpty() ? run.err.count('\n') : 1)
+            << args.join(' ').toStdString() << ": " << run.err.toStdString();
+        EXPECT_TRUE(args.isEmpty() || run.err.startsWith("dovel")) << run.err.toStdString();
+    }
+
+    // Help: every command and every option is described.
+    ToolRun help = tool.run({"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    for (const char* command : {"demo", "serve", "dump", "set", "watch", "files"})
+        EXPECT_TRUE(help.out.contains(QByteArray("  ") + command + " ")) << command;
+    const QList<QPair<QString, QStringList>> options = {
+        {"serve", {"--listen HOST:PORT", "--tree FILE.json", "--save FILE.json", "--help"}},
+        {"dump", {"HOST:PORT", "--timeout SECONDS", "--help"}},
+        {"set", {"HOST:PORT", "PATH=VALUE", "--timeout SECONDS", "--help"}},
+        {"watch", {"HOST:PORT", "--help"}},
+        {"demo", {"--seconds SECONDS", "--help"}}};
+    for (const auto& command : options) {
+        ToolRun commandHelp = tool.run({command.first, "--help"});
+        EXPECT_EQ(commandHelp.exitCode, 0) << command.first.toStdString();
+        EXPECT_TRUE(commandHelp.out.startsWith("usage: dovel " + command.first.toUtf8()));
+        for (const QString& option : command.second)
+            EXPECT_TRUE(commandHelp.out.contains(option.toUtf8()))
+                << command.first.toStdString() << " " << option.toStdString();
+    }
+}
+
+TEST(SessionCommands, DemoShowsTheClientFollowing) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    ToolTest::DovelTool tool;
+    ToolRun demo = tool.run({"demo", "--seconds", "1"});
+    EXPECT_EQ(demo.exitCode, 0) << demo.err.toStdString() << demo.out.toStdString();
+    EXPECT_TRUE(demo.out.contains("server  listening on 127.0.0.1:")) << demo.out.toStdString();
+    EXPECT_TRUE(demo.out.contains("client  connected; its copy holds 20 attributes"))
+        << demo.out.toStdString();
+    EXPECT_TRUE(demo.out.contains("summary: 20 attributes shared")) << demo.out.toStdString();
+    EXPECT_TRUE(demo.out.contains(" changes/s);\n")) << demo.out.toStdString();
+    EXPECT_TRUE(demo.out.contains("mean delay from a change on the server to the client"))
+        << demo.out.toStdString();
+    EXPECT_TRUE(demo.out.contains("at the end the client's tree equals the server's.\n"))
+        << demo.out.toStdString();
+}
+
+} // namespace

@@ -1,0 +1,181 @@
+#include "CommandLine.h"
+
+#include <cmath>
+#include <cstdio>
+
+namespace DovelTool {
+
+CommandLine::CommandLine(const QString& command, const QString& synopsis,
+                         const QString& description)
+    : command(command), synopsis(synopsis), description(description) {}
+
+void CommandLine::addOption(const QString& name, const QString& valueName, const QString& help) {
+    options.append(Option{name, valueName, help});
+}
+
+void CommandLine::addArgument(const QString& name, const QString& help) {
+    arguments.append(Argument{name, help});
+}
+
+const CommandLine::Option* CommandLine::find(const QString& name) const {
+    for (const Option& option : options)
+        if (option.name == name)
+            return &option;
+    return nullptr;
+}
+
+bool CommandLine::parse(const QStringList& words) {
+    positionals.clear();
+    given.clear();
+    problem.clear();
+    help = false;
+    bool optionsEnd = false;
+    for (int i = 0; i < words.size(); ++i) {
+        const QString& word = words[i];
+        if (optionsEnd || !word.startsWith(QLatin1Char('-')) || word == QLatin1String("-")) {
+            positionals.append(word);
+            continue;
+        }
+        if (word == QLatin1String("--")) {
+            optionsEnd = true;
+            continue;
+        }
+        if (word == QLatin1String("--help") || word == QLatin1String("-h")) {
+            help = true;
+            continue;
+        }
+        if (!word.startsWith(QLatin1String("--"))) {
+            problem = QStringLiteral("unknown option '%1'").arg(word);
+            return false;
+        }
+        const int equals = word.indexOf(QLatin1Char('='));
+        const QString name = word.mid(2, equals < 0 ? -1 : equals - 2);
+        const Option* option = find(name);
+        if (!option) {
+            problem = QStringLiteral("unknown option '--%1'").arg(name);
+            return false;
+        }
+        if (option->valueName.isEmpty()) {
+            if (equals >= 0) {
+                problem = QStringLiteral("--%1 takes no value").arg(name);
+                return false;
+            }
+            given.append({name, QString()});
+            continue;
+        }
+        if (equals >= 0) {
+            given.append({name, word.mid(equals + 1)});
+            continue;
+        }
+        if (i + 1 >= words.size()) {
+            problem = QStringLiteral("--%1 takes %2").arg(name, option->valueName);
+            return false;
+        }
+        given.append({name, words[++i]});
+    }
+    return true;
+}
+
+bool CommandLine::isSet(const QString& name) const {
+    for (const auto& entry : given)
+        if (entry.first == name)
+            return true;
+    return false;
+}
+
+QString CommandLine::value(const QString& name, const QString& fallback) const {
+    QString found = fallback;
+    for (const auto& entry : given)
+        if (entry.first == name)
+            found = entry.second;
+    return found;
+}
+
+QString CommandLine::helpText() const {
+    QString text = QStringLiteral("usage: dovel %1 %2\n\n%3\n").arg(command, synopsis, description);
+    // "  LEFT      RIGHT", the right side wrapped at 80 columns under itself.
+    auto column = [](const QString& left, const QString& right) {
+        constexpr int Indent = 24;
+        QString line = QStringLiteral("  ") + left;
+        if (line.size() < Indent)
+            line = line.leftJustified(Indent);
+        else
+            line += QStringLiteral("\n") + QString(Indent, QLatin1Char(' '));
+        int width = 0;
+        for (const QString& word : right.split(QLatin1Char(' '))) {
+            if (width > 0 && Indent + width + 1 + word.size() > 80) {
+                line += QStringLiteral("\n") + QString(Indent, QLatin1Char(' '));
+                width = 0;
+            } else if (width > 0) {
+                line += QLatin1Char(' ');
+                ++width;
+            }
+            line += word;
+            width += word.size();
+        }
+        return line + QStringLiteral("\n");
+    };
+    if (!arguments.isEmpty()) {
+        text += QStringLiteral("\nArguments:\n");
+        for (const Argument& argument : arguments)
+            text += column(argument.name, argument.help);
+    }
+    text += QStringLiteral("\nOptions:\n");
+    for (const Option& option : options) {
+        const QString left = option.valueName.isEmpty()
+                                 ? QStringLiteral("--") + option.name
+                                 : QStringLiteral("--%1 %2").arg(option.name, option.valueName);
+        text += column(left, option.help);
+    }
+    text += column(QStringLiteral("-h, --help"), QStringLiteral("show this help and exit"));
+    return text;
+}
+
+QString CommandLine::usageLine(const QString& text) const {
+    return QStringLiteral("%1 (see dovel %2 --help)").arg(text, command);
+}
+
+bool CommandLine::parseAddress(const QString& text, bool allowAnyPort, QString& host, int& port,
+                               QString& error) {
+    const int colon = text.lastIndexOf(QLatin1Char(':'));
+    bool ok = false;
+    const int number = colon > 0 ? text.mid(colon + 1).toInt(&ok) : -1;
+    if (colon <= 0 || !ok || number < (allowAnyPort ? 0 : 1) || number > 65535 ||
+        text.left(colon).contains(QLatin1Char(' '))) {
+        error = QStringLiteral("bad address '%1', expected HOST:PORT").arg(text);
+        return false;
+    }
+    host = text.left(colon);
+    port = number;
+    return true;
+}
+
+bool CommandLine::parseSeconds(const QString& option, const QString& text, double& seconds,
+                               QString& error) {
+    bool ok = false;
+    const double number = text.toDouble(&ok);
+    if (!ok || !std::isfinite(number) || number <= 0 || number > 1e6) {
+        error =
+            QStringLiteral("--%1 takes a positive number of seconds, not '%2'").arg(option, text);
+        return false;
+    }
+    seconds = number;
+    return true;
+}
+
+void CommandLine::note(const QString& text) {
+    std::fprintf(stderr, "dovel: %s\n", text.toUtf8().constData());
+    std::fflush(stderr);
+}
+
+int CommandLine::fail(int status, const QString& text) {
+    note(text);
+    return status;
+}
+
+void CommandLine::print(const QByteArray& text) {
+    std::fwrite(text.constData(), 1, size_t(text.size()), stdout);
+    std::fflush(stdout);
+}
+
+} // namespace DovelTool

@@ -1,0 +1,149 @@
+#include "PathValues.h"
+
+#include "JsonPreflight.h"
+#include "TreeJson.h"
+
+#include "Tessel/AttributeAlias.h"
+#include "Tessel/Node.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonParseError>
+#include <QSet>
+
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace DovelTool {
+
+namespace {
+
+bool validPath(const QByteArray& path) {
+    if (path.isEmpty())
+        return false;
+    for (const QByteArray& name : path.split('/'))
+        if (name.isEmpty() || name == "@type")
+            return false;
+    return true;
+}
+
+} // namespace
+
+bool PathValues::parseValue(const QByteArray& text, QJsonValue& value, QString& error) {
+    // The JSON reader takes only objects and arrays at the top: read the value as the
+    // one element of an array.
+    const QByteArray wrapped = "[" + text + "\n]";
+    int offset = 0;
+    QString problem;
+    if (JsonPreflight::findProblem(wrapped, offset, problem)) {
+        error = problem;
+        return false;
+    }
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(wrapped, &parseError);
+    if (parseError.error != QJsonParseError::NoError || !document.isArray() ||
+        document.array().size() != 1 || text.trimmed().isEmpty()) {
+        error = QStringLiteral("'%1' is not a JSON value (strings need their quotes)")
+                    .arg(QString::fromUtf8(text));
+        return false;
+    }
+    value = document.array().first();
+    return true;
+}
+
+bool PathValues::parse(const QStringList& words, QString& error) {
+    list.clear();
+    QSet<QByteArray> paths;
+    for (const QString& word : words) {
+        const int equals = word.indexOf(QLatin1Char('='));
+        if (equals < 0) {
+            error = QStringLiteral("'%1' is not PATH=VALUE").arg(word);
+            return false;
+        }
+        Entry entry;
+        entry.path = word.left(equals).toUtf8();
+        if (!validPath(entry.path)) {
+            error =
+                QStringLiteral("'%1' is not a path (names joined by '/')").arg(word.left(equals));
+            return false;
+        }
+        if (paths.contains(entry.path)) {
+            error = QStringLiteral("%1 is given twice").arg(word.left(equals));
+            return false;
+        }
+        QString problem;
+        if (!parseValue(word.mid(equals + 1).toUtf8(), entry.value, problem)) {
+            error = word.left(equals) + QStringLiteral(": ") + problem;
+            return false;
+        }
+        paths.insert(entry.path);
+        list.append(entry);
+    }
+    return true;
+}
+
+bool PathValues::apply(Tessel::Node& root, const TreeJson& json, QString& error) const {
+    std::vector<TreeJson::Assignment> assignments;
+    std::vector<std::pair<QByteArray, std::unique_ptr<Tessel::Attribute>>> created;
+    for (const Entry& entry : list) {
+        Tessel::Attribute* at = &root;
+        QByteArray walked;
+        for (const QByteArray& name : entry.path.split('/')) {
+            auto* node = dynamic_cast<Tessel::Node*>(Tessel::AttributeAlias::resolve(at));
+            if (!node) {
+                error = QStringLiteral("%1: %2 is a value, not a node")
+                            .arg(QString::fromUtf8(entry.path), QString::fromUtf8(walked));
+                return false;
+            }
+            at = node->attribute(name);
+            if (!at)
+                break;
+            walked += (walked.isEmpty() ? QByteArray() : QByteArray("/")) + name;
+        }
+        if (at) {
+            TreeJson::Assignment assignment;
+            if (!json.prepare(*at, entry.value, entry.path, assignment, &error))
+                return false;
+            assignments.push_back(assignment);
+            continue;
+        }
+        // A new path must not run into one that another word creates as a value.
+        for (const auto& earlier : created) {
+            if (entry.path.startsWith(earlier.first + '/') ||
+                earlier.first.startsWith(entry.path + '/')) {
+                error = QStringLiteral("%1 and %2 cannot both be created")
+                            .arg(QString::fromUtf8(earlier.first), QString::fromUtf8(entry.path));
+                return false;
+            }
+        }
+        std::unique_ptr<Tessel::Attribute> attribute = json.create(entry.value, entry.path, &error);
+        if (!attribute)
+            return false;
+        created.emplace_back(entry.path, std::move(attribute));
+    }
+
+    // Every value fits: write them.
+    for (const TreeJson::Assignment& assignment : assignments)
+        if (!json.commit(assignment, &error))
+            return false;
+    for (auto& entry : created) {
+        const QList<QByteArray> names = entry.first.split('/');
+        Tessel::Node* node = &root;
+        for (int i = 0; i + 1 < names.size(); ++i) {
+            auto* next = dynamic_cast<Tessel::Node*>(
+                Tessel::AttributeAlias::resolve(node->attribute(names[i])));
+            if (!next)
+                next = new Tessel::Node(node, names[i]); // owned by its host
+            node = next;
+        }
+        if (!node->addAttribute(names.last(), entry.second.get())) {
+            error = QStringLiteral("%1: cannot be added").arg(QString::fromUtf8(entry.first));
+            return false;
+        }
+        entry.second.release(); // the node owns it now
+    }
+    return true;
+}
+
+} // namespace DovelTool

@@ -1,0 +1,47 @@
+// The PATH=VALUE words of `dovel set`: parses them (VALUE is one JSON value) and writes
+// them into a tree all or nothing. An existing attribute keeps its type and the value
+// is converted to it; a missing path becomes an attribute of the type the JSON value
+// implies (see TreeJson), with the nodes on its way.
+//
+// Thread contract: parse() on any thread; apply() on the tree's thread.
+#pragma once
+
+#include <QByteArray>
+#include <QJsonValue>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+namespace Tessel {
+class Node;
+} // namespace Tessel
+
+namespace DovelTool {
+
+class TreeJson;
+
+class PathValues {
+public:
+    struct Entry {
+        QByteArray path;
+        QJsonValue value;
+    };
+
+    // False with `error` naming the word at fault: no "=", an empty or malformed path
+    // (empty names, "@type"), a path given twice, a VALUE that is not JSON.
+    bool parse(const QStringList& words, QString& error);
+    const QVector<Entry>& entries() const { return list; }
+
+    // Converts every value first; when one does not fit (or its path runs through a
+    // value), nothing is changed and `error` names its path. Otherwise writes the
+    // existing attributes at layer 2 and adds the new ones under `root`.
+    bool apply(Tessel::Node& root, const TreeJson& json, QString& error) const;
+
+    // One JSON value as text, as `set` reads it ("1.5", "\"text\"", "[1,2]", ...).
+    static bool parseValue(const QByteArray& text, QJsonValue& value, QString& error);
+
+private:
+    QVector<Entry> list;
+};
+
+} // namespace DovelTool

@@ -1,0 +1,344 @@
+#include "SessionCommands.h"
+
+#include "ChangePrinter.h"
+#include "CommandLine.h"
+#include "MirrorClient.h"
+#include "PathValues.h"
+#include "TreeJson.h"
+
+#include "Dovel/session/SessionDriver.h"
+#include "Dovel/session/SessionServer.h"
+#include "Dovel/sync/RemoteNode.h"
+
+#include <QFile>
+#include <QSaveFile>
+
+#include <signal.h>
+#include <time.h>
+
+#include <cerrno>
+#include <memory>
+
+namespace DovelTool {
+
+namespace {
+
+constexpr double DefaultTimeoutSeconds = 10.0;
+
+// Blocks SIGINT and SIGTERM for the calling thread and every thread it starts later, so
+// that they wait for sigwait. Returns the set.
+sigset_t blockStopSignals() {
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    return stopSignals;
+}
+
+// Waits up to `ms` for SIGINT or SIGTERM; true when one came.
+bool stopSignalWithin(const sigset_t& stopSignals, int ms) {
+    timespec wait{ms / 1000, long(ms % 1000) * 1000000L};
+    for (;;) {
+        const int got = sigtimedwait(&stopSignals, nullptr, &wait);
+        if (got > 0)
+            return true;
+        if (errno != EINTR)
+            return false;
+    }
+}
+
+QString addressText(const QString& host, int port) {
+    return QStringLiteral("%1:%2").arg(host).arg(port);
+}
+
+QString secondsText(double seconds) {
+    return QString::number(seconds, 'g', 6) + QStringLiteral(" s");
+}
+
+// The shared start of every command: help, words, and the usage error line.
+struct Parsed {
+    bool done = false; // help shown or a usage error: return `status`
+    int status = CommandLine::Success;
+};
+
+Parsed parseWords(CommandLine& line, const QStringList& args) {
+    Parsed parsed;
+    if (!line.parse(args)) {
+        parsed.done = true;
+        parsed.status = CommandLine::fail(CommandLine::UsageError, line.usageLine(line.error()));
+    } else if (line.helpRequested()) {
+        parsed.done = true;
+        CommandLine::print(line.helpText().toUtf8());
+    }
+    return parsed;
+}
+
+// The HOST:PORT argument and --timeout of the client commands.
+struct Target {
+    QString host;
+    int port = 0;
+    double seconds = DefaultTimeoutSeconds;
+};
+
+bool readTarget(const CommandLine& line, bool withTimeout, Target& target, QString& error) {
+    if (line.positional().isEmpty()) {
+        error = line.usageLine(QStringLiteral("missing HOST:PORT"));
+        return false;
+    }
+    if (!CommandLine::parseAddress(line.positional().first(), false, target.host, target.port,
+                                   error))
+        return false;
+    if (withTimeout && line.isSet(QStringLiteral("timeout")) &&
+        !CommandLine::parseSeconds(QStringLiteral("timeout"), line.value(QStringLiteral("timeout")),
+                                   target.seconds, error))
+        return false;
+    return true;
+}
+
+int noSession(const Target& target, const MirrorClient& mirror) {
+    return CommandLine::fail(CommandLine::Failure,
+                             QStringLiteral("no session with %1 within %2 (%3)")
+                                 .arg(addressText(target.host, target.port),
+                                      secondsText(target.seconds), mirror.failureReason()));
+}
+
+const char TimeoutHelp[] = "give up when no session is running after SECONDS (default 10)";
+
+} // namespace
+
+int runServe(const QStringList& args) {
+    CommandLine line(
+        QStringLiteral("serve"),
+        QStringLiteral("[--listen HOST:PORT] [--tree FILE.json] [--save FILE.json]"),
+        QStringLiteral("Shares a tree with every client that connects, as the master of each\n"
+                       "session: clients see its values, and a change that one client makes\n"
+                       "reaches the server and every other client. Prints \"listening on\n"
+                       "HOST:PORT\" once it listens and runs until SIGINT or SIGTERM (Ctrl-C)."));
+    line.addOption(QStringLiteral("listen"), QStringLiteral("HOST:PORT"),
+                   QStringLiteral("address to listen on (default 0.0.0.0:5000; port 0 picks a "
+                                  "free port)"));
+    line.addOption(QStringLiteral("tree"), QStringLiteral("FILE.json"),
+                   QStringLiteral("the tree to share, in the tree-file format "
+                                  "(docs/tree-format.md); empty without it"));
+    line.addOption(QStringLiteral("save"), QStringLiteral("FILE.json"),
+                   QStringLiteral("write the tree, with the clients' changes, to FILE on exit"));
+    const Parsed parsed = parseWords(line, args);
+    if (parsed.done)
+        return parsed.status;
+    if (!line.positional().isEmpty())
+        return CommandLine::fail(
+            CommandLine::UsageError,
+            line.usageLine(
+                QStringLiteral("unexpected argument '%1'").arg(line.positional().first())));
+    QString host = QStringLiteral("0.0.0.0");
+    int port = 5000;
+    QString error;
+    if (line.isSet(QStringLiteral("listen")) &&
+        !CommandLine::parseAddress(line.value(QStringLiteral("listen")), true, host, port, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+    QByteArray treeText;
+    const QString treeFile = line.value(QStringLiteral("tree"));
+    if (!treeFile.isEmpty()) {
+        QFile file(treeFile);
+        if (!file.open(QIODevice::ReadOnly))
+            return CommandLine::fail(
+                CommandLine::Failure,
+                QStringLiteral("cannot read %1: %2").arg(treeFile, file.errorString()));
+        treeText = file.readAll();
+    }
+    const QString saveFile = line.value(QStringLiteral("save"));
+
+    // Before the first thread starts: every thread inherits the blocked signals.
+    const sigset_t stopSignals = blockStopSignals();
+
+    Dovel::RemoteNode root(nullptr, QByteArrayLiteral("root"));
+    Dovel::SessionDriver driver;
+    TreeJson json;
+    bool loaded = true;
+    if (!treeFile.isEmpty())
+        driver.call([&] { loaded = json.load(treeText, root, &error); });
+    if (!loaded)
+        return CommandLine::fail(CommandLine::UsageError,
+                                 QStringLiteral("%1: %2").arg(treeFile, error));
+
+    Dovel::SessionServer server(root, &driver);
+    if (!server.listen(port, host))
+        return CommandLine::fail(
+            CommandLine::Failure,
+            QStringLiteral("cannot listen on %1").arg(addressText(host, port)));
+    CommandLine::print(
+        QStringLiteral("listening on %1\n").arg(addressText(host, server.port())).toUtf8());
+
+    while (!stopSignalWithin(stopSignals, 60000)) {
+    }
+    server.shutdown();
+
+    if (saveFile.isEmpty())
+        return CommandLine::Success;
+    QByteArray document;
+    driver.call([&] { document = json.dumpBytes(root); });
+    QSaveFile file(saveFile);
+    if (!file.open(QIODevice::WriteOnly) || file.write(document) != document.size() ||
+        !file.commit())
+        return CommandLine::fail(
+            CommandLine::Failure,
+            QStringLiteral("cannot write %1: %2").arg(saveFile, file.errorString()));
+    return CommandLine::Success;
+}
+
+int runDump(const QStringList& args) {
+    CommandLine line(QStringLiteral("dump"), QStringLiteral("HOST:PORT [--timeout SECONDS]"),
+                     QStringLiteral("Connects to a server, waits for its tree and prints it as "
+                                    "JSON in the tree-file\nformat, which `dovel serve --tree` "
+                                    "reads back."));
+    line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
+                   QString::fromLatin1(TimeoutHelp));
+    const Parsed parsed = parseWords(line, args);
+    if (parsed.done)
+        return parsed.status;
+    Target target;
+    QString error;
+    if (!readTarget(line, true, target, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+    if (line.positional().size() > 1)
+        return CommandLine::fail(
+            CommandLine::UsageError,
+            line.usageLine(
+                QStringLiteral("unexpected argument '%1'").arg(line.positional().at(1))));
+
+    MirrorClient mirror;
+    mirror.connectToHost(target.host, target.port);
+    if (!mirror.waitInitialState(int(target.seconds * 1000)))
+        return noSession(target, mirror);
+    QByteArray document;
+    TreeJson json;
+    mirror.driver().call([&] { document = json.dumpBytes(mirror.node()); });
+    mirror.stop();
+    CommandLine::print(document);
+    return CommandLine::Success;
+}
+
+int runSet(const QStringList& args) {
+    CommandLine line(
+        QStringLiteral("set"), QStringLiteral("HOST:PORT PATH=VALUE... [--timeout SECONDS]"),
+        QStringLiteral(
+            "Connects to a server, waits for its tree, sets the attributes and exits once the\n"
+            "change has been sent. VALUE is JSON in the tree-file format: an existing\n"
+            "attribute keeps its type and the value is converted to it (a value that does not\n"
+            "fit is an error and nothing is sent); a new path becomes an attribute of the type\n"
+            "the value implies (1 an int, 1.5 a float, \"text\" a string, true a bool, or\n"
+            "{\"@type\": NAME, \"value\": ...}). Quote the words for the shell: a/b='\"text\"'."));
+    line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    line.addArgument(QStringLiteral("PATH=VALUE"),
+                     QStringLiteral("slash-separated path of the attribute, and its JSON value"));
+    line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
+                   QString::fromLatin1(TimeoutHelp));
+    const Parsed parsed = parseWords(line, args);
+    if (parsed.done)
+        return parsed.status;
+    Target target;
+    QString error;
+    if (!readTarget(line, true, target, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+    if (line.positional().size() < 2)
+        return CommandLine::fail(CommandLine::UsageError,
+                                 line.usageLine(QStringLiteral("missing PATH=VALUE")));
+    PathValues values;
+    if (!values.parse(line.positional().mid(1), error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+
+    MirrorClient mirror;
+    mirror.connectToHost(target.host, target.port);
+    const int ms = int(target.seconds * 1000);
+    if (!mirror.waitInitialState(ms))
+        return noSession(target, mirror);
+    TreeJson json;
+    bool applied = false;
+    uint64_t sentBefore = 0;
+    mirror.driver().call([&] {
+        sentBefore = mirror.batchesSent();
+        applied = values.apply(mirror.node(), json, error);
+    });
+    if (!applied) {
+        mirror.stop();
+        return CommandLine::fail(CommandLine::UsageError, error);
+    }
+    const bool written = mirror.waitWritten(sentBefore, ms);
+    mirror.stop();
+    if (!written)
+        return CommandLine::fail(CommandLine::Failure,
+                                 QStringLiteral("the connection to %1 ended before the change "
+                                                "was sent")
+                                     .arg(addressText(target.host, target.port)));
+    return CommandLine::Success;
+}
+
+int runWatch(const QStringList& args) {
+    CommandLine line(
+        QStringLiteral("watch"), QStringLiteral("HOST:PORT"),
+        QStringLiteral("Connects to a server and prints one line per change of its tree as it\n"
+                       "comes: \"PATH = VALUE\" for a new value, \"+ PATH = VALUE\" for an "
+                       "added\nattribute, \"- PATH\" for a removed one (VALUE as JSON). Runs "
+                       "until SIGINT or\nSIGTERM (Ctrl-C); when the server goes away it says so "
+                       "on standard error and\nreconnects."));
+    line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    const Parsed parsed = parseWords(line, args);
+    if (parsed.done)
+        return parsed.status;
+    Target target;
+    QString error;
+    if (!readTarget(line, false, target, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+    if (line.positional().size() > 1)
+        return CommandLine::fail(
+            CommandLine::UsageError,
+            line.usageLine(
+                QStringLiteral("unexpected argument '%1'").arg(line.positional().at(1))));
+    const QString address = addressText(target.host, target.port);
+
+    const sigset_t stopSignals = blockStopSignals();
+    MirrorClient mirror;
+    std::unique_ptr<ChangePrinter> printer;
+    mirror.driver().call([&] {
+        printer = std::make_unique<ChangePrinter>(
+            mirror.node(), [](const QByteArray& text) { CommandLine::print(text); });
+    });
+    mirror.connectToHost(target.host, target.port);
+
+    const Dovel::SessionStats& stats = mirror.client().stats();
+    bool watching = false;
+    bool connected = false;
+    bool unreachableSaid = false;
+    while (!stopSignalWithin(stopSignals, 50)) {
+        if (!watching && stats.bundlesReceived.load() + stats.bundlesFailed.load() > 0 &&
+            mirror.waitInitialState(0)) {
+            int count = 0;
+            mirror.driver().call([&] { count = printer->start(); });
+            watching = true;
+            connected = true;
+            CommandLine::note(
+                QStringLiteral("watching %1 (%2 attributes)").arg(address).arg(count));
+            continue;
+        }
+        const bool now = mirror.client().isConnected();
+        if (watching && connected && !now)
+            CommandLine::note(
+                QStringLiteral("lost the connection to %1, reconnecting").arg(address));
+        if (watching && !connected && now)
+            CommandLine::note(QStringLiteral("connected to %1 again").arg(address));
+        if (watching)
+            connected = now;
+        if (!watching && !unreachableSaid && stats.connectFailures.load() > 0) {
+            unreachableSaid = true;
+            CommandLine::note(QStringLiteral("cannot reach %1 (%2), retrying")
+                                  .arg(address, mirror.failureReason()));
+        }
+    }
+    mirror.stop();
+    mirror.driver().call([&] { printer.reset(); });
+    return CommandLine::Success;
+}
+
+} // namespace DovelTool
