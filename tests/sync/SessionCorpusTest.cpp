@@ -5,6 +5,7 @@
 //   DOVEL_WRITE_CORPUS=fuzz/corpus/session build/bin/test_sync --gtest_filter='SessionCorpus.*'
 // Otherwise the test checks that each stream applies cleanly to a fresh session.
 #include "SessionPair.h"
+#include "TypeSamples.h"
 
 #include "Basalt/Trace.h"
 #include "Tessel/AttributeT.h"
@@ -22,9 +23,7 @@ using Tessel::AttributeT;
 
 namespace {
 
-const uint32_t allCodes[] = {1,  2,  3,  4,  9,  10, 11, 12, 13, 14, 15, 16,
-                             17, 19, 20, 22, 23, 26, 29, 32, 34, 35, 36, 40,
-                             41, 42, 43, 44, 45, 46, 47, 48, 49, 50, 51, 52};
+using TypeSamples::allCodes;
 
 void append(QByteArray& stream, const std::vector<Bundle>& bundles) {
     for (const Bundle& bundle : bundles)

@@ -2,6 +2,7 @@
 // attributes on and off, echo suppression, conflicting values at the start of a
 // session, local-only paths, and events.
 #include "SessionPair.h"
+#include "TypeSamples.h"
 
 #include "Dovel/types/MetaTypes.h"
 
@@ -34,9 +35,8 @@ constexpr auto L3 = Attribute::LayerUser;
 // higher layer would hide every later value of the peer.
 constexpr auto L2 = Attribute::LayerRemote;
 
-const uint32_t allCodes[] = {1,  2,  3,  4,  9,  10, 11, 12, 13, 14, 15, 16,
-                             17, 19, 20, 22, 23, 26, 29, 32, 34, 35, 36, 40,
-                             41, 42, 43, 44, 45, 46, 47, 48, 49, 50, 51, 52};
+using TypeSamples::allCodes;
+using TypeSamples::fill;
 
 // The bytes a serializer writes for the attribute's current value.
 QByteArray encoded(const Dovel::TypeRegistry& types, Attribute* attribute, uint32_t* code) {
@@ -48,49 +48,6 @@ QByteArray encoded(const Dovel::TypeRegistry& types, Attribute* attribute, uint3
     Dovel::BundleWriterCore writer(bundle);
     serializer(writer);
     return bundle.packet();
-}
-
-// Gives a fresh attribute of `code` a value that differs from its default.
-void fill(const Dovel::TypeRegistry& types, uint32_t code, Attribute* attribute) {
-    Bundle bundle;
-    Dovel::BundleWriterCore writer(bundle);
-    const uint32_t size = types.valueSize(code);
-    if (size > 0) {
-        QByteArray bytes(int(size), '\0');
-        for (int i = 0; i < bytes.size(); ++i)
-            bytes[i] = char(code == 1 ? 1 : (i % 4 == 0 ? code + i : 0)); // small ints, tiny floats
-        writer.writeData(bytes.constData(), size);
-    } else {
-        QVariant sample;
-        switch (code) {
-        case 35:
-        case 51:
-            sample = QStringLiteral("/textures/wood.png");
-            break;
-        case 36:
-        case 44:
-            sample = QStringList{"alpha", "", "gamma"};
-            break;
-        case 40:
-            sample = QVariant::fromValue(QVector<float>{1.5f, -2.0f});
-            break;
-        case 41:
-        case 46:
-            sample = Dovel::toVariant(QVector<Quant::Vector2f>{{1, 2}, {3, 4}});
-            break;
-        case 42:
-            sample = QVariant::fromValue(QVector<int32_t>{-1, 7});
-            break;
-        case 43:
-            sample = QVariant::fromValue(QVector<uint32_t>{9u, 4000000000u});
-            break;
-        default:
-            return; // the grid keeps its empty default
-        }
-        types.createVariantSerializer(code)(writer, sample);
-    }
-    Dovel::BundleReader reader(bundle);
-    types.createDeserializer(code, attribute)(reader);
 }
 
 } // namespace

@@ -62,11 +62,19 @@ struct Parsed {
     int status = CommandLine::Success;
 };
 
-Parsed parseWords(CommandLine& line, const QStringList& args) {
+// Parses the words; more than `maxPositional` positional arguments (negative: any
+// number) is a usage error naming the first one too many.
+Parsed parseWords(CommandLine& line, const QStringList& args, int maxPositional = -1) {
     Parsed parsed;
     if (!line.parse(args)) {
         parsed.done = true;
         parsed.status = CommandLine::fail(CommandLine::UsageError, line.usageLine(line.error()));
+    } else if (!line.helpRequested() && maxPositional >= 0 &&
+               line.positional().size() > maxPositional) {
+        parsed.done = true;
+        parsed.status = CommandLine::fail(
+            CommandLine::UsageError, line.usageLine(QStringLiteral("unexpected argument '%1'")
+                                                        .arg(line.positional().at(maxPositional))));
     } else if (line.helpRequested()) {
         parsed.done = true;
         CommandLine::print(line.helpText().toUtf8());
@@ -123,14 +131,9 @@ int runServe(const QStringList& args) {
                                   "(docs/tree-format.md); empty without it"));
     line.addOption(QStringLiteral("save"), QStringLiteral("FILE.json"),
                    QStringLiteral("write the tree, with the clients' changes, to FILE on exit"));
-    const Parsed parsed = parseWords(line, args);
+    const Parsed parsed = parseWords(line, args, 0);
     if (parsed.done)
         return parsed.status;
-    if (!line.positional().isEmpty())
-        return CommandLine::fail(
-            CommandLine::UsageError,
-            line.usageLine(
-                QStringLiteral("unexpected argument '%1'").arg(line.positional().first())));
     QString host = QStringLiteral("0.0.0.0");
     int port = 5000;
     QString error;
@@ -195,18 +198,13 @@ int runDump(const QStringList& args) {
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
     line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
                    QString::fromLatin1(TimeoutHelp));
-    const Parsed parsed = parseWords(line, args);
+    const Parsed parsed = parseWords(line, args, 1);
     if (parsed.done)
         return parsed.status;
     Target target;
     QString error;
     if (!readTarget(line, true, target, error))
         return CommandLine::fail(CommandLine::UsageError, error);
-    if (line.positional().size() > 1)
-        return CommandLine::fail(
-            CommandLine::UsageError,
-            line.usageLine(
-                QStringLiteral("unexpected argument '%1'").arg(line.positional().at(1))));
 
     MirrorClient mirror;
     mirror.connectToHost(target.host, target.port);
@@ -284,18 +282,13 @@ int runWatch(const QStringList& args) {
                        "until SIGINT or\nSIGTERM (Ctrl-C); when the server goes away it says so "
                        "on standard error and\nreconnects."));
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
-    const Parsed parsed = parseWords(line, args);
+    const Parsed parsed = parseWords(line, args, 1);
     if (parsed.done)
         return parsed.status;
     Target target;
     QString error;
     if (!readTarget(line, false, target, error))
         return CommandLine::fail(CommandLine::UsageError, error);
-    if (line.positional().size() > 1)
-        return CommandLine::fail(
-            CommandLine::UsageError,
-            line.usageLine(
-                QStringLiteral("unexpected argument '%1'").arg(line.positional().at(1))));
     const QString address = addressText(target.host, target.port);
 
     const sigset_t stopSignals = blockStopSignals();
