@@ -177,3 +177,24 @@ TEST(Framing, ACountAboveTheLimitDisconnects) {
         << trace.dump().toStdString();
     EXPECT_EQ(f.counters->batchesReceived.load(), 0u);
 }
+
+TEST(Framing, HalfABatchAndThenSilenceEndsAtThePingTimeout) {
+    Basalt::TraceCapture trace;
+    Fixture f;
+    f.connection->setTimeoutSeconds(1.0);
+    f.connection->writerThread()->setPingIntervalSeconds(0.2);
+    ASSERT_TRUE(f.connect());
+    ASSERT_EQ(f.peer->readLine(), QByteArray("ping initialized"));
+    ASSERT_TRUE(f.peer->send("pong initialized\n"));
+    ASSERT_TRUE(waitUntil([&] { return f.connection->isPingSupported(); }));
+    // One bundle and a part of the second, then nothing more, with the socket open.
+    ASSERT_TRUE(f.peer->send("dovel2 2\n" + first + second.left(20)));
+    EXPECT_TRUE(waitUntil([&] { return !f.connection->isConnected(); }, 5000));
+    EXPECT_TRUE(f.peer->waitClosed(2000));
+    EXPECT_EQ(
+        trace.count(
+            QStringLiteral("127.0.0.1:%1: Ping timeout, disconnecting").arg(f.listener.port())),
+        1)
+        << trace.dump().toStdString();
+    EXPECT_EQ(f.counters->batchesReceived.load(), 0u); // nothing of the half batch is applied
+}
