@@ -3,6 +3,8 @@
 // Each subsystem adds the limits of its own framing here.
 #pragma once
 
+#include <cstdint>
+
 namespace Dovel::Limits {
 
 // Longest text line accepted from a peer, without its line end (ConnectionThread::line).
@@ -22,6 +24,10 @@ constexpr int MaxBundlePayloadBytes = 64 << 20;
 // Most bundles a peer may announce in one "dovel2 N" line; a larger count disconnects,
 // since the batch's vector is sized by it (processDovel2).
 constexpr int MaxBundlesPerBatch = 1 << 16;
+// Most bytes of outgoing batches that may wait in one connection's writer; beyond it the
+// peer is taken not to read and is disconnected (Dovel1Connection::send). Well above the
+// first batch of a large tree, which a reading peer takes at once.
+constexpr int64_t MaxUnsentBatchBytes = int64_t(256) << 20;
 
 // Most symbols a peer may define in one session's receive-side registry
 // (SymbolRegistryReceiver::handleBundle).

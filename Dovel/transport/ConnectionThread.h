@@ -93,9 +93,10 @@ public:
     bool readData(uint8_t* dst, int size);
     bool skip(int size);
     QMap<QString, QString> readMap(int count);
-    // Ends the connection at once from a subclass's framing (the connection's own thread)
-    // when the peer announced something it must not send, after the caller logged why:
-    // as a failed read does, and the socket closes so that nothing more is read.
+    // Ends the connection at once, after the caller logged why: from a subclass's framing
+    // when the peer announced something it must not send, or from any thread when the
+    // peer misbehaves otherwise. As a failed read does: the socket closes so that nothing
+    // more is read, and a client goes on to its next attempt.
     void abortConnection();
 
     void setRemoteVersion(int major, int minor, int patch, const QString& suffix);

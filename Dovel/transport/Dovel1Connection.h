@@ -2,12 +2,18 @@
 // "dovel2 N\n" followed by the raw bundles, under the writer key "dovel2". Holds the
 // connection weakly and never keeps it alive. Copyable and movable; send is
 // thread-safe (it only appends to the connection's writer).
+//
+// A peer that stops reading while the session goes on would make the batches pile up
+// in the writer without end: once more than `maxUnsentBytes` wait there, send ends the
+// connection instead (a client then reconnects and starts a fresh session).
 #pragma once
 
+#include "Dovel/Limits.h"
 #include "Dovel/transport/Connection.h"
 
 #include <QByteArray>
 
+#include <cstdint>
 #include <memory>
 
 namespace Dovel {
@@ -19,7 +25,8 @@ public:
     // The writer key of every batch.
     static const QByteArray WriterKey;
 
-    explicit Dovel1Connection(std::weak_ptr<ConnectionThread> connection);
+    explicit Dovel1Connection(std::weak_ptr<ConnectionThread> connection,
+                              int64_t maxUnsentBytes = Limits::MaxUnsentBatchBytes);
     Dovel1Connection(const Dovel1Connection&) = default;
     Dovel1Connection(Dovel1Connection&&) = default;
     Dovel1Connection& operator=(const Dovel1Connection&) = default;
@@ -33,6 +40,7 @@ public:
 
 private:
     std::weak_ptr<ConnectionThread> connection;
+    int64_t maxUnsentBytes;
 };
 
 } // namespace Dovel

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 using namespace TransportTest;
 using Dovel::Bundle;
 
@@ -197,4 +199,32 @@ TEST(Framing, HalfABatchAndThenSilenceEndsAtThePingTimeout) {
         1)
         << trace.dump().toStdString();
     EXPECT_EQ(f.counters->batchesReceived.load(), 0u); // nothing of the half batch is applied
+}
+
+TEST(Framing, APeerThatStopsReadingIsDisconnectedOnceBatchesPileUp) {
+    Basalt::TraceCapture trace;
+    Fixture f;
+    ASSERT_TRUE(f.connect());
+    // From here on the peer reads nothing: the socket's buffers fill, then the writer's.
+    constexpr int64_t Ceiling = 4 << 20;
+    Dovel::Dovel1Connection out(f.connection, Ceiling);
+    const QByteArray payload(64 << 10, 'p');
+    QByteArray packet = QByteArray::fromHex("00000100"
+                                            "07000000"
+                                            "01000000"
+                                            "00000000");
+    packet += payload;
+    const std::vector<Bundle> batch{Bundle(packet)};
+    int64_t mostWaiting = 0;
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            out.send(batch);
+            mostWaiting = std::max(mostWaiting, f.connection->writerThread()->bufferedDataSize());
+            return !f.connection->isConnected();
+        },
+        20000));
+    EXPECT_EQ(trace.count("Dovel1Connection::send # ", Basalt::Trace::Warning), 1)
+        << trace.dump().toStdString();
+    // Never more than the ceiling and the one batch that crossed it.
+    EXPECT_LE(mostWaiting, Ceiling + packet.size() + 16);
 }
