@@ -111,6 +111,10 @@ public:
     QString hostName() const;
     int port() const;
     bool isConnected() const { return connected_.load(); }
+    // False from the moment the current connection is ended (a failed read or write,
+    // abortConnection, stop) until the next one starts, while isConnected() may still
+    // hold until the connection's thread has noticed.
+    bool isLive() const { return running.load(); }
     bool isServerSide() const { return serverSide; }
     // The user name the peer logged in with (server side).
     QString loginUserName() const;

@@ -27,6 +27,8 @@ void Dovel1Connection::send(const std::vector<Bundle>& bundles) {
         return;
     const int64_t unsent = target->writerThread()->bufferedDataSize();
     if (target->isConnected() && unsent > maxUnsentBytes) {
+        if (!target->isLive())
+            return; // already ended; the connection's thread has yet to notice
         Basalt::Trace::warning("Dovel1Connection::send # %lld bytes of batches wait for %s:%d, "
                                "which does not read them; disconnecting",
                                static_cast<long long>(unsent),
