@@ -1,5 +1,6 @@
 // dovel: the command-line face of the library. Each command lives in its own unit;
 // this file only picks one by its first word.
+#include "BenchCommand.h"
 #include "CommandLine.h"
 #include "Demo.h"
 #include "FilesCommand.h"
@@ -44,7 +45,7 @@ int main(int argc, char** argv) {
     QCoreApplication::setApplicationName("dovel");
     QCoreApplication::setApplicationVersion(QString::fromLatin1(Dovel::version()));
 
-    // A new command (a later `bench`, say) adds one row here and its own unit.
+    // A new command adds one row here and its own unit.
     const Command commands[] = {
         {"demo",
          "a server and a client in this process share an animated tree for a few "
@@ -56,6 +57,8 @@ int main(int argc, char** argv) {
         {"watch", "print every change of a server's tree as it comes", DovelTool::runWatch},
         {"files", "mirror a folder of files (files serve DIR | files pull HOST:PORT DIR)",
          DovelTool::runFilesCommand},
+        {"bench", "measure a server and its clients on loopback (bench WORKLOAD)",
+         DovelTool::runBench},
     };
 
     const QStringList words = app.arguments().mid(1);

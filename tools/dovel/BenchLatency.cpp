@@ -1,0 +1,11 @@
+#include "BenchWorkloads.h"
+
+#include "CommandLine.h"
+
+namespace DovelTool {
+
+int runLatencyBench(const BenchOptions&, BenchReport&) {
+    return CommandLine::fail(CommandLine::Failure, QStringLiteral("bench: not built yet"));
+}
+
+} // namespace DovelTool

@@ -1,0 +1,44 @@
+// What the benchmark workloads share about processes: starting their peers (copies of
+// this program with --peer) and reading the figures they print, and this process's
+// own CPU time, peak resident size and heap in use.
+//
+// Not thread-safe; the command's main thread owns it.
+#pragma once
+
+#include "BenchCommand.h"
+
+#include <QProcess>
+
+#include <memory>
+#include <vector>
+
+namespace DovelTool {
+
+class BenchReport;
+
+class BenchPeers {
+public:
+    BenchPeers(const BenchOptions& options, int port);
+    // Kills peers that are still running.
+    ~BenchPeers();
+
+    // Starts `count` peers; false (with a note on stderr) when one does not start.
+    bool start(int count);
+    // Waits up to `ms` for every peer to end, adds what they printed to `report`. False
+    // when one failed, crashed or ran over; its standard error goes to ours.
+    bool finish(BenchReport& report, int ms);
+
+private:
+    BenchOptions options;
+    int port;
+    std::vector<std::unique_ptr<QProcess>> processes;
+};
+
+// CPU seconds (user + system) this process has used so far.
+double cpuSeconds();
+// The peak resident set size of this process so far, in MiB.
+double peakRssMb();
+// Bytes the heap has handed out and not taken back.
+double heapInUseBytes();
+
+} // namespace DovelTool
