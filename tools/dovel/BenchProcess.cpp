@@ -39,36 +39,55 @@ bool BenchPeers::start(int count) {
     return true;
 }
 
-bool BenchPeers::finish(BenchReport& report, int ms) {
+int BenchPeers::running() const {
+    int count = 0;
+    for (const auto& process : processes)
+        count += process->state() != QProcess::NotRunning;
+    return count;
+}
+
+bool BenchPeers::finish(std::vector<Result>& results, int ms) {
     QElapsedTimer timer;
     timer.start();
-    bool ok = true;
-    for (auto& process : processes) {
-        // Peers print little, but read as we wait so that no pipe ever fills.
-        QByteArray out;
-        QByteArray err;
-        while (process->state() != QProcess::NotRunning && timer.elapsed() < ms) {
-            process->waitForFinished(100);
-            out += process->readAllStandardOutput();
-            err += process->readAllStandardError();
+    std::vector<QByteArray> out(processes.size());
+    std::vector<QByteArray> err(processes.size());
+    // Every pipe is drained while any peer runs, so that no peer blocks on a full one.
+    const auto drain = [&] {
+        for (size_t i = 0; i < processes.size(); ++i) {
+            out[i] += processes[i]->readAllStandardOutput();
+            err[i] += processes[i]->readAllStandardError();
         }
-        out += process->readAllStandardOutput();
-        err += process->readAllStandardError();
-        if (process->state() != QProcess::NotRunning) {
-            process->kill();
-            process->waitForFinished(5000);
+    };
+    while (running() > 0 && timer.elapsed() < ms) {
+        // A process without an event loop reads a child's pipes only while it waits
+        // on that child.
+        for (auto& process : processes)
+            if (process->state() != QProcess::NotRunning)
+                process->waitForFinished(10);
+        drain();
+    }
+    drain();
+    bool ok = true;
+    for (size_t i = 0; i < processes.size(); ++i) {
+        QProcess& process = *processes[i];
+        if (process.state() != QProcess::NotRunning) {
+            process.kill();
+            process.waitForFinished(5000);
             CommandLine::note(QStringLiteral("bench: a peer ran over its time and was killed"));
             ok = false;
-        } else if (process->exitStatus() != QProcess::NormalExit || process->exitCode() != 0) {
+        } else if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
             CommandLine::note(QStringLiteral("bench: a peer failed (exit %1)")
-                                  .arg(process->exitStatus() == QProcess::NormalExit
-                                           ? QString::number(process->exitCode())
+                                  .arg(process.exitStatus() == QProcess::NormalExit
+                                           ? QString::number(process.exitCode())
                                            : QStringLiteral("crash")));
             ok = false;
         }
-        if (!err.isEmpty())
-            std::fputs(err.constData(), stderr);
-        report.readJsonLines(out);
+        if (!err[i].isEmpty())
+            std::fputs(err[i].constData(), stderr);
+        Result result;
+        result.figures.readJsonLines(out[i]);
+        result.output = out[i];
+        results.push_back(std::move(result));
     }
     processes.clear();
     return ok;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "BenchCommand.h"
+#include "BenchReport.h"
 
 #include <QProcess>
 
@@ -13,8 +14,6 @@
 #include <vector>
 
 namespace DovelTool {
-
-class BenchReport;
 
 class BenchPeers {
 public:
@@ -24,9 +23,18 @@ public:
 
     // Starts `count` peers; false (with a note on stderr) when one does not start.
     bool start(int count);
-    // Waits up to `ms` for every peer to end, adds what they printed to `report`. False
-    // when one failed, crashed or ran over; its standard error goes to ours.
-    bool finish(BenchReport& report, int ms);
+    // What one peer printed: its figures, and the whole text for workloads that pass
+    // more than figures.
+    struct Result {
+        BenchReport figures;
+        QByteArray output;
+    };
+    // Waits up to `ms` for every peer to end and returns what each printed, in the order
+    // they were started. False when one failed, crashed or ran over; its standard error
+    // goes to ours.
+    bool finish(std::vector<Result>& results, int ms);
+    // Peers started and not finished yet.
+    int running() const;
 
 private:
     BenchOptions options;

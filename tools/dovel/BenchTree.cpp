@@ -1,0 +1,46 @@
+#include "BenchTree.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+
+namespace DovelTool {
+
+BenchServer::BenchServer()
+    : tree(nullptr, QByteArrayLiteral("bench")),
+      session(std::make_unique<Dovel::SessionServer>(tree, &treeThread)) {}
+
+BenchServer::~BenchServer() {
+    session.reset();
+}
+
+bool BenchServer::listen() {
+    return session->listen(0, QStringLiteral("127.0.0.1"));
+}
+
+int BenchServer::port() const {
+    return session->port();
+}
+
+Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path) {
+    Tessel::Attribute* at = &root;
+    for (const QByteArray& name : path.split('/'))
+        at = at ? at->attribute(name) : nullptr;
+    return at;
+}
+
+int64_t monotonicNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+double percentile(std::vector<double>& samples, double fraction) {
+    if (samples.empty())
+        return 0;
+    std::sort(samples.begin(), samples.end());
+    const auto index = size_t(std::lround(fraction * double(samples.size() - 1)));
+    return samples[std::min(index, samples.size() - 1)];
+}
+
+} // namespace DovelTool

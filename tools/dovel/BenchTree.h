@@ -1,0 +1,56 @@
+// What the tree workloads of `dovel bench` share: the server process's tree, tree
+// thread and session server on loopback, attribute lookup by path, a clock that every
+// process on the machine reads alike, and percentiles.
+//
+// BenchServer: not thread-safe; the command's main thread owns it, and its tree is
+// changed only on its driver's thread.
+#pragma once
+
+#include "Dovel/session/SessionDriver.h"
+#include "Dovel/session/SessionServer.h"
+#include "Dovel/sync/RemoteNode.h"
+
+#include "Tessel/AttributeT.h"
+
+#include <QByteArray>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace DovelTool {
+
+class BenchServer {
+public:
+    BenchServer();
+    // Stops the server before the tree thread, the thread before the tree.
+    ~BenchServer();
+
+    // Starts the session server on 127.0.0.1 and an ephemeral port; false when it cannot.
+    bool listen();
+    int port() const;
+
+    Dovel::RemoteNode& root() { return tree; }
+    Dovel::SessionDriver& driver() { return treeThread; }
+    Dovel::SessionServer& server() { return *session; }
+
+private:
+    Dovel::RemoteNode tree; // declared first: it outlives the thread and the server
+    Dovel::SessionDriver treeThread;
+    std::unique_ptr<Dovel::SessionServer> session;
+};
+
+// The attribute at a slash-separated path under `root`, or null.
+Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path);
+template <typename T> Tessel::AttributeT<T>* typedAt(Tessel::Node& root, const QByteArray& path) {
+    return dynamic_cast<Tessel::AttributeT<T>*>(attributeAt(root, path));
+}
+
+// Nanoseconds of CLOCK_MONOTONIC: the same clock in every process of the machine, so
+// that a time taken by the server compares with one taken by a client.
+int64_t monotonicNs();
+
+// The value below which `fraction` (0..1) of `samples` lie; 0 for no samples. Sorts.
+double percentile(std::vector<double>& samples, double fraction);
+
+} // namespace DovelTool
