@@ -6,6 +6,7 @@
 
 #include "Basalt/Trace.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace Tessel {
@@ -27,8 +28,9 @@ void Attribute::attachTo(Node* host, const QByteArray& name) {
 Attribute::~Attribute() {
     aboutToBeDestroyed();
     // Emissions still running over this attribute (a listener deleted it) skip the rest.
-    for (auto& entry : listeners)
-        entry.second->removed = true;
+    if (listeners)
+        for (const auto& listener : *listeners)
+            listener->removed = true;
 }
 
 void Attribute::aboutToBeDestroyed() {
@@ -122,32 +124,43 @@ void Attribute::emitDelete() {
 }
 
 void Attribute::emitRole(int role) {
-    std::vector<std::shared_ptr<Listener>> batch;
-    for (const auto& entry : listeners)
-        if (entry.second->roles & role)
-            batch.push_back(entry.second);
-    // The batch keeps each entry (and its callback) alive while it runs, even if the
+    if (!listeners)
+        return;
+    // The snapshot keeps each entry (and its callback) alive while it runs, even if the
     // callback removes it or destroys this attribute; `removed` tells the rest to skip.
-    for (const auto& listener : batch)
-        if (!listener->removed)
+    const std::shared_ptr<const ListenerTable> snapshot = listeners;
+    for (const auto& listener : *snapshot)
+        if ((listener->roles & role) && !listener->removed)
             listener->callback();
 }
 
 long Attribute::addListener(std::function<void()> callback, int roleMask) {
-    const long id = issueListenerId();
     auto listener = std::make_shared<Listener>();
+    listener->id = issueListenerId();
     listener->callback = std::move(callback);
     listener->roles = roleMask;
-    listeners.emplace(id, std::move(listener));
-    return id;
+    auto table =
+        listeners ? std::make_shared<ListenerTable>(*listeners) : std::make_shared<ListenerTable>();
+    // Ids only grow, so the new one goes last.
+    table->push_back(listener);
+    listeners = std::move(table);
+    return listener->id;
 }
 
 bool Attribute::removeListener(long id) {
-    auto it = listeners.find(id);
-    if (it == listeners.end())
+    if (!listeners)
         return false;
-    it->second->removed = true;
-    listeners.erase(it);
+    const auto found = std::find_if(listeners->begin(), listeners->end(),
+                                    [id](const auto& listener) { return listener->id == id; });
+    if (found == listeners->end())
+        return false;
+    (*found)->removed = true;
+    auto table = std::make_shared<ListenerTable>();
+    table->reserve(listeners->size() - 1);
+    for (const auto& listener : *listeners)
+        if (listener->id != id)
+            table->push_back(listener);
+    listeners = table->empty() ? nullptr : std::move(table);
     return true;
 }
 

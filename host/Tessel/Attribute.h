@@ -35,8 +35,8 @@
 #include <QString>
 
 #include <functional>
-#include <map>
 #include <memory>
+#include <vector>
 
 namespace Tessel {
 
@@ -121,7 +121,7 @@ public:
     long addListener(std::function<void()> callback, int roleMask);
     // False when the id is not registered on this attribute.
     bool removeListener(long id);
-    int listenerCount() const { return int(listeners.size()); }
+    int listenerCount() const { return listeners ? int(listeners->size()) : 0; }
 
 protected:
     // Calls the RoleDelete listeners.
@@ -139,15 +139,20 @@ protected:
 private:
     friend class Node;
     struct Listener {
+        long id = 0;
         std::function<void()> callback;
         int roles = 0;
         bool removed = false;
     };
+    // The table is an immutable snapshot in ascending id order, replaced whole when a
+    // listener comes or goes: an emission holds the snapshot it started with, so it
+    // neither copies the table nor allocates.
+    using ListenerTable = std::vector<std::shared_ptr<Listener>>;
     void emitRole(int role);
 
     QByteArray attributeName;
     Node* hostNode = nullptr;
-    std::map<long, std::shared_ptr<Listener>> listeners;
+    std::shared_ptr<const ListenerTable> listeners;
     bool destroying = false;
     bool detaching = false; // the host is notifying its removal
 };
