@@ -61,6 +61,8 @@ void updateCores(const std::vector<CorePtr>& cores) {
             core->flush();
     for (RemoteNode* node : nodes)
         node->update();
+    for (const CorePtr& core : cores)
+        core->endPass();
 }
 
 void runHook() {
@@ -153,8 +155,11 @@ void BundleController::Core::ensureIsInitialized() {
     params.reset();
     if (wakeUp) {
         // Local changes and events wait for the next output pass: wake the tree thread.
-        changeWakeId =
-            remoteNode.addAttributeChangeListener([this](const NodeWatcher::Event&) { wake(); });
+        changeWakeId = remoteNode.addAttributeChangeListener([this](const NodeWatcher::Event&) {
+            if (!changeWakePending.load(std::memory_order_relaxed) &&
+                !changeWakePending.exchange(true))
+                wake();
+        });
         eventWakeId = remoteNode.addEventListener([this](const RemoteNode::Event&) { wake(); });
     }
     remoteNode.update();

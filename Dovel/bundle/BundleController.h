@@ -133,6 +133,8 @@ public:
     // BundleController::addTask, which also drops work for a core that is gone.
     void addTask(const Task& task);
     void wake() const;
+    // Marks the end of a pass: what changes from now on wakes the tree thread again.
+    void endPass() { changeWakePending.store(false); }
 
     RemoteNode& node() { return remoteNode; }
     BundleDispatcher& bundleDispatcher() { return dispatcher; }
@@ -173,6 +175,9 @@ private:
     // Listeners on the node that wake the tree thread for local changes.
     long changeWakeId = -1;
     long eventWakeId = -1;
+    // Set by the first local change after a pass ended and cleared when the next one
+    // ends: the changes in between need one wake-up, not one each.
+    std::atomic<bool> changeWakePending{false};
     // Set when the node sends "destroyed": nothing may be unregistered from it then.
     std::atomic<bool> nodeGone{false};
 };
