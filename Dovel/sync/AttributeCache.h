@@ -11,6 +11,7 @@
 
 #include <mutex>
 #include <shared_mutex>
+#include <vector>
 
 namespace Tessel {
 class Attribute;
@@ -29,6 +30,14 @@ public:
     bool add(unsigned int symbol, Tessel::Attribute* attribute);
     // The attribute of the symbol, or null.
     Tessel::Attribute* find(unsigned int symbol) const;
+    // A batch of find under one read lock: out[i] is the attribute of symbolAt(i) or null.
+    template <typename SymbolAt>
+    void findAll(size_t count, SymbolAt symbolAt, std::vector<Tessel::Attribute*>& out) const {
+        std::shared_lock<std::shared_mutex> locker(lock);
+        out.resize(count);
+        for (size_t i = 0; i < count; ++i)
+            out[i] = bySymbol.value(symbolAt(i), nullptr);
+    }
     // The symbol of a cached attribute, or 0.
     unsigned int symbolOf(Tessel::Attribute* attribute) const;
     // Drops the symbol from both maps and the node set; false (logged) when unknown.

@@ -1,5 +1,7 @@
 #include "Dovel/sync/AttributeChangeCompressor.h"
 
+#include <QHash>
+
 #include <algorithm>
 
 namespace Dovel {

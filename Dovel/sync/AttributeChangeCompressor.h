@@ -6,8 +6,7 @@
 #pragma once
 
 #include "Dovel/sync/NodeWatcher.h"
-
-#include <QSet>
+#include "Dovel/sync/SymbolSet.h"
 
 #include <cstdint>
 #include <vector>
@@ -33,10 +32,10 @@ public:
 private:
     // Kept between calls so that steady traffic does not reallocate.
     std::vector<ChangeData> scratch;
-    QSet<uint32_t> laterChanged;
-    QSet<uint32_t> laterRemoved;
-    QSet<uint32_t> laterAdded;
-    QSet<uint32_t> added;
+    SymbolSet laterChanged;
+    SymbolSet laterRemoved;
+    SymbolSet laterAdded;
+    SymbolSet added;
 };
 
 } // namespace Dovel

@@ -16,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <vector>
 
 namespace Dovel {
 
@@ -32,6 +33,16 @@ public:
     DovelSessionAttribute* findByLocalSymbol(uint32_t symbol) const;
     DovelSessionAttribute* findByReadSymbol(uint32_t symbol) const;
     DovelSessionAttribute* findByPath(const QByteArray& path) const;
+    // A batch of findByLocalSymbol under one read lock: out[i] is the record of
+    // symbolAt(i) or null.
+    template <typename SymbolAt>
+    void findByLocalSymbols(size_t count, SymbolAt symbolAt,
+                            std::vector<DovelSessionAttribute*>& out) const {
+        std::shared_lock<std::shared_mutex> locker(lock);
+        out.resize(count);
+        for (size_t i = 0; i < count; ++i)
+            out[i] = byLocalSymbol.value(symbolAt(i), nullptr);
+    }
     // A new record for the path, with the path's local symbol (defined when new). An
     // existing record of the path is returned as it is.
     DovelSessionAttribute* createByPath(const QByteArray& path);

@@ -8,6 +8,7 @@
 
 #include "Basalt/Trace.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace Dovel {
@@ -60,12 +61,19 @@ unsigned NodeChangeSender::messageType(NodeWatcher::EventType type) {
 }
 
 void NodeChangeSender::ignoreOne(const NodeWatcher::Event& event) {
-    if (!ignored.insert(event).second)
+    if (std::find(ignored.begin(), ignored.end(), event) != ignored.end()) {
         Basalt::Trace::error("NodeChangeSender::ignoreOne # Called for an already ignored symbol");
+        return;
+    }
+    ignored.push_back(event);
 }
 
 bool NodeChangeSender::stopIgnoring(const NodeWatcher::Event& event) {
-    return ignored.erase(event) > 0;
+    const auto found = std::find(ignored.begin(), ignored.end(), event);
+    if (found == ignored.end())
+        return false;
+    ignored.erase(found);
+    return true;
 }
 
 void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
@@ -83,14 +91,20 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
         }
         return;
     }
-    if (!node.attributeCache().find(event.symbol)) {
+    // A value change comes from a live attribute that has a record once it was
+    // announced; only other events need the cache to tell that the attribute is there.
+    DovelSessionAttribute* sa = event.type == NodeWatcher::AttributeChanged
+                                    ? storage.findByLocalSymbol(event.symbol)
+                                    : nullptr;
+    if (!sa && !node.attributeCache().find(event.symbol)) {
         Basalt::Trace::error("NodeChangeSender::onAttributeChange # Got an attribute change "
                              "event but can't find the actual attribute");
         return;
     }
 
     Basalt::Guard guard(changeMutex);
-    DovelSessionAttribute* sa = storage.findByLocalSymbol(event.symbol);
+    if (!sa)
+        sa = storage.findByLocalSymbol(event.symbol);
     if (!sa && event.type == NodeWatcher::AttributeAdded) {
         const QByteArray path = node.symbolRegistry().lookup(uint32_t(event.symbol));
         if (!path.isEmpty())
@@ -130,6 +144,7 @@ void NodeChangeSender::sendInitialValues() {
 
 void NodeChangeSender::writeUpdates(BundleOutput& output) {
     collapseChanges();
+    resolveChanges();
     std::vector<RemoteNode::Event> events;
     getEvents(events);
     sendSymbols(changes, events, output);
@@ -144,6 +159,12 @@ void NodeChangeSender::collapseChanges() {
         taken.swap(pendingChanges);
     }
     compressor.compress(taken, changes);
+}
+
+void NodeChangeSender::resolveChanges() {
+    const auto symbolAt = [this](size_t i) { return changes[i].symbol; };
+    storage.findByLocalSymbols(changes.size(), symbolAt, records);
+    node.attributeCache().findAll(changes.size(), symbolAt, attributes);
 }
 
 void NodeChangeSender::getEvents(std::vector<RemoteNode::Event>& out) {
@@ -179,12 +200,12 @@ void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes,
                                    BundleOutput& output) {
     Bundle bundle;
     BundleWriter writer(bundle);
-    for (const ChangeData& change : changes) {
-        if (!storage.findByLocalSymbol(change.symbol)) {
+    for (size_t i = 0; i < changes.size(); ++i) {
+        if (!records[i]) {
             logMissingSessionAttribute();
             continue;
         }
-        announceSymbol(change.symbol, writer);
+        announceSymbol(changes[i].symbol, writer);
     }
     for (const RemoteNode::Event& event : events)
         announceSymbol(event.symbol, writer);
@@ -196,8 +217,9 @@ void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, Bundl
     BundleWriter writer(bundle);
     uint32_t openType = NodeWatcher::AttributeAdded;
     bool open = false;
-    for (const ChangeData& change : changes) {
-        DovelSessionAttribute* sa = storage.findByLocalSymbol(change.symbol);
+    for (size_t i = 0; i < changes.size(); ++i) {
+        const ChangeData& change = changes[i];
+        DovelSessionAttribute* sa = records[i];
         if (!sa) {
             logMissingSessionAttribute();
             continue;
@@ -218,10 +240,10 @@ void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, Bundl
         }
         switch (change.type) {
         case NodeWatcher::AttributeAdded:
-            sendAdded(*sa, change.withValue != 0, writer);
+            sendAdded(*sa, attributes[i], change.withValue != 0, writer);
             break;
         case NodeWatcher::AttributeChanged:
-            sendChanged(*sa, writer);
+            sendChanged(*sa, attributes[i], writer);
             break;
         default:
             sendRemoved(*sa, writer);
@@ -232,9 +254,8 @@ void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, Bundl
         output.finish(bundle, messageType(NodeWatcher::EventType(openType)));
 }
 
-void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, bool withValue,
-                                 BundleWriterCore& writer) {
-    Tessel::Attribute* attribute = node.attributeCache().find(sa.localSymbol);
+void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* attribute,
+                                 bool withValue, BundleWriterCore& writer) {
     if (!attribute) {
         Basalt::Trace::error("NodeChangeSender # Trying to send changes for a missing attribute "
                              "with symbol %u. Ignoring",
@@ -276,9 +297,10 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, bool withValue,
     sa.removedLocally = false;
 }
 
-void NodeChangeSender::sendChanged(DovelSessionAttribute& sa, BundleWriterCore& writer) {
+void NodeChangeSender::sendChanged(DovelSessionAttribute& sa, Tessel::Attribute* attribute,
+                                   BundleWriterCore& writer) {
     sa.lastSentSequence = writer.bundle().sequenceNumber();
-    if (!node.attributeCache().find(sa.localSymbol)) {
+    if (!attribute) {
         Basalt::Trace::error("NodeChangeSender # Trying to send changes for a missing attribute "
                              "with symbol %u. Ignoring",
                              sa.localSymbol);

@@ -20,7 +20,6 @@
 #include <QSet>
 
 #include <cstdint>
-#include <set>
 #include <vector>
 
 namespace Dovel {
@@ -73,11 +72,15 @@ private:
     void forgetLocalAttribute(DovelSessionAttribute& sa);
     void collapseChanges();
     void getEvents(std::vector<RemoteNode::Event>& out);
+    // Finds the records and attributes of `changes` (into `records`, `attributes`).
+    void resolveChanges();
     void sendSymbols(const std::vector<ChangeData>& changes,
                      const std::vector<RemoteNode::Event>& events, BundleOutput& output);
     void sendChanges(const std::vector<ChangeData>& changes, BundleOutput& output);
-    void sendAdded(DovelSessionAttribute& sa, bool withValue, BundleWriterCore& writer);
-    void sendChanged(DovelSessionAttribute& sa, BundleWriterCore& writer);
+    void sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* attribute, bool withValue,
+                   BundleWriterCore& writer);
+    void sendChanged(DovelSessionAttribute& sa, Tessel::Attribute* attribute,
+                     BundleWriterCore& writer);
     void sendRemoved(DovelSessionAttribute& sa, BundleWriterCore& writer);
     void sendEvents(const std::vector<RemoteNode::Event>& events, BundleOutput& output);
     // Appends the symbol's name to the symbol bundle unless the peer already knows it.
@@ -92,6 +95,10 @@ private:
     Basalt::Mutex changeMutex;
     std::vector<NodeWatcher::Event> pendingChanges; // guarded by changeMutex
     std::vector<ChangeData> changes;
+    // Per entry of `changes` in the pass being written: its record and its attribute,
+    // looked up in one batch each.
+    std::vector<DovelSessionAttribute*> records;
+    std::vector<Tessel::Attribute*> attributes;
 
     Basalt::Mutex eventMutex;
     std::vector<RemoteNode::Event> pendingEvents; // guarded by eventMutex
@@ -102,7 +109,9 @@ private:
     uint32_t eventMessageType = NoMessageType;
 
     QSet<uint32_t> announced;
-    std::set<NodeWatcher::Event> ignored;
+    // Echoes to drop: at most the one or two a receiver is applying right now, so a
+    // short vector (scanned per change, empty nearly always) beats a tree.
+    std::vector<NodeWatcher::Event> ignored;
 
     long changeListenerId = -1;
     long eventListenerId = -1;

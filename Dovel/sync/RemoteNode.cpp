@@ -87,10 +87,8 @@ void RemoteNode::onWatcherEvent(const NodeWatcher::Event& event) {
 
 void RemoteNode::queueChanged(unsigned int symbol) {
     std::lock_guard<std::mutex> locker(changedMutex);
-    if (changedSet.contains(symbol))
-        return;
-    changedSet.insert(symbol);
-    changedList.push_back(symbol);
+    if (changedSet.insert(symbol))
+        changedList.push_back(symbol);
 }
 
 void RemoteNode::checkForPendingListeners(unsigned int symbol) {

@@ -13,6 +13,7 @@
 
 #include "Dovel/sync/AttributeCache.h"
 #include "Dovel/sync/NodeWatcher.h"
+#include "Dovel/sync/SymbolSet.h"
 #include "Dovel/sync/SyncFlags.h"
 
 #include "Basalt/BinaryData.h"
@@ -188,7 +189,7 @@ private:
 
     std::mutex changedMutex;
     std::vector<unsigned int> changedList;
-    QSet<unsigned int> changedSet;
+    SymbolSet changedSet;
 };
 
 // Follows `parts` down from `parent`, creating missing plain nodes (recorded by path in
