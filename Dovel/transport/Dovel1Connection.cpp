@@ -11,6 +11,13 @@ namespace Dovel {
 
 const QByteArray Dovel1Connection::WriterKey = QByteArrayLiteral("dovel2");
 
+namespace {
+
+// Bundles up to this size are joined into shared parts (a few writer chunks each).
+constexpr int JoinBytes = 65536;
+
+} // namespace
+
 Dovel1Connection::Dovel1Connection(std::weak_ptr<ConnectionThread> connection,
                                    int64_t maxUnsentBytes)
     : connection(std::move(connection)), maxUnsentBytes(maxUnsentBytes) {}
@@ -36,11 +43,27 @@ void Dovel1Connection::send(const std::vector<Bundle>& bundles) {
         target->abortConnection();
         return;
     }
+    // The writer writes each part on its own, so small bundles are joined (with the
+    // line) into parts of up to JoinBytes: a batch of a few changes then leaves in one
+    // write and arrives in one read. A large bundle stays a part of its own, uncopied.
     QList<QByteArray> parts;
-    parts.reserve(int(bundles.size()) + 1);
-    parts.append("dovel2 " + QByteArray::number(qulonglong(bundles.size())) + '\n');
-    for (const Bundle& bundle : bundles)
-        parts.append(bundle.packet());
+    QByteArray joined = "dovel2 " + QByteArray::number(qulonglong(bundles.size())) + '\n';
+    for (const Bundle& bundle : bundles) {
+        const QByteArray packet = bundle.packet();
+        if (joined.size() + packet.size() <= JoinBytes) {
+            joined += packet;
+            continue;
+        }
+        if (!joined.isEmpty())
+            parts.append(joined);
+        joined.clear();
+        if (packet.size() > JoinBytes)
+            parts.append(packet);
+        else
+            joined = packet;
+    }
+    if (!joined.isEmpty())
+        parts.append(joined);
     target->writeBuffer(parts, WriterKey);
 }
 
