@@ -40,8 +40,8 @@ class AssetBase : public Basalt::Thread {
 public:
     struct FileInfo {
         int64_t size = 0;
-        QString md5; // 32 lowercase hexadecimal digits
-        QDateTime lastModified;
+        QString md5;            // 32 lowercase hexadecimal digits
+        QDateTime lastModified; // in UTC
     };
     // From file name ("/dir/file", relative to the root) to its description.
     using FileList = QMap<QString, FileInfo>;
@@ -148,6 +148,8 @@ private:
 
     mutable Basalt::Mutex fileListMutex;
     FileList files; // the last built list, which is also the checksum cache
+    // Whether the settings store holds exactly `files`; guarded by fileListMutex.
+    bool cacheStored = false;
 
     mutable Basalt::Mutex downloadMutex;
     std::map<QString, Download> downloads;
