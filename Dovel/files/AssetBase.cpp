@@ -330,7 +330,7 @@ bool AssetBase::addFileToDownloadList(const QString& name, int64_t size, int64_t
     entry.size = size;
     entry.parts = parts;
     entry.owner = owner;
-    entry.hash = std::make_unique<QCryptographicHash>(QCryptographicHash::Md5);
+    entry.hash = std::make_shared<RunningMd5>();
     return true;
 }
 
@@ -361,10 +361,16 @@ bool AssetBase::increasePartCount(const QString& name) {
 }
 
 void AssetBase::downloadListAddHashData(const QString& name, const QByteArray& bytes) {
-    Basalt::Guard guard(downloadMutex);
-    const auto it = downloads.find(name);
-    if (it != downloads.end())
-        it->second.hash->addData(bytes);
+    std::shared_ptr<RunningMd5> running;
+    {
+        Basalt::Guard guard(downloadMutex);
+        const auto it = downloads.find(name);
+        if (it == downloads.end())
+            return;
+        running = it->second.hash;
+    }
+    Basalt::Guard guard(running->mutex);
+    running->hash.addData(bytes);
 }
 
 QString AssetBase::downloadListMD5(const QString& name) const {
@@ -374,10 +380,16 @@ QString AssetBase::downloadListMD5(const QString& name) const {
 }
 
 QString AssetBase::downloadListPartMD5(const QString& name) const {
-    Basalt::Guard guard(downloadMutex);
-    const auto it = downloads.find(name);
-    return it == downloads.end() ? QString()
-                                 : QString::fromLatin1(it->second.hash->result().toHex());
+    std::shared_ptr<RunningMd5> running;
+    {
+        Basalt::Guard guard(downloadMutex);
+        const auto it = downloads.find(name);
+        if (it == downloads.end())
+            return QString();
+        running = it->second.hash;
+    }
+    Basalt::Guard guard(running->mutex);
+    return QString::fromLatin1(running->hash.result().toHex());
 }
 
 QDateTime AssetBase::downloadListStartTime(const QString& name) const {
