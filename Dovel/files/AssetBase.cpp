@@ -11,6 +11,8 @@
 #include <QFile>
 #include <QSettings>
 
+#include <sys/stat.h>
+
 #include <cmath>
 
 namespace Dovel {
@@ -26,9 +28,35 @@ void report(ProgressSender* progress, const QString& text) {
         progress->transferInfo(text);
 }
 
-bool sameFile(const AssetBase::FileInfo& cached, const QFileInfo& info) {
-    return !cached.md5.isEmpty() && cached.size == info.size() &&
-           cached.lastModified.toMSecsSinceEpoch() == info.lastModified().toMSecsSinceEpoch();
+// A file's modification time in milliseconds since the epoch (links followed, as
+// QFileInfo does), or -1 when it cannot be read. Read with stat() because
+// QFileInfo::lastModified converts to local time, which costs a time-zone lookup per
+// file and dominates the walk of a large folder.
+int64_t modifiedMsecs(const QString& path) {
+    struct stat status;
+    if (::stat(QFile::encodeName(path).constData(), &status) != 0)
+        return -1;
+    return int64_t(status.st_mtim.tv_sec) * 1000 + status.st_mtim.tv_nsec / 1000000;
+}
+
+// Times are kept in UTC: the same instant, without local-time conversions.
+QDateTime utcTime(int64_t msecs) {
+    return QDateTime::fromMSecsSinceEpoch(msecs, Qt::UTC);
+}
+
+bool sameFile(const AssetBase::FileInfo& cached, int64_t size, int64_t modified) {
+    return !cached.md5.isEmpty() && cached.size == size && modified >= 0 &&
+           cached.lastModified.toMSecsSinceEpoch() == modified;
+}
+
+bool sameLists(const AssetBase::FileList& a, const AssetBase::FileList& b) {
+    if (a.size() != b.size())
+        return false;
+    for (auto x = a.constBegin(), y = b.constBegin(); x != a.constEnd(); ++x, ++y)
+        if (x.key() != y.key() || x->size != y->size || x->md5 != y->md5 ||
+            x->lastModified.toMSecsSinceEpoch() != y->lastModified.toMSecsSinceEpoch())
+            return false;
+    return true;
 }
 
 } // namespace
@@ -155,7 +183,8 @@ int64_t AssetBase::buildFileList(const QString& dir, FileList& list,
         } else if (entry.isFile()) {
             ++found;
             const auto cached = files.constFind(name);
-            if (cached != files.constEnd() && sameFile(*cached, entry)) {
+            if (cached != files.constEnd() &&
+                sameFile(*cached, entry.size(), modifiedMsecs(entry.absoluteFilePath()))) {
                 list.insert(name, *cached);
                 reused.fetch_add(1);
             } else {
@@ -179,6 +208,8 @@ AssetBase::FileList AssetBase::buildFileList(ProgressSender* progress) {
     int generated = 0;
     for (const QPair<QString, QFileInfo>& file : pending) {
         const QString path = file.second.absoluteFilePath();
+        // Taken before reading, so that a change while the file is read shows next time.
+        const int64_t modified = modifiedMsecs(path);
         bool ok = false;
         const QString sum = computeMd5(path, &ok);
         if (!ok) {
@@ -187,7 +218,7 @@ AssetBase::FileList AssetBase::buildFileList(ProgressSender* progress) {
             continue;
         }
         computed.fetch_add(1);
-        list.insert(file.first, FileInfo{file.second.size(), sum, file.second.lastModified()});
+        list.insert(file.first, FileInfo{file.second.size(), sum, utcTime(modified)});
         if (++generated % ChecksumReportPeriod == 0)
             report(progress, QStringLiteral("Generated checksums: %1").arg(generated));
     }
@@ -196,8 +227,13 @@ AssetBase::FileList AssetBase::buildFileList(ProgressSender* progress) {
     Basalt::Trace::debug("AssetBase::buildFileList # %s: %lld checksums reused, %d computed",
                          root_.toUtf8().constData(), static_cast<long long>(reusedHere), generated);
 
+    // An unchanged list leaves the store as it is: rewriting it is most of the cost of
+    // listing a large unchanged folder.
+    if (!cacheStored || !sameLists(list, files)) {
+        writeCache(list);
+        cacheStored = true;
+    }
     files = list;
-    writeCache(list);
     report(progress, QStringLiteral("Checksum list generated"));
     return list;
 }
@@ -212,10 +248,11 @@ QString AssetBase::md5(const QString& name) {
     if (path.isEmpty())
         return QString();
     const QFileInfo info(path);
+    const int64_t modified = modifiedMsecs(path);
     {
         Basalt::Guard guard(fileListMutex);
         const auto cached = files.constFind(name);
-        if (cached != files.constEnd() && sameFile(*cached, info)) {
+        if (cached != files.constEnd() && sameFile(*cached, info.size(), modified)) {
             reused.fetch_add(1);
             return cached->md5;
         }
@@ -254,14 +291,14 @@ void AssetBase::readCache() {
         settings.setArrayIndex(i);
         const QString name = settings.value(QStringLiteral("file")).toString();
         FileInfo info;
-        info.lastModified =
-            QDateTime::fromMSecsSinceEpoch(settings.value(QStringLiteral("ts")).toLongLong());
+        info.lastModified = utcTime(settings.value(QStringLiteral("ts")).toLongLong());
         info.md5 = settings.value(QStringLiteral("MD5")).toString();
         info.size = settings.value(QStringLiteral("size")).toLongLong();
         if (isCarriableName(name) && info.md5.size() == 32)
             files.insert(name, info);
     }
     settings.endArray();
+    cacheStored = files.size() == count; // else the store holds entries we dropped
 }
 
 void AssetBase::writeCache(const FileList& list) {
@@ -293,7 +330,7 @@ bool AssetBase::addFileToDownloadList(const QString& name, int64_t size, int64_t
     entry.size = size;
     entry.parts = parts;
     entry.owner = owner;
-    entry.hash = std::make_unique<QCryptographicHash>(QCryptographicHash::Md5);
+    entry.hash = std::make_shared<RunningMd5>();
     return true;
 }
 
@@ -324,10 +361,16 @@ bool AssetBase::increasePartCount(const QString& name) {
 }
 
 void AssetBase::downloadListAddHashData(const QString& name, const QByteArray& bytes) {
-    Basalt::Guard guard(downloadMutex);
-    const auto it = downloads.find(name);
-    if (it != downloads.end())
-        it->second.hash->addData(bytes);
+    std::shared_ptr<RunningMd5> running;
+    {
+        Basalt::Guard guard(downloadMutex);
+        const auto it = downloads.find(name);
+        if (it == downloads.end())
+            return;
+        running = it->second.hash;
+    }
+    Basalt::Guard guard(running->mutex);
+    running->hash.addData(bytes);
 }
 
 QString AssetBase::downloadListMD5(const QString& name) const {
@@ -337,10 +380,16 @@ QString AssetBase::downloadListMD5(const QString& name) const {
 }
 
 QString AssetBase::downloadListPartMD5(const QString& name) const {
-    Basalt::Guard guard(downloadMutex);
-    const auto it = downloads.find(name);
-    return it == downloads.end() ? QString()
-                                 : QString::fromLatin1(it->second.hash->result().toHex());
+    std::shared_ptr<RunningMd5> running;
+    {
+        Basalt::Guard guard(downloadMutex);
+        const auto it = downloads.find(name);
+        if (it == downloads.end())
+            return QString();
+        running = it->second.hash;
+    }
+    Basalt::Guard guard(running->mutex);
+    return QString::fromLatin1(running->hash.result().toHex());
 }
 
 QDateTime AssetBase::downloadListStartTime(const QString& name) const {
@@ -367,10 +416,12 @@ bool AssetBase::removeFileFromDownloadList(const QString& name, bool success) {
         }
     }
     if (existed && success) {
-        const QFileInfo info(root_ + name);
-        finished.lastModified = info.exists() ? info.lastModified() : QDateTime::currentDateTime();
+        const int64_t modified = modifiedMsecs(root_ + name);
+        finished.lastModified =
+            utcTime(modified >= 0 ? modified : QDateTime::currentMSecsSinceEpoch());
         Basalt::Guard guard(fileListMutex);
         files.insert(name, finished);
+        cacheStored = false;
     }
     bool empty;
     {
@@ -445,6 +496,7 @@ int AssetBase::drainRemoveQueue() {
             Basalt::Guard guard(fileListMutex);
             for (auto it = taken.constBegin(); it != taken.constEnd(); ++it)
                 files.remove(it.key());
+            cacheStored = false;
         }
         transferFinished();
     }

@@ -7,7 +7,8 @@
 // millisecond) stay the same, so an unchanged folder is listed without rereading it.
 //
 // Thread-safe: the file list and the checksum cache are guarded by `fileListMutex`, the
-// download list by `downloadMutex`, the remove queue by `removeMutex`; the file list
+// download list by `downloadMutex` (each download's running MD5 by a lock of its own,
+// taken after the list's is released), the remove queue by `removeMutex`; the file list
 // lock is never taken while the download list lock is held. run() drains the remove
 // queue on the asset's own thread.
 #pragma once
@@ -40,8 +41,8 @@ class AssetBase : public Basalt::Thread {
 public:
     struct FileInfo {
         int64_t size = 0;
-        QString md5; // 32 lowercase hexadecimal digits
-        QDateTime lastModified;
+        QString md5;            // 32 lowercase hexadecimal digits
+        QDateTime lastModified; // in UTC
     };
     // From file name ("/dir/file", relative to the root) to its description.
     using FileList = QMap<QString, FileInfo>;
@@ -85,6 +86,8 @@ public:
     int64_t currentParts(const QString& name) const;
     int64_t totalParts(const QString& name) const;
     bool increasePartCount(const QString& name);
+    // Feeds the running MD5; may run on another thread than the rest of the download,
+    // one caller at a time per name.
     void downloadListAddHashData(const QString& name, const QByteArray& bytes);
     // The announced checksum as 32 lowercase hexadecimal digits.
     QString downloadListMD5(const QString& name) const;
@@ -125,6 +128,12 @@ protected:
     void childLoop() override;
 
 private:
+    // The MD5 of a download's bytes so far, fed outside the download list lock so that a
+    // part being hashed does not hold up the other download list operations.
+    struct RunningMd5 {
+        Basalt::Mutex mutex;
+        QCryptographicHash hash{QCryptographicHash::Md5}; // guarded by `mutex`
+    };
     struct Download {
         QDateTime startTime;
         QByteArray md5; // the announced checksum, 16 raw bytes
@@ -132,7 +141,7 @@ private:
         int64_t parts = 0;
         Basalt::TimeStamp owner;
         int64_t received = 0; // parts
-        std::unique_ptr<QCryptographicHash> hash;
+        std::shared_ptr<RunningMd5> hash;
     };
 
     bool isInsideRoot(const QString& canonicalPath) const { return isInside(root_, canonicalPath); }
@@ -148,6 +157,8 @@ private:
 
     mutable Basalt::Mutex fileListMutex;
     FileList files; // the last built list, which is also the checksum cache
+    // Whether the settings store holds exactly `files`; guarded by fileListMutex.
+    bool cacheStored = false;
 
     mutable Basalt::Mutex downloadMutex;
     std::map<QString, Download> downloads;

@@ -56,7 +56,10 @@ FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverS
       fileInfoPattern(pattern(QStringLiteral("^fileinfo (-?\\d+) %1 (\\d+) ([0-9a-f]{32})$"))),
       sendFileInfoPattern(pattern(QStringLiteral("^sendfileinfo %1$"))),
       filePartPattern(pattern(QStringLiteral("^filepart %1 (\\d+) (\\d+)$"))),
-      sendPartsPattern(pattern(QStringLiteral("^sendparts %1$"))) {
+      sendPartsPattern(pattern(QStringLiteral("^sendparts %1$"))),
+      hasher(HashSlots, [&asset](const QString& name, const QByteArray& bytes) {
+          asset.downloadListAddHashData(name, bytes);
+      }) {
     setTimeoutSeconds(60.0);
     eventAddOut(QByteArrayLiteral("file-info"));
 }
@@ -149,6 +152,7 @@ void FileTransferHandler::connected() {
 }
 
 void FileTransferHandler::disconnected() {
+    settleReceiving();
     assetBase.clearDownloadList(connectedAt);
     receivedCounts.clear();
 }
@@ -242,10 +246,48 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
     }
 }
 
+FileTransferHandler::Receiving* FileTransferHandler::receivingFile(const QString& name,
+                                                                   int64_t part) {
+    auto it = receiving.find(name);
+    if (it != receiving.end() && part != 1)
+        return it->second.get();
+    if (it != receiving.end())
+        receiving.erase(it); // a download that was begun again
+    // The path is checked once per download; the open file keeps it from moving.
+    const QString target = targetPath(name);
+    if (target.isEmpty())
+        return nullptr;
+    auto made = std::make_unique<Receiving>();
+    made->target = target;
+    made->temp = target + TempSuffix;
+    QDir().mkpath(QFileInfo(made->temp).absolutePath());
+    made->file.setFileName(made->temp);
+    {
+        Basalt::FileWriter writing(made->temp);
+        QFile::remove(made->temp);
+        // Unbuffered: every part goes to the file system as it comes, and a failed write
+        // shows at once.
+        if (!made->file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered)) {
+            Basalt::Trace::warning("Failed to open %s", made->temp.toUtf8().constData());
+            return nullptr;
+        }
+    }
+    Receiving* opened = made.get();
+    receiving[name] = std::move(made);
+    return opened;
+}
+
+void FileTransferHandler::settleReceiving() {
+    hasher.drain();
+    receiving.clear();
+}
+
 void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, int64_t part) {
-    // The bytes come first, so that the stream stays framed whatever happens next.
-    const QByteArray data = readData(static_cast<int>(bytes));
-    if (data.size() != bytes)
+    // The bytes come first, so that the stream stays framed whatever happens next. They
+    // are read into the hasher's next free buffer, which waits while the hash lags.
+    QByteArray& data = hasher.acquire();
+    data.resize(int(bytes));
+    if (!readData(reinterpret_cast<uint8_t*>(data.data()), int(bytes)))
         return; // the connection has ended; disconnected() clears its downloads
 
     const bool downloading = assetBase.isDownloading(name);
@@ -257,50 +299,52 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
         failDownload(name, downloading);
         return;
     }
-    const QString target = targetPath(name);
-    if (target.isEmpty()) {
-        failDownload(name, false);
+    Receiving* file = receivingFile(name, part);
+    if (!file) {
+        failDownload(name, true);
         return;
     }
-    const QString temp = target + TempSuffix;
-    QDir().mkpath(QFileInfo(temp).absolutePath());
     {
-        Basalt::FileWriter writing(temp);
-        if (part == 1)
-            QFile::remove(temp);
-        QFile file(temp);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Append)) {
-            Basalt::Trace::warning("Failed to open %s", temp.toUtf8().constData());
-            failDownload(name, true);
-            return;
-        }
-        if (file.write(data) != data.size()) {
+        Basalt::FileWriter writing(file->temp);
+        if (file->file.write(data) != data.size()) {
             Basalt::Trace::warning("FileTransferHandler::receiveFilePart # Failed to write %s: "
                                    "%s",
-                                   temp.toUtf8().constData(),
-                                   file.errorString().toUtf8().constData());
-            file.close();
+                                   file->temp.toUtf8().constData(),
+                                   file->file.errorString().toUtf8().constData());
             failDownload(name, true);
             return;
         }
     }
 
     assetBase.increasePartCount(name);
-    assetBase.downloadListAddHashData(name, data);
-    int64_t& count = receivedCounts[name];
-    count += data.size();
     const int64_t current = assetBase.currentParts(name);
     const int64_t total = assetBase.totalParts(name);
-    if (current % progressPeriod == 0 || current == total || total == 0) {
+    const bool last = current == total || total == 0;
+    if (last)
+        hasher.hashHere(name); // waited for below anyway
+    else
+        hasher.submit(name);
+    int64_t& count = receivedCounts[name];
+    count += bytes;
+    if (current % progressPeriod == 0 || last) {
         progress(count, name);
         count = 0;
     }
-    if (current != total && total != 0)
+    if (!last)
         return;
 
     receivedCounts.remove(name);
+    hasher.drain();
+    const QString temp = file->temp;
+    const QString target = file->target;
+    const bool sameTarget = targetPath(name) == target;
+    receiving.erase(name); // closes the file
     bool renamed = false;
-    if (assetBase.downloadListMD5(name) == assetBase.downloadListPartMD5(name)) {
+    if (!sameTarget) {
+        Basalt::Trace::warning("FileTransferHandler::receiveFilePart # '%s' would now land "
+                               "elsewhere; not renamed",
+                               name.toUtf8().constData());
+    } else if (assetBase.downloadListMD5(name) == assetBase.downloadListPartMD5(name)) {
         Basalt::FileWriter writing(target);
         const QFileInfo existing(target);
         if (existing.exists() || existing.isSymLink())
@@ -322,6 +366,9 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
 }
 
 void FileTransferHandler::failDownload(const QString& name, bool mayTouchFiles) {
+    // Parts still being hashed must not reach a later download of the same name.
+    hasher.drain();
+    receiving.erase(name);
     if (mayTouchFiles) {
         const QString target = targetPath(name);
         if (!target.isEmpty())
@@ -391,6 +438,7 @@ FileTransferHandler::SendStatus FileTransferHandler::sendFileParts() {
             if (!uploadMutex.tryLock())
                 return SendStatus::MoreLater;
             if (uploadQueue.isEmpty()) {
+                uploadBuffers.clear();
                 const std::shared_ptr<Basalt::Task> ending = std::move(uploadTask);
                 uploadTask.reset();
                 uploadMutex.unlock();
@@ -409,7 +457,7 @@ FileTransferHandler::SendStatus FileTransferHandler::sendFileParts() {
 }
 
 bool FileTransferHandler::startSendingfileParts() {
-    if (uploadFile.open(QIODevice::ReadOnly))
+    if (uploadFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
         return true;
     Basalt::Trace::warning("FileTransferHandler::startSendingfileParts # Failed to open file "
                            "'%s': %s",
@@ -428,7 +476,9 @@ FileTransferHandler::SendStatus FileTransferHandler::continueSendingFileParts() 
         if (!isConnected() || bufferedDataSize() >= MaxBufferedUpload)
             return SendStatus::MoreLater;
         const int64_t part = uploadFile.pos() / partSize + 1;
-        const QByteArray bytes = uploadFile.read(partSize);
+        QByteArray bytes = uploadBuffer();
+        const int64_t got = uploadFile.read(bytes.data(), partSize);
+        bytes.resize(int(std::max<int64_t>(got, 0)));
         if (bytes.isEmpty()) {
             Basalt::Trace::warning("FileTransferHandler::continueSendingFileParts # Failed to "
                                    "read file '%s': %s",
@@ -439,13 +489,28 @@ FileTransferHandler::SendStatus FileTransferHandler::continueSendingFileParts() 
         }
         writeBuffer(QList<QByteArray>{filePartLine(currentUpload, bytes.size(), part), bytes},
                     QByteArray());
+        uploadBuffers.push_back(std::move(bytes));
+        if (int64_t(uploadBuffers.size()) > 2 * MaxBufferedUpload / partSize)
+            uploadBuffers.pop_front(); // held elsewhere for long: no longer ours to reuse
     }
     uploadFile.close();
     return SendStatus::Done;
 }
 
+QByteArray FileTransferHandler::uploadBuffer() {
+    // The writer lets go of parts in the order they were handed to it.
+    if (!uploadBuffers.empty() && uploadBuffers.front().isDetached()) {
+        QByteArray reused = std::move(uploadBuffers.front());
+        uploadBuffers.pop_front();
+        reused.resize(int(partSize));
+        return reused;
+    }
+    return QByteArray(int(partSize), Qt::Uninitialized);
+}
+
 void FileTransferHandler::dropUploads() {
     uploadFile.close();
+    uploadBuffers.clear();
     std::shared_ptr<Basalt::Task> ending;
     Basalt::Guard guard(uploadMutex);
     uploadQueue.clear();

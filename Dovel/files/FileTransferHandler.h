@@ -11,13 +11,16 @@
 // or whose path leaves the folder (symbolic links are resolved): such a request is
 // logged and gets no answer.
 //
-// Threads: lines and parts arrive on the connection's thread, where the hooks run;
-// uploads run on the background task thread and go out through the writer, pausing
-// while 32 MiB are still unsent. The upload queue is guarded by `uploadMutex`. The
+// Threads: lines and parts arrive on the connection's thread, where the hooks run and
+// where parts are written to their temporary files; their MD5 runs on a PartHasher's
+// thread, fed through a bounded ring of buffers, and is waited for at a file's last
+// part. Uploads run on the background task thread and go out through the writer,
+// pausing while 32 MiB are still unsent. The upload queue is guarded by `uploadMutex`. The
 // asset folder must outlive the handler; a subclass calls shutdown() first in its
 // destructor.
 #pragma once
 
+#include "Dovel/files/PartHasher.h"
 #include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/Mutex.h"
@@ -32,6 +35,8 @@
 #include <QString>
 
 #include <cstdint>
+#include <deque>
+#include <map>
 #include <memory>
 
 namespace Dovel {
@@ -45,6 +50,8 @@ public:
     static constexpr int64_t MaxBufferedUpload = 32 << 20;
     // Progress is reported every this many parts (and at the last).
     static constexpr int64_t ProgressPeriod = 20;
+    // Received parts that may wait for their MD5 at once (2 MiB of full parts).
+    static constexpr int HashSlots = 32;
 
     enum class SendStatus {
         MoreLater, // something is left; run again later
@@ -94,6 +101,17 @@ private:
     void requestFileParts(const QString& name);
     void receiveFileInfo(const QString& name, int64_t size, int64_t parts, const QString& md5);
     void receiveFilePart(const QString& name, int64_t bytes, int64_t part);
+    // The open temporary file of a download being received.
+    struct Receiving {
+        QString target;
+        QString temp;
+        QFile file;
+    };
+    // The temporary file of `name`, made afresh for part 1; null (logged) when it
+    // cannot be opened.
+    Receiving* receivingFile(const QString& name, int64_t part);
+    // Waits for the hashes of what was received, and closes the open temporary files.
+    void settleReceiving();
     void failDownload(const QString& name, bool mayTouchFiles);
     // The canonical path of a file that may be handed out, or empty (the refusal is
     // logged).
@@ -104,6 +122,10 @@ private:
     void startFilePartsUploadTask(const QString& name);
     bool startSendingfileParts();
     SendStatus continueSendingFileParts();
+    // A buffer of one part for the next read: the oldest one handed to the writer once
+    // the writer is done with it, else a new one. Reusing them keeps an upload from
+    // allocating (and the allocator from returning and faulting in) 64 KiB per part.
+    QByteArray uploadBuffer();
     void dropUploads();
 
     const int64_t partSize = PartSize;
@@ -117,6 +139,9 @@ private:
     const QRegularExpression filePartPattern;
     const QRegularExpression sendPartsPattern;
 
+    std::map<QString, std::unique_ptr<Receiving>> receiving; // the connection's thread only
+    PartHasher hasher;
+
     Basalt::Mutex uploadMutex;
     std::shared_ptr<Basalt::Task> uploadTask; // guarded by uploadMutex
     // Names waiting to be sent, with the paths they were checked to resolve to.
@@ -124,6 +149,9 @@ private:
     // The upload being sent: only the upload task touches them.
     QString currentUpload;
     QFile uploadFile;
+    // Parts handed to the writer, oldest first, for uploadBuffer(); at most twice
+    // MaxBufferedUpload of them are tracked.
+    std::deque<QByteArray> uploadBuffers;
 };
 
 } // namespace Dovel

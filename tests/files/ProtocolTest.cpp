@@ -258,6 +258,54 @@ TEST(FileProtocol, ReceiverRefusesBadNamesAndFailsPartsOutOfOrder) {
     EXPECT_EQ(readFile(fed.folder + "/twice"), big);
 }
 
+TEST(FileProtocol, HashedBesideTheReaderAMismatchStillFailsAndARetryStartsClean) {
+    Basalt::TraceCapture capture;
+    FedHandler fed;
+    ASSERT_TRUE(fed.base.isValid());
+    ASSERT_TRUE(fed.start());
+    RawPeer& server = *fed.server;
+    const QByteArray bytes = patternBytes(5 * 65536 + 100, 11);
+    const QByteArray md5 = QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex();
+    const QByteArray info =
+        "fileinfo " + QByteArray::number(bytes.size()) + " \"/m/multi\" 6 " + md5 + "\n";
+    auto part = [&](int n, const QByteArray& content) {
+        const QByteArray piece = content.mid((n - 1) * 65536, 65536);
+        return "filepart \"/m/multi\" " + QByteArray::number(piece.size()) + " " +
+               QByteArray::number(n) + "\n" + piece;
+    };
+    auto failures = [&] { return fed.handler->finished().count("/m/multi failed"); };
+
+    // One wrong byte in the third of six parts: all are written, the hash tells at the end.
+    QByteArray wrong = bytes;
+    wrong[2 * 65536 + 7] = char(wrong[2 * 65536 + 7] ^ 1);
+    ASSERT_TRUE(server.send(info));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/m/multi\""));
+    QByteArray all;
+    for (int n = 1; n <= 6; ++n)
+        all += part(n, wrong);
+    ASSERT_TRUE(server.send(all));
+    ASSERT_TRUE(waitUntil([&] { return failures() == 1; }));
+    EXPECT_TRUE(capture.contains("md5 mismatch for '" + fed.folder + "/m/multi.filesync.part'"));
+    EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
+    EXPECT_FALSE(QFileInfo::exists(fed.folder + "/m/multi"));
+
+    // Begun again and failed after two parts, then begun once more and sent whole: the
+    // parts of the failed attempts must not reach the last attempt's checksum.
+    ASSERT_TRUE(server.send(info));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/m/multi\""));
+    ASSERT_TRUE(server.send(part(1, bytes) + part(2, bytes) + part(4, bytes)));
+    ASSERT_TRUE(waitUntil([&] { return failures() == 2; }));
+    ASSERT_TRUE(server.send(info));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/m/multi\""));
+    all.clear();
+    for (int n = 1; n <= 6; ++n)
+        all += part(n, bytes);
+    ASSERT_TRUE(server.send(all));
+    ASSERT_TRUE(fed.ended("/m/multi ok"));
+    EXPECT_EQ(readFile(fed.folder + "/m/multi"), bytes);
+    EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
+}
+
 TEST(FileProtocol, DroppedConnectionClearsItsDownloads) {
     FedHandler fed;
     ASSERT_TRUE(fed.base.isValid());
