@@ -1,11 +1,191 @@
+// initial: the server holds a tree of N attributes (half floats, a quarter strings of 16
+// bytes, a quarter 3-float vectors) in items of four under nested nodes,
+// scene/layerL/groupG/itemI/{a,b,name,pos}; a client connects and the time until its
+// copy is whole is measured, with both processes' memory.
+//
+// Memory: the server's tree alone (heap growth while building it), the server's session
+// (heap growth from before listening to the client holding the tree, the server's tree
+// unchanged meanwhile), and the client's session (its heap growth minus what the same
+// tree costs on the server's side). The client writes "control/converged" = 1 when its
+// copy is whole; the server then takes its reading and writes "control/stop" = 1.
+#include "BenchProcess.h"
+#include "BenchReport.h"
+#include "BenchTree.h"
 #include "BenchWorkloads.h"
-
 #include "CommandLine.h"
+#include "MirrorClient.h"
+
+#include "Quant/Vector.h"
+#include "Tessel/Node.h"
+
+#include <QElapsedTimer>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
 
 namespace DovelTool {
 
-int runInitialBench(const BenchOptions&, BenchReport&) {
-    return CommandLine::fail(CommandLine::Failure, QStringLiteral("bench: not built yet"));
+namespace {
+
+constexpr int DefaultAttributes = 1000000;
+constexpr int ItemAttributes = 4;
+constexpr int ItemsPerGroup = 100;
+constexpr int GroupsPerLayer = 100;
+constexpr int ControlAttributes = 2;
+constexpr auto Layer = Tessel::Attribute::LayerRemote;
+constexpr int SetupMs = 120000;
+
+bool waitUntil(const std::function<bool()>& condition, int ms) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.elapsed() >= ms)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// Builds the tree; returns the number of attributes made (N rounded up to whole items).
+int buildTree(Tessel::Node& root, int attributes) {
+    auto* scene = new Tessel::Node(&root, "scene");
+    const int items = (attributes + ItemAttributes - 1) / ItemAttributes;
+    Tessel::Node* layer = nullptr;
+    Tessel::Node* group = nullptr;
+    for (int i = 0; i < items; ++i) {
+        const int g = i / ItemsPerGroup;
+        if (i % (ItemsPerGroup * GroupsPerLayer) == 0)
+            layer = new Tessel::Node(scene, "layer" + QByteArray::number(g / GroupsPerLayer));
+        if (i % ItemsPerGroup == 0)
+            group = new Tessel::Node(layer, "group" + QByteArray::number(g));
+        auto* item = new Tessel::Node(group, "item" + QByteArray::number(i));
+        new Tessel::AttributeT<float>(item, "a", float(i));
+        new Tessel::AttributeT<float>(item, "b", float(i) * 0.5f);
+        new Tessel::AttributeT<QString>(item, "name",
+                                        QStringLiteral("item-%1").arg(i, 11, 10, QLatin1Char('0')));
+        new Tessel::AttributeT<Quant::Vector3f>(item, "pos",
+                                                Quant::Vector3f(float(i), float(g), 1.0f));
+    }
+    return items * ItemAttributes;
+}
+
+int countAttributes(Tessel::Node& root) {
+    int count = 0;
+    Dovel::walkAttributesWithPath(root, [&](Tessel::Attribute& attribute, const QByteArray&) {
+        count += dynamic_cast<Tessel::Node*>(&attribute) == nullptr;
+    });
+    return count;
+}
+
+int runServer(const BenchOptions& options, BenchReport& report) {
+    const QString workload = options.workload;
+    std::atomic<bool> converged{false};
+    BenchServer bench;
+    int attributes = 0;
+    Tessel::AttributeT<int32_t>* stop = nullptr;
+    const double heapBefore = heapInUseBytes();
+    bench.driver().call([&] {
+        attributes = buildTree(bench.root(),
+                               options.attributes > 0 ? options.attributes : DefaultAttributes);
+    });
+    const double heapTree = heapInUseBytes();
+    bench.driver().call([&] {
+        auto* control = new Tessel::Node(&bench.root(), "control");
+        auto* done = new Tessel::AttributeT<int32_t>(control, "converged", 0);
+        stop = new Tessel::AttributeT<int32_t>(control, "stop", 0);
+        done->addListener([&converged] { converged.store(true); }, Tessel::Attribute::RoleChange);
+    });
+    if (!bench.listen())
+        return CommandLine::fail(CommandLine::Failure, QStringLiteral("bench: cannot listen"));
+    BenchOptions peerOptions = options;
+    peerOptions.attributes = attributes;
+    BenchPeers peers(peerOptions, bench.port());
+    if (!peers.start(1))
+        return CommandLine::Failure;
+    if (!waitUntil([&] { return converged.load() || peers.running() == 0; }, SetupMs) ||
+        !converged.load()) {
+        std::vector<BenchPeers::Result> ignored;
+        peers.finish(ignored, 1000);
+        return CommandLine::fail(CommandLine::Failure,
+                                 QStringLiteral("bench initial: the client never held the tree"));
+    }
+    const double heapSession = heapInUseBytes();
+    bench.driver().call([&] { stop->setValue(1, Layer); });
+    std::vector<BenchPeers::Result> results;
+    const bool ok = peers.finish(results, SetupMs);
+    if (results.empty())
+        return CommandLine::Failure;
+    const BenchReport& client = results.front().figures;
+
+    const double treeBytes = (heapTree - heapBefore) / attributes;
+    const double serverBytes = (heapSession - heapTree) / attributes;
+    const double clientBytes = client.value(workload, "client_heap_per_attribute") - treeBytes;
+    const double seconds = client.value(workload, "seconds");
+    report.add(workload, "attributes", attributes, "attributes");
+    report.add(workload, "seconds", seconds, "s");
+    report.add(workload, "server_peak_rss_mb", peakRssMb(), "MiB");
+    report.add(workload, "client_peak_rss_mb", client.value(workload, "client_peak_rss_mb"), "MiB");
+    report.add(workload, "tree_bytes_per_attribute", treeBytes, "bytes");
+    report.add(workload, "server_bytes_per_attribute", serverBytes, "bytes");
+    report.add(workload, "client_bytes_per_attribute", clientBytes, "bytes");
+    report.add(workload, "bytes_per_attribute", std::max(serverBytes, clientBytes), "bytes");
+    report.target(workload, "target_seconds", "converged in under 2 s (1,000,000 attributes)",
+                  ok && seconds > 0 && seconds < 2.0 * attributes / DefaultAttributes);
+    report.target(workload, "target_bytes_per_attribute",
+                  "under 250 bytes of session memory per attribute on each side",
+                  ok && serverBytes < 250 && clientBytes < 250);
+    return ok ? CommandLine::Success : CommandLine::Failure;
+}
+
+int runPeer(const BenchOptions& options, BenchReport& report) {
+    const QString workload = options.workload;
+    std::atomic<bool> stopped{false};
+    const double heapBefore = heapInUseBytes();
+    MirrorClient mirror;
+    QElapsedTimer timer;
+    timer.start();
+    mirror.connectToHost(options.peerHost, options.peerPort);
+    // The copy is whole when the first batch is applied; the count checks it.
+    int held = 0;
+    const int expected = options.attributes + ControlAttributes;
+    if (!mirror.waitInitialState(SetupMs))
+        return CommandLine::fail(
+            CommandLine::Failure,
+            QStringLiteral("bench peer: no session (%1)").arg(mirror.failureReason()));
+    mirror.driver().call([&] { held = countAttributes(mirror.node()); });
+    const double seconds = double(timer.nsecsElapsed()) / 1e9;
+    const double heapAfter = heapInUseBytes();
+    if (held != expected)
+        return CommandLine::fail(CommandLine::Failure,
+                                 QStringLiteral("bench peer: the copy holds %1 of %2 attributes")
+                                     .arg(held)
+                                     .arg(expected));
+    bool found = false;
+    mirror.driver().call([&] {
+        auto* done = typedAt<int32_t>(mirror.node(), "control/converged");
+        auto* stop = typedAt<int32_t>(mirror.node(), "control/stop");
+        found = done && stop;
+        if (!found)
+            return;
+        stop->addListener([&stopped] { stopped.store(true); }, Tessel::Attribute::RoleChange);
+        done->setValue(1, Layer);
+    });
+    if (!found || !waitUntil([&] { return stopped.load(); }, SetupMs))
+        return CommandLine::fail(CommandLine::Failure,
+                                 QStringLiteral("bench peer: the server never ended the run"));
+    report.add(workload, "seconds", seconds, "s");
+    report.add(workload, "client_peak_rss_mb", peakRssMb(), "MiB");
+    report.add(workload, "client_heap_per_attribute", (heapAfter - heapBefore) / options.attributes,
+               "bytes");
+    mirror.stop();
+    return CommandLine::Success;
+}
+
+} // namespace
+
+int runInitialBench(const BenchOptions& options, BenchReport& report) {
+    return options.isPeer() ? runPeer(options, report) : runServer(options, report);
 }
 
 } // namespace DovelTool
