@@ -37,17 +37,6 @@ constexpr int ControlAttributes = 2;
 constexpr auto Layer = Tessel::Attribute::LayerRemote;
 constexpr int SetupMs = 120000;
 
-bool waitUntil(const std::function<bool()>& condition, int ms) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition()) {
-        if (timer.elapsed() >= ms)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 // Builds the tree; returns the number of attributes made (N rounded up to whole items).
 int buildTree(Tessel::Node& root, int attributes) {
     auto* scene = new Tessel::Node(&root, "scene");

@@ -124,17 +124,6 @@ struct Trips {
     }
 };
 
-bool waitUntil(const std::function<bool()>& condition, int ms) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition()) {
-        if (timer.elapsed() >= ms)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 int runServer(const BenchOptions& options, BenchReport& report) {
     int tcpPort = 0;
     Socket listener(listenLoopback(tcpPort));

@@ -1,8 +1,12 @@
 #include "BenchTree.h"
 
+#include <QElapsedTimer>
+
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <ctime>
+#include <thread>
 
 namespace DovelTool {
 
@@ -27,6 +31,17 @@ Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path) {
     for (const QByteArray& name : path.split('/'))
         at = at ? at->attribute(name) : nullptr;
     return at;
+}
+
+bool waitUntil(const std::function<bool()>& condition, int ms) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.elapsed() >= ms)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
 }
 
 int64_t monotonicNs() {

@@ -1,6 +1,6 @@
 // What the tree workloads of `dovel bench` share: the server process's tree, tree
-// thread and session server on loopback, attribute lookup by path, a clock that every
-// process on the machine reads alike, and percentiles.
+// thread and session server on loopback, attribute lookup by path, waiting for a
+// condition, a clock that every process on the machine reads alike, and percentiles.
 //
 // BenchServer: not thread-safe; the command's main thread owns it, and its tree is
 // changed only on its driver's thread.
@@ -15,6 +15,7 @@
 #include <QByteArray>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -45,6 +46,9 @@ Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path);
 template <typename T> Tessel::AttributeT<T>* typedAt(Tessel::Node& root, const QByteArray& path) {
     return dynamic_cast<Tessel::AttributeT<T>*>(attributeAt(root, path));
 }
+
+// Checks `condition` every millisecond until it holds or `ms` have passed; false then.
+bool waitUntil(const std::function<bool()>& condition, int ms);
 
 // Nanoseconds of CLOCK_MONOTONIC: the same clock in every process of the machine, so
 // that a time taken by the server compares with one taken by a client.

@@ -55,17 +55,6 @@ QByteArray ackPath(int client) {
     return "control/ack" + QByteArray::number(client);
 }
 
-bool waitUntil(const std::function<bool()>& condition, int ms) {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition()) {
-        if (timer.elapsed() >= ms)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 // The server's side; lives on the tree thread once built.
 struct Rounds {
     Mode mode = Mode::Updates;
