@@ -498,8 +498,11 @@ FileTransferHandler::SendStatus FileTransferHandler::continueSendingFileParts() 
 }
 
 QByteArray FileTransferHandler::uploadBuffer() {
-    // The writer lets go of parts in the order they were handed to it.
-    if (!uploadBuffers.empty() && uploadBuffers.front().isDetached()) {
+    // The writer lets go of parts in the order they were handed to it. The count is
+    // read with acquire order: the writer's release of its copy, after its last send of
+    // the bytes, must happen before we write into them again (isDetached() reads it
+    // relaxed, which orders nothing).
+    if (!uploadBuffers.empty() && uploadBuffers.front().data_ptr()->ref.atomic.loadAcquire() == 1) {
         QByteArray reused = std::move(uploadBuffers.front());
         uploadBuffers.pop_front();
         reused.resize(int(partSize));
