@@ -153,12 +153,13 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
 }
 
 void NodeChangeSender::collapseChanges() {
-    std::vector<NodeWatcher::Event> taken;
     {
         Basalt::Guard guard(changeMutex);
-        taken.swap(pendingChanges);
+        takenChanges.swap(pendingChanges);
     }
-    compressor.compress(taken, changes);
+    compressor.compress(takenChanges, changes);
+    // Cleared, not freed: the next swap hands its capacity back to pendingChanges.
+    takenChanges.clear();
 }
 
 void NodeChangeSender::resolveChanges() {

@@ -94,6 +94,7 @@ private:
 
     Basalt::Mutex changeMutex;
     std::vector<NodeWatcher::Event> pendingChanges; // guarded by changeMutex
+    std::vector<NodeWatcher::Event> takenChanges;   // the pass's, swapped with pendingChanges
     std::vector<ChangeData> changes;
     // Per entry of `changes` in the pass being written: its record and its attribute,
     // looked up in one batch each.

@@ -155,13 +155,20 @@ void RemoteNode::processPendingAdditions() {
 
 void RemoteNode::update() {
     nodeWatcher->update();
-    std::vector<unsigned int> changed;
+    std::vector<unsigned int>& changed = changedTaken;
     {
         std::lock_guard<std::mutex> locker(changedMutex);
         changed.swap(changedList);
         changedSet.clear();
     }
-    for (unsigned int symbol : changed) {
+    if (symbolListeners.isEmpty()) {
+        changed.clear(); // kept with its capacity for the next swap
+        return;
+    }
+    // A callback may call update() again; it then works on a list of its own.
+    std::vector<unsigned int> working;
+    working.swap(changed);
+    for (unsigned int symbol : working) {
         auto it = symbolListeners.constFind(symbol);
         if (it == symbolListeners.constEnd())
             continue;
@@ -171,6 +178,9 @@ void RemoteNode::update() {
         for (const auto& entry : callbacks)
             entry.second(attribute);
     }
+    working.clear();
+    if (changedTaken.capacity() < working.capacity())
+        changedTaken.swap(working);
 }
 
 bool RemoteNode::addNode(const QByteArray& path, Node* node) {

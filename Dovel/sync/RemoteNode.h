@@ -189,6 +189,7 @@ private:
 
     std::mutex changedMutex;
     std::vector<unsigned int> changedList;
+    std::vector<unsigned int> changedTaken; // update()'s, swapped with changedList
     SymbolSet changedSet;
 };
 
