@@ -26,6 +26,11 @@ void FolderPullConnection::setProgressCallback(std::function<void(const Progress
 }
 
 void FolderPullConnection::start(const QString& host, int port) {
+    start(host, port, asset().buildGeneration());
+}
+
+void FolderPullConnection::start(const QString& host, int port, uint64_t generation) {
+    listGeneration = generation;
     connectToHost(host, port);
 }
 
@@ -106,7 +111,8 @@ void FolderPullConnection::compareAndRequest(const QString& totalText) {
         return;
     }
     listDone = true;
-    const AssetBase::FileList local = asset().buildFileList(nullptr);
+    compared = asset().fileListBuiltSince(listGeneration, nullptr);
+    const AssetBase::FileList& local = compared;
 
     if (deleteExtra) {
         bool any = false;
@@ -116,8 +122,10 @@ void FolderPullConnection::compareAndRequest(const QString& totalText) {
                 any = true;
             }
         }
-        if (any)
+        if (any) {
+            changedHere = true;
             deleted = asset().drainRemoveQueue();
+        }
     }
 
     for (auto it = serverList.constBegin(); it != serverList.constEnd(); ++it) {
@@ -129,6 +137,7 @@ void FolderPullConnection::compareAndRequest(const QString& totalText) {
         requestFileInfo(it.key());
     }
     progressState.filesToFetch = pending.size();
+    changedHere = changedHere || !pending.isEmpty();
     if (pending.isEmpty()) {
         verifyAndFinish();
         return;
@@ -191,7 +200,8 @@ void FolderPullConnection::checkDone() {
 }
 
 void FolderPullConnection::verifyAndFinish() {
-    const AssetBase::FileList local = asset().buildFileList(nullptr);
+    // When nothing was fetched or removed, the list just compared is the folder's state.
+    const AssetBase::FileList local = changedHere ? asset().buildFileList(nullptr) : compared;
     QSet<QString> failedSet(failedNames.begin(), failedNames.end());
     for (auto it = serverList.constBegin(); it != serverList.constEnd(); ++it) {
         const auto mine = local.constFind(it.key());
