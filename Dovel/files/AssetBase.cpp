@@ -8,7 +8,6 @@
 #include "Basalt/Trace.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
 #include <QSettings>
 
@@ -18,6 +17,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstring>
 
 namespace Dovel {
 
@@ -74,6 +74,39 @@ bool sameLists(const AssetBase::FileList& a, const AssetBase::FileList& b) {
             x->lastModified.toMSecsSinceEpoch() != y->lastModified.toMSecsSinceEpoch())
             return false;
     return true;
+}
+
+// Calls `found(name)` for every regular file below root + dir whose name ends in the
+// temporary suffix, by name relative to the root. Links are not followed, so nothing
+// outside the folder is touched; the entry type from readdir() spares a stat per file.
+template <typename Found>
+void forEachTempFile(const QString& root, const QString& dir, const Found& found) {
+    DIR* const folder = ::opendir(QFile::encodeName(root + dir).constData());
+    if (!folder)
+        return;
+    static const QByteArray suffix = TempSuffix.toLatin1();
+    while (const dirent* item = ::readdir(folder)) {
+        const char* const raw = item->d_name;
+        if (raw[0] == '.' && (raw[1] == '\0' || (raw[1] == '.' && raw[2] == '\0')))
+            continue;
+        unsigned char type = item->d_type;
+        if (type == DT_UNKNOWN) {
+            struct stat status;
+            if (::fstatat(::dirfd(folder), raw, &status, AT_SYMLINK_NOFOLLOW) != 0)
+                continue;
+            type = S_ISDIR(status.st_mode) ? DT_DIR : S_ISREG(status.st_mode) ? DT_REG : DT_LNK;
+        }
+        if (type == DT_DIR) {
+            forEachTempFile(root, dir + QLatin1Char('/') + QFile::decodeName(raw), found);
+        } else if (type == DT_REG) {
+            const size_t length = strlen(raw);
+            if (length >= size_t(suffix.size()) &&
+                memcmp(raw + length - size_t(suffix.size()), suffix.constData(),
+                       size_t(suffix.size())) == 0)
+                found(dir + QLatin1Char('/') + QFile::decodeName(raw));
+        }
+    }
+    ::closedir(folder);
 }
 
 } // namespace
@@ -505,17 +538,12 @@ bool AssetBase::removeFileFromDownloadList(const QString& name, bool success) {
 int AssetBase::removeLeftoverParts() {
     int removed = 0;
     Basalt::Guard guard(downloadMutex);
-    // Links are not followed, so nothing outside the folder is touched.
-    QDirIterator it(root_, {QLatin1Char('*') + TempSuffix}, QDir::Files | QDir::Hidden,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        const QString name = path.mid(root_.size()).chopped(TempSuffix.size());
-        if (downloads.find(name) != downloads.end() || it.fileInfo().isSymLink())
-            continue;
-        if (QFile::remove(path))
+    forEachTempFile(root_, QString(), [&](const QString& name) {
+        if (downloads.find(name.chopped(TempSuffix.size())) != downloads.end())
+            return;
+        if (QFile::remove(root_ + name))
             ++removed;
-    }
+    });
     if (removed > 0)
         Basalt::Trace::info("AssetBase::removeLeftoverParts # Removed %d unfinished download%s "
                             "of an earlier run",

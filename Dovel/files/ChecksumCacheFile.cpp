@@ -142,7 +142,7 @@ bool ChecksumCacheFile::read(const QString& settingsFile, const QString& arrayNa
     }
     if (text.isNull())
         text = file.readAll();
-    if (text.contains('\r'))
+    if (memchr(text.constData(), '\r', size_t(text.size())))
         return false; // line ends that QSettings takes but this reader does not
 
     struct Fields {
@@ -238,7 +238,7 @@ bool ChecksumCacheFile::write(const QString& settingsFile, const QString& arrayN
             return false;
         text = existing.readAll();
         existing.close();
-        if (text.contains('\r'))
+        if (memchr(text.constData(), '\r', size_t(text.size())))
             return false;
     }
     QByteArray out;
