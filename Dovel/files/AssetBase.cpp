@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 
@@ -74,6 +75,32 @@ bool sameLists(const AssetBase::FileList& a, const AssetBase::FileList& b) {
             x->lastModified.toMSecsSinceEpoch() != y->lastModified.toMSecsSinceEpoch())
             return false;
     return true;
+}
+
+// How root + name resolves when no component below the canonical root is a symbolic
+// link: it is then its own canonical path, since carriable names hold no "." or ".."
+// components. One lstat() per component of the name, where resolving the whole path
+// costs a readlink() per component of the root as well. `Other` (a link, a file where a
+// folder should be, an error) leaves the decision to a full resolution.
+enum class LinkFree { Exists, Missing, Other };
+
+LinkFree linkFree(const QString& canonicalRoot, const QString& name, struct stat* last) {
+    const QByteArray root =
+        canonicalRoot == QLatin1String("/") ? QByteArray() : QFile::encodeName(canonicalRoot);
+    const QByteArray path = root + QFile::encodeName(name);
+    for (int end = root.size() + 1; end <= path.size(); ++end) {
+        if (end < path.size() && path.at(end) != '/')
+            continue;
+        struct stat status;
+        const QByteArray prefix = path.left(end);
+        if (::lstat(prefix.constData(), &status) != 0)
+            return errno == ENOENT ? LinkFree::Missing : LinkFree::Other;
+        if (S_ISLNK(status.st_mode) || (end < path.size() && !S_ISDIR(status.st_mode)))
+            return LinkFree::Other;
+        if (end == path.size() && last)
+            *last = status;
+    }
+    return LinkFree::Exists;
 }
 
 // Calls `found(name)` for every regular file below root + dir whose name ends in the
@@ -173,6 +200,8 @@ QString AssetBase::resolveInside(const QString& canonicalRoot, const QString& na
         return isInside(canonicalRoot, path);
     };
     const QString path = (canonicalRoot == QLatin1String("/") ? QString() : canonicalRoot) + name;
+    if (linkFree(canonicalRoot, name, nullptr) != LinkFree::Other)
+        return path;
     QFileInfo info(path);
     if (info.exists())
         return isInsideRoot(info.canonicalFilePath()) ? path : QString();
@@ -191,6 +220,14 @@ QString AssetBase::resolveInside(const QString& canonicalRoot, const QString& na
             return QString();
         dir = parent;
     }
+}
+
+QString AssetBase::linkFreeFile(const QString& canonicalRoot, const QString& name) {
+    struct stat status;
+    if (!isCarriableName(name) || linkFree(canonicalRoot, name, &status) != LinkFree::Exists ||
+        !S_ISREG(status.st_mode))
+        return QString();
+    return (canonicalRoot == QLatin1String("/") ? QString() : canonicalRoot) + name;
 }
 
 int64_t AssetBase::partCount(int64_t size, int64_t partSize) {
@@ -334,12 +371,13 @@ QString AssetBase::md5(const QString& name) {
     const QString path = resolveInside(name);
     if (path.isEmpty())
         return QString();
-    const QFileInfo info(path);
-    const int64_t modified = modifiedMsecs(path);
+    struct stat status;
+    const bool found = ::stat(QFile::encodeName(path).constData(), &status) == 0;
     {
         Basalt::Guard guard(fileListMutex);
         const auto cached = files.constFind(name);
-        if (cached != files.constEnd() && sameFile(*cached, info.size(), modified)) {
+        if (found && cached != files.constEnd() &&
+            sameFile(*cached, status.st_size, modifiedMsecs(status))) {
             reused.fetch_add(1);
             return cached->md5;
         }

@@ -83,6 +83,10 @@ public:
     QString resolveInside(const QString& name) const { return resolveInside(root_, name); }
     // The same for any canonical root.
     static QString resolveInside(const QString& canonicalRoot, const QString& name);
+    // root + name when it is a regular file reached through no symbolic link below the
+    // canonical root, so that it is its own canonical path; empty otherwise, and the
+    // caller resolves the path in full. Costs an lstat() per component of the name only.
+    static QString linkFreeFile(const QString& canonicalRoot, const QString& name);
     // True when a canonical path is the canonical root or lies below it.
     static bool isInside(const QString& canonicalRoot, const QString& canonicalPath);
     // The parts of a file of `size` bytes in parts of `partSize`, rounded up.

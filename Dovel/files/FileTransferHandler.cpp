@@ -177,6 +177,11 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
         return QString();
     }
     const QString rootDir = rootDirectory();
+    if (rootDir == assetBase.root()) {
+        const QString plain = AssetBase::linkFreeFile(rootDir, name);
+        if (!plain.isEmpty())
+            return plain;
+    }
     const QFileInfo info(rootDir + name);
     if (!info.exists()) {
         Basalt::Trace::warning("FileTransferHandler::commitUpload#  file '%s' doesn't exist. "

@@ -1,10 +1,12 @@
 // What a walk of the folder lists: regular files, hidden ones included, through links
 // that stay inside; not temporary download files, dangling links, pipes, or a folder
-// reached again through a link.
+// reached again through a link. And where a name may be read or written: only where it
+// stays inside the folder once links are resolved.
 #include "Dovel/files/AssetBase.h"
 
 #include "FilesTestUtil.h"
 
+#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -37,6 +39,35 @@ TEST(FileList, ListsFilesOnlyAndEachFolderOnce) {
     EXPECT_EQ(list.value("/.hidden").size, 11);
     EXPECT_EQ(list.value("/sub/deep/b.bin").lastModified,
               QFileInfo(root + "/sub/deep/b.bin").lastModified().toUTC());
+}
+
+TEST(FileList, NamesResolveInsideTheFolderOnly) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString outside = dir.path() + "/outside";
+    const QString root = QDir(dir.path()).canonicalPath() + "/root";
+    ASSERT_TRUE(writeFile(outside + "/secret", "s"));
+    ASSERT_TRUE(writeFile(root + "/sub/a.bin", "a"));
+    ASSERT_TRUE(QFile::link(outside, root + "/out"));
+    ASSERT_TRUE(QFile::link(root + "/sub", root + "/in"));
+    ASSERT_TRUE(QFile::link(dir.path() + "/gone", root + "/dangling"));
+
+    using Dovel::AssetBase;
+    // Plain paths, existing or still to be made.
+    EXPECT_EQ(AssetBase::resolveInside(root, "/sub/a.bin"), root + "/sub/a.bin");
+    EXPECT_EQ(AssetBase::resolveInside(root, "/sub/new/b.bin"), root + "/sub/new/b.bin");
+    EXPECT_EQ(AssetBase::linkFreeFile(root, "/sub/a.bin"), root + "/sub/a.bin");
+    EXPECT_EQ(AssetBase::linkFreeFile(root, "/sub"), QString());
+    EXPECT_EQ(AssetBase::linkFreeFile(root, "/sub/missing"), QString());
+    // Through a link that stays inside: allowed, but not link-free.
+    EXPECT_EQ(AssetBase::resolveInside(root, "/in/a.bin"), root + "/in/a.bin");
+    EXPECT_EQ(AssetBase::linkFreeFile(root, "/in/a.bin"), QString());
+    // Through a link that leads outside, or one that leads nowhere: refused.
+    EXPECT_EQ(AssetBase::resolveInside(root, "/out/secret"), QString());
+    EXPECT_EQ(AssetBase::resolveInside(root, "/out/new.bin"), QString());
+    EXPECT_EQ(AssetBase::resolveInside(root, "/dangling"), QString());
+    EXPECT_EQ(AssetBase::resolveInside(root, "/dangling/x"), QString());
+    EXPECT_EQ(AssetBase::linkFreeFile(root, "/out/secret"), QString());
 }
 
 } // namespace
