@@ -6,11 +6,34 @@
 #include "Basalt/TimeStamp.h"
 #include "Basalt/Trace.h"
 
-#include <QRegularExpression>
-
 #include <algorithm>
 
 namespace Dovel {
+
+namespace {
+
+// "SIZE MD5": decimal digits, one blank, 32 lowercase hexadecimal digits. Read by hand:
+// a regular expression per entry was a noticeable part of taking a large list.
+bool parseDescription(const QString& text, int64_t& size, QString& md5) {
+    const int blank = text.indexOf(QLatin1Char(' '));
+    if (blank <= 0 || text.size() - blank - 1 != 32)
+        return false;
+    for (int i = 0; i < blank; ++i)
+        if (text.at(i) < QLatin1Char('0') || text.at(i) > QLatin1Char('9'))
+            return false;
+    for (int i = blank + 1; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        if (!((c >= QLatin1Char('0') && c <= QLatin1Char('9')) ||
+              (c >= QLatin1Char('a') && c <= QLatin1Char('f'))))
+            return false;
+    }
+    bool ok = false;
+    size = text.leftRef(blank).toLongLong(&ok);
+    md5 = text.mid(blank + 1);
+    return ok;
+}
+
+} // namespace
 
 FolderPullConnection::FolderPullConnection(AssetBase& asset, bool deleteExtra)
     : FileTransferHandler(nullptr, false, asset), deleteExtra(deleteExtra) {
@@ -87,18 +110,17 @@ bool FolderPullConnection::receiveList(const QString& countText) {
         return true;
     }
     listEntriesSeen += count;
-    static const QRegularExpression value(QStringLiteral("^(\\d+) ([0-9a-f]{32})$"));
     for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
-        const QRegularExpressionMatch match = value.match(it.value());
-        bool sizeOk = false;
-        const int64_t size = match.hasMatch() ? match.captured(1).toLongLong(&sizeOk) : 0;
-        if (!AssetBase::isCarriableName(it.key()) || !sizeOk) {
+        int64_t size = 0;
+        QString md5;
+        const bool described = parseDescription(it.value(), size, md5);
+        if (!AssetBase::isCarriableName(it.key()) || !described) {
             Basalt::Trace::warning("FolderPullConnection::receiveList # Skipping '%s': not a "
                                    "name and description the file protocol can carry",
                                    it.key().toUtf8().constData());
             continue;
         }
-        serverList.insert(it.key(), Entry{size, match.captured(2)});
+        serverList.insert(it.key(), Entry{size, md5});
     }
     return true;
 }
