@@ -3,7 +3,8 @@
 // the server's file list, asks ("sendfileinfo") for every file that is missing here or
 // differs in size or MD5, optionally removes local files that the server does not have
 // (and the folders left empty), downloads the files, then checks the folder against the
-// list once more. One attempt, no reconnection: the result says what happened.
+// list once more (walking it again only when something was fetched or removed). One
+// attempt, no reconnection: the result says what happened.
 //
 // Threads: start, waitFinished and result may be called from any thread; the progress
 // callback and the protocol run on the connection's thread. The result is guarded by
