@@ -1,19 +1,24 @@
 #include "Dovel/files/AssetBase.h"
 
 #include "Dovel/Limits.h"
+#include "Dovel/files/ChecksumCacheFile.h"
 #include "Dovel/files/ProgressSender.h"
 #include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/Trace.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
 #include <QSettings>
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 
 namespace Dovel {
 
@@ -32,11 +37,24 @@ void report(ProgressSender* progress, const QString& text) {
 // QFileInfo does), or -1 when it cannot be read. Read with stat() because
 // QFileInfo::lastModified converts to local time, which costs a time-zone lookup per
 // file and dominates the walk of a large folder.
+int64_t modifiedMsecs(const struct stat& status) {
+    return int64_t(status.st_mtim.tv_sec) * 1000 + status.st_mtim.tv_nsec / 1000000;
+}
+
 int64_t modifiedMsecs(const QString& path) {
     struct stat status;
     if (::stat(QFile::encodeName(path).constData(), &status) != 0)
         return -1;
-    return int64_t(status.st_mtim.tv_sec) * 1000 + status.st_mtim.tv_nsec / 1000000;
+    return modifiedMsecs(status);
+}
+
+// Whether an entry of an open folder is readable, as access() says; decided from the
+// mode alone when it lets everyone read, which spares the call for nearly every file.
+bool isReadable(int folderFd, const char* name, const struct stat& status) {
+    constexpr mode_t everyone = S_IRUSR | S_IRGRP | S_IROTH;
+    if ((status.st_mode & everyone) == everyone)
+        return true;
+    return ::faccessat(folderFd, name, R_OK, 0) == 0;
 }
 
 // Times are kept in UTC: the same instant, without local-time conversions.
@@ -59,6 +77,65 @@ bool sameLists(const AssetBase::FileList& a, const AssetBase::FileList& b) {
     return true;
 }
 
+// How root + name resolves when no component below the canonical root is a symbolic
+// link: it is then its own canonical path, since carriable names hold no "." or ".."
+// components. One lstat() per component of the name, where resolving the whole path
+// costs a readlink() per component of the root as well. `Other` (a link, a file where a
+// folder should be, an error) leaves the decision to a full resolution.
+enum class LinkFree { Exists, Missing, Other };
+
+LinkFree linkFree(const QString& canonicalRoot, const QString& name, struct stat* last) {
+    const QByteArray root =
+        canonicalRoot == QLatin1String("/") ? QByteArray() : QFile::encodeName(canonicalRoot);
+    const QByteArray path = root + QFile::encodeName(name);
+    for (int end = root.size() + 1; end <= path.size(); ++end) {
+        if (end < path.size() && path.at(end) != '/')
+            continue;
+        struct stat status;
+        const QByteArray prefix = path.left(end);
+        if (::lstat(prefix.constData(), &status) != 0)
+            return errno == ENOENT ? LinkFree::Missing : LinkFree::Other;
+        if (S_ISLNK(status.st_mode) || (end < path.size() && !S_ISDIR(status.st_mode)))
+            return LinkFree::Other;
+        if (end == path.size() && last)
+            *last = status;
+    }
+    return LinkFree::Exists;
+}
+
+// Calls `found(name)` for every regular file below root + dir whose name ends in the
+// temporary suffix, by name relative to the root. Links are not followed, so nothing
+// outside the folder is touched; the entry type from readdir() spares a stat per file.
+template <typename Found>
+void forEachTempFile(const QString& root, const QString& dir, const Found& found) {
+    DIR* const folder = ::opendir(QFile::encodeName(root + dir).constData());
+    if (!folder)
+        return;
+    static const QByteArray suffix = TempSuffix.toLatin1();
+    while (const dirent* item = ::readdir(folder)) {
+        const char* const raw = item->d_name;
+        if (raw[0] == '.' && (raw[1] == '\0' || (raw[1] == '.' && raw[2] == '\0')))
+            continue;
+        unsigned char type = item->d_type;
+        if (type == DT_UNKNOWN) {
+            struct stat status;
+            if (::fstatat(::dirfd(folder), raw, &status, AT_SYMLINK_NOFOLLOW) != 0)
+                continue;
+            type = S_ISDIR(status.st_mode) ? DT_DIR : S_ISREG(status.st_mode) ? DT_REG : DT_LNK;
+        }
+        if (type == DT_DIR) {
+            forEachTempFile(root, dir + QLatin1Char('/') + QFile::decodeName(raw), found);
+        } else if (type == DT_REG) {
+            const size_t length = strlen(raw);
+            if (length >= size_t(suffix.size()) &&
+                memcmp(raw + length - size_t(suffix.size()), suffix.constData(),
+                       size_t(suffix.size())) == 0)
+                found(dir + QLatin1Char('/') + QFile::decodeName(raw));
+        }
+    }
+    ::closedir(folder);
+}
+
 } // namespace
 
 AssetBase::AssetBase(const QString& root) : Basalt::Thread(QStringLiteral("AssetBase")) {
@@ -66,6 +143,7 @@ AssetBase::AssetBase(const QString& root) : Basalt::Thread(QStringLiteral("Asset
     root_ = QDir(root).canonicalPath();
     if (root_.isEmpty())
         root_ = QDir::cleanPath(QDir(root).absolutePath());
+    cacheFile = ChecksumCacheFile::settingsFile();
     readCache();
 }
 
@@ -122,6 +200,8 @@ QString AssetBase::resolveInside(const QString& canonicalRoot, const QString& na
         return isInside(canonicalRoot, path);
     };
     const QString path = (canonicalRoot == QLatin1String("/") ? QString() : canonicalRoot) + name;
+    if (linkFree(canonicalRoot, name, nullptr) != LinkFree::Other)
+        return path;
     QFileInfo info(path);
     if (info.exists())
         return isInsideRoot(info.canonicalFilePath()) ? path : QString();
@@ -142,6 +222,14 @@ QString AssetBase::resolveInside(const QString& canonicalRoot, const QString& na
     }
 }
 
+QString AssetBase::linkFreeFile(const QString& canonicalRoot, const QString& name) {
+    struct stat status;
+    if (!isCarriableName(name) || linkFree(canonicalRoot, name, &status) != LinkFree::Exists ||
+        !S_ISREG(status.st_mode))
+        return QString();
+    return (canonicalRoot == QLatin1String("/") ? QString() : canonicalRoot) + name;
+}
+
 int64_t AssetBase::partCount(int64_t size, int64_t partSize) {
     if (size <= 0 || partSize <= 0)
         return 0;
@@ -152,13 +240,30 @@ int64_t AssetBase::partCount(int64_t size, int64_t partSize) {
 
 int64_t AssetBase::buildFileList(const QString& dir, FileList& list,
                                  QList<QPair<QString, QFileInfo>>& pending) {
-    const QDir folder(root_ + dir);
-    const QFileInfoList entries = folder.entryInfoList(QDir::Files | QDir::Dirs | QDir::Readable |
-                                                           QDir::NoDotAndDotDot | QDir::Hidden,
-                                                       QDir::Unsorted);
+    // Read with readdir() and one fstatat() per entry relative to the open folder: a
+    // QFileInfo per entry costs an access() and two stats by full path, which is most of
+    // the time of listing a large unchanged folder.
+    const QString folderPath = root_ + dir;
+    DIR* const folder = ::opendir(
+        QFile::encodeName(folderPath.isEmpty() ? QStringLiteral("/") : folderPath).constData());
+    if (!folder)
+        return 0;
+    const int folderFd = ::dirfd(folder);
     int64_t found = 0;
-    for (const QFileInfo& entry : entries) {
-        const QString fileName = entry.fileName();
+    while (const dirent* item = ::readdir(folder)) {
+        const char* const raw = item->d_name;
+        if (raw[0] == '.' && (raw[1] == '\0' || (raw[1] == '.' && raw[2] == '\0')))
+            continue;
+        struct stat status;
+        if (::fstatat(folderFd, raw, &status, AT_SYMLINK_NOFOLLOW) != 0)
+            continue;
+        const bool link = S_ISLNK(status.st_mode);
+        if (link && ::fstatat(folderFd, raw, &status, 0) != 0)
+            continue; // a dangling link is neither a file nor a folder
+        const bool isDir = S_ISDIR(status.st_mode);
+        if ((!isDir && !S_ISREG(status.st_mode)) || !isReadable(folderFd, raw, status))
+            continue;
+        const QString fileName = QFile::decodeName(raw);
         if (fileName.endsWith(TempSuffix))
             continue; // a download in progress
         const QString name = dir + QLatin1Char('/') + fileName;
@@ -168,35 +273,54 @@ int64_t AssetBase::buildFileList(const QString& dir, FileList& list,
                                    name.toUtf8().constData());
             continue;
         }
-        if (entry.isSymLink() && !isInsideRoot(entry.canonicalFilePath())) {
+        const QString path = root_ + name;
+        if (link && !isInsideRoot(QFileInfo(path).canonicalFilePath())) {
             Basalt::Trace::warning("AssetBase::buildFileList # Skipping '%s': the link leads "
                                    "outside the folder",
                                    name.toUtf8().constData());
             continue;
         }
-        if (entry.isDir()) {
-            const QString canonical = entry.canonicalFilePath();
+        if (isDir) {
+            const QString canonical = QFileInfo(path).canonicalFilePath();
             if (visitedDirs.contains(canonical))
                 continue; // a link back into the tree
             visitedDirs.insert(canonical);
             found += buildFileList(name, list, pending);
-        } else if (entry.isFile()) {
-            ++found;
-            const auto cached = files.constFind(name);
-            if (cached != files.constEnd() &&
-                sameFile(*cached, entry.size(), modifiedMsecs(entry.absoluteFilePath()))) {
-                list.insert(name, *cached);
-                reused.fetch_add(1);
-            } else {
-                pending.append(qMakePair(name, entry));
-            }
+            continue;
+        }
+        ++found;
+        const auto cached = files.constFind(name);
+        if (cached != files.constEnd() &&
+            sameFile(*cached, status.st_size, modifiedMsecs(status))) {
+            list.insert(name, *cached);
+            reused.fetch_add(1);
+        } else {
+            pending.append(qMakePair(name, QFileInfo(path)));
         }
     }
+    ::closedir(folder);
     return found;
 }
 
 AssetBase::FileList AssetBase::buildFileList(ProgressSender* progress) {
     Basalt::Guard guard(fileListMutex);
+    return buildLocked(progress);
+}
+
+uint64_t AssetBase::buildGeneration() const {
+    Basalt::Guard guard(fileListMutex);
+    return buildsBegun;
+}
+
+AssetBase::FileList AssetBase::fileListBuiltSince(uint64_t generation, ProgressSender* progress) {
+    Basalt::Guard guard(fileListMutex);
+    if (buildsBegun > generation)
+        return files;
+    return buildLocked(progress);
+}
+
+AssetBase::FileList AssetBase::buildLocked(ProgressSender* progress) {
+    ++buildsBegun;
     report(progress, QStringLiteral("Scanning directory tree..."));
     FileList list;
     QList<QPair<QString, QFileInfo>> pending;
@@ -247,12 +371,13 @@ QString AssetBase::md5(const QString& name) {
     const QString path = resolveInside(name);
     if (path.isEmpty())
         return QString();
-    const QFileInfo info(path);
-    const int64_t modified = modifiedMsecs(path);
+    struct stat status;
+    const bool found = ::stat(QFile::encodeName(path).constData(), &status) == 0;
     {
         Basalt::Guard guard(fileListMutex);
         const auto cached = files.constFind(name);
-        if (cached != files.constEnd() && sameFile(*cached, info.size(), modified)) {
+        if (found && cached != files.constEnd() &&
+            sameFile(*cached, status.st_size, modifiedMsecs(status))) {
             reused.fetch_add(1);
             return cached->md5;
         }
@@ -284,24 +409,36 @@ QString AssetBase::cacheArrayName() const {
 }
 
 void AssetBase::readCache() {
-    QSettings settings(QStringLiteral("Brevant"), QStringLiteral("Cache"));
-    const int count = settings.beginReadArray(cacheArrayName());
-    Basalt::Guard guard(fileListMutex);
-    for (int i = 0; i < count; ++i) {
-        settings.setArrayIndex(i);
-        const QString name = settings.value(QStringLiteral("file")).toString();
-        FileInfo info;
-        info.lastModified = utcTime(settings.value(QStringLiteral("ts")).toLongLong());
-        info.md5 = settings.value(QStringLiteral("MD5")).toString();
-        info.size = settings.value(QStringLiteral("size")).toLongLong();
-        if (isCarriableName(name) && info.md5.size() == 32)
-            files.insert(name, info);
+    FileList plain;
+    int count = 0;
+    if (!ChecksumCacheFile::read(cacheFile, cacheArrayName(), plain, count)) {
+        Basalt::Trace::debug("AssetBase::readCache # %s: read through QSettings",
+                             root_.toUtf8().constData());
+        plain.clear();
+        QSettings settings(QStringLiteral("Brevant"), QStringLiteral("Cache"));
+        count = settings.beginReadArray(cacheArrayName());
+        for (int i = 0; i < count; ++i) {
+            settings.setArrayIndex(i);
+            const QString name = settings.value(QStringLiteral("file")).toString();
+            FileInfo info;
+            info.lastModified = utcTime(settings.value(QStringLiteral("ts")).toLongLong());
+            info.md5 = settings.value(QStringLiteral("MD5")).toString();
+            info.size = settings.value(QStringLiteral("size")).toLongLong();
+            if (isCarriableName(name) && info.md5.size() == 32)
+                plain.insert(name, info);
+        }
+        settings.endArray();
     }
-    settings.endArray();
+    Basalt::Guard guard(fileListMutex);
+    files = plain;
     cacheStored = files.size() == count; // else the store holds entries we dropped
 }
 
 void AssetBase::writeCache(const FileList& list) {
+    if (ChecksumCacheFile::write(cacheFile, cacheArrayName(), list))
+        return;
+    Basalt::Trace::debug("AssetBase::writeCache # %s: written through QSettings",
+                         root_.toUtf8().constData());
     QSettings settings(QStringLiteral("Brevant"), QStringLiteral("Cache"));
     settings.remove(cacheArrayName());
     settings.beginWriteArray(cacheArrayName(), list.size());
@@ -439,17 +576,12 @@ bool AssetBase::removeFileFromDownloadList(const QString& name, bool success) {
 int AssetBase::removeLeftoverParts() {
     int removed = 0;
     Basalt::Guard guard(downloadMutex);
-    // Links are not followed, so nothing outside the folder is touched.
-    QDirIterator it(root_, {QLatin1Char('*') + TempSuffix}, QDir::Files | QDir::Hidden,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        const QString name = path.mid(root_.size()).chopped(TempSuffix.size());
-        if (downloads.find(name) != downloads.end() || it.fileInfo().isSymLink())
-            continue;
-        if (QFile::remove(path))
+    forEachTempFile(root_, QString(), [&](const QString& name) {
+        if (downloads.find(name.chopped(TempSuffix.size())) != downloads.end())
+            return;
+        if (QFile::remove(root_ + name))
             ++removed;
-    }
+    });
     if (removed > 0)
         Basalt::Trace::info("AssetBase::removeLeftoverParts # Removed %d unfinished download%s "
                             "of an earlier run",

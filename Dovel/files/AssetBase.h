@@ -5,6 +5,8 @@
 // Checksums are cached in the settings store (QSettings of "Brevant"/"Cache", array
 // "FileList/" + root) and reused while a file's size and modification time (to the
 // millisecond) stay the same, so an unchanged folder is listed without rereading it.
+// The array is read and written through ChecksumCacheFile where it can, QSettings
+// otherwise.
 //
 // Thread-safe: the file list and the checksum cache are guarded by `fileListMutex`, the
 // download list by `downloadMutex` (each download's running MD5 by a lock of its own,
@@ -60,6 +62,13 @@ public:
     FileList buildFileList(ProgressSender* progress = nullptr);
     // The list of the last build, with finished downloads recorded since.
     FileList fileList() const;
+    // Builds begun so far; a list built after this value was read saw the folder as it
+    // was then or later.
+    uint64_t buildGeneration() const;
+    // The list of a build begun after `generation` was read (waiting for one under way),
+    // or a new build when there is none. Lets two users that want a fresh list share one
+    // walk of the folder.
+    FileList fileListBuiltSince(uint64_t generation, ProgressSender* progress = nullptr);
     // The checksum of a file: the listed one while its size and modification time are
     // unchanged, otherwise computed now. Empty when the file cannot be read.
     QString md5(const QString& name);
@@ -74,6 +83,10 @@ public:
     QString resolveInside(const QString& name) const { return resolveInside(root_, name); }
     // The same for any canonical root.
     static QString resolveInside(const QString& canonicalRoot, const QString& name);
+    // root + name when it is a regular file reached through no symbolic link below the
+    // canonical root, so that it is its own canonical path; empty otherwise, and the
+    // caller resolves the path in full. Costs an lstat() per component of the name only.
+    static QString linkFreeFile(const QString& canonicalRoot, const QString& name);
     // True when a canonical path is the canonical root or lies below it.
     static bool isInside(const QString& canonicalRoot, const QString& canonicalPath);
     // The parts of a file of `size` bytes in parts of `partSize`, rounded up.
@@ -145,12 +158,15 @@ private:
     };
 
     bool isInsideRoot(const QString& canonicalPath) const { return isInside(root_, canonicalPath); }
+    // buildFileList() with fileListMutex held.
+    FileList buildLocked(ProgressSender* progress);
     void readCache();
     void writeCache(const FileList& list);
     QString cacheArrayName() const;
     static QString computeMd5(const QString& path, bool* ok);
 
     QString root_;
+    QString cacheFile; // the settings file of the checksum cache
     std::atomic<bool> running{true};
     std::atomic<int64_t> computed{0};
     std::atomic<int64_t> reused{0};
@@ -159,6 +175,7 @@ private:
     FileList files; // the last built list, which is also the checksum cache
     // Whether the settings store holds exactly `files`; guarded by fileListMutex.
     bool cacheStored = false;
+    uint64_t buildsBegun = 0; // guarded by fileListMutex
 
     mutable Basalt::Mutex downloadMutex;
     std::map<QString, Download> downloads;

@@ -177,6 +177,11 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
         return QString();
     }
     const QString rootDir = rootDirectory();
+    if (rootDir == assetBase.root()) {
+        const QString plain = AssetBase::linkFreeFile(rootDir, name);
+        if (!plain.isEmpty())
+            return plain;
+    }
     const QFileInfo info(rootDir + name);
     if (!info.exists()) {
         Basalt::Trace::warning("FileTransferHandler::commitUpload#  file '%s' doesn't exist. "
@@ -185,7 +190,7 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
         return QString();
     }
     const QString canonical = info.canonicalFilePath();
-    if (!AssetBase::isInside(QFileInfo(rootDir).canonicalFilePath(), canonical) || !info.isFile()) {
+    if (!AssetBase::isInside(canonicalRoot(rootDir), canonical) || !info.isFile()) {
         Basalt::Trace::warning("FileTransferHandler::%s # Refusing '%s': it is not a file "
                                "inside the shared folder",
                                operation, name.toUtf8().constData());
@@ -195,7 +200,13 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
 }
 
 QString FileTransferHandler::targetPath(const QString& name) const {
-    return AssetBase::resolveInside(QFileInfo(rootDirectory()).canonicalFilePath(), name);
+    return AssetBase::resolveInside(canonicalRoot(rootDirectory()), name);
+}
+
+QString FileTransferHandler::canonicalRoot(const QString& rootDir) const {
+    // The asset's root is canonical already: resolving it again per file costs a
+    // readlink() per component of the path.
+    return rootDir == assetBase.root() ? rootDir : QFileInfo(rootDir).canonicalFilePath();
 }
 
 // ---- downloading ----

@@ -118,6 +118,7 @@ private:
     QString servablePath(const QString& name, const char* operation) const;
     // The path a received file may be written to, or empty.
     QString targetPath(const QString& name) const;
+    QString canonicalRoot(const QString& rootDir) const;
 
     void startFilePartsUploadTask(const QString& name);
     bool startSendingfileParts();

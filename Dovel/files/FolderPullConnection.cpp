@@ -6,11 +6,34 @@
 #include "Basalt/TimeStamp.h"
 #include "Basalt/Trace.h"
 
-#include <QRegularExpression>
-
 #include <algorithm>
 
 namespace Dovel {
+
+namespace {
+
+// "SIZE MD5": decimal digits, one blank, 32 lowercase hexadecimal digits. Read by hand:
+// a regular expression per entry was a noticeable part of taking a large list.
+bool parseDescription(const QString& text, int64_t& size, QString& md5) {
+    const int blank = text.indexOf(QLatin1Char(' '));
+    if (blank <= 0 || text.size() - blank - 1 != 32)
+        return false;
+    for (int i = 0; i < blank; ++i)
+        if (text.at(i) < QLatin1Char('0') || text.at(i) > QLatin1Char('9'))
+            return false;
+    for (int i = blank + 1; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        if (!((c >= QLatin1Char('0') && c <= QLatin1Char('9')) ||
+              (c >= QLatin1Char('a') && c <= QLatin1Char('f'))))
+            return false;
+    }
+    bool ok = false;
+    size = text.leftRef(blank).toLongLong(&ok);
+    md5 = text.mid(blank + 1);
+    return ok;
+}
+
+} // namespace
 
 FolderPullConnection::FolderPullConnection(AssetBase& asset, bool deleteExtra)
     : FileTransferHandler(nullptr, false, asset), deleteExtra(deleteExtra) {
@@ -26,6 +49,11 @@ void FolderPullConnection::setProgressCallback(std::function<void(const Progress
 }
 
 void FolderPullConnection::start(const QString& host, int port) {
+    start(host, port, asset().buildGeneration());
+}
+
+void FolderPullConnection::start(const QString& host, int port, uint64_t generation) {
+    listGeneration = generation;
     connectToHost(host, port);
 }
 
@@ -82,18 +110,17 @@ bool FolderPullConnection::receiveList(const QString& countText) {
         return true;
     }
     listEntriesSeen += count;
-    static const QRegularExpression value(QStringLiteral("^(\\d+) ([0-9a-f]{32})$"));
     for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
-        const QRegularExpressionMatch match = value.match(it.value());
-        bool sizeOk = false;
-        const int64_t size = match.hasMatch() ? match.captured(1).toLongLong(&sizeOk) : 0;
-        if (!AssetBase::isCarriableName(it.key()) || !sizeOk) {
+        int64_t size = 0;
+        QString md5;
+        const bool described = parseDescription(it.value(), size, md5);
+        if (!AssetBase::isCarriableName(it.key()) || !described) {
             Basalt::Trace::warning("FolderPullConnection::receiveList # Skipping '%s': not a "
                                    "name and description the file protocol can carry",
                                    it.key().toUtf8().constData());
             continue;
         }
-        serverList.insert(it.key(), Entry{size, match.captured(2)});
+        serverList.insert(it.key(), Entry{size, md5});
     }
     return true;
 }
@@ -106,7 +133,8 @@ void FolderPullConnection::compareAndRequest(const QString& totalText) {
         return;
     }
     listDone = true;
-    const AssetBase::FileList local = asset().buildFileList(nullptr);
+    compared = asset().fileListBuiltSince(listGeneration, nullptr);
+    const AssetBase::FileList& local = compared;
 
     if (deleteExtra) {
         bool any = false;
@@ -116,8 +144,10 @@ void FolderPullConnection::compareAndRequest(const QString& totalText) {
                 any = true;
             }
         }
-        if (any)
+        if (any) {
+            changedHere = true;
             deleted = asset().drainRemoveQueue();
+        }
     }
 
     for (auto it = serverList.constBegin(); it != serverList.constEnd(); ++it) {
@@ -129,6 +159,7 @@ void FolderPullConnection::compareAndRequest(const QString& totalText) {
         requestFileInfo(it.key());
     }
     progressState.filesToFetch = pending.size();
+    changedHere = changedHere || !pending.isEmpty();
     if (pending.isEmpty()) {
         verifyAndFinish();
         return;
@@ -191,7 +222,8 @@ void FolderPullConnection::checkDone() {
 }
 
 void FolderPullConnection::verifyAndFinish() {
-    const AssetBase::FileList local = asset().buildFileList(nullptr);
+    // When nothing was fetched or removed, the list just compared is the folder's state.
+    const AssetBase::FileList local = changedHere ? asset().buildFileList(nullptr) : compared;
     QSet<QString> failedSet(failedNames.begin(), failedNames.end());
     for (auto it = serverList.constBegin(); it != serverList.constEnd(); ++it) {
         const auto mine = local.constFind(it.key());

@@ -3,13 +3,15 @@
 // the server's file list, asks ("sendfileinfo") for every file that is missing here or
 // differs in size or MD5, optionally removes local files that the server does not have
 // (and the folders left empty), downloads the files, then checks the folder against the
-// list once more. One attempt, no reconnection: the result says what happened.
+// list once more (walking it again only when something was fetched or removed). One
+// attempt, no reconnection: the result says what happened.
 //
 // Threads: start, waitFinished and result may be called from any thread; the progress
 // callback and the protocol run on the connection's thread. The result is guarded by
 // `resultMutex`. The asset folder must outlive the connection.
 #pragma once
 
+#include "Dovel/files/AssetBase.h"
 #include "Dovel/files/FileTransferHandler.h"
 
 #include "Basalt/Condition.h"
@@ -50,8 +52,12 @@ public:
 
     // Called on the connection's thread as files progress; set before start().
     void setProgressCallback(std::function<void(const Progress&)> callback);
-    // Connects once to host:port and runs the pull.
+    // Connects once to host:port and runs the pull. The local list is walked when the
+    // server's list has arrived, unless the asset holds one built since `listGeneration`
+    // (AssetBase::buildGeneration(); by default its value now): a caller that has just
+    // built the list, to have the checksums ready before connecting, spares the walk.
     void start(const QString& host, int port);
+    void start(const QString& host, int port, uint64_t listGeneration);
     // Waits up to `ms` milliseconds (negative: without limit); true once finished.
     bool waitFinished(int ms);
     Result result() const;
@@ -83,7 +89,10 @@ private:
 
     // The protocol's state: the connection's thread only.
     QMap<QString, Entry> serverList;
-    int listEntriesSeen = 0; // skipped ones included
+    uint64_t listGeneration = 0;
+    AssetBase::FileList compared; // the local list that the requests were made from
+    bool changedHere = false;     // a file was requested or removed
+    int listEntriesSeen = 0;      // skipped ones included
     bool listDone = false;
     bool syncReceived = false;
     QSet<QString> pending;   // requested and not yet finished

@@ -190,12 +190,15 @@ int pull(const QStringList& args) {
     clock.start();
     Dovel::AssetBase asset(folder);
     asset.removeLeftoverParts();
-    asset.buildFileList(); // checksums before connecting, so the peer does not wait
+    // Checksums before connecting, so that the peer does not wait; the pull compares
+    // against this list instead of walking the folder again.
+    const uint64_t listGeneration = asset.buildGeneration();
+    asset.buildFileList();
     ProgressPrinter printer(isatty(STDOUT_FILENO) == 1);
     auto connection = std::make_shared<Dovel::FolderPullConnection>(asset, words.deleteExtra);
     connection->setProgressCallback(
         [&printer](const Dovel::FolderPullConnection::Progress& p) { printer.show(p); });
-    connection->start(address.host, address.port);
+    connection->start(address.host, address.port, listGeneration);
     connection->waitFinished(-1);
     connection->shutdown();
     printer.end();
