@@ -200,11 +200,8 @@ int runServer(const BenchOptions& options, BenchReport& report) {
 int runPeer(const BenchOptions& options) {
     std::atomic<bool> done{false};
     MirrorClient mirror;
-    mirror.connectToHost(options.peerHost, options.peerPort);
-    if (!mirror.waitInitialState(SetupMs))
-        return CommandLine::fail(
-            CommandLine::Failure,
-            QStringLiteral("bench peer: no session (%1)").arg(mirror.failureReason()));
+    if (!joinServer(mirror, options, SetupMs))
+        return CommandLine::Failure;
     int tcpPort = 0;
     bool found = false;
     mirror.driver().call([&] {

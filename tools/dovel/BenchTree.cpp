@@ -1,5 +1,7 @@
 #include "BenchTree.h"
 
+#include "CommandLine.h"
+
 #include <QElapsedTimer>
 
 #include <algorithm>
@@ -31,6 +33,14 @@ Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path) {
     for (const QByteArray& name : path.split('/'))
         at = at ? at->attribute(name) : nullptr;
     return at;
+}
+
+bool joinServer(MirrorClient& mirror, const BenchOptions& options, int ms) {
+    mirror.connectToHost(options.peerHost, options.peerPort);
+    if (mirror.waitInitialState(ms))
+        return true;
+    CommandLine::note(QStringLiteral("bench peer: no session (%1)").arg(mirror.failureReason()));
+    return false;
 }
 
 bool waitUntil(const std::function<bool()>& condition, int ms) {

@@ -1,10 +1,14 @@
 // What the tree workloads of `dovel bench` share: the server process's tree, tree
-// thread and session server on loopback, attribute lookup by path, waiting for a
+// thread and session server on loopback, a client joining it, attribute lookup by
+// path, waiting for a
 // condition, a clock that every process on the machine reads alike, and percentiles.
 //
 // BenchServer: not thread-safe; the command's main thread owns it, and its tree is
 // changed only on its driver's thread.
 #pragma once
+
+#include "BenchCommand.h"
+#include "MirrorClient.h"
 
 #include "Dovel/session/SessionDriver.h"
 #include "Dovel/session/SessionServer.h"
@@ -46,6 +50,10 @@ Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path);
 template <typename T> Tessel::AttributeT<T>* typedAt(Tessel::Node& root, const QByteArray& path) {
     return dynamic_cast<Tessel::AttributeT<T>*>(attributeAt(root, path));
 }
+
+// Connects `mirror` to the benchmark's server (options.peerHost, peerPort) and waits up to
+// `ms` for the server's tree; false, with a line on standard error, when none comes.
+bool joinServer(MirrorClient& mirror, const BenchOptions& options, int ms);
 
 // Checks `condition` every millisecond until it holds or `ms` have passed; false then.
 bool waitUntil(const std::function<bool()>& condition, int ms);

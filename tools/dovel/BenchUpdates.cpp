@@ -281,14 +281,11 @@ struct Tally {
 
 int runPeer(const BenchOptions& options, BenchReport& report, Mode mode) {
     const QString workload = options.workload;
-    MirrorClient mirror;
-    mirror.connectToHost(options.peerHost, options.peerPort);
-    if (!mirror.waitInitialState(SetupMs))
-        return CommandLine::fail(
-            CommandLine::Failure,
-            QStringLiteral("bench peer: no session (%1)").arg(mirror.failureReason()));
-    Tally tally;
+    Tally tally; // declared first: the tree's listeners point into it
     tally.mode = mode;
+    MirrorClient mirror;
+    if (!joinServer(mirror, options, SetupMs))
+        return CommandLine::Failure;
     bool found = true;
     mirror.driver().call([&] {
         Tessel::Node& root = mirror.node();
