@@ -2,29 +2,19 @@
 
 #include "Dovel/bundle/BundleController.h"
 
-#include "Basalt/Spin.h"
 #include "Basalt/Trace.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <exception>
 
 namespace Dovel {
-
-namespace {
-
-// How long the thread spins for more work after a pass before it sleeps.
-constexpr int SpinMicros = 50;
-
-} // namespace
 
 struct SessionDriver::Shared {
     mutable std::mutex mutex;
     std::condition_variable condition;
     bool woken = false;
     bool stopping = false;
-    std::atomic<bool> wokenHint{false}; // woken, readable without the mutex
     std::vector<std::function<void()>> posted;
     std::vector<std::shared_ptr<BundleController>> controllers;
     std::vector<std::shared_ptr<BundleController>> retired;
@@ -36,7 +26,6 @@ struct SessionDriver::Shared {
         std::lock_guard<std::mutex> lock(mutex);
         if (!woken) {
             woken = true;
-            wokenHint.store(true);
             condition.notify_all();
         }
     }
@@ -74,10 +63,6 @@ void SessionDriver::loop() {
         std::vector<std::function<void()>> posted;
         std::vector<std::shared_ptr<BundleController>> controllers;
         std::vector<std::shared_ptr<BundleController>> retired;
-        // Work often follows a pass within microseconds (a peer's reply to what the pass
-        // sent): catch it before going to sleep.
-        Basalt::spinFor([this] { return shared->wokenHint.load(std::memory_order_relaxed); },
-                        SpinMicros);
         {
             std::unique_lock<std::mutex> lock(shared->mutex);
             const auto ready = [this] { return shared->woken || shared->stopping; };
@@ -89,7 +74,6 @@ void SessionDriver::loop() {
             if (shared->stopping)
                 return;
             shared->woken = false;
-            shared->wokenHint.store(false);
             posted.swap(shared->posted);
             controllers = shared->controllers;
             retired.swap(shared->retired);
