@@ -3,10 +3,12 @@
 // scene/layerL/groupG/itemI/{a,b,name,pos}; a client connects and the time until its
 // copy is whole is measured, with both processes' memory.
 //
+// The client process is started before the tree is built and waits to be released, as
+// a client of a long-running application would find it already built.
+//
 // Memory: the server's tree alone (heap growth while building and watching it), the
-// server's session
-// (heap growth from before listening to the client holding the tree, the server's tree
-// unchanged meanwhile), and the client's session (its heap growth minus what the same
+// server's session (heap growth from the tree built to the client holding it, the
+// server's tree unchanged meanwhile), and the client's session (its heap growth minus what the same
 // tree costs on the server's side). The client writes "control/converged" = 1 when its
 // copy is whole; the server then takes its reading and writes "control/stop" = 1.
 #include "BenchProcess.h"
@@ -37,10 +39,15 @@ constexpr int ControlAttributes = 2;
 constexpr auto Layer = Tessel::Attribute::LayerRemote;
 constexpr int SetupMs = 120000;
 
-// Builds the tree; returns the number of attributes made (N rounded up to whole items).
-int buildTree(Tessel::Node& root, int attributes) {
+// N rounded up to whole items.
+int wholeItems(int attributes) {
+    return (attributes + ItemAttributes - 1) / ItemAttributes * ItemAttributes;
+}
+
+// Builds the tree of wholeItems(attributes) attributes.
+void buildTree(Tessel::Node& root, int attributes) {
     auto* scene = new Tessel::Node(&root, "scene");
-    const int items = (attributes + ItemAttributes - 1) / ItemAttributes;
+    const int items = wholeItems(attributes) / ItemAttributes;
     Tessel::Node* layer = nullptr;
     Tessel::Node* group = nullptr;
     for (int i = 0; i < items; ++i) {
@@ -57,7 +64,6 @@ int buildTree(Tessel::Node& root, int attributes) {
         new Tessel::AttributeT<Quant::Vector3f>(item, "pos",
                                                 Quant::Vector3f(float(i), float(g), 1.0f));
     }
-    return items * ItemAttributes;
 }
 
 int countAttributes(Tessel::Node& root) {
@@ -72,12 +78,20 @@ int runServer(const BenchOptions& options, BenchReport& report) {
     const QString workload = options.workload;
     std::atomic<bool> converged{false};
     BenchServer bench;
-    int attributes = 0;
+    const int attributes =
+        wholeItems(options.attributes > 0 ? options.attributes : DefaultAttributes);
     Tessel::AttributeT<int32_t>* stop = nullptr;
+    // The client starts while this process is small and waits to be released.
+    if (!bench.listen())
+        return CommandLine::fail(CommandLine::Failure, QStringLiteral("bench: cannot listen"));
+    BenchOptions peerOptions = options;
+    peerOptions.attributes = attributes;
+    BenchPeers peers(peerOptions, bench.port());
+    if (!peers.start(1))
+        return CommandLine::Failure;
     const double heapBefore = heapInUseBytes();
     bench.driver().call([&] {
-        attributes = buildTree(bench.root(),
-                               options.attributes > 0 ? options.attributes : DefaultAttributes);
+        buildTree(bench.root(), attributes);
         // The node starts watching what was added at its next update; an application's
         // tree has long been watched when a client comes, so that is part of the tree.
         bench.root().processPendingAdditions();
@@ -89,13 +103,7 @@ int runServer(const BenchOptions& options, BenchReport& report) {
         stop = new Tessel::AttributeT<int32_t>(control, "stop", 0);
         done->addListener([&converged] { converged.store(true); }, Tessel::Attribute::RoleChange);
     });
-    if (!bench.listen())
-        return CommandLine::fail(CommandLine::Failure, QStringLiteral("bench: cannot listen"));
-    BenchOptions peerOptions = options;
-    peerOptions.attributes = attributes;
-    BenchPeers peers(peerOptions, bench.port());
-    if (!peers.start(1))
-        return CommandLine::Failure;
+    peers.release();
     if (!waitUntil([&] { return converged.load() || peers.running() == 0; }, SetupMs) ||
         !converged.load()) {
         std::vector<BenchPeers::Result> ignored;
@@ -134,6 +142,7 @@ int runServer(const BenchOptions& options, BenchReport& report) {
 int runPeer(const BenchOptions& options, BenchReport& report) {
     const QString workload = options.workload;
     std::atomic<bool> stopped{false};
+    waitForRelease();
     const double heapBefore = heapInUseBytes();
     MirrorClient mirror;
     QElapsedTimer timer;

@@ -39,6 +39,13 @@ bool BenchPeers::start(int count) {
     return true;
 }
 
+void BenchPeers::release() {
+    for (auto& process : processes) {
+        process->write("go\n");
+        process->waitForBytesWritten(10000);
+    }
+}
+
 int BenchPeers::running() const {
     int count = 0;
     for (const auto& process : processes)
@@ -91,6 +98,12 @@ bool BenchPeers::finish(std::vector<Result>& results, int ms) {
     }
     processes.clear();
     return ok;
+}
+
+void waitForRelease() {
+    char line[16];
+    if (!std::fgets(line, sizeof line, stdin))
+        return; // no server behind the pipe any more: the connection attempt will say so
 }
 
 double cpuSeconds() {

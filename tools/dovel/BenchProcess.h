@@ -23,6 +23,11 @@ public:
 
     // Starts `count` peers; false (with a note on stderr) when one does not start.
     bool start(int count);
+    // Lets peers that wait for it (waitForRelease) go on: writes one line to each one's
+    // standard input. A workload that builds a large tree starts its peers first and
+    // releases them once the tree is built, so that starting a process does not copy
+    // the page tables of a big one (and fault on every page it writes afterwards).
+    void release();
     // What one peer printed: its figures, and the whole text for workloads that pass
     // more than figures.
     struct Result {
@@ -42,6 +47,8 @@ private:
     std::vector<std::unique_ptr<QProcess>> processes;
 };
 
+// In a peer: blocks until the server process calls release (or its pipe closes).
+void waitForRelease();
 // CPU seconds (user + system) this process has used so far.
 double cpuSeconds();
 // The peak resident set size of this process so far, in MiB.
