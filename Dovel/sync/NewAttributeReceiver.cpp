@@ -58,16 +58,14 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             skipValue(reader, fixedSize);
         return;
     }
-    const QList<QByteArray> parts = path.split('/');
-    for (const QByteArray& part : parts) {
-        if (part.isEmpty()) {
-            Basalt::Trace::error("NewAttributeReceiver::handleBundle # Malformed path '%s'",
-                                 path.constData());
-            if (hasValue)
-                skipValue(reader, fixedSize);
-            return;
-        }
+    if (path.startsWith('/') || path.endsWith('/') || path.contains("//")) {
+        Basalt::Trace::error("NewAttributeReceiver::handleBundle # Malformed path '%s'",
+                             path.constData());
+        if (hasValue)
+            skipValue(reader, fixedSize);
+        return;
     }
+    const int leafStart = path.lastIndexOf('/') + 1;
 
     DovelSessionAttribute* sa = storage.findByReadSymbol(symbol);
     if (!sa)
@@ -92,12 +90,12 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             skipValue(reader, fixedSize);
     };
 
-    Tessel::Node* parent = findParent(parts);
+    Tessel::Node* parent = findParent(path, leafStart);
     if (!parent) {
         skipAll();
         return;
     }
-    const QByteArray& leafName = parts.last();
+    const QByteArray leafName = path.mid(leafStart);
     Tessel::Attribute* leaf = parent->attribute(leafName);
     sa->localOrigin = leaf != nullptr;
 
@@ -166,23 +164,24 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     sender.applyWithoutEcho(sa->localSymbol, [&] { sa->deserializer(reader); });
 }
 
-Tessel::Node* NewAttributeReceiver::findParent(const QList<QByteArray>& parts) {
+Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart) {
     Tessel::Node* parent = &node;
-    for (int i = 0; i + 1 < parts.size(); ++i) {
-        Tessel::Attribute* raw = parent->attribute(parts[i]);
-        Tessel::Attribute* child = Tessel::AttributeAlias::resolve(raw);
+    QByteArray name; // views each component in place: looking up a child copies nothing
+    for (int start = 0; start < leafStart;) {
+        const int end = path.indexOf('/', start);
+        name.setRawData(path.constData() + start, uint(end - start));
+        Tessel::Attribute* raw = parent->attribute(name);
         if (!raw) {
             if (!createMissing)
                 return nullptr;
-            parent = new Tessel::Node(parent, parts[i]); // owned by its host
-            continue;
-        }
-        parent = dynamic_cast<Tessel::Node*>(child);
-        if (!parent) {
+            // owned by its host
+            parent = new Tessel::Node(parent, QByteArray(path.constData() + start, end - start));
+        } else if (!(parent = dynamic_cast<Tessel::Node*>(Tessel::AttributeAlias::resolve(raw)))) {
             Basalt::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing "
                                  "attribute where a node was expected");
             return nullptr;
         }
+        start = end + 1;
     }
     return parent;
 }

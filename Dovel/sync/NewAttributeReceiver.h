@@ -51,7 +51,9 @@ private:
                      uint32_t messageIndex);
     // The node that holds the path's leaf, creating missing nodes when allowed; null
     // (the entry is to be skipped) otherwise.
-    Tessel::Node* findParent(const QList<QByteArray>& parts);
+    // The node that holds the attribute at `path`, whose last component starts at
+    // `leafStart`; missing nodes are created when allowed. Null when there is none.
+    Tessel::Node* findParent(const QByteArray& path, int leafStart);
 
     RemoteNode& node;
     AttributeStorage& storage;

@@ -2,6 +2,7 @@
 
 #include "Tessel/Node.h"
 
+#include "Tessel/ListenerHolder.h"
 #include "Tessel/ListenerId.h"
 
 #include "Basalt/Trace.h"
@@ -38,6 +39,11 @@ void Attribute::aboutToBeDestroyed() {
         return;
     destroying = true;
     emitDelete();
+    // Holders forget this attribute now, the way a deletion listener of theirs would.
+    if (listeners)
+        for (const auto& listener : *listeners)
+            if (listener->holder)
+                listener->holder->forget(this);
     if (hostNode)
         hostNode->removeAttribute(this);
 }
@@ -135,16 +141,44 @@ void Attribute::emitRole(int role) {
 }
 
 long Attribute::addListener(std::function<void()> callback, int roleMask) {
+    return addListener(std::move(callback), roleMask, nullptr);
+}
+
+long Attribute::addListener(std::function<void()> callback, int roleMask, ListenerHolder* holder) {
     auto listener = std::make_shared<Listener>();
     listener->id = issueListenerId();
     listener->callback = std::move(callback);
+    listener->holder = holder;
     listener->roles = roleMask;
-    auto table =
-        listeners ? std::make_shared<ListenerTable>(*listeners) : std::make_shared<ListenerTable>();
+    auto table = std::make_shared<ListenerTable>();
+    table->reserve((listeners ? listeners->size() : 0) + 1);
+    if (listeners)
+        table->assign(listeners->begin(), listeners->end());
     // Ids only grow, so the new one goes last.
     table->push_back(listener);
     listeners = std::move(table);
     return listener->id;
+}
+
+template <typename Keep> void Attribute::replaceListeners(Keep keep) {
+    std::size_t kept = 0;
+    for (const auto& listener : *listeners)
+        kept += keep(*listener);
+    if (kept == 0) {
+        for (const auto& listener : *listeners)
+            listener->removed = true;
+        listeners = nullptr;
+        return;
+    }
+    auto table = std::make_shared<ListenerTable>();
+    table->reserve(kept);
+    for (const auto& listener : *listeners) {
+        if (keep(*listener))
+            table->push_back(listener);
+        else
+            listener->removed = true;
+    }
+    listeners = std::move(table);
 }
 
 bool Attribute::removeListener(long id) {
@@ -154,13 +188,15 @@ bool Attribute::removeListener(long id) {
                                     [id](const auto& listener) { return listener->id == id; });
     if (found == listeners->end())
         return false;
-    (*found)->removed = true;
-    auto table = std::make_shared<ListenerTable>();
-    table->reserve(listeners->size() - 1);
-    for (const auto& listener : *listeners)
-        if (listener->id != id)
-            table->push_back(listener);
-    listeners = table->empty() ? nullptr : std::move(table);
+    replaceListeners([id](const Listener& listener) { return listener.id != id; });
+    return true;
+}
+
+bool Attribute::removeListenersOf(const ListenerHolder* holder) {
+    if (!listeners || std::none_of(listeners->begin(), listeners->end(),
+                                   [holder](const auto& l) { return l->holder == holder; }))
+        return false;
+    replaceListeners([holder](const Listener& listener) { return listener.holder != holder; });
     return true;
 }
 

@@ -40,6 +40,7 @@
 
 namespace Tessel {
 
+class ListenerHolder;
 class Node;
 
 class Attribute : public Serializable {
@@ -138,9 +139,12 @@ protected:
 
 private:
     friend class Node;
+    friend class ListenerHolder;
     struct Listener {
         long id = 0;
         std::function<void()> callback;
+        // The holder that registered it (ListenerHolder); told when this attribute dies.
+        ListenerHolder* holder = nullptr;
         int roles = 0;
         bool removed = false;
     };
@@ -149,6 +153,11 @@ private:
     // neither copies the table nor allocates.
     using ListenerTable = std::vector<std::shared_ptr<Listener>>;
     void emitRole(int role);
+    long addListener(std::function<void()> callback, int roleMask, ListenerHolder* holder);
+    // Removes every listener that `holder` registered; false when there was none.
+    bool removeListenersOf(const ListenerHolder* holder);
+    // Replaces the table by its entries that `keep` accepts (null when none is left).
+    template <typename Keep> void replaceListeners(Keep keep);
 
     QByteArray attributeName;
     Node* hostNode = nullptr;

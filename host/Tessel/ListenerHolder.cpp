@@ -8,25 +8,21 @@ ListenerHolder::~ListenerHolder() {
     removeAll();
 }
 
-ListenerHolder::Registrations& ListenerHolder::entryFor(Attribute* attribute) {
-    auto it = held.find(attribute);
-    if (it != held.end())
-        return it->second;
-    Registrations& entry = held[attribute];
-    // The attribute's destruction drops its own listeners; only the bookkeeping goes.
-    entry.deathWatch =
-        attribute->addListener([this, attribute] { held.erase(attribute); }, Attribute::RoleDelete);
-    return entry;
+ListenerHolder::Registrations& ListenerHolder::entryFor(Attribute* attribute, bool tagged) {
+    const auto inserted = held.try_emplace(attribute);
+    // Something of ours must sit on the attribute for it to tell us of its end: a node
+    // that gets only event listeners carries an inert listener for that.
+    if (inserted.second && !tagged)
+        attribute->addListener(std::function<void()>(), 0, this);
+    return inserted.first->second;
 }
 
 long ListenerHolder::add(Attribute* attribute, const std::function<void()>& callback,
                          int roleMask) {
     if (!attribute)
         return -1;
-    Registrations& entry = entryFor(attribute);
-    const long id = attribute->addListener(callback, roleMask);
-    entry.listeners.push_back(id);
-    return id;
+    entryFor(attribute, true);
+    return attribute->addListener(callback, roleMask, this);
 }
 
 long ListenerHolder::addBd(Node* node, const QByteArray& event,
@@ -34,7 +30,7 @@ long ListenerHolder::addBd(Node* node, const QByteArray& event,
                            Node::ListenerType type) {
     if (!node)
         return -1;
-    Registrations& entry = entryFor(node);
+    Registrations& entry = entryFor(node, false);
     const long id = node->eventAddListenerBd(event, callback, type);
     entry.eventListeners.push_back(id);
     return id;
@@ -46,9 +42,7 @@ void ListenerHolder::removeListeners(Attribute* attribute) {
         return;
     const Registrations entry = std::move(it->second);
     held.erase(it);
-    attribute->removeListener(entry.deathWatch);
-    for (long id : entry.listeners)
-        attribute->removeListener(id);
+    attribute->removeListenersOf(this);
     if (!entry.eventListeners.empty()) {
         Node* node = static_cast<Node*>(attribute); // only nodes get event registrations
         for (long id : entry.eventListeners)

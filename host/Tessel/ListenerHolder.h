@@ -2,9 +2,10 @@
 // they can be dropped per attribute or all at once (on destruction). Lives on the tree
 // thread.
 //
-// It never touches an attribute that has been destroyed: it watches every attribute it
-// holds registrations on for deletion and forgets them then (the attribute's own
-// destruction drops its listeners; a node's drops its event listeners).
+// It never touches an attribute that has been destroyed: an attribute tells the holders
+// of its listeners when it starts being destroyed (right after its deletion listeners
+// ran), and they forget it then (the attribute's own destruction drops its listeners; a
+// node's drops its event listeners).
 #pragma once
 
 #include "Tessel/Node.h"
@@ -41,12 +42,16 @@ public:
     bool holds(Attribute* attribute) const { return held.count(attribute) != 0; }
 
 private:
+    friend class Attribute;
+    // The attribute's listeners are found by their holder tag; only node event
+    // listeners need their ids kept.
     struct Registrations {
-        long deathWatch = -1;
-        std::vector<long> listeners;      // Attribute::addListener ids
         std::vector<long> eventListeners; // Node::eventAddListenerBd ids
     };
-    Registrations& entryFor(Attribute* attribute);
+    // `tagged`: the caller is about to put a listener of this holder on the attribute.
+    Registrations& entryFor(Attribute* attribute, bool tagged);
+    // Called by an attribute that is being destroyed.
+    void forget(Attribute* attribute) { held.erase(attribute); }
 
     std::unordered_map<Attribute*, Registrations> held;
 };
