@@ -28,6 +28,15 @@ constexpr int MaxBundlesPerBatch = 1 << 16;
 // peer is taken not to read and is disconnected (Dovel1Connection::send). Well above the
 // first batch of a large tree, which a reading peer takes at once.
 constexpr int64_t MaxUnsentBatchBytes = int64_t(256) << 20;
+// Bytes of batches that may wait in a connection's writer before a session holds its
+// output passes back, folding later changes into one newest value per attribute until
+// the peer has read down to it (BundleController::Core::flush). Keeps a slow reader's
+// backlog, and how stale its values are, bounded by the tree instead of by time.
+constexpr int64_t BackPressureBytes = int64_t(4) << 20;
+// Bytes of one-way events raised while output is held back beyond which the session
+// sends anyway (events cannot be folded like values); the writer's ceiling above then
+// still applies (NodeChangeSender::eventsPiledUp).
+constexpr int64_t MaxHeldEventBytes = int64_t(64) << 20;
 
 // Most symbols a peer may define in one session's receive-side registry
 // (SymbolRegistryReceiver::handleBundle).

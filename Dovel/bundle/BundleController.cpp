@@ -58,7 +58,7 @@ void updateCores(const std::vector<CorePtr>& cores) {
         node->update();
     for (const CorePtr& core : cores)
         if (core->isEnabled())
-            core->flush();
+            core->flush(true);
     for (RemoteNode* node : nodes)
         node->update();
     for (const CorePtr& core : cores)
@@ -184,9 +184,17 @@ void BundleController::Core::runTasks() {
         task(*this);
 }
 
-void BundleController::Core::flush() {
+void BundleController::Core::flush(bool mayHoldBack) {
     if (nodeGone.load())
         return;
+    // Only a core that can wake its tree thread may wait for the peer to catch up.
+    if (mayHoldBack && wakeUp && connection && !nodeChangeSender->eventsPiledUp() &&
+        connection->holdBack(wakeUp)) {
+        nodeChangeSender->holdChanges();
+        if (counters)
+            counters->passesHeld += 1;
+        return;
+    }
     std::vector<Bundle> out;
     dispatcher.writeUpdates(out);
     if (counters && !out.empty()) {

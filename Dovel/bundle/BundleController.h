@@ -127,7 +127,12 @@ public:
     void ensureIsInitialized();
     bool isInitialized() const { return !params; }
     void runTasks();
-    void flush();
+    // One output pass. With `mayHoldBack`, a connection whose peer reads slower than
+    // the session writes makes the pass fold the period's changes instead (see
+    // NodeChangeSender::holdChanges) until the peer has caught up and wakes the tree
+    // thread. The pass before an incoming batch is applied never holds back: local
+    // changes must leave before the peer's, for the stale-value rules.
+    void flush(bool mayHoldBack = false);
     void process(const std::vector<Bundle>& bundles);
     // Appends a task and wakes the tree thread (any thread). Code outside the core uses
     // BundleController::addTask, which also drops work for a core that is gone.

@@ -15,6 +15,7 @@ struct BundleCounters {
     std::atomic<uint64_t> bundlesSent{0};     // bundles of those passes
     std::atomic<uint64_t> bytesSent{0};       // their bytes, headers included
     std::atomic<uint64_t> bytesReceived{0};   // bytes of the dispatched bundles
+    std::atomic<uint64_t> passesHeld{0};      // output passes held back for a slow peer
 };
 
 } // namespace Dovel

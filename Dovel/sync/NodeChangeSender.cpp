@@ -1,5 +1,6 @@
 #include "Dovel/sync/NodeChangeSender.h"
 
+#include "Dovel/Limits.h"
 #include "Dovel/bundle/BundleDispatcher.h"
 #include "Dovel/bundle/BundleWriter.h"
 #include "Dovel/bundle/ModuleNames.h"
@@ -133,6 +134,7 @@ void NodeChangeSender::forgetLocalAttribute(DovelSessionAttribute& sa) {
 void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
     Basalt::Guard guard(eventMutex);
     pendingEvents.push_back(event);
+    pendingEventBytes += event.data.size();
 }
 
 void NodeChangeSender::sendInitialValues() {
@@ -152,10 +154,43 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
     sendEvents(events, output);
 }
 
+void NodeChangeSender::holdChanges() {
+    {
+        Basalt::Guard guard(changeMutex);
+        takenChanges.swap(pendingChanges);
+    }
+    heldChanges.insert(heldChanges.end(), takenChanges.begin(), takenChanges.end());
+    takenChanges.clear();
+    if (heldChanges.size() < 2 * heldCompressed + 4096)
+        return;
+    // The compressed list, spelt out as events, compresses again to itself, and with
+    // later events to what the whole sequence would give.
+    compressor.compress(heldChanges, changes);
+    heldChanges.clear();
+    for (const ChangeData& change : changes) {
+        const auto type = NodeWatcher::EventType(change.type);
+        heldChanges.push_back({type, change.symbol});
+        if (type == NodeWatcher::AttributeAdded && change.withValue)
+            heldChanges.push_back({NodeWatcher::AttributeChanged, change.symbol});
+    }
+    heldCompressed = heldChanges.size();
+}
+
+bool NodeChangeSender::eventsPiledUp() const {
+    Basalt::Guard guard(eventMutex);
+    return pendingEventBytes > Limits::MaxHeldEventBytes;
+}
+
 void NodeChangeSender::collapseChanges() {
     {
         Basalt::Guard guard(changeMutex);
         takenChanges.swap(pendingChanges);
+    }
+    if (!heldChanges.empty()) {
+        heldChanges.insert(heldChanges.end(), takenChanges.begin(), takenChanges.end());
+        takenChanges.swap(heldChanges);
+        heldChanges.clear();
+        heldCompressed = 0;
     }
     compressor.compress(takenChanges, changes);
     // Cleared, not freed: the next swap hands its capacity back to pendingChanges.
@@ -171,6 +206,7 @@ void NodeChangeSender::resolveChanges() {
 void NodeChangeSender::getEvents(std::vector<RemoteNode::Event>& out) {
     Basalt::Guard guard(eventMutex);
     out.swap(pendingEvents);
+    pendingEventBytes = 0;
 }
 
 QByteArray NodeChangeSender::pathOf(const DovelSessionAttribute& sa) {

@@ -37,6 +37,13 @@ public:
     void writeUpdates(BundleOutput& output) override;
     // Queues every attribute of the tree as an addition: the session's first announcement.
     void sendInitialValues();
+    // Instead of an output pass, while the connection has more waiting than it takes:
+    // folds the period's changes into those held from earlier periods, so that what
+    // waits stays bounded by the tree (one entry per attribute and kind) and each
+    // attribute leaves once, with its newest value, at the next pass that writes.
+    void holdChanges();
+    // Whether the events raised since the last pass have grown too large to hold back.
+    bool eventsPiledUp() const;
 
     // The next watcher event equal to `event` is the echo of a received change: drop it.
     void ignoreOne(const NodeWatcher::Event& event);
@@ -95,14 +102,19 @@ private:
     Basalt::Mutex changeMutex;
     std::vector<NodeWatcher::Event> pendingChanges; // guarded by changeMutex
     std::vector<NodeWatcher::Event> takenChanges;   // the pass's, swapped with pendingChanges
+    // Changes of held periods, compressed and spelt out as events again (holdChanges);
+    // compressed anew only once they doubled, so holding costs O(1) per change.
+    std::vector<NodeWatcher::Event> heldChanges;
+    std::size_t heldCompressed = 0;
     std::vector<ChangeData> changes;
     // Per entry of `changes` in the pass being written: its record and its attribute,
     // looked up in one batch each.
     std::vector<DovelSessionAttribute*> records;
     std::vector<Tessel::Attribute*> attributes;
 
-    Basalt::Mutex eventMutex;
+    mutable Basalt::Mutex eventMutex;
     std::vector<RemoteNode::Event> pendingEvents; // guarded by eventMutex
+    int64_t pendingEventBytes = 0;                // their payloads; guarded by eventMutex
 
     uint32_t newMessageType = NoMessageType;
     uint32_t updateMessageType = NoMessageType;

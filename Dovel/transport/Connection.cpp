@@ -4,4 +4,8 @@ namespace Dovel {
 
 Connection::~Connection() = default;
 
+bool Connection::holdBack(const std::function<void()>&) {
+    return false;
+}
+
 } // namespace Dovel

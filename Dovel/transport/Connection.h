@@ -4,6 +4,7 @@
 
 #include "Dovel/bundle/Bundle.h"
 
+#include <functional>
 #include <vector>
 
 namespace Dovel {
@@ -13,6 +14,10 @@ public:
     virtual ~Connection();
     // Sends one batch; an empty batch sends nothing.
     virtual void send(const std::vector<Bundle>& bundles) = 0;
+    // Whether the next batch should wait because the peer is reading slower than the
+    // session writes. When true, `wake` is called once (on any thread) as soon as the
+    // peer has caught up. Never holds back here.
+    virtual bool holdBack(const std::function<void()>& wake);
 };
 
 } // namespace Dovel

@@ -67,4 +67,12 @@ void Dovel1Connection::send(const std::vector<Bundle>& bundles) {
     target->writeBuffer(parts, WriterKey);
 }
 
+bool Dovel1Connection::holdBack(const std::function<void()>& wake) {
+    const std::shared_ptr<ConnectionThread> target = connection.lock();
+    // Unconnected, batches wait for the next handshake whatever their size.
+    if (!target || !target->isConnected())
+        return false;
+    return target->writerThread()->callWhenDrained(Limits::BackPressureBytes, wake);
+}
+
 } // namespace Dovel

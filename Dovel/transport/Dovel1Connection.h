@@ -3,9 +3,11 @@
 // connection weakly and never keeps it alive. Copyable and movable; send is
 // thread-safe (it only appends to the connection's writer).
 //
-// A peer that stops reading while the session goes on would make the batches pile up
-// in the writer without end: once more than `maxUnsentBytes` wait there, send ends the
-// connection instead (a client then reconnects and starts a fresh session).
+// While more than Limits::BackPressureBytes of batches wait in the writer, holdBack asks
+// the session to fold its changes instead of sending them. A peer that stops reading
+// would still make batches pile up (events, replies to its own batches): once more
+// than `maxUnsentBytes` wait there, send ends the connection instead (a client then
+// reconnects and starts a fresh session).
 #pragma once
 
 #include "Dovel/Limits.h"
@@ -37,6 +39,9 @@ public:
     // does not take bundles. While not connected the batch is buffered and leaves after
     // the next handshake.
     void send(const std::vector<Bundle>& bundles) override;
+    // True while connected and more than Limits::BackPressureBytes wait in the writer;
+    // the writer calls `wake` once it has taken the queue down to that.
+    bool holdBack(const std::function<void()>& wake) override;
 
 private:
     std::weak_ptr<ConnectionThread> connection;

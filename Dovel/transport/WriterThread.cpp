@@ -72,6 +72,15 @@ void WriterThread::removeFromBuffer(const QByteArray& key) {
     condition.wakeAll(mutex);
 }
 
+bool WriterThread::callWhenDrained(int64_t bytes, std::function<void()> callback) {
+    Basalt::Guard guard(mutex);
+    if (bufferedSize <= bytes)
+        return false;
+    drainedBytes = bytes;
+    drained = std::move(callback);
+    return true;
+}
+
 int64_t WriterThread::bufferedDataSize() const {
     Basalt::Guard guard(mutex);
     return bufferedSize;
@@ -181,12 +190,23 @@ void WriterThread::childLoop() {
         Item item = std::move(buffer.front());
         buffer.pop_front();
         bufferedSize -= sizeOf(item.parts);
+        std::function<void()> wake;
+        if (drained && bufferedSize <= drainedBytes)
+            wake.swap(drained);
         mutex.unlock();
+        // Called before the write, so that the producer's next batch is ready by its end.
+        if (wake)
+            wake();
         writeItem(item, pingTime);
         item = Item();
         mutex.lock();
     }
+    // No caught-up moment will come: let a waiting producer look again.
+    std::function<void()> wake;
+    wake.swap(drained);
     mutex.unlock();
+    if (wake)
+        wake();
 }
 
 bool WriterThread::writeItem(const Item& item, Basalt::TimeStamp& pingTime) {

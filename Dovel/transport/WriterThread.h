@@ -53,6 +53,11 @@ public:
     void removeFromBuffer(const QByteArray& key);
     // Bytes of the waiting items (see childLoop for why it may go below zero).
     int64_t bufferedDataSize() const;
+    // Arms `callback` to run once on the writer thread as soon as no more than `bytes`
+    // wait after it took an item (or when the writer ends), replacing one armed before;
+    // false, and nothing armed, when no more than that waits now. Lets a producer hold
+    // its output back while the peer reads slowly.
+    bool callWhenDrained(int64_t bytes, std::function<void()> callback);
 
     // Sets running and starts the thread. Waiting updates are dropped at the start;
     // buffered items are kept.
@@ -86,6 +91,8 @@ private:
     ConnectionThread* const parent;
     std::atomic<bool> running{true};
     int64_t bufferedSize = 0;
+    int64_t drainedBytes = 0;
+    std::function<void()> drained; // armed by callWhenDrained
     double pingInterval = DefaultPingIntervalSeconds;
 };
 

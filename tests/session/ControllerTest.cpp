@@ -39,6 +39,18 @@ struct Recorder : Dovel::Connection {
     std::vector<Bundle> sent;
 };
 
+// A connection whose peer reads slower than the session writes while `behind` is set.
+struct SlowPeer : Recorder {
+    using Recorder::Recorder;
+    bool holdBack(const std::function<void()>& wakeWhenCaughtUp) override {
+        if (behind)
+            wake = wakeWhenCaughtUp;
+        return behind;
+    }
+    bool behind = false;
+    std::function<void()> wake;
+};
+
 // A node that logs its updates.
 struct CountingNode : RemoteNode {
     CountingNode(Log* log) : RemoteNode(nullptr, "counting"), log(log) {}
@@ -223,4 +235,70 @@ TEST(Controller, SetEnabledFalseStopsOutputButNotTasks) {
     controller->update();
     EXPECT_TRUE(ran);
     EXPECT_TRUE(log.empty());
+}
+
+TEST(Controller, WhileThePeerIsBehindChangesAreFoldedAndLeaveOnceWithTheirNewestValues) {
+    using Tessel::AttributeT;
+    constexpr auto L2 = Tessel::Attribute::LayerRemote;
+    RemoteNode source(nullptr, "source");
+    auto* a = new AttributeT<int32_t>();
+    auto* b = new AttributeT<int32_t>();
+    ASSERT_TRUE(source.addDeepAttribute("n/a", a));
+    ASSERT_TRUE(source.addDeepAttribute("n/b", b));
+    auto out = std::make_shared<SlowPeer>(nullptr, "source");
+    auto counters = std::make_shared<Dovel::BundleCounters>();
+    std::atomic<int> wakes{0};
+    BundleControllerParams p = params(out, false);
+    p.wakeUp = [&] { ++wakes; };
+    p.counters = counters;
+    auto sender = BundleController::create(source, p);
+    sender->update();
+    RemoteNode target(nullptr, "target");
+    auto receiver = BundleController::create(target, params(nullptr, false));
+    receiver->process(out->sent);
+    const size_t before = out->sent.size();
+
+    // Enough changes that the held ones are compressed again on the way.
+    out->behind = true;
+    for (int i = 1; i <= 10000; ++i) {
+        a->setValue(i, L2);
+        sender->update();
+    }
+    auto* c = new AttributeT<int32_t>();
+    c->setValue(7, L2);
+    ASSERT_TRUE(source.addDeepAttribute("n/c", c));
+    sender->update();
+    c->setValue(8, L2);
+    delete b;
+    auto* d = new AttributeT<int32_t>(); // added and removed while held: never heard of
+    ASSERT_TRUE(source.addDeepAttribute("n/d", d));
+    sender->update();
+    delete d;
+    sender->update();
+    EXPECT_EQ(out->sent.size(), before);
+    EXPECT_GE(counters->passesHeld.load(), 10003u);
+    ASSERT_TRUE(out->wake);
+
+    out->behind = false;
+    const int wakesBefore = wakes.load();
+    out->wake(); // the writer, once the peer has caught up
+    EXPECT_EQ(wakes.load(), wakesBefore + 1);
+    sender->update();
+    const std::vector<Bundle> released(out->sent.begin() + long(before), out->sent.end());
+    size_t bytes = 0;
+    for (const Bundle& bundle : released)
+        bytes += size_t(bundle.size());
+    // c's name, c announced with its value, one value of a, b's removal: not 10,000
+    // values of a.
+    EXPECT_LT(bytes, 200u);
+
+    receiver->process(released);
+    receiver->update();
+    auto* copyA = dynamic_cast<AttributeT<int32_t>*>(target.attribute("n")->attribute("a"));
+    auto* copyC = dynamic_cast<AttributeT<int32_t>*>(target.attribute("n")->attribute("c"));
+    ASSERT_TRUE(copyA && copyC);
+    EXPECT_EQ(copyA->value(), 10000);
+    EXPECT_EQ(copyC->value(), 8);
+    EXPECT_EQ(target.attribute("n")->attribute("b"), nullptr);
+    EXPECT_EQ(target.attribute("n")->attribute("d"), nullptr);
 }

@@ -5,6 +5,8 @@
 #include "Basalt/BinaryData.h"
 #include "Basalt/Trace.h"
 
+#include <atomic>
+
 using namespace TransportTest;
 
 namespace {
@@ -208,4 +210,33 @@ TEST(Writer, PingGoesOutOnlyWhileIdle) {
 
     client->stop();
     EXPECT_TRUE(client->waitEnd(2000));
+}
+
+TEST(Writer, CallsAnArmedProducerOnceTheQueueHasDrainedToItsMark) {
+    Rig rig;
+    ASSERT_TRUE(rig.open());
+    Dovel::WriterThread& writer = rig.writer();
+    writer.start();
+    // More than the socket's buffers hold: the writer stays inside this item until the
+    // peer reads, and what comes after waits in the queue.
+    const int big = 32 << 20;
+    writer.writeData(QByteArray(big, 'x'), "big");
+    ASSERT_TRUE(waitUntil([&] { return writer.bufferedDataSize() == 0; }));
+    for (char c : {'a', 'b', 'c'})
+        writer.writeData(QByteArray(100, c), QByteArray(1, c));
+
+    std::atomic<int> replaced{0}, calls{0};
+    EXPECT_FALSE(writer.callWhenDrained(300, [&] { ++replaced; })); // no more than that waits
+    EXPECT_TRUE(writer.callWhenDrained(150, [&] { ++replaced; }));
+    EXPECT_TRUE(writer.callWhenDrained(150, [&] { ++calls; }));
+    EXPECT_EQ(calls.load(), 0); // nothing can drain while the peer does not read
+
+    const QByteArray all = rig.peer->readExact(big + 300, 20000);
+    ASSERT_EQ(all.size(), big + 300);
+    EXPECT_EQ(all.right(300), QByteArray(100, 'a') + QByteArray(100, 'b') + QByteArray(100, 'c'));
+    ASSERT_TRUE(waitUntil([&] { return calls.load() == 1; }));
+    writer.writeData(QByteArray("d"), "d");
+    EXPECT_EQ(rig.peer->readExact(1), QByteArray("d"));
+    EXPECT_EQ(calls.load(), 1); // once per arming
+    EXPECT_EQ(replaced.load(), 0);
 }
