@@ -299,6 +299,12 @@ public:
     // Refuse every accepted socket.
     std::atomic<bool> refuse{false};
 
+    // Listens on 127.0.0.1 with an ephemeral port; true once it does.
+    bool runOnLoopback() {
+        run(QStringLiteral("127.0.0.1"), 0);
+        return waitListening(5000);
+    }
+
     int removedCount(const Dovel::ConnectionThread* c) const { return count(removed, c); }
     int connectedCount(const Dovel::ConnectionThread* c) const { return count(connects, c); }
     int disconnectedCount(const Dovel::ConnectionThread* c) const { return count(disconnects, c); }
@@ -355,8 +361,7 @@ struct LoggedIn {
     std::shared_ptr<TestConnection> accepted; // held: the server lets go once it closes
 
     bool start(const QByteArray& versionLine = QByteArrayLiteral("Heliotrope 2.6.1")) {
-        server.run(QStringLiteral("127.0.0.1"), 0);
-        if (!server.waitListening(5000))
+        if (!server.runOnLoopback())
             return false;
         peer = RawPeer::connect(server.port());
         if (!peer || clientLogin(*peer, versionLine) != "ok")
