@@ -216,6 +216,9 @@ TEST(EndToEnd, OneWayAndSlicedEventsArriveOnceAndInOrder) {
         std::lock_guard<std::mutex> lock(mutex);
         return received.size() >= 3;
     }));
+    int unfinished = -1;
+    mirror.driver.call([&] { unfinished = mirror.node.sliceReassemblyCount(); });
+    EXPECT_EQ(unfinished, 0);
     Basalt::BinaryData probe;
     probe.writeInt32(1);
     const QByteArray small = QByteArray::number(probe.size());
