@@ -37,29 +37,17 @@ TEST(BinaryData, ItemsHaveTheDocumentedBytes) {
         {[](BinaryData& b) { b.writeBlob("\xde\xad\xbe", 3); }, hex("06000000 03000000 deadbe")},
         {[](BinaryData& b) { b.writeTimeStamp(Basalt::TimeStamp(0x0102030405060708)); },
          hex("07000000 0807060504030201")},
-        {[](BinaryData& b) {
-             b.writeVector2Float32({1.0f, -2.0f});
-         },
+        {[](BinaryData& b) { b.writeVector2Float32(Quant::Vector2f(1, -2)); },
          hex("08000000 0000803f 000000c0")},
-        {[](BinaryData& b) {
-             b.writeVector2Int32({1, -1});
-         },
+        {[](BinaryData& b) { b.writeVector2Int32(Quant::Vector2i(1, -1)); },
          hex("09000000 01000000 ffffffff")},
-        {[](BinaryData& b) {
-             b.writeVector3Float32({0.0f, 1.0f, 0.5f});
-         },
+        {[](BinaryData& b) { b.writeVector3Float32(Quant::Vector3f(0, 1, 0.5f)); },
          hex("0a000000 00000000 0000803f 0000003f")},
-        {[](BinaryData& b) {
-             b.writeVector3Int32({1, 2, 3});
-         },
+        {[](BinaryData& b) { b.writeVector3Int32(Quant::Vector3i(1, 2, 3)); },
          hex("0b000000 01000000 02000000 03000000")},
-        {[](BinaryData& b) {
-             b.writeVector4Float32({1.0f, 1.0f, 1.0f, 2.0f});
-         },
+        {[](BinaryData& b) { b.writeVector4Float32(Quant::Vector4f(1, 1, 1, 2)); },
          hex("0c000000 0000803f 0000803f 0000803f 00000040")},
-        {[](BinaryData& b) {
-             b.writeVector4Int32({5, 6, 7, -8});
-         },
+        {[](BinaryData& b) { b.writeVector4Int32(Quant::Vector4i(5, 6, 7, -8)); },
          hex("0d000000 05000000 06000000 07000000 f8ffffff")},
     };
     for (const Case& c : cases) {

@@ -4,6 +4,7 @@
 #include "Basalt/StringUtils.h"
 #include "Basalt/TimeStamp.h"
 
+#include "UserDataFolder.h"
 #include "basalt/WaitUtil.h"
 
 #include <gtest/gtest.h>
@@ -57,12 +58,8 @@ TEST(StringUtils, DemanglesTypeNames) {
 }
 
 TEST(PlatformUtils, UserDataFolderFollowsXdg) {
-    const QByteArray saved = qgetenv("XDG_DATA_HOME");
-    const bool wasSet = qEnvironmentVariableIsSet("XDG_DATA_HOME");
-    QTemporaryDir root;
+    UserDataFolder root;
     ASSERT_TRUE(root.isValid());
-
-    qputenv("XDG_DATA_HOME", root.path().toUtf8());
     const QString path = PlatformUtils::getModuleUserDataPath("Brevant", false);
     EXPECT_EQ(path, root.path() + "/Brevant");
     EXPECT_FALSE(QDir(path).exists());
@@ -72,8 +69,6 @@ TEST(PlatformUtils, UserDataFolderFollowsXdg) {
     qunsetenv("XDG_DATA_HOME");
     EXPECT_EQ(PlatformUtils::getModuleUserDataPath("Brevant", false),
               QDir::homePath() + "/.local/share/Brevant");
-    if (wasSet)
-        qputenv("XDG_DATA_HOME", saved);
 
     EXPECT_TRUE(PlatformUtils::openFirewallPortTCP(5000, "Dovel"));
 }

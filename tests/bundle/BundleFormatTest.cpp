@@ -5,25 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <thread>
 
 using namespace Dovel;
 using BundleTest::Bytes;
+using BundleTest::failure;
+using BundleTest::pastEnd;
 
 namespace {
-
-template <typename E, typename F> std::string failure(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    } catch (const std::exception& e) {
-        return std::string("wrong exception type: ") + e.what();
-    }
-    return "no exception";
-}
-
-const char* const pastEnd = "BundleReader::read # tried to read past the end";
 
 // A bundle over exactly these payload bytes (no padding added).
 Bundle withPayload(const QByteArray& payload) {
@@ -89,18 +79,11 @@ TEST(BundleFormat, WriterItemsByteForByte) {
     w.writeUInt64(0x1122334455667788ull);
     w.writeDouble(-2.0);
     w.writeString(QString::fromUtf8("\xC3\xA9")); // é: two UTF-8 bytes
-    EXPECT_EQ(b.packet(), QByteArray(16, '\0') + QByteArray::fromHex("00000000"
-                                                                     "04000000"
-                                                                     "61626364"
-                                                                     "05000000"
-                                                                     "6162636465000000"
-                                                                     "04030201"
-                                                                     "feffffff"
-                                                                     "0000803f"
-                                                                     "8877665544332211"
-                                                                     "00000000000000c0"
-                                                                     "02000000"
-                                                                     "c3a90000"));
+    EXPECT_EQ(b.packet(),
+              QByteArray(16, '\0') +
+                  QByteArray::fromHex(
+                      "00000000 04000000 61626364 05000000 6162636465000000 04030201 feffffff "
+                      "0000803f 8877665544332211 00000000000000c0 02000000 c3a90000"));
 
     Bundle d;
     BundleWriter dw(d);
@@ -128,10 +111,8 @@ TEST(BundleFormat, LengthPrefixedSectionAndWriteDataAt) {
     w.writeString(QStringLiteral("abcde"));
     w.writeUInt32(7);
     w.endSection(start);
-    EXPECT_EQ(b.packet().mid(16), QByteArray::fromHex("10000000"
-                                                      "05000000"
-                                                      "6162636465000000"
-                                                      "07000000"));
+    EXPECT_EQ(b.packet().mid(16),
+              QByteArray::fromHex("10000000 05000000 6162636465000000 07000000"));
 
     const uint32_t size = w.pos();
     EXPECT_EQ(size, 36u);
@@ -185,29 +166,14 @@ TEST(BundleFormat, ReaderBoundRule) {
         EXPECT_EQ(rr.pos(), 20u);
     }
     // A count of 10 with no bytes behind it: the count word is consumed, nothing else.
+    const std::function<void(BundleReader&)> countedReads[] = {
+        [&](BundleReader& rr) { rr.read(out); }, [&](BundleReader& rr) { rr.readBinary(out, 100); },
+        [&](BundleReader& rr) { rr.readString(out, 100); },
+        [&](BundleReader& rr) { rr.readString(text, 100); },
+        [&](BundleReader& rr) { rr.readString(); }};
     for (int op = 0; op < 5; ++op) {
         BundleReader rr = fresh();
-        EXPECT_EQ(failure<std::out_of_range>([&] {
-                      switch (op) {
-                      case 0:
-                          rr.read(out);
-                          break;
-                      case 1:
-                          rr.readBinary(out, 100);
-                          break;
-                      case 2:
-                          rr.readString(out, 100);
-                          break;
-                      case 3:
-                          rr.readString(text, 100);
-                          break;
-                      default:
-                          rr.readString();
-                          break;
-                      }
-                  }),
-                  pastEnd)
-            << "op " << op;
+        EXPECT_EQ(failure<std::out_of_range>([&] { countedReads[op](rr); }), pastEnd) << op;
         EXPECT_EQ(rr.pos(), 20u) << "op " << op;
     }
     EXPECT_EQ(out, QByteArray("untouched"));
@@ -286,11 +252,8 @@ TEST(BundleFormat, ReaderStringsAndLimits) {
         EXPECT_EQ(r.pos(), 40u);
     }
     // Typed words back from hand-written bytes.
-    const Bundle words = withPayload(QByteArray::fromHex("feffffff"
-                                                         "0000803f"
-                                                         "8877665544332211"
-                                                         "00000000000000c0"
-                                                         "0100020003000000"));
+    const Bundle words = withPayload(QByteArray::fromHex(
+        "feffffff 0000803f 8877665544332211 00000000000000c0 0100020003000000"));
     BundleReader r(words);
     EXPECT_EQ(r.readInt32(), -2);
     EXPECT_EQ(r.readFloat(), 1.0f);

@@ -1,6 +1,6 @@
 // Helpers for the bundle tests: an encoder of expected bytes that shares no code with
-// the library (words assembled byte by byte), and small modules that record what they
-// are given.
+// the library (words assembled byte by byte), the text of a refused call, and small
+// modules that record what they are given.
 #pragma once
 
 #include "Dovel/bundle/BundleDispatcher.h"
@@ -15,6 +15,7 @@
 #include <QString>
 
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -47,6 +48,21 @@ public:
 private:
     QByteArray bytes;
 };
+
+// What a reader says when a bundle ends too early.
+constexpr const char* pastEnd = "BundleReader::read # tried to read past the end";
+
+// The message of the E that `f` throws, or a text saying what happened instead.
+template <typename E, typename F> std::string failure(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e.what();
+    } catch (const std::exception& e) {
+        return std::string("wrong exception type: ") + e.what();
+    }
+    return "no exception";
+}
 
 // A whole packet: header words, then the payload.
 inline QByteArray packet(uint32_t type, uint32_t sequence, uint32_t acknowledged,

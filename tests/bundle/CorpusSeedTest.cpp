@@ -1,16 +1,13 @@
 // Seeds for the bundle fuzz target, made by the library's own code. Each seed is a
-// stream of packets as a peer would send them. They are written only when
-// DOVEL_WRITE_CORPUS names a folder (fuzz/corpus/bundle is the one kept in the tree):
+// stream of packets as a peer would send them, well formed except the broken one. Write
+// them with
 //   DOVEL_WRITE_CORPUS=fuzz/corpus/bundle build/bin/test_bundle --gtest_filter='BundleCorpus.*'
-// Otherwise the test only checks that every seed is well formed where it should be.
 #include "BundleTestUtil.h"
+#include "CorpusSeeds.h"
 
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
 #include "Basalt/SymbolRegistry.h"
-
-#include <QDir>
-#include <QFile>
 
 #include <gtest/gtest.h>
 
@@ -70,21 +67,10 @@ std::map<QString, QByteArray> makeSeeds() {
 
     // Payloads that steer the fuzz target's probe modules (bound as types 2 to 5).
     QByteArray probes = stream(Session().pass());
-    probes += packet(3, 2, 0,
-                     Bytes()
-                         .word(0)
-                         .str("binary")
-                         .word(1)
-                         .str("string")
-                         .word(2)
-                         .str("text")
-                         .word(4)
-                         .word(1)
-                         .word(2)
-                         .word(6)
-                         .word(4)
-                         .raw("wxyz")
-                         .data());
+    Bytes probe;
+    probe.word(0).str("binary").word(1).str("string").word(2).str("text");
+    probe.word(4).word(1).word(2).word(6).word(4).raw("wxyz");
+    probes += packet(3, 2, 0, probe.data());
     probes += packet(9, 3, 0, Bytes().word(1).data()); // an unbound type
     seeds["probes"] = probes;
 
@@ -120,13 +106,8 @@ TEST(BundleCorpus, SeedsAreMadeByTheLibrary) {
         EXPECT_EQ(splitsCleanly(seed.second), seed.first != "truncated")
             << seed.first.toStdString();
 
-    const QByteArray folder = qgetenv("DOVEL_WRITE_CORPUS");
-    if (folder.isEmpty())
-        return;
-    ASSERT_TRUE(QDir().mkpath(QString::fromLocal8Bit(folder)));
-    for (const auto& seed : seeds) {
-        QFile file(QDir(QString::fromLocal8Bit(folder)).filePath(seed.first + ".bin"));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        ASSERT_EQ(file.write(seed.second), seed.second.size());
-    }
+    CorpusSeeds::Seeds files;
+    for (const auto& seed : seeds)
+        files.emplace_back(seed.first + ".bin", seed.second);
+    CorpusSeeds::writeOrCompare("bundle", files);
 }

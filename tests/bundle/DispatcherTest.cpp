@@ -133,17 +133,13 @@ TEST(Dispatcher, SequenceGrowsPerBundleAndSymbolPayload) {
     const std::vector<Bundle> out = pass(d);
     ASSERT_EQ(out.size(), 3u);
     EXPECT_EQ(d.outputSequence(), 5u);
-    EXPECT_EQ(out[0].packet().toHex(), QByteArray::fromHex("24000000" // 36 payload bytes
-                                                           "01000000" // symbol registry type
-                                                           "02000000" // sequence
-                                                           "29000000" // acknowledged: 41
-                                                           "07000000"
-                                                           "06000000"
-                                                           "726f6f742f610000" // root/a
-                                                           "09000000"
-                                                           "09000000"
-                                                           "726f6f742f62636465000000") // root/bcde
-                                           .toHex());
+    // 36 payload bytes, symbol registry type, sequence 2, acknowledged 41, then the pairs
+    // 7 "root/a" and 9 "root/bcde".
+    EXPECT_EQ(out[0].packet().toHex(),
+              QByteArray::fromHex("24000000 01000000 02000000 29000000"
+                                  "07000000 06000000 726f6f742f610000"
+                                  "09000000 09000000 726f6f742f62636465000000")
+                  .toHex());
     EXPECT_EQ(out[1].packet(), packet(3, 3, 41, Bytes().word(7).word(1).data()));
     EXPECT_EQ(out[2].packet(), packet(3, 4, 41, Bytes().word(9).word(2).data()));
 }

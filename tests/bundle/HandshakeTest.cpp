@@ -14,13 +14,13 @@
 
 using namespace Dovel;
 using BundleTest::Bytes;
+using BundleTest::failure;
 using BundleTest::packet;
+using BundleTest::pastEnd;
 using BundleTest::RecordingReceiver;
 using BundleTest::TestSender;
 
 namespace {
-
-const char* const pastEnd = "BundleReader::read # tried to read past the end";
 
 void dispatch(BundleDispatcher& d, const QByteArray& bytes) {
     const Bundle b(bytes);
@@ -32,15 +32,6 @@ std::vector<Bundle> pass(BundleDispatcher& d) {
     std::vector<Bundle> out;
     d.writeUpdates(out);
     return out;
-}
-
-template <typename F> std::string outOfRange(F&& f) {
-    try {
-        f();
-    } catch (const std::out_of_range& e) {
-        return e.what();
-    }
-    return "no std::out_of_range";
 }
 
 } // namespace
@@ -61,48 +52,17 @@ TEST(Handshake, FreshSessionFirstOutputPass) {
 
     const std::vector<Bundle> out = pass(d);
     ASSERT_EQ(out.size(), 1u);
-    const QByteArray expected = Bytes()
-                                    // header: payload size, type 0, sequence 1, nothing acked
-                                    .word(376)
-                                    .word(0)
-                                    .word(1)
-                                    .word(0)
-                                    // "info" {"application": "Dovel", "version": "2.6.1"}
-                                    .word(64)
-                                    .str("info")
-                                    .word(2)
-                                    .str("application")
-                                    .str("Dovel")
-                                    .str("version")
-                                    .str("2.6.1")
-                                    // "load-module" number, name, empty map
-                                    .word(56)
-                                    .str("load-module")
-                                    .word(1)
-                                    .str("Quillon.Dovel.SymbolRegistry")
-                                    .word(0)
-                                    .word(56)
-                                    .str("load-module")
-                                    .word(2)
-                                    .str("Quillon.Dovel.AttributeNew")
-                                    .word(0)
-                                    .word(60)
-                                    .str("load-module")
-                                    .word(3)
-                                    .str("Quillon.Dovel.AttributeUpdate")
-                                    .word(0)
-                                    .word(60)
-                                    .str("load-module")
-                                    .word(4)
-                                    .str("Quillon.Dovel.AttributeRemove")
-                                    .word(0)
-                                    .word(56)
-                                    .str("load-module")
-                                    .word(5)
-                                    .str("Quillon.Dovel.OneWayEvent")
-                                    .word(0)
-                                    .data();
-    EXPECT_EQ(out[0].packet().toHex(), expected.toHex());
+    Bytes expected;
+    expected.word(376).word(0).word(1).word(0); // payload size, type 0, sequence 1, nothing acked
+    expected.word(64).str("info").word(2);
+    expected.str("application").str("Dovel").str("version").str("2.6.1");
+    // "load-module" number, name, empty map
+    expected.word(56).str("load-module").word(1).str("Quillon.Dovel.SymbolRegistry").word(0);
+    expected.word(56).str("load-module").word(2).str("Quillon.Dovel.AttributeNew").word(0);
+    expected.word(60).str("load-module").word(3).str("Quillon.Dovel.AttributeUpdate").word(0);
+    expected.word(60).str("load-module").word(4).str("Quillon.Dovel.AttributeRemove").word(0);
+    expected.word(56).str("load-module").word(5).str("Quillon.Dovel.OneWayEvent").word(0);
+    EXPECT_EQ(out[0].packet().toHex(), expected.data().toHex());
     EXPECT_EQ(sender->prepared, 1);
     EXPECT_EQ(d.outputSequence(), 2u);
 
@@ -128,19 +88,10 @@ TEST(Handshake, OkAndErrorRepliesByteForByte) {
     d.loadModule(0, QStringLiteral("Quillon.Dovel.Handshake"), {});
     const std::vector<Bundle> out = pass(d);
     ASSERT_EQ(out.size(), 1u);
-    const QByteArray error =
-        QByteArray::fromHex("4c000000"
-                            "05000000"
-                            "6572726f72000000" // error
-                            "0b000000"
-                            "6c6f61642d6d6f64756c6500" // load-module
-                            "03000000"
-                            "466f6f00" // Foo
-                            "01000000"
-                            "0b000000"
-                            "6465736372697074696f6e00" // description
-                            "10000000"
-                            "4d6f64756c65206e6f7420666f756e64"); // Module not found
+    // error, load-module, Foo, {description: Module not found}
+    const QByteArray error = QByteArray::fromHex(
+        "4c000000 05000000 6572726f72000000 0b000000 6c6f61642d6d6f64756c6500 03000000 466f6f00"
+        "01000000 0b000000 6465736372697074696f6e00 10000000 4d6f64756c65206e6f7420666f756e64");
     const QByteArray ok =
         BundleTest::reply(104, "ok", "Quillon.Dovel.Handshake", "Module reloaded successfully");
     EXPECT_EQ(out[0].packet().toHex(), packet(0, 2, 0, error + ok).toHex());
@@ -153,16 +104,8 @@ TEST(Handshake, OkAndErrorRepliesByteForByte) {
     BundleOutput output(&bundles, &sequence, 4);
     sender.writeUpdates(output);
     ASSERT_EQ(bundles.size(), 1u);
-    const QByteArray okFoo = Bytes()
-                                 .word(60)
-                                 .str("ok")
-                                 .str("load-module")
-                                 .str("Foo")
-                                 .word(1)
-                                 .str("description")
-                                 .str("x")
-                                 .data();
-    EXPECT_EQ(bundles[0].packet().mid(16 + 68), okFoo);
+
+    EXPECT_EQ(bundles[0].packet().mid(16 + 68), BundleTest::reply(60, "ok", "Foo", "x"));
     EXPECT_EQ(bundles[0].headerWord(2), 7u);
     EXPECT_EQ(bundles[0].headerWord(3), 4u);
     sender.writeUpdates(output);
@@ -178,20 +121,11 @@ TEST(Handshake, ReceiverSkipsUnknownCommandsByLength) {
     pass(d);
 
     // Length 17: the name (12 bytes) and 5 bytes of arguments, padded to 8 when skipped.
-    const QByteArray payload = Bytes()
-                                   .word(17)
-                                   .str("hello")
-                                   .word(0xAAAAAAAAu)
-                                   .word(0xBBBBBBBBu)
-                                   .word(72)
-                                   .str("load-module")
-                                   .word(3)
-                                   .str("Quillon.Dovel.AttributeNew")
-                                   .word(1)
-                                   .str("k")
-                                   .str("v")
-                                   .data();
-    dispatch(d, packet(0, 1, 0, payload));
+    Bytes payload;
+    payload.word(17).str("hello").word(0xAAAAAAAAu).word(0xBBBBBBBBu);
+    payload.word(72).str("load-module").word(3).str("Quillon.Dovel.AttributeNew");
+    payload.word(1).str("k").str("v");
+    dispatch(d, packet(0, 1, 0, payload.data()));
     EXPECT_EQ(capture.count("HandshakeReceiver::handleBundle # Unknown command 'hello'",
                             Basalt::Trace::Warning),
               1)
@@ -207,7 +141,8 @@ TEST(Handshake, ReceiverSkipsUnknownCommandsByLength) {
 
     // An unknown command whose name alone overran its declared length.
     capture.clear();
-    EXPECT_EQ(outOfRange([&] { dispatch(d, packet(0, 3, 0, Bytes().word(0).str("x").data())); }),
+    EXPECT_EQ(failure<std::out_of_range>(
+                  [&] { dispatch(d, packet(0, 3, 0, Bytes().word(0).str("x").data())); }),
               "HandshakeReceiver::handleBundle # Corrupted message");
     EXPECT_TRUE(capture.contains("HandshakeReceiver::handleBundle # Unknown command 'x'"));
     EXPECT_EQ(d.lastReceivedSequence(), 2u); // a throwing bundle is not counted
@@ -215,18 +150,12 @@ TEST(Handshake, ReceiverSkipsUnknownCommandsByLength) {
     // A truncated command: what came before it stays in effect.
     auto updates = std::make_shared<RecordingReceiver>(ModuleNames::AttributeUpdate);
     d.addModule(updates);
-    const QByteArray truncated = Bytes()
-                                     .word(60)
-                                     .str("load-module")
-                                     .word(4)
-                                     .str("Quillon.Dovel.AttributeUpdate")
-                                     .word(0)
-                                     .word(60)
-                                     .str("load-module")
-                                     .word(5)
-                                     .word(100) // a name of 100 bytes that is not there
-                                     .data();
-    EXPECT_EQ(outOfRange([&] { dispatch(d, packet(0, 4, 0, truncated)); }), pastEnd);
+    Bytes truncated;
+    truncated.word(60).str("load-module").word(4).str("Quillon.Dovel.AttributeUpdate").word(0);
+    // a name of 100 bytes that is not there
+    truncated.word(60).str("load-module").word(5).word(100);
+    EXPECT_EQ(failure<std::out_of_range>([&] { dispatch(d, packet(0, 4, 0, truncated.data())); }),
+              pastEnd);
     EXPECT_EQ(updates->loadedParams.size(), 1u);
     out = pass(d);
     ASSERT_EQ(out.size(), 1u);
@@ -238,42 +167,16 @@ TEST(Handshake, ReceiverLogsErrorsAndDiscardsOkAndInfo) {
     Basalt::TraceCapture capture;
     BundleDispatcher d;
     pass(d);
-    const QByteArray payload = Bytes()
-                                   .word(100)
-                                   .str("error")
-                                   .str("load-module")
-                                   .str("Quillon.Dovel.AttributeNew")
-                                   .word(1)
-                                   .str("description")
-                                   .str("Module not found")
-                                   // an error whose map comes out of key order, a key twice
-                                   .word(88)
-                                   .str("error")
-                                   .str("load-module")
-                                   .str("M")
-                                   .word(3)
-                                   .str("b")
-                                   .str("2")
-                                   .str("a")
-                                   .str("1")
-                                   .str("a")
-                                   .str("3")
-                                   .word(60)
-                                   .str("ok")
-                                   .str("load-module")
-                                   .str("M")
-                                   .word(1)
-                                   .str("description")
-                                   .str("y")
-                                   .word(64)
-                                   .str("info")
-                                   .word(2)
-                                   .str("application")
-                                   .str("Dovel")
-                                   .str("version")
-                                   .str("2.6.1")
-                                   .data();
-    dispatch(d, packet(0, 1, 0, payload));
+    Bytes payload;
+    payload.word(100).str("error").str("load-module").str("Quillon.Dovel.AttributeNew").word(1);
+    payload.str("description").str("Module not found");
+    // an error whose map comes out of key order, a key twice
+    payload.word(88).str("error").str("load-module").str("M").word(3);
+    payload.str("b").str("2").str("a").str("1").str("a").str("3");
+    payload.word(60).str("ok").str("load-module").str("M").word(1).str("description").str("y");
+    payload.word(64).str("info").word(2);
+    payload.str("application").str("Dovel").str("version").str("2.6.1");
+    dispatch(d, packet(0, 1, 0, payload.data()));
     const QList<Basalt::TraceLine> lines = capture.lines();
     ASSERT_EQ(lines.size(), 2) << capture.dump().toStdString();
     EXPECT_EQ(lines[0].level, Basalt::Trace::Error);
@@ -294,18 +197,12 @@ TEST(Handshake, SymbolRegistryReceiverDefinesPairsUntilTruncation) {
     Basalt::SymbolRegistry registry;
     SymbolRegistryReceiver receiver(registry);
     EXPECT_EQ(receiver.name(), QByteArray("Quillon.Dovel.SymbolRegistry"));
-    const Bundle b(packet(1, 1, 0,
-                          Bytes()
-                              .word(7)
-                              .str("root/a")
-                              .word(9)
-                              .str("") // the root path itself
-                              .word(11)
-                              .word(10)
-                              .raw("abc") // 3 of the 10 bytes announced
-                              .data()));
+    Bytes symbols;
+    symbols.word(7).str("root/a").word(9).str(""); // the root path itself
+    symbols.word(11).word(10).raw("abc");          // 3 of the 10 bytes announced
+    const Bundle b(packet(1, 1, 0, symbols.data()));
     BundleReader reader(b);
-    EXPECT_EQ(outOfRange([&] { receiver.handleBundle(reader); }), pastEnd);
+    EXPECT_EQ(failure<std::out_of_range>([&] { receiver.handleBundle(reader); }), pastEnd);
     EXPECT_EQ(registry.lookup(7u), QByteArray("root/a"));
     EXPECT_EQ(registry.lookup(QByteArray("root/a")), 7u);
     EXPECT_FALSE(registry.lookup(9u).isNull());

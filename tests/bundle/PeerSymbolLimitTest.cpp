@@ -20,42 +20,21 @@ using BundleTest::packet;
 TEST(PeerSymbolLimit, NewSymbolsBeyondTheLimitAreRefused) {
     Basalt::SymbolRegistry registry;
     SymbolRegistryReceiver receiver(registry, 3);
-    const Bundle first(packet(1, 1, 0,
-                              Bytes()
-                                  .word(1)
-                                  .str("a")
-                                  .word(2)
-                                  .str("b")
-                                  .word(3)
-                                  .str("c")
-                                  .word(4)
-                                  .str("d") // one too many
-                                  .word(5)
-                                  .str("e")
-                                  .data()));
+    Bytes symbols; // the fourth pair is one too many
+    symbols.word(1).str("a").word(2).str("b").word(3).str("c").word(4).str("d").word(5).str("e");
+    const Bundle first(packet(1, 1, 0, symbols.data()));
     BundleReader reader(first);
-    std::string message;
-    try {
-        receiver.handleBundle(reader);
-    } catch (const std::invalid_argument& refused) {
-        message = refused.what();
-    }
-    EXPECT_EQ(message, "SymbolRegistryReceiver::handleBundle # the peer defined more than 3 "
-                       "symbols; refusing 'd' (4)");
+    EXPECT_EQ(BundleTest::failure<std::invalid_argument>([&] { receiver.handleBundle(reader); }),
+              "SymbolRegistryReceiver::handleBundle # the peer defined more than 3 "
+              "symbols; refusing 'd' (4)");
     EXPECT_EQ(registry.size(), 3);
     EXPECT_EQ(registry.lookup(3u), QByteArray("c"));
     EXPECT_TRUE(registry.lookup(4u).isNull());
 
     // At the limit, repeating or rebinding a known name or symbol changes no count.
-    const Bundle second(packet(1, 2, 0,
-                               Bytes()
-                                   .word(1)
-                                   .str("a") // the same pair again
-                                   .word(7)
-                                   .str("b") // a known name, a new symbol
-                                   .word(3)
-                                   .str("z") // a known symbol, a new name
-                                   .data()));
+    // The same pair again, a known name with a new symbol, a known symbol with a new name.
+    const Bundle second(
+        packet(1, 2, 0, Bytes().word(1).str("a").word(7).str("b").word(3).str("z").data()));
     BundleReader again(second);
     EXPECT_NO_THROW(receiver.handleBundle(again));
     EXPECT_EQ(registry.size(), 3);

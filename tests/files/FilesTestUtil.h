@@ -8,6 +8,7 @@
 #include "Dovel/files/FolderPullConnection.h"
 #include "Dovel/files/FolderServer.h"
 
+#include "TestFiles.h"
 #include "basalt/WaitUtil.h"
 #include "transport/TransportTestUtil.h"
 
@@ -25,6 +26,9 @@
 namespace FilesTest {
 
 using BasaltTest::waitUntil;
+using TestFiles::readFile;
+using TestFiles::writeFile;
+using TransportTest::nextLine;
 using TransportTest::RawPeer;
 
 // Bytes that differ from position to position and from seed to seed.
@@ -36,18 +40,6 @@ inline QByteArray patternBytes(int size, int seed) {
         bytes[i] = static_cast<char>(x >> 24);
     }
     return bytes;
-}
-
-inline bool writeFile(const QString& path, const QByteArray& bytes) {
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
-           file.write(bytes) == bytes.size();
-}
-
-inline QByteArray readFile(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 // Every file below `root` (links not followed), by name relative to the root.
@@ -99,15 +91,6 @@ inline Dovel::FolderPullConnection::Result pull(const QString& folder, int port,
     const Dovel::FolderPullConnection::Result result = connection->result();
     connection->shutdown();
     return result;
-}
-
-// The next line from a peer that is not a keep-alive ping.
-inline QByteArray nextLine(RawPeer& peer, int ms = 5000) {
-    for (;;) {
-        const QByteArray line = peer.readLine(ms);
-        if (!line.startsWith("ping"))
-            return line;
-    }
 }
 
 // The binary block of a map whose header line was just read: its int32 length item,

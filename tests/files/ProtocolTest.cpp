@@ -57,20 +57,11 @@ TEST(FileProtocol, ServerSendsListDescriptionsAndPartsExactly) {
     // The list: a map header line and its binary block (int32 length item counting
     // itself, then key and value string items), then the closing line.
     const QByteArray expected = QByteArray("filelist 2\n") +
-                                QByteArray::fromHex("01000000"
-                                                    "78000000") +
-                                QByteArray::fromHex("05000000"
-                                                    "06000000") +
-                                "/a.txt" +
-                                QByteArray::fromHex("05000000"
-                                                    "22000000") +
-                                "3 " + AbcMd5 +
-                                QByteArray::fromHex("05000000"
-                                                    "06000000") +
-                                "/empty" +
-                                QByteArray::fromHex("05000000"
-                                                    "22000000") +
-                                "0 " + EmptyMd5;
+                                QByteArray::fromHex("01000000 78000000") +
+                                QByteArray::fromHex("05000000 06000000") + "/a.txt" +
+                                QByteArray::fromHex("05000000 22000000") + "3 " + AbcMd5 +
+                                QByteArray::fromHex("05000000 06000000") + "/empty" +
+                                QByteArray::fromHex("05000000 22000000") + "0 " + EmptyMd5;
     EXPECT_EQ(peer->readExact(expected.size()).toHex(), expected.toHex());
     EXPECT_EQ(nextLine(*peer), QByteArray("filelistend 2"));
 
@@ -363,9 +354,7 @@ TEST(FileProtocol, UploadPausesWhileThirtyTwoMiBAreUnsent) {
     // Reading resumes it: every part arrives, in order, byte-identical.
     QByteArray received;
     for (int part = 1; received.size() < size; ++part) {
-        QByteArray line = peer->readLine(10000);
-        while (line.startsWith("ping"))
-            line = peer->readLine(10000);
+        const QByteArray line = nextLine(*peer, 10000);
         const int count = std::min(65536, size - received.size());
         ASSERT_EQ(line, QByteArray("filepart \"/large.bin\" ") + QByteArray::number(count) + " " +
                             QByteArray::number(part));

@@ -32,13 +32,8 @@ TEST(LargeTree, AClientConvergesOnAHundredThousandAttributes) {
     client.connectToHost("127.0.0.1", server.port());
 
     // Cheap progress check first, the full comparison once the counts agree.
-    auto count = [&] {
-        int n = 0;
-        mirror.driver.call(
-            [&] { Dovel::walkAttributes(mirror.node, [&](Tessel::Attribute&) { ++n; }, {}); });
-        return n;
-    };
-    ASSERT_TRUE(waitUntil([&] { return count() == AttributeCount; }, 60000)) << count();
+    ASSERT_TRUE(waitUntil([&] { return attributeCount(mirror) == AttributeCount; }, 60000))
+        << attributeCount(mirror);
     ASSERT_TRUE(waitSame(master, mirror, 30000));
     const QByteArray last = "group" + QByteArray::number((AttributeCount - 1) / 1000) + "/value" +
                             QByteArray::number(AttributeCount - 1);

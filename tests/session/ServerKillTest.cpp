@@ -6,6 +6,7 @@
 
 #include "Dovel/session/SessionClient.h"
 
+#include "TestFiles.h"
 #include "ToolProcess.h"
 
 #include <QTemporaryDir>
@@ -23,11 +24,8 @@ TEST(ServerKill, ClientsReconnectToTheRestartedServerAndNothingIsLost) {
     QTemporaryDir folder;
     ASSERT_TRUE(folder.isValid());
     const QString treeFile = folder.path() + "/tree.json";
-    {
-        QFile file(treeFile);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(R"({"scene": {"light": {"power": 2.5, "name": "key"}, "frame": 7}})");
-    }
+    ASSERT_TRUE(TestFiles::writeFile(
+        treeFile, R"({"scene": {"light": {"power": 2.5, "name": "key"}, "frame": 7}})"));
     DovelTool tool;
     QProcess server;
     const QString address =

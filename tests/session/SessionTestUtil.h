@@ -107,6 +107,15 @@ inline bool hasPath(Side& side, const QByteArray& path) {
     return snapshot(side).contains(path);
 }
 
+// How many value attributes the tree holds, counted by a walk (which, unlike a
+// snapshot, would see a path twice).
+inline int attributeCount(Side& side) {
+    int n = 0;
+    side.driver.call(
+        [&] { Dovel::walkAttributes(side.node, [&](Tessel::Attribute&) { ++n; }, {}); });
+    return n;
+}
+
 using TypeSamples::allCodes;
 using TypeSamples::fill;
 

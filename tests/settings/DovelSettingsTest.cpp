@@ -2,33 +2,14 @@
 // the two groups without either seeing the other's keys.
 #include "Dovel/settings/DovelSettings.h"
 
+#include "UserDataFolder.h"
+
 #include <QFileInfo>
 #include <QSettings>
-#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
 namespace {
-
-// Points the user data folder at a temporary directory for one test.
-class UserDataFolder {
-public:
-    UserDataFolder() : previous(qgetenv("XDG_DATA_HOME")) {
-        qputenv("XDG_DATA_HOME", dir.path().toUtf8());
-    }
-    ~UserDataFolder() {
-        if (previous.isNull())
-            qunsetenv("XDG_DATA_HOME");
-        else
-            qputenv("XDG_DATA_HOME", previous);
-    }
-    QString path() const { return dir.path(); }
-    bool isValid() const { return dir.isValid(); }
-
-private:
-    QTemporaryDir dir;
-    QByteArray previous;
-};
 
 TEST(DovelSettings, BothGroupsShareOneFileWithoutSeeingEachOther) {
     UserDataFolder folder;

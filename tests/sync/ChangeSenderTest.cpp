@@ -84,19 +84,9 @@ TEST(ChangeSender, WritesSymbolsThenRunsOfEqualKindByteForByte) {
     EXPECT_EQ(out[0].messageType(), 0u);
     EXPECT_EQ(out[1].packet(), packet(SymbolsType, 2, 0,
                                       Bytes().word(symA).str("n/a").word(symB).str("n/b").data()));
-    EXPECT_EQ(out[2].packet(), packet(NewType, 3, 0,
-                                      Bytes()
-                                          .word(symA)
-                                          .word(9)
-                                          .word(4)
-                                          .word(1)
-                                          .word(7)
-                                          .word(symB)
-                                          .word(35)
-                                          .word(0)
-                                          .word(1)
-                                          .str("hi")
-                                          .data()));
+    Bytes news; // symbol, type code, value size, value count, value
+    news.word(symA).word(9).word(4).word(1).word(7).word(symB).word(35).word(0).word(1).str("hi");
+    EXPECT_EQ(out[2].packet(), packet(NewType, 3, 0, news.data()));
 
     // One period: change, change, removal, change. Runs of one kind share a bundle.
     auto* c = new AttributeT<float>(nullptr, "", 1.0f);

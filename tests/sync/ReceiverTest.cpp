@@ -102,22 +102,10 @@ TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
               Bytes().word(500).str("fresh/v").word(501).str("note").word(502).str("p/z/deeper"));
 
     // AttributeNew: the unknown entry is skipped with its value (a string here).
-    p.toRight(NewType, Bytes()
-                           .word(9999)
-                           .word(35)
-                           .word(0)
-                           .word(1)
-                           .str("lost")
-                           .word(500)
-                           .word(9)
-                           .word(4)
-                           .word(1)
-                           .word(6)
-                           .word(502)
-                           .word(9)
-                           .word(4)
-                           .word(1)
-                           .word(8));
+    Bytes news; // symbol, type code, value size, value count, value
+    news.word(9999).word(35).word(0).word(1).str("lost");
+    news.word(500).word(9).word(4).word(1).word(6).word(502).word(9).word(4).word(1).word(8);
+    p.toRight(NewType, news);
     EXPECT_TRUE(log.contains("NewAttributeReceiver::handleBundle # Unknown symbol 9999 at message "
                              "index 1. Will ignore the bundle"));
     ASSERT_TRUE(p.rightAt("fresh/v"));

@@ -148,20 +148,10 @@ TEST(RemoteNode, BadSlicesAreLoggedAndPeerSizesBounded) {
     RemoteNode node(nullptr, "r");
     Basalt::TraceCapture capture;
     auto slice = [](int32_t id, int32_t index, int bytes) {
-        BinaryData data;
-        data.writeInt32(id);
-        data.writeInt32(index);
-        QByteArray blob(bytes, 'x');
-        data.writeBlob(blob.constData(), bytes);
-        return data;
+        return SyncTest::slicePart(id, index, QByteArray(bytes, 'x'));
     };
     auto begin = [](int32_t id, int32_t sliceSize, int64_t total) {
-        BinaryData data;
-        data.writeInt32(id);
-        data.write(QByteArray("ev"));
-        data.writeInt32(sliceSize);
-        data.writeInt64(total);
-        return data;
+        return SyncTest::sliceBegin(id, "ev", sliceSize, total);
     };
 
     BinaryData unknown = slice(999, 0, 4);

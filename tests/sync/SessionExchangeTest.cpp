@@ -1,12 +1,12 @@
 // Two sessions back to back: a tree of every type mirrored, creation of missing
 // attributes on and off, echo suppression, conflicting values at the start of a
-// session, local-only paths, and events.
+// session, and local-only paths. (Events, sliced ones too, are sent over a real
+// session in tests/session.)
 #include "SessionPair.h"
 #include "TypeSamples.h"
 
 #include "Dovel/types/MetaTypes.h"
 
-#include "Basalt/BinaryData.h"
 #include "Basalt/Trace.h"
 #include "Tessel/AttributeEnum.h"
 #include "Tessel/AttributeT.h"
@@ -220,45 +220,4 @@ TEST(SessionExchange, IdAttributesStayLocal) {
     EXPECT_EQ(right.attribute("obj")->attribute("name")->asString(), "box");
     EXPECT_EQ(a.storage.findByPath("obj/id"), nullptr);
     EXPECT_EQ(b.storage.findByPath("obj/id"), nullptr);
-}
-
-TEST(SessionExchange, EventsArriveOnceAndInOrderIncludingASlicedOne) {
-    RemoteNode left(nullptr, "left");
-    RemoteNode right(nullptr, "right");
-    Session a(left, true, true);
-    Session b(right, false, true);
-    pump(a, b);
-
-    std::vector<QByteArray> received;
-    for (const char* name : {"first", "second", "big"}) {
-        right.eventAddListenerBd(
-            name,
-            [&received, name](Basalt::BinaryData& data) {
-                received.push_back(QByteArray(name) + ":" + QByteArray::number(data.size()));
-                if (QByteArray(name) == "big") {
-                    const QByteArray bytes(data.constData(), data.size());
-                    for (int i = 0; i < bytes.size(); i += 4099)
-                        ASSERT_EQ(bytes[i], char(i * 7)) << "at " << i;
-                }
-            },
-            Node::Direct);
-    }
-    Basalt::BinaryData first;
-    first.writeInt32(1);
-    left.eventProcess("first", first);
-    QByteArray big(1 << 20, '\0');
-    for (int i = 0; i < big.size(); ++i)
-        big[i] = char(i * 7);
-    Basalt::BinaryData bigData = Basalt::BinaryData::fromByteArray(big);
-    left.eventProcessSlice("big", bigData, 64 * 1024);
-    Basalt::BinaryData second;
-    second.writeInt32(2);
-    left.eventProcess("second", second);
-    pump(a, b);
-
-    ASSERT_EQ(received.size(), 3u);
-    EXPECT_EQ(received[0], QByteArray("first:") + QByteArray::number(first.size()));
-    EXPECT_EQ(received[1], "big:1048576");
-    EXPECT_EQ(received[2], QByteArray("second:") + QByteArray::number(second.size()));
-    EXPECT_EQ(right.sliceReassemblyCount(), 0);
 }

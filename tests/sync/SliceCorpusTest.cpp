@@ -3,6 +3,7 @@
 // reassemblies: the oldest make room for the newest. Write the seeds with
 //   DOVEL_WRITE_CORPUS=fuzz/corpus/slices build/bin/test_sync --gtest_filter='SliceCorpus.*'
 #include "CorpusSeeds.h"
+#include "SyncTestUtil.h"
 
 #include "Dovel/Limits.h"
 #include "Dovel/sync/RemoteNode.h"
@@ -153,18 +154,12 @@ TEST(SliceCorpus, UnfinishedEventsMakeRoomOldestFirst) {
         Tessel::Node::Direct);
     Basalt::TraceCapture trace;
     auto begin = [&](int32_t id, int64_t total) {
-        BinaryData data;
-        data.writeInt32(id);
-        data.write(QByteArray("ev"));
-        data.writeInt32(int32_t(std::min<int64_t>(total, 1 << 20)));
-        data.writeInt64(total);
+        BinaryData data =
+            SyncTest::sliceBegin(id, "ev", int32_t(std::min<int64_t>(total, 1 << 20)), total);
         node.handleRemoteEvent("event-slice-begin", data, 1);
     };
     auto slice = [&](int32_t id, int32_t index, const QByteArray& bytes) {
-        BinaryData data;
-        data.writeInt32(id);
-        data.writeInt32(index);
-        data.writeBlob(bytes.constData(), bytes.size());
+        BinaryData data = SyncTest::slicePart(id, index, bytes);
         node.handleRemoteEvent("event-slice", data, 1);
     };
 
@@ -189,21 +184,14 @@ TEST(SliceCorpus, UnfinishedEventsMakeRoomOldestFirst) {
     RemoteNode fresh(nullptr, "f");
     trace.clear();
     auto beginBig = [&](int32_t id, int32_t sliceSize, int64_t total) {
-        BinaryData data;
-        data.writeInt32(id);
-        data.write(QByteArray("big"));
-        data.writeInt32(sliceSize);
-        data.writeInt64(total);
+        BinaryData data = SyncTest::sliceBegin(id, "big", sliceSize, total);
         fresh.handleRemoteEvent("event-slice-begin", data, 1);
     };
     for (int id = 0; id < 3; ++id)
         beginBig(id, 1 << 20, 48 << 20);
     EXPECT_EQ(fresh.sliceReassemblyCount(), 2);
     EXPECT_EQ(trace.count("evicted unfinished 'big'"), 1);
-    BinaryData late;
-    late.writeInt32(0);
-    late.writeInt32(0);
-    late.writeBlob("x", 1);
+    BinaryData late = SyncTest::slicePart(0, 0, "x");
     fresh.handleRemoteEvent("event-slice", late, 1);
     EXPECT_EQ(trace.count("Unknown event-slice 0"), 1);
 

@@ -1,8 +1,10 @@
-// Shared helpers of the synchronisation tests: a recorder of watcher events and short
-// names for event values.
+// Shared helpers of the synchronisation tests: a recorder of watcher events, short
+// names for event values, and the payloads of a received sliced event.
 #pragma once
 
 #include "Dovel/sync/NodeWatcher.h"
+
+#include "Basalt/BinaryData.h"
 
 #include <QByteArray>
 
@@ -38,5 +40,25 @@ struct Recorder {
         return out;
     }
 };
+
+// What a peer sends to begin a sliced event: id, event name, slice size, total bytes.
+inline Basalt::BinaryData sliceBegin(int32_t id, const QByteArray& name, int32_t sliceSize,
+                                     int64_t total) {
+    Basalt::BinaryData data;
+    data.writeInt32(id);
+    data.write(name);
+    data.writeInt32(sliceSize);
+    data.writeInt64(total);
+    return data;
+}
+
+// One slice of a sliced event: id, slice index, the bytes as a blob.
+inline Basalt::BinaryData slicePart(int32_t id, int32_t index, const QByteArray& bytes) {
+    Basalt::BinaryData data;
+    data.writeInt32(id);
+    data.writeInt32(index);
+    data.writeBlob(bytes.constData(), bytes.size());
+    return data;
+}
 
 } // namespace SyncTest

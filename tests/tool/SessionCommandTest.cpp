@@ -3,8 +3,10 @@
 // folders. Skipped when the dovel tool has not been built next to the test.
 #include "TreeJsonTestUtil.h"
 
+#include "TestFiles.h"
 #include "ToolProcess.h"
 #include "dovel/TreeJson.h"
+#include "transport/TransportTestUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -13,44 +15,14 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 namespace {
 
 using namespace ToolTest;
-
-bool writeFile(const QString& path, const QByteArray& bytes) {
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-}
-
-QByteArray readFile(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
+using TestFiles::readFile;
+using TestFiles::writeFile;
 
 QJsonObject object(const QByteArray& json) {
     return QJsonDocument::fromJson(json).object();
-}
-
-// A loopback port that nothing listens on: the system picks a free one, which is then
-// closed again.
-int closedPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
-    socklen_t length = sizeof(address);
-    int port = 0;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-        port = ntohs(address.sin_port);
-    ::close(fd);
-    return port;
 }
 
 const QByteArray SceneJson = R"({
@@ -210,7 +182,7 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
     ToolTest::DovelTool tool;
 
     // Nobody listens: exit 1 after the time-out, with the reason.
-    const QString refused = QStringLiteral("127.0.0.1:%1").arg(closedPort());
+    const QString refused = QStringLiteral("127.0.0.1:%1").arg(TransportTest::unusedPort());
     for (const QStringList& args : {QStringList{"dump", refused, "--timeout", "0.5"},
                                     QStringList{"set", refused, "a=1", "--timeout=0.5"}}) {
         ToolRun run = tool.run(args);

@@ -1,15 +1,11 @@
 // Seeds for the tree-file fuzz target, written by the tool's own dumper where they are
-// dumps. They are written only when DOVEL_WRITE_CORPUS names a folder
-// (fuzz/corpus/treejson is the one kept in the tree):
+// dumps: the good seeds load and reload to the same dump, the broken ones are refused
+// with a reason, and each equals its file in fuzz/corpus/treejson. Write them with
 //   DOVEL_WRITE_CORPUS=fuzz/corpus/treejson build/bin/test_tool --gtest_filter='TreeJsonCorpus.*'
-// Otherwise the test checks that the good seeds load and reload to the same dump, and
-// that the broken ones are refused with a reason.
+#include "CorpusSeeds.h"
 #include "TreeJsonTestUtil.h"
 
 #include "dovel/TreeJson.h"
-
-#include <QDir>
-#include <QFile>
 
 #include <gtest/gtest.h>
 
@@ -83,13 +79,8 @@ TEST(TreeJsonCorpus, SeedsAreMadeByTheTool) {
         EXPECT_EQ(leaves(again), leaves(root)) << seed.first.toStdString();
     }
 
-    const QByteArray folder = qgetenv("DOVEL_WRITE_CORPUS");
-    if (folder.isEmpty())
-        return;
-    ASSERT_TRUE(QDir().mkpath(QString::fromLocal8Bit(folder)));
-    for (const auto& seed : seeds) {
-        QFile file(QDir(QString::fromLocal8Bit(folder)).filePath(seed.first));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        ASSERT_EQ(file.write(seed.second.bytes), seed.second.bytes.size());
-    }
+    CorpusSeeds::Seeds files;
+    for (const auto& seed : seeds)
+        files.emplace_back(seed.first, seed.second.bytes);
+    CorpusSeeds::writeOrCompare("treejson", files);
 }

@@ -30,10 +30,7 @@ void flood(RawPeer& peer, const QByteArray& bytes) {
 
 struct Server {
     TestServer server;
-    bool start() {
-        server.run(QStringLiteral("127.0.0.1"), 0);
-        return server.waitListening(5000);
-    }
+    bool start() { return server.runOnLoopback(); }
     // A peer that has logged in as a current client.
     std::unique_ptr<RawPeer> loggedIn() {
         auto peer = RawPeer::connect(server.port());

@@ -16,8 +16,7 @@ QStringList linesOf(const std::shared_ptr<TestConnection>& c) {
 
 TEST(Handshake, ClientAndServerExchangeLinesAfterLogin) {
     TestServer server;
-    server.run(QStringLiteral("127.0.0.1"), 0);
-    ASSERT_TRUE(server.waitListening(5000));
+    ASSERT_TRUE(server.runOnLoopback());
     ASSERT_NE(server.port(), 0);
 
     auto client = std::make_shared<TestConnection>(nullptr, false);
@@ -60,8 +59,7 @@ TEST(Handshake, ClientAndServerExchangeLinesAfterLogin) {
 
 TEST(Handshake, OldClientWithoutVersionLineGetsTextMaps) {
     TestServer server;
-    server.run(QStringLiteral("127.0.0.1"), 0);
-    ASSERT_TRUE(server.waitListening(5000));
+    ASSERT_TRUE(server.runOnLoopback());
 
     auto peer = RawPeer::connect(server.port());
     ASSERT_TRUE(peer);
@@ -136,8 +134,7 @@ TEST(Handshake, GreetingOfMajorVersion3IsRefused) {
 TEST(Handshake, ServerAnswersWrongLogin) {
     Basalt::TraceCapture trace;
     TestServer server;
-    server.run(QStringLiteral("127.0.0.1"), 0);
-    ASSERT_TRUE(server.waitListening(5000));
+    ASSERT_TRUE(server.runOnLoopback());
 
     struct Case {
         const char* what;
@@ -168,8 +165,7 @@ TEST(Handshake, ServerAnswersWrongLogin) {
 TEST(Handshake, ApplicationLoginKeyIsUsedByBothEnds) {
     Dovel::ConnectionThread::setLoginKey("OtherKey99");
     TestServer server;
-    server.run(QStringLiteral("127.0.0.1"), 0);
-    ASSERT_TRUE(server.waitListening(5000));
+    ASSERT_TRUE(server.runOnLoopback());
 
     auto peer = RawPeer::connect(server.port());
     ASSERT_TRUE(peer);

@@ -20,47 +20,12 @@ const Map sample() {
 // line, then an int32 item holding the block's size (66, itself included), then each
 // key and value as a string item (tag 5, u32 byte count, UTF-8 bytes), in key order.
 QByteArray sampleBinary() {
-    return QByteArray("map 3\n") + QByteArray::fromHex("01000000"
-                                                       "42000000"
-                                                       "05000000"
-                                                       "03000000"
-                                                       "617070" // app
-                                                       "05000000"
-                                                       "01000000"
-                                                       "78" // x
-                                                       "05000000"
-                                                       "01000000"
-                                                       "76" // v
-                                                       "05000000"
-                                                       "03000000"
-                                                       "322e36" // 2.6
-                                                       "05000000"
-                                                       "02000000"
-                                                       "c3a9" // é
-                                                       "05000000"
-                                                       "00000000");
+    return QByteArray("map 3\n") +
+           QByteArray::fromHex("01000000 42000000"
+                               "05000000 03000000 617070 05000000 01000000 78" // app x
+                               "05000000 01000000 76 05000000 03000000 322e36" // v 2.6
+                               "05000000 02000000 c3a9 05000000 00000000");    // é
 }
-
-// A server connection that finished the login with a hand-played client announcing
-// `versionLine` (none: an old client).
-struct LoggedIn {
-    TestServer server;
-    std::unique_ptr<RawPeer> peer;
-    std::shared_ptr<TestConnection> accepted;
-
-    bool start(const QByteArray& versionLine) {
-        server.run(QStringLiteral("127.0.0.1"), 0);
-        if (!server.waitListening(5000))
-            return false;
-        peer = RawPeer::connect(server.port());
-        if (!peer || clientLogin(*peer, versionLine) != "ok")
-            return false;
-        if (!waitUntil([&] { return server.first() && server.first()->isConnected(); }))
-            return false;
-        accepted = server.first();
-        return peer->readLine() == "ping initialized";
-    }
-};
 
 } // namespace
 
@@ -94,9 +59,8 @@ TEST(Maps, ReadMapFromBinaryPeer) {
     link.peer->send(QByteArray("map 0\n") + QByteArray::fromHex("0100000008000000"));
     // A block that holds fewer entries than announced: logged, and the stream stays
     // framed, so the next line is read normally.
-    link.peer->send(QByteArray("map 2\n") + QByteArray::fromHex("010000001a000000"
-                                                                "050000000100000061" // a
-                                                                "050000000100000062" /* b */));
+    link.peer->send(QByteArray("map 2\n") + // a b
+                    QByteArray::fromHex("010000001a000000 050000000100000061 050000000100000062"));
     link.peer->send("after\n");
 
     ASSERT_TRUE(waitUntil([&] { return link.accepted->lines().size() == 1; }));

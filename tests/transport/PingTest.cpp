@@ -7,15 +7,10 @@
 using namespace TransportTest;
 
 TEST(Ping, AnsweredWithPongCarryingTheSameBytes) {
-    TestServer server;
-    server.run(QStringLiteral("127.0.0.1"), 0);
-    ASSERT_TRUE(server.waitListening(5000));
-    auto peer = RawPeer::connect(server.port());
-    ASSERT_TRUE(peer);
-    ASSERT_EQ(clientLogin(*peer), QByteArray("ok"));
-    ASSERT_EQ(peer->readLine(), QByteArray("ping initialized"));
-    ASSERT_TRUE(waitUntil([&] { return server.first() && server.first()->isConnected(); }));
-    const std::shared_ptr<TestConnection> accepted = server.first();
+    LoggedIn link;
+    ASSERT_TRUE(link.start());
+    RawPeer* peer = link.peer.get();
+    const std::shared_ptr<TestConnection> accepted = link.accepted;
     EXPECT_FALSE(accepted->isPingSupported()); // the peer has not answered yet
 
     peer->send("ping\n");

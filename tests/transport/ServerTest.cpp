@@ -8,8 +8,7 @@ using namespace TransportTest;
 
 TEST(Server, RunTwiceChangesNothing) {
     TestServer server;
-    server.run(QStringLiteral("127.0.0.1"), 0);
-    ASSERT_TRUE(server.waitListening(5000));
+    ASSERT_TRUE(server.runOnLoopback());
     const int port = server.port();
     ASSERT_NE(port, 0);
 
@@ -25,8 +24,7 @@ TEST(Server, RunTwiceChangesNothing) {
 TEST(Server, RefusingFactoryLeavesNoInstances) {
     TestServer server;
     server.refuse = true;
-    server.run(QStringLiteral("127.0.0.1"), 0);
-    ASSERT_TRUE(server.waitListening(5000));
+    ASSERT_TRUE(server.runOnLoopback());
     for (int i = 0; i < 3; ++i) {
         auto peer = RawPeer::connect(server.port());
         ASSERT_TRUE(peer);
@@ -38,8 +36,7 @@ TEST(Server, RefusingFactoryLeavesNoInstances) {
 
 TEST(Server, EndedConnectionIsRetiredExactlyOnce) {
     TestServer server;
-    server.run(QStringLiteral("127.0.0.1"), 0);
-    ASSERT_TRUE(server.waitListening(5000));
+    ASSERT_TRUE(server.runOnLoopback());
     auto client = std::make_shared<TestConnection>(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
     ASSERT_TRUE(waitUntil([&] { return server.first() && server.first()->isConnected(); }));
@@ -61,8 +58,7 @@ TEST(Server, EndedConnectionIsRetiredExactlyOnce) {
 
 TEST(Server, CloseConnectionsActsOnlyOnAStoppedServer) {
     TestServer server;
-    server.run(QStringLiteral("127.0.0.1"), 0);
-    ASSERT_TRUE(server.waitListening(5000));
+    ASSERT_TRUE(server.runOnLoopback());
     auto client = std::make_shared<TestConnection>(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
     ASSERT_TRUE(waitUntil([&] { return server.first() && server.first()->isConnected(); }));
@@ -90,8 +86,7 @@ TEST(Server, CloseConnectionsActsOnlyOnAStoppedServer) {
 
 TEST(Server, DestructorStopsAndJoinsLiveConnections) {
     auto server = std::make_unique<TestServer>();
-    server->run(QStringLiteral("127.0.0.1"), 0);
-    ASSERT_TRUE(server->waitListening(5000));
+    ASSERT_TRUE(server->runOnLoopback());
     auto first = std::make_shared<TestConnection>(nullptr, false);
     auto second = std::make_shared<TestConnection>(nullptr, false);
     first->setKeepRetrying(false);

@@ -120,6 +120,15 @@ private:
     QByteArray pending;
 };
 
+// The next line from a peer that is not a keep-alive ping.
+inline QByteArray nextLine(RawPeer& peer, int ms = 5000) {
+    for (;;) {
+        const QByteArray line = peer.readLine(ms);
+        if (!line.startsWith("ping"))
+            return line;
+    }
+}
+
 // A listening socket on 127.0.0.1 with an ephemeral port, for fake servers.
 class RawListener {
 public:
@@ -290,6 +299,12 @@ public:
     // Refuse every accepted socket.
     std::atomic<bool> refuse{false};
 
+    // Listens on 127.0.0.1 with an ephemeral port; true once it does.
+    bool runOnLoopback() {
+        run(QStringLiteral("127.0.0.1"), 0);
+        return waitListening(5000);
+    }
+
     int removedCount(const Dovel::ConnectionThread* c) const { return count(removed, c); }
     int connectedCount(const Dovel::ConnectionThread* c) const { return count(connects, c); }
     int disconnectedCount(const Dovel::ConnectionThread* c) const { return count(disconnects, c); }
@@ -336,6 +351,26 @@ private:
     Counts removed;
     Counts connects;
     Counts disconnects;
+};
+
+// A server whose first connection finished the login with a hand-played client that
+// announced `versionLine` (none: a client of 1.9.0), and got its "ping initialized".
+struct LoggedIn {
+    TestServer server;
+    std::unique_ptr<RawPeer> peer;
+    std::shared_ptr<TestConnection> accepted; // held: the server lets go once it closes
+
+    bool start(const QByteArray& versionLine = QByteArrayLiteral("Heliotrope 2.6.1")) {
+        if (!server.runOnLoopback())
+            return false;
+        peer = RawPeer::connect(server.port());
+        if (!peer || clientLogin(*peer, versionLine) != "ok")
+            return false;
+        if (!waitUntil([&] { return server.first() && server.first()->isConnected(); }))
+            return false;
+        accepted = server.first();
+        return peer->readLine() == "ping initialized";
+    }
 };
 
 } // namespace TransportTest

@@ -269,24 +269,18 @@ TEST(CompositeCodes, GridsAndSplines) {
     EXPECT_EQ(gridIn->grid().height(), 0);
     EXPECT_EQ(changes, 2);
     // L32 < 4.
-    try {
-        deserialize(toGrid, Bytes().word(3).word(0).data());
-        FAIL() << "no exception";
-    } catch (const std::out_of_range& e) {
-        EXPECT_STREQ(e.what(), "AttributeGrid deserialize # not enough data");
-    }
+    EXPECT_EQ(
+        failure<std::out_of_range>([&] { deserialize(toGrid, Bytes().word(3).word(0).data()); }),
+        "AttributeGrid deserialize # not enough data");
     // Cells that do not fill the last row: the whole rows are taken.
     deserialize(toGrid, Bytes().word(9).word(2).hex("0a0b0c0d0e000000").data());
     EXPECT_EQ(gridIn->grid().width(), 2);
     EXPECT_EQ(gridIn->grid().height(), 2);
     EXPECT_EQ(gridIn->grid().at(1, 1), 0x0d);
     // A hostile length is bounded by the bundle before anything is allocated.
-    try {
-        deserialize(toGrid, Bytes().word(0xFFFFFFF0u).word(1).word(0).data());
-        FAIL() << "no exception";
-    } catch (const std::out_of_range& e) {
-        EXPECT_STREQ(e.what(), "BundleReader::read # tried to read past the end");
-    }
+    EXPECT_EQ(failure<std::out_of_range>(
+                  [&] { deserialize(toGrid, Bytes().word(0xFFFFFFF0u).word(1).word(0).data()); }),
+              pastEnd);
 
     auto spline = make<Tessel::AttributeSpline>(registry, 46);
     ASSERT_TRUE(spline);

@@ -78,11 +78,9 @@ TEST(FixedValueCodes, EveryFixedCodeByteForByte) {
               Bytes().word(1).word(0xFFFFFFFFu).word(300).word(4).data());
     checkCode(registry, 14, 16, Quant::Rectf(1.0f, 0.5f, -2.0f, 0.25f),
               Bytes().hex("0000803f0000003f000000c00000803e").data());
-    checkCode(registry, 15, 32, Quant::Rectd(1.5, 0.0, 1.5, 1.5),
-              Bytes()
-                  .hex("000000000000f83f0000000000000000")
-                  .hex("000000000000f83f000000000000f83f")
-                  .data());
+    checkCode(
+        registry, 15, 32, Quant::Rectd(1.5, 0.0, 1.5, 1.5),
+        Bytes().hex("000000000000f83f0000000000000000 000000000000f83f000000000000f83f").data());
     checkCode(registry, 16, 8, Quant::Vector2i(7, -3), Bytes().word(7).word(0xFFFFFFFDu).data());
     checkCode(registry, 17, 8, Quant::Vector2f(0.5f, 1.0f), Bytes().hex("0000003f0000803f").data());
     checkCode(registry, 19, 12, Quant::Vector3i(1, 2, 3), Bytes().word(1).word(2).word(3).data());
@@ -100,18 +98,14 @@ TEST(FixedValueCodes, EveryFixedCodeByteForByte) {
     m3.at(2, 0) = 0.5f;
     checkCode(registry, 29, 36, m3,
               Bytes()
-                  .hex("0000803f0000000000000000")
-                  .hex("000000000000803f00000000")
-                  .hex("0000003f000000000000803f")
+                  .hex("0000803f0000000000000000 000000000000803f00000000 0000003f000000000000803f")
                   .data());
     Quant::Matrix4f m4;
     m4.at(3, 2) = 0.25f;
     checkCode(registry, 32, 64, m4,
               Bytes()
-                  .hex("0000803f000000000000000000000000")
-                  .hex("000000000000803f0000000000000000")
-                  .hex("00000000000000000000803f00000000")
-                  .hex("00000000000000000000803e0000803f")
+                  .hex("0000803f000000000000000000000000 000000000000803f0000000000000000 "
+                       "00000000000000000000803f00000000 00000000000000000000803e0000803f")
                   .data());
     checkCode(registry, 34, 8, Basalt::TimeStamp(0x0000017F00000001ll),
               Bytes().hex("010000007f010000").data());
@@ -128,13 +122,10 @@ TEST(FixedValueCodes, BoolFalseAndOddBytes) {
     deserialize(registry.createDeserializer(1, flag), Bytes().hex("07000000").data());
     EXPECT_TRUE(flag->value());
     // A short bundle fails in the reader, leaving the value alone.
-    try {
-        std::unique_ptr<Attribute> number(registry.createAttribute(3));
-        deserialize(registry.createDeserializer(3, number.get()), QByteArray());
-        FAIL() << "no exception";
-    } catch (const std::out_of_range& e) {
-        EXPECT_STREQ(e.what(), "BundleReader::read # tried to read past the end");
-    }
+    std::unique_ptr<Attribute> number(registry.createAttribute(3));
+    EXPECT_EQ(failure<std::out_of_range>(
+                  [&] { deserialize(registry.createDeserializer(3, number.get()), QByteArray()); }),
+              pastEnd);
 }
 
 TEST(FixedValueCodes, RegistryCopiesAreIndependent) {

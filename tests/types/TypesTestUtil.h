@@ -15,6 +15,8 @@
 namespace TypesTest {
 
 using BundleTest::Bytes;
+using BundleTest::failure;
+using BundleTest::pastEnd;
 
 // The payload bytes a serializer appends to an empty bundle.
 inline QByteArray serialize(const Dovel::Serializer& serializer) {
