@@ -8,20 +8,30 @@ namespace Dovel {
 
 void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& events,
                                          std::vector<ChangeData>& out) {
-    out.clear();
-    scratch.clear();
-    laterChanged.clear();
-    laterRemoved.clear();
-    laterAdded.clear();
-    added.clear();
+    // What a burst (a session's first announcement) left behind is freed by the next,
+    // smaller period.
+    const std::size_t expected = events.size();
+    clearAndTrim(out, expected);
+    clearAndTrim(scratch, expected);
+    laterChanged.clearAndTrim(expected);
+    laterRemoved.clearAndTrim(expected);
+    laterAdded.clearAndTrim(expected);
+    added.clearAndTrim(expected);
 
-    // Additions of each symbol in the period, counted down as the backward walk passes
-    // them, so that a removal can tell whether an addition still stands before it.
+    // Additions of each symbol removed in the period, counted down as the backward walk
+    // passes them, so that a removal can tell whether an addition still stands before
+    // it. Periods without removals (nearly all) count nothing.
     QHash<uint32_t, int> additionsBefore;
-    for (const NodeWatcher::Event& e : events) {
-        if (e.type == NodeWatcher::AttributeAdded)
-            ++additionsBefore[e.symbol];
-    }
+    for (const NodeWatcher::Event& e : events)
+        if (e.type == NodeWatcher::AttributeRemoved)
+            additionsBefore.insert(e.symbol, 0);
+    if (!additionsBefore.isEmpty())
+        for (const NodeWatcher::Event& e : events)
+            if (e.type == NodeWatcher::AttributeAdded) {
+                auto counted = additionsBefore.find(e.symbol);
+                if (counted != additionsBefore.end())
+                    ++counted.value();
+            }
 
     for (auto it = events.rbegin(); it != events.rend(); ++it) {
         const uint32_t symbol = it->symbol;
@@ -33,7 +43,11 @@ void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& 
             scratch.push_back({NodeWatcher::AttributeChanged, symbol, 0});
             break;
         case NodeWatcher::AttributeAdded:
-            --additionsBefore[symbol];
+            if (!additionsBefore.isEmpty()) {
+                auto counted = additionsBefore.find(symbol);
+                if (counted != additionsBefore.end())
+                    --counted.value();
+            }
             // A later addition of the same attribute (the session's first announcement
             // meets the watcher's own report of it) says everything this one would.
             if (laterRemoved.contains(symbol) || laterAdded.contains(symbol))

@@ -5,6 +5,7 @@
 #include "Dovel/bundle/BundleWriter.h"
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/sync/AttributeStorage.h"
+#include "Dovel/sync/SymbolSet.h"
 #include "Dovel/types/TypeRegistry.h"
 
 #include "Basalt/Trace.h"
@@ -193,12 +194,15 @@ void NodeChangeSender::collapseChanges() {
         heldCompressed = 0;
     }
     compressor.compress(takenChanges, changes);
-    // Cleared, not freed: the next swap hands its capacity back to pendingChanges.
-    takenChanges.clear();
+    // Cleared, not freed: the next swap hands its capacity back to pendingChanges (unless
+    // a burst left far more than this period needed).
+    clearAndTrim(takenChanges, takenChanges.size());
 }
 
 void NodeChangeSender::resolveChanges() {
     const auto symbolAt = [this](size_t i) { return changes[i].symbol; };
+    clearAndTrim(records, changes.size());
+    clearAndTrim(attributes, changes.size());
     storage.findByLocalSymbols(changes.size(), symbolAt, records);
     node.attributeCache().findAll(changes.size(), symbolAt, attributes);
 }

@@ -14,10 +14,9 @@
 #include "Dovel/sync/AttributeChangeCompressor.h"
 #include "Dovel/sync/NodeWatcher.h"
 #include "Dovel/sync/RemoteNode.h"
+#include "Dovel/sync/SymbolSet.h"
 
 #include "Basalt/Mutex.h"
-
-#include <QSet>
 
 #include <cstdint>
 #include <vector>
@@ -121,7 +120,7 @@ private:
     uint32_t removeMessageType = NoMessageType;
     uint32_t eventMessageType = NoMessageType;
 
-    QSet<uint32_t> announced;
+    SymbolSet announced; // symbols whose names the peer has been sent
     // Echoes to drop: at most the one or two a receiver is applying right now, so a
     // short vector (scanned per change, empty nearly always) beats a tree.
     std::vector<NodeWatcher::Event> ignored;

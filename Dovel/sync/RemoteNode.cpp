@@ -159,10 +159,11 @@ void RemoteNode::update() {
     {
         std::lock_guard<std::mutex> locker(changedMutex);
         changed.swap(changedList);
-        changedSet.clear();
+        changedSet.clearAndTrim(changed.size());
     }
     if (symbolListeners.isEmpty()) {
-        changed.clear(); // kept with its capacity for the next swap
+        // Kept with its capacity for the next swap, unless a burst left far more.
+        clearAndTrim(changed, changed.size());
         return;
     }
     // A callback may call update() again; it then works on a list of its own.

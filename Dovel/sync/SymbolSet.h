@@ -6,6 +6,7 @@
 // Not thread-safe; its owner guards it.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -83,6 +84,19 @@ public:
 
     int size() const { return count; }
     bool isEmpty() const { return count == 0; }
+    // Empties the set and, when its table is far larger than `expected` symbols need
+    // (what is left after a burst such as a session's first announcement), frees it.
+    void clearAndTrim(std::size_t expected) {
+        if (cells.size() > std::max<std::size_t>(TrimCells, 8 * expected)) {
+            std::vector<Cell>().swap(cells);
+            count = 0;
+            generation = 1;
+            return;
+        }
+        clear();
+    }
+    // Tables up to this many cells are always kept.
+    static constexpr std::size_t TrimCells = 1 << 16;
 
 private:
     struct Cell {
@@ -112,5 +126,14 @@ private:
     uint32_t generation = 1;
     int count = 0;
 };
+
+// The same for the vectors that a pass fills beside such sets: empties `v` and frees
+// its storage when it is far larger than `expected` entries need.
+template <typename T> void clearAndTrim(std::vector<T>& v, std::size_t expected) {
+    if (v.capacity() > std::max<std::size_t>(SymbolSet::TrimCells, 8 * expected))
+        std::vector<T>().swap(v);
+    else
+        v.clear();
+}
 
 } // namespace Dovel

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 #include <random>
 #include <unordered_set>
 
@@ -54,6 +56,37 @@ TEST(SymbolSetTest, EmptySetAndExtremeSymbols) {
     EXPECT_TRUE(set.remove(0));
     EXPECT_FALSE(set.contains(0));
     EXPECT_TRUE(set.contains(0xFFFFFFFFu));
+    EXPECT_EQ(set.size(), 1);
+}
+
+// The sanitizers' allocators do not report through mallinfo2.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool HeapIsVisible = false;
+#else
+constexpr bool HeapIsVisible = true;
+#endif
+
+TEST(SymbolSetTest, ClearAndTrimFreesWhatABurstLeftAndStaysUsable) {
+    const auto heap = [] { return HeapIsVisible ? mallinfo2().uordblks : 0; };
+    Dovel::SymbolSet set;
+    std::vector<uint32_t> list;
+    const size_t before = heap();
+    for (uint32_t s = 1; s <= 200000; ++s) {
+        set.insert(s);
+        list.push_back(s);
+    }
+    set.clearAndTrim(200000); // as large as needed: kept
+    Dovel::clearAndTrim(list, 200000);
+    EXPECT_TRUE(set.isEmpty());
+    EXPECT_TRUE(list.empty());
+    if (HeapIsVisible)
+        EXPECT_GT(heap(), before + (1u << 20));
+    set.clearAndTrim(10); // far larger than ten symbols need: freed
+    Dovel::clearAndTrim(list, 10);
+    EXPECT_LT(heap(), before + (64u << 10));
+    EXPECT_FALSE(set.contains(5));
+    EXPECT_TRUE(set.insert(5));
+    EXPECT_TRUE(set.contains(5));
     EXPECT_EQ(set.size(), 1);
 }
 
