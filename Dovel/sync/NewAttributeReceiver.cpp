@@ -69,9 +69,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
 
     DovelSessionAttribute* sa = storage.findByReadSymbol(symbol);
     if (!sa)
-        sa = storage.findByPath(path);
-    if (!sa)
-        sa = storage.createByPath(path);
+        sa = storage.createByPath(path); // the record of this path, made when there is none
     storage.indexByReadSymbol(symbol, sa);
     sa->readSymbol = symbol;
     sa->typeCode = typeCode;

@@ -47,7 +47,13 @@ long NodeEventTable::add(std::unique_ptr<Listener> listener) {
     Basalt::Guard guard(mutex);
     // The id is taken under the lock so that per-name vectors stay in id order.
     const long id = issueListenerId();
-    byName[shared->name].push_back(shared);
+    std::shared_ptr<const Batch>& named = byName[shared->name];
+    auto batch = std::make_shared<Batch>();
+    batch->reserve((named ? named->size() : 0) + 1);
+    if (named)
+        batch->assign(named->begin(), named->end());
+    batch->push_back(shared);
+    named = std::move(batch);
     byId.emplace(id, std::move(shared));
     return id;
 }
@@ -61,10 +67,14 @@ bool NodeEventTable::remove(long id) {
     byId.erase(it);
     auto named = byName.find(listener->name);
     if (named != byName.end()) {
-        auto& list = named.value();
-        list.erase(std::remove(list.begin(), list.end(), listener), list.end());
-        if (list.empty())
+        auto rest = std::make_shared<Batch>();
+        for (const auto& other : *named.value())
+            if (other != listener)
+                rest->push_back(other);
+        if (rest->empty())
             byName.erase(named);
+        else
+            named.value() = std::move(rest);
     }
     listener->removed = true;
     waitUntilIdle({listener});
@@ -96,7 +106,7 @@ int NodeEventTable::count() const {
 }
 
 void NodeEventTable::dispatch(const QByteArray& name, Basalt::BinaryData* data) {
-    std::vector<std::shared_ptr<Listener>> batch;
+    std::shared_ptr<const Batch> batch;
     {
         Basalt::Guard guard(mutex);
         auto it = byName.constFind(name);
@@ -105,7 +115,7 @@ void NodeEventTable::dispatch(const QByteArray& name, Basalt::BinaryData* data) 
         batch = it.value();
     }
     std::shared_ptr<Basalt::BinaryData> copy; // made once for all queued listeners
-    for (const auto& listener : batch) {
+    for (const auto& listener : *batch) {
         if (!listener->queued) {
             run(*listener, data);
             continue;

@@ -67,8 +67,11 @@ private:
     QList<QByteArray> ins;
     QList<QByteArray> outs;
     std::map<long, std::shared_ptr<Listener>> byId;
-    // Per name in ascending id order (ids only grow, so appending keeps the order).
-    QHash<QByteArray, std::vector<std::shared_ptr<Listener>>> byName;
+    // Per name in ascending id order (ids only grow, so appending keeps the order): an
+    // immutable snapshot replaced on add and remove, so that a dispatch only copies a
+    // pointer under the lock.
+    using Batch = std::vector<std::shared_ptr<Listener>>;
+    QHash<QByteArray, std::shared_ptr<const Batch>> byName;
 };
 
 } // namespace Tessel
