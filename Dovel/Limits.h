@@ -28,10 +28,6 @@ constexpr int MaxBundlesPerBatch = 1 << 16;
 // peer is taken not to read and is disconnected (Dovel1Connection::send). Well above the
 // first batch of a large tree, which a reading peer takes at once.
 constexpr int64_t MaxUnsentBatchBytes = int64_t(256) << 20;
-// Bytes of received batches that may wait for the tree thread; beyond it the connection
-// stops reading until the tree has applied them (processDovel2), so a peer that sends
-// faster than the tree applies is slowed by TCP instead of growing our memory.
-constexpr int64_t MaxQueuedBatchBytes = int64_t(64) << 20;
 // Bytes of batches that may wait in a connection's writer before a session holds its
 // output passes back, folding later changes into one newest value per attribute until
 // the peer has read down to it (BundleController::Core::flush). Keeps a slow reader's

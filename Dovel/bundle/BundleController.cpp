@@ -16,7 +16,6 @@
 #include "Tessel/UpdateLoop.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <set>
@@ -93,7 +92,7 @@ void runHook() {
 
 BundleController::Core::Core(RemoteNode& node, const BundleControllerParams& p)
     : params(std::make_unique<BundleControllerParams>(p)), remoteNode(node), wakeUp(p.wakeUp),
-      incoming(std::make_shared<IncomingQueue>()), counters(p.counters), autoUpdate(p.autoUpdate) {
+      counters(p.counters), autoUpdate(p.autoUpdate) {
     if (!wakeUp && autoUpdate)
         wakeUp = [] { Tessel::UpdateLoop::wake(); };
 }
@@ -249,7 +248,6 @@ BundleController::BundleController(RemoteNode& node, const BundleControllerParam
     : master(params.isMaster), autoUpdate(params.autoUpdate) {
     CorePtr created = std::make_shared<Core>(node, params);
     core = created;
-    incoming = created->incoming;
     if (!autoUpdate) {
         ownedCore = created;
     } else {
@@ -286,7 +284,7 @@ BundleController::BundleController(RemoteNode& node, const BundleControllerParam
 
 BundleController::BundleController(const BundleController& other)
     : master(other.master), autoUpdate(other.autoUpdate), core(other.core),
-      ownedCore(other.ownedCore), incoming(other.incoming) {}
+      ownedCore(other.ownedCore) {}
 
 BundleController::~BundleController() {
     {
@@ -317,31 +315,7 @@ void BundleController::scheduleProcess(const std::vector<Bundle>& bundles) {
     if (CorePtr alive = core.lock())
         if (alive->counters)
             alive->counters->batchesReceived += 1;
-    int64_t bytes = 0;
-    for (const Bundle& bundle : bundles)
-        bytes += bundle.size();
-    {
-        std::lock_guard<std::mutex> lock(incoming->mutex);
-        incoming->bytes += bytes;
-    }
-    addTask([bundles, bytes](Core& c) {
-        c.process(bundles);
-        std::lock_guard<std::mutex> lock(c.incoming->mutex);
-        c.incoming->bytes -= bytes;
-        c.incoming->shrunk.notify_all();
-    });
-}
-
-void BundleController::waitForRoom(int64_t bytes, const std::function<bool()>& keepWaiting) const {
-    std::unique_lock<std::mutex> lock(incoming->mutex);
-    while (incoming->bytes > bytes && !core.expired()) {
-        lock.unlock();
-        if (!keepWaiting())
-            return;
-        lock.lock();
-        // A task dropped unrun never counts down: look at the core again now and then.
-        incoming->shrunk.wait_for(lock, std::chrono::milliseconds(100));
-    }
+    addTask([bundles](Core& c) { c.process(bundles); });
 }
 
 void BundleController::setEnabled(bool enabled) {

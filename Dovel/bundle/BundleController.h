@@ -28,11 +28,8 @@
 #include <QByteArray>
 
 #include <atomic>
-#include <condition_variable>
-#include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace Dovel {
@@ -41,7 +38,6 @@ class AttributeRemoveReceiver;
 class AttributeStorage;
 class AttributeUpdateReceiver;
 class Connection;
-struct IncomingQueue;
 class NewAttributeReceiver;
 class NodeChangeSender;
 class OneWayEventReceiver;
@@ -81,12 +77,6 @@ public:
 
     // Queues incoming bundles (any thread); dropped when the core is gone.
     void scheduleProcess(const std::vector<Bundle>& bundles);
-    // Blocks the calling thread (the connection's reading thread) while more than
-    // `bytes` of scheduled bundles wait for the tree thread, so that a peer sending
-    // faster than the tree applies is slowed by TCP instead of filling memory. Returns
-    // early when the core is gone or `keepWaiting` turns false (checked a few times a
-    // second).
-    void waitForRoom(int64_t bytes, const std::function<bool()>& keepWaiting) const;
     // Queues a task that sets the core's enabled flag.
     void setEnabled(bool enabled);
     // Manual mode: runs the session's tasks, node updates and output on the calling
@@ -124,9 +114,6 @@ private:
     bool autoUpdate;
     std::weak_ptr<Core> core;
     std::shared_ptr<Core> ownedCore;
-    // The core's count of scheduled bytes, held apart so that waiting never makes the
-    // reading thread an owner of the core.
-    std::shared_ptr<IncomingQueue> incoming;
 };
 
 class BundleController::Core {
@@ -198,15 +185,6 @@ private:
     std::atomic<bool> changeWakePending{false};
     // Set when the node sends "destroyed": nothing may be unregistered from it then.
     std::atomic<bool> nodeGone{false};
-    std::shared_ptr<IncomingQueue> incoming;
-};
-
-// Bytes of scheduled incoming bundles not yet applied, and a condition that tells a
-// waiting reader when they went down.
-struct IncomingQueue {
-    std::mutex mutex;
-    std::condition_variable shrunk;
-    int64_t bytes = 0; // guarded by mutex
 };
 
 } // namespace Dovel

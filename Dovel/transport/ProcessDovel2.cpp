@@ -66,12 +66,8 @@ bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThrea
     for (Bundle& bundle : bundles)
         if (!readBundle(connection, bundle))
             return true;
-    if (controller) {
+    if (controller)
         controller->scheduleProcess(bundles);
-        // Reading stops while the tree thread is behind; TCP then slows the peer down.
-        controller->waitForRoom(Limits::MaxQueuedBatchBytes,
-                                [&connection] { return connection.isLive(); });
-    }
     return true;
 }
 

@@ -1,7 +1,6 @@
 // The bundle controller on its own: automatic and manual mode, tasks, the order of node
 // updates and output flushes, work for a core that is gone, a failing bundle inside a
-// batch, the wake-up of the tree thread, and flow control both ways (changes folded
-// while the peer is behind, a reader held while the tree is).
+// batch, and the wake-up of the tree thread.
 #include "Dovel/bundle/BundleController.h"
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/sync/RemoteNode.h"
@@ -10,14 +9,12 @@
 #include "Basalt/Trace.h"
 #include "Tessel/AttributeT.h"
 #include "Tessel/UpdateLoop.h"
-#include "basalt/WaitUtil.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 using Dovel::Bundle;
@@ -304,30 +301,4 @@ TEST(Controller, WhileThePeerIsBehindChangesAreFoldedAndLeaveOnceWithTheirNewest
     EXPECT_EQ(copyC->value(), 8);
     EXPECT_EQ(target.attribute("n")->attribute("b"), nullptr);
     EXPECT_EQ(target.attribute("n")->attribute("d"), nullptr);
-}
-
-TEST(Controller, AReaderWaitsWhileScheduledBundlesExceedItsRoomUntilTheTreeAppliesThem) {
-    RemoteNode node(nullptr, "n");
-    auto controller = BundleController::create(node, params(nullptr, false));
-    controller->update();
-    Basalt::TraceCapture trace; // the bundle's type is unknown: a warning, nothing else
-    Bundle bundle;
-    bundle.mutablePacket().append(QByteArray(64, '\0'));
-    bundle.setHeader(64, 0xFFFFFFF0u, 1, 0);
-
-    controller->scheduleProcess({bundle});
-    controller->waitForRoom(80, [] { return true; }); // 80 bytes wait: within the room
-    controller->waitForRoom(0, [] { return false; }); // the reader is stopping: no wait
-    std::atomic<bool> returned{false};
-    std::thread reader([&] {
-        controller->waitForRoom(0, [] { return true; });
-        returned.store(true);
-    });
-    EXPECT_FALSE(BasaltTest::waitUntil([&] { return returned.load(); }, 50));
-    controller->update(); // applies the batch
-    reader.join();
-    EXPECT_TRUE(returned.load());
-    EXPECT_EQ(trace.count("BundleDispatcher::dispatchBundle # Unknown bundle type 4294967280",
-                          Basalt::Trace::Warning),
-              1);
 }
