@@ -95,9 +95,25 @@ BundleController::Core::Core(RemoteNode& node, const BundleControllerParams& p)
       counters(p.counters), autoUpdate(p.autoUpdate) {
     if (!wakeUp && autoUpdate)
         wakeUp = [] { Tessel::UpdateLoop::wake(); };
+    if (wakeUp) {
+        // The writer may call it after this core is gone (the application's own wake-up
+        // may not outlive the controller): the token turns it into nothing then.
+        drainedWake = std::make_shared<DrainedWake>();
+        drainedWake->wake = wakeUp;
+    }
+}
+
+void BundleController::Core::DrainedWake::operator()() {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (wake)
+        wake();
 }
 
 BundleController::Core::~Core() {
+    if (drainedWake) {
+        std::lock_guard<std::mutex> lock(drainedWake->mutex);
+        drainedWake->wake = nullptr;
+    }
     if (!nodeGone.load()) {
         if (destroyedListenerId != -1)
             remoteNode.eventRemoveListener(destroyedListenerId);
@@ -188,8 +204,8 @@ void BundleController::Core::flush(bool mayHoldBack) {
     if (nodeGone.load())
         return;
     // Only a core that can wake its tree thread may wait for the peer to catch up.
-    if (mayHoldBack && wakeUp && connection && !nodeChangeSender->eventsPiledUp() &&
-        connection->holdBack(wakeUp)) {
+    if (mayHoldBack && drainedWake && connection && !nodeChangeSender->eventsPiledUp() &&
+        connection->holdBack([token = drainedWake] { (*token)(); })) {
         nodeChangeSender->holdChanges();
         if (counters)
             counters->passesHeld += 1;

@@ -30,6 +30,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace Dovel {
@@ -175,6 +176,13 @@ private:
 
     // Kept apart from params, which initialisation releases.
     std::function<void()> wakeUp;
+    // wakeUp as handed to a connection that holds output back; cleared by the destructor.
+    struct DrainedWake {
+        std::mutex mutex;
+        std::function<void()> wake; // guarded by mutex
+        void operator()();
+    };
+    std::shared_ptr<DrainedWake> drainedWake;
     std::shared_ptr<BundleCounters> counters;
     bool autoUpdate = true;
     // Listeners on the node that wake the tree thread for local changes.

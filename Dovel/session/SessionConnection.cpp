@@ -20,6 +20,12 @@ public:
         if (open)
             Dovel1Connection::send(bundles);
     }
+    // An ended session neither sends nor waits for the writer, which may be serving the
+    // next one by then.
+    bool holdBack(const std::function<void()>& wake) override {
+        Basalt::Guard guard(mutex);
+        return open && Dovel1Connection::holdBack(wake);
+    }
     void close() {
         Basalt::Guard guard(mutex);
         open = false;

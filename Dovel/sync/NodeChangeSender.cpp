@@ -135,7 +135,8 @@ void NodeChangeSender::forgetLocalAttribute(DovelSessionAttribute& sa) {
 void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
     Basalt::Guard guard(eventMutex);
     pendingEvents.push_back(event);
-    pendingEventBytes += event.data.size();
+    // Empty events cost memory too: each is charged its record as well.
+    pendingEventBytes += int64_t(sizeof(RemoteNode::Event)) + event.data.size();
 }
 
 void NodeChangeSender::sendInitialValues() {

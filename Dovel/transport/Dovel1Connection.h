@@ -4,10 +4,11 @@
 // thread-safe (it only appends to the connection's writer).
 //
 // While more than Limits::BackPressureBytes of batches wait in the writer, holdBack asks
-// the session to fold its changes instead of sending them. A peer that stops reading
-// would still make batches pile up (events, replies to its own batches): once more
-// than `maxUnsentBytes` wait there, send ends the connection instead (a client then
-// reconnects and starts a fresh session).
+// the session to fold its changes instead of sending them; memory then stays bounded by
+// the tree, also for a peer that stops reading but keeps its socket open, which stays
+// connected. Batches that still come (events, the passes before the peer's own batches
+// are applied) can pile up: once more than `maxUnsentBytes` wait, send ends the
+// connection instead (a client then reconnects and starts a fresh session).
 #pragma once
 
 #include "Dovel/Limits.h"

@@ -59,17 +59,24 @@ void WriterThread::update(const QString& name, std::function<void()> function) {
 
 void WriterThread::removeFromBuffer(const QByteArray& key) {
     std::deque<Item> removed; // freed after the lock is released
-    Basalt::Guard guard(mutex);
-    for (auto it = buffer.begin(); it != buffer.end();) {
-        if (it->key == key) {
-            bufferedSize -= sizeOf(it->parts);
-            removed.push_back(std::move(*it));
-            it = buffer.erase(it);
-        } else {
-            ++it;
+    std::function<void()> wake;
+    {
+        Basalt::Guard guard(mutex);
+        for (auto it = buffer.begin(); it != buffer.end();) {
+            if (it->key == key) {
+                bufferedSize -= sizeOf(it->parts);
+                removed.push_back(std::move(*it));
+                it = buffer.erase(it);
+            } else {
+                ++it;
+            }
         }
+        if (drained && bufferedSize <= drainedBytes)
+            wake.swap(drained);
+        condition.wakeAll(mutex);
     }
-    condition.wakeAll(mutex);
+    if (wake)
+        wake();
 }
 
 bool WriterThread::callWhenDrained(int64_t bytes, std::function<void()> callback) {

@@ -53,8 +53,9 @@ public:
     void removeFromBuffer(const QByteArray& key);
     // Bytes of the waiting items (see childLoop for why it may go below zero).
     int64_t bufferedDataSize() const;
-    // Arms `callback` to run once on the writer thread as soon as no more than `bytes`
-    // wait after it took an item (or when the writer ends), replacing one armed before;
+    // Arms `callback` to run once as soon as no more than `bytes` wait: on the writer
+    // thread after it took an item (or when it ends), or on the caller's thread after
+    // removeFromBuffer. A later call replaces an armed callback;
     // false, and nothing armed, when no more than that waits now. Lets a producer hold
     // its output back while the peer reads slowly.
     bool callWhenDrained(int64_t bytes, std::function<void()> callback);

@@ -188,7 +188,13 @@ bool Attribute::removeListener(long id) {
                                     [id](const auto& listener) { return listener->id == id; });
     if (found == listeners->end())
         return false;
+    ListenerHolder* holder = (*found)->holder;
     replaceListeners([id](const Listener& listener) { return listener.id != id; });
+    // A holder with nothing left here would not hear of this attribute's end.
+    if (holder &&
+        (!listeners || std::none_of(listeners->begin(), listeners->end(),
+                                    [holder](const auto& l) { return l->holder == holder; })))
+        holder->forget(this);
     return true;
 }
 

@@ -85,6 +85,8 @@ public:
     // A short word naming the attribute's kind ("float", "node", "alias", ...).
     virtual QByteArray type() const;
     // Sub-attribute by name: children of a node, components of a tuple; null here.
+    // `name` may view bytes it does not own (QByteArray::setRawData): an override copies
+    // it before keeping it.
     virtual Attribute* attribute(const QByteArray& name) const;
 
     // Conversions of the value on `layer` (LayerCurrent: the effective value). A layer

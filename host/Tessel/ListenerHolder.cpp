@@ -8,29 +8,26 @@ ListenerHolder::~ListenerHolder() {
     removeAll();
 }
 
-ListenerHolder::Registrations& ListenerHolder::entryFor(Attribute* attribute, bool tagged) {
-    const auto inserted = held.try_emplace(attribute);
-    // Something of ours must sit on the attribute for it to tell us of its end: a node
-    // that gets only event listeners carries an inert listener for that.
-    if (inserted.second && !tagged)
-        attribute->addListener(std::function<void()>(), 0, this);
-    return inserted.first->second;
-}
-
 long ListenerHolder::add(Attribute* attribute, const std::function<void()>& callback,
                          int roleMask) {
-    if (!attribute)
+    if (!attribute || attribute->destroying)
         return -1;
-    entryFor(attribute, true);
+    entryFor(attribute);
     return attribute->addListener(callback, roleMask, this);
 }
 
 long ListenerHolder::addBd(Node* node, const QByteArray& event,
                            const std::function<void(Basalt::BinaryData&)>& callback,
                            Node::ListenerType type) {
-    if (!node)
+    if (!node || node->destroying)
         return -1;
-    Registrations& entry = entryFor(node, false);
+    Registrations& entry = entryFor(node);
+    // Something of ours that nobody else removes must sit on the node for it to tell us
+    // of its end: event listeners are not attribute listeners.
+    if (!entry.inert) {
+        node->addListener(std::function<void()>(), 0, this);
+        entry.inert = true;
+    }
     const long id = node->eventAddListenerBd(event, callback, type);
     entry.eventListeners.push_back(id);
     return id;

@@ -30,9 +30,11 @@ public:
     ListenerHolder(const ListenerHolder&) = delete;
     ListenerHolder& operator=(const ListenerHolder&) = delete;
 
-    // Attribute::addListener, remembered. -1 (nothing registered) for a null attribute.
+    // Attribute::addListener, remembered. -1 (nothing registered) for a null attribute or
+    // one being destroyed. Removing the returned id on the attribute itself is allowed:
+    // the holder forgets the attribute once none of its listeners are left there.
     long add(Attribute* attribute, const std::function<void()>& callback, int roleMask);
-    // Node::eventAddListenerBd, remembered. -1 for a null node.
+    // Node::eventAddListenerBd, remembered. -1 for a null node or one being destroyed.
     long addBd(Node* node, const QByteArray& event,
                const std::function<void(Basalt::BinaryData&)>& callback, Node::ListenerType type);
     // Removes everything registered through this holder on that attribute or node.
@@ -47,9 +49,9 @@ private:
     // listeners need their ids kept.
     struct Registrations {
         std::vector<long> eventListeners; // Node::eventAddListenerBd ids
+        bool inert = false;               // the inert tagged listener is in place
     };
-    // `tagged`: the caller is about to put a listener of this holder on the attribute.
-    Registrations& entryFor(Attribute* attribute, bool tagged);
+    Registrations& entryFor(Attribute* attribute) { return held[attribute]; }
     // Called by an attribute that is being destroyed.
     void forget(Attribute* attribute) { held.erase(attribute); }
 

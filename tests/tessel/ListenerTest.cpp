@@ -160,4 +160,49 @@ TEST(ListenerHolder, ForgetsAttributesDestroyedBeforeIt) {
     EXPECT_EQ(calls, 3);
     EXPECT_FALSE(holder.holds(parent));
     EXPECT_FALSE(holder.holds(child));
+
+    // Its ids may be removed on the attribute itself: the holder forgets an attribute
+    // it has nothing left on, and keeps a node that still carries its event listeners.
+    auto* single = new AttributeT<int>;
+    auto* node = new Node;
+    const long only = holder.add(
+        single, [&] { ++calls; }, Attribute::RoleChange);
+    const long change = holder.add(
+        node, [&] { ++calls; }, Attribute::RoleChange);
+    holder.addBd(
+        node, "ping", [&](Basalt::BinaryData&) { ++calls; }, Node::Direct);
+    EXPECT_TRUE(single->removeListener(only));
+    EXPECT_FALSE(holder.holds(single));
+    EXPECT_TRUE(node->removeListener(change));
+    EXPECT_TRUE(holder.holds(node));
+    delete single;
+    delete node;
+    EXPECT_FALSE(holder.holds(node));
+    EXPECT_EQ(calls, 3);
+}
+
+TEST(ListenerHolder, RefusesAnAttributeThatIsBeingDestroyed) {
+    ListenerHolder holder;
+    auto* doomed = new AttributeT<int>;
+    long late = 0, lateEvent = 0;
+    doomed->addListener(
+        [&] {
+            late = holder.add(
+                doomed, [] {}, Attribute::RoleChange);
+        },
+        Attribute::RoleDelete);
+    delete doomed;
+    EXPECT_EQ(late, -1);
+    EXPECT_FALSE(holder.holds(doomed));
+
+    auto* node = new Node;
+    node->addListener(
+        [&] {
+            lateEvent = holder.addBd(
+                node, "ping", [](Basalt::BinaryData&) {}, Node::Direct);
+        },
+        Attribute::RoleDelete);
+    delete node;
+    EXPECT_EQ(lateEvent, -1);
+    EXPECT_FALSE(holder.holds(node));
 }
