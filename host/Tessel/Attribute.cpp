@@ -4,6 +4,7 @@
 
 #include "Tessel/ListenerHolder.h"
 #include "Tessel/ListenerId.h"
+#include "Tessel/Snapshot.h"
 
 #include "Basalt/Trace.h"
 
@@ -150,14 +151,10 @@ long Attribute::addListener(std::function<void()> callback, int roleMask, Listen
     listener->callback = std::move(callback);
     listener->holder = holder;
     listener->roles = roleMask;
-    auto table = std::make_shared<ListenerTable>();
-    table->reserve((listeners ? listeners->size() : 0) + 1);
-    if (listeners)
-        table->assign(listeners->begin(), listeners->end());
+    const long id = listener->id;
     // Ids only grow, so the new one goes last.
-    table->push_back(listener);
-    listeners = std::move(table);
-    return listener->id;
+    listeners = appended(listeners, std::move(listener));
+    return id;
 }
 
 template <typename Keep> void Attribute::replaceListeners(Keep keep) {

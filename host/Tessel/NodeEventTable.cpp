@@ -2,6 +2,7 @@
 
 #include "Tessel/ListenerId.h"
 #include "Tessel/Node.h"
+#include "Tessel/Snapshot.h"
 
 #include <algorithm>
 
@@ -48,12 +49,7 @@ long NodeEventTable::add(std::unique_ptr<Listener> listener) {
     // The id is taken under the lock so that per-name vectors stay in id order.
     const long id = issueListenerId();
     std::shared_ptr<const Batch>& named = byName[shared->name];
-    auto batch = std::make_shared<Batch>();
-    batch->reserve((named ? named->size() : 0) + 1);
-    if (named)
-        batch->assign(named->begin(), named->end());
-    batch->push_back(shared);
-    named = std::move(batch);
+    named = appended(named, shared);
     byId.emplace(id, std::move(shared));
     return id;
 }
