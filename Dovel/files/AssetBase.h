@@ -33,6 +33,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <vector>
 
 namespace Dovel {
 
@@ -134,8 +135,9 @@ public:
 protected:
     // Called when a batch of downloads or removals has ended; does nothing by default.
     virtual void transferFinished();
-    // Walks the folder `dir` (a name relative to the root, "" for the root itself):
-    // files go to `pending`, directories are walked in turn. Returns the files found.
+    // Walks the folder `dir` (a name relative to the root, "" for the root itself) and
+    // the folders below it: files whose cached checksum still holds go to `list`, the
+    // others to `pending`. Returns the files found.
     int64_t buildFileList(const QString& dir, FileList& list,
                           QList<QPair<QString, QFileInfo>>& pending);
     void childLoop() override;
@@ -157,7 +159,16 @@ private:
         std::shared_ptr<RunningMd5> hash;
     };
 
+    struct FoundFile {
+        QString name;
+        int64_t size = 0;
+        int64_t modified = 0; // milliseconds since the epoch
+    };
+
     bool isInsideRoot(const QString& canonicalPath) const { return isInside(root_, canonicalPath); }
+    // Appends the readable regular files below `dir` that the protocol can carry,
+    // in no particular order; with fileListMutex held.
+    void walkFolder(const QString& dir, std::vector<FoundFile>& found);
     // buildFileList() with fileListMutex held.
     FileList buildLocked(ProgressSender* progress);
     void readCache();

@@ -7,6 +7,7 @@
 #include "Basalt/Trace.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace Dovel {
 
@@ -41,6 +42,15 @@ FolderPullConnection::FolderPullConnection(AssetBase& asset, bool deleteExtra)
 }
 
 FolderPullConnection::~FolderPullConnection() {
+    // Closing the socket first ends a read that holds the protocol lock, which the
+    // listing thread may be waiting for.
+    stop();
+    if (lister.joinable()) {
+        if (lister.get_id() == std::this_thread::get_id())
+            lister.detach(); // the listing thread let go of the last reference
+        else
+            lister.join();
+    }
     shutdown();
 }
 
@@ -53,7 +63,20 @@ void FolderPullConnection::start(const QString& host, int port) {
 }
 
 void FolderPullConnection::start(const QString& host, int port, uint64_t generation) {
+    if (lister.joinable())
+        return; // one attempt per connection
     listGeneration = generation;
+    // The comparison may need the connection's shared pointer (the remove queue holds
+    // it), so the listing thread holds one while it compares, unless the connection is
+    // being destroyed by then.
+    const std::weak_ptr<ConnectionThread> weak = weak_from_this();
+    const bool shared = !weak.expired();
+    lister = std::thread([this, generation, weak, shared] {
+        const AssetBase::FileList list = asset().fileListBuiltSince(generation, nullptr);
+        const std::shared_ptr<ConnectionThread> self = weak.lock();
+        if (self || !shared)
+            localListReady(list);
+    });
     connectToHost(host, port);
 }
 
@@ -81,11 +104,12 @@ FolderPullConnection::Result FolderPullConnection::result() const {
 // ---- the protocol ----
 
 bool FolderPullConnection::parse(const QString& line) {
+    Basalt::Guard guard(protocolMutex);
     if (line.startsWith(QLatin1String("filelist "))) {
         return receiveList(line.mid(9));
     }
     if (line.startsWith(QLatin1String("filelistend "))) {
-        compareAndRequest(line.mid(12));
+        receiveListEnd(line.mid(12));
         return true;
     }
     if (line == QLatin1String("filesync")) {
@@ -120,12 +144,12 @@ bool FolderPullConnection::receiveList(const QString& countText) {
                                    it.key().toUtf8().constData());
             continue;
         }
-        serverList.insert(it.key(), Entry{size, md5});
+        serverList.insert(serverList.constEnd(), it.key(), Entry{size, md5}); // in name order
     }
     return true;
 }
 
-void FolderPullConnection::compareAndRequest(const QString& totalText) {
+void FolderPullConnection::receiveListEnd(const QString& totalText) {
     bool ok = false;
     const int total = totalText.toInt(&ok);
     if (!ok || total != listEntriesSeen || listDone) {
@@ -133,7 +157,19 @@ void FolderPullConnection::compareAndRequest(const QString& totalText) {
         return;
     }
     listDone = true;
-    compared = asset().fileListBuiltSince(listGeneration, nullptr);
+    if (localListed && !result().finished)
+        compareAndRequest();
+}
+
+void FolderPullConnection::localListReady(const AssetBase::FileList& list) {
+    Basalt::Guard guard(protocolMutex);
+    compared = list;
+    localListed = true;
+    if (listDone && !result().finished)
+        compareAndRequest();
+}
+
+void FolderPullConnection::compareAndRequest() {
     const AssetBase::FileList& local = compared;
 
     if (deleteExtra) {
@@ -261,6 +297,7 @@ void FolderPullConnection::finish(bool success, const QString& error) {
 
 void FolderPullConnection::handleConnection() {
     FileTransferHandler::handleConnection();
+    Basalt::Guard guard(protocolMutex);
     // Whatever was still under way is lost with the connection.
     for (const QString& name : pending)
         failedNames.append(name);
@@ -269,6 +306,7 @@ void FolderPullConnection::handleConnection() {
 }
 
 void FolderPullConnection::connectionFailed() {
+    Basalt::Guard guard(protocolMutex);
     finish(false, QStringLiteral("cannot connect to %1:%2").arg(hostName()).arg(port()));
 }
 

@@ -6,9 +6,17 @@
 // list once more (walking it again only when something was fetched or removed). One
 // attempt, no reconnection: the result says what happened.
 //
+// The local folder is listed on a thread of the pull's own while it connects and the
+// server lists its folder, so that the two walks overlap and the connection's thread
+// keeps answering the server (a folder whose checksums must be computed can take
+// minutes); the comparison runs when both lists are in, on whichever thread finished
+// last.
+//
 // Threads: start, waitFinished and result may be called from any thread; the progress
-// callback and the protocol run on the connection's thread. The result is guarded by
-// `resultMutex`. The asset folder must outlive the connection.
+// callback and the protocol run on the connection's thread or the listing thread, one
+// at a time: the protocol's state is guarded by `protocolMutex`, the result by
+// `resultMutex`. The asset folder must outlive the connection, whose destructor waits
+// for the local walk to end.
 #pragma once
 
 #include "Dovel/files/AssetBase.h"
@@ -22,6 +30,7 @@
 #include <QStringList>
 
 #include <functional>
+#include <thread>
 
 namespace Dovel {
 
@@ -50,12 +59,12 @@ public:
     FolderPullConnection(AssetBase& asset, bool deleteExtra);
     ~FolderPullConnection() override;
 
-    // Called on the connection's thread as files progress; set before start().
+    // Called as files progress, never twice at once; set before start().
     void setProgressCallback(std::function<void(const Progress&)> callback);
-    // Connects once to host:port and runs the pull. The local list is walked when the
-    // server's list has arrived, unless the asset holds one built since `listGeneration`
+    // Connects once to host:port and runs the pull; call once. The local folder is
+    // walked meanwhile unless the asset holds a list built since `listGeneration`
     // (AssetBase::buildGeneration(); by default its value now): a caller that has just
-    // built the list, to have the checksums ready before connecting, spares the walk.
+    // built the list spares the walk.
     void start(const QString& host, int port);
     void start(const QString& host, int port, uint64_t listGeneration);
     // Waits up to `ms` milliseconds (negative: without limit); true once finished.
@@ -77,7 +86,10 @@ private:
     };
 
     bool receiveList(const QString& countText);
-    void compareAndRequest(const QString& totalText);
+    void receiveListEnd(const QString& totalText);
+    // Runs on the listing thread; compares when the server's list is complete.
+    void localListReady(const AssetBase::FileList& list);
+    void compareAndRequest();
     void receiveSync();
     void checkDone();
     void verifyAndFinish();
@@ -87,13 +99,19 @@ private:
     const bool deleteExtra;
     std::function<void(const Progress&)> progressCallback;
 
-    // The protocol's state: the connection's thread only.
+    // Walks the local folder (or takes the list built since listGeneration).
+    std::thread lister;
+
+    // The protocol's state, guarded by protocolMutex, which parse() holds while the
+    // transfer handler calls back into this class.
+    Basalt::Mutex protocolMutex;
     QMap<QString, Entry> serverList;
     uint64_t listGeneration = 0;
     AssetBase::FileList compared; // the local list that the requests were made from
+    bool localListed = false;     // `compared` holds the local list
     bool changedHere = false;     // a file was requested or removed
     int listEntriesSeen = 0;      // skipped ones included
-    bool listDone = false;
+    bool listDone = false;        // the server's list is complete
     bool syncReceived = false;
     QSet<QString> pending;   // requested and not yet finished
     QSet<QString> announced; // described by the server and being downloaded

@@ -20,7 +20,8 @@ void FolderServeConnection::connected() {
     const AssetBase::FileList list = asset().buildFileList(nullptr);
     QMap<QString, QString> chunk;
     for (auto it = list.constBegin(); it != list.constEnd(); ++it) {
-        chunk.insert(it.key(), QStringLiteral("%1 %2").arg(it->size).arg(it->md5));
+        chunk.insert(chunk.constEnd(), it.key(),
+                     QStringLiteral("%1 %2").arg(it->size).arg(it->md5));
         if (chunk.size() == ListChunk) {
             writeMapBuffer(QStringLiteral("filelist"), chunk);
             chunk.clear();

@@ -25,7 +25,7 @@ bool parseEntries(const QByteArray& body, int count, QMap<QString, QString>& out
             out.clear();
             return false;
         }
-        out.insert(key, value);
+        out.insert(out.constEnd(), key, value); // peers send maps in key order
     }
     return true;
 }

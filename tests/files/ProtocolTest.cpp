@@ -3,8 +3,13 @@
 #include "files/FilesTestUtil.h"
 
 #include "Dovel/files/FileTransferHandler.h"
+#include "Dovel/files/ProgressSender.h"
+#include "Dovel/transport/MapBlock.h"
 
+#include "Basalt/Condition.h"
 #include "Basalt/Trace.h"
+
+#include <thread>
 
 namespace {
 
@@ -361,6 +366,74 @@ TEST(FileProtocol, UploadPausesWhileThirtyTwoMiBAreUnsent) {
         received += peer->readExact(count, 10000);
     }
     EXPECT_TRUE(received == bytes);
+}
+
+// Holds the build that reports to it at its first text until released.
+class HeldBuild : public Dovel::ProgressSender {
+public:
+    void transferInfo(const QString&) override {
+        Basalt::Guard guard(mutex);
+        entered = true;
+        while (!released)
+            condition.wait(mutex, 100);
+    }
+    bool hasEntered() {
+        Basalt::Guard guard(mutex);
+        return entered;
+    }
+    void release() {
+        Basalt::Guard guard(mutex);
+        released = true;
+        condition.wakeAll(mutex);
+    }
+
+private:
+    Basalt::Mutex mutex;
+    Basalt::Condition condition;
+    bool entered = false;
+    bool released = false;
+};
+
+TEST(FileProtocol, APullAnswersWhileItsFolderIsListedAndComparesOnceBothListsAreIn) {
+    QTemporaryDir base;
+    ASSERT_TRUE(base.isValid());
+    const QString folder = base.path() + "/mine";
+    ASSERT_TRUE(writeFile(folder + "/same", "abc"));
+    Dovel::AssetBase asset(folder);
+    const uint64_t generation = asset.buildGeneration();
+    HeldBuild held;
+    std::thread build([&] { asset.buildFileList(&held); });
+    ASSERT_TRUE(waitUntil([&] { return held.hasEntered(); }));
+
+    RawListener listener;
+    auto pull = std::make_shared<Dovel::FolderPullConnection>(asset, false);
+    pull->start("127.0.0.1", listener.port(), generation);
+    auto server = listener.accept();
+    ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));
+
+    // The whole server list arrives while the local folder is still being listed: the
+    // pull keeps answering pings and asks for nothing yet.
+    const QMap<QString, QString> list{{"/new", "3 " + AbcMd5}, {"/same", "3 " + AbcMd5}};
+    ASSERT_TRUE(server->send("filelist 2\n" + Dovel::MapBlock::encode(list) +
+                             "filelistend 2\nping held\n"));
+    EXPECT_EQ(nextLine(*server), QByteArray("pong held"));
+    held.release();
+    build.join();
+
+    // Then only what differs is asked for, against the list that build made.
+    EXPECT_EQ(nextLine(*server), QByteArray("sendfileinfo \"/new\""));
+    EXPECT_EQ(nextLine(*server), QByteArray("sendfilesync"));
+    ASSERT_TRUE(server->send("fileinfo 3 \"/new\" 1 " + AbcMd5 + "\n"));
+    EXPECT_EQ(nextLine(*server), QByteArray("sendparts \"/new\""));
+    ASSERT_TRUE(server->send("filepart \"/new\" 3 1\nabcfilesync\n"));
+    ASSERT_TRUE(pull->waitFinished(10000));
+    const auto result = pull->result();
+    EXPECT_TRUE(result.success) << result.error.toStdString();
+    EXPECT_EQ(result.filesChecked, 2);
+    EXPECT_EQ(result.filesTransferred, 1);
+    EXPECT_EQ(readFile(folder + "/new"), QByteArray("abc"));
+    EXPECT_EQ(asset.checksumsComputed(), 1); // "/same", by the held build only
+    pull->shutdown();
 }
 
 } // namespace

@@ -127,7 +127,7 @@ int serve(const QStringList& args) {
 }
 
 // Prints progress: a bar rewritten in place on a terminal, otherwise a line at most
-// once a second. Called on the pull's connection thread only.
+// once a second. Called by the pull, one call at a time, until it has finished.
 class ProgressPrinter {
 public:
     explicit ProgressPrinter(bool terminal) : terminal(terminal) { timer.start(); }
@@ -190,15 +190,11 @@ int pull(const QStringList& args) {
     clock.start();
     Dovel::AssetBase asset(folder);
     asset.removeLeftoverParts();
-    // Checksums before connecting, so that the peer does not wait; the pull compares
-    // against this list instead of walking the folder again.
-    const uint64_t listGeneration = asset.buildGeneration();
-    asset.buildFileList();
     ProgressPrinter printer(isatty(STDOUT_FILENO) == 1);
     auto connection = std::make_shared<Dovel::FolderPullConnection>(asset, words.deleteExtra);
     connection->setProgressCallback(
         [&printer](const Dovel::FolderPullConnection::Progress& p) { printer.show(p); });
-    connection->start(address.host, address.port, listGeneration);
+    connection->start(address.host, address.port);
     connection->waitFinished(-1);
     connection->shutdown();
     printer.end();
