@@ -21,7 +21,7 @@ void FolderServeConnection::connected() {
     QMap<QString, QString> chunk;
     for (auto it = list.constBegin(); it != list.constEnd(); ++it) {
         chunk.insert(chunk.constEnd(), it.key(),
-                     QStringLiteral("%1 %2").arg(it->size).arg(it->md5));
+                     QString::number(it->size) + QLatin1Char(' ') + it->md5);
         if (chunk.size() == ListChunk) {
             writeMapBuffer(QStringLiteral("filelist"), chunk);
             chunk.clear();
