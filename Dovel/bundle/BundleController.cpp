@@ -142,7 +142,8 @@ void BundleController::Core::ensureIsInitialized() {
         return;
     attributeStorage = std::make_shared<AttributeStorage>(remoteNode);
     enabled.store(params->enabled);
-    dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(symbolRegistry));
+    dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(
+        symbolRegistry, Limits::MaxPeerSymbols, &remoteNode.symbolRegistry()));
     nodeChangeSender =
         std::make_shared<NodeChangeSender>(remoteNode, *attributeStorage, typeRegistry);
     dispatcher.addSender(nodeChangeSender);

@@ -9,15 +9,18 @@
 
 namespace Dovel {
 
-SymbolRegistryReceiver::SymbolRegistryReceiver(Basalt::SymbolRegistry& registry, int maxSymbols)
-    : BundleReceiver(ModuleNames::SymbolRegistry), registry(registry), maxSymbols(maxSymbols) {}
+SymbolRegistryReceiver::SymbolRegistryReceiver(Basalt::SymbolRegistry& registry, int maxSymbols,
+                                               const Basalt::SymbolRegistry* localNames)
+    : BundleReceiver(ModuleNames::SymbolRegistry), registry(registry), maxSymbols(maxSymbols),
+      localNames(localNames) {}
 
 SymbolRegistryReceiver::~SymbolRegistryReceiver() = default;
 
 void SymbolRegistryReceiver::handleBundle(BundleReader& reader) {
     while (!reader.atEnd()) {
         const uint32_t symbol = reader.readUInt32();
-        const QByteArray name = reader.readBytes();
+        const QByteArray read = reader.readBytes();
+        const QByteArray name = localNames ? localNames->sharedName(read) : read;
         // Only a pair of a new name and a new symbol grows the table; a rebinding
         // replaces an entry.
         const bool grows =

@@ -14,9 +14,12 @@ namespace Dovel {
 
 class SymbolRegistryReceiver : public BundleReceiver {
 public:
-    // `maxSymbols` bounds the registry's size; only tests pass another value.
+    // `maxSymbols` bounds the registry's size; only tests pass another value. Names that
+    // `localNames` (this side's registry, when given) already holds are stored sharing
+    // its bytes: the peer names nearly every path that this side has.
     explicit SymbolRegistryReceiver(Basalt::SymbolRegistry& registry,
-                                    int maxSymbols = Limits::MaxPeerSymbols);
+                                    int maxSymbols = Limits::MaxPeerSymbols,
+                                    const Basalt::SymbolRegistry* localNames = nullptr);
     ~SymbolRegistryReceiver() override;
 
     // Defines each (u32 symbol, string name) pair of the bundle in order. A truncated
@@ -27,6 +30,7 @@ public:
 private:
     Basalt::SymbolRegistry& registry;
     const int maxSymbols;
+    const Basalt::SymbolRegistry* const localNames;
 };
 
 } // namespace Dovel

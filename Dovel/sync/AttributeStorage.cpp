@@ -26,30 +26,31 @@ DovelSessionAttribute* AttributeStorage::findByReadSymbol(uint32_t symbol) const
 DovelSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) const {
     std::shared_lock<std::shared_mutex> locker(lock);
     const auto it = byPath.find(path);
-    return it == byPath.end() ? nullptr : it->second.get();
+    return it == byPath.end() ? nullptr : const_cast<DovelSessionAttribute*>(&it->second);
 }
 
 DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path) {
     std::unique_lock<std::shared_mutex> locker(lock);
-    std::unique_ptr<DovelSessionAttribute>& slot = byPath[path];
-    if (!slot) {
-        slot = std::make_unique<DovelSessionAttribute>();
-        slot->localSymbol = node.symbolRegistry().lookupOrDefine(path);
-        byLocalSymbol.insert(slot->localSymbol, slot.get());
+    const auto made = byPath.try_emplace(path);
+    DovelSessionAttribute* record = &made.first->second;
+    if (made.second) {
+        record->localSymbol = node.symbolRegistry().lookupOrDefine(path);
+        byLocalSymbol.insert(record->localSymbol, record);
     }
-    return slot.get();
+    return record;
 }
 
 void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record) {
     std::unique_lock<std::shared_mutex> locker(lock);
-    DovelSessionAttribute*& bound = byReadSymbol[readSymbol];
+    DovelSessionAttribute* const bound = byReadSymbol.value(readSymbol);
     if (bound && bound != record) {
         Basalt::Trace::error(
             "AttributeStorage::indexByReadSymbol # Symbol already points to some other "
             "session attribute");
         return;
     }
-    bound = record;
+    if (record)
+        byReadSymbol.insert(readSymbol, record);
 }
 
 void AttributeStorage::debugDump() const {
@@ -57,7 +58,7 @@ void AttributeStorage::debugDump() const {
     static const QRegExp lastComponent("([^/]+)$");
     for (const auto& entry : byPath) {
         const QByteArray& path = entry.first;
-        const DovelSessionAttribute& record = *entry.second;
+        const DovelSessionAttribute& record = entry.second;
         Tessel::Attribute* attribute = node.attributeCache().find(record.localSymbol);
         const QByteArray value =
             attribute ? attribute->asString().toUtf8() : QByteArrayLiteral("<missing>");

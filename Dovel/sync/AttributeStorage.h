@@ -8,12 +8,12 @@
 
 #include "Dovel/sync/DovelSessionAttribute.h"
 
+#include "Basalt/SymbolMap.h"
+
 #include <QByteArray>
-#include <QHash>
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <vector>
@@ -57,10 +57,11 @@ public:
 private:
     RemoteNode& node;
     mutable std::shared_mutex lock;
-    // Owns the records.
-    std::map<QByteArray, std::unique_ptr<DovelSessionAttribute>> byPath;
-    QHash<uint32_t, DovelSessionAttribute*> byLocalSymbol;
-    QHash<uint32_t, DovelSessionAttribute*> byReadSymbol;
+    // Owns the records, in its nodes (which never move): one allocation per record.
+    std::map<QByteArray, DovelSessionAttribute> byPath;
+    // Local symbols are dense; the peer's nearly always are too.
+    Basalt::SymbolMap<DovelSessionAttribute*> byLocalSymbol;
+    Basalt::SymbolMap<DovelSessionAttribute*> byReadSymbol;
 };
 
 } // namespace Dovel

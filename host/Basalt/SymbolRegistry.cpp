@@ -31,9 +31,9 @@ bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {
     // always agree.
     if (byNameIt != byName.constEnd())
         bySymbol.remove(byNameIt.value());
-    const auto bySymbolIt = bySymbol.constFind(symbol);
-    if (bySymbolIt != bySymbol.constEnd())
-        byName.remove(bySymbolIt.value());
+    const QByteArray oldName = bySymbol.value(symbol);
+    if (!oldName.isNull())
+        byName.remove(oldName);
     const QByteArray key = stored(name);
     byName.insert(key, symbol);
     bySymbol.insert(symbol, key);
@@ -69,6 +69,12 @@ uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name) {
     if (next != std::numeric_limits<uint32_t>::max())
         ++next;
     return symbol;
+}
+
+QByteArray SymbolRegistry::sharedName(const QByteArray& name) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto it = byName.constFind(name);
+    return it == byName.constEnd() ? name : it.key();
 }
 
 int SymbolRegistry::size() const {

@@ -8,6 +8,8 @@
 #include <QByteArray>
 #include <QHash>
 
+#include "Basalt/SymbolMap.h"
+
 #include <cstdint>
 #include <mutex>
 
@@ -29,12 +31,15 @@ public:
     // The name of a symbol; a null array when unknown.
     QByteArray lookup(uint32_t symbol) const;
     uint32_t lookupOrDefine(const QByteArray& name);
+    // The registry's own copy of `name` when it holds the name, else `name`: a caller
+    // that keeps the result shares the registry's bytes instead of holding them twice.
+    QByteArray sharedName(const QByteArray& name) const;
     int size() const;
 
 private:
     mutable std::mutex mutex;
     QHash<QByteArray, uint32_t> byName;
-    QHash<uint32_t, QByteArray> bySymbol;
+    SymbolMap<QByteArray> bySymbol; // a vector slot per symbol handed out
     uint32_t next = 1;
 };
 

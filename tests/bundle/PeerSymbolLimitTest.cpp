@@ -50,3 +50,17 @@ TEST(PeerSymbolLimit, NewSymbolsBeyondTheLimitAreRefused) {
     BundleReader overReader(over);
     EXPECT_THROW(defaults.handleBundle(overReader), std::invalid_argument);
 }
+
+TEST(PeerSymbolLimit, NamesThisSideHoldsAreKeptOnceForBothRegistries) {
+    Basalt::SymbolRegistry local;
+    local.lookupOrDefine("tree/a");
+    Basalt::SymbolRegistry peer;
+    SymbolRegistryReceiver receiver(peer, Limits::MaxPeerSymbols, &local);
+    const Bundle bundle(packet(1, 1, 0, Bytes().word(9).str("tree/a").word(8).str("new").data()));
+    BundleReader reader(bundle);
+    receiver.handleBundle(reader);
+    EXPECT_EQ(peer.lookup(9u), QByteArray("tree/a"));
+    EXPECT_EQ(peer.lookup(9u).constData(), local.lookup(1u).constData()); // shared bytes
+    EXPECT_EQ(peer.lookup(8u), QByteArray("new"));
+    EXPECT_EQ(local.lookup(QByteArray("new")), 0u); // looked up, never defined here
+}

@@ -1,0 +1,91 @@
+#include "Basalt/SymbolMap.h"
+
+#include <gtest/gtest.h>
+
+#include <QByteArray>
+
+#include <malloc.h>
+
+#include <map>
+#include <random>
+
+using Basalt::SymbolMap;
+
+namespace {
+
+// The sanitizers' allocators do not report through mallinfo2.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool HeapIsVisible = false;
+#else
+constexpr bool HeapIsVisible = true;
+#endif
+
+TEST(SymbolMap, DenseAndScatteredSymbolsBehaveAsOneMap) {
+    SymbolMap<int*> map;
+    std::map<uint32_t, int*> reference;
+    int values[8];
+    std::mt19937 random(7);
+    // Mostly dense symbols, as a registry hands them out, some far above them (as a peer
+    // may choose), and symbols hashed early that fall inside the vector once it grows.
+    auto symbol = [&random]() -> uint32_t {
+        switch (random() % 4) {
+        case 0:
+            return 0xFFFFFFF0u + random() % 16;
+        case 1:
+            return 5000 + random() % 500;
+        default:
+            return random() % 3000;
+        }
+    };
+    for (int step = 0; step < 20000; ++step) {
+        const uint32_t s = symbol();
+        if (random() % 3 == 0) {
+            EXPECT_EQ(map.remove(s), reference.erase(s) == 1) << s;
+        } else {
+            int* value = &values[random() % 8];
+            map.insert(s, value);
+            reference[s] = value;
+        }
+        const uint32_t probe = symbol();
+        const auto it = reference.find(probe);
+        ASSERT_EQ(map.value(probe), it == reference.end() ? nullptr : it->second) << probe;
+        ASSERT_EQ(map.contains(probe), it != reference.end());
+        ASSERT_EQ(map.size(), int(reference.size()));
+    }
+    for (const auto& entry : reference)
+        EXPECT_EQ(map.value(entry.first), entry.second);
+    map.clear();
+    EXPECT_EQ(map.size(), 0);
+    EXPECT_EQ(map.value(0xFFFFFFFFu), nullptr);
+}
+
+TEST(SymbolMap, EmptyByteArraysAreValuesAndNullOnesAreAbsent) {
+    SymbolMap<QByteArray> map;
+    map.insert(1, QByteArray(""));
+    map.insert(1000000, QByteArray("far"));
+    EXPECT_TRUE(map.contains(1));
+    EXPECT_FALSE(map.value(1).isNull());
+    EXPECT_TRUE(map.value(2).isNull());
+    EXPECT_EQ(map.value(1000000), QByteArray("far"));
+    EXPECT_EQ(map.value(3, QByteArray("fallback")), QByteArray("fallback"));
+    EXPECT_EQ(map.size(), 2);
+    EXPECT_TRUE(map.remove(1));
+    EXPECT_FALSE(map.remove(1));
+    EXPECT_EQ(map.size(), 1);
+}
+
+TEST(SymbolMap, ScatteredSymbolsCostNoMoreThanTheirEntries) {
+    const auto heap = [] { return HeapIsVisible ? mallinfo2().uordblks : 0; };
+    const size_t before = heap();
+    {
+        SymbolMap<int*> map;
+        static int value;
+        for (uint32_t i = 1; i <= 1000; ++i)
+            map.insert(i * 1000003u, &value); // up to about 10^9
+        EXPECT_EQ(map.size(), 1000);
+        EXPECT_LT(heap(), before + (256u << 10));
+    }
+    EXPECT_LT(heap(), before + (16u << 10));
+}
+
+} // namespace
