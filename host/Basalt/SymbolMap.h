@@ -26,20 +26,23 @@ template <> struct SymbolMapAbsent<QByteArray> {
 
 template <typename T> class SymbolMap {
 public:
-    // The value of `symbol`, or `fallback` when it has none.
-    T value(uint32_t symbol, const T& fallback = T()) const {
-        if (symbol < dense.size()) {
-            if (!absent(dense[symbol]))
-                return dense[symbol];
-        }
+    // The value of `symbol`, or null when it has none; valid until the map changes.
+    const T* find(uint32_t symbol) const {
+        if (symbol < dense.size() && !absent(dense[symbol]))
+            return &dense[symbol];
         if (!sparse.isEmpty()) {
             const auto it = sparse.constFind(symbol);
             if (it != sparse.constEnd())
-                return it.value();
+                return &it.value();
         }
-        return fallback;
+        return nullptr;
     }
-    bool contains(uint32_t symbol) const { return !absent(value(symbol)); }
+    // The value of `symbol`, or `fallback` when it has none.
+    T value(uint32_t symbol, const T& fallback = T()) const {
+        const T* found = find(symbol);
+        return found ? *found : fallback;
+    }
+    bool contains(uint32_t symbol) const { return find(symbol) != nullptr; }
 
     // Binds `symbol` to `value` (not absent), replacing an earlier value.
     void insert(uint32_t symbol, const T& value) {

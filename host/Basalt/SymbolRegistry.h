@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <mutex>
+#include <vector>
 
 namespace Basalt {
 
@@ -37,9 +38,20 @@ public:
     int size() const;
 
 private:
+    // The symbol of `name` and its slot in `nameSlots`; 0 when unknown.
+    uint32_t findName(const QByteArray& name, size_t* slot = nullptr) const;
+    // Adds a name that is not there yet; its bytes need not be in bySymbol yet.
+    void addName(const QByteArray& name, uint32_t symbol);
+    void removeNameAt(size_t slot);
+    void rehashNames(size_t slots);
+
     mutable std::mutex mutex;
-    QHash<QByteArray, uint32_t> byName;
-    SymbolMap<QByteArray> bySymbol; // a vector slot per symbol handed out
+    // The owner of the names; a vector slot per symbol handed out.
+    SymbolMap<QByteArray> bySymbol;
+    // From name to symbol: an open-addressing table of symbols (0 for a free slot),
+    // probed linearly from the name's hash and at most half full. A hash of names would
+    // cost a node per name, more than the rest of the table.
+    std::vector<uint32_t> nameSlots;
     uint32_t next = 1;
 };
 
