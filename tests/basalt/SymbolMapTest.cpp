@@ -1,10 +1,10 @@
 #include "Basalt/SymbolMap.h"
 
+#include "HeapInUse.h"
+
 #include <gtest/gtest.h>
 
 #include <QByteArray>
-
-#include <malloc.h>
 
 #include <map>
 #include <random>
@@ -13,12 +13,7 @@ using Basalt::SymbolMap;
 
 namespace {
 
-// The sanitizers' allocators do not report through mallinfo2.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool HeapIsVisible = false;
-#else
-constexpr bool HeapIsVisible = true;
-#endif
+using TestHeap::heapInUse;
 
 TEST(SymbolMap, DenseAndScatteredSymbolsBehaveAsOneMap) {
     SymbolMap<int*> map;
@@ -75,17 +70,16 @@ TEST(SymbolMap, EmptyByteArraysAreValuesAndNullOnesAreAbsent) {
 }
 
 TEST(SymbolMap, ScatteredSymbolsCostNoMoreThanTheirEntries) {
-    const auto heap = [] { return HeapIsVisible ? mallinfo2().uordblks : 0; };
-    const size_t before = heap();
+    const size_t before = heapInUse();
     {
         SymbolMap<int*> map;
         static int value;
         for (uint32_t i = 1; i <= 1000; ++i)
             map.insert(i * 1000003u, &value); // up to about 10^9
         EXPECT_EQ(map.size(), 1000);
-        EXPECT_LT(heap(), before + (256u << 10));
+        EXPECT_LT(heapInUse(), before + (256u << 10));
     }
-    EXPECT_LT(heap(), before + (16u << 10));
+    EXPECT_LT(heapInUse(), before + (16u << 10));
 }
 
 } // namespace

@@ -1,13 +1,16 @@
 #include "Dovel/sync/SymbolSet.h"
 
-#include <gtest/gtest.h>
+#include "HeapInUse.h"
 
-#include <malloc.h>
+#include <gtest/gtest.h>
 
 #include <random>
 #include <unordered_set>
 
 namespace {
+
+using TestHeap::heapInUse;
+using TestHeap::HeapIsVisible;
 
 // Random inserts and removals over a small key range (so that probe chains collide and
 // removals shift entries back), checked step by step against std::unordered_set, with
@@ -59,18 +62,10 @@ TEST(SymbolSetTest, EmptySetAndExtremeSymbols) {
     EXPECT_EQ(set.size(), 1);
 }
 
-// The sanitizers' allocators do not report through mallinfo2.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool HeapIsVisible = false;
-#else
-constexpr bool HeapIsVisible = true;
-#endif
-
 TEST(SymbolSetTest, ClearAndTrimFreesWhatABurstLeftAndStaysUsable) {
-    const auto heap = [] { return HeapIsVisible ? mallinfo2().uordblks : 0; };
     Dovel::SymbolSet set;
     std::vector<uint32_t> list;
-    const size_t before = heap();
+    const size_t before = heapInUse();
     for (uint32_t s = 1; s <= 200000; ++s) {
         set.insert(s);
         list.push_back(s);
@@ -79,11 +74,12 @@ TEST(SymbolSetTest, ClearAndTrimFreesWhatABurstLeftAndStaysUsable) {
     Dovel::clearAndTrim(list, 200000);
     EXPECT_TRUE(set.isEmpty());
     EXPECT_TRUE(list.empty());
-    if (HeapIsVisible)
-        EXPECT_GT(heap(), before + (1u << 20));
+    if (HeapIsVisible) {
+        EXPECT_GT(heapInUse(), before + (1u << 20));
+    }
     set.clearAndTrim(10); // far larger than ten symbols need: freed
     Dovel::clearAndTrim(list, 10);
-    EXPECT_LT(heap(), before + (64u << 10));
+    EXPECT_LT(heapInUse(), before + (64u << 10));
     EXPECT_FALSE(set.contains(5));
     EXPECT_TRUE(set.insert(5));
     EXPECT_TRUE(set.contains(5));
