@@ -65,9 +65,9 @@ bool isPlainValue(const QByteArray& value) {
     return isPlainValue(value.constBegin(), value.constEnd());
 }
 
-// Decimal digits with an optional "-", as QByteArray::toLongLong takes them from what
-// QSettings wrote; parsed in place, since every line of the cache holds a number or
-// an index.
+// Decimal digits with an optional "-", as QSettings writes numbers (anything else sends
+// the whole read to QSettings); parsed in place, since every line of the cache holds a
+// number or an index.
 bool parseInt64(const char* begin, const char* end, int64_t& out) {
     const bool negative = begin != end && *begin == '-';
     const char* p = negative ? begin + 1 : begin;

@@ -7,6 +7,7 @@
 #include "Basalt/Trace.h"
 
 #include <algorithm>
+#include <exception>
 #include <memory>
 
 namespace Dovel {
@@ -42,8 +43,8 @@ FolderPullConnection::FolderPullConnection(AssetBase& asset, bool deleteExtra)
 }
 
 FolderPullConnection::~FolderPullConnection() {
-    // Closing the socket first ends a read that holds the protocol lock, which the
-    // listing thread may be waiting for.
+    // Stopped first, so that the listing thread compares nothing any more; for a pull
+    // that no shared pointer owns, this also ends a read that holds the protocol lock.
     stop();
     if (lister.joinable()) {
         if (lister.get_id() == std::this_thread::get_id())
@@ -65,17 +66,23 @@ void FolderPullConnection::start(const QString& host, int port) {
 void FolderPullConnection::start(const QString& host, int port, uint64_t generation) {
     if (lister.joinable())
         return; // one attempt per connection
-    listGeneration = generation;
     // The comparison may need the connection's shared pointer (the remove queue holds
     // it), so the listing thread holds one while it compares, unless the connection is
     // being destroyed by then.
     const std::weak_ptr<ConnectionThread> weak = weak_from_this();
     const bool shared = !weak.expired();
     lister = std::thread([this, generation, weak, shared] {
-        const AssetBase::FileList list = asset().fileListBuiltSince(generation, nullptr);
-        const std::shared_ptr<ConnectionThread> self = weak.lock();
-        if (self || !shared)
-            localListReady(list);
+        try {
+            const AssetBase::FileList list = asset().fileListBuiltSince(generation, nullptr);
+            const std::shared_ptr<ConnectionThread> self = weak.lock();
+            if (self || !shared)
+                localListReady(list);
+        } catch (const std::exception& e) {
+            Basalt::Trace::error("FolderPullConnection::start # Listing the folder failed: %s",
+                                 e.what());
+            Basalt::Guard guard(protocolMutex);
+            finish(false, QStringLiteral("the local folder could not be listed"));
+        }
     });
     connectToHost(host, port);
 }
@@ -157,7 +164,7 @@ void FolderPullConnection::receiveListEnd(const QString& totalText) {
         return;
     }
     listDone = true;
-    if (localListed && !result().finished)
+    if (localListed && !result().finished && !isStopping())
         compareAndRequest();
 }
 
@@ -165,18 +172,22 @@ void FolderPullConnection::localListReady(const AssetBase::FileList& list) {
     Basalt::Guard guard(protocolMutex);
     compared = list;
     localListed = true;
-    if (listDone && !result().finished)
+    // A stopped pull changes nothing here any more (with --delete it would remove files).
+    if (listDone && !result().finished && !isStopping())
         compareAndRequest();
 }
 
 void FolderPullConnection::compareAndRequest() {
     const AssetBase::FileList& local = compared;
+    requested = true;
 
-    if (deleteExtra) {
+    // Null when the owner let go of the pull without stopping it: nothing is removed then.
+    const std::shared_ptr<ConnectionThread> self = weak_from_this().lock();
+    if (deleteExtra && self) {
         bool any = false;
         for (auto it = local.constBegin(); it != local.constEnd(); ++it) {
             if (!serverList.contains(it.key())) {
-                asset().addFileToRemoveQueue(it.key(), shared_from_this());
+                asset().addFileToRemoveQueue(it.key(), self);
                 any = true;
             }
         }
@@ -205,6 +216,13 @@ void FolderPullConnection::compareAndRequest() {
 }
 
 void FolderPullConnection::receiveSync() {
+    if (!requested) {
+        // Only an answer to our "sendfilesync" means anything: before the comparison
+        // nothing was asked for, and finishing now would check an unlisted folder.
+        Basalt::Trace::warning("FolderPullConnection::receiveSync # 'filesync' before any "
+                               "request; ignored");
+        return;
+    }
     syncReceived = true;
     // The server answers requests in order: whatever has no description by now was
     // refused or is gone.

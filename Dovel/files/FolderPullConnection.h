@@ -99,19 +99,19 @@ private:
     const bool deleteExtra;
     std::function<void(const Progress&)> progressCallback;
 
-    // Walks the local folder (or takes the list built since listGeneration).
+    // Walks the local folder (or takes the list built since start()'s generation).
     std::thread lister;
 
     // The protocol's state, guarded by protocolMutex, which parse() holds while the
     // transfer handler calls back into this class.
     Basalt::Mutex protocolMutex;
     QMap<QString, Entry> serverList;
-    uint64_t listGeneration = 0;
     AssetBase::FileList compared; // the local list that the requests were made from
     bool localListed = false;     // `compared` holds the local list
     bool changedHere = false;     // a file was requested or removed
     int listEntriesSeen = 0;      // skipped ones included
     bool listDone = false;        // the server's list is complete
+    bool requested = false;       // the comparison has run and asked for what differs
     bool syncReceived = false;
     QSet<QString> pending;   // requested and not yet finished
     QSet<QString> announced; // described by the server and being downloaded

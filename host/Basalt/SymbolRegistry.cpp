@@ -2,7 +2,10 @@
 
 #include "Basalt/Trace.h"
 
+#include <QRandomGenerator>
+
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 namespace Basalt {
@@ -15,25 +18,70 @@ QByteArray stored(const QByteArray& name) {
     return name.isNull() ? QByteArray("") : name;
 }
 
-} // namespace
-
-SymbolRegistry::SymbolRegistry() = default;
-
-SymbolRegistry::~SymbolRegistry() = default;
-
-namespace {
-
-size_t homeSlot(const QByteArray& name, size_t mask) {
-    return size_t(qHash(name)) & mask;
+// SipHash-1-3 of the bytes under a 128-bit key: unlike Qt's byte-array hash (a CRC on
+// most machines, whose collisions can be made without knowing the seed), its outputs
+// cannot be steered without the key.
+uint64_t keyedHash(const char* bytes, size_t size, const uint64_t key[2]) {
+    const auto rotate = [](uint64_t x, int bits) { return (x << bits) | (x >> (64 - bits)); };
+    uint64_t v0 = 0x736f6d6570736575ull ^ key[0];
+    uint64_t v1 = 0x646f72616e646f6dull ^ key[1];
+    uint64_t v2 = 0x6c7967656e657261ull ^ key[0];
+    uint64_t v3 = 0x7465646279746573ull ^ key[1];
+    const auto round = [&] {
+        v0 += v1;
+        v1 = rotate(v1, 13);
+        v1 ^= v0;
+        v0 = rotate(v0, 32);
+        v2 += v3;
+        v3 = rotate(v3, 16);
+        v3 ^= v2;
+        v0 += v3;
+        v3 = rotate(v3, 21);
+        v3 ^= v0;
+        v2 += v1;
+        v1 = rotate(v1, 17);
+        v1 ^= v2;
+        v2 = rotate(v2, 32);
+    };
+    const char* const whole = bytes + (size & ~size_t(7));
+    for (; bytes != whole; bytes += 8) {
+        uint64_t word;
+        std::memcpy(&word, bytes, 8);
+        v3 ^= word;
+        round();
+        v0 ^= word;
+    }
+    uint64_t last = uint64_t(size) << 56;
+    for (size_t i = 0; i < (size & 7); ++i)
+        last |= uint64_t(uint8_t(bytes[i])) << (8 * i);
+    v3 ^= last;
+    round();
+    v0 ^= last;
+    v2 ^= 0xff;
+    round();
+    round();
+    round();
+    return v0 ^ v1 ^ v2 ^ v3;
 }
 
 } // namespace
+
+SymbolRegistry::SymbolRegistry() {
+    key[0] = QRandomGenerator::system()->generate64();
+    key[1] = QRandomGenerator::system()->generate64();
+}
+
+SymbolRegistry::~SymbolRegistry() = default;
+
+size_t SymbolRegistry::homeSlot(const QByteArray& name) const {
+    return size_t(keyedHash(name.constData(), size_t(name.size()), key) >> (64 - slotBits));
+}
 
 uint32_t SymbolRegistry::findName(const QByteArray& name, size_t* slot) const {
     if (nameSlots.empty())
         return 0;
     const size_t mask = nameSlots.size() - 1;
-    for (size_t i = homeSlot(name, mask);; i = (i + 1) & mask) {
+    for (size_t i = homeSlot(name);; i = (i + 1) & mask) {
         const uint32_t symbol = nameSlots[i];
         if (symbol == 0)
             return 0;
@@ -47,9 +95,9 @@ uint32_t SymbolRegistry::findName(const QByteArray& name, size_t* slot) const {
 
 void SymbolRegistry::addName(const QByteArray& name, uint32_t symbol) {
     if ((size_t(bySymbol.size()) + 1) * 2 > nameSlots.size())
-        rehashNames(std::max<size_t>(16, nameSlots.size() * 2));
+        rehashNames(std::max(4, slotBits + 1));
     const size_t mask = nameSlots.size() - 1;
-    size_t i = homeSlot(name, mask);
+    size_t i = homeSlot(name);
     while (nameSlots[i] != 0)
         i = (i + 1) & mask;
     nameSlots[i] = symbol;
@@ -61,7 +109,7 @@ void SymbolRegistry::removeNameAt(size_t slot) {
     const size_t mask = nameSlots.size() - 1;
     size_t hole = slot;
     for (size_t j = (slot + 1) & mask; nameSlots[j] != 0; j = (j + 1) & mask) {
-        const size_t home = homeSlot(*bySymbol.find(nameSlots[j]), mask);
+        const size_t home = homeSlot(*bySymbol.find(nameSlots[j]));
         const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
         if (!stays) {
             nameSlots[hole] = nameSlots[j];
@@ -71,14 +119,15 @@ void SymbolRegistry::removeNameAt(size_t slot) {
     nameSlots[hole] = 0;
 }
 
-void SymbolRegistry::rehashNames(size_t slots) {
-    std::vector<uint32_t> old(slots, 0);
+void SymbolRegistry::rehashNames(int bits) {
+    std::vector<uint32_t> old(size_t(1) << bits, 0);
     old.swap(nameSlots);
-    const size_t mask = slots - 1;
+    slotBits = bits;
+    const size_t mask = nameSlots.size() - 1;
     for (const uint32_t symbol : old) {
         if (symbol == 0)
             continue;
-        size_t i = homeSlot(*bySymbol.find(symbol), mask);
+        size_t i = homeSlot(*bySymbol.find(symbol));
         while (nameSlots[i] != 0)
             i = (i + 1) & mask;
         nameSlots[i] = symbol;

@@ -38,12 +38,15 @@ public:
     int size() const;
 
 private:
+    // Where the probe for `name` starts: the top bits of a hash keyed by this registry's
+    // random key, so that a peer cannot choose names that crowd one run of slots.
+    size_t homeSlot(const QByteArray& name) const;
     // The symbol of `name` and its slot in `nameSlots`; 0 when unknown.
     uint32_t findName(const QByteArray& name, size_t* slot = nullptr) const;
     // Adds a name that is not there yet; its bytes need not be in bySymbol yet.
     void addName(const QByteArray& name, uint32_t symbol);
     void removeNameAt(size_t slot);
-    void rehashNames(size_t slots);
+    void rehashNames(int bits); // to 1 << bits slots
 
     mutable std::mutex mutex;
     // The owner of the names; a vector slot per symbol handed out.
@@ -52,6 +55,8 @@ private:
     // probed linearly from the name's hash and at most half full. A hash of names would
     // cost a node per name, more than the rest of the table.
     std::vector<uint32_t> nameSlots;
+    int slotBits = 0; // nameSlots.size() is 1 << slotBits
+    uint64_t key[2];  // set once by the constructor
     uint32_t next = 1;
 };
 

@@ -412,10 +412,11 @@ TEST(FileProtocol, APullAnswersWhileItsFolderIsListedAndComparesOnceBothListsAre
     ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));
 
     // The whole server list arrives while the local folder is still being listed: the
-    // pull keeps answering pings and asks for nothing yet.
+    // pull keeps answering pings and asks for nothing yet. A "filesync" that answers no
+    // request of its does not end it.
     const QMap<QString, QString> list{{"/new", "3 " + AbcMd5}, {"/same", "3 " + AbcMd5}};
     ASSERT_TRUE(server->send("filelist 2\n" + Dovel::MapBlock::encode(list) +
-                             "filelistend 2\nping held\n"));
+                             "filelistend 2\nfilesync\nping held\n"));
     EXPECT_EQ(nextLine(*server), QByteArray("pong held"));
     held.release();
     build.join();
