@@ -96,8 +96,12 @@ uint32_t SymbolRegistry::findName(const QByteArray& name, size_t* slot) const {
 void SymbolRegistry::addName(const QByteArray& name, uint32_t symbol) {
     if ((size_t(bySymbol.size()) + 1) * 2 > nameSlots.size())
         rehashNames(std::max(4, slotBits + 1));
+    placeName(homeSlot(name), symbol);
+}
+
+void SymbolRegistry::placeName(size_t home, uint32_t symbol) {
     const size_t mask = nameSlots.size() - 1;
-    size_t i = homeSlot(name);
+    size_t i = home;
     while (nameSlots[i] != 0)
         i = (i + 1) & mask;
     nameSlots[i] = symbol;
@@ -123,15 +127,9 @@ void SymbolRegistry::rehashNames(int bits) {
     std::vector<uint32_t> old(size_t(1) << bits, 0);
     old.swap(nameSlots);
     slotBits = bits;
-    const size_t mask = nameSlots.size() - 1;
-    for (const uint32_t symbol : old) {
-        if (symbol == 0)
-            continue;
-        size_t i = homeSlot(*bySymbol.find(symbol));
-        while (nameSlots[i] != 0)
-            i = (i + 1) & mask;
-        nameSlots[i] = symbol;
-    }
+    for (const uint32_t symbol : old)
+        if (symbol != 0)
+            placeName(homeSlot(*bySymbol.find(symbol)), symbol);
 }
 
 bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {

@@ -45,6 +45,8 @@ private:
     uint32_t findName(const QByteArray& name, size_t* slot = nullptr) const;
     // Adds a name that is not there yet; its bytes need not be in bySymbol yet.
     void addName(const QByteArray& name, uint32_t symbol);
+    // Puts `symbol` in the first free slot from `home` on.
+    void placeName(size_t home, uint32_t symbol);
     void removeNameAt(size_t slot);
     void rehashNames(int bits); // to 1 << bits slots
 
