@@ -3,6 +3,7 @@
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"
+#include "Dovel/sync/NodeWatcher.h"
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/types/TypeRegistry.h"
 
@@ -132,15 +133,14 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
                 skipValue(reader, fixedSize);
             }
         }
-        if (!parent->addAttribute(leafName, created.get())) {
+        // Watched and cached at once, so that the next entries and updates find it.
+        if (!node.watcher().addComplete(*parent, leafName, created.get())) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
             return;
         }
         created.release(); // owned by its host now
         sa->deserializer = deserializer;
-        // Watched and cached at once, so that the next entries and updates find it.
-        node.processPendingAdditions();
         return;
     }
 

@@ -1,6 +1,7 @@
 #include "Dovel/sync/NodeWatcher.h"
 
 #include "Dovel/sync/AttributeCache.h"
+#include "Dovel/sync/RemoteNode.h"
 
 #include "Basalt/BinaryData.h"
 #include "Basalt/SymbolRegistry.h"
@@ -26,10 +27,6 @@ using Tessel::AttributeAlias;
 using Tessel::Node;
 
 namespace {
-
-QByteArray childPath(const QByteArray& parent, const QByteArray& name) {
-    return parent.isEmpty() ? name : parent + '/' + name;
-}
 
 void checkName(const QByteArray& name) {
     if (name.isEmpty())
@@ -79,6 +76,10 @@ struct NodeWatcher::Impl {
     void onRemoved(const QByteArray& path, Basalt::BinaryData& data,
                    Tessel::ListenerHolder& holder);
     void firstChange(unsigned int symbol);
+    int pendingCount() const {
+        std::lock_guard<std::mutex> locker(pendingMutex);
+        return int(pending.size());
+    }
     void process(const PendingAdded& record);
     void unwatchAttribute(Attribute& attribute, const QByteArray& path, unsigned int symbol,
                           bool notify, Tessel::ListenerHolder& holder);
@@ -112,6 +113,8 @@ struct NodeWatcher::Impl {
     long nextListenerId = 0;
 
     std::atomic<bool> watching{false};
+    // The attribute addComplete is adding (tree thread): its addition is watched at once.
+    Attribute* completeChild = nullptr;
 };
 
 void NodeWatcher::Impl::emit(EventType type, unsigned int symbol) {
@@ -302,6 +305,13 @@ void NodeWatcher::Impl::onAdded(Node& node, const QByteArray& path, Basalt::Bina
         cache.add(symbol, child);
     // An ignoreOne for the addition silences this child and, through notify, its subtree.
     const bool notify = !takeIgnored({AttributeAdded, symbol}) && !takeIgnored({NodeAdded, symbol});
+    if (child == completeChild && pendingCount() == 0) {
+        // Nothing queued before it, so watching it now keeps the order of the reports.
+        completeChild = nullptr;
+        if (Attribute* cached = cache.find(symbol))
+            watchAttribute(*cached, path2, symbol, notify, holder);
+        return;
+    }
     auto record = std::make_shared<PendingAdded>(symbol, child, notify);
     record->holder = &holder;
     // The child is still being constructed: only its base may be touched here.
@@ -463,8 +473,7 @@ bool NodeWatcher::isPendingUpdate(unsigned int symbol) const {
 }
 
 int NodeWatcher::pendingCount() const {
-    std::lock_guard<std::mutex> locker(impl->pendingMutex);
-    return int(impl->pending.size());
+    return impl->pendingCount();
 }
 
 void NodeWatcher::update() {
@@ -472,6 +481,14 @@ void NodeWatcher::update() {
         if (record->claim())
             impl->process(*record);
     }
+}
+
+bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* attribute) {
+    impl->completeChild = attribute;
+    const bool added = parent.addAttribute(name, attribute);
+    impl->completeChild = nullptr;
+    update();
+    return added;
 }
 
 } // namespace Dovel

@@ -102,6 +102,11 @@ public:
     int pendingCount() const;
     // Reports every queued addition (tree thread).
     void update();
+    // Adds `attribute`, fully constructed, to `parent` (a node of the watched tree) and
+    // watches it at once, then runs update(): what adding it and calling update() would
+    // do, without queueing the record that an attribute still being constructed needs.
+    // False when the node refuses it (tree thread).
+    bool addComplete(Tessel::Node& parent, const QByteArray& name, Tessel::Attribute* attribute);
 
 private:
     struct Impl;

@@ -21,8 +21,25 @@ namespace {
 // Ids of sliced events, shared by every remote node: any thread may slice.
 std::atomic<uint32_t> sliceCounter{0};
 
+// The rule every remote node starts with: attributes named "id" stay local.
+const char IdRule[] = "(^|/)id$";
+
+bool isIdRule(const QRegExp& expression) {
+    return expression.patternSyntax() == QRegExp::RegExp &&
+           expression.caseSensitivity() == Qt::CaseSensitive &&
+           expression.pattern() == QLatin1String(IdRule);
+}
+
 bool matches(const QRegExp& expression, const QByteArray& path) {
     return expression.indexIn(QString::fromUtf8(path), 0) >= 0;
+}
+
+// Rules are matched against every attribute added to the tree: the id rule is matched on
+// the bytes, without a conversion to text and the expression engine.
+bool matches(const RemoteNode::SyncFlagRule& rule, const QByteArray& path) {
+    if (rule.isIdRule)
+        return path == "id" || path.endsWith("/id");
+    return matches(rule.pattern, path);
 }
 
 void walkWithPath(Node& node, const QByteArray& prefix,
@@ -31,7 +48,7 @@ void walkWithPath(Node& node, const QByteArray& prefix,
         Attribute* resolved = AttributeAlias::resolve(child);
         if (!resolved)
             continue;
-        const QByteArray path = prefix.isEmpty() ? child->name() : prefix + '/' + child->name();
+        const QByteArray path = childPath(prefix, child->name());
         if (auto* sub = dynamic_cast<Node*>(resolved))
             walkWithPath(*sub, path, visit);
         else
@@ -48,7 +65,8 @@ RemoteNode::RemoteNode(Node* host, const QByteArray& name)
     eventAddOut("initialized");
     eventAddOut("destroyed");
     // Each side keeps its own ids.
-    setSyncFlags(QRegExp("(^|/)id$", Qt::CaseSensitive, QRegExp::RegExp), SyncFlags::Local);
+    setSyncFlags(QRegExp(QLatin1String(IdRule), Qt::CaseSensitive, QRegExp::RegExp),
+                 SyncFlags::Local);
     nodeWatcher = std::make_unique<NodeWatcher>(*registry, *cache);
     nodeWatcher->addListener([this](const NodeWatcher::Event& event) { onWatcherEvent(event); });
     nodeWatcher->startWatching(*this, true);
@@ -105,15 +123,15 @@ void RemoteNode::checkForSyncFlags(unsigned int symbol) {
     if (syncFlagRules.empty())
         return;
     const QByteArray path = registry->lookup(symbol);
-    for (const auto& rule : syncFlagRules) {
-        if (matches(rule.first, path))
-            flags->setFlags(symbol, rule.second);
+    for (const SyncFlagRule& rule : syncFlagRules) {
+        if (matches(rule, path))
+            flags->setFlags(symbol, rule.flag);
     }
 }
 
 void RemoteNode::setSyncFlags(const QRegExp& pattern, SyncFlags::Flag flag) {
     updateSyncFlags(pattern, flag);
-    syncFlagRules.emplace_back(pattern, flag);
+    syncFlagRules.push_back({pattern, flag, isIdRule(pattern)});
 }
 
 void RemoteNode::updateSyncFlags(const QRegExp& pattern, SyncFlags::Flag flag) {
@@ -435,12 +453,23 @@ void RemoteNode::handleSlice(long senderKey, Basalt::BinaryData& data) {
     dispatchRemoteEvent(done.name, payload);
 }
 
+QByteArray childPath(const QByteArray& parent, const QByteArray& name) {
+    if (parent.isEmpty())
+        return name;
+    QByteArray path(parent.size() + 1 + name.size(), Qt::Uninitialized);
+    char* out = path.data();
+    std::memcpy(out, parent.constData(), size_t(parent.size()));
+    out[parent.size()] = '/';
+    std::memcpy(out + parent.size() + 1, name.constData(), size_t(name.size()));
+    return path;
+}
+
 Node* findOrCreateNode(QList<QByteArray> parts, Node* parent, QMap<QByteArray, Node*>* created,
                        QByteArray prefix) {
     if (parts.isEmpty())
         return parent;
     const QByteArray part = parts.takeFirst();
-    const QByteArray path = prefix.isEmpty() ? part : prefix + '/' + part;
+    const QByteArray path = childPath(prefix, part);
     Node* node = nullptr;
     if (Attribute* existing = parent->attribute(part)) {
         node = dynamic_cast<Node*>(AttributeAlias::resolve(existing));

@@ -119,6 +119,13 @@ public:
     // A wildcard path pattern as an anchored, case-sensitive expression.
     static QRegExp makeRegExp(const QString& pattern);
 
+    // One setSyncFlags call: paths the pattern matches get the flag.
+    struct SyncFlagRule {
+        QRegExp pattern;
+        SyncFlags::Flag flag;
+        bool isIdRule; // the built-in rule for "id" attributes, matched without the engine
+    };
+
 private:
     // A sliced event being received. The slices are kept as they come and joined only
     // when all are there, so that what a peer makes us hold follows the bytes it has
@@ -179,7 +186,7 @@ private:
     std::unique_ptr<NodeWatcher> nodeWatcher;
 
     std::vector<std::pair<QRegExp, std::function<void(Tessel::Attribute*)>>> pendingListeners;
-    std::vector<std::pair<QRegExp, SyncFlags::Flag>> syncFlagRules;
+    std::vector<SyncFlagRule> syncFlagRules;
     // Keyed by the index of the pending listener: registration order, each at most once.
     QHash<unsigned int, std::map<int, std::function<void(Tessel::Attribute*)>>> symbolListeners;
 
@@ -193,6 +200,9 @@ private:
     SymbolSet changedSet;
 };
 
+// The slash-separated path of `name` under `parent` (the name itself under the root),
+// built in one allocation: every attribute the tree gains or the walks visit needs one.
+QByteArray childPath(const QByteArray& parent, const QByteArray& name);
 // Follows `parts` down from `parent`, creating missing plain nodes (recorded by path in
 // `created` when given). Null (logged) when an existing part is not a node.
 Tessel::Node* findOrCreateNode(QList<QByteArray> parts, Tessel::Node* parent,

@@ -140,6 +140,7 @@ protected:
     void attachTo(Node* host, const QByteArray& name);
 
 private:
+    friend class AttributeAlias;
     friend class Node;
     friend class ListenerHolder;
     struct Listener {
@@ -166,6 +167,9 @@ private:
     std::shared_ptr<const ListenerTable> listeners;
     bool destroying = false;
     bool detaching = false; // the host is notifying its removal
+    // Set while an AttributeAlias part exists (its constructor body to its destructor's
+    // end), as a dynamic_cast would find it: resolving aliases is on every path lookup.
+    bool isAlias = false;
 };
 
 } // namespace Tessel

@@ -2,10 +2,13 @@
 
 namespace Tessel {
 
-AttributeAlias::AttributeAlias() = default;
+AttributeAlias::AttributeAlias() {
+    isAlias = true;
+}
 
 AttributeAlias::AttributeAlias(Node* host, const QByteArray& name, Attribute* target)
     : Attribute(host, name) {
+    isAlias = true;
     if (target)
         setTarget(target);
 }
@@ -13,6 +16,7 @@ AttributeAlias::AttributeAlias(Node* host, const QByteArray& name, Attribute* ta
 AttributeAlias::~AttributeAlias() {
     aboutToBeDestroyed();
     unhook();
+    isAlias = false;
 }
 
 QByteArray AttributeAlias::type() const {
@@ -20,8 +24,8 @@ QByteArray AttributeAlias::type() const {
 }
 
 Attribute* AttributeAlias::resolve(Attribute* attribute) {
-    while (auto* alias = dynamic_cast<AttributeAlias*>(attribute))
-        attribute = alias->directTarget;
+    while (attribute && attribute->isAlias)
+        attribute = static_cast<AttributeAlias*>(attribute)->directTarget;
     return attribute;
 }
 

@@ -70,12 +70,25 @@ TEST(SyncFlags, IdRuleKeepsIdsLocalAtAnyDepth) {
     ASSERT_TRUE(node.addDeepAttribute("a/b/id", new AttributeT<int>()));
     ASSERT_TRUE(node.addDeepAttribute("a/identity", new AttributeT<int>()));
     ASSERT_TRUE(node.addDeepAttribute("id", new AttributeT<int>()));
+    for (const char* path : {"a/xid", "x/id/a", "a/ID", "ida"})
+        ASSERT_TRUE(node.addDeepAttribute(path, new AttributeT<int>()));
     node.update();
     auto& registry = node.symbolRegistry();
-    EXPECT_EQ(node.syncFlags().getFlags(registry.lookup(QByteArray("a/b/id"))), SyncFlags::Local);
-    EXPECT_EQ(node.syncFlags().getFlags(registry.lookup(QByteArray("id"))), SyncFlags::Local);
-    EXPECT_EQ(node.syncFlags().getFlags(registry.lookup(QByteArray("a/identity"))),
-              SyncFlags::Sync);
+    const auto flagOf = [&](const char* path) {
+        return node.syncFlags().getFlags(registry.lookup(QByteArray(path)));
+    };
+    EXPECT_EQ(flagOf("a/b/id"), SyncFlags::Local);
+    EXPECT_EQ(flagOf("id"), SyncFlags::Local);
+    for (const char* path : {"a/identity", "a/xid", "x/id/a", "a/ID", "ida"})
+        EXPECT_EQ(flagOf(path), SyncFlags::Sync) << path;
+
+    // The same text as an application's case-blind rule is a rule of its own.
+    node.setSyncFlags(QRegExp("(^|/)id$", Qt::CaseInsensitive), SyncFlags::Local);
+    ASSERT_TRUE(node.addDeepAttribute("b/Id", new AttributeT<int>()));
+    node.update();
+    EXPECT_EQ(flagOf("a/ID"), SyncFlags::Local);
+    EXPECT_EQ(flagOf("b/Id"), SyncFlags::Local);
+    EXPECT_EQ(flagOf("a/xid"), SyncFlags::Sync);
 }
 
 TEST(SyncFlags, LaterRulesWinForExistingAndLaterAttributes) {

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 using namespace SyncTest;
 using Dovel::AttributeCache;
 using Tessel::AttributeAlias;
@@ -102,6 +104,40 @@ TEST(NodeWatcher, DefersAdditionsUntilUpdateOrFirstChange) {
     EXPECT_EQ(w.cache.find(w.sym("n/x")), x);
     c->setValue(5.0f, L3);
     EXPECT_EQ(w.recorder.take(), std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("c"))});
+}
+
+TEST(NodeWatcher, AddCompleteWatchesAtOnceAndKeepsTheOrderOfWhatWasQueued) {
+    Watched w;
+    w.watcher.startWatching(w.root, false);
+    auto* n = new Node(&w.root, "n");
+
+    // Nothing queued: reported from inside the addition, watched like any other.
+    auto* a = new AttributeT<float>();
+    ASSERT_TRUE(w.watcher.addComplete(*n, "a", a));
+    const std::vector<Event> nodeThenA = {ev(NodeWatcher::NodeAdded, w.sym("n")),
+                                          ev(NodeWatcher::AttributeAdded, w.sym("n/a"))};
+    EXPECT_EQ(w.recorder.take(), nodeThenA);
+    EXPECT_EQ(w.cache.find(w.sym("n/a")), a);
+    EXPECT_EQ(w.watcher.pendingCount(), 0);
+    a->setValue(1.0f, L3);
+    EXPECT_EQ(w.recorder.take(),
+              std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("n/a"))});
+
+    // An addition still queued is reported first.
+    new AttributeT<float>(n, "b");
+    auto* c = new AttributeT<float>();
+    ASSERT_TRUE(w.watcher.addComplete(*n, "c", c));
+    const std::vector<Event> bThenC = {ev(NodeWatcher::AttributeAdded, w.sym("n/b")),
+                                       ev(NodeWatcher::AttributeAdded, w.sym("n/c"))};
+    EXPECT_EQ(w.recorder.take(), bThenC);
+    c->setValue(2.0f, L3); // one listener on it: one report
+    EXPECT_EQ(w.recorder.take(),
+              std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("n/c"))});
+
+    // A name that is taken: refused, nothing reported, the caller keeps the attribute.
+    std::unique_ptr<AttributeT<float>> refused(new AttributeT<float>());
+    EXPECT_FALSE(w.watcher.addComplete(*n, "a", refused.get()));
+    EXPECT_TRUE(w.recorder.take().empty());
 }
 
 TEST(NodeWatcher, AddedThenRemovedBeforeUpdateIsABalancedPair) {

@@ -6,6 +6,7 @@
 #include "Dovel/bundle/Bundle.h"
 #include "Dovel/bundle/BundleReader.h"
 #include "Dovel/bundle/BundleWriter.h"
+#include "Dovel/sync/RemoteNode.h"
 
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/AttributeEnum.h"
@@ -25,13 +26,11 @@ namespace DovelTool {
 
 namespace {
 
+using Dovel::childPath;
+
 const QString TypeKey = QStringLiteral("@type");
 const QString ValueKey = QStringLiteral("value");
 const QString NamesKey = QStringLiteral("names");
-
-QByteArray childPath(const QByteArray& path, const QByteArray& name) {
-    return path.isEmpty() ? name : path + '/' + name;
-}
 
 // A name or path as text. Names may hold zero characters (JSON keys can), which
 // QString::fromUtf8(QByteArray) would stop at.

@@ -79,7 +79,7 @@ public:
 private:
     void collect(Tessel::Node& node, const QByteArray& prefix) {
         for (Tessel::Attribute* child : node.children()) {
-            const QByteArray path = prefix.isEmpty() ? child->name() : prefix + '/' + child->name();
+            const QByteArray path = Dovel::childPath(prefix, child->name());
             if (auto* inner = dynamic_cast<Tessel::Node*>(child)) {
                 collect(*inner, path);
             } else {
