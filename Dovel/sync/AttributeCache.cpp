@@ -7,10 +7,11 @@ namespace Dovel {
 AttributeCache::AttributeCache() = default;
 
 bool AttributeCache::add(unsigned int symbol, Tessel::Attribute* attribute) {
+    if (!attribute)
+        return false; // a symbol without an attribute is an absent one
     std::unique_lock<std::shared_mutex> locker(lock);
-    auto it = bySymbol.constFind(symbol);
-    if (it != bySymbol.constEnd()) {
-        if (it.value() == attribute)
+    if (Tessel::Attribute* const* found = bySymbol.find(symbol)) {
+        if (*found == attribute)
             return true;
         Basalt::Trace::error("AttributeCache::ensureExists # Found an existing symbol (%u) "
                              "pointing to a different attribute",
@@ -24,7 +25,7 @@ bool AttributeCache::add(unsigned int symbol, Tessel::Attribute* attribute) {
 
 Tessel::Attribute* AttributeCache::find(unsigned int symbol) const {
     std::shared_lock<std::shared_mutex> locker(lock);
-    return bySymbol.value(symbol, nullptr);
+    return bySymbol.value(symbol);
 }
 
 unsigned int AttributeCache::symbolOf(Tessel::Attribute* attribute) const {
@@ -34,14 +35,14 @@ unsigned int AttributeCache::symbolOf(Tessel::Attribute* attribute) const {
 
 bool AttributeCache::remove(unsigned int symbol) {
     std::unique_lock<std::shared_mutex> locker(lock);
-    auto it = bySymbol.find(symbol);
-    if (it == bySymbol.end()) {
+    Tessel::Attribute* const attribute = bySymbol.value(symbol);
+    if (!attribute) {
         Basalt::Trace::error("AttributeCache::remove # Trying to remove missing symbol: %u",
                              symbol);
         return false;
     }
-    byAttribute.remove(it.value());
-    bySymbol.erase(it);
+    byAttribute.remove(attribute);
+    bySymbol.remove(symbol);
     nodes.remove(symbol);
     return true;
 }

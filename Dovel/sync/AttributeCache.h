@@ -6,6 +6,8 @@
 // out while holding it except the error log.
 #pragma once
 
+#include "Basalt/SymbolMap.h"
+
 #include <QHash>
 #include <QSet>
 
@@ -26,7 +28,8 @@ public:
     AttributeCache& operator=(const AttributeCache&) = delete;
 
     // True when the pair is present afterwards; false (logged, nothing changed) when the
-    // symbol already names another attribute. Never touches the node set.
+    // symbol already names another attribute, and false for a null attribute. Never
+    // touches the node set.
     bool add(unsigned int symbol, Tessel::Attribute* attribute);
     // The attribute of the symbol, or null.
     Tessel::Attribute* find(unsigned int symbol) const;
@@ -36,7 +39,7 @@ public:
         std::shared_lock<std::shared_mutex> locker(lock);
         out.resize(count);
         for (size_t i = 0; i < count; ++i)
-            out[i] = bySymbol.value(symbolAt(i), nullptr);
+            out[i] = bySymbol.value(symbolAt(i));
     }
     // The symbol of a cached attribute, or 0.
     unsigned int symbolOf(Tessel::Attribute* attribute) const;
@@ -49,7 +52,8 @@ public:
 private:
     mutable std::shared_mutex lock;
     QSet<unsigned int> nodes;
-    QHash<unsigned int, Tessel::Attribute*> bySymbol;
+    // Local symbols are dense: a vector slot per attribute, no allocation per entry.
+    Basalt::SymbolMap<Tessel::Attribute*> bySymbol;
     QHash<Tessel::Attribute*, unsigned int> byAttribute;
 };
 

@@ -31,9 +31,13 @@ DovelSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) cons
 
 DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path) {
     std::unique_lock<std::shared_mutex> locker(lock);
-    const auto made = byPath.try_emplace(path);
-    DovelSessionAttribute* record = &made.first->second;
-    if (made.second) {
+    // A tree is mostly announced in the order of its paths: the place after the last
+    // record made is tried first, which spares the descent from the root.
+    const auto hint = byPath.empty() ? byPath.end() : std::next(lastMade);
+    const size_t before = byPath.size();
+    lastMade = byPath.try_emplace(hint, path);
+    DovelSessionAttribute* record = &lastMade->second;
+    if (byPath.size() != before) {
         record->localSymbol = node.symbolRegistry().lookupOrDefine(path);
         byLocalSymbol.insert(record->localSymbol, record);
     }

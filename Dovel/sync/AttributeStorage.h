@@ -59,6 +59,8 @@ private:
     mutable std::shared_mutex lock;
     // Owns the records, in its nodes (which never move): one allocation per record.
     std::map<QByteArray, DovelSessionAttribute> byPath;
+    // The record createByPath returned last (valid once byPath is not empty).
+    std::map<QByteArray, DovelSessionAttribute>::iterator lastMade;
     // Local symbols are dense; the peer's nearly always are too.
     Basalt::SymbolMap<DovelSessionAttribute*> byLocalSymbol;
     Basalt::SymbolMap<DovelSessionAttribute*> byReadSymbol;

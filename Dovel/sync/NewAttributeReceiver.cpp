@@ -172,8 +172,12 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
         if (!raw) {
             if (!createMissing)
                 return nullptr;
-            // owned by its host
-            parent = new Tessel::Node(parent, QByteArray(path.constData() + start, end - start));
+            // Owned by its host once added; watched at once, as the attributes are.
+            auto created = std::make_unique<Tessel::Node>();
+            if (!node.watcher().addComplete(
+                    *parent, QByteArray(path.constData() + start, end - start), created.get()))
+                return nullptr;
+            parent = created.release();
         } else if (!(parent = dynamic_cast<Tessel::Node*>(Tessel::AttributeAlias::resolve(raw)))) {
             Basalt::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing "
                                  "attribute where a node was expected");

@@ -232,8 +232,11 @@ void NodeWatcher::Impl::watchNode(Node& node, const QByteArray& path, unsigned i
 void NodeWatcher::Impl::watchAttribute(Attribute& attribute, const QByteArray& path,
                                        unsigned int symbol, bool notify,
                                        Tessel::ListenerHolder& holder) {
-    if (auto* alias = dynamic_cast<AttributeAlias*>(&attribute)) {
-        Attribute* target = AttributeAlias::resolve(alias);
+    // Only an alias resolves to something other than itself (or to nothing); asking so
+    // spares a dynamic_cast per watched attribute.
+    Attribute* target = AttributeAlias::resolve(&attribute);
+    if (target != &attribute) {
+        auto* alias = static_cast<AttributeAlias*>(&attribute);
         {
             std::lock_guard<std::mutex> locker(aliasMutex);
             aliases.insert(alias, target);

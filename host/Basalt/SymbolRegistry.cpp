@@ -73,15 +73,15 @@ SymbolRegistry::SymbolRegistry() {
 
 SymbolRegistry::~SymbolRegistry() = default;
 
-size_t SymbolRegistry::homeSlot(const QByteArray& name) const {
-    return size_t(keyedHash(name.constData(), size_t(name.size()), key) >> (64 - slotBits));
+uint64_t SymbolRegistry::hashOf(const QByteArray& name) const {
+    return keyedHash(name.constData(), size_t(name.size()), key);
 }
 
-uint32_t SymbolRegistry::findName(const QByteArray& name, size_t* slot) const {
+uint32_t SymbolRegistry::findName(const QByteArray& name, uint64_t hash, size_t* slot) const {
     if (nameSlots.empty())
         return 0;
     const size_t mask = nameSlots.size() - 1;
-    for (size_t i = homeSlot(name);; i = (i + 1) & mask) {
+    for (size_t i = homeSlot(hash);; i = (i + 1) & mask) {
         const uint32_t symbol = nameSlots[i];
         if (symbol == 0)
             return 0;
@@ -93,10 +93,10 @@ uint32_t SymbolRegistry::findName(const QByteArray& name, size_t* slot) const {
     }
 }
 
-void SymbolRegistry::addName(const QByteArray& name, uint32_t symbol) {
+void SymbolRegistry::addName(uint64_t hash, uint32_t symbol) {
     if ((size_t(bySymbol.size()) + 1) * 2 > nameSlots.size())
         rehashNames(std::max(4, slotBits + 1));
-    placeName(homeSlot(name), symbol);
+    placeName(homeSlot(hash), symbol);
 }
 
 void SymbolRegistry::placeName(size_t home, uint32_t symbol) {
@@ -113,7 +113,7 @@ void SymbolRegistry::removeNameAt(size_t slot) {
     const size_t mask = nameSlots.size() - 1;
     size_t hole = slot;
     for (size_t j = (slot + 1) & mask; nameSlots[j] != 0; j = (j + 1) & mask) {
-        const size_t home = homeSlot(*bySymbol.find(nameSlots[j]));
+        const size_t home = homeSlot(hashOf(*bySymbol.find(nameSlots[j])));
         const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
         if (!stays) {
             nameSlots[hole] = nameSlots[j];
@@ -129,7 +129,7 @@ void SymbolRegistry::rehashNames(int bits) {
     slotBits = bits;
     for (const uint32_t symbol : old)
         if (symbol != 0)
-            placeName(homeSlot(*bySymbol.find(symbol)), symbol);
+            placeName(homeSlot(hashOf(*bySymbol.find(symbol))), symbol);
 }
 
 bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {
@@ -137,7 +137,8 @@ bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {
         return false;
     std::lock_guard<std::mutex> lock(mutex);
     size_t slot = 0;
-    const uint32_t current = findName(name, &slot);
+    const uint64_t hash = hashOf(name);
+    const uint32_t current = findName(name, hash, &slot);
     if (current == symbol)
         return false;
     // Unbind the name's old symbol and the symbol's old name, so that both directions
@@ -147,12 +148,12 @@ bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {
         bySymbol.remove(current);
     }
     if (const QByteArray* oldName = bySymbol.find(symbol)) {
-        if (findName(*oldName, &slot) == symbol)
+        if (findName(*oldName, hashOf(*oldName), &slot) == symbol)
             removeNameAt(slot);
         bySymbol.remove(symbol);
     }
     const QByteArray key = stored(name);
-    addName(key, symbol);
+    addName(hash, symbol);
     bySymbol.insert(symbol, key);
     if (symbol >= next)
         next = symbol == std::numeric_limits<uint32_t>::max() ? symbol : symbol + 1;
@@ -171,7 +172,8 @@ QByteArray SymbolRegistry::lookup(uint32_t symbol) const {
 
 uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name) {
     std::lock_guard<std::mutex> lock(mutex);
-    if (const uint32_t known = findName(name))
+    const uint64_t hash = hashOf(name);
+    if (const uint32_t known = findName(name, hash))
         return known;
     // `next` is above every defined symbol unless the top of the range was defined.
     if (bySymbol.contains(next)) {
@@ -180,7 +182,7 @@ uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name) {
     }
     const uint32_t symbol = next;
     const QByteArray key = stored(name);
-    addName(key, symbol);
+    addName(hash, symbol);
     bySymbol.insert(symbol, key);
     if (next != std::numeric_limits<uint32_t>::max())
         ++next;

@@ -38,13 +38,17 @@ public:
     int size() const;
 
 private:
-    // Where the probe for `name` starts: the top bits of a hash keyed by this registry's
-    // random key, so that a peer cannot choose names that crowd one run of slots.
-    size_t homeSlot(const QByteArray& name) const;
-    // The symbol of `name` and its slot in `nameSlots`; 0 when unknown.
-    uint32_t findName(const QByteArray& name, size_t* slot = nullptr) const;
-    // Adds a name that is not there yet; its bytes need not be in bySymbol yet.
-    void addName(const QByteArray& name, uint32_t symbol);
+    // The hash of `name`, keyed by this registry's random key, so that a peer cannot
+    // choose names that crowd one run of slots. Computed once per operation.
+    uint64_t hashOf(const QByteArray& name) const;
+    // Where the probe for a name of that hash starts: the top bits.
+    size_t homeSlot(uint64_t hash) const { return size_t(hash >> (64 - slotBits)); }
+    // The symbol of `name` (of that hash) and its slot in `nameSlots`; 0 when unknown.
+    uint32_t findName(const QByteArray& name, uint64_t hash, size_t* slot = nullptr) const;
+    uint32_t findName(const QByteArray& name) const { return findName(name, hashOf(name)); }
+    // Adds a name (of that hash) that is not there yet; its bytes need not be in
+    // bySymbol yet.
+    void addName(uint64_t hash, uint32_t symbol);
     // Puts `symbol` in the first free slot from `home` on.
     void placeName(size_t home, uint32_t symbol);
     void removeNameAt(size_t slot);

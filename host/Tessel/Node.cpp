@@ -52,7 +52,7 @@ bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
     attribute->hostNode = this;
     childIndex.insert(name, childList.insert(childList.end(), attribute));
     attributeAdded(attribute);
-    sendChildEvent("attribute-added", name);
+    sendChildEvent(QByteArrayLiteral("attribute-added"), name);
     return true;
 }
 
@@ -80,7 +80,7 @@ void Node::detach(ChildList::iterator position) {
         child->detaching = true;
         // Both notifications come while the child is still listed, findable and hosted.
         attributeRemoved(child);
-        sendChildEvent("attribute-removed", name);
+        sendChildEvent(QByteArrayLiteral("attribute-removed"), name);
         // A listener may have removed or deleted the child meanwhile (that nested
         // removal unlisted it without notifying again); then it must not be touched.
         auto it = childIndex.find(name);
@@ -94,7 +94,7 @@ void Node::detach(ChildList::iterator position) {
     child->detaching = false;
 }
 
-void Node::sendChildEvent(const char* event, const QByteArray& childName) {
+void Node::sendChildEvent(const QByteArray& event, const QByteArray& childName) {
     Basalt::BinaryData payload;
     payload.write(childName);
     eventSend(event, payload);

@@ -128,7 +128,7 @@ protected:
 private:
     using ChildList = std::list<Attribute*>;
     void detach(ChildList::iterator position);
-    void sendChildEvent(const char* event, const QByteArray& childName);
+    void sendChildEvent(const QByteArray& event, const QByteArray& childName);
     bool isSelfOrAncestor(const Attribute* attribute) const;
 
     ChildList childList;
