@@ -12,7 +12,7 @@ long ListenerHolder::add(Attribute* attribute, const std::function<void()>& call
                          int roleMask) {
     if (!attribute || attribute->destroying)
         return -1;
-    entryFor(attribute);
+    held.insert(attribute);
     return attribute->addListener(callback, roleMask, this);
 }
 
@@ -21,35 +21,34 @@ long ListenerHolder::addBd(Node* node, const QByteArray& event,
                            Node::ListenerType type) {
     if (!node || node->destroying)
         return -1;
-    Registrations& entry = entryFor(node);
+    held.insert(node);
+    auto made = nodeEvents.try_emplace(node);
     // Something of ours that nobody else removes must sit on the node for it to tell us
     // of its end: event listeners are not attribute listeners.
-    if (!entry.inert) {
+    if (made.second)
         node->addListener(std::function<void()>(), 0, this);
-        entry.inert = true;
-    }
     const long id = node->eventAddListenerBd(event, callback, type);
-    entry.eventListeners.push_back(id);
+    made.first->second.push_back(id);
     return id;
 }
 
 void ListenerHolder::removeListeners(Attribute* attribute) {
-    auto it = held.find(attribute);
-    if (it == held.end())
+    if (!held.erase(attribute))
         return;
-    const Registrations entry = std::move(it->second);
-    held.erase(it);
-    attribute->removeListenersOf(this);
-    if (!entry.eventListeners.empty()) {
-        Node* node = static_cast<Node*>(attribute); // only nodes get event registrations
-        for (long id : entry.eventListeners)
-            node->eventRemoveListener(id);
+    std::vector<long> eventListeners;
+    auto it = nodeEvents.find(attribute);
+    if (it != nodeEvents.end()) {
+        eventListeners = std::move(it->second);
+        nodeEvents.erase(it);
     }
+    attribute->removeListenersOf(this);
+    for (long id : eventListeners)
+        static_cast<Node*>(attribute)->eventRemoveListener(id); // only nodes have them
 }
 
 void ListenerHolder::removeAll() {
-    while (!held.empty())
-        removeListeners(held.begin()->first);
+    for (Attribute* attribute : held.values())
+        removeListeners(attribute); // a no-op for one forgotten meanwhile
 }
 
 } // namespace Tessel

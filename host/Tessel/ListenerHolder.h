@@ -10,6 +10,8 @@
 
 #include "Tessel/Node.h"
 
+#include "Basalt/PointerSet.h"
+
 #include <QByteArray>
 
 #include <functional>
@@ -41,21 +43,22 @@ public:
     void removeListeners(Attribute* attribute);
     void removeAll();
     // Whether registrations on `attribute` are held.
-    bool holds(Attribute* attribute) const { return held.count(attribute) != 0; }
+    bool holds(Attribute* attribute) const { return held.contains(attribute); }
 
 private:
     friend class Attribute;
-    // The attribute's listeners are found by their holder tag; only node event
-    // listeners need their ids kept.
-    struct Registrations {
-        std::vector<long> eventListeners; // Node::eventAddListenerBd ids
-        bool inert = false;               // the inert tagged listener is in place
-    };
-    Registrations& entryFor(Attribute* attribute) { return held[attribute]; }
     // Called by an attribute that is being destroyed.
-    void forget(Attribute* attribute) { held.erase(attribute); }
+    void forget(Attribute* attribute) {
+        if (held.erase(attribute))
+            nodeEvents.erase(attribute);
+    }
 
-    std::unordered_map<Attribute*, Registrations> held;
+    // Every attribute or node with registrations of ours. The attribute's listeners are
+    // found by their holder tag; only node event listeners need their ids kept.
+    Basalt::PointerSet<Attribute> held;
+    // Per node with event registrations: their ids (Node::eventAddListenerBd). A node
+    // gets an inert tagged listener with its first one, so that it tells us of its end.
+    std::unordered_map<Attribute*, std::vector<long>> nodeEvents;
 };
 
 } // namespace Tessel

@@ -1,0 +1,64 @@
+#include "Basalt/PointerSet.h"
+
+#include "HeapInUse.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+#include <set>
+#include <vector>
+
+using Basalt::PointerSet;
+
+namespace {
+
+TEST(PointerSet, AgreesWithAnOrderedSetThroughGrowthAndRemovals) {
+    // Neighbouring addresses, as a tree's objects have, crowd the same runs of slots:
+    // removals must keep every probe sequence whole.
+    std::vector<int> objects(3000);
+    PointerSet<int> set;
+    std::set<int*> reference;
+    std::mt19937 random(11);
+    for (int step = 0; step < 60000; ++step) {
+        int* pointer = &objects[random() % (step < 30000 ? 3000 : 300)];
+        if (random() % 3 == 0)
+            ASSERT_EQ(set.erase(pointer), reference.erase(pointer) == 1);
+        else
+            ASSERT_EQ(set.insert(pointer), reference.insert(pointer).second);
+        ASSERT_EQ(set.size(), reference.size());
+        if (step % 997 == 0) {
+            for (int& object : objects)
+                ASSERT_EQ(set.contains(&object), reference.count(&object) == 1);
+            std::vector<int*> values = set.values();
+            std::sort(values.begin(), values.end());
+            ASSERT_TRUE(
+                std::equal(values.begin(), values.end(), reference.begin(), reference.end()));
+        }
+    }
+    EXPECT_FALSE(set.insert(nullptr));
+    EXPECT_FALSE(set.contains(nullptr));
+    EXPECT_FALSE(set.erase(nullptr));
+    set.clear();
+    EXPECT_TRUE(set.empty());
+    EXPECT_FALSE(set.contains(&objects[0]));
+    EXPECT_TRUE(set.insert(&objects[0]));
+}
+
+TEST(PointerSet, CostsNoAllocationPerElement) {
+    if (!TestHeap::HeapIsVisible)
+        GTEST_SKIP() << "the sanitizer's allocator does not report its heap";
+    std::vector<std::unique_ptr<int>> objects;
+    for (int i = 0; i < 100000; ++i)
+        objects.push_back(std::make_unique<int>(i));
+    const size_t before = TestHeap::heapInUse();
+    PointerSet<int> set;
+    for (const auto& object : objects)
+        set.insert(object.get());
+    // At most half full: at most 32 bytes per element, where a node set takes 32 or more
+    // for the node alone.
+    EXPECT_LE(TestHeap::heapInUse() - before, 32u * objects.size());
+}
+
+} // namespace
