@@ -133,14 +133,18 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
                 skipValue(reader, fixedSize);
             }
         }
+        // The record takes the deserializer before the attribute is reported: a listener
+        // of that report may remove the attribute again, and its removal then puts a
+        // skipping deserializer back.
+        sa->deserializer = deserializer;
         // Watched and cached at once, so that the next entries and updates find it.
         if (!node.watcher().addComplete(*parent, leafName, created.get())) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
+            sa->deserializer = skippingDeserializer(fixedSize);
             return;
         }
-        created.release(); // owned by its host now
-        sa->deserializer = deserializer;
+        created.release(); // owned by its host now (or already deleted by a listener)
         return;
     }
 

@@ -31,7 +31,8 @@ bool isIdRule(const QRegExp& expression) {
 }
 
 bool matches(const QRegExp& expression, const QByteArray& path) {
-    return expression.indexIn(QString::fromUtf8(path), 0) >= 0;
+    // With its size: a name may hold zero bytes, where the plain conversion would stop.
+    return expression.indexIn(QString::fromUtf8(path.constData(), path.size()), 0) >= 0;
 }
 
 // Rules are matched against every attribute added to the tree: the id rule is matched on

@@ -29,6 +29,9 @@ TEST(AttributeCache, AddRemoveAndNodeSet) {
     EXPECT_EQ(cache.find(7), &a);
     EXPECT_EQ(cache.symbolOf(&a), 7u);
     EXPECT_EQ(cache.symbolOf(&b), 0u);
+    EXPECT_FALSE(cache.add(8, nullptr)); // no attribute, no entry
+    EXPECT_EQ(cache.find(8), nullptr);
+    EXPECT_EQ(cache.size(), 1);
 
     cache.setIsNode(7, true);
     cache.setIsNode(7, true); // harmless twice
@@ -72,6 +75,10 @@ TEST(SyncFlags, IdRuleKeepsIdsLocalAtAnyDepth) {
     ASSERT_TRUE(node.addDeepAttribute("id", new AttributeT<int>()));
     for (const char* path : {"a/xid", "x/id/a", "a/ID", "ida"})
         ASSERT_TRUE(node.addDeepAttribute(path, new AttributeT<int>()));
+    // Names may hold zero bytes; the rule sees every byte of the path.
+    const QByteArray zeroThenId("z\0/id", 5), idThenZero("n/id\0x", 7);
+    ASSERT_TRUE(node.addDeepAttribute(zeroThenId, new AttributeT<int>()));
+    ASSERT_TRUE(node.addDeepAttribute(idThenZero, new AttributeT<int>()));
     node.update();
     auto& registry = node.symbolRegistry();
     const auto flagOf = [&](const char* path) {
@@ -79,16 +86,20 @@ TEST(SyncFlags, IdRuleKeepsIdsLocalAtAnyDepth) {
     };
     EXPECT_EQ(flagOf("a/b/id"), SyncFlags::Local);
     EXPECT_EQ(flagOf("id"), SyncFlags::Local);
+    EXPECT_EQ(node.syncFlags().getFlags(registry.lookup(zeroThenId)), SyncFlags::Local);
+    EXPECT_EQ(node.syncFlags().getFlags(registry.lookup(idThenZero)), SyncFlags::Sync);
     for (const char* path : {"a/identity", "a/xid", "x/id/a", "a/ID", "ida"})
         EXPECT_EQ(flagOf(path), SyncFlags::Sync) << path;
 
-    // The same text as an application's case-blind rule is a rule of its own.
+    // The same text as an application's case-blind rule is a rule of its own; it is
+    // matched through the expression engine, which sees the zero bytes as well.
     node.setSyncFlags(QRegExp("(^|/)id$", Qt::CaseInsensitive), SyncFlags::Local);
     ASSERT_TRUE(node.addDeepAttribute("b/Id", new AttributeT<int>()));
     node.update();
     EXPECT_EQ(flagOf("a/ID"), SyncFlags::Local);
     EXPECT_EQ(flagOf("b/Id"), SyncFlags::Local);
     EXPECT_EQ(flagOf("a/xid"), SyncFlags::Sync);
+    EXPECT_EQ(node.syncFlags().getFlags(registry.lookup(idThenZero)), SyncFlags::Sync);
 }
 
 TEST(SyncFlags, LaterRulesWinForExistingAndLaterAttributes) {

@@ -109,14 +109,26 @@ TEST(NodeWatcher, DefersAdditionsUntilUpdateOrFirstChange) {
 TEST(NodeWatcher, AddCompleteWatchesAtOnceAndKeepsTheOrderOfWhatWasQueued) {
     Watched w;
     w.watcher.startWatching(w.root, false);
-    auto* n = new Node(&w.root, "n");
+    // A node added whole is reported from inside its addition too.
+    auto* n = new Node();
+    std::vector<Event> seenInside;
+    const long probe = w.root.eventAddListenerBd(
+        "attribute-added", [&](Basalt::BinaryData&) { seenInside = w.recorder.events; },
+        Node::Direct); // registered after the watcher's: runs after it
+    ASSERT_TRUE(w.watcher.addComplete(w.root, "n", n));
+    EXPECT_EQ(seenInside, std::vector<Event>{ev(NodeWatcher::NodeAdded, w.sym("n"))});
+    EXPECT_EQ(w.recorder.take(), std::vector<Event>{ev(NodeWatcher::NodeAdded, w.sym("n"))});
+    w.root.eventRemoveListener(probe);
 
-    // Nothing queued: reported from inside the addition, watched like any other.
+    // Nothing queued: the attribute is watched from inside the addition, like any other.
     auto* a = new AttributeT<float>();
+    const long probe2 = n->eventAddListenerBd(
+        "attribute-added", [&](Basalt::BinaryData&) { seenInside = w.recorder.events; },
+        Node::Direct);
     ASSERT_TRUE(w.watcher.addComplete(*n, "a", a));
-    const std::vector<Event> nodeThenA = {ev(NodeWatcher::NodeAdded, w.sym("n")),
-                                          ev(NodeWatcher::AttributeAdded, w.sym("n/a"))};
-    EXPECT_EQ(w.recorder.take(), nodeThenA);
+    n->eventRemoveListener(probe2);
+    EXPECT_EQ(seenInside, std::vector<Event>{ev(NodeWatcher::AttributeAdded, w.sym("n/a"))});
+    EXPECT_EQ(w.recorder.take(), std::vector<Event>{ev(NodeWatcher::AttributeAdded, w.sym("n/a"))});
     EXPECT_EQ(w.cache.find(w.sym("n/a")), a);
     EXPECT_EQ(w.watcher.pendingCount(), 0);
     a->setValue(1.0f, L3);
@@ -138,6 +150,22 @@ TEST(NodeWatcher, AddCompleteWatchesAtOnceAndKeepsTheOrderOfWhatWasQueued) {
     std::unique_ptr<AttributeT<float>> refused(new AttributeT<float>());
     EXPECT_FALSE(w.watcher.addComplete(*n, "a", refused.get()));
     EXPECT_TRUE(w.recorder.take().empty());
+
+    // A node seen under two paths (its own and an alias's) hears of the addition twice:
+    // the first report is made at once, the second queued and made by the update after.
+    new AttributeAlias(&w.root, "al", n);
+    w.watcher.update();
+    w.recorder.take();
+    auto* d = new AttributeT<float>();
+    ASSERT_TRUE(w.watcher.addComplete(*n, "d", d));
+    const std::vector<Event> bothPaths = {ev(NodeWatcher::AttributeAdded, w.sym("n/d")),
+                                          ev(NodeWatcher::AttributeAdded, w.sym("al/d"))};
+    EXPECT_EQ(w.recorder.take(), bothPaths);
+    EXPECT_EQ(w.watcher.pendingCount(), 0);
+    d->setValue(3.0f, L3);
+    const std::vector<Event> changedOnBoth = {ev(NodeWatcher::AttributeChanged, w.sym("n/d")),
+                                              ev(NodeWatcher::AttributeChanged, w.sym("al/d"))};
+    EXPECT_EQ(w.recorder.take(), changedOnBoth);
 }
 
 TEST(NodeWatcher, AddedThenRemovedBeforeUpdateIsABalancedPair) {

@@ -93,6 +93,28 @@ TEST(Receivers, RemovalDestroysPeerCreatedAttributesOnlyAndReadsLateUpdatesPast)
     EXPECT_EQ(p.rightAt("p/x")->asInt(), 5);
 }
 
+TEST(Receivers, AnAttributeDeletedWhenItsArrivalIsReportedTakesNoLaterValues) {
+    Pair p;
+    p.left.addDeepAttribute("p/x", new AttributeT<int>(nullptr, "", 1));
+    p.left.addDeepAttribute("p/z", new AttributeT<int>(nullptr, "", 2));
+    // The right side's application drops p/x as soon as it hears of it.
+    p.right.addAttributeChangeListener([&p](const Dovel::NodeWatcher::Event& event) {
+        if (event.type == Dovel::NodeWatcher::AttributeAdded &&
+            event.symbol == p.right.symbolRegistry().lookup(QByteArray("p/x")))
+            delete p.rightAt("p/x");
+    });
+    p.start();
+    EXPECT_EQ(p.rightAt("p/x"), nullptr);
+    ASSERT_TRUE(p.rightAt("p/z"));
+
+    // Later values for it are read past (a deserializer bound to the deleted attribute
+    // would write into freed memory); the entries after it still apply.
+    const uint32_t x = p.leftSymbol("p/x"), z = p.leftSymbol("p/z");
+    p.toRight(UpdateType, Bytes().word(x).word(10).word(z).word(20));
+    EXPECT_EQ(p.rightAt("p/x"), nullptr);
+    EXPECT_EQ(p.rightAt("p/z")->asInt(), 20);
+}
+
 TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
     Pair p;
     p.left.addDeepAttribute("p/z", new AttributeT<int>(nullptr, "", 2));
