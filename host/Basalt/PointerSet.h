@@ -7,6 +7,8 @@
 // multiplicative hash spreads them well enough. Not thread-safe; the owner guards it.
 #pragma once
 
+#include "Basalt/BackwardShift.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -33,19 +35,7 @@ public:
         const size_t slot = pointer ? findSlot(pointer) : npos;
         if (slot == npos)
             return false;
-        // Backward shift: an entry after the hole moves into it unless its home slot lies
-        // cyclically in (hole, its slot], so that no probe sequence is broken.
-        const size_t mask = slots.size() - 1;
-        size_t hole = slot;
-        for (size_t j = (slot + 1) & mask; slots[j]; j = (j + 1) & mask) {
-            const size_t home = homeSlot(slots[j]);
-            const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
-            if (!stays) {
-                slots[hole] = slots[j];
-                hole = j;
-            }
-        }
-        slots[hole] = nullptr;
+        removeByBackwardShift(slots, slot, [this](const T* entry) { return homeSlot(entry); });
         --count;
         return true;
     }

@@ -1,5 +1,6 @@
 #include "Basalt/SymbolRegistry.h"
 
+#include "Basalt/BackwardShift.h"
 #include "Basalt/Trace.h"
 
 #include <QRandomGenerator>
@@ -108,19 +109,9 @@ void SymbolRegistry::placeName(size_t home, uint32_t symbol) {
 }
 
 void SymbolRegistry::removeNameAt(size_t slot) {
-    // Backward shift: an entry after the hole moves into it unless its home slot lies
-    // cyclically in (hole, its slot], so that no probe sequence is broken.
-    const size_t mask = nameSlots.size() - 1;
-    size_t hole = slot;
-    for (size_t j = (slot + 1) & mask; nameSlots[j] != 0; j = (j + 1) & mask) {
-        const size_t home = homeSlot(hashOf(*bySymbol.find(nameSlots[j])));
-        const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
-        if (!stays) {
-            nameSlots[hole] = nameSlots[j];
-            hole = j;
-        }
-    }
-    nameSlots[hole] = 0;
+    removeByBackwardShift(nameSlots, slot, [this](uint32_t symbol) {
+        return homeSlot(hashOf(*bySymbol.find(symbol)));
+    });
 }
 
 void SymbolRegistry::rehashNames(int bits) {
