@@ -144,7 +144,10 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             sa->deserializer = skippingDeserializer(fixedSize);
             return;
         }
-        created.release(); // owned by its host now (or already deleted by a listener)
+        // Owned by its host now; or a listener of the report deleted it, or its parent.
+        Tessel::Attribute* const added = created.release();
+        if (node.attributeCache().find(sa->localSymbol) != added)
+            sa->deserializer = skippingDeserializer(fixedSize);
         return;
     }
 
@@ -176,12 +179,10 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
         if (!raw) {
             if (!createMissing)
                 return nullptr;
-            // Owned by its host once added; watched at once, as the attributes are.
-            auto created = std::make_unique<Tessel::Node>();
-            if (!node.watcher().addComplete(
-                    *parent, QByteArray(path.constData() + start, end - start), created.get()))
-                return nullptr;
-            parent = created.release();
+            // Owned by its host. Its report waits for the next update (the attribute's
+            // addition): a listener of it may delete the node, which must not happen
+            // while this walk still holds it.
+            parent = new Tessel::Node(parent, QByteArray(path.constData() + start, end - start));
         } else if (!(parent = dynamic_cast<Tessel::Node*>(Tessel::AttributeAlias::resolve(raw)))) {
             Basalt::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing "
                                  "attribute where a node was expected");

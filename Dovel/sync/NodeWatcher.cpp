@@ -40,8 +40,13 @@ NodeWatcher::PendingAdded::PendingAdded(unsigned int symbol, Attribute* attribut
     : symbol(symbol), attribute(attribute), notify(notify) {}
 
 NodeWatcher::PendingAdded::~PendingAdded() {
+    releaseListener();
+}
+
+void NodeWatcher::PendingAdded::releaseListener() {
     if (attribute && listenerId >= 0)
         attribute->removeListener(listenerId);
+    listenerId = -1;
 }
 
 bool NodeWatcher::PendingAdded::claim() {
@@ -215,8 +220,13 @@ void NodeWatcher::Impl::watchNode(Node& node, const QByteArray& path, unsigned i
             onRemoved(path, data, *registrations);
         },
         Node::Direct);
-    if (notify)
+    if (notify) {
         emit(NodeAdded, symbol);
+        // A listener deleted the node or took it out of the tree: its registrations are
+        // gone, and so is what the walk below would visit.
+        if (!holder.holds(watched))
+            return;
+    }
     for (Attribute* child : node.children()) {
         if (!child)
             continue;
@@ -325,8 +335,10 @@ void NodeWatcher::Impl::onAdded(Node& node, const QByteArray& path, Basalt::Bina
 
 void NodeWatcher::Impl::firstChange(unsigned int symbol) {
     PendingPtr record = takePending(symbol);
-    if (record && record->claim())
+    if (record && record->claim()) {
+        record->releaseListener();
         process(*record);
+    }
     record.reset();
     Attribute* attribute = cache.find(symbol);
     if (!attribute)
@@ -481,8 +493,10 @@ int NodeWatcher::pendingCount() const {
 
 void NodeWatcher::update() {
     while (Impl::PendingPtr record = impl->popFront()) {
-        if (record->claim())
+        if (record->claim()) {
+            record->releaseListener();
             impl->process(*record);
+        }
     }
 }
 

@@ -6,7 +6,10 @@
 // Thread contract: startWatching, update and every object-model notification run on the
 // tree thread. addListener, removeListener, ignoreOne, stopIgnoring and isPendingUpdate
 // are thread-safe. Listener callbacks run with no watcher lock held, so they may add or
-// remove listeners; the change takes effect from the next emission.
+// remove listeners; the change takes effect from the next emission. A listener may
+// delete (or take out of the tree) the attribute or node it is told was added; other
+// parts of the watched tree must not be deleted from inside a report (the watcher may be
+// walking them): do that after the update.
 #pragma once
 
 #include <QByteArray>
@@ -58,7 +61,9 @@ public:
     // between the pending queue and whoever processes it; only the one that flips
     // `processed` from 0 to 1 may process it. Destroying it removes the temporary change
     // listener from the attribute (which is alive as long as the record is queued: its
-    // removal or deletion takes the record out of the queue first).
+    // removal or deletion takes the record out of the queue first). Whoever takes it out
+    // to process it removes that listener first (releaseListener): a listener of the
+    // report may delete the attribute.
     struct PendingAdded {
         PendingAdded(unsigned int symbol, Tessel::Attribute* attribute, bool notify);
         ~PendingAdded();
@@ -67,6 +72,8 @@ public:
 
         // True for the one caller that may process the record.
         bool claim();
+        // Removes the temporary change listener now, while the attribute is known alive.
+        void releaseListener();
 
         std::atomic<uint8_t> processed{0};
         const unsigned int symbol;

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <memory>
 
 using namespace SyncTest;
@@ -166,6 +168,38 @@ TEST(NodeWatcher, AddCompleteWatchesAtOnceAndKeepsTheOrderOfWhatWasQueued) {
     const std::vector<Event> changedOnBoth = {ev(NodeWatcher::AttributeChanged, w.sym("n/d")),
                                               ev(NodeWatcher::AttributeChanged, w.sym("al/d"))};
     EXPECT_EQ(w.recorder.take(), changedOnBoth);
+}
+
+TEST(NodeWatcher, AListenerMayDeleteWhatItIsToldWasAdded) {
+    Watched w;
+    w.watcher.startWatching(w.root, false);
+    // Deletes whatever is reported added under "doomed".
+    w.watcher.addListener([&w](const Event& event) {
+        if (event.type != NodeWatcher::AttributeAdded && event.type != NodeWatcher::NodeAdded)
+            return;
+        Tessel::Attribute* doomed = w.root.attribute("doomed");
+        if (doomed && event.symbol == w.sym("doomed"))
+            delete doomed;
+    });
+
+    // Reported by update(): a node with a child, which goes along.
+    auto* node = new Node(&w.root, "doomed");
+    new AttributeT<float>(node, "x");
+    w.watcher.update();
+    EXPECT_EQ(w.root.attribute("doomed"), nullptr);
+    EXPECT_EQ(w.watcher.pendingCount(), 0);
+
+    // Reported by its first change, before any update.
+    auto* value = new AttributeT<float>(&w.root, "doomed");
+    value->setValue(1.0f, L3);
+    EXPECT_EQ(w.root.attribute("doomed"), nullptr);
+    EXPECT_EQ(w.watcher.pendingCount(), 0);
+    w.watcher.update();
+
+    const std::vector<Event> seen = w.recorder.take();
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), ev(NodeWatcher::NodeAdded, w.sym("doomed"))), 1);
+    EXPECT_EQ(
+        std::count(seen.begin(), seen.end(), ev(NodeWatcher::AttributeAdded, w.sym("doomed"))), 1);
 }
 
 TEST(NodeWatcher, AddedThenRemovedBeforeUpdateIsABalancedPair) {

@@ -115,6 +115,34 @@ TEST(Receivers, AnAttributeDeletedWhenItsArrivalIsReportedTakesNoLaterValues) {
     EXPECT_EQ(p.rightAt("p/z")->asInt(), 20);
 }
 
+TEST(Receivers, ANodeDeletedWhenItsArrivalIsReportedTakesItsAttributesAlong) {
+    Pair p;
+    p.left.addDeepAttribute("n/x", new AttributeT<int>(nullptr, "", 1));
+    p.left.addDeepAttribute("n/y", new AttributeT<int>(nullptr, "", 2));
+    p.left.addDeepAttribute("m/z", new AttributeT<int>(nullptr, "", 3));
+    // The right side's application drops the node n the first time it hears of it.
+    bool dropped = false;
+    p.right.addAttributeChangeListener([&](const Dovel::NodeWatcher::Event& event) {
+        if (!dropped && event.type == Dovel::NodeWatcher::NodeAdded &&
+            event.symbol == p.right.symbolRegistry().lookup(QByteArray("n"))) {
+            dropped = true;
+            delete p.rightAt("n");
+        }
+    });
+    p.start();
+    ASSERT_TRUE(dropped);
+    // n/x went with the node; n/y, the next entry, made the node again.
+    EXPECT_EQ(p.rightAt("n/x"), nullptr);
+    ASSERT_TRUE(p.rightAt("n/y"));
+    EXPECT_EQ(p.rightAt("n/y")->asInt(), 2);
+    EXPECT_EQ(p.rightAt("m/z")->asInt(), 3);
+
+    const uint32_t x = p.leftSymbol("n/x"), y = p.leftSymbol("n/y");
+    p.toRight(UpdateType, Bytes().word(x).word(10).word(y).word(20));
+    EXPECT_EQ(p.rightAt("n/x"), nullptr);
+    EXPECT_EQ(p.rightAt("n/y")->asInt(), 20);
+}
+
 TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
     Pair p;
     p.left.addDeepAttribute("p/z", new AttributeT<int>(nullptr, "", 2));
