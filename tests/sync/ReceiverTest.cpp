@@ -93,54 +93,44 @@ TEST(Receivers, RemovalDestroysPeerCreatedAttributesOnlyAndReadsLateUpdatesPast)
     EXPECT_EQ(p.rightAt("p/x")->asInt(), 5);
 }
 
-TEST(Receivers, AnAttributeDeletedWhenItsArrivalIsReportedTakesNoLaterValues) {
+TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) {
     Pair p;
     p.left.addDeepAttribute("p/x", new AttributeT<int>(nullptr, "", 1));
     p.left.addDeepAttribute("p/z", new AttributeT<int>(nullptr, "", 2));
-    // The right side's application drops p/x as soon as it hears of it.
-    p.right.addAttributeChangeListener([&p](const Dovel::NodeWatcher::Event& event) {
-        if (event.type == Dovel::NodeWatcher::AttributeAdded &&
-            event.symbol == p.right.symbolRegistry().lookup(QByteArray("p/x")))
-            delete p.rightAt("p/x");
-    });
-    p.start();
-    EXPECT_EQ(p.rightAt("p/x"), nullptr);
-    ASSERT_TRUE(p.rightAt("p/z"));
-
-    // Later values for it are read past (a deserializer bound to the deleted attribute
-    // would write into freed memory); the entries after it still apply.
-    const uint32_t x = p.leftSymbol("p/x"), z = p.leftSymbol("p/z");
-    p.toRight(UpdateType, Bytes().word(x).word(10).word(z).word(20));
-    EXPECT_EQ(p.rightAt("p/x"), nullptr);
-    EXPECT_EQ(p.rightAt("p/z")->asInt(), 20);
-}
-
-TEST(Receivers, ANodeDeletedWhenItsArrivalIsReportedTakesItsAttributesAlong) {
-    Pair p;
-    p.left.addDeepAttribute("n/x", new AttributeT<int>(nullptr, "", 1));
-    p.left.addDeepAttribute("n/y", new AttributeT<int>(nullptr, "", 2));
-    p.left.addDeepAttribute("m/z", new AttributeT<int>(nullptr, "", 3));
-    // The right side's application drops the node n the first time it hears of it.
-    bool dropped = false;
+    p.left.addDeepAttribute("n/x", new AttributeT<int>(nullptr, "", 3));
+    p.left.addDeepAttribute("n/y", new AttributeT<int>(nullptr, "", 4));
+    // The right side's application drops p/x as soon as it hears of it, and the node n
+    // the first time it hears of it (with n/x, the attribute that brought it).
+    bool nodeDropped = false;
     p.right.addAttributeChangeListener([&](const Dovel::NodeWatcher::Event& event) {
-        if (!dropped && event.type == Dovel::NodeWatcher::NodeAdded &&
-            event.symbol == p.right.symbolRegistry().lookup(QByteArray("n"))) {
-            dropped = true;
+        const Basalt::SymbolRegistry& symbols = p.right.symbolRegistry();
+        if (event.type == Dovel::NodeWatcher::AttributeAdded &&
+            event.symbol == symbols.lookup(QByteArray("p/x")))
+            delete p.rightAt("p/x");
+        if (!nodeDropped && event.type == Dovel::NodeWatcher::NodeAdded &&
+            event.symbol == symbols.lookup(QByteArray("n"))) {
+            nodeDropped = true;
             delete p.rightAt("n");
         }
     });
     p.start();
-    ASSERT_TRUE(dropped);
-    // n/x went with the node; n/y, the next entry, made the node again.
+    ASSERT_TRUE(nodeDropped);
+    EXPECT_EQ(p.rightAt("p/x"), nullptr);
     EXPECT_EQ(p.rightAt("n/x"), nullptr);
-    ASSERT_TRUE(p.rightAt("n/y"));
-    EXPECT_EQ(p.rightAt("n/y")->asInt(), 2);
-    EXPECT_EQ(p.rightAt("m/z")->asInt(), 3);
+    ASSERT_TRUE(p.rightAt("p/z"));
+    ASSERT_TRUE(p.rightAt("n/y")); // the next entry made the node again
+    EXPECT_EQ(p.rightAt("n/y")->asInt(), 4);
 
-    const uint32_t x = p.leftSymbol("n/x"), y = p.leftSymbol("n/y");
-    p.toRight(UpdateType, Bytes().word(x).word(10).word(y).word(20));
+    // Later values for the deleted ones are read past (a deserializer bound to a deleted
+    // attribute would write into freed memory); the entries after them still apply.
+    Bytes updates;
+    for (const char* path : {"p/x", "p/z", "n/x", "n/y"})
+        updates.word(p.leftSymbol(path)).word(p.leftSymbol(path) * 10);
+    p.toRight(UpdateType, updates);
+    EXPECT_EQ(p.rightAt("p/x"), nullptr);
     EXPECT_EQ(p.rightAt("n/x"), nullptr);
-    EXPECT_EQ(p.rightAt("n/y")->asInt(), 20);
+    EXPECT_EQ(uint32_t(p.rightAt("p/z")->asInt()), p.leftSymbol("p/z") * 10);
+    EXPECT_EQ(uint32_t(p.rightAt("n/y")->asInt()), p.leftSymbol("n/y") * 10);
 }
 
 TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
