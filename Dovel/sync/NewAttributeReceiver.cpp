@@ -183,7 +183,7 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
             // addition): a listener of it may delete the node, which must not happen
             // while this walk still holds it.
             parent = new Tessel::Node(parent, QByteArray(path.constData() + start, end - start));
-        } else if (!(parent = dynamic_cast<Tessel::Node*>(Tessel::AttributeAlias::resolve(raw)))) {
+        } else if (!(parent = Tessel::asNode(Tessel::AttributeAlias::resolve(raw)))) {
             Basalt::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing "
                                  "attribute where a node was expected");
             return nullptr;

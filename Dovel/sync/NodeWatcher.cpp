@@ -14,6 +14,7 @@
 
 #include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <shared_mutex>
@@ -207,17 +208,25 @@ void NodeWatcher::Impl::watchNode(Node& node, const QByteArray& path, unsigned i
                                   bool notify, Tessel::ListenerHolder& holder) {
     cache.setIsNode(symbol, true);
     Node* watched = &node;
-    Tessel::ListenerHolder* registrations = &holder;
+    // What both handlers need, shared: each captures 16 bytes, which std::function keeps
+    // without a heap block of its own.
+    struct Context {
+        Impl* impl;
+        Node* node;
+        QByteArray path;
+        Tessel::ListenerHolder* holder;
+    };
+    const auto context = std::make_shared<const Context>(Context{this, watched, path, &holder});
     holder.addBd(
-        watched, "attribute-added",
-        [this, watched, path, registrations](Basalt::BinaryData& data) {
-            onAdded(*watched, path, data, *registrations);
+        watched, QByteArrayLiteral("attribute-added"),
+        [context](Basalt::BinaryData& data) {
+            context->impl->onAdded(*context->node, context->path, data, *context->holder);
         },
         Node::Direct);
     holder.addBd(
-        watched, "attribute-removed",
-        [this, path, registrations](Basalt::BinaryData& data) {
-            onRemoved(path, data, *registrations);
+        watched, QByteArrayLiteral("attribute-removed"),
+        [context](Basalt::BinaryData& data) {
+            context->impl->onRemoved(context->path, data, *context->holder);
         },
         Node::Direct);
     if (notify) {
@@ -254,13 +263,13 @@ void NodeWatcher::Impl::watchAttribute(Attribute& attribute, const QByteArray& p
         holder.add(
             alias, [this, alias, path, symbol] { retarget(alias, path, symbol); },
             Attribute::RoleChange);
-        if (auto* node = dynamic_cast<Node*>(target)) {
+        if (auto* node = Tessel::asNode(target)) {
             watchNode(*node, path, symbol, notify, aliasHolder(alias));
             return;
         }
         if (!target)
             return;
-    } else if (auto* node = dynamic_cast<Node*>(&attribute)) {
+    } else if (auto* node = Tessel::asNode(&attribute)) {
         watchNode(*node, path, symbol, notify, holder);
         return;
     } else {
@@ -286,7 +295,7 @@ void NodeWatcher::Impl::retarget(AttributeAlias* alias, const QByteArray& path,
         return;
     }
     if (old) {
-        if (auto* node = dynamic_cast<Node*>(old)) {
+        if (auto* node = Tessel::asNode(old)) {
             unwatchNode(*node, path, symbol, true, aliasHolder(alias));
             dropAliasHolder(alias);
         } else {
@@ -295,7 +304,7 @@ void NodeWatcher::Impl::retarget(AttributeAlias* alias, const QByteArray& path,
     }
     if (!now)
         return;
-    if (auto* node = dynamic_cast<Node*>(now)) {
+    if (auto* node = Tessel::asNode(now)) {
         watchNode(*node, path, symbol, true, aliasHolder(alias));
         return;
     }
@@ -392,11 +401,11 @@ void NodeWatcher::Impl::unwatchAttribute(Attribute& attribute, const QByteArray&
     if (record) {
         // Never reported as added: report a balanced pair so listeners stay consistent.
         if (notify && !(alias && !resolved)) {
-            const bool isNode = dynamic_cast<Node*>(resolved) != nullptr;
+            const bool isNode = Tessel::asNode(resolved) != nullptr;
             emit(isNode ? NodeAdded : AttributeAdded, record->symbol);
             emit(isNode ? NodeRemoved : AttributeRemoved, record->symbol);
         }
-    } else if (auto* node = dynamic_cast<Node*>(resolved)) {
+    } else if (auto* node = Tessel::asNode(resolved)) {
         unwatchNode(*node, path, symbol, notify, alias ? aliasHolder(alias) : holder);
     } else {
         Attribute* target = nullptr;

@@ -50,7 +50,7 @@ void walkWithPath(Node& node, const QByteArray& prefix,
         if (!resolved)
             continue;
         const QByteArray path = childPath(prefix, child->name());
-        if (auto* sub = dynamic_cast<Node*>(resolved))
+        if (auto* sub = Tessel::asNode(resolved))
             walkWithPath(*sub, path, visit);
         else
             visit(*resolved, path);
@@ -222,7 +222,7 @@ bool RemoteNode::addDeepAttribute(const QByteArray& fullName, Attribute* attribu
     Node* current = this;
     for (int i = 0; i + 1 < parts.size(); ++i) {
         if (Attribute* existing = current->attribute(parts[i])) {
-            auto* node = dynamic_cast<Node*>(AttributeAlias::resolve(existing));
+            auto* node = Tessel::asNode(AttributeAlias::resolve(existing));
             if (!node) {
                 Basalt::Trace::error("RemoteNode::addDeepAttribute # Failed to add attribute. An "
                                      "attribute already exists on the path where a node is "
@@ -473,7 +473,7 @@ Node* findOrCreateNode(QList<QByteArray> parts, Node* parent, QMap<QByteArray, N
     const QByteArray path = childPath(prefix, part);
     Node* node = nullptr;
     if (Attribute* existing = parent->attribute(part)) {
-        node = dynamic_cast<Node*>(AttributeAlias::resolve(existing));
+        node = Tessel::asNode(AttributeAlias::resolve(existing));
         if (!node) {
             Basalt::Trace::error("findOrCreateNode # '%s'' is not a node!", path.constData());
             return nullptr;
@@ -492,7 +492,7 @@ void walkAttributes(Node& node, const std::function<void(Attribute&)>& visit,
         Attribute* resolved = AttributeAlias::resolve(child);
         if (!resolved || (skip && skip(*resolved)))
             continue;
-        if (auto* sub = dynamic_cast<Node*>(resolved))
+        if (auto* sub = Tessel::asNode(resolved))
             walkAttributes(*sub, visit, skip);
         else
             visit(*resolved);

@@ -4,7 +4,6 @@
 
 #include "Tessel/ListenerHolder.h"
 #include "Tessel/ListenerId.h"
-#include "Tessel/Snapshot.h"
 
 #include "Basalt/Trace.h"
 
@@ -27,12 +26,33 @@ void Attribute::attachTo(Node* host, const QByteArray& name) {
                                host->name().constData());
 }
 
+Attribute::ListenerSnapshot::ListenerSnapshot(std::shared_ptr<const ListenerBlock> entries)
+    : entries(std::move(entries)) {}
+
+std::size_t Attribute::ListenerSnapshot::size() const {
+    if (!entries)
+        return 0;
+    return entries->isTable ? table().entries.size() : 1;
+}
+
+Attribute::Listener& Attribute::ListenerSnapshot::at(std::size_t index) const {
+    if (entries->isTable)
+        return *table().entries[index];
+    // Made as a mutable Listener by addListener; only its `removed` flag ever changes.
+    return const_cast<Listener&>(static_cast<const Listener&>(*entries));
+}
+
+std::shared_ptr<Attribute::Listener> Attribute::ListenerSnapshot::share(std::size_t index) const {
+    if (entries->isTable)
+        return table().entries[index];
+    return std::shared_ptr<Listener>(entries, &at(0));
+}
+
 Attribute::~Attribute() {
     aboutToBeDestroyed();
     // Emissions still running over this attribute (a listener deleted it) skip the rest.
-    if (listeners)
-        for (const auto& listener : *listeners)
-            listener->removed = true;
+    for (std::size_t i = 0; i < listeners.size(); ++i)
+        listeners.at(i).removed = true;
 }
 
 void Attribute::aboutToBeDestroyed() {
@@ -41,10 +61,9 @@ void Attribute::aboutToBeDestroyed() {
     destroying = true;
     emitDelete();
     // Holders forget this attribute now, the way a deletion listener of theirs would.
-    if (listeners)
-        for (const auto& listener : *listeners)
-            if (listener->holder)
-                listener->holder->forget(this);
+    for (std::size_t i = 0; i < listeners.size(); ++i)
+        if (ListenerHolder* holder = listeners.at(i).holder)
+            holder->forget(this);
     if (hostNode)
         hostNode->removeAttribute(this);
 }
@@ -135,10 +154,12 @@ void Attribute::emitRole(int role) {
         return;
     // The snapshot keeps each entry (and its callback) alive while it runs, even if the
     // callback removes it or destroys this attribute; `removed` tells the rest to skip.
-    const std::shared_ptr<const ListenerTable> snapshot = listeners;
-    for (const auto& listener : *snapshot)
-        if ((listener->roles & role) && !listener->removed)
-            listener->callback();
+    const ListenerSnapshot snapshot = listeners;
+    for (std::size_t i = 0, count = snapshot.size(); i < count; ++i) {
+        Listener& listener = snapshot.at(i);
+        if ((listener.roles & role) && !listener.removed)
+            listener.callback();
+    }
 }
 
 long Attribute::addListener(std::function<void()> callback, int roleMask) {
@@ -152,52 +173,67 @@ long Attribute::addListener(std::function<void()> callback, int roleMask, Listen
     listener->holder = holder;
     listener->roles = roleMask;
     const long id = listener->id;
+    if (!listeners) {
+        listeners = ListenerSnapshot(std::move(listener));
+        return id;
+    }
     // Ids only grow, so the new one goes last.
-    listeners = appended(listeners, std::move(listener));
+    auto table = std::make_shared<ListenerTable>();
+    table->entries.reserve(listeners.size() + 1);
+    for (std::size_t i = 0; i < listeners.size(); ++i)
+        table->entries.push_back(listeners.share(i));
+    table->entries.push_back(std::move(listener));
+    listeners = ListenerSnapshot(std::move(table));
     return id;
 }
 
 template <typename Keep> void Attribute::replaceListeners(Keep keep) {
     std::size_t kept = 0;
-    for (const auto& listener : *listeners)
-        kept += keep(*listener);
-    if (kept == 0) {
-        for (const auto& listener : *listeners)
-            listener->removed = true;
-        listeners = nullptr;
-        return;
-    }
-    auto table = std::make_shared<ListenerTable>();
-    table->reserve(kept);
-    for (const auto& listener : *listeners) {
-        if (keep(*listener))
-            table->push_back(listener);
+    for (std::size_t i = 0; i < listeners.size(); ++i)
+        kept += keep(listeners.at(i));
+    auto table = kept > 1 ? std::make_shared<ListenerTable>() : nullptr;
+    if (table)
+        table->entries.reserve(kept);
+    std::shared_ptr<Listener> only;
+    for (std::size_t i = 0; i < listeners.size(); ++i) {
+        if (!keep(listeners.at(i)))
+            listeners.at(i).removed = true;
+        else if (table)
+            table->entries.push_back(listeners.share(i));
         else
-            listener->removed = true;
+            only = listeners.share(i);
     }
-    listeners = std::move(table);
+    if (table)
+        listeners = ListenerSnapshot(std::move(table));
+    else if (only)
+        listeners = ListenerSnapshot(std::move(only));
+    else
+        listeners = ListenerSnapshot();
 }
 
 bool Attribute::removeListener(long id) {
-    if (!listeners)
+    std::size_t found = 0;
+    while (found < listeners.size() && listeners.at(found).id != id)
+        ++found;
+    if (found == listeners.size())
         return false;
-    const auto found = std::find_if(listeners->begin(), listeners->end(),
-                                    [id](const auto& listener) { return listener->id == id; });
-    if (found == listeners->end())
-        return false;
-    ListenerHolder* holder = (*found)->holder;
+    ListenerHolder* holder = listeners.at(found).holder;
     replaceListeners([id](const Listener& listener) { return listener.id != id; });
     // A holder with nothing left here would not hear of this attribute's end.
-    if (holder &&
-        (!listeners || std::none_of(listeners->begin(), listeners->end(),
-                                    [holder](const auto& l) { return l->holder == holder; })))
+    if (holder && !hasListenersOf(holder))
         holder->forget(this);
     return true;
 }
 
+bool Attribute::hasListenersOf(const ListenerHolder* holder) const {
+    for (std::size_t i = 0; i < listeners.size(); ++i)
+        if (listeners.at(i).holder == holder)
+            return true;
+    return false;
+}
+
 bool Attribute::removeListenersOf(const ListenerHolder* holder) {
-    if (!listeners || std::none_of(listeners->begin(), listeners->end(),
-                                   [holder](const auto& l) { return l->holder == holder; }))
+    if (!hasListenersOf(holder))
         return false;
     replaceListeners([holder](const Listener& listener) { return listener.holder != holder; });
     return true;

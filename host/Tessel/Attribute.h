@@ -84,6 +84,10 @@ public:
 
     // A short word naming the attribute's kind ("float", "node", "alias", ...).
     virtual QByteArray type() const;
+    // This attribute as a node, or null: what dynamic_cast<Node*> answers (also while
+    // constructing or destroying), for the price of a virtual call. Tree walks ask it
+    // for every attribute they pass.
+    virtual Node* asNode() { return nullptr; }
     // Sub-attribute by name: children of a node, components of a tuple; null here.
     // `name` may view bytes it does not own (QByteArray::setRawData): an override copies
     // it before keeping it.
@@ -124,7 +128,7 @@ public:
     long addListener(std::function<void()> callback, int roleMask);
     // False when the id is not registered on this attribute.
     bool removeListener(long id);
-    int listenerCount() const { return listeners ? int(listeners->size()) : 0; }
+    int listenerCount() const { return int(listeners.size()); }
 
 protected:
     // Calls the RoleDelete listeners.
@@ -143,28 +147,56 @@ private:
     friend class AttributeAlias;
     friend class Node;
     friend class ListenerHolder;
-    struct Listener {
+    // What a snapshot points to: one listener, or a table of two or more. (A base with
+    // a constructor lends its tail padding to the derived members.)
+    struct ListenerBlock {
+        explicit ListenerBlock(bool table) : isTable(table) {}
+        bool isTable;
+    };
+    struct Listener : ListenerBlock {
+        Listener() : ListenerBlock(false) {}
+        bool removed = false;
+        int roles = 0;
         long id = 0;
         std::function<void()> callback;
         // The holder that registered it (ListenerHolder); told when this attribute dies.
         ListenerHolder* holder = nullptr;
-        int roles = 0;
-        bool removed = false;
     };
-    // The table is an immutable snapshot in ascending id order, replaced whole when a
-    // listener comes or goes: an emission holds the snapshot it started with, so it
-    // neither copies the table nor allocates.
-    using ListenerTable = std::vector<std::shared_ptr<Listener>>;
+    struct ListenerTable : ListenerBlock {
+        ListenerTable() : ListenerBlock(true) {}
+        std::vector<std::shared_ptr<Listener>> entries;
+    };
+    // The listeners as an immutable snapshot in ascending id order, replaced whole when
+    // one comes or goes: an emission holds the snapshot it started with, so it neither
+    // copies the table nor allocates. A single listener (the usual case) is held as
+    // itself, two or more as a table: one heap block per attribute instead of three.
+    class ListenerSnapshot {
+    public:
+        ListenerSnapshot() = default;
+        explicit ListenerSnapshot(std::shared_ptr<const ListenerBlock> entries);
+        explicit operator bool() const { return bool(entries); }
+        std::size_t size() const;
+        Listener& at(std::size_t index) const;
+        // The entry itself, sharing its ownership.
+        std::shared_ptr<Listener> share(std::size_t index) const;
+
+    private:
+        const ListenerTable& table() const {
+            return *static_cast<const ListenerTable*>(entries.get());
+        }
+        std::shared_ptr<const ListenerBlock> entries;
+    };
     void emitRole(int role);
     long addListener(std::function<void()> callback, int roleMask, ListenerHolder* holder);
     // Removes every listener that `holder` registered; false when there was none.
     bool removeListenersOf(const ListenerHolder* holder);
+    bool hasListenersOf(const ListenerHolder* holder) const;
     // Replaces the table by its entries that `keep` accepts (null when none is left).
     template <typename Keep> void replaceListeners(Keep keep);
 
     QByteArray attributeName;
     Node* hostNode = nullptr;
-    std::shared_ptr<const ListenerTable> listeners;
+    ListenerSnapshot listeners;
     bool destroying = false;
     bool detaching = false; // the host is notifying its removal
     // Set while an AttributeAlias part exists (its constructor body to its destructor's

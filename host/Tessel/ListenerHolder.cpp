@@ -1,5 +1,7 @@
 #include "Tessel/ListenerHolder.h"
 
+#include <utility>
+
 namespace Tessel {
 
 ListenerHolder::ListenerHolder() = default;
@@ -8,16 +10,15 @@ ListenerHolder::~ListenerHolder() {
     removeAll();
 }
 
-long ListenerHolder::add(Attribute* attribute, const std::function<void()>& callback,
-                         int roleMask) {
+long ListenerHolder::add(Attribute* attribute, std::function<void()> callback, int roleMask) {
     if (!attribute || attribute->destroying)
         return -1;
     held.insert(attribute);
-    return attribute->addListener(callback, roleMask, this);
+    return attribute->addListener(std::move(callback), roleMask, this);
 }
 
 long ListenerHolder::addBd(Node* node, const QByteArray& event,
-                           const std::function<void(Basalt::BinaryData&)>& callback,
+                           std::function<void(Basalt::BinaryData&)> callback,
                            Node::ListenerType type) {
     if (!node || node->destroying)
         return -1;
@@ -25,9 +26,11 @@ long ListenerHolder::addBd(Node* node, const QByteArray& event,
     auto made = nodeEvents.try_emplace(node);
     // Something of ours that nobody else removes must sit on the node for it to tell us
     // of its end: event listeners are not attribute listeners.
-    if (made.second)
+    if (made.second) {
         node->addListener(std::function<void()>(), 0, this);
-    const long id = node->eventAddListenerBd(event, callback, type);
+        made.first->second.reserve(2); // the common case: one or two events
+    }
+    const long id = node->eventAddListenerBd(event, std::move(callback), type);
     made.first->second.push_back(id);
     return id;
 }

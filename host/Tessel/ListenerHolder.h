@@ -35,10 +35,10 @@ public:
     // Attribute::addListener, remembered. -1 (nothing registered) for a null attribute or
     // one being destroyed. Removing the returned id on the attribute itself is allowed:
     // the holder forgets the attribute once none of its listeners are left there.
-    long add(Attribute* attribute, const std::function<void()>& callback, int roleMask);
+    long add(Attribute* attribute, std::function<void()> callback, int roleMask);
     // Node::eventAddListenerBd, remembered. -1 for a null node or one being destroyed.
     long addBd(Node* node, const QByteArray& event,
-               const std::function<void(Basalt::BinaryData&)>& callback, Node::ListenerType type);
+               std::function<void(Basalt::BinaryData&)> callback, Node::ListenerType type);
     // Removes everything registered through this holder on that attribute or node.
     void removeListeners(Attribute* attribute);
     void removeAll();

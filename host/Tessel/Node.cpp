@@ -140,7 +140,7 @@ QList<QByteArray> Node::eventsOut() const {
 
 long Node::eventAddListener(const QByteArray& name, std::function<void()> callback,
                             ListenerType type) {
-    auto listener = std::make_unique<NodeEventTable::Listener>();
+    auto listener = std::make_shared<NodeEventTable::Listener>();
     listener->name = name;
     listener->queued = type == Queued;
     listener->plain = callback ? std::move(callback) : [] {};
@@ -151,7 +151,7 @@ long Node::eventAddListener(const QByteArray& source, const QByteArray& target, 
                             ListenerType type, const Basalt::BinaryData* defaultPayload) {
     if (!receiver)
         return -1;
-    auto listener = std::make_unique<NodeEventTable::Listener>();
+    auto listener = std::make_shared<NodeEventTable::Listener>();
     listener->name = source;
     listener->queued = type == Queued;
     listener->receiver = receiver;
@@ -164,7 +164,7 @@ long Node::eventAddListener(const QByteArray& source, const QByteArray& target, 
 long Node::eventAddListenerBd(const QByteArray& name,
                               std::function<void(Basalt::BinaryData&)> callback,
                               ListenerType type) {
-    auto listener = std::make_unique<NodeEventTable::Listener>();
+    auto listener = std::make_shared<NodeEventTable::Listener>();
     listener->name = name;
     listener->queued = type == Queued;
     listener->withData = callback ? std::move(callback) : [](Basalt::BinaryData&) {};

@@ -55,6 +55,7 @@ public:
     ~Node() override;
 
     QByteArray type() const override;
+    Node* asNode() override { return this; }
     // The child of that name, null when absent.
     Attribute* attribute(const QByteArray& name) const override;
 
@@ -136,5 +137,10 @@ private:
     // Shared with queued deliveries, which may run after the node is gone.
     std::shared_ptr<NodeEventTable> events;
 };
+
+// The node that `attribute` is, or null (also for null); see Attribute::asNode.
+inline Node* asNode(Attribute* attribute) {
+    return attribute ? attribute->asNode() : nullptr;
+}
 
 } // namespace Tessel

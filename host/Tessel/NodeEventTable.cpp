@@ -43,34 +43,33 @@ QList<QByteArray> NodeEventTable::declaredOut() const {
     return outs;
 }
 
-long NodeEventTable::add(std::unique_ptr<Listener> listener) {
-    std::shared_ptr<Listener> shared(std::move(listener));
+long NodeEventTable::add(std::shared_ptr<Listener> listener) {
     Basalt::Guard guard(mutex);
-    // The id is taken under the lock so that per-name vectors stay in id order.
-    const long id = issueListenerId();
-    std::shared_ptr<const Batch>& named = byName[shared->name];
-    named = appended(named, shared);
-    byId.emplace(id, std::move(shared));
+    // The id is taken under the lock so that the list stays in id order.
+    listener->id = issueListenerId();
+    const long id = listener->id;
+    all = appended(all, std::move(listener));
     return id;
 }
 
 bool NodeEventTable::remove(long id) {
     Basalt::Guard guard(mutex);
-    auto it = byId.find(id);
-    if (it == byId.end())
+    if (!all)
         return false;
-    std::shared_ptr<Listener> listener = it->second;
-    byId.erase(it);
-    auto named = byName.find(listener->name);
-    if (named != byName.end()) {
+    const auto found = std::find_if(all->begin(), all->end(),
+                                    [id](const auto& listener) { return listener->id == id; });
+    if (found == all->end())
+        return false;
+    std::shared_ptr<Listener> listener = *found;
+    if (all->size() == 1) {
+        all = nullptr;
+    } else {
         auto rest = std::make_shared<Batch>();
-        for (const auto& other : *named.value())
+        rest->reserve(all->size() - 1);
+        for (const auto& other : *all)
             if (other != listener)
                 rest->push_back(other);
-        if (rest->empty())
-            byName.erase(named);
-        else
-            named.value() = std::move(rest);
+        all = std::move(rest);
     }
     listener->removed = true;
     waitUntilIdle({listener});
@@ -79,14 +78,13 @@ bool NodeEventTable::remove(long id) {
 
 void NodeEventTable::clear() {
     Basalt::Guard guard(mutex);
-    std::vector<std::shared_ptr<Listener>> gone;
-    for (auto& entry : byId) {
-        entry.second->removed = true;
-        gone.push_back(entry.second);
-    }
-    byId.clear();
-    byName.clear();
-    waitUntilIdle(gone);
+    if (!all)
+        return;
+    const std::shared_ptr<const Batch> gone = std::move(all);
+    all = nullptr;
+    for (const auto& listener : *gone)
+        listener->removed = true;
+    waitUntilIdle(*gone);
 }
 
 void NodeEventTable::waitUntilIdle(const std::vector<std::shared_ptr<Listener>>& gone) {
@@ -98,20 +96,21 @@ void NodeEventTable::waitUntilIdle(const std::vector<std::shared_ptr<Listener>>&
 
 int NodeEventTable::count() const {
     Basalt::Guard guard(mutex);
-    return int(byId.size());
+    return all ? int(all->size()) : 0;
 }
 
 void NodeEventTable::dispatch(const QByteArray& name, Basalt::BinaryData* data) {
     std::shared_ptr<const Batch> batch;
     {
         Basalt::Guard guard(mutex);
-        auto it = byName.constFind(name);
-        if (it == byName.constEnd())
-            return;
-        batch = it.value();
+        batch = all;
     }
+    if (!batch)
+        return;
     std::shared_ptr<Basalt::BinaryData> copy; // made once for all queued listeners
     for (const auto& listener : *batch) {
+        if (listener->name != name)
+            continue;
         if (!listener->queued) {
             run(*listener, data);
             continue;

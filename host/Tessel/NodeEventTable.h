@@ -9,11 +9,9 @@
 #include "Basalt/Mutex.h"
 
 #include <QByteArray>
-#include <QHash>
 #include <QList>
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -26,6 +24,7 @@ class NodeEventTable : public std::enable_shared_from_this<NodeEventTable> {
 public:
     // One registration. Exactly one of plain, withData or receiver is set.
     struct Listener {
+        long id = 0; // set by add()
         QByteArray name;
         bool queued = false;
         std::function<void()> plain;
@@ -48,7 +47,7 @@ public:
     QList<QByteArray> declaredIn() const;
     QList<QByteArray> declaredOut() const;
 
-    long add(std::unique_ptr<Listener> listener);
+    long add(std::shared_ptr<Listener> listener);
     // Unregisters and waits until no other thread runs the callback. False if unknown.
     bool remove(long id);
     // Unregisters everything, with the same wait.
@@ -66,12 +65,12 @@ private:
     Basalt::Condition idle;
     QList<QByteArray> ins;
     QList<QByteArray> outs;
-    std::map<long, std::shared_ptr<Listener>> byId;
-    // Per name in ascending id order (ids only grow, so appending keeps the order): an
-    // immutable snapshot replaced on add and remove, so that a dispatch only copies a
-    // pointer under the lock.
+    // Every listener in ascending id order (ids only grow, so appending keeps the order):
+    // an immutable snapshot replaced on add and remove, so that a dispatch only copies a
+    // pointer under the lock. A node has a handful of listeners, so one list scanned by
+    // name costs less than an index per name, in time and in memory.
     using Batch = std::vector<std::shared_ptr<Listener>>;
-    QHash<QByteArray, std::shared_ptr<const Batch>> byName;
+    std::shared_ptr<const Batch> all;
 };
 
 } // namespace Tessel

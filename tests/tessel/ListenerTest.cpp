@@ -78,6 +78,24 @@ TEST(AttributeListeners, EmissionUsesTheTableAsItWasAndSkipsRemovedListeners) {
     calls.clear();
     a.setValue(2, L2);
     EXPECT_EQ(calls, (std::vector<int>{1, 4}));
+
+    // A lone listener is kept without a table; the same rules hold when it adds a second
+    // one and removes itself from inside its own call.
+    AttributeT<int> b;
+    calls.clear();
+    long lone = -1;
+    lone = b.addListener(
+        [&] {
+            calls.push_back(1);
+            b.addListener([&] { calls.push_back(2); }, Attribute::RoleChange);
+            EXPECT_TRUE(b.removeListener(lone));
+        },
+        Attribute::RoleChange);
+    b.setValue(1, L2);
+    EXPECT_EQ(calls, (std::vector<int>{1}));
+    EXPECT_EQ(b.listenerCount(), 1);
+    b.setValue(2, L2);
+    EXPECT_EQ(calls, (std::vector<int>{1, 2}));
 }
 
 TEST(AttributeListeners, AListenerMayDeleteItsAttribute) {
@@ -90,6 +108,11 @@ TEST(AttributeListeners, AListenerMayDeleteItsAttribute) {
     a->setValue(1, L2); // the emission stops with the attribute (no use after free)
     EXPECT_EQ(deletions, 1);
     EXPECT_FALSE(laterCalled);
+
+    // The same with its only listener.
+    auto* b = new AttributeT<int>;
+    b->addListener([&] { delete b; }, Attribute::RoleChange);
+    b->setValue(1, L2);
 }
 
 TEST(ListenerHolder, RemovesItsRegistrationsPerAttributeAndWhenDestroyed) {
