@@ -8,9 +8,10 @@
 //
 // Memory: the server's tree alone (heap growth while building and watching it), the
 // server's session (heap growth from the tree built to the client holding it, the
-// server's tree unchanged meanwhile), and the client's session (its heap growth minus what the same
-// tree costs on the server's side). The client writes "control/converged" = 1 when its
-// copy is whole; the server then takes its reading and writes "control/stop" = 1.
+// server's tree unchanged meanwhile), and the client's session (its heap growth once the
+// bytes in flight have drained, minus what the same tree costs on the server's side).
+// The client writes "control/converged" = 1 when its copy is whole; the server then
+// takes its reading and writes "control/stop" = 1.
 #include "BenchProcess.h"
 #include "BenchReport.h"
 #include "BenchTree.h"
@@ -23,6 +24,7 @@
 
 #include <QElapsedTimer>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -139,6 +141,21 @@ int runServer(const BenchOptions& options, BenchReport& report) {
     return ok ? CommandLine::Success : CommandLine::Failure;
 }
 
+// The heap once it has stopped shrinking: what the session keeps, without the bytes
+// still in flight when the copy became whole (answers this side is still sending,
+// bundles being released), which drain within a second or two.
+double settledHeapBytes() {
+    double last = heapInUseBytes();
+    for (int step = 0; step < 50; ++step) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        const double now = heapInUseBytes();
+        if (now > last * 0.998)
+            return std::min(now, last);
+        last = now;
+    }
+    return last;
+}
+
 int runPeer(const BenchOptions& options, BenchReport& report) {
     const QString workload = options.workload;
     std::atomic<bool> stopped{false};
@@ -157,7 +174,7 @@ int runPeer(const BenchOptions& options, BenchReport& report) {
             QStringLiteral("bench peer: no session (%1)").arg(mirror.failureReason()));
     mirror.driver().call([&] { held = countAttributes(mirror.node()); });
     const double seconds = double(timer.nsecsElapsed()) / 1e9;
-    const double heapAfter = heapInUseBytes();
+    const double heapAfter = settledHeapBytes();
     if (held != expected)
         return CommandLine::fail(CommandLine::Failure,
                                  QStringLiteral("bench peer: the copy holds %1 of %2 attributes")
