@@ -71,7 +71,7 @@ void buildTree(Tessel::Node& root, int attributes) {
 int countAttributes(Tessel::Node& root) {
     int count = 0;
     Dovel::walkAttributesWithPath(root, [&](Tessel::Attribute& attribute, const QByteArray&) {
-        count += dynamic_cast<Tessel::Node*>(&attribute) == nullptr;
+        count += Tessel::asNode(&attribute) == nullptr;
     });
     return count;
 }

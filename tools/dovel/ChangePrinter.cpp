@@ -51,7 +51,7 @@ Tessel::Attribute* ChangePrinter::find(const QByteArray& path) const {
 }
 
 bool ChangePrinter::valueText(Tessel::Attribute& attribute, QByteArray& out) const {
-    if (dynamic_cast<Tessel::Node*>(&attribute))
+    if (Tessel::asNode(&attribute))
         return false;
     QJsonValue value;
     if (!json.toJson(attribute, value))

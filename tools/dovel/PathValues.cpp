@@ -90,7 +90,7 @@ bool PathValues::apply(Tessel::Node& root, const TreeJson& json, QString& error)
         Tessel::Attribute* at = &root;
         QByteArray walked;
         for (const QByteArray& name : entry.path.split('/')) {
-            auto* node = dynamic_cast<Tessel::Node*>(Tessel::AttributeAlias::resolve(at));
+            auto* node = Tessel::asNode(Tessel::AttributeAlias::resolve(at));
             if (!node) {
                 error = QStringLiteral("%1: %2 is a value, not a node")
                             .arg(QString::fromUtf8(entry.path), QString::fromUtf8(walked));
@@ -131,8 +131,7 @@ bool PathValues::apply(Tessel::Node& root, const TreeJson& json, QString& error)
         const QList<QByteArray> names = entry.first.split('/');
         Tessel::Node* node = &root;
         for (int i = 0; i + 1 < names.size(); ++i) {
-            auto* next = dynamic_cast<Tessel::Node*>(
-                Tessel::AttributeAlias::resolve(node->attribute(names[i])));
+            auto* next = Tessel::asNode(Tessel::AttributeAlias::resolve(node->attribute(names[i])));
             if (!next)
                 next = new Tessel::Node(node, names[i]); // owned by its host
             node = next;

@@ -274,7 +274,7 @@ void TreeJson::dumpNode(const Tessel::Node& node, const QByteArray& path, QJsonO
 
 bool TreeJson::valueJson(Tessel::Attribute& attribute, const QByteArray& path,
                          QJsonValue& out) const {
-    if (auto* node = dynamic_cast<Tessel::Node*>(&attribute)) {
+    if (auto* node = Tessel::asNode(&attribute)) {
         QJsonObject object;
         dumpNode(*node, path, object);
         out = object;
@@ -283,7 +283,7 @@ bool TreeJson::valueJson(Tessel::Attribute& attribute, const QByteArray& path,
     Tessel::Attribute* target = Tessel::AttributeAlias::resolve(&attribute);
     // An alias without a target has no value; one that leads to a node could lead
     // back to its own ancestors.
-    if (!target || dynamic_cast<Tessel::Node*>(target))
+    if (!target || Tessel::asNode(target))
         return false;
     uint32_t code = 0;
     uint32_t size = 0;
@@ -345,7 +345,7 @@ bool TreeJson::prepare(Tessel::Attribute& attribute, const QJsonValue& value,
     Tessel::Attribute* target = Tessel::AttributeAlias::resolve(&attribute);
     if (!target)
         return fail(error, located(path, QStringLiteral("is an alias without a target")));
-    if (dynamic_cast<Tessel::Node*>(target))
+    if (Tessel::asNode(target))
         return fail(error, located(path, QStringLiteral("is a node, not a value")));
     uint32_t code = 0;
     uint32_t size = 0;

@@ -80,7 +80,7 @@ private:
     void collect(Tessel::Node& node, const QByteArray& prefix) {
         for (Tessel::Attribute* child : node.children()) {
             const QByteArray path = Dovel::childPath(prefix, child->name());
-            if (auto* inner = dynamic_cast<Tessel::Node*>(child)) {
+            if (auto* inner = Tessel::asNode(child)) {
                 collect(*inner, path);
             } else {
                 byPath.insert(path, int(leaves.size()));
