@@ -2,9 +2,11 @@
 
 #include "Dovel/bundle/BundleController.h"
 
+#include "Basalt/SpinWait.h"
 #include "Basalt/Trace.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <exception>
 
@@ -15,6 +17,8 @@ struct SessionDriver::Shared {
     std::condition_variable condition;
     bool woken = false;
     bool stopping = false;
+    // Counts wake-ups, so that the idle thread can poll for one without the lock.
+    std::atomic<uint64_t> wakes{0};
     std::vector<std::function<void()>> posted;
     std::vector<std::shared_ptr<BundleController>> controllers;
     std::vector<std::shared_ptr<BundleController>> retired;
@@ -24,10 +28,14 @@ struct SessionDriver::Shared {
 
     void wake() {
         std::lock_guard<std::mutex> lock(mutex);
-        if (!woken) {
-            woken = true;
-            condition.notify_all();
-        }
+        if (!woken)
+            wakeLocked();
+    }
+    // Sets woken (the caller holds the mutex) and wakes the thread.
+    void wakeLocked() {
+        woken = true;
+        ++wakes;
+        condition.notify_all();
     }
 };
 
@@ -40,7 +48,7 @@ SessionDriver::~SessionDriver() {
     {
         std::lock_guard<std::mutex> lock(shared->mutex);
         shared->stopping = true;
-        shared->condition.notify_all();
+        shared->wakeLocked();
     }
     thread.join();
     std::vector<std::function<void()>> posted;
@@ -59,6 +67,7 @@ void SessionDriver::loop() {
         std::lock_guard<std::mutex> lock(shared->mutex);
         shared->treeThread = std::this_thread::get_id();
     }
+    Basalt::SpinWait spin;
     for (;;) {
         std::vector<std::function<void()>> posted;
         std::vector<std::shared_ptr<BundleController>> controllers;
@@ -66,11 +75,20 @@ void SessionDriver::loop() {
         {
             std::unique_lock<std::mutex> lock(shared->mutex);
             const auto ready = [this] { return shared->woken || shared->stopping; };
-            if (shared->idlePassMs > 0)
-                shared->condition.wait_for(lock, std::chrono::milliseconds(shared->idlePassMs),
-                                           ready);
-            else
-                shared->condition.wait(lock, ready);
+            if (!ready()) {
+                const uint64_t seen = shared->wakes.load();
+                lock.unlock();
+                const bool spun = spin.spin([&] { return shared->wakes.load() != seen; });
+                lock.lock();
+                if (!spun) {
+                    if (shared->idlePassMs > 0)
+                        shared->condition.wait_for(
+                            lock, std::chrono::milliseconds(shared->idlePassMs), ready);
+                    else
+                        shared->condition.wait(lock, ready);
+                    spin.woke();
+                }
+            }
             if (shared->stopping)
                 return;
             shared->woken = false;
@@ -97,8 +115,7 @@ void SessionDriver::loop() {
 void SessionDriver::post(std::function<void()> function) {
     std::lock_guard<std::mutex> lock(shared->mutex);
     shared->posted.push_back(std::move(function));
-    shared->woken = true;
-    shared->condition.notify_all();
+    shared->wakeLocked();
 }
 
 bool SessionDriver::call(const std::function<void()>& function) {
@@ -161,8 +178,7 @@ void SessionDriver::addController(std::shared_ptr<BundleController> controller) 
         return;
     std::lock_guard<std::mutex> lock(shared->mutex);
     shared->controllers.push_back(std::move(controller));
-    shared->woken = true;
-    shared->condition.notify_all();
+    shared->wakeLocked();
 }
 
 void SessionDriver::removeController(std::shared_ptr<BundleController>&& controller) {
@@ -172,8 +188,7 @@ void SessionDriver::removeController(std::shared_ptr<BundleController>&& control
     auto& list = shared->controllers;
     list.erase(std::remove(list.begin(), list.end(), controller), list.end());
     shared->retired.push_back(std::move(controller));
-    shared->woken = true;
-    shared->condition.notify_all();
+    shared->wakeLocked();
 }
 
 int SessionDriver::controllerCount() const {

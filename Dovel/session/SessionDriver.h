@@ -3,7 +3,9 @@
 // to it (all in one BundleController::update, so a node shared by many sessions is
 // updated three times per pass). It sleeps until woken: by a post, by a controller's
 // queued work, or by a local change of a session's node (the controllers' wake-up
-// callback), so a change leaves without waiting for a polling interval.
+// callback), so a change leaves without waiting for a polling interval. While wake-ups
+// come in quick succession it polls for the next one before sleeping (Basalt::SpinWait),
+// since a sleeping thread is slow to wake on a virtual machine.
 //
 // Thread-safe. Once a node is handed to a driver, change its tree only inside post()
 // or call(). Controllers are released on the driver's thread. The driver must outlive

@@ -3,6 +3,7 @@
 #include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/BinaryData.h"
+#include "Basalt/SpinWait.h"
 #include "Basalt/TCPSocket.h"
 #include "Basalt/Trace.h"
 
@@ -41,6 +42,7 @@ void WriterThread::writeData(const QList<QByteArray>& parts, const QByteArray& k
     Basalt::Guard guard(mutex);
     buffer.push_back(Item{parts, key});
     bufferedSize += sizeOf(parts);
+    ++posts;
     condition.wakeAll(mutex);
 }
 
@@ -54,6 +56,7 @@ void WriterThread::update(const QString& name, std::function<void()> function) {
     std::function<void()>& slot = updates[name];
     replaced = std::move(slot); // destroyed after the lock is released
     slot = std::move(function);
+    ++posts;
     condition.wakeAll(mutex);
 }
 
@@ -104,6 +107,7 @@ void WriterThread::start() {
 void WriterThread::stop() {
     Basalt::Guard guard(mutex);
     running.store(false);
+    ++posts;
     condition.wakeAll(mutex);
 }
 
@@ -133,6 +137,7 @@ void WriterThread::childLoop() {
     bool pingOutstanding = false;
     Basalt::TimeStamp pingTime;
     unsigned long rxAtPing = 0;
+    Basalt::SpinWait spin;
     auto receivedBytes = [this] {
         Basalt::TCPSocket* socket = parent->socket();
         return socket ? socket->rxBytes() : 0ul;
@@ -141,6 +146,13 @@ void WriterThread::childLoop() {
     for (;;) {
         bool sendPing = false;
         bool timedOut = false;
+        bool parked = false;
+        if (running.load() && updates.empty() && buffer.empty()) {
+            const uint64_t seen = posts.load();
+            mutex.unlock();
+            parked = !spin.spin([&] { return posts.load() != seen; });
+            mutex.lock();
+        }
         while (running.load() && updates.empty() && buffer.empty()) {
             if (parent->isPingSupported()) {
                 const double idle = parent->lastPacketTimestamp().sinceSecondsD();
@@ -160,6 +172,8 @@ void WriterThread::childLoop() {
             }
             condition.wait(mutex, idleWaitMs());
         }
+        if (parked)
+            spin.woke();
 
         if (timedOut) {
             mutex.unlock();

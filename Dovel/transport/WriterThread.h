@@ -2,7 +2,9 @@
 // of byte parts under a key) and named update functions and return at once; its own
 // thread runs the updates first (newest per name), then writes the items in order, in
 // chunks of 16384 bytes, under the parent's write mutex. It also sends the keep-alive
-// ping while idle and ends the connection when the peer stays silent too long.
+// ping while idle and ends the connection when the peer stays silent too long. Between
+// items that follow each other closely it polls for the next before sleeping
+// (Basalt::SpinWait).
 //
 // Out-events: "error" (a short write or a ping time-out; no payload) and "data-written"
 // (per chunk; payload: the item's key as a string item, then the chunk size as int32).
@@ -91,6 +93,8 @@ private:
     std::map<QString, std::function<void()>> updates;
     ConnectionThread* const parent;
     std::atomic<bool> running{true};
+    // Counts the calls that wake the thread, so that it can poll for one without `mutex`.
+    std::atomic<uint64_t> posts{0};
     int64_t bufferedSize = 0;
     int64_t drainedBytes = 0;
     std::function<void()> drained; // armed by callWhenDrained

@@ -1,6 +1,7 @@
 #include "Basalt/Thread.h"
 #include "Basalt/Condition.h"
 #include "Basalt/Mutex.h"
+#include "Basalt/SpinWait.h"
 
 #include "basalt/WaitUtil.h"
 
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <thread>
 
 using namespace Basalt;
 
@@ -144,6 +146,32 @@ private:
 };
 
 } // namespace
+
+// The spin window follows the idle gaps that ended in a park: none after a long one, a
+// window again after a short one.
+TEST(SpinWait, SpinsOnlyWhileTheGapsAreShort) {
+    SpinWait spin;
+    int polls = 0;
+    EXPECT_TRUE(spin.spin([&] { return ++polls == 1; }));
+
+    EXPECT_FALSE(spin.spin([] { return false; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2)); // parked, far too long
+    spin.woke();
+    polls = 0;
+    EXPECT_FALSE(spin.spin([&] { return ++polls, false; }));
+    EXPECT_EQ(polls, 0); // parks at once
+
+    // A short park brings the window back (retried: the test thread may be preempted
+    // between the calls for longer than the window's limit).
+    bool polled = false;
+    for (int attempt = 0; attempt < 20 && !polled; ++attempt) {
+        spin.woke(); // at once after the failed spin: a short gap
+        polls = 0;
+        spin.spin([&] { return ++polls, false; });
+        polled = polls > 0;
+    }
+    EXPECT_TRUE(polled);
+}
 
 TEST(Thread, RunsOnceAndWaitsForTheEnd) {
     GateThread t;
