@@ -14,6 +14,8 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <gtest/gtest.h>
+
 #include <signal.h>
 
 namespace ToolTest {
@@ -136,11 +138,19 @@ private:
     QByteArray err;
 };
 
-// Sends `signal` and waits for the end; true when the process exited normally with 0.
-inline bool endsCleanlyOn(QProcess& process, int signal, int ms = 10000) {
+// Sends `signal` and waits for the end; succeeds when the process exited normally with
+// 0, and otherwise says how it ended and what it wrote to stderr last.
+inline ::testing::AssertionResult endsCleanlyOn(QProcess& process, int signal, int ms = 10000) {
     ::kill(static_cast<pid_t>(process.processId()), signal);
-    return process.waitForFinished(ms) && process.exitStatus() == QProcess::NormalExit &&
-           process.exitCode() == 0;
+    if (!process.waitForFinished(ms))
+        return ::testing::AssertionFailure()
+               << "still running " << ms << " ms after signal " << signal;
+    if (process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
+        return ::testing::AssertionSuccess();
+    const QByteArray err = process.readAllStandardError().right(2000);
+    return ::testing::AssertionFailure()
+           << (process.exitStatus() == QProcess::NormalExit ? "exit code " : "crashed, code ")
+           << process.exitCode() << "; stderr: " << err.constData();
 }
 
 } // namespace ToolTest

@@ -27,14 +27,14 @@ TEST(FilesCommand, ServeAndPullThroughTheTool) {
     ASSERT_FALSE(address.isEmpty());
 
     ToolRun first = tool.run({"files", "pull", address, target.path()});
-    EXPECT_EQ(first.exitCode, 0) << first.err.toStdString();
+    EXPECT_EQ(first.exitCode, 0) << first.out.toStdString() << first.err.toStdString();
     EXPECT_TRUE(first.out.contains("checked 3 files, transferred 3 files (70016 bytes)"))
         << first.out.toStdString();
     EXPECT_EQ(snapshot(target.path()), snapshot(source.path()));
 
     ASSERT_TRUE(writeFile(target.path() + "/extra.txt", "only here"));
     ToolRun second = tool.run({"files", "pull", address, target.path(), "--delete"});
-    EXPECT_EQ(second.exitCode, 0);
+    EXPECT_EQ(second.exitCode, 0) << second.out.toStdString() << second.err.toStdString();
     EXPECT_TRUE(second.out.contains("checked 3 files, transferred 0 files (0 bytes), deleted 1"))
         << second.out.toStdString();
     EXPECT_EQ(snapshot(target.path()), snapshot(source.path()));
@@ -44,7 +44,7 @@ TEST(FilesCommand, ServeAndPullThroughTheTool) {
     QTemporaryDir blocked;
     ASSERT_TRUE(writeFile(blocked.path() + "/x/inside", "in the way"));
     ToolRun failing = tool.run({"files", "pull", address, blocked.path()});
-    EXPECT_EQ(failing.exitCode, 1);
+    EXPECT_EQ(failing.exitCode, 1) << failing.out.toStdString() << failing.err.toStdString();
     EXPECT_TRUE(failing.err.contains("failed: /x\n")) << failing.err.toStdString();
 
     for (const QStringList& bad :
