@@ -262,7 +262,8 @@ std::shared_ptr<BundleController> BundleController::create(RemoteNode& node,
 }
 
 BundleController::BundleController(RemoteNode& node, const BundleControllerParams& params)
-    : master(params.isMaster), autoUpdate(params.autoUpdate) {
+    : master(params.isMaster), autoUpdate(params.autoUpdate),
+      backlog(std::make_shared<ReceiveBacklog>()) {
     CorePtr created = std::make_shared<Core>(node, params);
     core = created;
     if (!autoUpdate) {
@@ -301,7 +302,7 @@ BundleController::BundleController(RemoteNode& node, const BundleControllerParam
 
 BundleController::BundleController(const BundleController& other)
     : master(other.master), autoUpdate(other.autoUpdate), core(other.core),
-      ownedCore(other.ownedCore) {}
+      ownedCore(other.ownedCore), backlog(other.backlog) {}
 
 BundleController::~BundleController() {
     {
@@ -328,11 +329,19 @@ void BundleController::addTask(const Task& task) {
     target->wake();
 }
 
-void BundleController::scheduleProcess(const std::vector<Bundle>& bundles) {
+void BundleController::scheduleProcess(const std::vector<Bundle>& bundles, bool batchStarts) {
     if (CorePtr alive = core.lock())
-        if (alive->counters)
+        if (alive->counters && batchStarts)
             alive->counters->batchesReceived += 1;
-    addTask([bundles](Core& c) { c.process(bundles); });
+    int64_t bytes = 0;
+    for (const Bundle& bundle : bundles)
+        bytes += bundle.size();
+    // The charge goes with the task: released once the batch is applied, or when the
+    // task is dropped with its core.
+    addTask([bundles, charge = backlog->charge(bytes)](Core& c) mutable {
+        c.process(bundles);
+        charge.reset();
+    });
 }
 
 void BundleController::setEnabled(bool enabled) {

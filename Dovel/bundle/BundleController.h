@@ -19,6 +19,7 @@
 #include "Dovel/bundle/Bundle.h"
 #include "Dovel/bundle/BundleCounters.h"
 #include "Dovel/bundle/BundleDispatcher.h"
+#include "Dovel/bundle/ReceiveBacklog.h"
 #include "Dovel/types/TypeRegistry.h"
 
 #include "Basalt/BinaryData.h"
@@ -76,8 +77,12 @@ public:
     BundleController& operator=(const BundleController&) = delete;
     ~BundleController();
 
-    // Queues incoming bundles (any thread); dropped when the core is gone.
-    void scheduleProcess(const std::vector<Bundle>& bundles);
+    // Queues incoming bundles (any thread); dropped when the core is gone. Their bytes
+    // count in receiveBacklog() until they have been applied or dropped. A batch handed
+    // over in pieces counts once, with its first piece (`batchStarts`).
+    void scheduleProcess(const std::vector<Bundle>& bundles, bool batchStarts = true);
+    // The received bytes that wait for the tree thread (shared by copies of the handle).
+    const ReceiveBacklog& receiveBacklog() const { return *backlog; }
     // Queues a task that sets the core's enabled flag.
     void setEnabled(bool enabled);
     // Manual mode: runs the session's tasks, node updates and output on the calling
@@ -115,6 +120,7 @@ private:
     bool autoUpdate;
     std::weak_ptr<Core> core;
     std::shared_ptr<Core> ownedCore;
+    std::shared_ptr<ReceiveBacklog> backlog;
 };
 
 class BundleController::Core {

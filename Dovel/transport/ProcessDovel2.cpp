@@ -5,6 +5,7 @@
 #include "Dovel/bundle/BundleController.h"
 #include "Dovel/transport/ConnectionThread.h"
 
+#include "Basalt/TimeStamp.h"
 #include "Basalt/Trace.h"
 
 #include <algorithm>
@@ -16,6 +17,14 @@ namespace {
 
 // A payload is read in steps of this size, so that memory follows the bytes that came.
 constexpr int ReadStep = 1 << 20;
+// While reading is held back: how often the backlog is looked at (and stop noticed),
+// and how often the peer is pinged so that it sees this side alive.
+constexpr int HoldStepMs = 50;
+constexpr double HoldPingSeconds = 1.0;
+
+// A batch is handed to the tree thread in pieces of about this size as they arrive, so
+// that a batch of any size waits in memory only a piece at a time beyond the backlog.
+constexpr int64_t PieceBytes = Limits::MaxUnappliedBatchBytes / 4;
 
 bool readBundle(ConnectionThread& connection, Bundle& bundle) {
     QByteArray& bytes = bundle.mutablePacket();
@@ -45,6 +54,27 @@ bool readBundle(ConnectionThread& connection, Bundle& bundle) {
     return true;
 }
 
+// The tree thread is behind the peer: read nothing more until it has caught up, so
+// that TCP slows the peer down. The peer's own data is what this side waits on, so
+// its silence must not time it out (the last packet time is kept fresh); and as its
+// pings wait unread, a ping from here every HoldPingSeconds shows it this side lives.
+void holdWhileBehind(const ReceiveBacklog& backlog, ConnectionThread& connection) {
+    if (backlog.bytes() <= Limits::MaxUnappliedBatchBytes)
+        return;
+    Basalt::Trace::debug("processDovel2 # %lld bytes of batches wait for the tree thread; "
+                         "reading from %s:%d holds back",
+                         static_cast<long long>(backlog.bytes()),
+                         connection.hostName().toUtf8().constData(), connection.port());
+    Basalt::TimeStamp pinged = Basalt::TimeStamp::currentTime();
+    while (connection.isLive() && !backlog.waitAtMost(Limits::MaxUnappliedBatchBytes, HoldStepMs)) {
+        connection.updateLastPacketTimestamp();
+        if (connection.isPingSupported() && pinged.sinceSecondsD() >= HoldPingSeconds) {
+            connection.ping(QByteArray());
+            pinged = Basalt::TimeStamp::currentTime();
+        }
+    }
+}
+
 } // namespace
 
 bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThread& connection,
@@ -62,12 +92,29 @@ bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThrea
         connection.abortConnection();
         return true;
     }
-    std::vector<Bundle> bundles(std::size_t(std::max(count, 0)));
-    for (Bundle& bundle : bundles)
-        if (!readBundle(connection, bundle))
+    std::vector<Bundle> bundles;
+    bundles.reserve(std::size_t(std::max(count, 0)));
+    int64_t pieceBytes = 0;
+    bool firstPiece = true;
+    for (int i = 0; i < count; ++i) {
+        bundles.emplace_back();
+        if (!readBundle(connection, bundles.back()))
             return true;
-    if (controller)
-        controller->scheduleProcess(bundles);
+        pieceBytes += bundles.back().size();
+        // Applying a large batch in pieces is applying consecutive batches: the pieces
+        // keep their order, and each is applied whole.
+        if (controller && pieceBytes >= PieceBytes && i + 1 < count) {
+            controller->scheduleProcess(bundles, firstPiece);
+            bundles.clear();
+            pieceBytes = 0;
+            firstPiece = false;
+            holdWhileBehind(controller->receiveBacklog(), connection);
+        }
+    }
+    if (controller) {
+        controller->scheduleProcess(bundles, firstPiece);
+        holdWhileBehind(controller->receiveBacklog(), connection);
+    }
     return true;
 }
 

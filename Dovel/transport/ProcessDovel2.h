@@ -13,10 +13,13 @@ class BundleController;
 class ConnectionThread;
 
 // False when the line is not a "dovel2 N" line. True once it was: the batch is then
-// scheduled on `controller` (when there is one), or dropped when a read failed, which
-// has ended the connection. A count above Limits::MaxBundlesPerBatch or a header
-// announcing more than Limits::MaxBundlePayloadBytes ends the connection before
-// anything is set aside for it.
+// scheduled on `controller` (when there is one); when a read fails, which ends the
+// connection, what was not yet scheduled of it is dropped. A count above Limits::MaxBundlesPerBatch
+// or a header announcing more than Limits::MaxBundlePayloadBytes ends the connection before
+// anything is set aside for it. A large batch is scheduled in pieces as it arrives;
+// while more than Limits::MaxUnappliedBatchBytes of received batches wait for the tree
+// thread, reading stops (the call does not return) until they do not or the connection
+// ends: the peer is slowed by TCP while this side keeps it from timing out.
 bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThread& connection,
                    const QString& line);
 

@@ -1,15 +1,23 @@
 // Flow control over loopback TCP: a client that logs in and then stops reading makes
 // the server's writer back up; the server then folds its changes instead of queuing
-// them, keeps the client connected, and sends again as soon as the client reads.
+// them, keeps the client connected, and sends again as soon as the client reads. The
+// other way round, a client whose tree thread is behind stops reading instead of
+// queuing what arrives, and keeps the server from timing it out meanwhile.
 #include "SessionTestUtil.h"
 #include "transport/TransportTestUtil.h"
 
 #include "Dovel/Limits.h"
+#include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/SessionConnection.h"
 #include "Dovel/transport/WriterThread.h"
 
 #include <gtest/gtest.h>
 
+#include <future>
+#include <thread>
+
 using namespace SessionTest;
+using Dovel::SessionClient;
 using Dovel::SessionServer;
 using Tessel::AttributeT;
 
@@ -17,6 +25,13 @@ namespace {
 
 constexpr int Strings = 1000;
 constexpr int StringBytes = 1000; // a round of changes is about 1 MB on the wire
+
+void addStrings(Side& side, int count = Strings) {
+    side.run([&] {
+        for (int i = 0; i < count; ++i)
+            side.node.addDeepAttribute("s/v" + QByteArray::number(i), new AttributeT<QString>());
+    });
+}
 
 // Sets every string of the server's tree to a value of `round`.
 void changeAll(Side& side, int round) {
@@ -33,10 +48,7 @@ void changeAll(Side& side, int round) {
 
 TEST(FlowControl, AClientThatStopsReadingIsSentFoldedChangesOnceItReadsAgain) {
     Side master("master");
-    master.run([&] {
-        for (int i = 0; i < Strings; ++i)
-            master.node.addDeepAttribute("s/v" + QByteArray::number(i), new AttributeT<QString>());
-    });
+    addStrings(master);
     Basalt::TraceCapture log;
     SessionServer server(master.node, &master.driver);
     ASSERT_TRUE(server.listen(0, "127.0.0.1"));
@@ -72,5 +84,51 @@ TEST(FlowControl, AClientThatStopsReadingIsSentFoldedChangesOnceItReadsAgain) {
     EXPECT_GT(server.stats().batchesSent.load(), batchesHeld);
     EXPECT_LE(writer->bufferedDataSize(), 0); // below zero: see WriterThread::childLoop
     EXPECT_EQ(server.clientCount(), 1);
+    EXPECT_EQ(log.count("", Basalt::Trace::Warning), 0) << log.dump().toStdString();
+}
+
+TEST(FlowControl, AClientWhoseTreeThreadIsBehindStopsReadingAndStaysConnected) {
+    Side master("master");
+    Side slave("slave");
+    addStrings(master);
+    Basalt::TraceCapture log;
+    SessionServer server(master.node, &master.driver);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+    SessionClient client(slave.node, &slave.driver);
+    client.connectToHost("127.0.0.1", server.port());
+    ASSERT_TRUE(waitSame(master, slave));
+    ASSERT_EQ(server.sessions().size(), 1);
+    // Short time-outs on both sides: a side left without keep-alive would be dropped
+    // about five seconds into the hold.
+    server.sessions().front()->setTimeoutSeconds(2.0);
+    client.connection().setTimeoutSeconds(2.0);
+    const std::shared_ptr<Dovel::BundleController> session = client.connection().controller();
+    ASSERT_TRUE(session);
+
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    slave.driver.post([released] { released.wait(); });
+
+    // The client reads until more than the limit waits for its tree thread, then holds.
+    int round = 0;
+    const auto start = std::chrono::steady_clock::now();
+    while (!log.contains("reading from 127.0.0.1") &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(60))
+        changeAll(master, ++round);
+    ASSERT_TRUE(log.contains("reading from 127.0.0.1")) << round << " rounds";
+    const int64_t waiting = session->receiveBacklog().bytes();
+    EXPECT_GT(waiting, Dovel::Limits::MaxUnappliedBatchBytes);
+    EXPECT_LE(waiting, Dovel::Limits::MaxUnappliedBatchBytes + 2 * Strings * StringBytes);
+
+    // Past the point where either side's ping would have timed the other out.
+    std::this_thread::sleep_for(std::chrono::seconds(7));
+    EXPECT_EQ(session->receiveBacklog().bytes(), waiting);
+    EXPECT_EQ(server.clientCount(), 1);
+    EXPECT_TRUE(client.isConnected());
+
+    release.set_value();
+    EXPECT_TRUE(waitSame(master, slave, 30000));
+    EXPECT_EQ(session->receiveBacklog().bytes(), 0);
+    EXPECT_EQ(client.stats().sessionsStarted.load(), 1u);
     EXPECT_EQ(log.count("", Basalt::Trace::Warning), 0) << log.dump().toStdString();
 }

@@ -14,6 +14,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 using namespace TransportTest;
 using Dovel::Bundle;
@@ -205,4 +207,49 @@ TEST(Framing, APeerThatStopsReadingIsDisconnectedOnceBatchesPileUp) {
     // About the ceiling and the batch that crossed it (the writer counts a part-written
     // item in whole): nothing like the pile an unbounded writer would hold.
     EXPECT_LE(mostWaiting, Ceiling + 2 * packet.size());
+}
+
+TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
+    Basalt::TraceCapture trace;
+    Fixture f;
+    ASSERT_TRUE(f.connect());
+    // Bundles of 8 MiB: two make a piece.
+    constexpr int Payload = 8 << 20;
+    QByteArray bundle = QByteArray::fromHex("00008000 07000000 01000000 00000000");
+    bundle.append(QByteArray(Payload, '\0'));
+    const int64_t bundleBytes = bundle.size();
+    const Dovel::ReceiveBacklog& backlog = f.controller->receiveBacklog();
+
+    // The first two bundles of three are scheduled before the third has come.
+    ASSERT_TRUE(f.peer->send("dovel2 3\n" + bundle + bundle));
+    EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == 2 * bundleBytes; }));
+    EXPECT_EQ(f.counters->batchesReceived.load(), 1u);
+
+    // The third, then a batch of eight: reading stops once more than the limit waits
+    // for the tree thread (which does not run here), and the peer's writes back up.
+    std::atomic<bool> sent{false};
+    std::thread writer([&] {
+        QByteArray eight = "dovel2 8\n";
+        for (int i = 0; i < 8; ++i)
+            eight += bundle;
+        f.peer->send(bundle + eight);
+        sent.store(true);
+    });
+    ASSERT_TRUE(waitUntil([&] { return trace.contains("reading from 127.0.0.1"); }));
+    const int64_t held = backlog.bytes();
+    EXPECT_GT(held, Dovel::Limits::MaxUnappliedBatchBytes);
+    EXPECT_LE(held, Dovel::Limits::MaxUnappliedBatchBytes + 2 * bundleBytes);
+    EXPECT_FALSE(sent.load());
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(backlog.bytes(), held);
+
+    // Applying lets reading go on; everything arrives, in two batches.
+    EXPECT_TRUE(waitUntil([&] {
+        f.controller->update();
+        return sent.load() && backlog.bytes() == 0 &&
+               f.counters->bundlesReceived.load() + f.counters->bundlesFailed.load() == 11;
+    }));
+    writer.join();
+    EXPECT_EQ(f.counters->batchesReceived.load(), 2u);
+    EXPECT_TRUE(f.connection->isConnected());
 }
