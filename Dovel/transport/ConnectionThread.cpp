@@ -270,12 +270,15 @@ bool ConnectionThread::openConnection() {
         address = host.toUtf8();
         port = port_;
     }
+    // stop() and a move to another address clear running: a host that does not answer
+    // must not hold either up until the system gives up on it.
+    const auto cancelled = [this] { return stopping.load() || !running.load(); };
     if (Basalt::TCPSocket* s = socket()) {
-        s->open(address.constData(), port);
+        s->open(address.constData(), port, cancelled);
         return s->isOpen();
     }
     auto fresh = std::make_unique<Basalt::TCPSocket>();
-    if (fresh->open(address.constData(), port) != 0)
+    if (fresh->open(address.constData(), port, cancelled) != 0)
         return false;
     socket_.store(fresh.release());
     return true;

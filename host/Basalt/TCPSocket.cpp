@@ -4,6 +4,7 @@
 #include "Basalt/Trace.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -31,15 +32,23 @@ bool resolve(const char* host, int port, sockaddr_in& address) {
     return resolveIPv4(name, port, address);
 }
 
-// Finishes a connect() that a signal interrupted: the attempt goes on in the kernel.
-bool awaitConnect(int fd) {
+// Waits for a connect() under way on a non-blocking socket to finish, asking
+// `cancelled` (when given) between waits.
+bool awaitConnect(int fd, const std::function<bool()>& cancelled) {
     for (;;) {
         pollfd p{fd, POLLOUT, 0};
-        const int rc = ::poll(&p, 1, -1);
+        const int rc = ::poll(&p, 1, cancelled ? TCPSocket::CancelPollMs : -1);
         if (rc < 0 && errno == EINTR)
             continue;
         if (rc < 0)
             return false;
+        if (rc == 0) {
+            if (cancelled()) {
+                errno = ECANCELED;
+                return false;
+            }
+            continue;
+        }
         int error = 0;
         socklen_t length = sizeof error;
         if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
@@ -72,7 +81,7 @@ void TCPSocket::release() {
         ::close(old);
 }
 
-int TCPSocket::open(const char* host, int port) {
+int TCPSocket::open(const char* host, int port, const std::function<bool()>& cancelled) {
     close();
     release();
     hungUp.store(false);
@@ -81,13 +90,16 @@ int TCPSocket::open(const char* host, int port) {
     sockaddr_in address;
     if (!resolve(host, port, address))
         return -1;
-    const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Non-blocking while it connects, so that the wait can be cancelled; blocking after.
+    const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (s < 0) {
         Trace::warning("TCPSocket::open # socket() failed: %s", std::strerror(errno));
         return -1;
     }
-    int rc = ::connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    const bool ok = rc == 0 || (errno == EINTR && awaitConnect(s));
+    const int rc = ::connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const bool ok =
+        (rc == 0 || ((errno == EINPROGRESS || errno == EINTR) && awaitConnect(s, cancelled))) &&
+        ::fcntl(s, F_SETFL, ::fcntl(s, F_GETFL) & ~O_NONBLOCK) == 0;
     if (!ok) {
         Trace::debug("TCPSocket::open # Cannot connect to %s:%d: %s", host ? host : "", port,
                      std::strerror(errno));

@@ -6,6 +6,7 @@
 #include <QString>
 
 #include <atomic>
+#include <functional>
 
 namespace Basalt {
 
@@ -19,8 +20,11 @@ public:
     TCPSocket& operator=(const TCPSocket&) = delete;
 
     // Connects to host:port (a name or dotted address); 0 on success, -1 on failure.
-    // Reopening a socket first releases the previous descriptor.
-    int open(const char* host, int port);
+    // Reopening a socket first releases the previous descriptor. A host that does not
+    // answer keeps the call waiting until the system gives up (minutes); `cancelled`,
+    // when given, is asked every CancelPollMs meanwhile, and true ends the attempt.
+    int open(const char* host, int port, const std::function<bool()>& cancelled = {});
+    static constexpr int CancelPollMs = 50;
 
     // Reads up to `bytes` bytes. With waitAll false it returns what is there as soon as
     // something arrived; with waitAll true it keeps reading until `bytes` arrived or

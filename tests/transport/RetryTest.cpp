@@ -65,6 +65,35 @@ TEST(Retry, StopEndsABlockedReadPromptly) {
     EXPECT_EQ(again->disconnectedCount.load(), 1);
 }
 
+TEST(Retry, StopAndConnectToHostEndAConnectThatIsNotAnswered) {
+    // A listener whose one-place backlog is taken: the system answers no more
+    // connection requests there, as a host behind a dropping firewall would not.
+    Basalt::TCPServerSocket silent;
+    ASSERT_EQ(silent.open("127.0.0.1", 0, 0), 0);
+    Basalt::TCPSocket taken;
+    ASSERT_EQ(taken.open("127.0.0.1", silent.port()), 0);
+
+    auto client = std::make_shared<TestConnection>(nullptr, false);
+    client->connectToHost(QStringLiteral("127.0.0.1"), silent.port());
+    EXPECT_FALSE(waitUntil([&] { return client->failedCount.load() > 0; }, 300));
+    // Moving to a listening address breaks off the attempt.
+    RawListener listener;
+    auto start = std::chrono::steady_clock::now();
+    client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
+    EXPECT_TRUE(listener.accept(5000));
+    EXPECT_LT(secondsSince(start), 5.0);
+
+    // And stop() ends an attempt under way.
+    auto second = std::make_shared<TestConnection>(nullptr, false);
+    second->connectToHost(QStringLiteral("127.0.0.1"), silent.port());
+    EXPECT_FALSE(waitUntil([&] { return second->failedCount.load() > 0; }, 300));
+    start = std::chrono::steady_clock::now();
+    second->stop();
+    EXPECT_TRUE(second->waitEnd(5000));
+    EXPECT_LT(secondsSince(start), 5.0);
+    client->stop();
+}
+
 TEST(Retry, StopAndConnectToHostEndTheRetryWaitPromptly) {
     auto client = std::make_shared<TestConnection>(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), unusedPort());
