@@ -87,6 +87,12 @@ void FolderPullConnection::start(const QString& host, int port, uint64_t generat
     connectToHost(host, port);
 }
 
+void FolderPullConnection::shutdown() {
+    ConnectionThread::shutdown();
+    if (lister.joinable() && lister.get_id() != std::this_thread::get_id())
+        lister.join();
+}
+
 bool FolderPullConnection::waitFinished(int ms) {
     const Basalt::TimeStamp start = Basalt::TimeStamp::currentTime();
     Basalt::Guard guard(resultMutex);

@@ -69,6 +69,10 @@ public:
     void start(const QString& host, int port, uint64_t listGeneration);
     // Waits up to `ms` milliseconds (negative: without limit); true once finished.
     bool waitFinished(int ms);
+    // ConnectionThread::shutdown, and then waits for the listing thread too (unless
+    // called on it): the listing thread may otherwise still be leaving, having let go
+    // of a reference, when the process ends.
+    void shutdown();
     Result result() const;
 
 protected:
