@@ -65,6 +65,20 @@ void updateCores(const std::vector<CorePtr>& cores) {
         core->endPass();
 }
 
+// Applies what ended sessions received before their peers hung up.
+void finishCores(const std::vector<CorePtr>& cores) {
+    std::set<RemoteNode*> nodes;
+    for (const CorePtr& core : cores) {
+        if (core->isNodeGone())
+            continue;
+        core->finish();
+        if (core->isInitialized())
+            nodes.insert(&core->node());
+    }
+    for (RemoteNode* node : nodes)
+        node->update();
+}
+
 void runHook() {
     CoreList& list = coreList();
     std::vector<CorePtr> copy;
@@ -75,6 +89,7 @@ void runHook() {
             (core->isClosed() ? closed : copy).push_back(std::move(core));
         list.cores = copy;
     }
+    finishCores(closed);
     closed.clear(); // destroyed without the list's lock
     updateCores(copy);
     copy.clear();
@@ -201,8 +216,14 @@ void BundleController::Core::runTasks() {
         task(*this);
 }
 
+void BundleController::Core::finish() {
+    ended = true;
+    runTasks();
+    runTasks();
+}
+
 void BundleController::Core::flush(bool mayHoldBack) {
-    if (nodeGone.load())
+    if (nodeGone.load() || ended)
         return;
     // Only a core that can wake its tree thread may wait for the peer to catch up.
     if (mayHoldBack && drainedWake && connection && !nodeChangeSender->eventsPiledUp() &&
@@ -369,6 +390,14 @@ void BundleController::update(const std::vector<std::shared_ptr<BundleController
             !controller->ownedCore->nodeGone.load())
             cores.push_back(controller->ownedCore);
     updateCores(cores);
+}
+
+void BundleController::finish(const std::vector<std::shared_ptr<BundleController>>& ended) {
+    std::vector<CorePtr> cores;
+    for (const auto& controller : ended)
+        if (controller && !controller->autoUpdate && controller->ownedCore)
+            cores.push_back(controller->ownedCore);
+    finishCores(cores);
 }
 
 void BundleController::ensureIsInitialized() {

@@ -92,6 +92,11 @@ public:
     // is updated three times in all rather than three times per controller. Automatic
     // controllers in the list are skipped.
     static void update(const std::vector<std::shared_ptr<BundleController>>& controllers);
+    // Manual mode, for controllers whose sessions have ended and that are about to be
+    // dropped: applies what their peers sent before hanging up (their queued tasks),
+    // sends nothing, and updates their nodes. A peer may send its last changes and
+    // close the connection at once; those changes are not lost.
+    static void finish(const std::vector<std::shared_ptr<BundleController>>& ended);
     // Queues a task that initialises the core and logs its attribute storage.
     void debugDump();
 
@@ -141,6 +146,9 @@ public:
     // changes must leave before the peer's, for the stale-value rules.
     void flush(bool mayHoldBack = false);
     void process(const std::vector<Bundle>& bundles);
+    // The session has ended: runs the queued tasks (received batches are applied) and
+    // never sends again.
+    void finish();
     // Appends a task and wakes the tree thread (any thread). Code outside the core uses
     // BundleController::addTask, which also drops work for a core that is gone.
     void addTask(const Task& task);
@@ -178,6 +186,8 @@ private:
     Basalt::Mutex mutex{false};
     std::vector<Task> tasks;
     std::atomic<bool> closed{false};
+    // Set by finish(): output passes send nothing from then on.
+    bool ended = false;
     int destroyedListenerId = -1;
 
     // Kept apart from params, which initialisation releases.

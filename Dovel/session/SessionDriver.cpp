@@ -96,6 +96,9 @@ void SessionDriver::loop() {
             controllers = shared->controllers;
             retired.swap(shared->retired);
         }
+        // What an ended session received before its peer hung up is applied before
+        // this pass's output, so that the other sessions pass it on.
+        BundleController::finish(retired);
         retired.clear(); // released here, on the tree thread
         for (const auto& function : posted) {
             try {

@@ -48,7 +48,8 @@ public:
 
     // Updates `controller` at every pass until removed.
     void addController(std::shared_ptr<BundleController> controller);
-    // Stops updating it; the last reference goes on the tree thread.
+    // Stops updating it; the next pass applies what its peer sent before the session
+    // ended (BundleController::finish), and the last reference goes on the tree thread.
     void removeController(std::shared_ptr<BundleController>&& controller);
     int controllerCount() const;
     // Passes run so far.

@@ -1,6 +1,6 @@
 // The bundle controller on its own: automatic and manual mode, tasks, the order of node
-// updates and output flushes, work for a core that is gone, a failing bundle inside a
-// batch, and the wake-up of the tree thread.
+// updates and output flushes, work for a core that is gone or whose session ended, a
+// failing bundle inside a batch, and the wake-up of the tree thread.
 #include "Dovel/bundle/BundleController.h"
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/sync/RemoteNode.h"
@@ -199,6 +199,44 @@ TEST(Controller, AThrowingBundleDoesNotStopTheRestOfItsBatch) {
         target.attribute("a") ? target.attribute("a")->attribute("value") : nullptr);
     ASSERT_TRUE(copy);
     EXPECT_EQ(copy->value(), 3.5f);
+}
+
+TEST(Controller, ABatchQueuedBeforeTheSessionEndedIsAppliedAndNothingIsSent) {
+    RemoteNode source(nullptr, "source");
+    auto* value = new Tessel::AttributeT<float>();
+    value->setValue(3.5f, Tessel::Attribute::LayerRemote);
+    ASSERT_TRUE(source.addDeepAttribute("a/value", value));
+    auto out = std::make_shared<Recorder>(nullptr, "source");
+    BundleController::create(source, params(out, false))->update();
+    const std::vector<Bundle> batch = out->sent;
+    const auto valueOf = [](RemoteNode& node) {
+        auto* copy = dynamic_cast<Tessel::AttributeT<float>*>(
+            node.attribute("a") ? node.attribute("a")->attribute("value") : nullptr);
+        return copy ? copy->value() : -1.0f;
+    };
+
+    // Automatic: the handle is dropped before the hook ran; the hook applies the batch
+    // as it drops the core. The session had never run, so the batch also initialises it.
+    Log log;
+    RemoteNode automaticTarget(nullptr, "automatic");
+    auto automatic = BundleController::create(
+        automaticTarget, params(std::make_shared<Recorder>(&log, "automatic"), true));
+    automatic->scheduleProcess(batch);
+    automatic.reset();
+    drainAutomaticCores();
+    EXPECT_EQ(valueOf(automaticTarget), 3.5f);
+
+    // Manual: the owner hands the ended controller to finish() before dropping it.
+    RemoteNode manualTarget(nullptr, "manual");
+    auto manual = BundleController::create(
+        manualTarget, params(std::make_shared<Recorder>(&log, "manual"), false));
+    manual->update();
+    ASSERT_EQ(log, (Log{"flush manual"}));
+    log.clear();
+    manual->scheduleProcess(batch);
+    BundleController::finish({manual});
+    EXPECT_EQ(valueOf(manualTarget), 3.5f);
+    EXPECT_TRUE(log.empty()); // not even the pass before the batch
 }
 
 TEST(Controller, QueuedWorkAndLocalChangesWakeTheTreeThread) {

@@ -1,17 +1,20 @@
 // A server and clients over loopback TCP, each side with its own RemoteNode and its own
 // tree thread: mirroring, changes both ways, additions and removals, events, two
-// clients kept in step, and a server restart.
+// clients kept in step, a client that hangs up right after sending, and a server
+// restart.
 #include "SessionTestUtil.h"
 
 #include "Basalt/BinaryData.h"
 #include "Basalt/Trace.h"
 #include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/SessionConnection.h"
 #include "Tessel/UpdateLoop.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <limits>
 #include <mutex>
 #include <thread>
@@ -255,6 +258,58 @@ TEST(EndToEnd, TwoClientsAreKeptInStepThroughTheServer) {
     EXPECT_TRUE(waitUntil([&] { return hasPath(one, "added/byTwo"); }));
     EXPECT_TRUE(waitSame(one, two));
     EXPECT_TRUE(waitSame(master, one));
+}
+
+TEST(EndToEnd, WhatAClientSendsJustBeforeItHangsUpReachesTheServerAndTheOtherClients) {
+    Side master("master");
+    Side leaving("leaving");
+    Side staying("staying");
+    addScene(master, 3);
+    SessionServer server(master.node, &master.driver);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+    auto leaves = std::make_unique<SessionClient>(leaving.node, &leaving.driver);
+    leaves->connectToHost("127.0.0.1", server.port());
+    ASSERT_TRUE(waitUntil([&] { return server.clientCount() == 1; }));
+    std::shared_ptr<Dovel::BundleController> leavingSession =
+        server.sessions().front()->controller();
+    SessionClient stays(staying.node, &staying.driver);
+    stays.connectToHost("127.0.0.1", server.port());
+    ASSERT_TRUE(waitSame(master, leaving));
+    ASSERT_TRUE(waitSame(master, staying));
+    ASSERT_TRUE(waitUntil([&] { return server.clientCount() == 2; }));
+    std::shared_ptr<Dovel::BundleController> stayingSession;
+    for (const auto& session : server.sessions())
+        if (session->controller() != leavingSession)
+            stayingSession = session->controller();
+    ASSERT_TRUE(leavingSession && stayingSession);
+
+    // The server's tree thread stops in a pass after it has run the leaving session's
+    // tasks, and goes on once the batch has arrived and the session has ended: the next
+    // pass finds the batch in a session that is over.
+    std::promise<void> stopped;
+    std::promise<void> gate;
+    stayingSession->addTask([&stopped, open = gate.get_future().share()](auto&) {
+        stopped.set_value();
+        open.wait();
+    });
+    stopped.get_future().wait();
+    leaving.run([&] { // one batch
+        typed<float>(leaving.node, "scene/v1")->setValue(42.0f, L2);
+        auto* a = new AttributeT<int32_t>();
+        a->setValue(5, L2);
+        leaving.node.addDeepAttribute("added/last", a);
+    });
+    EXPECT_TRUE(waitUntil([&] { return leavingSession->receiveBacklog().bytes() > 0; }));
+    leaves.reset();
+    EXPECT_TRUE(waitUntil([&] { return server.stats().sessionsEnded.load() == 1; }));
+    leavingSession.reset(); // controllers are released on the tree thread
+    stayingSession.reset();
+    gate.set_value();
+
+    EXPECT_TRUE(waitUntil([&] { return floatAt(staying, "scene/v1") == 42.0f; }));
+    EXPECT_TRUE(waitUntil([&] { return hasPath(staying, "added/last"); }));
+    EXPECT_TRUE(waitSame(master, staying));
+    EXPECT_EQ(floatAt(master, "scene/v1"), 42.0f);
 }
 
 TEST(EndToEnd, AClientReconnectsAfterAServerRestartAndResyncs) {
