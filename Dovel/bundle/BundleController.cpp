@@ -350,7 +350,8 @@ void BundleController::addTask(const Task& task) {
     target->wake();
 }
 
-void BundleController::scheduleProcess(const std::vector<Bundle>& bundles, bool batchStarts) {
+void BundleController::scheduleProcess(const std::vector<Bundle>& bundles, bool batchStarts,
+                                       bool batchEnds) {
     if (CorePtr alive = core.lock())
         if (alive->counters && batchStarts)
             alive->counters->batchesReceived += 1;
@@ -359,8 +360,10 @@ void BundleController::scheduleProcess(const std::vector<Bundle>& bundles, bool 
         bytes += bundle.size();
     // The charge goes with the task: released once the batch is applied, or when the
     // task is dropped with its core.
-    addTask([bundles, charge = backlog->charge(bytes)](Core& c) mutable {
+    addTask([bundles, batchEnds, charge = backlog->charge(bytes)](Core& c) mutable {
         c.process(bundles);
+        if (batchEnds && c.counters)
+            c.counters->batchesApplied += 1;
         charge.reset();
     });
 }

@@ -79,8 +79,10 @@ public:
 
     // Queues incoming bundles (any thread); dropped when the core is gone. Their bytes
     // count in receiveBacklog() until they have been applied or dropped. A batch handed
-    // over in pieces counts once, with its first piece (`batchStarts`).
-    void scheduleProcess(const std::vector<Bundle>& bundles, bool batchStarts = true);
+    // over in pieces counts once as received, with its first piece (`batchStarts`), and
+    // once as applied, after its last piece (`batchEnds`).
+    void scheduleProcess(const std::vector<Bundle>& bundles, bool batchStarts = true,
+                         bool batchEnds = true);
     // The received bytes that wait for the tree thread (shared by copies of the handle).
     const ReceiveBacklog& receiveBacklog() const { return *backlog; }
     // Queues a task that sets the core's enabled flag.

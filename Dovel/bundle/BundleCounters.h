@@ -9,6 +9,7 @@ namespace Dovel {
 
 struct BundleCounters {
     std::atomic<uint64_t> batchesReceived{0}; // "dovel2" batches scheduled
+    std::atomic<uint64_t> batchesApplied{0};  // of those, applied whole (every piece)
     std::atomic<uint64_t> bundlesReceived{0}; // bundles dispatched
     std::atomic<uint64_t> bundlesFailed{0};   // bundles whose dispatch threw
     std::atomic<uint64_t> batchesSent{0};     // non-empty output passes sent

@@ -104,7 +104,7 @@ bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThrea
         // Applying a large batch in pieces is applying consecutive batches: the pieces
         // keep their order, and each is applied whole.
         if (controller && pieceBytes >= PieceBytes && i + 1 < count) {
-            controller->scheduleProcess(bundles, firstPiece);
+            controller->scheduleProcess(bundles, firstPiece, false);
             bundles.clear();
             pieceBytes = 0;
             firstPiece = false;
@@ -112,7 +112,7 @@ bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThrea
         }
     }
     if (controller) {
-        controller->scheduleProcess(bundles, firstPiece);
+        controller->scheduleProcess(bundles, firstPiece, true);
         holdWhileBehind(controller->receiveBacklog(), connection);
     }
     return true;

@@ -220,10 +220,28 @@ TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
     const int64_t bundleBytes = bundle.size();
     const Dovel::ReceiveBacklog& backlog = f.controller->receiveBacklog();
 
-    // The first two bundles of three are scheduled before the third has come.
+    const auto dispatched = [&] {
+        return f.counters->bundlesReceived.load() + f.counters->bundlesFailed.load();
+    };
+
+    // The first two bundles of three are scheduled, and may be applied, before the third
+    // has come; the batch counts as applied after its last piece.
     ASSERT_TRUE(f.peer->send("dovel2 3\n" + bundle + bundle));
     EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == 2 * bundleBytes; }));
     EXPECT_EQ(f.counters->batchesReceived.load(), 1u);
+    f.controller->update();
+    EXPECT_EQ(dispatched(), 2u);
+    EXPECT_EQ(f.counters->batchesApplied.load(), 0u);
+    ASSERT_TRUE(f.peer->send(bundle));
+    EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == bundleBytes; }));
+    f.controller->update();
+    EXPECT_EQ(dispatched(), 3u);
+    EXPECT_EQ(f.counters->batchesApplied.load(), 1u);
+
+    // The same again, left waiting.
+    ASSERT_TRUE(f.peer->send("dovel2 3\n" + bundle + bundle));
+    EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == 2 * bundleBytes; }));
+    EXPECT_EQ(f.counters->batchesReceived.load(), 2u);
 
     // The third, then a batch of eight: reading stops once more than the limit waits
     // for the tree thread (which does not run here), and the peer's writes back up.
@@ -243,13 +261,13 @@ TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(backlog.bytes(), held);
 
-    // Applying lets reading go on; everything arrives, in two batches.
+    // Applying lets reading go on; everything arrives, in three batches.
     EXPECT_TRUE(waitUntil([&] {
         f.controller->update();
-        return sent.load() && backlog.bytes() == 0 &&
-               f.counters->bundlesReceived.load() + f.counters->bundlesFailed.load() == 11;
+        return sent.load() && backlog.bytes() == 0 && dispatched() == 14;
     }));
     writer.join();
-    EXPECT_EQ(f.counters->batchesReceived.load(), 2u);
+    EXPECT_EQ(f.counters->batchesReceived.load(), 3u);
+    EXPECT_EQ(f.counters->batchesApplied.load(), 3u);
     EXPECT_TRUE(f.connection->isConnected());
 }

@@ -54,10 +54,10 @@ void MirrorClient::stop() {
 
 bool MirrorClient::waitInitialState(int ms) {
     const Dovel::SessionStats& stats = session->stats();
-    // A bundle of the first batch has been dispatched once the counters move; the
-    // whole batch is applied, and the node updated, when the tree thread's pass that
-    // dispatched it has ended, so the next posted call marks the end.
-    if (!waitFor([&] { return stats.bundlesReceived.load() + stats.bundlesFailed.load() > 0; }, ms))
+    // A large first batch is applied in pieces, over several passes; the counter moves
+    // after the last. The node is updated when the pass that applied it has ended, so
+    // the next posted call marks the end.
+    if (!waitFor([&] { return stats.batchesApplied.load() > 0; }, ms))
         return false;
     return treeThread.call([] {});
 }

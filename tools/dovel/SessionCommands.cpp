@@ -305,8 +305,7 @@ int runWatch(const QStringList& args) {
     bool connected = false;
     bool unreachableSaid = false;
     while (!stopSignalWithin(stopSignals, 50)) {
-        if (!watching && stats.bundlesReceived.load() + stats.bundlesFailed.load() > 0 &&
-            mirror.waitInitialState(0)) {
+        if (!watching && stats.batchesApplied.load() > 0 && mirror.waitInitialState(0)) {
             int count = 0;
             mirror.driver().call([&] { count = printer->start(); });
             watching = true;
