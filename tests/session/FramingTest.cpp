@@ -243,14 +243,15 @@ TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
     EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == 2 * bundleBytes; }));
     EXPECT_EQ(f.counters->batchesReceived.load(), 2u);
 
-    // The third, then a batch of eight: reading stops once more than the limit waits
-    // for the tree thread (which does not run here), and the peer's writes back up.
+    // The third, then a batch of sixteen: reading stops once more than the limit waits
+    // for the tree thread (which does not run here), and the peer's writes back up
+    // (what is left unread is more than the socket buffers take in).
     std::atomic<bool> sent{false};
     std::thread writer([&] {
-        QByteArray eight = "dovel2 8\n";
-        for (int i = 0; i < 8; ++i)
-            eight += bundle;
-        f.peer->send(bundle + eight);
+        QByteArray sixteen = "dovel2 16\n";
+        for (int i = 0; i < 16; ++i)
+            sixteen += bundle;
+        f.peer->send(bundle + sixteen);
         sent.store(true);
     });
     ASSERT_TRUE(waitUntil([&] { return trace.contains("reading from 127.0.0.1"); }));
@@ -264,7 +265,7 @@ TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
     // Applying lets reading go on; everything arrives, in three batches.
     EXPECT_TRUE(waitUntil([&] {
         f.controller->update();
-        return sent.load() && backlog.bytes() == 0 && dispatched() == 14;
+        return sent.load() && backlog.bytes() == 0 && dispatched() == 22;
     }));
     writer.join();
     EXPECT_EQ(f.counters->batchesReceived.load(), 3u);
