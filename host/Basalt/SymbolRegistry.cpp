@@ -82,11 +82,13 @@ uint32_t SymbolRegistry::findName(const QByteArray& name, uint64_t hash, size_t*
     if (nameSlots.empty())
         return 0;
     const size_t mask = nameSlots.size() - 1;
+    const uint64_t high = slotOf(hash, 0);
     for (size_t i = homeSlot(hash);; i = (i + 1) & mask) {
-        const uint32_t symbol = nameSlots[i];
-        if (symbol == 0)
+        const uint64_t entry = nameSlots[i];
+        if (entry == 0)
             return 0;
-        if (*bySymbol.find(symbol) == name) {
+        const uint32_t symbol = uint32_t(entry);
+        if (entry - symbol == high && *bySymbol.find(symbol) == name) {
             if (slot)
                 *slot = i;
             return symbol;
@@ -97,30 +99,28 @@ uint32_t SymbolRegistry::findName(const QByteArray& name, uint64_t hash, size_t*
 void SymbolRegistry::addName(uint64_t hash, uint32_t symbol) {
     if ((size_t(bySymbol.size()) + 1) * 2 > nameSlots.size())
         rehashNames(std::max(4, slotBits + 1));
-    placeName(homeSlot(hash), symbol);
+    placeName(slotOf(hash, symbol));
 }
 
-void SymbolRegistry::placeName(size_t home, uint32_t symbol) {
+void SymbolRegistry::placeName(uint64_t slot) {
     const size_t mask = nameSlots.size() - 1;
-    size_t i = home;
+    size_t i = homeOfSlot(slot);
     while (nameSlots[i] != 0)
         i = (i + 1) & mask;
-    nameSlots[i] = symbol;
+    nameSlots[i] = slot;
 }
 
 void SymbolRegistry::removeNameAt(size_t slot) {
-    removeByBackwardShift(nameSlots, slot, [this](uint32_t symbol) {
-        return homeSlot(hashOf(*bySymbol.find(symbol)));
-    });
+    removeByBackwardShift(nameSlots, slot, [this](uint64_t entry) { return homeOfSlot(entry); });
 }
 
 void SymbolRegistry::rehashNames(int bits) {
-    std::vector<uint32_t> old(size_t(1) << bits, 0);
+    std::vector<uint64_t> old(size_t(1) << bits, 0);
     old.swap(nameSlots);
     slotBits = bits;
-    for (const uint32_t symbol : old)
-        if (symbol != 0)
-            placeName(homeSlot(hashOf(*bySymbol.find(symbol))), symbol);
+    for (const uint64_t slot : old)
+        if (slot != 0)
+            placeName(slot);
 }
 
 bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {

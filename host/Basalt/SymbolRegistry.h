@@ -43,25 +43,34 @@ private:
     uint64_t hashOf(const QByteArray& name) const;
     // Where the probe for a name of that hash starts: the top bits.
     size_t homeSlot(uint64_t hash) const { return size_t(hash >> (64 - slotBits)); }
+    // The same for an occupied slot, from the part of the hash it keeps.
+    size_t homeOfSlot(uint64_t slot) const { return size_t(slot >> (64 - slotBits)); }
+    // A slot holding `symbol` for a name of that hash.
+    static uint64_t slotOf(uint64_t hash, uint32_t symbol) {
+        return (hash & ~uint64_t(0xffffffffu)) | symbol;
+    }
     // The symbol of `name` (of that hash) and its slot in `nameSlots`; 0 when unknown.
     uint32_t findName(const QByteArray& name, uint64_t hash, size_t* slot = nullptr) const;
     uint32_t findName(const QByteArray& name) const { return findName(name, hashOf(name)); }
     // Adds a name (of that hash) that is not there yet; its bytes need not be in
     // bySymbol yet.
     void addName(uint64_t hash, uint32_t symbol);
-    // Puts `symbol` in the first free slot from `home` on.
-    void placeName(size_t home, uint32_t symbol);
+    // Puts `slot` in the first free slot from its home on.
+    void placeName(uint64_t slot);
     void removeNameAt(size_t slot);
     void rehashNames(int bits); // to 1 << bits slots
 
     mutable std::mutex mutex;
     // The owner of the names; a vector slot per symbol handed out.
     SymbolMap<QByteArray> bySymbol;
-    // From name to symbol: an open-addressing table of symbols (0 for a free slot),
-    // probed linearly from the name's hash and at most half full. A hash of names would
-    // cost a node per name, more than the rest of the table.
-    std::vector<uint32_t> nameSlots;
-    int slotBits = 0; // nameSlots.size() is 1 << slotBits
+    // From name to symbol: an open-addressing table, probed linearly from the name's
+    // hash and at most half full. A slot holds a symbol in its low half (0 for a free
+    // slot) and the top half of its name's hash above it, so that growing the table
+    // and probing past other names never read the names themselves (a cache miss
+    // each). A hash of names would cost a node per name, more than the rest of the
+    // table.
+    std::vector<uint64_t> nameSlots;
+    int slotBits = 0; // nameSlots.size() is 1 << slotBits, at most 1 << 32
     uint64_t key[2];  // set once by the constructor
     uint32_t next = 1;
 };
