@@ -41,7 +41,7 @@ bool AttributeCache::remove(unsigned int symbol) {
                              symbol);
         return false;
     }
-    byAttribute.remove(attribute);
+    byAttribute.erase(attribute);
     bySymbol.remove(symbol);
     nodes.remove(symbol);
     return true;

@@ -6,9 +6,9 @@
 // out while holding it except the error log.
 #pragma once
 
+#include "Basalt/PointerMap.h"
 #include "Basalt/SymbolMap.h"
 
-#include <QHash>
 #include <QSet>
 
 #include <mutex>
@@ -54,7 +54,7 @@ private:
     QSet<unsigned int> nodes;
     // Local symbols are dense: a vector slot per attribute, no allocation per entry.
     Basalt::SymbolMap<Tessel::Attribute*> bySymbol;
-    QHash<Tessel::Attribute*, unsigned int> byAttribute;
+    Basalt::PointerMap<Tessel::Attribute, unsigned int> byAttribute;
 };
 
 } // namespace Dovel

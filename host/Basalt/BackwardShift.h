@@ -1,7 +1,7 @@
 // Removal from an open-addressing table with linear probing, without tombstones: each
 // entry after the hole moves back into it unless its home slot lies cyclically in
 // (hole, its slot], so that no probe sequence is broken. Shared by the flat tables that
-// remove entries (SymbolRegistry's names, PointerSet).
+// remove entries (SymbolRegistry's names, PointerMap).
 #pragma once
 
 #include <cstddef>
@@ -9,21 +9,21 @@
 
 namespace Basalt {
 
-// Empties `slot` of `slots` (a power of two in size, where Slot() marks a free slot);
+// Empties `slot` of `table` (a power of two in size, where Slot() marks a free slot);
 // `homeOf(entry)` gives the slot an entry's probe starts at.
 template <typename Slot, typename HomeOf>
-void removeByBackwardShift(std::vector<Slot>& slots, size_t slot, HomeOf homeOf) {
-    const size_t mask = slots.size() - 1;
+void removeByBackwardShift(std::vector<Slot>& table, size_t slot, HomeOf homeOf) {
+    const size_t mask = table.size() - 1;
     size_t hole = slot;
-    for (size_t j = (slot + 1) & mask; slots[j] != Slot(); j = (j + 1) & mask) {
-        const size_t home = homeOf(slots[j]);
+    for (size_t j = (slot + 1) & mask; table[j] != Slot(); j = (j + 1) & mask) {
+        const size_t home = homeOf(table[j]);
         const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
         if (!stays) {
-            slots[hole] = slots[j];
+            table[hole] = table[j];
             hole = j;
         }
     }
-    slots[hole] = Slot();
+    table[hole] = Slot();
 }
 
 } // namespace Basalt

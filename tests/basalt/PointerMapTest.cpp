@@ -1,3 +1,6 @@
+// PointerMap and PointerSet (a map without values): agreement with the standard
+// containers through growth and removals, and their memory.
+#include "Basalt/PointerMap.h"
 #include "Basalt/PointerSet.h"
 
 #include "HeapInUse.h"
@@ -5,11 +8,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <random>
 #include <set>
 #include <vector>
 
+using Basalt::PointerMap;
 using Basalt::PointerSet;
 
 namespace {
@@ -44,6 +49,35 @@ TEST(PointerSet, AgreesWithAnOrderedSetThroughGrowthAndRemovals) {
     EXPECT_TRUE(set.empty());
     EXPECT_FALSE(set.contains(&objects[0]));
     EXPECT_TRUE(set.insert(&objects[0]));
+}
+
+TEST(PointerMap, ValuesFollowTheirKeysThroughGrowthAndRemovals) {
+    std::vector<int> objects(3000);
+    PointerMap<int, unsigned> map;
+    std::map<int*, unsigned> reference;
+    std::mt19937 random(7);
+    for (unsigned step = 1; step <= 60000; ++step) {
+        int* pointer = &objects[random() % (step < 30000 ? 3000 : 300)];
+        if (random() % 3 == 0) {
+            ASSERT_EQ(map.erase(pointer), reference.erase(pointer) == 1);
+        } else {
+            const bool added = reference.find(pointer) == reference.end();
+            reference[pointer] = step;
+            ASSERT_EQ(map.insert(pointer, step), added); // replaces the value when present
+        }
+        ASSERT_EQ(map.size(), reference.size());
+        if (step % 997 == 0)
+            for (int& object : objects) {
+                const auto it = reference.find(&object);
+                const unsigned* found = map.find(&object);
+                ASSERT_EQ(found != nullptr, it != reference.end());
+                if (found)
+                    ASSERT_EQ(*found, it->second);
+                ASSERT_EQ(map.value(&object, 0u), it == reference.end() ? 0u : it->second);
+            }
+    }
+    EXPECT_FALSE(map.insert(nullptr, 1u));
+    EXPECT_EQ(map.find(nullptr), nullptr);
 }
 
 TEST(PointerSet, CostsNoAllocationPerElement) {
