@@ -69,6 +69,28 @@ BundleControllerParams params(std::shared_ptr<Dovel::Connection> connection, boo
     return p;
 }
 
+// A tree holding a/value = 3.5 and the bundles of its first output pass (handshake,
+// symbols, the new attribute), with the controller that sent them.
+struct FirstBatch {
+    RemoteNode source{nullptr, "source"};
+    std::shared_ptr<Recorder> out = std::make_shared<Recorder>(nullptr, "source");
+    std::shared_ptr<BundleController> sender;
+    FirstBatch() {
+        auto* value = new Tessel::AttributeT<float>();
+        value->setValue(3.5f, Tessel::Attribute::LayerRemote);
+        EXPECT_TRUE(source.addDeepAttribute("a/value", value));
+        sender = BundleController::create(source, params(out, false));
+        sender->update();
+    }
+};
+
+// The float at a/value of `node`; -1 when there is none.
+float valueAt(RemoteNode& node) {
+    auto* copy = dynamic_cast<Tessel::AttributeT<float>*>(
+        node.attribute("a") ? node.attribute("a")->attribute("value") : nullptr);
+    return copy ? copy->value() : -1.0f;
+}
+
 // Runs update-loop passes until the hook has removed every automatic core and
 // stopped re-registering itself.
 void drainAutomaticCores() {
@@ -164,22 +186,16 @@ TEST(Controller, ATaskThatAddsATaskHasItRunInTheSameUpdate) {
 }
 
 TEST(Controller, AThrowingBundleDoesNotStopTheRestOfItsBatch) {
-    RemoteNode source(nullptr, "source");
-    auto* value = new Tessel::AttributeT<float>();
-    value->setValue(3.5f, Tessel::Attribute::LayerRemote);
-    ASSERT_TRUE(source.addDeepAttribute("a/value", value));
-    auto out = std::make_shared<Recorder>(nullptr, "source");
-    auto sender = BundleController::create(source, params(out, false));
-    sender->update();
-    ASSERT_GE(out->sent.size(), 2u);
-    const uint32_t symbolType = sender->lockCore()->bundleDispatcher().resolveMessageType(
+    FirstBatch first;
+    ASSERT_GE(first.out->sent.size(), 2u);
+    const uint32_t symbolType = first.sender->lockCore()->bundleDispatcher().resolveMessageType(
         Dovel::ModuleNames::SymbolRegistry);
 
     // A symbol-registry bundle that ends inside its first pair, right after the handshake.
     Bundle broken;
     broken.mutablePacket().append(QByteArray(4, '\x07'));
     broken.setHeader(4, symbolType, 99, 0);
-    std::vector<Bundle> batch = out->sent;
+    std::vector<Bundle> batch = first.out->sent;
     batch.insert(batch.begin() + 1, broken);
 
     RemoteNode target(nullptr, "target");
@@ -195,25 +211,11 @@ TEST(Controller, AThrowingBundleDoesNotStopTheRestOfItsBatch) {
     EXPECT_EQ(trace.count(expected, Basalt::Trace::Warning), 1) << trace.dump().toStdString();
     EXPECT_EQ(counters->bundlesFailed.load(), 1u);
     EXPECT_EQ(counters->bundlesReceived.load(), uint64_t(batch.size() - 1));
-    auto* copy = dynamic_cast<Tessel::AttributeT<float>*>(
-        target.attribute("a") ? target.attribute("a")->attribute("value") : nullptr);
-    ASSERT_TRUE(copy);
-    EXPECT_EQ(copy->value(), 3.5f);
+    EXPECT_EQ(valueAt(target), 3.5f);
 }
 
 TEST(Controller, ABatchQueuedBeforeTheSessionEndedIsAppliedAndNothingIsSent) {
-    RemoteNode source(nullptr, "source");
-    auto* value = new Tessel::AttributeT<float>();
-    value->setValue(3.5f, Tessel::Attribute::LayerRemote);
-    ASSERT_TRUE(source.addDeepAttribute("a/value", value));
-    auto out = std::make_shared<Recorder>(nullptr, "source");
-    BundleController::create(source, params(out, false))->update();
-    const std::vector<Bundle> batch = out->sent;
-    const auto valueOf = [](RemoteNode& node) {
-        auto* copy = dynamic_cast<Tessel::AttributeT<float>*>(
-            node.attribute("a") ? node.attribute("a")->attribute("value") : nullptr);
-        return copy ? copy->value() : -1.0f;
-    };
+    const std::vector<Bundle> batch = FirstBatch().out->sent;
 
     // Automatic: the handle is dropped before the hook ran; the hook applies the batch
     // as it drops the core. The session had never run, so the batch also initialises it.
@@ -224,7 +226,7 @@ TEST(Controller, ABatchQueuedBeforeTheSessionEndedIsAppliedAndNothingIsSent) {
     automatic->scheduleProcess(batch);
     automatic.reset();
     drainAutomaticCores();
-    EXPECT_EQ(valueOf(automaticTarget), 3.5f);
+    EXPECT_EQ(valueAt(automaticTarget), 3.5f);
 
     // Manual: the owner hands the ended controller to finish() before dropping it.
     RemoteNode manualTarget(nullptr, "manual");
@@ -235,7 +237,7 @@ TEST(Controller, ABatchQueuedBeforeTheSessionEndedIsAppliedAndNothingIsSent) {
     log.clear();
     manual->scheduleProcess(batch);
     BundleController::finish({manual});
-    EXPECT_EQ(valueOf(manualTarget), 3.5f);
+    EXPECT_EQ(valueAt(manualTarget), 3.5f);
     EXPECT_TRUE(log.empty()); // not even the pass before the batch
 }
 
