@@ -22,29 +22,29 @@ NodeEventTable::NodeEventTable() = default;
 NodeEventTable::~NodeEventTable() = default;
 
 void NodeEventTable::declareIn(const QByteArray& name) {
-    Basalt::Guard guard(mutex);
+    std::lock_guard<std::mutex> guard(mutex);
     if (!ins.contains(name))
         ins.append(name);
 }
 
 void NodeEventTable::declareOut(const QByteArray& name) {
-    Basalt::Guard guard(mutex);
+    std::lock_guard<std::mutex> guard(mutex);
     if (!outs.contains(name))
         outs.append(name);
 }
 
 QList<QByteArray> NodeEventTable::declaredIn() const {
-    Basalt::Guard guard(mutex);
+    std::lock_guard<std::mutex> guard(mutex);
     return ins;
 }
 
 QList<QByteArray> NodeEventTable::declaredOut() const {
-    Basalt::Guard guard(mutex);
+    std::lock_guard<std::mutex> guard(mutex);
     return outs;
 }
 
 long NodeEventTable::add(std::shared_ptr<Listener> listener) {
-    Basalt::Guard guard(mutex);
+    std::lock_guard<std::mutex> guard(mutex);
     // The id is taken under the lock so that the list stays in id order.
     listener->id = issueListenerId();
     const long id = listener->id;
@@ -53,7 +53,7 @@ long NodeEventTable::add(std::shared_ptr<Listener> listener) {
 }
 
 bool NodeEventTable::remove(long id) {
-    Basalt::Guard guard(mutex);
+    std::unique_lock<std::mutex> guard(mutex);
     if (!all)
         return false;
     const auto found = std::find_if(all->begin(), all->end(),
@@ -72,37 +72,37 @@ bool NodeEventTable::remove(long id) {
         all = std::move(rest);
     }
     listener->removed = true;
-    waitUntilIdle({listener});
+    waitUntilIdle(guard, {listener});
     return true;
 }
 
 void NodeEventTable::clear() {
-    Basalt::Guard guard(mutex);
+    std::unique_lock<std::mutex> guard(mutex);
     if (!all)
         return;
     const std::shared_ptr<const Batch> gone = std::move(all);
     all = nullptr;
     for (const auto& listener : *gone)
         listener->removed = true;
-    waitUntilIdle(*gone);
+    waitUntilIdle(guard, *gone);
 }
 
-void NodeEventTable::waitUntilIdle(const std::vector<std::shared_ptr<Listener>>& gone) {
+void NodeEventTable::waitUntilIdle(std::unique_lock<std::mutex>& held,
+                                   const std::vector<std::shared_ptr<Listener>>& gone) {
     const std::thread::id self = std::this_thread::get_id();
     for (const auto& listener : gone)
-        while (othersRunning(*listener, self))
-            idle.wait(mutex, 1000);
+        idle.wait(held, [&] { return !othersRunning(*listener, self); });
 }
 
 int NodeEventTable::count() const {
-    Basalt::Guard guard(mutex);
+    std::lock_guard<std::mutex> guard(mutex);
     return all ? int(all->size()) : 0;
 }
 
 void NodeEventTable::dispatch(const QByteArray& name, Basalt::BinaryData* data) {
     std::shared_ptr<const Batch> batch;
     {
-        Basalt::Guard guard(mutex);
+        std::lock_guard<std::mutex> guard(mutex);
         batch = all;
     }
     if (!batch)
@@ -125,7 +125,7 @@ void NodeEventTable::dispatch(const QByteArray& name, Basalt::BinaryData* data) 
 void NodeEventTable::run(Listener& listener, Basalt::BinaryData* data) {
     const std::thread::id self = std::this_thread::get_id();
     {
-        Basalt::Guard guard(mutex);
+        std::lock_guard<std::mutex> guard(mutex);
         if (listener.removed)
             return;
         listener.runningOn.push_back(self);
@@ -135,11 +135,11 @@ void NodeEventTable::run(Listener& listener, Basalt::BinaryData* data) {
         Listener& listener;
         std::thread::id self;
         ~Finish() {
-            Basalt::Guard guard(table.mutex);
+            std::lock_guard<std::mutex> guard(table.mutex);
             auto& running = listener.runningOn;
             running.erase(std::find(running.begin(), running.end(), self));
             if (listener.removed)
-                table.idle.wakeAll(table.mutex);
+                table.idle.notify_all();
         }
     } finish{*this, listener, self};
 

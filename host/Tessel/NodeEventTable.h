@@ -5,14 +5,14 @@
 #pragma once
 
 #include "Basalt/BinaryData.h"
-#include "Basalt/Condition.h"
-#include "Basalt/Mutex.h"
 
 #include <QByteArray>
 #include <QList>
 
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -58,11 +58,13 @@ public:
 
 private:
     void run(Listener& listener, Basalt::BinaryData* data);
-    // Called with `mutex` held.
-    void waitUntilIdle(const std::vector<std::shared_ptr<Listener>>& gone);
+    void waitUntilIdle(std::unique_lock<std::mutex>& held,
+                       const std::vector<std::shared_ptr<Listener>>& gone);
 
-    mutable Basalt::Mutex mutex;
-    Basalt::Condition idle;
+    // Held inline, not behind the host's pointer-to-implementation wrappers: every node
+    // has a table, and those would cost three heap blocks per node.
+    mutable std::mutex mutex;
+    std::condition_variable idle;
     QList<QByteArray> ins;
     QList<QByteArray> outs;
     // Every listener in ascending id order (ids only grow, so appending keeps the order):
