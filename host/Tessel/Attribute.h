@@ -194,14 +194,16 @@ private:
     // Replaces the table by its entries that `keep` accepts (null when none is left).
     template <typename Keep> void replaceListeners(Keep keep);
 
-    QByteArray attributeName;
-    Node* hostNode = nullptr;
-    ListenerSnapshot listeners;
+    // The flags come first so that they fill the padding after Serializable's own flag:
+    // a tree holds millions of attributes.
     bool destroying = false;
     bool detaching = false; // the host is notifying its removal
     // Set while an AttributeAlias part exists (its constructor body to its destructor's
     // end), as a dynamic_cast would find it: resolving aliases is on every path lookup.
     bool isAlias = false;
+    QByteArray attributeName;
+    Node* hostNode = nullptr;
+    ListenerSnapshot listeners;
 };
 
 } // namespace Tessel

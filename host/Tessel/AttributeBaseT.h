@@ -14,6 +14,8 @@
 
 #include <array>
 #include <cmath>
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <type_traits>
 
@@ -39,21 +41,20 @@ public:
     AttributeBaseT(Node* host, const QByteArray& name) : Attribute(host, name) {}
     // The default value is stored on layer 0 without firing a change.
     AttributeBaseT(Node* host, const QByteArray& name, const T& defaultValue)
-        : Attribute(host, name), current(defaultValue) {
-        layers[LayerDefault] = defaultValue;
-    }
+        : Attribute(host, name), current(defaultValue), defined(bit(LayerDefault)) {}
     ~AttributeBaseT() override { aboutToBeDestroyed(); }
 
     // The effective value; what serializers read.
     const T& value() const { return current; }
+
     // The value stored on `layer` (LayerCurrent: the effective value); null when the
     // layer holds none.
     const T* valueOnLayer(Layer layer) const {
         if (layer == LayerCurrent)
             return &current;
-        if (!isStorageLayer(layer) || !layers[size_t(layer)])
+        if (!isStorageLayer(layer) || !(defined & bit(layer)))
             return nullptr;
-        return &*layers[size_t(layer)];
+        return layers ? &*(*layers)[size_t(layer)] : &current;
     }
 
     // Stores `value` on a storage layer; LayerCurrent or an invalid layer is refused
@@ -65,63 +66,90 @@ public:
                                    int(layer), name().constData());
             return;
         }
-        layers[size_t(layer)] = value;
+        if (!layers && (defined == 0 || defined == bit(layer))) {
+            // The only layer with a value: it is the effective value.
+            defined = bit(layer);
+            if (Detail::sameValue(value, current))
+                return;
+            current = value;
+            emitChange();
+            return;
+        }
+        if (!layers)
+            spill();
+        (*layers)[size_t(layer)] = value;
+        defined |= bit(layer);
         refresh();
     }
 
-    bool isChanged() const override {
-        for (int layer = LayerDefault + 1; layer < LayerCount; ++layer)
-            if (layers[size_t(layer)])
-                return true;
-        return false;
-    }
+    bool isChanged() const override { return (defined & ~bit(LayerDefault)) != 0; }
+
     bool isValueDefinedOnLayer(Layer layer) const override {
-        if (layer == LayerCurrent) {
-            for (const auto& stored : layers)
-                if (stored)
-                    return true;
-            return false;
-        }
-        return isStorageLayer(layer) && layers[size_t(layer)].has_value();
+        if (layer == LayerCurrent)
+            return defined != 0;
+        return isStorageLayer(layer) && (defined & bit(layer));
     }
+
     void clearValue(Layer layer) override {
-        if (!isStorageLayer(layer) || !layers[size_t(layer)])
+        if (!isStorageLayer(layer) || !(defined & bit(layer)))
             return;
-        layers[size_t(layer)].reset();
+        defined &= uint8_t(~bit(layer));
+        if (layers)
+            (*layers)[size_t(layer)].reset();
         refresh();
     }
+
     void copyValueFromLayer(Layer from, Layer to) override {
         if (!isStorageLayer(from) || !isStorageLayer(to) || from == to)
             return;
-        if (layers[size_t(from)])
-            setValue(*layers[size_t(from)], to);
-        else
+        if (const T* stored = valueOnLayer(from)) {
+            const T copy = *stored; // setValue may move where it is kept
+            setValue(copy, to);
+        } else {
             clearValue(to);
+        }
     }
+
     void setAsDefaults() override {
-        for (auto& stored : layers)
-            stored.reset();
-        layers[LayerDefault] = current;
+        layers.reset();
+        defined = bit(LayerDefault);
     }
 
 protected:
     static bool isStorageLayer(Layer layer) { return layer >= LayerDefault && layer < LayerCount; }
 
 private:
+    using Layers = std::array<std::optional<T>, LayerCount>;
+
+    static uint8_t bit(Layer layer) { return uint8_t(1u << unsigned(layer)); }
+
+    // Moves the one stored value (kept as `current`) into a table of every layer, from
+    // where a second layer on the same attribute is stored.
+    void spill() {
+        layers = std::make_unique<Layers>();
+        for (int layer = LayerDefault; layer < LayerCount; ++layer)
+            if (defined & bit(Layer(layer)))
+                (*layers)[size_t(layer)] = current;
+    }
+
     // Recomputes the effective value and fires a change when it moved.
     void refresh() {
         const T* top = nullptr;
         for (int layer = LayerCount - 1; layer >= LayerDefault && !top; --layer)
-            if (layers[size_t(layer)])
-                top = &*layers[size_t(layer)];
+            if (defined & bit(Layer(layer)))
+                top = layers ? &*(*layers)[size_t(layer)] : &current;
         if (top ? Detail::sameValue(*top, current) : Detail::sameValue(T{}, current))
             return;
         current = top ? *top : T{};
         emitChange();
     }
 
-    std::array<std::optional<T>, LayerCount> layers;
+    // One bit per storage layer holding a value. With no `layers` table, at most one bit
+    // is set and that layer's value is `current`: most attributes hold a value on one
+    // layer only, and a table of every layer would double or triple their size.
+    std::unique_ptr<Layers> layers;
     T current{};
+    uint8_t defined = 0;
 };
 
 } // namespace Tessel
