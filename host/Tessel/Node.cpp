@@ -33,8 +33,31 @@ QByteArray Node::type() const {
 }
 
 Attribute* Node::attribute(const QByteArray& name) const {
-    auto it = childIndex.constFind(name);
-    return it == childIndex.constEnd() ? nullptr : *it.value();
+    const auto it = findChild(name);
+    return it == childList.end() ? nullptr : *it;
+}
+
+Node::ChildList::const_iterator Node::findChild(const QByteArray& name) const {
+    if (!childIndex.isEmpty()) {
+        const auto it = childIndex.constFind(name);
+        return it == childIndex.constEnd() ? childList.end() : ChildList::const_iterator(*it);
+    }
+    for (auto it = childList.begin(); it != childList.end(); ++it)
+        if ((*it)->attributeName == name)
+            return it;
+    return childList.end();
+}
+
+void Node::indexChild(const QByteArray& name, ChildList::iterator position) {
+    if (!childIndex.isEmpty()) {
+        childIndex.insert(name, position);
+        return;
+    }
+    if (childList.size() <= UnindexedChildren)
+        return;
+    childIndex.reserve(int(childList.size()) * 2);
+    for (auto it = childList.begin(); it != childList.end(); ++it)
+        childIndex.insert((*it)->attributeName, it);
 }
 
 bool Node::isSelfOrAncestor(const Attribute* attribute) const {
@@ -46,11 +69,11 @@ bool Node::isSelfOrAncestor(const Attribute* attribute) const {
 
 bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
     if (!attribute || attribute->hostNode || attribute->isBeingDestroyed() ||
-        isSelfOrAncestor(attribute) || childIndex.contains(name))
+        isSelfOrAncestor(attribute) || findChild(name) != childList.end())
         return false;
     attribute->attributeName = name;
     attribute->hostNode = this;
-    childIndex.insert(name, childList.insert(childList.end(), attribute));
+    indexChild(name, childList.insert(childList.end(), attribute));
     attributeAdded(attribute);
     sendChildEvent(QByteArrayLiteral("attribute-added"), name);
     return true;
@@ -59,10 +82,10 @@ bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
 bool Node::removeAttribute(Attribute* attribute) {
     if (!attribute || attribute->hostNode != this)
         return false;
-    auto it = childIndex.constFind(attribute->name());
-    if (it == childIndex.constEnd() || *it.value() != attribute)
+    const auto it = findChild(attribute->name());
+    if (it == childList.end() || *it != attribute)
         return false;
-    detach(it.value());
+    detach(childList.erase(it, it)); // the same position, writable
     return true;
 }
 
@@ -83,13 +106,14 @@ void Node::detach(ChildList::iterator position) {
         sendChildEvent(QByteArrayLiteral("attribute-removed"), name);
         // A listener may have removed or deleted the child meanwhile (that nested
         // removal unlisted it without notifying again); then it must not be touched.
-        auto it = childIndex.find(name);
-        if (it == childIndex.end() || *it.value() != child)
+        const auto it = findChild(name);
+        if (it == childList.end() || *it != child)
             return;
-        position = it.value();
+        position = childList.erase(it, it);
     }
     childList.erase(position);
-    childIndex.remove(name);
+    if (!childIndex.isEmpty())
+        childIndex.remove(name);
     child->hostNode = nullptr;
     child->detaching = false;
 }

@@ -128,6 +128,14 @@ protected:
 
 private:
     using ChildList = std::list<Attribute*>;
+    // Nodes with up to this many children find them by a scan of the list: most nodes
+    // have a handful, and an index would cost more than the children's own records.
+    static constexpr std::size_t UnindexedChildren = 8;
+
+    ChildList::const_iterator findChild(const QByteArray& name) const;
+    // Indexes a child just listed at `position`, or every child once there are too many
+    // to scan.
+    void indexChild(const QByteArray& name, ChildList::iterator position);
     void detach(ChildList::iterator position);
     void sendChildEvent(const QByteArray& event, const QByteArray& childName);
     bool isSelfOrAncestor(const Attribute* attribute) const;
