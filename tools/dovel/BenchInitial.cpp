@@ -172,8 +172,10 @@ int runPeer(const BenchOptions& options, BenchReport& report) {
         return CommandLine::fail(
             CommandLine::Failure,
             QStringLiteral("bench peer: no session (%1)").arg(mirror.failureReason()));
-    mirror.driver().call([&] { held = countAttributes(mirror.node()); });
+    // Read before the count: that walk queues behind whatever the tree thread does next
+    // (this side's own first output pass, announcing what it now holds).
     const double seconds = double(timer.nsecsElapsed()) / 1e9;
+    mirror.driver().call([&] { held = countAttributes(mirror.node()); });
     const double heapAfter = settledHeapBytes();
     if (held != expected)
         return CommandLine::fail(CommandLine::Failure,
