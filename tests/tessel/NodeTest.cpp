@@ -138,6 +138,33 @@ TEST(Node, ChildrenKeepInsertionOrderAndUniqueNames) {
     EXPECT_EQ(namesOf(root), (QByteArrayList{"b", "a", "c"}));
 }
 
+TEST(Node, ManyChildrenAreFoundAndKeptUniqueAsBeforeTheyWereMany) {
+    // A few children are found by a scan and many by an index: the same answers either
+    // way, while the count grows past the point where the index is built and falls back.
+    Node root;
+    AttributeT<int> spare; // refused under every taken name
+    QByteArrayList expected;
+    for (int i = 0; i < 40; ++i) {
+        const QByteArray name = "c" + QByteArray::number(i);
+        auto* child = new AttributeT<int>(&root, name);
+        expected << name;
+        EXPECT_EQ(root.attribute(name), child);
+        EXPECT_FALSE(root.addAttribute(name, &spare)) << name.constData();
+        for (int j = 0; j <= i; ++j)
+            ASSERT_NE(root.attribute("c" + QByteArray::number(j)), nullptr) << i << " " << j;
+    }
+    EXPECT_EQ(namesOf(root), expected);
+    for (int i = 0; i < 40; i += 2) {
+        EXPECT_TRUE(root.deleteAttribute(root.attribute("c" + QByteArray::number(i))));
+        expected.removeOne("c" + QByteArray::number(i));
+    }
+    EXPECT_EQ(namesOf(root), expected);
+    for (int i = 0; i < 40; ++i)
+        EXPECT_EQ(root.attribute("c" + QByteArray::number(i)) != nullptr, i % 2 == 1) << i;
+    EXPECT_TRUE(root.addAttribute("c0", new AttributeT<int>));
+    EXPECT_EQ(root.attribute("c0")->name(), "c0");
+}
+
 TEST(Node, ChildNotificationsCarryTheNameAndBracketTheList) {
     RecordingNode root;
     auto* x = new AttributeT<int>(&root, "x");
