@@ -120,6 +120,7 @@ void Node::detach(ChildList::iterator position) {
 
 void Node::sendChildEvent(const QByteArray& event, const QByteArray& childName) {
     Basalt::BinaryData payload;
+    payload.ensure(8 + uint64_t(childName.size())); // tag, count, bytes: one allocation
     payload.write(childName);
     eventSend(event, payload);
 }
