@@ -17,14 +17,30 @@ void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& 
     laterRemoved.clearAndTrim(expected);
     laterAdded.clearAndTrim(expected);
     added.clearAndTrim(expected);
+    std::size_t additions = 0;
+    std::size_t changes = 0;
+    std::size_t removals = 0;
+    for (const NodeWatcher::Event& e : events) {
+        additions += e.type == NodeWatcher::AttributeAdded;
+        changes += e.type == NodeWatcher::AttributeChanged;
+        removals += e.type == NodeWatcher::AttributeRemoved;
+    }
+    // Sized once for the period: a first announcement brings a whole tree at once.
+    out.reserve(expected);
+    scratch.reserve(expected);
+    laterChanged.reserve(changes + removals);
+    laterRemoved.reserve(removals);
+    laterAdded.reserve(additions);
+    added.reserve(additions);
 
     // Additions of each symbol removed in the period, counted down as the backward walk
     // passes them, so that a removal can tell whether an addition still stands before
     // it. Periods without removals (nearly all) count nothing.
     QHash<uint32_t, int> additionsBefore;
-    for (const NodeWatcher::Event& e : events)
-        if (e.type == NodeWatcher::AttributeRemoved)
-            additionsBefore.insert(e.symbol, 0);
+    if (removals != 0)
+        for (const NodeWatcher::Event& e : events)
+            if (e.type == NodeWatcher::AttributeRemoved)
+                additionsBefore.insert(e.symbol, 0);
     if (!additionsBefore.isEmpty())
         for (const NodeWatcher::Event& e : events)
             if (e.type == NodeWatcher::AttributeAdded) {

@@ -242,6 +242,7 @@ void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes,
                                    BundleOutput& output) {
     Bundle bundle;
     BundleWriter writer(bundle);
+    announced.reserve(changes.size()); // a first announcement names a whole tree
     for (size_t i = 0; i < changes.size(); ++i) {
         if (!records[i]) {
             logMissingSessionAttribute();

@@ -98,6 +98,16 @@ public:
     // Tables up to this many cells are always kept.
     static constexpr std::size_t TrimCells = 1 << 16;
 
+    // Makes room for `symbols` entries in all, so that a burst of known size fills the
+    // table once instead of growing it step by step.
+    void reserve(std::size_t symbols) {
+        std::size_t size = cells.empty() ? 64 : cells.size();
+        while (size < 2 * symbols)
+            size *= 2;
+        if (size > cells.size())
+            rehash(size);
+    }
+
 private:
     struct Cell {
         uint32_t symbol = 0;
@@ -110,11 +120,13 @@ private:
         return size_t((uint64_t(symbol) * 0x9E3779B97F4A7C15ull) >> 32) & mask();
     }
 
-    void grow() {
+    void grow() { rehash(cells.empty() ? 64 : cells.size() * 2); }
+
+    void rehash(std::size_t size) {
         std::vector<Cell> old;
         old.swap(cells);
         const uint32_t live = generation;
-        cells.assign(old.empty() ? 64 : old.size() * 2, Cell{});
+        cells.assign(size, Cell{});
         generation = 1;
         count = 0;
         for (const Cell& cell : old)
