@@ -64,6 +64,8 @@ void Attribute::aboutToBeDestroyed() {
     for (std::size_t i = 0; i < listeners.size(); ++i)
         if (ListenerHolder* holder = listeners.at(i).holder)
             holder->forget(this);
+    if (Node* node = asNode())
+        node->forgetEventHolders();
     if (hostNode)
         hostNode->removeAttribute(this);
 }
@@ -220,7 +222,8 @@ bool Attribute::removeListener(long id) {
     ListenerHolder* holder = listeners.at(found).holder;
     replaceListeners([id](const Listener& listener) { return listener.id != id; });
     // A holder with nothing left here would not hear of this attribute's end.
-    if (holder && !hasListenersOf(holder))
+    Node* node = asNode();
+    if (holder && !hasListenersOf(holder) && !(node && node->hasEventListenersOf(holder)))
         holder->forget(this);
     return true;
 }

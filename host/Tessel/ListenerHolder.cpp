@@ -23,30 +23,15 @@ long ListenerHolder::addBd(Node* node, const QByteArray& event,
     if (!node || node->destroying)
         return -1;
     held.insert(node);
-    auto made = nodeEvents.try_emplace(node);
-    // Something of ours that nobody else removes must sit on the node for it to tell us
-    // of its end: event listeners are not attribute listeners.
-    if (made.second) {
-        node->addListener(std::function<void()>(), 0, this);
-        made.first->second.reserve(2); // the common case: one or two events
-    }
-    const long id = node->eventAddListenerBd(event, std::move(callback), type);
-    made.first->second.push_back(id);
-    return id;
+    return node->eventAddListenerBd(event, std::move(callback), type, this);
 }
 
 void ListenerHolder::removeListeners(Attribute* attribute) {
     if (!held.erase(attribute))
         return;
-    std::vector<long> eventListeners;
-    auto it = nodeEvents.find(attribute);
-    if (it != nodeEvents.end()) {
-        eventListeners = std::move(it->second);
-        nodeEvents.erase(it);
-    }
     attribute->removeListenersOf(this);
-    for (long id : eventListeners)
-        static_cast<Node*>(attribute)->eventRemoveListener(id); // only nodes have them
+    if (Node* node = attribute->asNode())
+        node->eventRemoveListenersOf(this);
 }
 
 void ListenerHolder::removeAll() {

@@ -15,8 +15,6 @@
 #include <QByteArray>
 
 #include <functional>
-#include <unordered_map>
-#include <vector>
 
 namespace Basalt {
 class BinaryData;
@@ -37,6 +35,7 @@ public:
     // the holder forgets the attribute once none of its listeners are left there.
     long add(Attribute* attribute, std::function<void()> callback, int roleMask);
     // Node::eventAddListenerBd, remembered. -1 for a null node or one being destroyed.
+    // The returned id may be removed on the node itself (on the tree thread), likewise.
     long addBd(Node* node, const QByteArray& event,
                std::function<void(Basalt::BinaryData&)> callback, Node::ListenerType type);
     // Removes everything registered through this holder on that attribute or node.
@@ -47,18 +46,15 @@ public:
 
 private:
     friend class Attribute;
-    // Called by an attribute that is being destroyed.
-    void forget(Attribute* attribute) {
-        if (held.erase(attribute))
-            nodeEvents.erase(attribute);
-    }
+    friend class Node;
 
-    // Every attribute or node with registrations of ours. The attribute's listeners are
-    // found by their holder tag; only node event listeners need their ids kept.
+    // Called by an attribute that is being destroyed, and by one that has none of our
+    // listeners left.
+    void forget(Attribute* attribute) { held.erase(attribute); }
+
+    // Every attribute or node with registrations of ours. They are found there by their
+    // holder tag, attribute listeners and node event listeners alike.
     Basalt::PointerSet<Attribute> held;
-    // Per node with event registrations: their ids (Node::eventAddListenerBd). A node
-    // gets an inert tagged listener with its first one, so that it tells us of its end.
-    std::unordered_map<Attribute*, std::vector<long>> nodeEvents;
 };
 
 } // namespace Tessel

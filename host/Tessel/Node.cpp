@@ -1,5 +1,6 @@
 #include "Tessel/Node.h"
 
+#include "Tessel/ListenerHolder.h"
 #include "Tessel/NodeEventTable.h"
 #include "Tessel/UpdateLoop.h"
 
@@ -189,15 +190,41 @@ long Node::eventAddListener(const QByteArray& source, const QByteArray& target, 
 long Node::eventAddListenerBd(const QByteArray& name,
                               std::function<void(Basalt::BinaryData&)> callback,
                               ListenerType type) {
+    return eventAddListenerBd(name, std::move(callback), type, nullptr);
+}
+
+long Node::eventAddListenerBd(const QByteArray& name,
+                              std::function<void(Basalt::BinaryData&)> callback, ListenerType type,
+                              ListenerHolder* holder) {
     auto listener = std::make_shared<NodeEventTable::Listener>();
     listener->name = name;
     listener->queued = type == Queued;
     listener->withData = callback ? std::move(callback) : [](Basalt::BinaryData&) {};
+    listener->holder = holder;
     return events->add(std::move(listener));
 }
 
 bool Node::eventRemoveListener(long id) {
-    return events->remove(id);
+    ListenerHolder* holder = nullptr;
+    if (!events->remove(id, &holder))
+        return false;
+    // A holder with nothing left here would not hear of this node's end.
+    if (holder && !hasListenersOf(holder) && !events->hasListenersOf(holder))
+        holder->forget(this);
+    return true;
+}
+
+bool Node::eventRemoveListenersOf(const ListenerHolder* holder) {
+    return events->removeListenersOf(holder);
+}
+
+bool Node::hasEventListenersOf(const ListenerHolder* holder) const {
+    return events->hasListenersOf(holder);
+}
+
+void Node::forgetEventHolders() {
+    for (ListenerHolder* holder : events->holders())
+        holder->forget(this);
 }
 
 int Node::eventListenerCount() const {

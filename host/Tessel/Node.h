@@ -127,6 +127,20 @@ protected:
     void aboutToBeDestroyed() override;
 
 private:
+    friend class Attribute;
+    friend class ListenerHolder;
+
+    // The holder's registrations (ListenerHolder::addBd); the holder is told of the
+    // node's end, as attribute listeners' holders are.
+    long eventAddListenerBd(const QByteArray& name,
+                            std::function<void(Basalt::BinaryData&)> callback, ListenerType type,
+                            ListenerHolder* holder);
+    bool eventRemoveListenersOf(const ListenerHolder* holder);
+    bool hasEventListenersOf(const ListenerHolder* holder) const;
+    // Called once the deletion listeners ran: every holder of event listeners forgets
+    // this node.
+    void forgetEventHolders();
+
     using ChildList = std::list<Attribute*>;
     // Nodes with up to this many children find them by a scan of the list: most nodes
     // have a handful, and an index would cost more than the children's own records.

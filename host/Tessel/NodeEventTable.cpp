@@ -52,28 +52,63 @@ long NodeEventTable::add(std::shared_ptr<Listener> listener) {
     return id;
 }
 
-bool NodeEventTable::remove(long id) {
+bool NodeEventTable::remove(long id, ListenerHolder** holder) {
     std::unique_lock<std::mutex> guard(mutex);
+    ListenerHolder* removedHolder = nullptr;
+    const bool removed = removeWhere(guard, [&](const Listener& listener) {
+        if (listener.id != id)
+            return false;
+        removedHolder = listener.holder;
+        return true;
+    });
+    if (removed && holder)
+        *holder = removedHolder;
+    return removed;
+}
+
+bool NodeEventTable::removeListenersOf(const ListenerHolder* holder) {
+    std::unique_lock<std::mutex> guard(mutex);
+    return removeWhere(guard,
+                       [holder](const Listener& listener) { return listener.holder == holder; });
+}
+
+template <typename Match>
+bool NodeEventTable::removeWhere(std::unique_lock<std::mutex>& held, Match match) {
     if (!all)
         return false;
-    const auto found = std::find_if(all->begin(), all->end(),
-                                    [id](const auto& listener) { return listener->id == id; });
-    if (found == all->end())
-        return false;
-    std::shared_ptr<Listener> listener = *found;
-    if (all->size() == 1) {
-        all = nullptr;
-    } else {
-        auto rest = std::make_shared<Batch>();
-        rest->reserve(all->size() - 1);
-        for (const auto& other : *all)
-            if (other != listener)
-                rest->push_back(other);
-        all = std::move(rest);
+    std::vector<std::shared_ptr<Listener>> gone;
+    auto rest = std::make_shared<Batch>();
+    for (const auto& listener : *all) {
+        if (match(*listener))
+            gone.push_back(listener);
+        else
+            rest->push_back(listener);
     }
-    listener->removed = true;
-    waitUntilIdle(guard, {listener});
+    if (gone.empty())
+        return false;
+    all = rest->empty() ? nullptr : std::move(rest);
+    for (const auto& listener : gone)
+        listener->removed = true;
+    waitUntilIdle(held, gone);
     return true;
+}
+
+bool NodeEventTable::hasListenersOf(const ListenerHolder* holder) const {
+    std::lock_guard<std::mutex> guard(mutex);
+    return all && std::any_of(all->begin(), all->end(), [holder](const auto& listener) {
+               return listener->holder == holder;
+           });
+}
+
+std::vector<ListenerHolder*> NodeEventTable::holders() const {
+    std::vector<ListenerHolder*> out;
+    std::lock_guard<std::mutex> guard(mutex);
+    if (all)
+        for (const auto& listener : *all)
+            if (listener->holder &&
+                std::find(out.begin(), out.end(), listener->holder) == out.end())
+                out.push_back(listener->holder);
+    return out;
 }
 
 void NodeEventTable::clear() {

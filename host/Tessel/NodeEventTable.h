@@ -18,6 +18,7 @@
 
 namespace Tessel {
 
+class ListenerHolder;
 class Node;
 
 class NodeEventTable : public std::enable_shared_from_this<NodeEventTable> {
@@ -32,6 +33,8 @@ public:
         Node* receiver = nullptr; // forwarding: receiver->eventProcess(target, ...)
         QByteArray target;
         std::unique_ptr<Basalt::BinaryData> defaultPayload;
+        // The holder that registered it (ListenerHolder::addBd), told when the node dies.
+        ListenerHolder* holder = nullptr;
         // Guarded by the table's mutex.
         bool removed = false;
         std::vector<std::thread::id> runningOn; // one entry per call in progress
@@ -48,8 +51,14 @@ public:
     QList<QByteArray> declaredOut() const;
 
     long add(std::shared_ptr<Listener> listener);
-    // Unregisters and waits until no other thread runs the callback. False if unknown.
-    bool remove(long id);
+    // Unregisters and waits until no other thread runs the callback. False if unknown;
+    // else `holder`, when given, receives the listener's holder.
+    bool remove(long id, ListenerHolder** holder = nullptr);
+    // Unregisters, with the same wait, every listener of `holder`. False when none was.
+    bool removeListenersOf(const ListenerHolder* holder);
+    bool hasListenersOf(const ListenerHolder* holder) const;
+    // The holders of the listeners, each once.
+    std::vector<ListenerHolder*> holders() const;
     // Unregisters everything, with the same wait.
     void clear();
     int count() const;
@@ -58,6 +67,8 @@ public:
 
 private:
     void run(Listener& listener, Basalt::BinaryData* data);
+    // Unregisters every listener `match` accepts, and waits as remove() does.
+    template <typename Match> bool removeWhere(std::unique_lock<std::mutex>& held, Match match);
     void waitUntilIdle(std::unique_lock<std::mutex>& held,
                        const std::vector<std::shared_ptr<Listener>>& gone);
 

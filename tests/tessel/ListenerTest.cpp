@@ -202,6 +202,21 @@ TEST(ListenerHolder, ForgetsAttributesDestroyedBeforeIt) {
     delete node;
     EXPECT_FALSE(holder.holds(node));
     EXPECT_EQ(calls, 3);
+
+    // Likewise for event listeners removed on the node: once none of the holder's is left
+    // there, the holder lets go of the node and never touches it again.
+    auto* pinged = new Node;
+    const long ping = holder.addBd(
+        pinged, "ping", [&](Basalt::BinaryData&) { ++calls; }, Node::Direct);
+    const long pong = holder.addBd(
+        pinged, "pong", [&](Basalt::BinaryData&) { ++calls; }, Node::Direct);
+    EXPECT_TRUE(pinged->eventRemoveListener(ping));
+    EXPECT_TRUE(holder.holds(pinged)); // "pong" is still the holder's
+    EXPECT_TRUE(pinged->eventRemoveListener(pong));
+    EXPECT_FALSE(holder.holds(pinged));
+    delete pinged;
+    holder.removeAll();
+    EXPECT_EQ(calls, 3);
 }
 
 TEST(ListenerHolder, RefusesAnAttributeThatIsBeingDestroyed) {
