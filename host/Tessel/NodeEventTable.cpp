@@ -77,16 +77,21 @@ bool NodeEventTable::removeWhere(std::unique_lock<std::mutex>& held, Match match
     if (!all)
         return false;
     std::vector<std::shared_ptr<Listener>> gone;
-    auto rest = std::make_shared<Batch>();
-    for (const auto& listener : *all) {
+    for (const auto& listener : *all)
         if (match(*listener))
             gone.push_back(listener);
-        else
-            rest->push_back(listener);
-    }
     if (gone.empty())
         return false;
-    all = rest->empty() ? nullptr : std::move(rest);
+    if (gone.size() == all->size()) {
+        all = nullptr;
+    } else {
+        auto rest = std::make_shared<Batch>();
+        rest->reserve(all->size() - gone.size());
+        for (const auto& listener : *all)
+            if (std::find(gone.begin(), gone.end(), listener) == gone.end())
+                rest->push_back(listener);
+        all = std::move(rest);
+    }
     for (const auto& listener : gone)
         listener->removed = true;
     waitUntilIdle(held, gone);
