@@ -169,7 +169,7 @@ long Node::eventAddListener(const QByteArray& name, std::function<void()> callba
     auto listener = std::make_shared<NodeEventTable::Listener>();
     listener->name = name;
     listener->queued = type == Queued;
-    listener->plain = callback ? std::move(callback) : [] {};
+    listener->callback = callback ? std::move(callback) : [] {};
     return events->add(std::move(listener));
 }
 
@@ -180,10 +180,12 @@ long Node::eventAddListener(const QByteArray& source, const QByteArray& target, 
     auto listener = std::make_shared<NodeEventTable::Listener>();
     listener->name = source;
     listener->queued = type == Queued;
-    listener->receiver = receiver;
-    listener->target = target;
+    NodeEventTable::Forward forward;
+    forward.receiver = receiver;
+    forward.target = target;
     if (defaultPayload)
-        listener->defaultPayload = std::make_unique<Basalt::BinaryData>(*defaultPayload);
+        forward.defaultPayload = std::make_unique<Basalt::BinaryData>(*defaultPayload);
+    listener->callback = std::move(forward);
     return events->add(std::move(listener));
 }
 
@@ -199,7 +201,8 @@ long Node::eventAddListenerBd(const QByteArray& name,
     auto listener = std::make_shared<NodeEventTable::Listener>();
     listener->name = name;
     listener->queued = type == Queued;
-    listener->withData = callback ? std::move(callback) : [](Basalt::BinaryData&) {};
+    using WithData = std::function<void(Basalt::BinaryData&)>;
+    listener->callback = callback ? std::move(callback) : WithData([](Basalt::BinaryData&) {});
     listener->holder = holder;
     return events->add(std::move(listener));
 }

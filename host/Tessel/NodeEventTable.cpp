@@ -11,9 +11,63 @@ namespace Tessel {
 namespace {
 
 bool othersRunning(const NodeEventTable::Listener& listener, std::thread::id self) {
-    return std::any_of(listener.runningOn.begin(), listener.runningOn.end(),
-                       [&](std::thread::id id) { return id != self; });
+    if (listener.runningOn != std::thread::id() && listener.runningOn != self)
+        return true;
+    const auto* more = listener.alsoRunningOn.get();
+    return more &&
+           std::any_of(more->begin(), more->end(), [&](std::thread::id id) { return id != self; });
 }
+
+// Called with the table's mutex held.
+void startRunning(NodeEventTable::Listener& listener, std::thread::id self) {
+    if (listener.runningOn == std::thread::id()) {
+        listener.runningOn = self;
+        return;
+    }
+    if (!listener.alsoRunningOn)
+        listener.alsoRunningOn = std::make_unique<std::vector<std::thread::id>>();
+    listener.alsoRunningOn->push_back(self);
+}
+
+// Called with the table's mutex held.
+void stopRunning(NodeEventTable::Listener& listener, std::thread::id self) {
+    if (listener.runningOn == self) {
+        listener.runningOn = std::thread::id();
+        return;
+    }
+    auto& more = *listener.alsoRunningOn;
+    more.erase(std::find(more.begin(), more.end(), self));
+}
+
+// Runs the callback of one registration.
+struct Invoke {
+    Basalt::BinaryData* data;
+
+    void operator()(const std::function<void()>& plain) const { plain(); }
+    void operator()(const std::function<void(Basalt::BinaryData&)>& withData) const {
+        if (data) {
+            data->rewind();
+            withData(*data);
+        } else {
+            Basalt::BinaryData empty;
+            withData(empty);
+        }
+    }
+    void operator()(const NodeEventTable::Forward& forward) const {
+        if (!forward.receiver)
+            return;
+        if (data) {
+            data->rewind();
+            forward.receiver->eventProcess(forward.target, *data);
+        } else {
+            Basalt::BinaryData payload;
+            if (forward.defaultPayload)
+                payload = *forward.defaultPayload;
+            payload.rewind();
+            forward.receiver->eventProcess(forward.target, payload);
+        }
+    }
+};
 
 } // namespace
 
@@ -168,7 +222,7 @@ void NodeEventTable::run(Listener& listener, Basalt::BinaryData* data) {
         std::lock_guard<std::mutex> guard(mutex);
         if (listener.removed)
             return;
-        listener.runningOn.push_back(self);
+        startRunning(listener, self);
     }
     struct Finish {
         NodeEventTable& table;
@@ -176,35 +230,13 @@ void NodeEventTable::run(Listener& listener, Basalt::BinaryData* data) {
         std::thread::id self;
         ~Finish() {
             std::lock_guard<std::mutex> guard(table.mutex);
-            auto& running = listener.runningOn;
-            running.erase(std::find(running.begin(), running.end(), self));
+            stopRunning(listener, self);
             if (listener.removed)
                 table.idle.notify_all();
         }
     } finish{*this, listener, self};
 
-    if (listener.plain) {
-        listener.plain();
-    } else if (listener.withData) {
-        if (data) {
-            data->rewind();
-            listener.withData(*data);
-        } else {
-            Basalt::BinaryData empty;
-            listener.withData(empty);
-        }
-    } else if (listener.receiver) {
-        if (data) {
-            data->rewind();
-            listener.receiver->eventProcess(listener.target, *data);
-        } else {
-            Basalt::BinaryData payload;
-            if (listener.defaultPayload)
-                payload = *listener.defaultPayload;
-            payload.rewind();
-            listener.receiver->eventProcess(listener.target, payload);
-        }
-    }
+    std::visit(Invoke{data}, listener.callback);
 }
 
 } // namespace Tessel

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <variant>
 #include <vector>
 
 namespace Tessel {
@@ -23,21 +24,30 @@ class Node;
 
 class NodeEventTable : public std::enable_shared_from_this<NodeEventTable> {
 public:
-    // One registration. Exactly one of plain, withData or receiver is set.
+    // Forwarding: receiver->eventProcess(target, payload or a copy of defaultPayload).
+    struct Forward {
+        Node* receiver = nullptr;
+        QByteArray target;
+        std::unique_ptr<Basalt::BinaryData> defaultPayload;
+    };
+    using Callback =
+        std::variant<std::function<void()>, std::function<void(Basalt::BinaryData&)>, Forward>;
+
+    // One registration. A node holds two or so, and a watched tree a node per handful of
+    // attributes: it is kept small.
     struct Listener {
         long id = 0; // set by add()
         QByteArray name;
-        bool queued = false;
-        std::function<void()> plain;
-        std::function<void(Basalt::BinaryData&)> withData;
-        Node* receiver = nullptr; // forwarding: receiver->eventProcess(target, ...)
-        QByteArray target;
-        std::unique_ptr<Basalt::BinaryData> defaultPayload;
+        Callback callback;
         // The holder that registered it (ListenerHolder::addBd), told when the node dies.
         ListenerHolder* holder = nullptr;
+        bool queued = false;
         // Guarded by the table's mutex.
         bool removed = false;
-        std::vector<std::thread::id> runningOn; // one entry per call in progress
+        // The threads of the calls in progress, one entry per call: the first here, more
+        // (a call while another runs) beside it.
+        std::thread::id runningOn;
+        std::unique_ptr<std::vector<std::thread::id>> alsoRunningOn;
     };
 
     NodeEventTable();
