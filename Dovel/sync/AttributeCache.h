@@ -6,10 +6,10 @@
 // out while holding it except the error log.
 #pragma once
 
+#include "Dovel/sync/SymbolSet.h"
+
 #include "Basalt/PointerMap.h"
 #include "Basalt/SymbolMap.h"
-
-#include <QSet>
 
 #include <mutex>
 #include <shared_mutex>
@@ -51,7 +51,7 @@ public:
 
 private:
     mutable std::shared_mutex lock;
-    QSet<unsigned int> nodes;
+    SymbolSet nodes; // flat: a watched tree has a node per handful of attributes
     // Local symbols are dense: a vector slot per attribute, no allocation per entry.
     Basalt::SymbolMap<Tessel::Attribute*> bySymbol;
     Basalt::PointerMap<Tessel::Attribute, unsigned int> byAttribute;
