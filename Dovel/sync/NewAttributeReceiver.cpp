@@ -138,7 +138,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         // skipping deserializer back.
         sa->deserializer = deserializer;
         // Watched and cached at once, so that the next entries and updates find it.
-        if (!node.watcher().addComplete(*parent, leafName, created.get())) {
+        if (!node.watcher().addComplete(*parent, leafName, created.get(), path)) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
             sa->deserializer = skippingDeserializer(fixedSize);

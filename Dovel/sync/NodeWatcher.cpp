@@ -29,6 +29,14 @@ using Tessel::Node;
 
 namespace {
 
+// Whether `full` is childPath(parent, name), without building that.
+bool isChildPath(const QByteArray& full, const QByteArray& parent, const QByteArray& name) {
+    if (parent.isEmpty())
+        return full == name;
+    return full.size() == parent.size() + 1 + name.size() && full.startsWith(parent) &&
+           full.at(parent.size()) == '/' && full.endsWith(name);
+}
+
 void checkName(const QByteArray& name) {
     if (name.isEmpty())
         Basalt::Trace::error("NodeWatcher # Found an attribute with an empty name. This should "
@@ -121,6 +129,7 @@ struct NodeWatcher::Impl {
     std::atomic<bool> watching{false};
     // The attribute addComplete is adding (tree thread): its addition is watched at once.
     Attribute* completeChild = nullptr;
+    QByteArray completePath; // its path as the caller knows it, or empty
 };
 
 void NodeWatcher::Impl::emit(EventType type, unsigned int symbol) {
@@ -321,7 +330,9 @@ void NodeWatcher::Impl::onAdded(Node& node, const QByteArray& path, Basalt::Bina
     if (!child)
         return;
     checkName(name);
-    const QByteArray path2 = childPath(path, name);
+    const QByteArray path2 = child == completeChild && isChildPath(completePath, path, name)
+                                 ? completePath
+                                 : childPath(path, name);
     const unsigned int symbol = registry.lookupOrDefine(path2);
     if (!cache.find(symbol))
         cache.add(symbol, child);
@@ -509,10 +520,13 @@ void NodeWatcher::update() {
     }
 }
 
-bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* attribute) {
+bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* attribute,
+                              const QByteArray& path) {
     impl->completeChild = attribute;
+    impl->completePath = path;
     const bool added = parent.addAttribute(name, attribute);
     impl->completeChild = nullptr;
+    impl->completePath.clear();
     update();
     return added;
 }

@@ -112,8 +112,10 @@ public:
     // Adds `attribute`, fully constructed, to `parent` (a node of the watched tree) and
     // watches it at once, then runs update(): what adding it and calling update() would
     // do, without queueing the record that an attribute still being constructed needs.
-    // False when the node refuses it (tree thread).
-    bool addComplete(Tessel::Node& parent, const QByteArray& name, Tessel::Attribute* attribute);
+    // False when the node refuses it (tree thread). `path`, when the caller holds the
+    // attribute's whole path, spares building it again.
+    bool addComplete(Tessel::Node& parent, const QByteArray& name, Tessel::Attribute* attribute,
+                     const QByteArray& path = QByteArray());
 
 private:
     struct Impl;
