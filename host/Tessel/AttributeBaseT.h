@@ -12,9 +12,13 @@
 
 #include "Basalt/Trace.h"
 
+#include <QByteArray>
+#include <QString>
+
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <type_traits>
@@ -27,6 +31,17 @@ template <typename T> bool sameValue(const T& a, const T& b) {
     // -0 and +0 compare equal but are different values: a change between them is one.
     if constexpr (std::is_floating_point<T>::value)
         return (a == b && std::signbit(a) == std::signbit(b)) || (std::isnan(a) && std::isnan(b));
+    else
+        return a == b;
+}
+
+// Whether b is a's very value, not only an equal one (-0 for +0 in a vector, a null
+// string for an empty one, another NaN).
+template <typename T> bool identicalValue(const T& a, const T& b) {
+    if constexpr (std::is_trivially_copyable<T>::value)
+        return std::memcmp(&a, &b, sizeof(T)) == 0;
+    else if constexpr (std::is_same<T, QString>::value || std::is_same<T, QByteArray>::value)
+        return a.isNull() == b.isNull() && a == b;
     else
         return a == b;
 }
@@ -67,13 +82,18 @@ public:
             return;
         }
         if (!layers && (defined == 0 || defined == bit(layer))) {
-            // The only layer with a value: it is the effective value.
-            defined = bit(layer);
-            if (Detail::sameValue(value, current))
+            // The only layer with a value: it is the effective value. An equal value that
+            // is not the same (which changes nothing) is kept as written, in the table.
+            if (Detail::identicalValue(value, current)) {
+                defined = bit(layer);
                 return;
-            current = value;
-            emitChange();
-            return;
+            }
+            if (!Detail::sameValue(value, current)) {
+                defined = bit(layer);
+                current = value;
+                emitChange();
+                return;
+            }
         }
         if (!layers)
             spill();
@@ -145,8 +165,8 @@ private:
     }
 
     // One bit per storage layer holding a value. With no `layers` table, at most one bit
-    // is set and that layer's value is `current`: most attributes hold a value on one
-    // layer only, and a table of every layer would double or triple their size.
+    // is set and that layer's value is exactly `current`: most attributes hold a value on
+    // one layer only, and a table of every layer would double or triple their size.
     std::unique_ptr<Layers> layers;
     T current{};
     uint8_t defined = 0;

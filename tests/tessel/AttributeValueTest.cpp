@@ -149,6 +149,23 @@ TEST(AttributeLayers, NoDefinedLayerMeansDefaultConstructedValue) {
     zero.setValue(-0.0f, L2);
     EXPECT_TRUE(std::signbit(zero.value()));
     EXPECT_EQ(zeroChanges.count, 1);
+
+    // A value equal to the effective one but not the same (a vector's -0) changes nothing
+    // and is still kept as written on its layer, to come back when it is uncovered.
+    AttributeT<Quant::Vector3f> vector;
+    Changes vectorChanges(vector);
+    vector.setValue(Quant::Vector3f(-0.0f, 0.0f, 0.0f), L2);
+    EXPECT_EQ(vectorChanges.count, 0);
+    EXPECT_FALSE(std::signbit(vector.value().x));
+    EXPECT_TRUE(std::signbit(vector.valueOnLayer(L2)->x));
+    vector.setValue(Quant::Vector3f(1.0f, 1.0f, 1.0f), L3);
+    vector.clearValue(L3);
+    EXPECT_EQ(vectorChanges.count, 2);
+    EXPECT_TRUE(std::signbit(vector.value().x));
+    vector.setAsDefaults();
+    vector.setValue(Quant::Vector3f(2.0f, 0.0f, 0.0f), L5);
+    EXPECT_TRUE(std::signbit(vector.valueOnLayer(L0)->x));
+    EXPECT_EQ(vector.value().x, 2.0f);
 }
 
 TEST(AttributeConversions, NumbersConvertAmongThemselves) {
