@@ -35,7 +35,8 @@ public:
     // the holder forgets the attribute once none of its listeners are left there.
     long add(Attribute* attribute, std::function<void()> callback, int roleMask);
     // Node::eventAddListenerBd, remembered. -1 for a null node or one being destroyed.
-    // The returned id may be removed on the node itself (on the tree thread), likewise.
+    // The returned id may be removed on the node itself, from any thread: the holder then
+    // keeps the node until it dies or removeListeners lets it go.
     long addBd(Node* node, const QByteArray& event,
                std::function<void(Basalt::BinaryData&)> callback, Node::ListenerType type);
     // Removes everything registered through this holder on that attribute or node.

@@ -208,13 +208,7 @@ long Node::eventAddListenerBd(const QByteArray& name,
 }
 
 bool Node::eventRemoveListener(long id) {
-    ListenerHolder* holder = nullptr;
-    if (!events->remove(id, &holder))
-        return false;
-    // A holder with nothing left here would not hear of this node's end.
-    if (holder && !hasListenersOf(holder) && !events->hasListenersOf(holder))
-        holder->forget(this);
-    return true;
+    return events->remove(id);
 }
 
 bool Node::eventRemoveListenersOf(const ListenerHolder* holder) {
@@ -226,7 +220,7 @@ bool Node::hasEventListenersOf(const ListenerHolder* holder) const {
 }
 
 void Node::forgetEventHolders() {
-    for (ListenerHolder* holder : events->holders())
+    for (ListenerHolder* holder : events->releaseHolders())
         holder->forget(this);
 }
 

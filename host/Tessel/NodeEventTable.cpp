@@ -106,18 +106,24 @@ long NodeEventTable::add(std::shared_ptr<Listener> listener) {
     return id;
 }
 
-bool NodeEventTable::remove(long id, ListenerHolder** holder) {
+bool NodeEventTable::remove(long id) {
     std::unique_lock<std::mutex> guard(mutex);
-    ListenerHolder* removedHolder = nullptr;
-    const bool removed = removeWhere(guard, [&](const Listener& listener) {
-        if (listener.id != id)
-            return false;
-        removedHolder = listener.holder;
-        return true;
+    if (!all)
+        return false;
+    const auto found = std::find_if(all->begin(), all->end(), [id](const auto& listener) {
+        return listener->id == id && !listener->removed;
     });
-    if (removed && holder)
-        *holder = removedHolder;
-    return removed;
+    if (found == all->end())
+        return false;
+    const std::shared_ptr<Listener> listener = *found;
+    if (listener->holder) {
+        // Stays listed, inert, for its holder: the node still tells the holder of its end,
+        // and the holder (which may live on another thread) is not touched from here.
+        listener->removed = true;
+        waitUntilIdle(guard, {listener});
+        return true;
+    }
+    return removeWhere(guard, [&](const Listener& other) { return &other == listener.get(); });
 }
 
 bool NodeEventTable::removeListenersOf(const ListenerHolder* holder) {
@@ -159,14 +165,16 @@ bool NodeEventTable::hasListenersOf(const ListenerHolder* holder) const {
            });
 }
 
-std::vector<ListenerHolder*> NodeEventTable::holders() const {
+std::vector<ListenerHolder*> NodeEventTable::releaseHolders() {
     std::vector<ListenerHolder*> out;
     std::lock_guard<std::mutex> guard(mutex);
     if (all)
-        for (const auto& listener : *all)
+        for (const auto& listener : *all) {
             if (listener->holder &&
                 std::find(out.begin(), out.end(), listener->holder) == out.end())
                 out.push_back(listener->holder);
+            listener->holder = nullptr;
+        }
     return out;
 }
 
@@ -190,7 +198,9 @@ void NodeEventTable::waitUntilIdle(std::unique_lock<std::mutex>& held,
 
 int NodeEventTable::count() const {
     std::lock_guard<std::mutex> guard(mutex);
-    return all ? int(all->size()) : 0;
+    return all ? int(std::count_if(all->begin(), all->end(),
+                                   [](const auto& listener) { return !listener->removed; }))
+               : 0;
 }
 
 void NodeEventTable::dispatch(const QByteArray& name, Basalt::BinaryData* data) {

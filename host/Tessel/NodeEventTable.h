@@ -40,6 +40,7 @@ public:
         QByteArray name;
         Callback callback;
         // The holder that registered it (ListenerHolder::addBd), told when the node dies.
+        // Guarded by the table's mutex.
         ListenerHolder* holder = nullptr;
         bool queued = false;
         // Guarded by the table's mutex.
@@ -61,14 +62,16 @@ public:
     QList<QByteArray> declaredOut() const;
 
     long add(std::shared_ptr<Listener> listener);
-    // Unregisters and waits until no other thread runs the callback. False if unknown;
-    // else `holder`, when given, receives the listener's holder.
-    bool remove(long id, ListenerHolder** holder = nullptr);
+    // Unregisters and waits until no other thread runs the callback. False if unknown.
+    // A holder's listener stays listed, never to run again, until the holder removes its
+    // listeners or the node dies: the holder still holds the node.
+    bool remove(long id);
     // Unregisters, with the same wait, every listener of `holder`. False when none was.
     bool removeListenersOf(const ListenerHolder* holder);
     bool hasListenersOf(const ListenerHolder* holder) const;
-    // The holders of the listeners, each once.
-    std::vector<ListenerHolder*> holders() const;
+    // The holders of the listeners, each once; the listeners forget them (the node is
+    // dying and has told them).
+    std::vector<ListenerHolder*> releaseHolders();
     // Unregisters everything, with the same wait.
     void clear();
     int count() const;

@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <memory>
+#include <thread>
 #include <vector>
 
 using namespace Tessel;
@@ -203,20 +206,56 @@ TEST(ListenerHolder, ForgetsAttributesDestroyedBeforeIt) {
     EXPECT_FALSE(holder.holds(node));
     EXPECT_EQ(calls, 3);
 
-    // Likewise for event listeners removed on the node: once none of the holder's is left
-    // there, the holder lets go of the node and never touches it again.
+    // Event listener ids may be removed on the node (from any thread): they never run
+    // again, and the holder keeps the node until the node tells it of its end.
     auto* pinged = new Node;
     const long ping = holder.addBd(
         pinged, "ping", [&](Basalt::BinaryData&) { ++calls; }, Node::Direct);
-    const long pong = holder.addBd(
-        pinged, "pong", [&](Basalt::BinaryData&) { ++calls; }, Node::Direct);
     EXPECT_TRUE(pinged->eventRemoveListener(ping));
-    EXPECT_TRUE(holder.holds(pinged)); // "pong" is still the holder's
-    EXPECT_TRUE(pinged->eventRemoveListener(pong));
-    EXPECT_FALSE(holder.holds(pinged));
-    delete pinged;
-    holder.removeAll();
+    EXPECT_FALSE(pinged->eventRemoveListener(ping));
+    EXPECT_EQ(pinged->eventListenerCount(), 0);
+    pinged->eventSend("ping");
     EXPECT_EQ(calls, 3);
+    EXPECT_TRUE(holder.holds(pinged));
+    delete pinged;
+    EXPECT_FALSE(holder.holds(pinged));
+    holder.removeAll();
+
+    // A holder that dies while its node is being torn down (here from a child's deletion
+    // listener) is not touched afterwards, not even when one of its ids is removed.
+    auto* parentNode = new Node;
+    auto* child2 = new AttributeT<int>(parentNode, "child");
+    auto* doomed = new ListenerHolder;
+    const long doomedId = doomed->addBd(
+        parentNode, "ping", [](Basalt::BinaryData&) {}, Node::Direct);
+    child2->addListener(
+        [&] {
+            delete doomed;
+            parentNode->eventRemoveListener(doomedId);
+        },
+        Attribute::RoleDelete);
+    delete parentNode;
+}
+
+TEST(ListenerHolder, AnEventListenerRemovingItselfOnAnotherThreadLeavesTheHolderAlone) {
+    // Under ThreadSanitizer a holder touched from the sending thread would fail here.
+    Node node;
+    ListenerHolder holder;
+    std::atomic<long> id{-1};
+    id = holder.addBd(
+        &node, "ping", [&](Basalt::BinaryData&) { node.eventRemoveListener(id.load()); },
+        Node::Direct);
+    std::thread sender([&] { node.eventSend("ping"); });
+    std::vector<std::unique_ptr<AttributeT<int>>> others;
+    for (int i = 0; i < 200; ++i) {
+        others.push_back(std::make_unique<AttributeT<int>>());
+        holder.add(
+            others.back().get(), [] {}, Attribute::RoleChange);
+        EXPECT_TRUE(holder.holds(&node));
+    }
+    sender.join();
+    EXPECT_EQ(node.eventListenerCount(), 0);
+    holder.removeAll();
 }
 
 TEST(ListenerHolder, RefusesAnAttributeThatIsBeingDestroyed) {
