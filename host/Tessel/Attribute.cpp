@@ -222,9 +222,11 @@ bool Attribute::removeListener(long id) {
     ListenerHolder* holder = listeners.at(found).holder;
     replaceListeners([id](const Listener& listener) { return listener.id != id; });
     // A holder with nothing left here would not hear of this attribute's end.
-    Node* node = asNode();
-    if (holder && !hasListenersOf(holder) && !(node && node->hasEventListenersOf(holder)))
-        holder->forget(this);
+    if (holder && !hasListenersOf(holder)) {
+        Node* node = asNode();
+        if (!node || !node->hasEventListenersOf(holder))
+            holder->forget(this);
+    }
     return true;
 }
 

@@ -180,13 +180,7 @@ std::vector<ListenerHolder*> NodeEventTable::releaseHolders() {
 
 void NodeEventTable::clear() {
     std::unique_lock<std::mutex> guard(mutex);
-    if (!all)
-        return;
-    const std::shared_ptr<const Batch> gone = std::move(all);
-    all = nullptr;
-    for (const auto& listener : *gone)
-        listener->removed = true;
-    waitUntilIdle(guard, *gone);
+    removeWhere(guard, [](const Listener&) { return true; });
 }
 
 void NodeEventTable::waitUntilIdle(std::unique_lock<std::mutex>& held,
