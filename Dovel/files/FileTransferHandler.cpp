@@ -57,7 +57,7 @@ FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverS
       sendFileInfoPattern(pattern(QStringLiteral("^sendfileinfo %1$"))),
       filePartPattern(pattern(QStringLiteral("^filepart %1 (\\d+) (\\d+)$"))),
       sendPartsPattern(pattern(QStringLiteral("^sendparts %1$"))),
-      hasher(HashSlots, [&asset](const QString& name, const QByteArray& bytes) {
+      hashes(HashThreads, [&asset](const QString& name, const QByteArray& bytes) {
           asset.downloadListAddHashData(name, bytes);
       }) {
     setTimeoutSeconds(60.0);
@@ -104,6 +104,8 @@ int64_t FileTransferHandler::announcedParts(int64_t size) {
 // ---- dispatch ----
 
 bool FileTransferHandler::parse(const QString& line) {
+    if (!finishing.empty())
+        settleFinishing(false);
     QRegularExpressionMatch match = fileInfoPattern.match(line);
     if (match.hasMatch()) {
         bool sizeOk = false;
@@ -249,7 +251,9 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
                              static_cast<long long>(exactParts));
         parts = exactParts;
     }
+    settleFinishing(name);
     if (assetBase.addFileToDownloadList(name, size, parts, md5, connectedAt)) {
+        incoming.insert(name);
         downloadStarted(name, size);
         requestFileParts(name);
     } else {
@@ -283,24 +287,44 @@ FileTransferHandler::Receiving* FileTransferHandler::receivingFile(const QString
             return nullptr;
         }
     }
+    hashes.begin(name, made->temp);
     Receiving* opened = made.get();
     receiving[name] = std::move(made);
     return opened;
 }
 
+void FileTransferHandler::settleFinishing(bool wait) {
+    while (!finishing.empty()) {
+        if (!wait && !hashes.isDone(finishing.front().name))
+            return;
+        const Finishing next = finishing.front();
+        finishing.pop_front();
+        finishDownload(next);
+    }
+}
+
+void FileTransferHandler::settleFinishing(const QString& name) {
+    for (const Finishing& download : finishing)
+        if (download.name == name) {
+            settleFinishing(true);
+            return;
+        }
+}
+
 void FileTransferHandler::settleReceiving() {
-    hasher.drain();
+    settleFinishing(true);
+    hashes.cancelAll();
     receiving.clear();
+    incoming.clear();
 }
 
 void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, int64_t part) {
-    // The bytes come first, so that the stream stays framed whatever happens next. They
-    // are read into the hasher's next free buffer, which waits while the hash lags.
-    QByteArray& data = hasher.acquire();
-    data.resize(int(bytes));
-    if (!readData(reinterpret_cast<uint8_t*>(data.data()), int(bytes)))
+    // The bytes come first, so that the stream stays framed whatever happens next.
+    partBuffer.resize(int(bytes));
+    if (!readData(reinterpret_cast<uint8_t*>(partBuffer.data()), int(bytes)))
         return; // the connection has ended; disconnected() clears its downloads
 
+    settleFinishing(name);
     const bool downloading = assetBase.isDownloading(name);
     const int64_t expected = assetBase.currentParts(name) + 1;
     if (!downloading || part != expected) {
@@ -317,7 +341,7 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
     }
     {
         Basalt::FileWriter writing(file->temp);
-        if (file->file.write(data) != data.size()) {
+        if (file->file.write(partBuffer) != partBuffer.size()) {
             Basalt::Trace::warning("FileTransferHandler::receiveFilePart # Failed to write %s: "
                                    "%s",
                                    file->temp.toUtf8().constData(),
@@ -326,15 +350,13 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
             return;
         }
     }
+    file->written += bytes;
 
     assetBase.increasePartCount(name);
     const int64_t current = assetBase.currentParts(name);
     const int64_t total = assetBase.totalParts(name);
     const bool last = current == total || total == 0;
-    if (last)
-        hasher.hashHere(name); // waited for below anyway
-    else
-        hasher.submit(name);
+    hashes.written(name, file->written, last);
     int64_t& count = receivedCounts[name];
     count += bytes;
     if (current % progressPeriod == 0 || last) {
@@ -345,13 +367,22 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
         return;
 
     receivedCounts.remove(name);
-    hasher.drain();
-    const QString temp = file->temp;
-    const QString target = file->target;
-    const bool sameTarget = targetPath(name) == target;
+    finishing.push_back({name, file->target, file->temp});
     receiving.erase(name); // closes the file
+    incoming.remove(name);
+    // While another download is still to come, this one's hash goes on beside it.
+    settleFinishing(incoming.isEmpty());
+}
+
+void FileTransferHandler::finishDownload(const Finishing& download) {
+    const QString& name = download.name;
+    const QString& temp = download.temp;
+    const QString& target = download.target;
     bool renamed = false;
-    if (!sameTarget) {
+    if (!hashes.finish(name)) {
+        Basalt::Trace::warning("FileTransferHandler::finishDownload # Failed to read back %s",
+                               temp.toUtf8().constData());
+    } else if (targetPath(name) != target) {
         Basalt::Trace::warning("FileTransferHandler::receiveFilePart # '%s' would now land "
                                "elsewhere; not renamed",
                                name.toUtf8().constData());
@@ -378,8 +409,9 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
 
 void FileTransferHandler::failDownload(const QString& name, bool mayTouchFiles) {
     // Parts still being hashed must not reach a later download of the same name.
-    hasher.drain();
+    hashes.cancel(name);
     receiving.erase(name);
+    incoming.remove(name);
     if (mayTouchFiles) {
         const QString target = targetPath(name);
         if (!target.isEmpty())

@@ -12,15 +12,17 @@
 // logged and gets no answer.
 //
 // Threads: lines and parts arrive on the connection's thread, where the hooks run and
-// where parts are written to their temporary files; their MD5 runs on a PartHasher's
-// thread, fed through a bounded ring of buffers, and is waited for at a file's last
-// part. Uploads run on the background task thread and go out through the writer,
-// pausing while 32 MiB are still unsent. The upload queue is guarded by `uploadMutex`. The
-// asset folder must outlive the handler; a subclass calls shutdown() first in its
-// destructor.
+// where parts are written to their temporary files; their MD5 runs on a DownloadHasher's
+// threads, which read the files back. A download whose last part has come is finished
+// (its MD5 checked, the file renamed into place) at the first line after its hash is
+// done, so that the next file arrives meanwhile; the last download expected waits for
+// every hash, and a line about a finishing download's name waits for that one. Uploads run on the
+// background task thread and go out through the writer, pausing while 32 MiB are still unsent. The
+// upload queue is guarded by `uploadMutex`. The asset folder must outlive the handler; a subclass
+// calls shutdown() first in its destructor.
 #pragma once
 
-#include "Dovel/files/PartHasher.h"
+#include "Dovel/files/DownloadHasher.h"
 #include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/Mutex.h"
@@ -32,6 +34,7 @@
 #include <QList>
 #include <QPair>
 #include <QRegularExpression>
+#include <QSet>
 #include <QString>
 
 #include <cstdint>
@@ -50,8 +53,8 @@ public:
     static constexpr int64_t MaxBufferedUpload = 32 << 20;
     // Progress is reported every this many parts (and at the last).
     static constexpr int64_t ProgressPeriod = 20;
-    // Received parts that may wait for their MD5 at once (2 MiB of full parts).
-    static constexpr int HashSlots = 32;
+    // Downloads whose MD5 may run at once, each on a thread.
+    static constexpr int HashThreads = 2;
 
     enum class SendStatus {
         MoreLater, // something is left; run again later
@@ -106,11 +109,26 @@ private:
         QString target;
         QString temp;
         QFile file;
+        int64_t written = 0;
+    };
+    // A download whose parts have all come, waiting for its hash.
+    struct Finishing {
+        QString name;
+        QString target;
+        QString temp;
     };
     // The temporary file of `name`, made afresh for part 1; null (logged) when it
     // cannot be opened.
     Receiving* receivingFile(const QString& name, int64_t part);
-    // Waits for the hashes of what was received, and closes the open temporary files.
+    // Finishes the downloads waiting for their hashes, in the order their last parts
+    // came: all of them with `wait`, else those whose hash is done, up to the first that
+    // is not.
+    void settleFinishing(bool wait);
+    // A finishing download of `name` ends (with every one before it) before anything
+    // else is done about the name.
+    void settleFinishing(const QString& name);
+    void finishDownload(const Finishing& download);
+    // Finishes what can be finished, forgets hashes and closes the open temporary files.
     void settleReceiving();
     void failDownload(const QString& name, bool mayTouchFiles);
     // The canonical path of a file that may be handed out, or empty (the refusal is
@@ -140,8 +158,14 @@ private:
     const QRegularExpression filePartPattern;
     const QRegularExpression sendPartsPattern;
 
-    std::map<QString, std::unique_ptr<Receiving>> receiving; // the connection's thread only
-    PartHasher hasher;
+    // The connection's thread only: open temporary files, downloads waiting for their
+    // hash, names accepted whose last part has not come, and the buffer parts are read
+    // into.
+    std::map<QString, std::unique_ptr<Receiving>> receiving;
+    std::deque<Finishing> finishing;
+    QSet<QString> incoming;
+    QByteArray partBuffer;
+    DownloadHasher hashes;
 
     Basalt::Mutex uploadMutex;
     std::shared_ptr<Basalt::Task> uploadTask; // guarded by uploadMutex

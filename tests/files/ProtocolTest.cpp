@@ -302,6 +302,64 @@ TEST(FileProtocol, HashedBesideTheReaderAMismatchStillFailsAndARetryStartsClean)
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
 }
 
+TEST(FileProtocol, AFileWhoseHashRunsOnEndsBeforeItsNameIsUsedAgainAndInTheOrderItCame) {
+    Basalt::TraceCapture capture;
+    FedHandler fed;
+    ASSERT_TRUE(fed.base.isValid());
+    ASSERT_TRUE(fed.start());
+    RawPeer& server = *fed.server;
+    // Large enough that its hash is still running when the last part has been written.
+    constexpr int Parts = 128;
+    const QByteArray a = patternBytes(Parts * 65536, 5);
+    const QByteArray aInfo = "fileinfo " + QByteArray::number(a.size()) + " \"/a\" " +
+                             QByteArray::number(Parts) + " " +
+                             QCryptographicHash::hash(a, QCryptographicHash::Md5).toHex() + "\n";
+    auto partsOf = [&](const QByteArray& name) {
+        QByteArray all;
+        for (int n = 1; n <= Parts; ++n)
+            all += "filepart \"" + name + "\" 65536 " + QByteArray::number(n) + "\n" +
+                   a.mid((n - 1) * 65536, 65536);
+        return all;
+    };
+    ASSERT_TRUE(server.send(aInfo + "fileinfo 3 \"/b\" 1 " + EmptyMd5 + "\nfileinfo 3 \"/c\" 1 " +
+                            AbcMd5 + "\n"));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/a\""));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/b\""));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/c\""));
+
+    // /b and /c are still to come, so /a's hash may run on while the next lines are
+    // read; a line about the same name ends that download before it is looked at, so
+    // that the second description starts a new download instead of being refused.
+    ASSERT_TRUE(server.send(partsOf("/a") + aInfo));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/a\""));
+    EXPECT_EQ(fed.handler->finished(), QStringList{"/a ok"});
+    EXPECT_EQ(readFile(fed.folder + "/a"), a);
+    EXPECT_FALSE(capture.contains("being downloaded already"));
+
+    // The last file expected waits for every hash; downloads end in the order they came.
+    ASSERT_TRUE(
+        server.send("filepart \"/b\" 3 1\nabc" + partsOf("/a") + "filepart \"/c\" 3 1\nabc"));
+    ASSERT_TRUE(fed.ended("/c ok"));
+    EXPECT_EQ(fed.handler->finished(), (QStringList{"/a ok", "/b failed", "/a ok", "/c ok"}));
+    EXPECT_TRUE(capture.contains("md5 mismatch for '" + fed.folder + "/b.filesync.part'"));
+    EXPECT_EQ(readFile(fed.folder + "/c"), QByteArray("abc"));
+    EXPECT_EQ(fed.asset->downloadCount(), 0);
+    EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
+
+    // A download whose parts have all come is finished even when the peer goes away
+    // while its hash runs.
+    ASSERT_TRUE(server.send(aInfo + "fileinfo 3 \"/e\" 1 " + AbcMd5 + "\n"));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/a\""));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/e\""));
+    QFile::remove(fed.folder + "/a");
+    ASSERT_TRUE(server.send(partsOf("/a")));
+    fed.server.reset();
+    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloadCount() == 0; }));
+    EXPECT_EQ(fed.handler->finished().mid(4), QStringList{"/a ok"});
+    EXPECT_EQ(readFile(fed.folder + "/a"), a);
+    EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
+}
+
 TEST(FileProtocol, DroppedConnectionClearsItsDownloads) {
     FedHandler fed;
     ASSERT_TRUE(fed.base.isValid());

@@ -1,0 +1,156 @@
+// Hashing downloads from their files: bytes fed in order as they are written, two files
+// at once, nothing of a cancelled download fed afterwards, and a file that cannot be
+// read back whole reported as such.
+#include "files/FilesTestUtil.h"
+
+#include "Dovel/files/DownloadHasher.h"
+
+#include <QHash>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+using namespace FilesTest;
+using BasaltTest::currentTid;
+using BasaltTest::waitUntilBlocked;
+
+// Records what each download was fed; feeding of one name can be held still.
+struct Recorder {
+    std::mutex mutex;
+    std::condition_variable changed;
+    QHash<QString, QByteArray> fed;
+    QString held;
+    bool holding = false; // a feed of `held` is waiting
+
+    void feed(const QString& name, const QByteArray& bytes) {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (name == held) {
+            holding = true;
+            changed.notify_all();
+            changed.wait(lock, [&] { return held != name; });
+            holding = false;
+        }
+        fed[name] += bytes;
+    }
+    void hold(const QString& name) {
+        std::lock_guard<std::mutex> lock(mutex);
+        held = name;
+    }
+    bool waitHolding() {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return holding; });
+    }
+    void release() {
+        std::lock_guard<std::mutex> lock(mutex);
+        held.clear();
+        changed.notify_all();
+    }
+    QByteArray of(const QString& name) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return fed.value(name);
+    }
+};
+
+// Appends to a file and tells the hasher, as the connection does.
+void append(Dovel::DownloadHasher& hasher, const QString& name, QFile& file,
+            const QByteArray& bytes, bool whole) {
+    ASSERT_EQ(file.write(bytes), bytes.size());
+    hasher.written(name, file.size(), whole);
+}
+
+TEST(DownloadHasher, TwoFilesHashAtOnceEachInTheOrderOfItsBytes) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    Recorder recorder;
+    Dovel::DownloadHasher hasher(
+        2, [&](const QString& name, const QByteArray& bytes) { recorder.feed(name, bytes); });
+    const QByteArray a = patternBytes(3 * int(Dovel::DownloadHasher::ChunkBytes) + 17, 1);
+    const QByteArray b = patternBytes(100000, 2);
+
+    QFile fileA(dir.path() + "/a");
+    ASSERT_TRUE(fileA.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+    recorder.hold("/a");
+    hasher.begin("/a", fileA.fileName());
+    append(hasher, "/a", fileA, a.left(1000), false);
+    ASSERT_TRUE(recorder.waitHolding()); // /a's thread is stuck in its first feed
+
+    // The other thread takes /b meanwhile.
+    QFile fileB(dir.path() + "/b");
+    ASSERT_TRUE(fileB.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+    hasher.begin("/b", fileB.fileName());
+    append(hasher, "/b", fileB, b, true);
+    EXPECT_TRUE(hasher.finish("/b"));
+    EXPECT_EQ(recorder.of("/b"), b);
+    EXPECT_FALSE(hasher.isDone("/a"));
+
+    // The rest of /a is written in pieces larger and smaller than a chunk.
+    recorder.release();
+    append(hasher, "/a", fileA, a.mid(1000, int(Dovel::DownloadHasher::ChunkBytes) * 2), false);
+    append(hasher, "/a", fileA, a.mid(1000 + int(Dovel::DownloadHasher::ChunkBytes) * 2), true);
+    ASSERT_TRUE(waitUntil([&] { return hasher.isDone("/a"); }));
+    EXPECT_TRUE(hasher.finish("/a"));
+    EXPECT_EQ(recorder.of("/a"), a);
+    EXPECT_EQ(hasher.count(), 0);
+}
+
+TEST(DownloadHasher, ACancelWaitsForTheFeedAndNothingOfTheDownloadIsFedAfter) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    Recorder recorder;
+    Dovel::DownloadHasher hasher(
+        1, [&](const QString& name, const QByteArray& bytes) { recorder.feed(name, bytes); });
+    const QByteArray first = patternBytes(5000, 3);
+    const QByteArray second = patternBytes(7000, 4);
+
+    QFile file(dir.path() + "/x");
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+    recorder.hold("/x");
+    hasher.begin("/x", file.fileName());
+    append(hasher, "/x", file, first, false);
+    ASSERT_TRUE(recorder.waitHolding());
+
+    std::atomic<pid_t> cancelling{0};
+    std::atomic<bool> cancelled{false};
+    std::thread owner([&] {
+        cancelling.store(currentTid());
+        hasher.cancel("/x");
+        cancelled.store(true);
+    });
+    ASSERT_TRUE(waitUntil([&] { return cancelling.load() != 0; }));
+    ASSERT_TRUE(waitUntilBlocked(cancelling.load()));
+    EXPECT_FALSE(cancelled.load());
+    recorder.release(); // the feed under way ends; the cancel returns
+    owner.join();
+    EXPECT_EQ(hasher.count(), 0);
+    EXPECT_FALSE(hasher.isDone("/x"));
+    EXPECT_FALSE(hasher.finish("/x"));
+
+    // Begun again from a new file: only its bytes reach the feed.
+    ASSERT_TRUE(file.resize(0));
+    file.seek(0);
+    hasher.begin("/x", file.fileName());
+    append(hasher, "/x", file, second, true);
+    EXPECT_TRUE(hasher.finish("/x"));
+    EXPECT_EQ(recorder.of("/x"), first + second);
+}
+
+TEST(DownloadHasher, AFileShorterThanWhatWasWrittenFails) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    Dovel::DownloadHasher hasher(2, [](const QString&, const QByteArray&) {});
+    ASSERT_TRUE(TestFiles::writeFile(dir.path() + "/short", "12345"));
+    hasher.begin("/short", dir.path() + "/short");
+    hasher.written("/short", 10, true);
+    EXPECT_FALSE(hasher.finish("/short"));
+
+    hasher.begin("/gone", dir.path() + "/missing");
+    hasher.written("/gone", 0, true);
+    EXPECT_FALSE(hasher.finish("/gone"));
+    EXPECT_FALSE(hasher.finish("/never-begun"));
+}
+
+} // namespace
