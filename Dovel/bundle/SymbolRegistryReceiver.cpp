@@ -22,10 +22,10 @@ void SymbolRegistryReceiver::handleBundle(BundleReader& reader) {
         const QByteArray read = reader.readBytes();
         const QByteArray name = localNames ? localNames->sharedName(read) : read;
         // Only a pair of a new name and a new symbol grows the table; a rebinding
-        // replaces an entry.
-        const bool grows =
-            registry.lookup(name) == 0 && registry.lookup(symbol).isNull() && symbol != 0;
-        if (grows && registry.size() >= maxSymbols)
+        // replaces an entry. Below the limit any definition may grow it by one, so the
+        // lookups that tell are made only at the limit.
+        if (registry.size() >= maxSymbols && registry.lookup(name) == 0 &&
+            registry.lookup(symbol).isNull() && symbol != 0)
             throw std::invalid_argument(
                 "SymbolRegistryReceiver::handleBundle # the peer defined more than " +
                 std::to_string(maxSymbols) + " symbols; refusing '" + name.left(80).toStdString() +

@@ -29,7 +29,7 @@ DovelSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) cons
     return it == byPath.end() ? nullptr : const_cast<DovelSessionAttribute*>(&it->second);
 }
 
-DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path) {
+DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path, uint32_t symbol) {
     std::unique_lock<std::shared_mutex> locker(lock);
     // A tree is mostly announced in the order of its paths: the place after the last
     // record made is tried first, which spares the descent from the root.
@@ -38,7 +38,7 @@ DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path) {
     lastMade = byPath.try_emplace(hint, path);
     DovelSessionAttribute* record = &lastMade->second;
     if (byPath.size() != before) {
-        record->localSymbol = node.symbolRegistry().lookupOrDefine(path);
+        record->localSymbol = symbol ? symbol : node.symbolRegistry().lookupOrDefine(path);
         byLocalSymbol.insert(record->localSymbol, record);
     }
     return record;

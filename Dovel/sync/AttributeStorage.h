@@ -43,9 +43,10 @@ public:
         for (size_t i = 0; i < count; ++i)
             out[i] = byLocalSymbol.value(symbolAt(i), nullptr);
     }
-    // A new record for the path, with the path's local symbol (defined when new). An
-    // existing record of the path is returned as it is.
-    DovelSessionAttribute* createByPath(const QByteArray& path);
+    // A new record for the path, with the path's local symbol (defined when new; or
+    // `symbol`, when the caller knows it already). An existing record of the path is
+    // returned as it is.
+    DovelSessionAttribute* createByPath(const QByteArray& path, uint32_t symbol = 0);
     // Binds the peer's symbol to `record`; a symbol already bound to another record keeps
     // its binding (logged).
     void indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record);

@@ -110,7 +110,7 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
     if (!sa && event.type == NodeWatcher::AttributeAdded) {
         const QByteArray path = node.symbolRegistry().lookup(uint32_t(event.symbol));
         if (!path.isEmpty())
-            sa = storage.createByPath(path);
+            sa = storage.createByPath(path, uint32_t(event.symbol));
     }
     if (!sa) {
         Basalt::Trace::error("NodeChangeSender::onAttributeChange # Could not find a session "
@@ -242,7 +242,6 @@ void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes,
                                    BundleOutput& output) {
     Bundle bundle;
     BundleWriter writer(bundle);
-    announced.reserve(changes.size()); // a first announcement names a whole tree
     for (size_t i = 0; i < changes.size(); ++i) {
         if (!records[i]) {
             logMissingSessionAttribute();

@@ -14,7 +14,7 @@
 #include "Dovel/sync/AttributeChangeCompressor.h"
 #include "Dovel/sync/NodeWatcher.h"
 #include "Dovel/sync/RemoteNode.h"
-#include "Dovel/sync/SymbolSet.h"
+#include "Dovel/sync/SymbolBits.h"
 
 #include "Basalt/Mutex.h"
 
@@ -120,7 +120,7 @@ private:
     uint32_t removeMessageType = NoMessageType;
     uint32_t eventMessageType = NoMessageType;
 
-    SymbolSet announced; // symbols whose names the peer has been sent
+    SymbolBits announced; // symbols whose names the peer has been sent
     // Echoes to drop: at most the one or two a receiver is applying right now, so a
     // short vector (scanned per change, empty nearly always) beats a tree.
     std::vector<NodeWatcher::Event> ignored;
