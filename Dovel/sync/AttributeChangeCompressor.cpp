@@ -13,31 +13,19 @@ void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& 
     const std::size_t expected = events.size();
     clearAndTrim(out, expected);
     clearAndTrim(scratch, expected);
-    laterChanged.clearAndTrim(expected);
-    laterRemoved.clearAndTrim(expected);
-    laterAdded.clearAndTrim(expected);
-    added.clearAndTrim(expected);
-    std::size_t additions = 0;
-    std::size_t changes = 0;
-    std::size_t removals = 0;
-    for (const NodeWatcher::Event& e : events) {
-        additions += e.type == NodeWatcher::AttributeAdded;
-        changes += e.type == NodeWatcher::AttributeChanged;
-        removals += e.type == NodeWatcher::AttributeRemoved;
-    }
+    const bool removals =
+        std::any_of(events.begin(), events.end(), [](const NodeWatcher::Event& e) {
+            return e.type == NodeWatcher::AttributeRemoved;
+        });
     // Sized once for the period: a first announcement brings a whole tree at once.
     out.reserve(expected);
     scratch.reserve(expected);
-    laterChanged.reserve(changes + removals);
-    laterRemoved.reserve(removals);
-    laterAdded.reserve(additions);
-    added.reserve(additions);
 
     // Additions of each symbol removed in the period, counted down as the backward walk
     // passes them, so that a removal can tell whether an addition still stands before
     // it. Periods without removals (nearly all) count nothing.
     QHash<uint32_t, int> additionsBefore;
-    if (removals != 0)
+    if (removals)
         for (const NodeWatcher::Event& e : events)
             if (e.type == NodeWatcher::AttributeRemoved)
                 additionsBefore.insert(e.symbol, 0);
@@ -92,6 +80,13 @@ void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& 
         else if (change.type == NodeWatcher::AttributeChanged && added.contains(change.symbol))
             continue;
         out.push_back(change);
+    }
+    // Every symbol the sets hold came with an event.
+    for (const NodeWatcher::Event& e : events) {
+        laterChanged.remove(e.symbol);
+        laterRemoved.remove(e.symbol);
+        laterAdded.remove(e.symbol);
+        added.remove(e.symbol);
     }
 }
 

@@ -6,7 +6,7 @@
 #pragma once
 
 #include "Dovel/sync/NodeWatcher.h"
-#include "Dovel/sync/SymbolSet.h"
+#include "Dovel/sync/SymbolBits.h"
 
 #include <cstdint>
 #include <vector>
@@ -32,10 +32,11 @@ public:
 private:
     // Kept between calls so that steady traffic does not reallocate.
     std::vector<ChangeData> scratch;
-    SymbolSet laterChanged;
-    SymbolSet laterRemoved;
-    SymbolSet laterAdded;
-    SymbolSet added;
+    // Empty between calls.
+    SymbolBits laterChanged;
+    SymbolBits laterRemoved;
+    SymbolBits laterAdded;
+    SymbolBits added;
 };
 
 } // namespace Dovel

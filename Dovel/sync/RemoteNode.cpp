@@ -178,7 +178,8 @@ void RemoteNode::update() {
     {
         std::lock_guard<std::mutex> locker(changedMutex);
         changed.swap(changedList);
-        changedSet.clearAndTrim(changed.size());
+        for (unsigned int symbol : changed)
+            changedSet.remove(symbol);
     }
     if (symbolListeners.isEmpty()) {
         // Kept with its capacity for the next swap, unless a burst left far more.

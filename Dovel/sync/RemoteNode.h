@@ -13,7 +13,7 @@
 
 #include "Dovel/sync/AttributeCache.h"
 #include "Dovel/sync/NodeWatcher.h"
-#include "Dovel/sync/SymbolSet.h"
+#include "Dovel/sync/SymbolBits.h"
 #include "Dovel/sync/SyncFlags.h"
 
 #include "Basalt/BinaryData.h"
@@ -197,7 +197,7 @@ private:
     std::mutex changedMutex;
     std::vector<unsigned int> changedList;
     std::vector<unsigned int> changedTaken; // update()'s, swapped with changedList
-    SymbolSet changedSet;
+    SymbolBits changedSet;                  // what changedList holds, less what was removed since
 };
 
 // The slash-separated path of `name` under `parent` (the name itself under the root),

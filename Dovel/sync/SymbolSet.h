@@ -84,30 +84,6 @@ public:
 
     int size() const { return count; }
     bool isEmpty() const { return count == 0; }
-    // Empties the set and, when its table is far larger than `expected` symbols need
-    // (what is left after a burst such as a session's first announcement), frees it.
-    void clearAndTrim(std::size_t expected) {
-        if (cells.size() > std::max<std::size_t>(TrimCells, 8 * expected)) {
-            std::vector<Cell>().swap(cells);
-            count = 0;
-            generation = 1;
-            return;
-        }
-        clear();
-    }
-    // Tables up to this many cells are always kept.
-    static constexpr std::size_t TrimCells = 1 << 16;
-
-    // Makes room for `symbols` entries in all, so that a burst of known size fills the
-    // table once instead of growing it step by step.
-    void reserve(std::size_t symbols) {
-        std::size_t size = cells.empty() ? 64 : cells.size();
-        while (size < 2 * symbols)
-            size *= 2;
-        if (size > cells.size())
-            rehash(size);
-    }
-
 private:
     struct Cell {
         uint32_t symbol = 0;
@@ -139,10 +115,14 @@ private:
     int count = 0;
 };
 
-// The same for the vectors that a pass fills beside such sets: empties `v` and frees
-// its storage when it is far larger than `expected` entries need.
+// Vectors up to this many entries are always kept by clearAndTrim.
+constexpr std::size_t TrimEntries = 1 << 16;
+
+// For the vectors that a pass fills: empties `v` and frees its storage when it is far
+// larger than `expected` entries need (what is left after a burst such as a session's
+// first announcement).
 template <typename T> void clearAndTrim(std::vector<T>& v, std::size_t expected) {
-    if (v.capacity() > std::max<std::size_t>(SymbolSet::TrimCells, 8 * expected))
+    if (v.capacity() > std::max<std::size_t>(TrimEntries, 8 * expected))
         std::vector<T>().swap(v);
     else
         v.clear();

@@ -1,5 +1,5 @@
-// The bit set of dense symbols: membership across word boundaries and growth, and
-// symbols far above everything inserted so far.
+// The bit set of dense symbols: membership across word boundaries and growth, removal,
+// and symbols far above everything inserted so far.
 #include "Dovel/sync/SymbolBits.h"
 
 #include <gtest/gtest.h>
@@ -23,4 +23,27 @@ TEST(SymbolBits, HoldsWhatWasInsertedAcrossWordsAndGrowth) {
     EXPECT_FALSE(bits.contains((1u << 22) - 1));
     EXPECT_TRUE(bits.contains(100000));
     EXPECT_FALSE(bits.insert(100000));
+
+    EXPECT_TRUE(bits.remove(64));
+    EXPECT_FALSE(bits.remove(64));
+    EXPECT_FALSE(bits.contains(64));
+    EXPECT_TRUE(bits.contains(63));
+    EXPECT_TRUE(bits.contains(65));
+    EXPECT_FALSE(bits.remove(1u << 30)); // past the bits
+}
+
+TEST(SymbolBits, SymbolsFromTheDenseLimitOnTakeNoBits) {
+    Dovel::SymbolBits bits;
+    const uint32_t high = Dovel::SymbolBits::DenseLimit;
+    for (uint32_t symbol : {high, high + 1, 0xFFFFFFFFu}) {
+        EXPECT_TRUE(bits.insert(symbol));
+        EXPECT_FALSE(bits.insert(symbol));
+        EXPECT_TRUE(bits.contains(symbol));
+    }
+    EXPECT_FALSE(bits.contains(high - 1));
+    EXPECT_TRUE(bits.insert(high - 1)); // the last dense one: the bits reach their cap
+    EXPECT_TRUE(bits.contains(high - 1));
+    EXPECT_TRUE(bits.remove(0xFFFFFFFFu));
+    EXPECT_FALSE(bits.contains(0xFFFFFFFFu));
+    EXPECT_TRUE(bits.contains(high + 1));
 }
