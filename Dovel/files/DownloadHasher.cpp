@@ -4,10 +4,15 @@
 
 #include <algorithm>
 
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace Dovel {
 
-DownloadHasher::DownloadHasher(int threads, Feed feed)
-    : threadCount(std::max(threads, 1)), feed(std::move(feed)) {}
+DownloadHasher::DownloadHasher(int threads, Feed feed, int64_t maxLagBytes)
+    : threadCount(std::max(threads, 1)), feed(std::move(feed)),
+      maxLagBytes(std::max<int64_t>(maxLagBytes, 0)) {}
 
 DownloadHasher::~DownloadHasher() {
     {
@@ -17,10 +22,13 @@ DownloadHasher::~DownloadHasher() {
     }
     for (std::thread& thread : threads)
         thread.join();
+    for (const JobPtr& job : jobs)
+        if (job->fd >= 0)
+            ::close(job->fd);
 }
 
-std::shared_ptr<DownloadHasher::Job> DownloadHasher::find(const QString& name) const {
-    for (const std::shared_ptr<Job>& job : jobs)
+DownloadHasher::JobPtr DownloadHasher::find(const QString& name) const {
+    for (const JobPtr& job : jobs)
         if (job->name == name)
             return job;
     return nullptr;
@@ -31,36 +39,35 @@ void DownloadHasher::begin(const QString& name, const QString& path) {
         for (int i = 0; i < threadCount; ++i)
             threads.emplace_back([this] { run(); });
     std::unique_lock<std::mutex> lock(mutex);
-    if (const std::shared_ptr<Job> earlier = find(name))
+    if (const JobPtr earlier = find(name))
         drop(earlier, lock);
     auto job = std::make_shared<Job>();
     job->name = name;
     job->path = path;
     jobs.push_back(std::move(job));
-    work.notify_all();
 }
 
 void DownloadHasher::written(const QString& name, int64_t size, bool whole) {
-    std::lock_guard<std::mutex> guard(mutex);
-    const std::shared_ptr<Job> job = find(name);
-    if (!job)
+    std::unique_lock<std::mutex> lock(mutex);
+    const JobPtr job = find(name);
+    if (!job || job->done)
         return;
+    lag += std::max<int64_t>(size, job->fed) - std::max(job->size, job->fed);
     job->size = size;
     job->whole = whole;
-    // A thread waiting for these bytes is woken; one that is reading will look again.
-    if (job->waiting)
-        work.notify_all();
+    work.notify_all();
+    progress.wait(lock, [&] { return lag <= maxLagBytes || stopping; });
 }
 
 bool DownloadHasher::isDone(const QString& name) const {
     std::lock_guard<std::mutex> guard(mutex);
-    const std::shared_ptr<Job> job = find(name);
+    const JobPtr job = find(name);
     return job && job->done;
 }
 
 bool DownloadHasher::finish(const QString& name) {
     std::unique_lock<std::mutex> lock(mutex);
-    const std::shared_ptr<Job> job = find(name);
+    const JobPtr job = find(name);
     if (!job)
         return false;
     progress.wait(lock, [&] { return job->done; });
@@ -70,7 +77,7 @@ bool DownloadHasher::finish(const QString& name) {
 
 void DownloadHasher::cancel(const QString& name) {
     std::unique_lock<std::mutex> lock(mutex);
-    if (const std::shared_ptr<Job> job = find(name))
+    if (const JobPtr job = find(name))
         drop(job, lock);
 }
 
@@ -85,25 +92,38 @@ int DownloadHasher::count() const {
     return int(jobs.size());
 }
 
-void DownloadHasher::drop(const std::shared_ptr<Job>& job, std::unique_lock<std::mutex>& lock) {
+void DownloadHasher::drop(const JobPtr& job, std::unique_lock<std::mutex>& lock) {
     job->dropped = true;
-    work.notify_all();
     progress.wait(lock, [&] { return !job->taken; });
+    if (!job->done)
+        settle(*job, true);
     const auto it = std::find(jobs.begin(), jobs.end(), job);
     if (it != jobs.end())
         jobs.erase(it);
+}
+
+void DownloadHasher::settle(Job& job, bool failed) {
+    if (job.fd >= 0) {
+        ::close(job.fd);
+        job.fd = -1;
+    }
+    lag -= std::max<int64_t>(job.size - job.fed, 0);
+    job.failed = failed;
+    job.done = true;
+    progress.notify_all();
 }
 
 void DownloadHasher::run() {
     QByteArray buffer;
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
-        std::shared_ptr<Job> job;
+        JobPtr job;
         work.wait(lock, [&] {
             if (stopping)
                 return true;
-            for (const std::shared_ptr<Job>& candidate : jobs)
-                if (!candidate->taken && !candidate->done && !candidate->dropped) {
+            for (const JobPtr& candidate : jobs)
+                if (!candidate->taken && !candidate->done && !candidate->dropped &&
+                    (candidate->size > candidate->fed || candidate->whole)) {
                     job = candidate;
                     return true;
                 }
@@ -112,47 +132,48 @@ void DownloadHasher::run() {
         if (stopping)
             return;
         job->taken = true;
-        hash(*job, buffer, lock);
+        feedWritten(*job, buffer, lock);
         job->taken = false;
         progress.notify_all();
     }
 }
 
-void DownloadHasher::hash(Job& job, QByteArray& buffer, std::unique_lock<std::mutex>& lock) {
-    const QString path = job.path;
-    lock.unlock();
-    // Unbuffered: the bytes asked for are ones the connection has written, whatever was
-    // at the end of the file when it was opened.
-    QFile file(path);
-    bool ok = file.open(QIODevice::ReadOnly | QIODevice::Unbuffered);
-    lock.lock();
-    int64_t fed = 0;
-    while (ok) {
-        job.waiting = true;
-        work.wait(lock, [&] { return stopping || job.dropped || job.size > fed || job.whole; });
-        job.waiting = false;
-        if (stopping || job.dropped)
-            return;
-        if (job.size <= fed)
-            break; // whole
-        const int64_t take = std::min(job.size - fed, ChunkBytes);
+void DownloadHasher::feedWritten(Job& job, QByteArray& buffer, std::unique_lock<std::mutex>& lock) {
+    while (!stopping && !job.dropped) {
+        if (job.fed >= job.size) {
+            if (job.whole)
+                settle(job, false);
+            return; // else more is still to be written: another turn takes it then
+        }
+        const int64_t at = job.fed;
+        const int64_t take = std::min(job.size - at, ChunkBytes);
+        const QByteArray path = QFile::encodeName(job.path);
         lock.unlock();
+        // Positional reads: each turn may run on another thread.
+        if (job.fd < 0)
+            job.fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
         buffer.resize(int(take));
         int64_t got = 0;
-        while (got < take) {
-            const int64_t n = file.read(buffer.data() + got, take - got);
+        while (job.fd >= 0 && got < take) {
+            const ssize_t n = ::pread(job.fd, buffer.data() + got, size_t(take - got), at + got);
+            if (n < 0 && errno == EINTR)
+                continue;
             if (n <= 0)
                 break;
             got += n;
         }
-        ok = got == take;
+        const bool ok = got == take;
         if (ok)
             feed(job.name, buffer);
-        fed += got;
         lock.lock();
+        if (!ok) {
+            settle(job, true);
+            return;
+        }
+        job.fed += take;
+        lag -= take;
+        progress.notify_all();
     }
-    job.failed = !ok;
-    job.done = true;
 }
 
 } // namespace Dovel

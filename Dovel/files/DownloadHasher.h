@@ -1,8 +1,10 @@
 // Computes the MD5 of downloads on threads of its own, reading back what the connection
 // wrote to their temporary files (from the page cache, normally). The connection's
-// thread only reads the socket and writes; however far it runs ahead of a hash, the lag
-// costs no memory, and a file's hash goes on while the next file arrives, so that two
-// files hash at once on two cores.
+// thread only reads the socket and writes; a file's hash goes on while the next file
+// arrives, so that two files hash at once on two cores. A thread takes a download only
+// while written bytes wait for it, so that downloads still arriving never keep a whole
+// one waiting, and the connection is held back (in written()) while more than
+// `maxLagBytes` written bytes wait in all, so that the hashes never lag far behind.
 //
 // Threads: one owner thread (the connection's) calls every member; `feed` runs on the
 // hasher's threads, for each download in the order of its bytes and on one thread at a
@@ -30,8 +32,10 @@ public:
 
     // Bytes read back and fed at once.
     static constexpr int64_t ChunkBytes = 1 << 20;
+    // Written bytes that may wait for their hash before written() waits.
+    static constexpr int64_t DefaultMaxLagBytes = 256 << 20;
 
-    DownloadHasher(int threads, Feed feed);
+    DownloadHasher(int threads, Feed feed, int64_t maxLagBytes = DefaultMaxLagBytes);
     ~DownloadHasher();
     DownloadHasher(const DownloadHasher&) = delete;
     DownloadHasher& operator=(const DownloadHasher&) = delete;
@@ -40,6 +44,7 @@ public:
     // its start. Cancels an earlier one of the same name.
     void begin(const QString& name, const QString& path);
     // The first `size` bytes of the file are written; `whole` when that is all of it.
+    // Waits while more than maxLagBytes written bytes wait for their hash.
     void written(const QString& name, int64_t size, bool whole);
     // True once the whole file has been fed, or reading it back failed; false for a
     // name that is not hashed.
@@ -59,29 +64,36 @@ private:
         QString path;
         int64_t size = 0;     // bytes written so far
         bool whole = false;   // `size` is final
+        int64_t fed = 0;      // bytes fed so far
+        int fd = -1;          // the file read back; only the job's taker touches it
         bool taken = false;   // a thread is feeding it
-        bool waiting = false; // that thread waits for more bytes
         bool done = false;    // fed whole, or failed
         bool failed = false;  // reading back failed
         bool dropped = false; // cancelled: no thread takes it, the taker lets go
     };
+    using JobPtr = std::shared_ptr<Job>;
 
     void run();
-    // Feeds the taken job until it is whole, dropped or stopping; called with `lock` held.
-    void hash(Job& job, QByteArray& buffer, std::unique_lock<std::mutex>& lock);
-    std::shared_ptr<Job> find(const QString& name) const;
+    // Feeds what is written of the taken job; called and returns with `lock` held.
+    void feedWritten(Job& job, QByteArray& buffer, std::unique_lock<std::mutex>& lock);
+    JobPtr find(const QString& name) const;
     // Marks the job dropped, waits until no thread holds it, and forgets it.
-    void drop(const std::shared_ptr<Job>& job, std::unique_lock<std::mutex>& lock);
+    void drop(const JobPtr& job, std::unique_lock<std::mutex>& lock);
+    // Marks the job done and closes its file; what it had not fed no longer counts as lag.
+    void settle(Job& job, bool failed);
 
     const int threadCount;
     const Feed feed;
+    const int64_t maxLagBytes;
     std::vector<std::thread> threads;
 
     mutable std::mutex mutex;
-    std::condition_variable work;     // for the threads: a job, bytes, or stopping
-    std::condition_variable progress; // for the owner: a job done or let go
-    // Guarded by `mutex`, in the order the downloads began.
-    std::deque<std::shared_ptr<Job>> jobs;
+    std::condition_variable work;     // for the threads: bytes to feed, or stopping
+    std::condition_variable progress; // for the owner: bytes fed, a job done or let go
+    // Guarded by `mutex`: the downloads in the order they began, and the written bytes
+    // of those not done that are not fed yet.
+    std::deque<JobPtr> jobs;
+    int64_t lag = 0;
     bool stopping = false;
 };
 

@@ -119,6 +119,7 @@ bool FileTransferHandler::parse(const QString& line) {
     }
     match = sendFileInfoPattern.match(line);
     if (match.hasMatch()) {
+        settleFinishing(match.captured(1)); // the file as it now is
         sendFileInfo(match.captured(1));
         return true;
     }
@@ -143,6 +144,7 @@ bool FileTransferHandler::parse(const QString& line) {
     }
     match = sendPartsPattern.match(line);
     if (match.hasMatch()) {
+        settleFinishing(match.captured(1));
         startFilePartsUploadTask(match.captured(1));
         return true;
     }
@@ -151,6 +153,14 @@ bool FileTransferHandler::parse(const QString& line) {
 
 void FileTransferHandler::connected() {
     connectedAt = uniqueStamp();
+}
+
+bool FileTransferHandler::wantsIdle() {
+    return !finishing.empty();
+}
+
+void FileTransferHandler::idle() {
+    settleFinishing(false);
 }
 
 void FileTransferHandler::disconnected() {
@@ -223,6 +233,7 @@ void FileTransferHandler::requestFileParts(const QString& name) {
 
 void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int64_t parts,
                                           const QString& md5) {
+    settleFinishing(name); // a download of the name ends before anything is said of the next
     if (name.contains(QLatin1String("..")) || !name.startsWith(QLatin1Char('/'))) {
         Basalt::Trace::warning("Filename can't contain '..' and it has to start with '/': %s",
                                name.toUtf8().constData());
@@ -251,7 +262,6 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
                              static_cast<long long>(exactParts));
         parts = exactParts;
     }
-    settleFinishing(name);
     if (assetBase.addFileToDownloadList(name, size, parts, md5, connectedAt)) {
         incoming.insert(name);
         downloadStarted(name, size);
@@ -275,6 +285,10 @@ FileTransferHandler::Receiving* FileTransferHandler::receivingFile(const QString
     auto made = std::make_unique<Receiving>();
     made->target = target;
     made->temp = target + TempSuffix;
+    // Another name may lead to the same file (through a link, or a case-insensitive file
+    // system): a download waiting for its hash there ends before the file is made again.
+    if (!finishing.empty() && QFileInfo::exists(made->temp))
+        settleFinishing(true);
     QDir().mkpath(QFileInfo(made->temp).absolutePath());
     made->file.setFileName(made->temp);
     {
@@ -383,7 +397,7 @@ void FileTransferHandler::finishDownload(const Finishing& download) {
         Basalt::Trace::warning("FileTransferHandler::finishDownload # Failed to read back %s",
                                temp.toUtf8().constData());
     } else if (targetPath(name) != target) {
-        Basalt::Trace::warning("FileTransferHandler::receiveFilePart # '%s' would now land "
+        Basalt::Trace::warning("FileTransferHandler::finishDownload # '%s' would now land "
                                "elsewhere; not renamed",
                                name.toUtf8().constData());
     } else if (assetBase.downloadListMD5(name) == assetBase.downloadListPartMD5(name)) {

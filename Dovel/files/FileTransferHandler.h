@@ -14,9 +14,10 @@
 // Threads: lines and parts arrive on the connection's thread, where the hooks run and
 // where parts are written to their temporary files; their MD5 runs on a DownloadHasher's
 // threads, which read the files back. A download whose last part has come is finished
-// (its MD5 checked, the file renamed into place) at the first line after its hash is
-// done, so that the next file arrives meanwhile; the last download expected waits for
-// every hash, and a line about a finishing download's name waits for that one. Uploads run on the
+// (its MD5 checked, the file renamed into place) once its hash is done, at the next line
+// or when the peer is quiet, so that the next file arrives meanwhile; the last download
+// expected waits for every hash, and a line about a finishing download's name (or a new
+// file at the same place) waits for that one. Uploads run on the
 // background task thread and go out through the writer, pausing while 32 MiB are still unsent. The
 // upload queue is guarded by `uploadMutex`. The asset folder must outlive the handler; a subclass
 // calls shutdown() first in its destructor.
@@ -84,6 +85,9 @@ protected:
     bool parse(const QString& line) override;
     void connected() override;
     void disconnected() override;
+    // Downloads waiting for their hash end while the peer is quiet.
+    bool wantsIdle() override;
+    void idle() override;
 
     void requestFileInfo(const QString& name);
     // Answers a description request; false (and no answer) when the file does not exist

@@ -329,6 +329,16 @@ void FolderPullConnection::handleConnection() {
     finish(false, QStringLiteral("the connection ended before the folder was up to date"));
 }
 
+void FolderPullConnection::disconnected() {
+    Basalt::Guard guard(protocolMutex);
+    FileTransferHandler::disconnected();
+}
+
+void FolderPullConnection::idle() {
+    Basalt::Guard guard(protocolMutex);
+    FileTransferHandler::idle();
+}
+
 void FolderPullConnection::connectionFailed() {
     Basalt::Guard guard(protocolMutex);
     finish(false, QStringLiteral("cannot connect to %1:%2").arg(hostName()).arg(port()));

@@ -79,6 +79,9 @@ protected:
     bool parse(const QString& line) override;
     void handleConnection() override;
     void connectionFailed() override;
+    // The transfer handler's ends of downloads, under protocolMutex as in parse().
+    void disconnected() override;
+    void idle() override;
     void progress(int64_t bytes, const QString& name) override;
     void downloadStarted(const QString& name, int64_t size) override;
     void downloadFinished(const QString& name, bool success) override;

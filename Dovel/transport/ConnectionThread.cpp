@@ -390,6 +390,14 @@ void ConnectionThread::handleConnection() {
     }
 
     while (running.load()) {
+        // With nothing buffered, a subclass finishes work of its own while the peer is
+        // quiet, instead of waiting for a line that may not come.
+        Basalt::TCPSocket* const s = socket();
+        if (receiveBegin == receiveEnd && s && s->isOpen() && wantsIdle() &&
+            !s->isPendingInput(IdlePollMs)) {
+            idle();
+            continue;
+        }
         const QString text = line();
         if (text.isEmpty())
             break;
@@ -774,6 +782,12 @@ void ConnectionThread::pong(const QByteArray&) {}
 void ConnectionThread::connected() {}
 
 void ConnectionThread::disconnected() {}
+
+bool ConnectionThread::wantsIdle() {
+    return false;
+}
+
+void ConnectionThread::idle() {}
 
 void ConnectionThread::connectionFailed() {}
 

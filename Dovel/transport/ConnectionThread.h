@@ -145,6 +145,11 @@ protected:
     virtual void connected();
     virtual void disconnected();
     virtual void connectionFailed();
+    // Between lines, when nothing is buffered: while wantsIdle() holds, idle() is called
+    // whenever the peer stays quiet for IdlePollMs.
+    virtual bool wantsIdle();
+    virtual void idle();
+    static constexpr unsigned int IdlePollMs = 20;
     virtual void retryProgress(double secondsLeft);
 
     void setKeepRetrying(bool keep) { keepRetrying.store(keep); }

@@ -138,6 +138,65 @@ TEST(DownloadHasher, ACancelWaitsForTheFeedAndNothingOfTheDownloadIsFedAfter) {
     EXPECT_EQ(recorder.of("/x"), first + second);
 }
 
+TEST(DownloadHasher, DownloadsStillArrivingKeepNoThreadFromAWholeOne) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    Recorder recorder;
+    Dovel::DownloadHasher hasher(
+        2, [&](const QString& name, const QByteArray& bytes) { recorder.feed(name, bytes); });
+    // Two downloads with a part each, as many as there are threads, then a whole one.
+    QFile x(dir.path() + "/x");
+    QFile y(dir.path() + "/y");
+    QFile z(dir.path() + "/z");
+    for (QFile* file : {&x, &y, &z})
+        ASSERT_TRUE(file->open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+    hasher.begin("/x", x.fileName());
+    append(hasher, "/x", x, "x part", false);
+    hasher.begin("/y", y.fileName());
+    append(hasher, "/y", y, "y part", false);
+    ASSERT_TRUE(
+        waitUntil([&] { return recorder.of("/x").size() + recorder.of("/y").size() == 12; }));
+    hasher.begin("/z", z.fileName());
+    append(hasher, "/z", z, "all of z", true);
+    EXPECT_TRUE(hasher.finish("/z"));
+    EXPECT_EQ(recorder.of("/z"), QByteArray("all of z"));
+    EXPECT_FALSE(hasher.isDone("/x"));
+    append(hasher, "/x", x, ", the end", true);
+    EXPECT_TRUE(hasher.finish("/x"));
+    EXPECT_EQ(recorder.of("/x"), QByteArray("x part, the end"));
+}
+
+TEST(DownloadHasher, TheWriterWaitsWhileTooMuchWaitsForItsHash) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    Recorder recorder;
+    Dovel::DownloadHasher hasher(
+        1, [&](const QString& name, const QByteArray& bytes) { recorder.feed(name, bytes); }, 1000);
+    QFile file(dir.path() + "/lag");
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+    recorder.hold("/lag");
+    hasher.begin("/lag", file.fileName());
+    append(hasher, "/lag", file, patternBytes(600, 1), false); // under the limit
+    ASSERT_TRUE(recorder.waitHolding());
+
+    std::atomic<pid_t> writer{0};
+    std::atomic<bool> returned{false};
+    const QByteArray more = patternBytes(900, 2);
+    std::thread owner([&] {
+        writer.store(currentTid());
+        ASSERT_EQ(file.write(more), more.size());
+        hasher.written("/lag", 1500, true); // over the limit until the 600 being fed are done
+        returned.store(true);
+    });
+    ASSERT_TRUE(waitUntil([&] { return writer.load() != 0; }));
+    ASSERT_TRUE(waitUntilBlocked(writer.load()));
+    EXPECT_FALSE(returned.load());
+    recorder.release();
+    owner.join();
+    EXPECT_TRUE(hasher.finish("/lag"));
+    EXPECT_EQ(recorder.of("/lag"), patternBytes(600, 1) + more);
+}
+
 TEST(DownloadHasher, AFileShorterThanWhatWasWrittenFails) {
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
@@ -148,7 +207,7 @@ TEST(DownloadHasher, AFileShorterThanWhatWasWrittenFails) {
     EXPECT_FALSE(hasher.finish("/short"));
 
     hasher.begin("/gone", dir.path() + "/missing");
-    hasher.written("/gone", 0, true);
+    hasher.written("/gone", 10, true);
     EXPECT_FALSE(hasher.finish("/gone"));
     EXPECT_FALSE(hasher.finish("/never-begun"));
 }

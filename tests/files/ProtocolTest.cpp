@@ -360,6 +360,30 @@ TEST(FileProtocol, AFileWhoseHashRunsOnEndsBeforeItsNameIsUsedAgainAndInTheOrder
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
 }
 
+TEST(FileProtocol, ADownloadWholeWhileAnotherIsExpectedEndsWhenThePeerFallsQuiet) {
+    FedHandler fed;
+    ASSERT_TRUE(fed.base.isValid());
+    ASSERT_TRUE(fed.start());
+    RawPeer& server = *fed.server;
+    constexpr int Parts = 128; // its hash still runs when the last part is written
+    const QByteArray a = patternBytes(Parts * 65536, 9);
+    QByteArray parts;
+    for (int n = 1; n <= Parts; ++n)
+        parts +=
+            "filepart \"/a\" 65536 " + QByteArray::number(n) + "\n" + a.mid((n - 1) * 65536, 65536);
+    ASSERT_TRUE(server.send("fileinfo " + QByteArray::number(a.size()) + " \"/a\" " +
+                            QByteArray::number(Parts) + " " +
+                            QCryptographicHash::hash(a, QCryptographicHash::Md5).toHex() +
+                            "\nfileinfo 3 \"/b\" 1 " + AbcMd5 + "\n"));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/a\""));
+    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/b\""));
+    // /b never comes, and nothing else either.
+    ASSERT_TRUE(server.send(parts));
+    ASSERT_TRUE(fed.ended("/a ok"));
+    EXPECT_EQ(readFile(fed.folder + "/a"), a);
+    EXPECT_TRUE(fed.asset->isDownloading("/b"));
+}
+
 TEST(FileProtocol, DroppedConnectionClearsItsDownloads) {
     FedHandler fed;
     ASSERT_TRUE(fed.base.isValid());
