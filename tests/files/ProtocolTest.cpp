@@ -302,25 +302,37 @@ TEST(FileProtocol, HashedBesideTheReaderAMismatchStillFailsAndARetryStartsClean)
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
 }
 
+// A file of 8 MiB, large enough that its hash still runs when its last part has been
+// written: its description and its parts as a server sends them under `name`.
+struct BigFile {
+    static constexpr int Parts = 128;
+    QByteArray bytes;
+
+    explicit BigFile(int seed) : bytes(patternBytes(Parts * 65536, seed)) {}
+    QByteArray info(const QByteArray& name) const {
+        return "fileinfo " + QByteArray::number(bytes.size()) + " \"" + name + "\" " +
+               QByteArray::number(Parts) + " " +
+               QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex() + "\n";
+    }
+    QByteArray parts(const QByteArray& name) const {
+        QByteArray all;
+        for (int n = 1; n <= Parts; ++n)
+            all += "filepart \"" + name + "\" 65536 " + QByteArray::number(n) + "\n" +
+                   bytes.mid((n - 1) * 65536, 65536);
+        return all;
+    }
+};
+
 TEST(FileProtocol, AFileWhoseHashRunsOnEndsBeforeItsNameIsUsedAgainAndInTheOrderItCame) {
     Basalt::TraceCapture capture;
     FedHandler fed;
     ASSERT_TRUE(fed.base.isValid());
     ASSERT_TRUE(fed.start());
     RawPeer& server = *fed.server;
-    // Large enough that its hash is still running when the last part has been written.
-    constexpr int Parts = 128;
-    const QByteArray a = patternBytes(Parts * 65536, 5);
-    const QByteArray aInfo = "fileinfo " + QByteArray::number(a.size()) + " \"/a\" " +
-                             QByteArray::number(Parts) + " " +
-                             QCryptographicHash::hash(a, QCryptographicHash::Md5).toHex() + "\n";
-    auto partsOf = [&](const QByteArray& name) {
-        QByteArray all;
-        for (int n = 1; n <= Parts; ++n)
-            all += "filepart \"" + name + "\" 65536 " + QByteArray::number(n) + "\n" +
-                   a.mid((n - 1) * 65536, 65536);
-        return all;
-    };
+    const BigFile big(5);
+    const QByteArray& a = big.bytes;
+    const QByteArray aInfo = big.info("/a");
+    auto partsOf = [&](const QByteArray& name) { return big.parts(name); };
     ASSERT_TRUE(server.send(aInfo + "fileinfo 3 \"/b\" 1 " + EmptyMd5 + "\nfileinfo 3 \"/c\" 1 " +
                             AbcMd5 + "\n"));
     EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/a\""));
@@ -365,22 +377,14 @@ TEST(FileProtocol, ADownloadWholeWhileAnotherIsExpectedEndsWhenThePeerFallsQuiet
     ASSERT_TRUE(fed.base.isValid());
     ASSERT_TRUE(fed.start());
     RawPeer& server = *fed.server;
-    constexpr int Parts = 128; // its hash still runs when the last part is written
-    const QByteArray a = patternBytes(Parts * 65536, 9);
-    QByteArray parts;
-    for (int n = 1; n <= Parts; ++n)
-        parts +=
-            "filepart \"/a\" 65536 " + QByteArray::number(n) + "\n" + a.mid((n - 1) * 65536, 65536);
-    ASSERT_TRUE(server.send("fileinfo " + QByteArray::number(a.size()) + " \"/a\" " +
-                            QByteArray::number(Parts) + " " +
-                            QCryptographicHash::hash(a, QCryptographicHash::Md5).toHex() +
-                            "\nfileinfo 3 \"/b\" 1 " + AbcMd5 + "\n"));
+    const BigFile a(9);
+    ASSERT_TRUE(server.send(a.info("/a") + "fileinfo 3 \"/b\" 1 " + AbcMd5 + "\n"));
     EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/a\""));
     EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/b\""));
     // /b never comes, and nothing else either.
-    ASSERT_TRUE(server.send(parts));
+    ASSERT_TRUE(server.send(a.parts("/a")));
     ASSERT_TRUE(fed.ended("/a ok"));
-    EXPECT_EQ(readFile(fed.folder + "/a"), a);
+    EXPECT_EQ(readFile(fed.folder + "/a"), a.bytes);
     EXPECT_TRUE(fed.asset->isDownloading("/b"));
 }
 
