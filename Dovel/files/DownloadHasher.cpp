@@ -62,7 +62,7 @@ void DownloadHasher::written(const QString& name, int64_t size, bool whole) {
 bool DownloadHasher::isDone(const QString& name) const {
     std::lock_guard<std::mutex> guard(mutex);
     const JobPtr job = find(name);
-    return job && job->done;
+    return !job || job->done;
 }
 
 bool DownloadHasher::finish(const QString& name) {

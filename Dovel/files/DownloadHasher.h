@@ -46,8 +46,8 @@ public:
     // The first `size` bytes of the file are written; `whole` when that is all of it.
     // Waits while more than maxLagBytes written bytes wait for their hash.
     void written(const QString& name, int64_t size, bool whole);
-    // True once the whole file has been fed, or reading it back failed; false for a
-    // name that is not hashed.
+    // True once the whole file has been fed, or reading it back failed; true too for a
+    // name that is not hashed (nothing to wait for: finish() returns false for it).
     bool isDone(const QString& name) const;
     // Waits until the whole file is fed, and forgets the download. False when it could
     // not be read back whole (its hash is incomplete) or is not hashed.

@@ -287,8 +287,14 @@ FileTransferHandler::Receiving* FileTransferHandler::receivingFile(const QString
     made->temp = target + TempSuffix;
     // Another name may lead to the same file (through a link, or a case-insensitive file
     // system): a download waiting for its hash there ends before the file is made again.
-    if (!finishing.empty() && QFileInfo::exists(made->temp))
-        settleFinishing(true);
+    if (!finishing.empty() && QFileInfo::exists(made->temp)) {
+        const QString file = QFileInfo(made->temp).canonicalFilePath();
+        for (const Finishing& download : finishing)
+            if (QFileInfo(download.temp).canonicalFilePath() == file) {
+                settleFinishing(true);
+                break;
+            }
+    }
     QDir().mkpath(QFileInfo(made->temp).absolutePath());
     made->file.setFileName(made->temp);
     {

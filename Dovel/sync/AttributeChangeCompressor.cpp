@@ -17,6 +17,21 @@ void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& 
         std::any_of(events.begin(), events.end(), [](const NodeWatcher::Event& e) {
             return e.type == NodeWatcher::AttributeRemoved;
         });
+    // Every symbol the sets take comes with an event: removing those empties them for
+    // the next call, also when this one throws.
+    struct Emptier {
+        AttributeChangeCompressor& c;
+        const std::vector<NodeWatcher::Event>& events;
+        ~Emptier() {
+            for (const NodeWatcher::Event& e : events) {
+                c.laterChanged.remove(e.symbol);
+                c.laterRemoved.remove(e.symbol);
+                c.laterAdded.remove(e.symbol);
+                c.added.remove(e.symbol);
+            }
+        }
+    } emptier{*this, events};
+
     // Sized once for the period: a first announcement brings a whole tree at once.
     out.reserve(expected);
     scratch.reserve(expected);
@@ -80,13 +95,6 @@ void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& 
         else if (change.type == NodeWatcher::AttributeChanged && added.contains(change.symbol))
             continue;
         out.push_back(change);
-    }
-    // Every symbol the sets hold came with an event.
-    for (const NodeWatcher::Event& e : events) {
-        laterChanged.remove(e.symbol);
-        laterRemoved.remove(e.symbol);
-        laterAdded.remove(e.symbol);
-        added.remove(e.symbol);
     }
 }
 

@@ -106,8 +106,11 @@ void RemoteNode::onWatcherEvent(const NodeWatcher::Event& event) {
 
 void RemoteNode::queueChanged(unsigned int symbol) {
     std::lock_guard<std::mutex> locker(changedMutex);
-    if (changedSet.insert(symbol))
-        changedList.push_back(symbol);
+    if (changedSet.contains(symbol))
+        return;
+    // Listed first: what the set holds must be in the list, which empties it.
+    changedList.push_back(symbol);
+    changedSet.insert(symbol);
 }
 
 void RemoteNode::checkForPendingListeners(unsigned int symbol) {

@@ -146,7 +146,8 @@ protected:
     virtual void disconnected();
     virtual void connectionFailed();
     // Between lines, when nothing is buffered: while wantsIdle() holds, idle() is called
-    // whenever the peer stays quiet for IdlePollMs.
+    // whenever the peer stays quiet for IdlePollMs. (A peer quiet in the middle of a
+    // line is waited for.)
     virtual bool wantsIdle();
     virtual void idle();
     static constexpr unsigned int IdlePollMs = 20;

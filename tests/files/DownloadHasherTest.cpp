@@ -120,13 +120,14 @@ TEST(DownloadHasher, ACancelWaitsForTheFeedAndNothingOfTheDownloadIsFedAfter) {
         hasher.cancel("/x");
         cancelled.store(true);
     });
-    ASSERT_TRUE(waitUntil([&] { return cancelling.load() != 0; }));
-    ASSERT_TRUE(waitUntilBlocked(cancelling.load()));
+    // Checked without returning early: the thread must be released and joined.
+    EXPECT_TRUE(waitUntil([&] { return cancelling.load() != 0; }) &&
+                waitUntilBlocked(cancelling.load()));
     EXPECT_FALSE(cancelled.load());
     recorder.release(); // the feed under way ends; the cancel returns
     owner.join();
     EXPECT_EQ(hasher.count(), 0);
-    EXPECT_FALSE(hasher.isDone("/x"));
+    EXPECT_TRUE(hasher.isDone("/x")); // forgotten: nothing to wait for
     EXPECT_FALSE(hasher.finish("/x"));
 
     // Begun again from a new file: only its bytes reach the feed.
@@ -188,8 +189,8 @@ TEST(DownloadHasher, TheWriterWaitsWhileTooMuchWaitsForItsHash) {
         hasher.written("/lag", 1500, true); // over the limit until the 600 being fed are done
         returned.store(true);
     });
-    ASSERT_TRUE(waitUntil([&] { return writer.load() != 0; }));
-    ASSERT_TRUE(waitUntilBlocked(writer.load()));
+    // Checked without returning early: the thread must be released and joined.
+    EXPECT_TRUE(waitUntil([&] { return writer.load() != 0; }) && waitUntilBlocked(writer.load()));
     EXPECT_FALSE(returned.load());
     recorder.release();
     owner.join();
@@ -209,6 +210,12 @@ TEST(DownloadHasher, AFileShorterThanWhatWasWrittenFails) {
     hasher.begin("/gone", dir.path() + "/missing");
     hasher.written("/gone", 10, true);
     EXPECT_FALSE(hasher.finish("/gone"));
+    // Nothing to read back of an empty file: it is not even opened.
+    hasher.begin("/empty", dir.path() + "/missing");
+    hasher.written("/empty", 0, true);
+    EXPECT_TRUE(hasher.finish("/empty"));
+    // A name never begun is nothing to wait for, and has no hash.
+    EXPECT_TRUE(hasher.isDone("/never-begun"));
     EXPECT_FALSE(hasher.finish("/never-begun"));
 }
 

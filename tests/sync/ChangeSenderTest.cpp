@@ -69,6 +69,24 @@ TEST(ChangeCompressor, KeepsOneEntryPerAttributeAndKind) {
               (V{{Added, 2, 0}, {Added, 1, 0}}));
 }
 
+TEST(ChangeCompressor, EachPeriodStartsFromNothing) {
+    // A compressor kept across periods answers as a new one would: nothing of a period
+    // (dense symbols or one far above them) is left in its sets for the next.
+    AttributeChangeCompressor reused;
+    const uint32_t far = 1u << 30;
+    const std::vector<std::vector<Dovel::NodeWatcher::Event>> periods = {
+        {ev(Added, 1), ev(Changed, 1), ev(Removed, 2), ev(Changed, far)},
+        {ev(Changed, 1), ev(Added, 2), ev(Changed, far)},
+        {ev(Added, 1), ev(Changed, 2), ev(Removed, far)},
+        {ev(Changed, 1), ev(Changed, 2), ev(Added, far)},
+    };
+    for (const auto& period : periods) {
+        std::vector<ChangeData> out;
+        reused.compress(period, out);
+        EXPECT_EQ(out, compress(period));
+    }
+}
+
 TEST(ChangeSender, WritesSymbolsThenRunsOfEqualKindByteForByte) {
     RemoteNode node(nullptr, "root");
     auto* a = new AttributeT<int>(nullptr, "", 7);

@@ -9,7 +9,7 @@
 TEST(SymbolBits, HoldsWhatWasInsertedAcrossWordsAndGrowth) {
     Dovel::SymbolBits bits;
     EXPECT_FALSE(bits.contains(0));
-    EXPECT_FALSE(bits.contains(0xFFFFFFFFu)); // far past the end: no word to read
+    EXPECT_FALSE(bits.contains(0xFFFFFFFFu));
 
     std::set<uint32_t> expected;
     for (uint32_t symbol : {1u, 63u, 64u, 65u, 127u, 128u, 0u, 4096u, 100000u, 64u})
@@ -29,7 +29,14 @@ TEST(SymbolBits, HoldsWhatWasInsertedAcrossWordsAndGrowth) {
     EXPECT_FALSE(bits.contains(64));
     EXPECT_TRUE(bits.contains(63));
     EXPECT_TRUE(bits.contains(65));
-    EXPECT_FALSE(bits.remove(1u << 30)); // past the bits
+    EXPECT_FALSE(bits.remove(1u << 30)); // above the dense ones: the hash set's
+
+    Dovel::SymbolBits fresh; // dense symbols past the bits' end read as absent
+    EXPECT_FALSE(fresh.contains(1u << 20));
+    EXPECT_FALSE(fresh.remove(1u << 20));
+    EXPECT_TRUE(fresh.insert(3));
+    EXPECT_FALSE(fresh.contains(1u << 20));
+    EXPECT_FALSE(fresh.remove(1u << 20));
 }
 
 TEST(SymbolBits, SymbolsFromTheDenseLimitOnTakeNoBits) {

@@ -241,6 +241,9 @@ public:
 
     std::atomic<int> connectedCount{0};
     std::atomic<int> disconnectedCount{0};
+    // idle() calls still wanted, and made.
+    std::atomic<int> idleWanted{0};
+    std::atomic<int> idleCount{0};
     std::atomic<int> failedCount{0};
 
     using Dovel::ConnectionThread::setKeepRetrying;
@@ -273,6 +276,11 @@ protected:
     void pong(const QByteArray& payload) override {
         Basalt::Guard guard(mutex);
         receivedPongs.append(payload);
+    }
+    bool wantsIdle() override { return idleWanted.load() > 0; }
+    void idle() override {
+        --idleWanted;
+        ++idleCount;
     }
     void connected() override { ++connectedCount; }
     void disconnected() override { ++disconnectedCount; }
