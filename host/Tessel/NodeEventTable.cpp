@@ -155,6 +155,10 @@ bool NodeEventTable::removeWhere(std::unique_lock<std::mutex>& held, Match match
     for (const auto& listener : gone)
         listener->removed = true;
     waitUntilIdle(held, gone);
+    // The removed listeners (the last references, but for a dispatch under way) die as
+    // `gone` goes, after the lock is let go: a callback's captures may call back into
+    // this node's events as they are destroyed.
+    held.unlock();
     return true;
 }
 

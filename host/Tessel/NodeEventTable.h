@@ -80,7 +80,8 @@ public:
 
 private:
     void run(Listener& listener, Basalt::BinaryData* data);
-    // Unregisters every listener `match` accepts, and waits as remove() does.
+    // Unregisters every listener `match` accepts, and waits as remove() does. Returns with
+    // `held` unlocked when something was removed.
     template <typename Match> bool removeWhere(std::unique_lock<std::mutex>& held, Match match);
     void waitUntilIdle(std::unique_lock<std::mutex>& held,
                        const std::vector<std::shared_ptr<Listener>>& gone);

@@ -237,6 +237,28 @@ TEST_F(NodeEvents, RemovalWaitsForACallRunningOnAnotherThread) {
     EXPECT_EQ(selfCalls, 1);
 }
 
+TEST_F(NodeEvents, AListenerWhoseCallbackDiesCallingBackIntoTheNodeIsRemovedWithoutADeadlock) {
+    Node node;
+    // Captured by a callback: on its destruction it registers and removes another
+    // listener of the same node, as a watcher's context torn down with its callback may.
+    struct CallsBack {
+        Node* node = nullptr;
+        ~CallsBack() {
+            if (node)
+                node->eventRemoveListener(node->eventAddListener(
+                    "other", [] {}, Node::Direct));
+        }
+    };
+    auto capture = std::make_shared<CallsBack>();
+    capture->node = &node;
+    const long id = node.eventAddListener(
+        "e", [capture] {}, Node::Direct);
+    capture.reset(); // the callback holds the last reference
+    auto removed = std::async(std::launch::async, [&] { return node.eventRemoveListener(id); });
+    ASSERT_EQ(removed.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_TRUE(removed.get());
+}
+
 TEST_F(UpdateLoopTest, RunOnceRunsWhatWasQueuedBeforeInOrder) {
     std::vector<int> order;
     Node::invokeAfterUpdate([&] {
