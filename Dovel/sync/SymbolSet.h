@@ -84,6 +84,7 @@ public:
 
     int size() const { return count; }
     bool isEmpty() const { return count == 0; }
+
 private:
     struct Cell {
         uint32_t symbol = 0;
