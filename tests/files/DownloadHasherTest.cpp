@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -62,27 +63,44 @@ void append(Dovel::DownloadHasher& hasher, const QString& name, QFile& file,
     hasher.written(name, file.size(), whole);
 }
 
-TEST(DownloadHasher, TwoFilesHashAtOnceEachInTheOrderOfItsBytes) {
+// A folder for the downloads, and hashers whose feed goes to the recorder.
+class DownloadHasher : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(dir.isValid()); }
+
+    std::unique_ptr<Dovel::DownloadHasher>
+    hasherOf(int threads, int64_t maxLagBytes = Dovel::DownloadHasher::DefaultMaxLagBytes) {
+        return std::make_unique<Dovel::DownloadHasher>(
+            threads,
+            [this](const QString& name, const QByteArray& bytes) { recorder.feed(name, bytes); },
+            maxLagBytes);
+    }
+    // A new file of the folder, open as the connection writes it, and its download begun.
+    std::unique_ptr<QFile> begun(Dovel::DownloadHasher& hasher, const QString& name) {
+        auto file = std::make_unique<QFile>(dir.path() + name);
+        EXPECT_TRUE(file->open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+        hasher.begin(name, file->fileName());
+        return file;
+    }
+
     QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
     Recorder recorder;
-    Dovel::DownloadHasher hasher(
-        2, [&](const QString& name, const QByteArray& bytes) { recorder.feed(name, bytes); });
+};
+
+TEST_F(DownloadHasher, TwoFilesHashAtOnceEachInTheOrderOfItsBytes) {
+    const auto owned = hasherOf(2);
+    Dovel::DownloadHasher& hasher = *owned;
     const QByteArray a = patternBytes(3 * int(Dovel::DownloadHasher::ChunkBytes) + 17, 1);
     const QByteArray b = patternBytes(100000, 2);
 
-    QFile fileA(dir.path() + "/a");
-    ASSERT_TRUE(fileA.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
     recorder.hold("/a");
-    hasher.begin("/a", fileA.fileName());
+    const auto openA = begun(hasher, "/a");
+    QFile& fileA = *openA;
     append(hasher, "/a", fileA, a.left(1000), false);
     ASSERT_TRUE(recorder.waitHolding()); // /a's thread is stuck in its first feed
 
     // The other thread takes /b meanwhile.
-    QFile fileB(dir.path() + "/b");
-    ASSERT_TRUE(fileB.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
-    hasher.begin("/b", fileB.fileName());
-    append(hasher, "/b", fileB, b, true);
+    append(hasher, "/b", *begun(hasher, "/b"), b, true);
     EXPECT_TRUE(hasher.finish("/b"));
     EXPECT_EQ(recorder.of("/b"), b);
     EXPECT_FALSE(hasher.isDone("/a"));
@@ -97,19 +115,15 @@ TEST(DownloadHasher, TwoFilesHashAtOnceEachInTheOrderOfItsBytes) {
     EXPECT_EQ(hasher.count(), 0);
 }
 
-TEST(DownloadHasher, ACancelWaitsForTheFeedAndNothingOfTheDownloadIsFedAfter) {
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
-    Recorder recorder;
-    Dovel::DownloadHasher hasher(
-        1, [&](const QString& name, const QByteArray& bytes) { recorder.feed(name, bytes); });
+TEST_F(DownloadHasher, ACancelWaitsForTheFeedAndNothingOfTheDownloadIsFedAfter) {
+    const auto owned = hasherOf(1);
+    Dovel::DownloadHasher& hasher = *owned;
     const QByteArray first = patternBytes(5000, 3);
     const QByteArray second = patternBytes(7000, 4);
 
-    QFile file(dir.path() + "/x");
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
     recorder.hold("/x");
-    hasher.begin("/x", file.fileName());
+    const auto open = begun(hasher, "/x");
+    QFile& file = *open;
     append(hasher, "/x", file, first, false);
     ASSERT_TRUE(recorder.waitHolding());
 
@@ -139,44 +153,30 @@ TEST(DownloadHasher, ACancelWaitsForTheFeedAndNothingOfTheDownloadIsFedAfter) {
     EXPECT_EQ(recorder.of("/x"), first + second);
 }
 
-TEST(DownloadHasher, DownloadsStillArrivingKeepNoThreadFromAWholeOne) {
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
-    Recorder recorder;
-    Dovel::DownloadHasher hasher(
-        2, [&](const QString& name, const QByteArray& bytes) { recorder.feed(name, bytes); });
+TEST_F(DownloadHasher, DownloadsStillArrivingKeepNoThreadFromAWholeOne) {
+    const auto owned = hasherOf(2);
+    Dovel::DownloadHasher& hasher = *owned;
     // Two downloads with a part each, as many as there are threads, then a whole one.
-    QFile x(dir.path() + "/x");
-    QFile y(dir.path() + "/y");
-    QFile z(dir.path() + "/z");
-    for (QFile* file : {&x, &y, &z})
-        ASSERT_TRUE(file->open(QIODevice::WriteOnly | QIODevice::Unbuffered));
-    hasher.begin("/x", x.fileName());
-    append(hasher, "/x", x, "x part", false);
-    hasher.begin("/y", y.fileName());
-    append(hasher, "/y", y, "y part", false);
+    const auto x = begun(hasher, "/x");
+    append(hasher, "/x", *x, "x part", false);
+    append(hasher, "/y", *begun(hasher, "/y"), "y part", false);
     ASSERT_TRUE(
         waitUntil([&] { return recorder.of("/x").size() + recorder.of("/y").size() == 12; }));
-    hasher.begin("/z", z.fileName());
-    append(hasher, "/z", z, "all of z", true);
+    append(hasher, "/z", *begun(hasher, "/z"), "all of z", true);
     EXPECT_TRUE(hasher.finish("/z"));
     EXPECT_EQ(recorder.of("/z"), QByteArray("all of z"));
     EXPECT_FALSE(hasher.isDone("/x"));
-    append(hasher, "/x", x, ", the end", true);
+    append(hasher, "/x", *x, ", the end", true);
     EXPECT_TRUE(hasher.finish("/x"));
     EXPECT_EQ(recorder.of("/x"), QByteArray("x part, the end"));
 }
 
-TEST(DownloadHasher, TheWriterWaitsWhileTooMuchWaitsForItsHash) {
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
-    Recorder recorder;
-    Dovel::DownloadHasher hasher(
-        1, [&](const QString& name, const QByteArray& bytes) { recorder.feed(name, bytes); }, 1000);
-    QFile file(dir.path() + "/lag");
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+TEST_F(DownloadHasher, TheWriterWaitsWhileTooMuchWaitsForItsHash) {
+    const auto owned = hasherOf(1, 1000);
+    Dovel::DownloadHasher& hasher = *owned;
     recorder.hold("/lag");
-    hasher.begin("/lag", file.fileName());
+    const auto open = begun(hasher, "/lag");
+    QFile& file = *open;
     append(hasher, "/lag", file, patternBytes(600, 1), false); // under the limit
     ASSERT_TRUE(recorder.waitHolding());
 
@@ -198,10 +198,9 @@ TEST(DownloadHasher, TheWriterWaitsWhileTooMuchWaitsForItsHash) {
     EXPECT_EQ(recorder.of("/lag"), patternBytes(600, 1) + more);
 }
 
-TEST(DownloadHasher, AFileShorterThanWhatWasWrittenFails) {
-    QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
-    Dovel::DownloadHasher hasher(2, [](const QString&, const QByteArray&) {});
+TEST_F(DownloadHasher, AFileShorterThanWhatWasWrittenFails) {
+    const auto owned = hasherOf(2);
+    Dovel::DownloadHasher& hasher = *owned;
     ASSERT_TRUE(TestFiles::writeFile(dir.path() + "/short", "12345"));
     hasher.begin("/short", dir.path() + "/short");
     hasher.written("/short", 10, true);
