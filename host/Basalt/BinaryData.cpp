@@ -96,6 +96,16 @@ void BinaryData::linkTo(void* data, int size) {
     lastBlob = 0;
 }
 
+int BinaryData::encodeString(const QByteArray& bytes, char* out, int capacity) {
+    if (capacity < 8 || bytes.size() > capacity - 8)
+        return 0;
+    storeU32(out, TagString);
+    storeU32(out + 4, uint32_t(bytes.size()));
+    if (!bytes.isEmpty())
+        std::memcpy(out + 8, bytes.constData(), size_t(bytes.size()));
+    return 8 + bytes.size();
+}
+
 void BinaryData::ensure(uint64_t bytes) {
     detach();
     if (bytes > uint64_t(INT_MAX - length))
@@ -341,6 +351,17 @@ Quant::Vector4i BinaryData::readVector4Int32(bool* ok) {
 
 bool BinaryData::readString(QByteArray& out) {
     return takeCounted(TagString, out);
+}
+
+bool BinaryData::viewString(QByteArray& out) {
+    if (remaining() < 8 || loadU32(base + pos) != TagString)
+        return false;
+    const uint32_t count = loadU32(base + pos + 4);
+    if (count > uint32_t(remaining() - 8))
+        return false;
+    out = QByteArray::fromRawData(base + pos + 8, int(count));
+    pos += 8 + int(count);
+    return true;
 }
 
 bool BinaryData::readString(QString& out) {

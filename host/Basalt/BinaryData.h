@@ -60,6 +60,9 @@ public:
     // Reads `size` bytes of external memory in place, without copying; the memory must
     // outlive this object or the next write, which first copies it. Position 0.
     void linkTo(void* data, int size);
+    // Lays out a string item of `bytes` in `out` and returns its size, or 0 when it needs
+    // more than `capacity` bytes: with linkTo, a payload without an allocation.
+    static int encodeString(const QByteArray& bytes, char* out, int capacity);
     // Reserves room for `bytes` more bytes (ignored beyond what a buffer can hold).
     void ensure(uint64_t bytes);
     // Appends the other buffer's bytes (all of them, whatever its position).
@@ -95,6 +98,9 @@ public:
     Quant::Vector4i readVector4Int32(bool* ok = nullptr);
     bool readString(QByteArray& out);
     bool readString(QString& out);
+    // Reads a string item as a view of this buffer's bytes, copying nothing: valid until
+    // this object is written to or destroyed.
+    bool viewString(QByteArray& out);
     // Reads a blob item of at most `size` bytes into `data`; fails (nothing copied)
     // when the item is longer. lastBlobSize() then tells how many bytes were copied
     // (0 after a failure).

@@ -120,9 +120,16 @@ void Node::detach(ChildList::iterator position) {
 }
 
 void Node::sendChildEvent(const QByteArray& event, const QByteArray& childName) {
+    // Every child added or removed sends one: a short name's item is laid out on the
+    // stack (a queued listener gets its own copy).
+    char local[256];
     Basalt::BinaryData payload;
-    payload.ensure(8 + uint64_t(childName.size())); // tag, count, bytes: one allocation
-    payload.write(childName);
+    if (const int size = Basalt::BinaryData::encodeString(childName, local, int(sizeof local))) {
+        payload.linkTo(local, size);
+    } else {
+        payload.ensure(8 + uint64_t(childName.size())); // tag, count, bytes: one allocation
+        payload.write(childName);
+    }
     eventSend(event, payload);
 }
 
