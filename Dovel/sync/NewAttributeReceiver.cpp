@@ -138,7 +138,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         // skipping deserializer back.
         sa->deserializer = deserializer;
         // Watched and cached at once, so that the next entries and updates find it.
-        if (!node.watcher().addComplete(*parent, leafName, created.get(), path)) {
+        if (!node.watcher().addComplete(*parent, leafName, created.get(), path, sa->localSymbol)) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
             sa->deserializer = skippingDeserializer(fixedSize);
@@ -177,12 +177,8 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
         name.setRawData(path.constData() + start, uint(end - start));
         Tessel::Attribute* raw = parent->attribute(name);
         if (!raw) {
-            if (!createMissing)
+            if (!createMissing || !(parent = addNode(*parent, path, start, end)))
                 return nullptr;
-            // Owned by its host. Its report waits for the next update (the attribute's
-            // addition): a listener of it may delete the node, which must not happen
-            // while this walk still holds it.
-            parent = new Tessel::Node(parent, QByteArray(path.constData() + start, end - start));
         } else if (!(parent = Tessel::asNode(Tessel::AttributeAlias::resolve(raw)))) {
             Basalt::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing "
                                  "attribute where a node was expected");
@@ -191,6 +187,19 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
         start = end + 1;
     }
     return parent;
+}
+
+Tessel::Node* NewAttributeReceiver::addNode(Tessel::Node& parent, const QByteArray& path, int start,
+                                            int end) {
+    const QByteArray name(path.constData() + start, end - start);
+    auto created = std::make_unique<Tessel::Node>(nullptr, name);
+    // Watched at once, which reports it: a listener of the report may delete it again,
+    // or an ancestor, and then the walk must not go on from it.
+    unsigned int symbol = 0;
+    if (!node.watcher().addComplete(parent, name, created.get(), path.left(end), 0, &symbol))
+        return nullptr;
+    Tessel::Node* const added = created.release(); // owned by its host, or deleted
+    return symbol && node.attributeCache().find(symbol) == added ? added : nullptr;
 }
 
 } // namespace Dovel

@@ -49,11 +49,13 @@ private:
     void handleEntry(BundleReader& reader, uint32_t symbol, uint32_t typeCode, uint32_t fixedSize,
                      bool hasValue, uint32_t acknowledged, uint32_t sequence,
                      uint32_t messageIndex);
-    // The node that holds the path's leaf, creating missing nodes when allowed; null
-    // (the entry is to be skipped) otherwise.
     // The node that holds the attribute at `path`, whose last component starts at
-    // `leafStart`; missing nodes are created when allowed. Null when there is none.
+    // `leafStart`; missing nodes are created when allowed. Null when there is none (the
+    // entry is to be skipped).
     Tessel::Node* findParent(const QByteArray& path, int leafStart);
+    // A new plain node under `parent` for the component of `path` in [start, end),
+    // watched at once; null when a listener of its report took it away again.
+    Tessel::Node* addNode(Tessel::Node& parent, const QByteArray& path, int start, int end);
 
     RemoteNode& node;
     AttributeStorage& storage;

@@ -4,6 +4,7 @@
 #include "Dovel/bundle/BundleDispatcher.h"
 #include "Dovel/bundle/BundleWriter.h"
 #include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/sync/AttributeCache.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/SymbolSet.h"
 #include "Dovel/types/TypeRegistry.h"
@@ -141,9 +142,17 @@ void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
 
 void NodeChangeSender::sendInitialValues() {
     Basalt::SymbolRegistry& registry = node.symbolRegistry();
-    walkAttributesWithPath(node, [&](Tessel::Attribute&, const QByteArray& path) {
-        onAttributeChange({NodeWatcher::AttributeAdded, registry.lookup(path)});
-    });
+    const AttributeCache& cache = node.attributeCache();
+    walkAttributesUnder(
+        node, [&](Tessel::Attribute& found, Tessel::Attribute&, const QByteArray& parent) {
+            // The watcher caches what it watches under its path's symbol: taken when the
+            // registry names that path, it spares building and hashing a path per attribute.
+            // (An attribute also reached through an alias may be cached under the other path.)
+            unsigned int symbol = cache.symbolOf(&found);
+            if (!symbol || !isChildPath(registry.lookup(symbol), parent, found.name()))
+                symbol = registry.lookup(childPath(parent, found.name()));
+            onAttributeChange({NodeWatcher::AttributeAdded, symbol});
+        });
 }
 
 void NodeChangeSender::writeUpdates(BundleOutput& output) {

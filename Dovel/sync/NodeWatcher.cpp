@@ -29,12 +29,10 @@ using Tessel::Node;
 
 namespace {
 
-// Whether `full` is childPath(parent, name), without building that.
-bool isChildPath(const QByteArray& full, const QByteArray& parent, const QByteArray& name) {
-    if (parent.isEmpty())
-        return full == name;
-    return full.size() == parent.size() + 1 + name.size() && full.startsWith(parent) &&
-           full.at(parent.size()) == '/' && full.endsWith(name);
+// childPath of a name that views an event's payload: under the root that path would be
+// the view itself, which must not outlive the event.
+QByteArray childPathOfView(const QByteArray& parent, const QByteArray& view) {
+    return parent.isEmpty() ? QByteArray(view.constData(), view.size()) : childPath(parent, view);
 }
 
 void checkName(const QByteArray& name) {
@@ -129,7 +127,9 @@ struct NodeWatcher::Impl {
     std::atomic<bool> watching{false};
     // The attribute addComplete is adding (tree thread): its addition is watched at once.
     Attribute* completeChild = nullptr;
-    QByteArray completePath; // its path as the caller knows it, or empty
+    QByteArray completePath;          // its path as the caller knows it, or empty
+    unsigned int completeSymbol = 0;  // that path's symbol, when the caller knows it
+    unsigned int completeWatched = 0; // the symbol onAdded found for it
 };
 
 void NodeWatcher::Impl::emit(EventType type, unsigned int symbol) {
@@ -323,17 +323,19 @@ void NodeWatcher::Impl::retarget(AttributeAlias* alias, const QByteArray& path,
 
 void NodeWatcher::Impl::onAdded(Node& node, const QByteArray& path, Basalt::BinaryData& data,
                                 Tessel::ListenerHolder& holder) {
-    QByteArray name;
-    if (!data.readString(name))
+    QByteArray name; // a view of the payload: used only before anything is called out
+    if (!data.viewString(name))
         return;
     Attribute* child = node.attribute(name);
     if (!child)
         return;
     checkName(name);
-    const QByteArray path2 = child == completeChild && isChildPath(completePath, path, name)
-                                 ? completePath
-                                 : childPath(path, name);
-    const unsigned int symbol = registry.lookupOrDefine(path2);
+    const bool asCalled = child == completeChild && isChildPath(completePath, path, name);
+    const QByteArray path2 = asCalled ? completePath : childPathOfView(path, name);
+    const unsigned int symbol =
+        asCalled && completeSymbol ? completeSymbol : registry.lookupOrDefine(path2);
+    if (child == completeChild)
+        completeWatched = symbol;
     if (!cache.find(symbol))
         cache.add(symbol, child);
     // An ignoreOne for the addition silences this child and, through notify, its subtree.
@@ -390,10 +392,10 @@ bool NodeWatcher::Impl::storedTarget(Attribute* attribute, Attribute** target) {
 
 void NodeWatcher::Impl::onRemoved(const QByteArray& path, Basalt::BinaryData& data,
                                   Tessel::ListenerHolder& holder) {
-    QByteArray name;
-    if (!data.readString(name))
+    QByteArray name; // a view of the payload
+    if (!data.viewString(name))
         return;
-    const QByteArray path2 = childPath(path, name);
+    const QByteArray path2 = childPathOfView(path, name);
     const unsigned int symbol = registry.lookup(path2);
     Attribute* attribute = symbol ? cache.find(symbol) : nullptr;
     if (!attribute)
@@ -521,13 +523,25 @@ void NodeWatcher::update() {
 }
 
 bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* attribute,
-                              const QByteArray& path) {
+                              const QByteArray& path, unsigned int symbol,
+                              unsigned int* watchedAs) {
     impl->completeChild = attribute;
     impl->completePath = path;
+    impl->completeSymbol = symbol;
+    impl->completeWatched = 0;
     const bool added = parent.addAttribute(name, attribute);
     impl->completeChild = nullptr;
     impl->completePath.clear();
+    impl->completeSymbol = 0;
     update();
+    if (watchedAs) {
+        unsigned int symbol = added ? impl->completeWatched : 0;
+        // A parent whose own addition was still queued reported nothing to onAdded: the
+        // update above watched the attribute under its path's symbol.
+        if (added && !symbol && !path.isEmpty())
+            symbol = impl->registry.lookup(path);
+        *watchedAs = symbol;
+    }
     return added;
 }
 

@@ -43,17 +43,16 @@ bool matches(const RemoteNode::SyncFlagRule& rule, const QByteArray& path) {
     return matches(rule.pattern, path);
 }
 
-void walkWithPath(Node& node, const QByteArray& prefix,
-                  const std::function<void(Attribute&, const QByteArray&)>& visit) {
+void walkUnder(Node& node, const QByteArray& prefix,
+               const std::function<void(Attribute&, Attribute&, const QByteArray&)>& visit) {
     for (Attribute* child : node.children()) {
         Attribute* resolved = AttributeAlias::resolve(child);
         if (!resolved)
             continue;
-        const QByteArray path = childPath(prefix, child->name());
         if (auto* sub = Tessel::asNode(resolved))
-            walkWithPath(*sub, path, visit);
+            walkUnder(*sub, childPath(prefix, child->name()), visit);
         else
-            visit(*resolved, path);
+            visit(*child, *resolved, prefix);
     }
 }
 
@@ -469,6 +468,13 @@ QByteArray childPath(const QByteArray& parent, const QByteArray& name) {
     return path;
 }
 
+bool isChildPath(const QByteArray& full, const QByteArray& parent, const QByteArray& name) {
+    if (parent.isEmpty())
+        return full == name;
+    return full.size() == parent.size() + 1 + name.size() && full.startsWith(parent) &&
+           full.at(parent.size()) == '/' && full.endsWith(name);
+}
+
 Node* findOrCreateNode(QList<QByteArray> parts, Node* parent, QMap<QByteArray, Node*>* created,
                        QByteArray prefix) {
     if (parts.isEmpty())
@@ -505,7 +511,15 @@ void walkAttributes(Node& node, const std::function<void(Attribute&)>& visit,
 
 void walkAttributesWithPath(Node& node,
                             const std::function<void(Attribute&, const QByteArray&)>& visit) {
-    walkWithPath(node, QByteArray(), visit);
+    walkUnder(node, QByteArray(),
+              [&](Attribute& found, Attribute& resolved, const QByteArray& parent) {
+                  visit(resolved, childPath(parent, found.name()));
+              });
+}
+
+void walkAttributesUnder(
+    Node& node, const std::function<void(Attribute&, Attribute&, const QByteArray&)>& visit) {
+    walkUnder(node, QByteArray(), visit);
 }
 
 } // namespace Dovel

@@ -203,6 +203,8 @@ private:
 // The slash-separated path of `name` under `parent` (the name itself under the root),
 // built in one allocation: every attribute the tree gains or the walks visit needs one.
 QByteArray childPath(const QByteArray& parent, const QByteArray& name);
+// Whether `full` is childPath(parent, name), without building that.
+bool isChildPath(const QByteArray& full, const QByteArray& parent, const QByteArray& name);
 // Follows `parts` down from `parent`, creating missing plain nodes (recorded by path in
 // `created` when given). Null (logged) when an existing part is not a node.
 Tessel::Node* findOrCreateNode(QList<QByteArray> parts, Tessel::Node* parent,
@@ -214,5 +216,11 @@ void walkAttributes(Tessel::Node& node, const std::function<void(Tessel::Attribu
 // The same walk, giving each value attribute its slash-separated path under `node`.
 void walkAttributesWithPath(
     Tessel::Node& node, const std::function<void(Tessel::Attribute&, const QByteArray&)>& visit);
+// The same walk, giving each value attribute as its parent lists it (an alias, or the
+// attribute itself), resolved, and the path of that parent: no leaf's path is built.
+void walkAttributesUnder(
+    Tessel::Node& node,
+    const std::function<void(Tessel::Attribute& found, Tessel::Attribute& resolved,
+                             const QByteArray& parentPath)>& visit);
 
 } // namespace Dovel

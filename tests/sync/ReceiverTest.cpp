@@ -99,8 +99,10 @@ TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) 
     p.left.addDeepAttribute("p/z", new AttributeT<int>(nullptr, "", 2));
     p.left.addDeepAttribute("n/x", new AttributeT<int>(nullptr, "", 3));
     p.left.addDeepAttribute("n/y", new AttributeT<int>(nullptr, "", 4));
-    // The right side's application drops p/x as soon as it hears of it, and the node n
-    // the first time it hears of it (with n/x, the attribute that brought it).
+    p.left.addDeepAttribute("g/h/v", new AttributeT<int>(nullptr, "", 5));
+    // The right side's application drops p/x as soon as it hears of it, the node n the
+    // first time it hears of it (with n/x, the attribute that brought it), and g, the
+    // node above, when it hears of g/h: the receiver must not go on from either.
     bool nodeDropped = false;
     p.right.addAttributeChangeListener([&](const Dovel::NodeWatcher::Event& event) {
         const Basalt::SymbolRegistry& symbols = p.right.symbolRegistry();
@@ -112,11 +114,15 @@ TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) 
             nodeDropped = true;
             delete p.rightAt("n");
         }
+        if (event.type == Dovel::NodeWatcher::NodeAdded &&
+            event.symbol == symbols.lookup(QByteArray("g/h")))
+            delete p.rightAt("g");
     });
     p.start();
     ASSERT_TRUE(nodeDropped);
     EXPECT_EQ(p.rightAt("p/x"), nullptr);
     EXPECT_EQ(p.rightAt("n/x"), nullptr);
+    EXPECT_EQ(p.rightAt("g"), nullptr);
     ASSERT_TRUE(p.rightAt("p/z"));
     ASSERT_TRUE(p.rightAt("n/y")); // the next entry made the node again
     EXPECT_EQ(p.rightAt("n/y")->asInt(), 4);
@@ -124,7 +130,7 @@ TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) 
     // Later values for the deleted ones are read past (a deserializer bound to a deleted
     // attribute would write into freed memory); the entries after them still apply.
     Bytes updates;
-    for (const char* path : {"p/x", "p/z", "n/x", "n/y"})
+    for (const char* path : {"p/x", "p/z", "n/x", "n/y", "g/h/v"})
         updates.word(p.leftSymbol(path)).word(p.leftSymbol(path) * 10);
     p.toRight(UpdateType, updates);
     EXPECT_EQ(p.rightAt("p/x"), nullptr);
