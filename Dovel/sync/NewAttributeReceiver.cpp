@@ -12,11 +12,30 @@
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/Node.h"
 
+#include <cstring>
 #include <memory>
 
 namespace Dovel {
 
 namespace {
+
+// An empty component: a leading, trailing or doubled slash. One pass over the bytes: it
+// runs for every entry.
+bool hasEmptyComponent(const QByteArray& path) {
+    const char* const begin = path.constData();
+    const char* const end = begin + path.size();
+    if (begin == end)
+        return false;
+    if (*begin == '/' || end[-1] == '/')
+        return true;
+    for (const char* slash = begin;
+         (slash = static_cast<const char*>(std::memchr(slash, '/', size_t(end - slash))));
+         ++slash) {
+        if (slash[1] == '/')
+            return true;
+    }
+    return false;
+}
 
 // Reads past one value of the announced size.
 void skipValue(BundleReader& reader, uint32_t fixedSize) {
@@ -59,7 +78,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             skipValue(reader, fixedSize);
         return;
     }
-    if (path.startsWith('/') || path.endsWith('/') || path.contains("//")) {
+    if (hasEmptyComponent(path)) {
         Basalt::Trace::error("NewAttributeReceiver::handleBundle # Malformed path '%s'",
                              path.constData());
         if (hasValue)

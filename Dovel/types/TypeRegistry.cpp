@@ -229,8 +229,10 @@ Deserializer TypeRegistry::createDeserializer(uint32_t typeCode, Attribute* attr
         return Deserializer();
     }
     Attribute* target = Tessel::AttributeAlias::resolve(attribute);
+    if (!attribute || target)
+        return it->second(target);
     auto* alias = dynamic_cast<Tessel::AttributeAlias*>(attribute);
-    if (!attribute || target || !alias)
+    if (!alias)
         return it->second(target);
     Basalt::Trace::warning("Dovel TypeRegistry asked to create deserializer for alias attribute "
                            "'%s' that ultimately has a null target. Will create a smart "

@@ -204,6 +204,32 @@ TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
     EXPECT_EQ(notes, 3);
 }
 
+TEST(Receivers, PathsWithAnEmptyComponentAreSkippedWithTheirValues) {
+    Pair p;
+    p.start();
+    Basalt::TraceCapture log;
+    const QByteArray bad[] = {"/lead", "trail/", "a//b", "/"};
+    Bytes symbols;
+    Bytes news; // symbol, type code (9: int32), value size, value count, value
+    for (uint32_t i = 0; i < 4; ++i) {
+        symbols.word(600 + i).str(bad[i]);
+        news.word(600 + i).word(9).word(4).word(1).word(70 + i);
+    }
+    symbols.word(610).str("a/b");
+    news.word(610).word(9).word(4).word(1).word(80);
+    p.toRight(SymbolsType, symbols);
+    p.toRight(NewType, news);
+    for (const QByteArray& path : bad)
+        EXPECT_TRUE(
+            log.contains("NewAttributeReceiver::handleBundle # Malformed path '" + path + "'"))
+            << path.constData();
+    EXPECT_EQ(p.right.attribute(""), nullptr);
+    EXPECT_EQ(p.rightAt("trail"), nullptr);
+    ASSERT_TRUE(p.rightAt("a/b"));
+    EXPECT_EQ(p.rightAt("a/b")->asInt(), 80);
+    EXPECT_EQ(p.rightAt("a")->attribute(""), nullptr);
+}
+
 TEST(Receivers, TheMasterReadsStaleUpdatesPastAndKeepsReading) {
     Pair p;
     auto* text = new AttributeT<QString>(nullptr, "", "start");
