@@ -104,6 +104,8 @@ void RemoteNode::onWatcherEvent(const NodeWatcher::Event& event) {
 }
 
 void RemoteNode::queueChanged(unsigned int symbol) {
+    if (!anySymbolListener.load(std::memory_order_acquire))
+        return; // update() would drop it unread
     std::lock_guard<std::mutex> locker(changedMutex);
     if (changedSet.contains(symbol))
         return;
@@ -118,7 +120,7 @@ void RemoteNode::checkForPendingListeners(unsigned int symbol) {
     const QByteArray path = registry->lookup(symbol);
     for (int i = 0; i < int(pendingListeners.size()); ++i) {
         if (matches(pendingListeners[i].first, path))
-            symbolListeners[symbol].emplace(i, pendingListeners[i].second);
+            listenTo(symbol, i, pendingListeners[i].second);
     }
 }
 
@@ -165,9 +167,15 @@ void RemoteNode::onChangeImpl(const QRegExp& expression, std::function<void(Attr
             found.push_back(symbol);
     });
     for (unsigned int symbol : found) {
-        symbolListeners[symbol].emplace(index, callback);
+        listenTo(symbol, index, callback);
         queueChanged(symbol);
     }
+}
+
+void RemoteNode::listenTo(unsigned int symbol, int index,
+                          const std::function<void(Attribute*)>& callback) {
+    symbolListeners[symbol].emplace(index, callback);
+    anySymbolListener.store(true, std::memory_order_release);
 }
 
 void RemoteNode::processPendingAdditions() {

@@ -163,6 +163,9 @@ private:
 
     void onWatcherEvent(const NodeWatcher::Event& event);
     void queueChanged(unsigned int symbol);
+    // Registers the callback of pending listener `index` for the symbol (tree thread).
+    void listenTo(unsigned int symbol, int index,
+                  const std::function<void(Tessel::Attribute*)>& callback);
     void checkForPendingListeners(unsigned int symbol);
     void checkForSyncFlags(unsigned int symbol);
     void updateSyncFlags(const QRegExp& pattern, SyncFlags::Flag flag);
@@ -189,6 +192,10 @@ private:
     std::vector<SyncFlagRule> syncFlagRules;
     // Keyed by the index of the pending listener: registration order, each at most once.
     QHash<unsigned int, std::map<int, std::function<void(Tessel::Attribute*)>>> symbolListeners;
+    // Set with symbolListeners' first entry (it never loses one): until then no change is
+    // worth queueing, and a registration queues what it matches itself. Read by the
+    // threads that report changes.
+    std::atomic<bool> anySymbolListener{false};
 
     mutable std::shared_mutex eventLock;
     std::shared_ptr<const EventTable> eventListeners;
