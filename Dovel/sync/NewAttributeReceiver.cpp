@@ -212,13 +212,14 @@ Tessel::Node* NewAttributeReceiver::addNode(Tessel::Node& parent, const QByteArr
                                             int end) {
     const QByteArray name(path.constData() + start, end - start);
     auto created = std::make_unique<Tessel::Node>(nullptr, name);
-    // Watched at once, which reports it: a listener of the report may delete it again,
-    // or an ancestor, and then the walk must not go on from it.
+    // Watched at once, which reports it (before the attribute that brought it exists): a
+    // listener of the report may delete it again, and then the walk must not go on.
     unsigned int symbol = 0;
     if (!node.watcher().addComplete(parent, name, created.get(), path.left(end), 0, &symbol))
         return nullptr;
-    Tessel::Node* const added = created.release(); // owned by its host, or deleted
-    return symbol && node.attributeCache().find(symbol) == added ? added : nullptr;
+    const Tessel::Attribute* const added = created.release(); // owned by its host, or gone
+    Tessel::Attribute* const now = symbol ? node.attributeCache().find(symbol) : nullptr;
+    return now == added ? Tessel::asNode(now) : nullptr;
 }
 
 } // namespace Dovel

@@ -525,22 +525,42 @@ void NodeWatcher::update() {
 bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* attribute,
                               const QByteArray& path, unsigned int symbol,
                               unsigned int* watchedAs) {
-    impl->completeChild = attribute;
-    impl->completePath = path;
-    impl->completeSymbol = symbol;
-    impl->completeWatched = 0;
-    const bool added = parent.addAttribute(name, attribute);
-    impl->completeChild = nullptr;
-    impl->completePath.clear();
-    impl->completeSymbol = 0;
+    // A listener of the report may add another attribute this way: the outer call's
+    // state comes back when the inner one ends (also on a throw).
+    struct Scope {
+        Impl& impl;
+        Attribute* const child = impl.completeChild;
+        const QByteArray path = impl.completePath;
+        const unsigned int symbol = impl.completeSymbol;
+        const unsigned int watched = impl.completeWatched;
+        ~Scope() {
+            impl.completeChild = child;
+            impl.completePath = path;
+            impl.completeSymbol = symbol;
+            impl.completeWatched = watched;
+        }
+    };
+    bool added = false;
+    unsigned int watched = 0;
+    {
+        const Scope scope{*impl};
+        impl->completeChild = attribute;
+        impl->completePath = path;
+        // Taken only when it names that path: a record found by the peer's symbol may be
+        // another path's, once the peer has bound that symbol anew.
+        impl->completeSymbol =
+            symbol && !path.isEmpty() && impl->registry.lookup(symbol) == path ? symbol : 0;
+        impl->completeWatched = 0;
+        added = parent.addAttribute(name, attribute);
+        watched = impl->completeWatched;
+    }
     update();
     if (watchedAs) {
-        unsigned int symbol = added ? impl->completeWatched : 0;
         // A parent whose own addition was still queued reported nothing to onAdded: the
         // update above watched the attribute under its path's symbol.
-        if (added && !symbol && !path.isEmpty())
-            symbol = impl->registry.lookup(path);
-        *watchedAs = symbol;
+        if (added && !watched && !path.isEmpty())
+            watched = impl->registry.lookup(path);
+        *watchedAs = added ? watched : 0;
     }
     return added;
 }

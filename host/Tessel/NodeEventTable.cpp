@@ -202,6 +202,9 @@ int NodeEventTable::count() const {
 }
 
 void NodeEventTable::dispatch(const QByteArray& name, Basalt::BinaryData* data) {
+    // A direct listener may delete the node, and with it the node's reference: the
+    // rest of the dispatch still locks this table.
+    const std::shared_ptr<NodeEventTable> keep = shared_from_this();
     std::shared_ptr<const Batch> batch;
     {
         std::lock_guard<std::mutex> guard(mutex);

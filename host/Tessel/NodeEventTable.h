@@ -1,7 +1,7 @@
 // The event side of one Node: declared event names and the listeners by name.
 // Thread-safe: every member is guarded by `mutex`, and callbacks run without it held.
-// Held by shared_ptr so that queued deliveries outlive the node; clear() (called when
-// the node dies) turns them into no-ops.
+// Held by shared_ptr so that queued deliveries, and a dispatch whose listener deletes
+// the node, outlive the node; clear() (called when the node dies) turns them into no-ops.
 #pragma once
 
 #include "Basalt/BinaryData.h"

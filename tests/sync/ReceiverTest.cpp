@@ -230,6 +230,25 @@ TEST(Receivers, PathsWithAnEmptyComponentAreSkippedWithTheirValues) {
     EXPECT_EQ(p.rightAt("a")->attribute(""), nullptr);
 }
 
+TEST(Receivers, AnAttributeAnnouncedUnderARepurposedSymbolIsWatchedUnderItsOwnPath) {
+    Pair p;
+    p.start();
+    // The peer binds 700 to a/x, announces it, binds 700 anew to b/y and announces that:
+    // the record found by 700 is a/x's, whose symbol must not be taken for b/y.
+    p.toRight(SymbolsType, Bytes().word(700).str("a/x"));
+    p.toRight(NewType, Bytes().word(700).word(9).word(4).word(1).word(5));
+    p.toRight(SymbolsType, Bytes().word(700).str("b/y"));
+    p.toRight(NewType, Bytes().word(700).word(9).word(4).word(1).word(6));
+    Attribute* x = p.rightAt("a/x");
+    Attribute* y = p.rightAt("b/y");
+    ASSERT_TRUE(x && y);
+    const Dovel::AttributeCache& cache = p.right.attributeCache();
+    const Basalt::SymbolRegistry& symbols = p.right.symbolRegistry();
+    EXPECT_EQ(cache.find(symbols.lookup(QByteArray("a/x"))), x);
+    EXPECT_EQ(cache.find(symbols.lookup(QByteArray("b/y"))), y);
+    EXPECT_EQ(cache.symbolOf(y), symbols.lookup(QByteArray("b/y")));
+}
+
 TEST(Receivers, TheMasterReadsStaleUpdatesPastAndKeepsReading) {
     Pair p;
     auto* text = new AttributeT<QString>(nullptr, "", "start");

@@ -259,6 +259,20 @@ TEST_F(NodeEvents, AListenerWhoseCallbackDiesCallingBackIntoTheNodeIsRemovedWith
     EXPECT_TRUE(removed.get());
 }
 
+TEST_F(NodeEvents, ADirectListenerMayDeleteTheNodeThatReportsToIt) {
+    Node root;
+    auto* node = new Node(&root, "n");
+    int later = 0;
+    node->eventAddListenerBd(
+        "attribute-added", [node](Basalt::BinaryData&) { delete node; }, Node::Direct);
+    // Listed after the one that deletes the node: never runs.
+    node->eventAddListenerBd(
+        "attribute-added", [&later](Basalt::BinaryData&) { ++later; }, Node::Direct);
+    EXPECT_TRUE(node->addAttribute("x", new Node(nullptr, "x")));
+    EXPECT_EQ(root.attribute("n"), nullptr);
+    EXPECT_EQ(later, 0);
+}
+
 TEST_F(UpdateLoopTest, RunOnceRunsWhatWasQueuedBeforeInOrder) {
     std::vector<int> order;
     Node::invokeAfterUpdate([&] {
