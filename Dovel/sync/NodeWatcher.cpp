@@ -557,9 +557,10 @@ bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* a
     update();
     if (watchedAs) {
         // A parent whose own addition was still queued reported nothing to onAdded: the
-        // update above watched the attribute under its path's symbol.
-        if (added && !watched && !path.isEmpty())
-            watched = impl->registry.lookup(path);
+        // update above watched the attribute with its parent, under a path of its own
+        // (the parent's, which may differ from the caller's through an alias).
+        if (added && !watched)
+            watched = impl->cache.symbolOf(attribute);
         *watchedAs = added ? watched : 0;
     }
     return added;

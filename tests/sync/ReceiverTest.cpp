@@ -249,6 +249,22 @@ TEST(Receivers, AnAttributeAnnouncedUnderARepurposedSymbolIsWatchedUnderItsOwnPa
     EXPECT_EQ(cache.symbolOf(y), symbols.lookup(QByteArray("b/y")));
 }
 
+TEST(Receivers, NodesAreMadeUnderANodeWhoseOwnAdditionIsStillQueued) {
+    Pair p;
+    p.start();
+    // Added here, and not watched before the next update: the receiver's node made
+    // under it is watched with it, by that update.
+    auto* local = new Node(&p.right, "a");
+    ASSERT_TRUE(p.right.watcher().isPendingUpdate(p.right.symbolRegistry().lookup("a")));
+    p.toRight(SymbolsType, Bytes().word(720).str("a/b/x"));
+    p.toRight(NewType, Bytes().word(720).word(9).word(4).word(1).word(11));
+    ASSERT_TRUE(p.rightAt("a/b/x"));
+    EXPECT_EQ(p.rightAt("a"), local);
+    EXPECT_EQ(p.rightAt("a/b/x")->asInt(), 11);
+    const Basalt::SymbolRegistry& symbols = p.right.symbolRegistry();
+    EXPECT_EQ(p.right.attributeCache().find(symbols.lookup(QByteArray("a/b"))), p.rightAt("a/b"));
+}
+
 TEST(Receivers, TheMasterReadsStaleUpdatesPastAndKeepsReading) {
     Pair p;
     auto* text = new AttributeT<QString>(nullptr, "", "start");
