@@ -21,6 +21,12 @@ constexpr int MaxReadBytes = 128 << 20;
 // Largest bundle payload a peer may announce in a bundle header; a larger one
 // disconnects before anything is set aside for it (processDovel2).
 constexpr int MaxBundlePayloadBytes = 64 << 20;
+// Payload size at which a sender ends a bundle and goes on in a new one of the same
+// kind (NodeChangeSender): a pass as large as the first copy of a big tree then never
+// makes a bundle that the peer must refuse, and arrives in pieces that the peer's tree
+// thread applies while the rest is still being read. Not a limit on what we accept.
+constexpr int SentBundleBytes = 1 << 20;
+static_assert(SentBundleBytes < MaxBundlePayloadBytes, "a sent bundle must be one we accept");
 // Most bundles a peer may announce in one "dovel2 N" line; a larger count disconnects,
 // since the batch's vector is sized by it (processDovel2).
 constexpr int MaxBundlesPerBatch = 1 << 16;
@@ -44,8 +50,10 @@ constexpr int64_t BackPressureBytes = int64_t(4) << 20;
 constexpr int64_t MaxHeldEventBytes = int64_t(64) << 20;
 
 // Most symbols a peer may define in one session's receive-side registry
-// (SymbolRegistryReceiver::handleBundle).
-constexpr int MaxPeerSymbols = 1 << 20;
+// (SymbolRegistryReceiver::handleBundle): one per attribute the peer announces, each
+// about 50 bytes of table beside its name. Room for a tree of 16 million attributes,
+// which takes far more memory as a tree than its symbols do.
+constexpr int MaxPeerSymbols = 1 << 24;
 
 // Largest whole event that a peer may announce in "event-slice-begin"; its slices are
 // joined into one buffer of that size once all have come (RemoteNode::handleRemoteEvent).

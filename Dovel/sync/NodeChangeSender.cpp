@@ -246,20 +246,34 @@ static void logMissingSessionAttribute() {
                          "sending an attribute event. Will ignore");
 }
 
+namespace {
+
+// Whether `bundle` has reached the size at which the sender goes on in a new bundle.
+bool isFull(const Bundle& bundle) {
+    return bundle.size() >= BundleCore::HeaderSize + uint32_t(Limits::SentBundleBytes);
+}
+
+} // namespace
+
 void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes,
                                    const std::vector<RemoteNode::Event>& events,
                                    BundleOutput& output) {
     Bundle bundle;
     BundleWriter writer(bundle);
+    const auto announce = [&](uint32_t symbol) {
+        announceSymbol(symbol, writer);
+        if (isFull(bundle))
+            output.finish(bundle, symbolMessageType);
+    };
     for (size_t i = 0; i < changes.size(); ++i) {
         if (!records[i]) {
             logMissingSessionAttribute();
             continue;
         }
-        announceSymbol(changes[i].symbol, writer);
+        announce(changes[i].symbol);
     }
     for (const RemoteNode::Event& event : events)
-        announceSymbol(event.symbol, writer);
+        announce(event.symbol);
     output.finish(bundle, symbolMessageType);
 }
 
@@ -280,7 +294,7 @@ void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, Bundl
                                  int(change.type));
             continue;
         }
-        if (!open || change.type != openType) {
+        if (!open || change.type != openType || isFull(bundle)) {
             if (open)
                 output.finish(bundle, messageType(NodeWatcher::EventType(openType)));
             openType = change.type;
@@ -383,6 +397,8 @@ void NodeChangeSender::sendEvents(const std::vector<RemoteNode::Event>& events,
         writer.writeUInt32(event.symbol);
         writer.writeUInt32(uint32_t(event.data.size()));
         writer.writeData(event.data.constData(), uint32_t(event.data.size()));
+        if (isFull(bundle))
+            output.finish(bundle, eventMessageType);
     }
     output.finish(bundle, eventMessageType);
 }

@@ -1,7 +1,8 @@
 // The sending module of a session. It listens to the attribute changes and outgoing
 // events of the session's RemoteNode, keeps those of one update period, and on each
 // output pass sends them: first the symbol names the peer has not seen, then the
-// additions, updates and removals (one bundle per run of equal kind), then the one-way
+// additions, updates and removals (one bundle per run of equal kind; a run past
+// Limits::SentBundleBytes goes on in further bundles of that kind), then the one-way
 // events. Changes applied by the receivers are bracketed by ignoreOne/stopIgnoring and
 // so never travel back.
 //

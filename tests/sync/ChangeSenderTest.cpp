@@ -5,12 +5,15 @@
 
 #include "bundle/BundleTestUtil.h"
 
+#include "Dovel/Limits.h"
 #include "Dovel/sync/AttributeChangeCompressor.h"
 
 #include "Basalt/Trace.h"
 #include "Tessel/AttributeT.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 using BundleTest::Bytes;
 using BundleTest::packet;
@@ -153,4 +156,53 @@ TEST(ChangeSender, IgnoreSetSwallowsExactlyOneEchoAndReportsDoubles) {
     EXPECT_FALSE(session.sender->stopIgnoring(echo));
     EXPECT_EQ(session.sender->messageType(Dovel::NodeWatcher::NodeAdded), 0xFFFFFFFFu);
     EXPECT_TRUE(log.contains("NodeChangeSender::messageType # Found an invalid event type 3"));
+}
+
+TEST(ChangeSender, APassPastTheBundleSizeGoesOnInFurtherBundlesOfItsKind) {
+    // Long names and values: the first pass's names and its additions each fill more
+    // than one bundle.
+    constexpr int Count = 20000;
+    const QByteArray stem(96, 'p');
+    const auto valueOf = [](int i) {
+        return QStringLiteral("value-%1").arg(i, 60, 10, QLatin1Char('0'));
+    };
+    RemoteNode left(nullptr, "left");
+    for (int i = 0; i < Count; ++i)
+        left.addDeepAttribute("n/" + stem + QByteArray::number(i),
+                              new AttributeT<QString>(nullptr, "", valueOf(i)));
+    Session a(left, true, true);
+    const std::vector<Bundle> out = a.output();
+
+    // After the handshake: names, then additions, numbered one after another, none much
+    // past the size (one item at most).
+    std::vector<uint32_t> types;
+    for (size_t i = 1; i < out.size(); ++i) {
+        EXPECT_EQ(out[i].sequenceNumber(), out[i - 1].sequenceNumber() + 1);
+        EXPECT_LE(out[i].size() - Bundle::HeaderSize,
+                  uint32_t(Dovel::Limits::SentBundleBytes + 256));
+        if (out[i].messageType() != 0)
+            types.push_back(out[i].messageType());
+    }
+    const auto firstNew = std::find(types.begin(), types.end(), uint32_t(NewType));
+    EXPECT_GE(firstNew - types.begin(), 2);
+    EXPECT_GE(types.end() - firstNew, 2);
+    EXPECT_TRUE(std::all_of(types.begin(), firstNew, [](uint32_t t) { return t == SymbolsType; }));
+    EXPECT_TRUE(std::all_of(firstNew, types.end(), [](uint32_t t) { return t == NewType; }));
+
+    // The peer builds every attribute from them, with its value.
+    RemoteNode right(nullptr, "right");
+    Session b(right, false, true);
+    const std::vector<Bundle> back = b.output();
+    b.input(out);
+    a.input(back);
+    SyncTest::pump(a, b);
+    Attribute* folder = right.attribute("n");
+    ASSERT_NE(folder, nullptr);
+    int matching = 0;
+    for (int i = 0; i < Count; ++i) {
+        auto* held =
+            dynamic_cast<AttributeT<QString>*>(folder->attribute(stem + QByteArray::number(i)));
+        matching += held && held->value() == valueOf(i);
+    }
+    EXPECT_EQ(matching, Count);
 }
