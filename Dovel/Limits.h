@@ -22,10 +22,12 @@ constexpr int MaxReadBytes = 128 << 20;
 // disconnects before anything is set aside for it (processDovel2).
 constexpr int MaxBundlePayloadBytes = 64 << 20;
 // Payload size at which a sender ends a bundle and goes on in a new one of the same
-// kind (NodeChangeSender): a pass as large as the first copy of a big tree then never
-// makes a bundle that the peer must refuse, and arrives in pieces that the peer's tree
-// thread applies while the rest is still being read. Not a limit on what we accept.
-constexpr int SentBundleBytes = 1 << 20;
+// kind (NodeChangeSender): a pass as large as the first copy of a big tree is then not
+// refused for its size (a single value past MaxBundlePayloadBytes still is), and arrives
+// in pieces that the peer's tree thread applies while the rest is still being read.
+// Kept under 1 MiB, where a growing byte array's next step would double its block.
+// Not a limit on what we accept.
+constexpr int SentBundleBytes = (1 << 20) - (64 << 10);
 static_assert(SentBundleBytes < MaxBundlePayloadBytes, "a sent bundle must be one we accept");
 // Most bundles a peer may announce in one "dovel2 N" line; a larger count disconnects,
 // since the batch's vector is sized by it (processDovel2).
@@ -50,10 +52,11 @@ constexpr int64_t BackPressureBytes = int64_t(4) << 20;
 constexpr int64_t MaxHeldEventBytes = int64_t(64) << 20;
 
 // Most symbols a peer may define in one session's receive-side registry
-// (SymbolRegistryReceiver::handleBundle): one per attribute the peer announces, each
-// about 50 bytes of table beside its name. Room for a tree of 16 million attributes,
-// which takes far more memory as a tree than its symbols do.
-constexpr int MaxPeerSymbols = 1 << 24;
+// (SymbolRegistryReceiver::handleBundle): one per attribute or event name the peer
+// announces, each 25-65 bytes of table beside its name, so at most about 250 MB of
+// table. Room for a tree of four million attributes, which as a tree takes several
+// times that.
+constexpr int MaxPeerSymbols = 1 << 22;
 
 // Largest whole event that a peer may announce in "event-slice-begin"; its slices are
 // joined into one buffer of that size once all have come (RemoteNode::handleRemoteEvent).

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 
 using BundleTest::Bytes;
 using BundleTest::packet;
@@ -159,50 +160,82 @@ TEST(ChangeSender, IgnoreSetSwallowsExactlyOneEchoAndReportsDoubles) {
 }
 
 TEST(ChangeSender, APassPastTheBundleSizeGoesOnInFurtherBundlesOfItsKind) {
-    // Long names and values: the first pass's names and its additions each fill more
-    // than one bundle.
+    // Long names and values: the first pass's names and its additions, and then a round
+    // of updates, each fill more than one bundle.
     constexpr int Count = 20000;
     const QByteArray stem(96, 'p');
-    const auto valueOf = [](int i) {
-        return QStringLiteral("value-%1").arg(i, 60, 10, QLatin1Char('0'));
+    const auto nameOf = [&](int i) { return stem + QByteArray::number(i); };
+    const auto valueOf = [](const char* prefix, int i) {
+        return QString::fromLatin1(prefix) + QStringLiteral("%1").arg(i, 60, 10, QLatin1Char('0'));
     };
     RemoteNode left(nullptr, "left");
-    for (int i = 0; i < Count; ++i)
-        left.addDeepAttribute("n/" + stem + QByteArray::number(i),
-                              new AttributeT<QString>(nullptr, "", valueOf(i)));
-    Session a(left, true, true);
-    const std::vector<Bundle> out = a.output();
-
-    // After the handshake: names, then additions, numbered one after another, none much
-    // past the size (one item at most).
-    std::vector<uint32_t> types;
-    for (size_t i = 1; i < out.size(); ++i) {
-        EXPECT_EQ(out[i].sequenceNumber(), out[i - 1].sequenceNumber() + 1);
-        EXPECT_LE(out[i].size() - Bundle::HeaderSize,
-                  uint32_t(Dovel::Limits::SentBundleBytes + 256));
-        if (out[i].messageType() != 0)
-            types.push_back(out[i].messageType());
+    std::vector<AttributeT<QString>*> values;
+    for (int i = 0; i < Count; ++i) {
+        values.push_back(new AttributeT<QString>(nullptr, "", valueOf("value-", i)));
+        left.addDeepAttribute("n/" + nameOf(i), values.back());
     }
-    const auto firstNew = std::find(types.begin(), types.end(), uint32_t(NewType));
-    EXPECT_GE(firstNew - types.begin(), 2);
-    EXPECT_GE(types.end() - firstNew, 2);
-    EXPECT_TRUE(std::all_of(types.begin(), firstNew, [](uint32_t t) { return t == SymbolsType; }));
-    EXPECT_TRUE(std::all_of(firstNew, types.end(), [](uint32_t t) { return t == NewType; }));
-
-    // The peer builds every attribute from them, with its value.
+    Session a(left, true, true);
     RemoteNode right(nullptr, "right");
     Session b(right, false, true);
+
+    // Numbered one after another; every bundle but the last of a run ends with the item
+    // that reached the size. The records hold the bundle that carried them.
+    const auto runs = [](const std::vector<Bundle>& out) {
+        std::map<uint32_t, std::vector<uint32_t>> payloads; // by message type
+        for (size_t i = 0; i < out.size(); ++i) {
+            if (i > 0) {
+                EXPECT_EQ(out[i].sequenceNumber(), out[i - 1].sequenceNumber() + 1);
+            }
+            payloads[out[i].messageType()].push_back(out[i].size() - Bundle::HeaderSize);
+        }
+        return payloads;
+    };
+    const auto expectCut = [](const std::vector<uint32_t>& payloads, uint32_t item) {
+        ASSERT_GE(payloads.size(), 2u);
+        for (size_t i = 0; i + 1 < payloads.size(); ++i) {
+            EXPECT_GE(payloads[i], uint32_t(Dovel::Limits::SentBundleBytes));
+            EXPECT_LT(payloads[i], uint32_t(Dovel::Limits::SentBundleBytes) + item);
+        }
+    };
+    const auto sentIn = [&](int i) {
+        const uint32_t symbol = left.symbolRegistry().lookup("n/" + nameOf(i));
+        return a.storage.findByLocalSymbol(symbol)->lastSentSequence;
+    };
+    const auto rightHolds = [&](const char* prefix) {
+        Attribute* folder = right.attribute("n");
+        int matching = 0;
+        for (int i = 0; folder && i < Count; ++i) {
+            auto* held = dynamic_cast<AttributeT<QString>*>(folder->attribute(nameOf(i)));
+            matching += held && held->value() == valueOf(prefix, i);
+        }
+        return matching;
+    };
+
+    std::vector<Bundle> out = a.output();
+    auto payloads = runs(out);
+    expectCut(payloads[SymbolsType], 112); // symbol, length, a name of up to 103 bytes
+    expectCut(payloads[NewType], 88);      // four words, a length, 66 bytes
+    const auto firstNew = std::find_if(out.begin(), out.end(),
+                                       [](const Bundle& b) { return b.messageType() == NewType; });
+    ASSERT_NE(firstNew, out.end());
+    EXPECT_TRUE(std::none_of(firstNew, out.end(),
+                             [](const Bundle& b) { return b.messageType() == SymbolsType; }));
+    EXPECT_EQ(sentIn(0), firstNew->sequenceNumber());
+    EXPECT_EQ(sentIn(Count - 1), out.back().sequenceNumber());
     const std::vector<Bundle> back = b.output();
     b.input(out);
     a.input(back);
     SyncTest::pump(a, b);
-    Attribute* folder = right.attribute("n");
-    ASSERT_NE(folder, nullptr);
-    int matching = 0;
-    for (int i = 0; i < Count; ++i) {
-        auto* held =
-            dynamic_cast<AttributeT<QString>*>(folder->attribute(stem + QByteArray::number(i)));
-        matching += held && held->value() == valueOf(i);
-    }
-    EXPECT_EQ(matching, Count);
+    EXPECT_EQ(rightHolds("value-"), Count);
+
+    for (int i = 0; i < Count; ++i)
+        values[size_t(i)]->set(valueOf("later-", i), L2);
+    out = a.output();
+    payloads = runs(out);
+    ASSERT_EQ(payloads.size(), 1u);
+    expectCut(payloads[UpdateType], 76); // symbol, length, 66 bytes
+    EXPECT_EQ(sentIn(0), out.front().sequenceNumber());
+    EXPECT_EQ(sentIn(Count - 1), out.back().sequenceNumber());
+    b.input(out);
+    EXPECT_EQ(rightHolds("later-"), Count);
 }
