@@ -1,6 +1,7 @@
 #include "Dovel/sync/AttributeCache.h"
 
 #include "Basalt/Trace.h"
+#include "Tessel/Attribute.h" // the attribute map hashes by its size
 
 namespace Dovel {
 

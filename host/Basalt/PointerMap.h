@@ -5,7 +5,9 @@
 // holder registered on (PointerSet, a map without values).
 //
 // The pointers are our own objects' addresses, not values a peer chooses, so a fixed
-// multiplicative hash spreads them well enough. Not thread-safe; the owner guards it.
+// hash that keeps neighbouring addresses together spreads them well enough. T must be
+// complete where the map is used: its size sets how finely addresses are told apart.
+// Not thread-safe; the owner guards it.
 #pragma once
 
 #include "Basalt/BackwardShift.h"
@@ -95,11 +97,26 @@ private:
     using Slot = PointerSlot<T, V>;
     static constexpr size_t npos = ~size_t(0);
 
+    // Distinct objects of T lie at least sizeof(T) apart: an address divided by the
+    // largest power of two not above that (up to 32) is one object's own.
+    static constexpr int granularity() {
+        return sizeof(T) >= 32   ? 5
+               : sizeof(T) >= 16 ? 4
+               : sizeof(T) >= 8  ? 3
+               : sizeof(T) >= 4  ? 2
+               : sizeof(T) >= 2  ? 1
+                                 : 0;
+    }
+
     size_t homeSlot(const T* pointer) const {
-        // Fibonacci hashing: the top bits of the address times 2^64 / phi.
-        const uint64_t hash =
-            uint64_t(reinterpret_cast<uintptr_t>(pointer)) * 0x9e3779b97f4a7c15ull;
-        return size_t(hash >> (64 - bits));
+        // Neighbouring objects take neighbouring slots, so that objects allocated one
+        // after another, as a tree being built is, are inserted and found in nearby
+        // memory instead of at a cache and TLB miss each. Each span of addresses that
+        // covers the table once starts at an offset of its own (Fibonacci hashing of
+        // the span's number), so that spans do not pile onto the same run of slots.
+        const uint64_t address = uint64_t(reinterpret_cast<uintptr_t>(pointer)) >> granularity();
+        const uint64_t offset = ((address >> bits) * 0x9e3779b97f4a7c15ull) >> (64 - bits);
+        return size_t((address + offset) & ((uint64_t(1) << bits) - 1));
     }
 
     size_t findSlot(const T* pointer) const {

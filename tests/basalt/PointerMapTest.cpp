@@ -71,8 +71,9 @@ TEST(PointerMap, ValuesFollowTheirKeysThroughGrowthAndRemovals) {
                 const auto it = reference.find(&object);
                 const unsigned* found = map.find(&object);
                 ASSERT_EQ(found != nullptr, it != reference.end());
-                if (found)
+                if (found) {
                     ASSERT_EQ(*found, it->second);
+                }
                 ASSERT_EQ(map.value(&object, 0u), it == reference.end() ? 0u : it->second);
             }
     }
