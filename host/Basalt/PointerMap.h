@@ -5,7 +5,9 @@
 // holder registered on (PointerSet, a map without values).
 //
 // The pointers are our own objects' addresses, not values a peer chooses, so a fixed
-// hash that keeps neighbouring addresses together spreads them well enough. T must be
+// hash serves: it keeps neighbouring addresses together (see homeSlot), which suits
+// objects allocated among others, as a tree's are. Many spans of densely packed keys
+// overlapping would make long runs; a scattering hash suits such keys better. T must be
 // complete where the map is used: its size sets how finely addresses are told apart.
 // Not thread-safe; the owner guards it.
 #pragma once
@@ -97,23 +99,25 @@ private:
     using Slot = PointerSlot<T, V>;
     static constexpr size_t npos = ~size_t(0);
 
-    // Distinct objects of T lie at least sizeof(T) apart: an address divided by the
-    // largest power of two not above that (up to 32) is one object's own.
+    // Distinct objects of T lie at least sizeof(T) apart: an address divided by half
+    // the largest power of two not above that (up to 16) leaves them two or more apart
+    // (one-byte objects: one).
     static constexpr int granularity() {
-        return sizeof(T) >= 32   ? 5
-               : sizeof(T) >= 16 ? 4
-               : sizeof(T) >= 8  ? 3
-               : sizeof(T) >= 4  ? 2
-               : sizeof(T) >= 2  ? 1
+        return sizeof(T) >= 32   ? 4
+               : sizeof(T) >= 16 ? 3
+               : sizeof(T) >= 8  ? 2
+               : sizeof(T) >= 4  ? 1
                                  : 0;
     }
 
     size_t homeSlot(const T* pointer) const {
-        // Neighbouring objects take neighbouring slots, so that objects allocated one
-        // after another, as a tree being built is, are inserted and found in nearby
-        // memory instead of at a cache and TLB miss each. Each span of addresses that
-        // covers the table once starts at an offset of its own (Fibonacci hashing of
-        // the span's number), so that spans do not pile onto the same run of slots.
+        // Neighbouring objects take nearby slots, so that objects allocated one after
+        // another, as a tree being built is, are inserted and found in nearby memory
+        // instead of at a cache and TLB miss each. Within a span of addresses that
+        // covers the table once, objects lie at least two slots apart, so even a packed
+        // array of them fills no more than half of its run of slots; each span starts
+        // at an offset of its own (Fibonacci hashing of the span's number), which makes
+        // spans unlikely, not unable, to land on the same slots.
         const uint64_t address = uint64_t(reinterpret_cast<uintptr_t>(pointer)) >> granularity();
         const uint64_t offset = ((address >> bits) * 0x9e3779b97f4a7c15ull) >> (64 - bits);
         return size_t((address + offset) & ((uint64_t(1) << bits) - 1));
