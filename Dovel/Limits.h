@@ -30,7 +30,8 @@ constexpr int MaxBundlePayloadBytes = 64 << 20;
 constexpr int SentBundleBytes = (1 << 20) - (64 << 10);
 static_assert(SentBundleBytes < MaxBundlePayloadBytes, "a sent bundle must be one we accept");
 // Most bundles a peer may announce in one "dovel2 N" line; a larger count disconnects,
-// since the batch's vector is sized by it (processDovel2).
+// since the batch's vector is sized by it (processDovel2). Our own sender cuts a longer
+// pass into consecutive batches (Dovel1Connection::send).
 constexpr int MaxBundlesPerBatch = 1 << 16;
 // Bytes of received batches that may wait for the tree thread; beyond it the connection
 // reads nothing more until the tree thread has applied some, so that a peer sending

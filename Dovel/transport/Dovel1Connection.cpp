@@ -7,6 +7,8 @@
 
 #include <QList>
 
+#include <algorithm>
+
 namespace Dovel {
 
 const QByteArray Dovel1Connection::WriterKey = QByteArrayLiteral("dovel2");
@@ -46,21 +48,29 @@ void Dovel1Connection::send(const std::vector<Bundle>& bundles) {
     // The writer writes each part on its own, so small bundles are joined (with the
     // line) into parts of up to JoinBytes: a batch of a few changes then leaves in one
     // write and arrives in one read. A large bundle stays a part of its own, uncopied.
+    // A pass of more bundles than a peer takes in one batch leaves as consecutive
+    // batches, which the peer applies as it would the one.
     QList<QByteArray> parts;
-    QByteArray joined = "dovel2 " + QByteArray::number(qulonglong(bundles.size())) + '\n';
-    for (const Bundle& bundle : bundles) {
-        const QByteArray packet = bundle.packet();
-        if (joined.size() + packet.size() <= JoinBytes) {
-            joined += packet;
-            continue;
+    QByteArray joined;
+    const auto append = [&](const QByteArray& bytes) {
+        if (joined.size() + bytes.size() <= JoinBytes) {
+            joined += bytes;
+            return;
         }
         if (!joined.isEmpty())
             parts.append(joined);
         joined.clear();
-        if (packet.size() > JoinBytes)
-            parts.append(packet);
+        if (bytes.size() > JoinBytes)
+            parts.append(bytes);
         else
-            joined = packet;
+            joined = bytes;
+    };
+    for (std::size_t first = 0; first < bundles.size(); first += Limits::MaxBundlesPerBatch) {
+        const std::size_t count =
+            std::min(bundles.size() - first, std::size_t(Limits::MaxBundlesPerBatch));
+        append("dovel2 " + QByteArray::number(qulonglong(count)) + '\n');
+        for (std::size_t i = first; i < first + count; ++i)
+            append(bundles[i].packet());
     }
     if (!joined.isEmpty())
         parts.append(joined);

@@ -1,5 +1,6 @@
 // A Connection over a ConnectionThread: each batch becomes one writer item, the line
-// "dovel2 N\n" followed by the raw bundles, under the writer key "dovel2". Holds the
+// "dovel2 N\n" followed by the raw bundles, under the writer key "dovel2"; a batch of
+// more than Limits::MaxBundlesPerBatch bundles goes as several lines in a row. Holds the
 // connection weakly and never keeps it alive. Copyable and movable; send is
 // thread-safe (it only appends to the connection's writer).
 //

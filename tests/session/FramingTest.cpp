@@ -84,13 +84,24 @@ struct Fixture {
 
 } // namespace
 
-TEST(Framing, SendWritesTheLineAndTheRawBundlesAsOneItem) {
+TEST(Framing, SendWritesTheLineAndTheRawBundlesAsOneItemAndCutsBatchesAtTheLimit) {
     Fixture f;
     ASSERT_TRUE(f.connect());
     ASSERT_EQ(f.peer->readLine(), QByteArray("ping initialized"));
     Dovel::Dovel1Connection out(f.connection);
     out.send({}); // nothing at all
     out.send({Bundle(first), Bundle(second)});
+    EXPECT_EQ(f.peer->readLine(), QByteArray("dovel2 2"));
+    EXPECT_EQ(f.peer->readExact(first.size() + second.size()).toHex(), (first + second).toHex());
+    EXPECT_TRUE(f.peer->quietFor(50));
+
+    // More bundles than a peer takes in one batch leave as consecutive batches.
+    const int limit = Dovel::Limits::MaxBundlesPerBatch;
+    std::vector<Bundle> many(size_t(limit) + 2, Bundle(first));
+    many.back() = Bundle(second);
+    out.send(many);
+    EXPECT_EQ(f.peer->readLine(), "dovel2 " + QByteArray::number(limit));
+    EXPECT_EQ(f.peer->readExact(first.size() * limit), first.repeated(limit));
     EXPECT_EQ(f.peer->readLine(), QByteArray("dovel2 2"));
     EXPECT_EQ(f.peer->readExact(first.size() + second.size()).toHex(), (first + second).toHex());
     EXPECT_TRUE(f.peer->quietFor(50));
