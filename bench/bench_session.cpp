@@ -1,0 +1,154 @@
+// The first copy of a large tree without sockets or threads: how long a server session's
+// first output pass takes to write, and how long a fresh client takes to apply it and
+// run its own first output pass (what it announces back). The tree has the shape of
+// `dovel bench initial`: items of two floats, a string and a vec3f, 100 items to a group,
+// 100 groups to a layer.
+#include "Dovel/bundle/BundleController.h"
+#include "Dovel/bundle/BundleDispatcher.h"
+#include "Dovel/bundle/BundleReader.h"
+#include "Dovel/sync/RemoteNode.h"
+
+#include "Tessel/AttributeT.h"
+
+#include <benchmark/benchmark.h>
+
+#include <sys/resource.h>
+
+#include <memory>
+#include <vector>
+
+namespace {
+
+// Pages this process has touched for the first time so far (minor faults).
+double pagesFirstTouched() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return double(usage.ru_minflt);
+}
+
+std::shared_ptr<Dovel::BundleController> manualController(Dovel::RemoteNode& node, bool master) {
+    Dovel::BundleControllerParams params;
+    params.isMaster = master;
+    params.createMissingAttributes = true;
+    params.autoUpdate = false;
+    return Dovel::BundleController::create(node, params);
+}
+
+// One output pass of a session, the node's pending additions reported first.
+std::vector<Dovel::Bundle> outputPass(Dovel::RemoteNode& node,
+                                      Dovel::BundleController::Core& core) {
+    node.update();
+    std::vector<Dovel::Bundle> out;
+    core.bundleDispatcher().writeUpdates(out);
+    return out;
+}
+
+void buildItems(Tessel::Node& root, int attributes) {
+    auto* scene = new Tessel::Node(&root, "scene");
+    Tessel::Node* layer = nullptr;
+    Tessel::Node* group = nullptr;
+    for (int i = 0; i < attributes / 4; ++i) {
+        const int g = i / 100;
+        if (i % 10000 == 0)
+            layer = new Tessel::Node(scene, "layer" + QByteArray::number(g / 100));
+        if (i % 100 == 0)
+            group = new Tessel::Node(layer, "group" + QByteArray::number(g));
+        auto* item = new Tessel::Node(group, "item" + QByteArray::number(i));
+        new Tessel::AttributeT<float>(item, "a", float(i));
+        new Tessel::AttributeT<float>(item, "b", float(i) * 0.5f);
+        new Tessel::AttributeT<QString>(item, "name",
+                                        QStringLiteral("item-%1").arg(i, 11, 10, QLatin1Char('0')));
+        new Tessel::AttributeT<Quant::Vector3f>(item, "pos",
+                                                Quant::Vector3f(float(i), float(g), 1.0f));
+    }
+}
+
+int leafCount(Tessel::Node& node) {
+    int count = 0;
+    for (Tessel::Attribute* child : node.children()) {
+        Tessel::Node* inner = Tessel::asNode(child);
+        count += inner ? leafCount(*inner) : 1;
+    }
+    return count;
+}
+
+// A server tree of `attributes` and its session, as a client connects.
+struct Server {
+    explicit Server(int attributes) : node(nullptr, "bench") {
+        buildItems(node, attributes);
+        node.processPendingAdditions();
+        controller = manualController(node, true);
+        core = controller->lockCore();
+    }
+    // The session's first pass: the handshake and the whole tree.
+    std::vector<Dovel::Bundle> firstPass() {
+        core->ensureIsInitialized();
+        return outputPass(node, *core);
+    }
+    Dovel::RemoteNode node;
+    std::shared_ptr<Dovel::BundleController> controller;
+    std::shared_ptr<Dovel::BundleController::Core> core;
+};
+
+// The server's first pass for a tree of `attributes`, recorded once per size. The
+// server stays, so that a client's tree is built in memory not touched before.
+const std::vector<Dovel::Bundle>& recordedFirstPass(int attributes) {
+    static std::vector<std::unique_ptr<Server>> servers;
+    static std::vector<std::pair<int, std::vector<Dovel::Bundle>>> recorded;
+    for (const auto& entry : recorded)
+        if (entry.first == attributes)
+            return entry.second;
+    servers.push_back(std::make_unique<Server>(attributes));
+    recorded.emplace_back(attributes, servers.back()->firstPass());
+    return recorded.back().second;
+}
+
+void BM_FirstPassWritten(benchmark::State& state) {
+    const int attributes = int(state.range(0));
+    double pages = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto server = std::make_unique<Server>(attributes);
+        const double before = pagesFirstTouched();
+        state.ResumeTiming();
+        benchmark::DoNotOptimize(server->firstPass());
+        state.PauseTiming();
+        pages += pagesFirstTouched() - before;
+        server.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * attributes);
+    state.counters["pages_per_attribute"] = pages / double(state.iterations()) / attributes;
+}
+BENCHMARK(BM_FirstPassWritten)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+void BM_FirstCopyApplied(benchmark::State& state) {
+    const int attributes = int(state.range(0));
+    const std::vector<Dovel::Bundle>& bundles = recordedFirstPass(attributes);
+    double pages = 0;
+    for (auto _ : state) {
+        const double before = pagesFirstTouched();
+        auto client = std::make_unique<Dovel::RemoteNode>(nullptr, "bench");
+        auto controller = manualController(*client, false);
+        auto core = controller->lockCore();
+        core->ensureIsInitialized();
+        for (const Dovel::Bundle& bundle : bundles) {
+            Dovel::BundleReader reader(bundle);
+            core->bundleDispatcher().dispatchBundle(reader);
+        }
+        benchmark::DoNotOptimize(outputPass(*client, *core));
+        state.PauseTiming();
+        pages += pagesFirstTouched() - before;
+        if (leafCount(*client) != attributes)
+            state.SkipWithError("the client does not hold the whole tree");
+        core.reset();
+        controller.reset();
+        client.reset();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations() * attributes);
+    state.counters["pages_per_attribute"] = pages / double(state.iterations()) / attributes;
+}
+BENCHMARK(BM_FirstCopyApplied)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+} // namespace
