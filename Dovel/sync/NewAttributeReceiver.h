@@ -8,6 +8,10 @@
 
 #include "Dovel/bundle/BundleReceiver.h"
 
+#include <QByteArray>
+
+#include <array>
+#include <cstddef>
 #include <cstdint>
 
 namespace Basalt {
@@ -56,6 +60,10 @@ private:
     // A new plain node under `parent` for the component of `path` in [start, end),
     // watched at once; null when a listener of its report took it away again.
     Tessel::Node* addNode(Tessel::Node& parent, const QByteArray& path, int start, int end);
+    // The name of a created attribute: the last component of `path`. A tree repeats the
+    // same few leaf names in every node of a kind, so recent names are kept and shared,
+    // which spares a copy of its own for each attribute.
+    QByteArray leafName(const QByteArray& path, int leafStart);
 
     RemoteNode& node;
     AttributeStorage& storage;
@@ -64,6 +72,10 @@ private:
     NodeChangeSender& sender;
     bool createMissing = false;
     bool skipStale = false;
+    // Recent leaf names: two for each set of hashes, and which of the two was used last.
+    static constexpr size_t LeafNameSets = 64;
+    std::array<QByteArray, 2 * LeafNameSets> leafNames;
+    std::array<uint8_t, LeafNameSets> leafNameUsedLast{};
 };
 
 } // namespace Dovel

@@ -114,6 +114,24 @@ TEST(Receivers, TheFirstCopyHoldsWhatAliasesShowUnderTheirOwnPaths) {
     }
 }
 
+TEST(Receivers, CreatedAttributesShareTheNamesTheyHaveInCommon) {
+    Pair p;
+    // "x" and "y38" fall in the same set of the names the receiver keeps.
+    const QByteArray longName = "a-name-longer-than-thirty-two-bytes";
+    const QByteArrayList paths = {"n1/x", "n1/y38",         "n2/x",          "n2/y38",
+                                  "n3/x", "n3/" + longName, "n4/" + longName};
+    for (const QByteArray& path : paths)
+        p.left.addDeepAttribute(path, new AttributeT<int>(nullptr, "", 1));
+    p.left.processPendingAdditions();
+    p.start();
+    for (const QByteArray& path : paths) {
+        ASSERT_TRUE(p.rightAt(path)) << path.constData();
+        EXPECT_EQ(p.rightAt(path)->name(), path.mid(3)) << path.constData();
+    }
+    EXPECT_EQ(p.rightAt("n1/x")->name().constData(), p.rightAt("n3/x")->name().constData());
+    EXPECT_EQ(p.rightAt("n1/y38")->name().constData(), p.rightAt("n2/y38")->name().constData());
+}
+
 TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) {
     Pair p;
     p.left.addDeepAttribute("p/x", new AttributeT<int>(nullptr, "", 1));
