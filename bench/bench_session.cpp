@@ -1,14 +1,14 @@
 // The first copy of a large tree without sockets or threads: how long a server session's
 // first output pass takes to write, and how long a fresh client takes to apply it and
-// run its own first output pass (what it announces back). The tree has the shape of
-// `dovel bench initial`: items of two floats, a string and a vec3f, 100 items to a group,
-// 100 groups to a layer.
+// run its own first output pass (what it announces back). The tree is that of
+// `dovel bench initial` (tools/dovel/BenchItems.h).
 #include "Dovel/bundle/BundleController.h"
 #include "Dovel/bundle/BundleDispatcher.h"
 #include "Dovel/bundle/BundleReader.h"
 #include "Dovel/sync/RemoteNode.h"
 
-#include "Tessel/AttributeT.h"
+#include "BenchItems.h"
+#include "Tessel/Node.h"
 
 #include <benchmark/benchmark.h>
 
@@ -43,26 +43,6 @@ std::vector<Dovel::Bundle> outputPass(Dovel::RemoteNode& node,
     return out;
 }
 
-void buildItems(Tessel::Node& root, int attributes) {
-    auto* scene = new Tessel::Node(&root, "scene");
-    Tessel::Node* layer = nullptr;
-    Tessel::Node* group = nullptr;
-    for (int i = 0; i < attributes / 4; ++i) {
-        const int g = i / 100;
-        if (i % 10000 == 0)
-            layer = new Tessel::Node(scene, "layer" + QByteArray::number(g / 100));
-        if (i % 100 == 0)
-            group = new Tessel::Node(layer, "group" + QByteArray::number(g));
-        auto* item = new Tessel::Node(group, "item" + QByteArray::number(i));
-        new Tessel::AttributeT<float>(item, "a", float(i));
-        new Tessel::AttributeT<float>(item, "b", float(i) * 0.5f);
-        new Tessel::AttributeT<QString>(item, "name",
-                                        QStringLiteral("item-%1").arg(i, 11, 10, QLatin1Char('0')));
-        new Tessel::AttributeT<Quant::Vector3f>(item, "pos",
-                                                Quant::Vector3f(float(i), float(g), 1.0f));
-    }
-}
-
 int leafCount(Tessel::Node& node) {
     int count = 0;
     for (Tessel::Attribute* child : node.children()) {
@@ -75,7 +55,7 @@ int leafCount(Tessel::Node& node) {
 // A server tree of `attributes` and its session, as a client connects.
 struct Server {
     explicit Server(int attributes) : node(nullptr, "bench") {
-        buildItems(node, attributes);
+        DovelTool::buildItems(node, attributes);
         node.processPendingAdditions();
         controller = manualController(node, true);
         core = controller->lockCore();

@@ -1,5 +1,5 @@
-// initial: the server holds a tree of N attributes (half floats, a quarter strings of 16
-// bytes, a quarter 3-float vectors) in items of four under nested nodes,
+// initial: the server holds a tree of N attributes (BenchItems.h: half floats, a quarter
+// strings of 16 bytes, a quarter 3-float vectors) in items of four under nested nodes,
 // scene/layerL/groupG/itemI/{a,b,name,pos}; a client connects and the time until its
 // copy is whole is measured, with both processes' memory.
 //
@@ -12,6 +12,7 @@
 // bytes in flight have drained, minus what the same tree costs on the server's side).
 // The client writes "control/converged" = 1 when its copy is whole; the server then
 // takes its reading and writes "control/stop" = 1.
+#include "BenchItems.h"
 #include "BenchProcess.h"
 #include "BenchReport.h"
 #include "BenchTree.h"
@@ -19,7 +20,6 @@
 #include "CommandLine.h"
 #include "MirrorClient.h"
 
-#include "Quant/Vector.h"
 #include "Tessel/Node.h"
 
 #include <QElapsedTimer>
@@ -34,39 +34,9 @@ namespace DovelTool {
 namespace {
 
 constexpr int DefaultAttributes = 1000000;
-constexpr int ItemAttributes = 4;
-constexpr int ItemsPerGroup = 100;
-constexpr int GroupsPerLayer = 100;
 constexpr int ControlAttributes = 2;
 constexpr auto Layer = Tessel::Attribute::LayerRemote;
 constexpr int SetupMs = 120000;
-
-// N rounded up to whole items.
-int wholeItems(int attributes) {
-    return (attributes + ItemAttributes - 1) / ItemAttributes * ItemAttributes;
-}
-
-// Builds the tree of wholeItems(attributes) attributes.
-void buildTree(Tessel::Node& root, int attributes) {
-    auto* scene = new Tessel::Node(&root, "scene");
-    const int items = wholeItems(attributes) / ItemAttributes;
-    Tessel::Node* layer = nullptr;
-    Tessel::Node* group = nullptr;
-    for (int i = 0; i < items; ++i) {
-        const int g = i / ItemsPerGroup;
-        if (i % (ItemsPerGroup * GroupsPerLayer) == 0)
-            layer = new Tessel::Node(scene, "layer" + QByteArray::number(g / GroupsPerLayer));
-        if (i % ItemsPerGroup == 0)
-            group = new Tessel::Node(layer, "group" + QByteArray::number(g));
-        auto* item = new Tessel::Node(group, "item" + QByteArray::number(i));
-        new Tessel::AttributeT<float>(item, "a", float(i));
-        new Tessel::AttributeT<float>(item, "b", float(i) * 0.5f);
-        new Tessel::AttributeT<QString>(item, "name",
-                                        QStringLiteral("item-%1").arg(i, 11, 10, QLatin1Char('0')));
-        new Tessel::AttributeT<Quant::Vector3f>(item, "pos",
-                                                Quant::Vector3f(float(i), float(g), 1.0f));
-    }
-}
 
 int countAttributes(Tessel::Node& root) {
     int count = 0;
@@ -93,7 +63,7 @@ int runServer(const BenchOptions& options, BenchReport& report) {
         return CommandLine::Failure;
     const double heapBefore = heapInUseBytes();
     bench.driver().call([&] {
-        buildTree(bench.root(), attributes);
+        buildItems(bench.root(), attributes);
         // The node starts watching what was added at its next update; an application's
         // tree has long been watched when a client comes, so that is part of the tree.
         bench.root().processPendingAdditions();
