@@ -88,10 +88,7 @@ struct NodeWatcher::Impl {
     void onRemoved(const QByteArray& path, Basalt::BinaryData& data,
                    Tessel::ListenerHolder& holder);
     void firstChange(unsigned int symbol);
-    int pendingCount() const {
-        std::lock_guard<std::mutex> locker(pendingMutex);
-        return int(pending.size());
-    }
+    int pendingCount() const { return pendingSize.load(std::memory_order_acquire); }
     void process(const PendingAdded& record);
     void unwatchAttribute(Attribute& attribute, const QByteArray& path, unsigned int symbol,
                           bool notify, Tessel::ListenerHolder& holder);
@@ -114,6 +111,9 @@ struct NodeWatcher::Impl {
     mutable std::mutex pendingMutex;
     PendingList pending;
     std::unordered_map<unsigned int, std::vector<PendingList::iterator>> pendingIndex;
+    // pending.size(), stored under the mutex: lets the checks made for every attribute
+    // added (is anything queued?) skip the mutex when nothing is.
+    std::atomic<int> pendingSize{0};
 
     std::mutex ignoreMutex;
     std::set<Event> ignored;
@@ -134,7 +134,7 @@ struct NodeWatcher::Impl {
 
 void NodeWatcher::Impl::emit(EventType type, unsigned int symbol) {
     const Event event{type, symbol};
-    if (ignoredCount.load(std::memory_order_acquire) > 0 && takeIgnored(event))
+    if (takeIgnored(event))
         return;
     std::shared_ptr<const Table> table;
     {
@@ -146,6 +146,8 @@ void NodeWatcher::Impl::emit(EventType type, unsigned int symbol) {
 }
 
 bool NodeWatcher::Impl::takeIgnored(const Event& event) {
+    if (ignoredCount.load(std::memory_order_acquire) == 0)
+        return false;
     std::lock_guard<std::mutex> locker(ignoreMutex);
     auto it = ignored.find(event);
     if (it == ignored.end())
@@ -159,9 +161,12 @@ void NodeWatcher::Impl::enqueue(const PendingPtr& record) {
     std::lock_guard<std::mutex> locker(pendingMutex);
     auto it = pending.insert(pending.end(), record);
     pendingIndex[record->symbol].push_back(it);
+    pendingSize.store(int(pending.size()), std::memory_order_release);
 }
 
 NodeWatcher::Impl::PendingPtr NodeWatcher::Impl::takePending(unsigned int symbol) {
+    if (pendingCount() == 0)
+        return nullptr;
     std::lock_guard<std::mutex> locker(pendingMutex);
     auto found = pendingIndex.find(symbol);
     if (found == pendingIndex.end())
@@ -172,10 +177,13 @@ NodeWatcher::Impl::PendingPtr NodeWatcher::Impl::takePending(unsigned int symbol
         pendingIndex.erase(found);
     PendingPtr record = std::move(*it);
     pending.erase(it);
+    pendingSize.store(int(pending.size()), std::memory_order_release);
     return record; // released by the caller, outside the mutex
 }
 
 NodeWatcher::Impl::PendingPtr NodeWatcher::Impl::popFront() {
+    if (pendingCount() == 0)
+        return nullptr;
     std::lock_guard<std::mutex> locker(pendingMutex);
     if (pending.empty())
         return nullptr;
@@ -194,6 +202,7 @@ NodeWatcher::Impl::PendingPtr NodeWatcher::Impl::popFront() {
     }
     PendingPtr record = std::move(*front);
     pending.erase(front);
+    pendingSize.store(int(pending.size()), std::memory_order_release);
     return record;
 }
 
