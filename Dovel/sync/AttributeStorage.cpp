@@ -31,6 +31,20 @@ DovelSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) cons
 
 DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path, uint32_t symbol) {
     std::unique_lock<std::shared_mutex> locker(lock);
+    return createLocked(path, symbol);
+}
+
+DovelSessionAttribute* AttributeStorage::bindReadSymbol(uint32_t readSymbol,
+                                                        const QByteArray& path) {
+    std::unique_lock<std::shared_mutex> locker(lock);
+    if (DovelSessionAttribute* bound = byReadSymbol.value(readSymbol, nullptr))
+        return bound;
+    DovelSessionAttribute* record = createLocked(path, 0);
+    byReadSymbol.insert(readSymbol, record);
+    return record;
+}
+
+DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, uint32_t symbol) {
     // A tree is mostly announced in the order of its paths: the place after the last
     // record made is tried first, which spares the descent from the root.
     const auto hint = byPath.empty() ? byPath.end() : std::next(lastMade);

@@ -50,12 +50,19 @@ public:
     // Binds the peer's symbol to `record`; a symbol already bound to another record keeps
     // its binding (logged).
     void indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record);
+    // The record bound to the peer's `readSymbol`; when there is none, the record of
+    // `path` (made as createByPath makes it), bound to it. What findByReadSymbol,
+    // createByPath and indexByReadSymbol do in turn, under one write lock.
+    DovelSessionAttribute* bindReadSymbol(uint32_t readSymbol, const QByteArray& path);
 
     // Logs every record with its attribute's current value.
     void debugDump() const;
     int size() const;
 
 private:
+    // createByPath with the write lock held.
+    DovelSessionAttribute* createLocked(const QByteArray& path, uint32_t symbol);
+
     RemoteNode& node;
     mutable std::shared_mutex lock;
     // Owns the records, in its nodes (which never move): one allocation per record.

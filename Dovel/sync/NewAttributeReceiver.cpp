@@ -87,10 +87,9 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     }
     const int leafStart = path.lastIndexOf('/') + 1;
 
-    DovelSessionAttribute* sa = storage.findByReadSymbol(symbol);
-    if (!sa)
-        sa = storage.createByPath(path); // the record of this path, made when there is none
-    storage.indexByReadSymbol(symbol, sa);
+    // The record bound to the symbol, or the record of this path (made when there is
+    // none), bound to it.
+    DovelSessionAttribute* sa = storage.bindReadSymbol(symbol, path);
     sa->readSymbol = symbol;
     sa->typeCode = typeCode;
     sa->fixedSize = fixedSize;

@@ -307,7 +307,7 @@ TEST(Receivers, TheMasterReadsStaleUpdatesPastAndKeepsReading) {
     EXPECT_EQ(text->asString(), "newer");
 }
 
-TEST(AttributeStorage, RecordsKeepTheirFirstReadSymbolBinding) {
+TEST(AttributeStorage, RecordsKeepTheirFirstReadSymbolBindingAndBindInOneStep) {
     RemoteNode node(nullptr, "root");
     Dovel::AttributeStorage storage(node);
     Dovel::DovelSessionAttribute* a = storage.createByPath("a/x");
@@ -326,6 +326,18 @@ TEST(AttributeStorage, RecordsKeepTheirFirstReadSymbolBinding) {
     EXPECT_EQ(storage.findByReadSymbol(40), a);
     EXPECT_EQ(storage.findByPath("b"), b);
     EXPECT_EQ(storage.findByPath("c"), nullptr);
+
+    // Binding in one step: a bound symbol keeps its record whatever the path; an unbound
+    // one takes the path's record, existing or new.
+    EXPECT_EQ(storage.bindReadSymbol(40, "b"), a);
+    EXPECT_EQ(storage.bindReadSymbol(41, "b"), b);
+    EXPECT_EQ(storage.findByReadSymbol(41), b);
+    Dovel::DovelSessionAttribute* c = storage.bindReadSymbol(42, "c");
+    ASSERT_TRUE(c);
+    EXPECT_EQ(storage.findByPath("c"), c);
+    EXPECT_EQ(storage.findByReadSymbol(42), c);
+    EXPECT_EQ(storage.findByLocalSymbol(node.symbolRegistry().lookup("c")), c);
+    EXPECT_EQ(storage.size(), 3);
 }
 
 TEST(Receivers, ALocalOnlyAttributeRemovedHereNoLongerTakesThePeersValues) {
