@@ -29,6 +29,17 @@ Tessel::Attribute* AttributeCache::find(unsigned int symbol) const {
     return bySymbol.value(symbol);
 }
 
+Tessel::Attribute* AttributeCache::findOrAdd(unsigned int symbol, Tessel::Attribute* attribute) {
+    std::unique_lock<std::shared_mutex> locker(lock);
+    if (Tessel::Attribute* const* found = bySymbol.find(symbol))
+        return *found;
+    if (attribute) {
+        bySymbol.insert(symbol, attribute);
+        byAttribute.insert(attribute, symbol);
+    }
+    return attribute;
+}
+
 unsigned int AttributeCache::symbolOf(Tessel::Attribute* attribute) const {
     std::shared_lock<std::shared_mutex> locker(lock);
     return byAttribute.value(attribute, 0u);

@@ -33,6 +33,10 @@ public:
     bool add(unsigned int symbol, Tessel::Attribute* attribute);
     // The attribute of the symbol, or null.
     Tessel::Attribute* find(unsigned int symbol) const;
+    // The attribute of the symbol; when there is none, `attribute` is added under it and
+    // returned (null adds nothing). A find and an add under one write lock, silent
+    // when the symbol names another attribute.
+    Tessel::Attribute* findOrAdd(unsigned int symbol, Tessel::Attribute* attribute);
     // A batch of find under one read lock: out[i] is the attribute of symbolAt(i) or null.
     template <typename SymbolAt>
     void findAll(size_t count, SymbolAt symbolAt, std::vector<Tessel::Attribute*>& out) const {

@@ -345,15 +345,13 @@ void NodeWatcher::Impl::onAdded(Node& node, const QByteArray& path, Basalt::Bina
         asCalled && completeSymbol ? completeSymbol : registry.lookupOrDefine(path2);
     if (child == completeChild)
         completeWatched = symbol;
-    if (!cache.find(symbol))
-        cache.add(symbol, child);
+    Attribute* const cached = cache.findOrAdd(symbol, child);
     // An ignoreOne for the addition silences this child and, through notify, its subtree.
     const bool notify = !takeIgnored({AttributeAdded, symbol}) && !takeIgnored({NodeAdded, symbol});
     if (child == completeChild && pendingCount() == 0) {
         // Nothing queued before it, so watching it now keeps the order of the reports.
         completeChild = nullptr;
-        if (Attribute* cached = cache.find(symbol))
-            watchAttribute(*cached, path2, symbol, notify, holder);
+        watchAttribute(*cached, path2, symbol, notify, holder);
         return;
     }
     auto record = std::make_shared<PendingAdded>(symbol, child, notify);

@@ -13,7 +13,7 @@ using Dovel::RemoteNode;
 using Dovel::SyncFlags;
 using Tessel::AttributeT;
 
-TEST(AttributeCache, AddRemoveAndNodeSet) {
+TEST(AttributeCache, AddFindOrAddRemoveAndNodeSet) {
     AttributeCache cache;
     AttributeT<float> a, b;
     Basalt::TraceCapture capture;
@@ -51,6 +51,16 @@ TEST(AttributeCache, AddRemoveAndNodeSet) {
     cache.setIsNode(8, true);
     cache.setIsNode(8, false);
     EXPECT_FALSE(cache.isNode(8));
+
+    // findOrAdd keeps what a symbol names, silently, and adds only to a free one.
+    const int errors = capture.count("", Basalt::Trace::Error);
+    EXPECT_EQ(cache.findOrAdd(7, &a), &b);
+    EXPECT_EQ(cache.findOrAdd(9, nullptr), nullptr);
+    EXPECT_EQ(cache.findOrAdd(9, &a), &a);
+    EXPECT_EQ(cache.find(9), &a);
+    EXPECT_EQ(cache.symbolOf(&a), 9u);
+    EXPECT_EQ(cache.size(), 2);
+    EXPECT_EQ(capture.count("", Basalt::Trace::Error), errors);
 }
 
 TEST(SyncFlags, DefaultIsNotStoredAndClearKeepsFlags) {
