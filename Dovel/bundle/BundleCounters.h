@@ -12,7 +12,9 @@ struct BundleCounters {
     std::atomic<uint64_t> batchesApplied{0};  // of those, applied whole (every piece)
     std::atomic<uint64_t> bundlesReceived{0}; // bundles dispatched
     std::atomic<uint64_t> bundlesFailed{0};   // bundles whose dispatch threw
-    std::atomic<uint64_t> batchesSent{0};     // non-empty output passes sent
+    std::atomic<uint64_t> batchesSent{0};     // non-empty output passes sent (a pass of
+                                              // more than Limits::MaxBundlesPerBatch
+                                              // bundles reaches the peer as several)
     std::atomic<uint64_t> bundlesSent{0};     // bundles of those passes
     std::atomic<uint64_t> bytesSent{0};       // their bytes, headers included
     std::atomic<uint64_t> bytesReceived{0};   // bytes of the dispatched bundles
