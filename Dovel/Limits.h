@@ -29,6 +29,11 @@ constexpr int MaxBundlePayloadBytes = 64 << 20;
 // Not a limit on what we accept.
 constexpr int SentBundleBytes = (1 << 20) - (64 << 10);
 static_assert(SentBundleBytes < MaxBundlePayloadBytes, "a sent bundle must be one we accept");
+// Largest encoded value or event payload that a sender writes into a bundle; a larger
+// one is not sent (logged), since the peer would refuse its bundle and end the session,
+// and the next session the same way. With the rest of a bundle cut at SentBundleBytes,
+// every bundle we send stays within MaxBundlePayloadBytes (NodeChangeSender).
+constexpr int MaxSentValueBytes = MaxBundlePayloadBytes - SentBundleBytes - 64;
 // Most bundles a peer may announce in one "dovel2 N" line; a larger count disconnects,
 // since the batch's vector is sized by it (processDovel2). Our own sender cuts a longer
 // pass into consecutive batches (Dovel1Connection::send).

@@ -353,7 +353,15 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* a
     writer.writeUInt32(fixedSize);
     writer.writeUInt32(hasValue ? 1u : 0u);
     if (hasValue) {
+        const uint32_t valueStart = writer.pos();
         sa.serializer(writer);
+        if (!fitsABundle(sa, writer, valueStart, "sendAdded")) {
+            // Announced without it, as an attribute whose value the peer keeps.
+            const uint32_t noValue = 0;
+            writer.writeDataAt(valueStart - 4, &noValue, 4);
+            sa.removedLocally = false;
+            return;
+        }
         // Only an announcement with a value makes the peer's values written before it
         // stale: one without leaves the peer's value standing, so a master that skipped
         // the peer's next values as stale would keep its own while the peer kept its.
@@ -364,6 +372,7 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* a
 
 void NodeChangeSender::sendChanged(DovelSessionAttribute& sa, Tessel::Attribute* attribute,
                                    BundleWriterCore& writer) {
+    const uint32_t lastSent = sa.lastSentSequence;
     sa.lastSentSequence = writer.bundle().sequenceNumber();
     if (!attribute) {
         Basalt::Trace::error("NodeChangeSender # Trying to send changes for a missing attribute "
@@ -378,8 +387,25 @@ void NodeChangeSender::sendChanged(DovelSessionAttribute& sa, Tessel::Attribute*
                              pathOf(sa).constData());
         return;
     }
+    const uint32_t entryStart = writer.pos();
     writer.writeUInt32(sa.localSymbol);
     sa.serializer(writer);
+    if (!fitsABundle(sa, writer, entryStart + 4, "sendChanged")) {
+        writer.bundle().mutablePacket().resize(int(entryStart)); // the entry goes
+        sa.lastSentSequence = lastSent;
+    }
+}
+
+bool NodeChangeSender::fitsABundle(const DovelSessionAttribute& sa, BundleWriterCore& writer,
+                                   uint32_t valueStart, const char* operation) {
+    const uint32_t bytes = writer.pos() - valueStart;
+    if (bytes <= uint32_t(Limits::MaxSentValueBytes))
+        return true;
+    Basalt::Trace::error("NodeChangeSender::%s # The value of '%s' takes %u bytes, more than a "
+                         "bundle may carry; it is not sent",
+                         operation, pathOf(sa).constData(), bytes);
+    writer.bundle().mutablePacket().resize(int(valueStart));
+    return false;
 }
 
 void NodeChangeSender::sendRemoved(DovelSessionAttribute& sa, BundleWriterCore& writer) {
@@ -394,6 +420,13 @@ void NodeChangeSender::sendEvents(const std::vector<RemoteNode::Event>& events,
     Bundle bundle;
     BundleWriter writer(bundle);
     for (const RemoteNode::Event& event : events) {
+        if (event.data.size() > Limits::MaxSentValueBytes) {
+            Basalt::Trace::error("NodeChangeSender::sendEvents # An event of %d bytes is more "
+                                 "than a bundle may carry; it is not sent (large events go in "
+                                 "slices)",
+                                 int(event.data.size()));
+            continue;
+        }
         writer.writeUInt32(event.symbol);
         writer.writeUInt32(uint32_t(event.data.size()));
         writer.writeData(event.data.constData(), uint32_t(event.data.size()));

@@ -2,6 +2,7 @@
 #include "SessionTestUtil.h"
 
 #include "Basalt/Trace.h"
+#include "Dovel/Limits.h"
 
 #include <gtest/gtest.h>
 
@@ -83,4 +84,51 @@ TEST(LargeTree, APassOfMoreBundlesThanABatchHoldsArrivesWhole) {
     EXPECT_TRUE(waitSame(master, mirror, 30000));
     EXPECT_EQ(client.stats().sessionsStarted.load(), 1u);
     EXPECT_EQ(log.count("", Basalt::Trace::Warning), 0) << log.dump().toStdString();
+}
+
+// A value too large for any bundle a peer takes is not sent: the attribute is announced
+// without it, the error is logged, and the rest of the tree keeps travelling in the same
+// session (a bundle the peer refused would end the session, and every resync with it).
+TEST(LargeTree, AValueTooLargeForABundleIsNotSentAndTheSessionGoesOn) {
+    Side master("master");
+    Side mirror("mirror");
+    const QString huge(Dovel::Limits::MaxBundlePayloadBytes, QChar('x'));
+    master.run([&] {
+        auto* small = new Tessel::AttributeT<int32_t>();
+        small->setValue(1, L2);
+        master.node.addDeepAttribute("small/v", small);
+        auto* big = new Tessel::AttributeT<QString>();
+        big->setValue(huge, L2);
+        master.node.addDeepAttribute("big/text", big);
+    });
+    Basalt::TraceCapture log;
+    Dovel::SessionServer server(master.node, &master.driver);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+    Dovel::SessionClient client(mirror.node, &mirror.driver);
+    client.connectToHost("127.0.0.1", server.port());
+    ASSERT_TRUE(waitUntil([&] { return attributeCount(mirror) == 2; }, 30000));
+    EXPECT_EQ(log.count("NodeChangeSender::sendAdded # The value of 'big/text' takes 67108868 "
+                        "bytes, more than a bundle may carry; it is not sent",
+                        Basalt::Trace::Error),
+              1)
+        << log.dump().left(2000).toStdString();
+
+    // A change too large is dropped the same way; smaller values travel again.
+    master.run([&] {
+        typed<QString>(master.node, "big/text")->setValue(huge + "y", L2);
+        typed<int32_t>(master.node, "small/v")->setValue(2, L2);
+    });
+    ASSERT_TRUE(waitUntil([&] {
+        int32_t value = 0;
+        mirror.driver.call([&] { value = typed<int32_t>(mirror.node, "small/v")->value(); });
+        return value == 2;
+    }));
+    EXPECT_EQ(log.count("NodeChangeSender::sendChanged # The value of 'big/text' takes 67108872 "
+                        "bytes, more than a bundle may carry; it is not sent",
+                        Basalt::Trace::Error),
+              1);
+    master.run([&] { typed<QString>(master.node, "big/text")->setValue("small again", L2); });
+    EXPECT_TRUE(waitSame(master, mirror, 30000));
+    EXPECT_EQ(client.stats().sessionsStarted.load(), 1u);
+    EXPECT_EQ(log.count("processDovel2", Basalt::Trace::Warning), 0);
 }

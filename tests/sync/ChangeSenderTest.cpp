@@ -135,6 +135,24 @@ TEST(ChangeSender, WritesSymbolsThenRunsOfEqualKindByteForByte) {
     EXPECT_EQ(out[0].packet(), packet(SymbolsType, 9, 0, Bytes().word(symGo).str("go").data()));
     EXPECT_EQ(out[1].packet(),
               packet(EventType, 10, 0, Bytes().word(symGo).word(5).hex("3132333435000000").data()));
+
+    // An event too large for any bundle a peer takes is not sent (logged); the next is.
+    Basalt::TraceCapture log;
+    const int tooLarge = Dovel::Limits::MaxSentValueBytes + 1;
+    Basalt::BinaryData big = Basalt::BinaryData::fromByteArray(QByteArray(tooLarge, 'b'));
+    node.eventProcess("go", big);
+    Basalt::BinaryData small = Basalt::BinaryData::fromByteArray("12345");
+    node.eventProcess("go", small);
+    out = session.output();
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].packet(),
+              packet(EventType, 11, 0, Bytes().word(symGo).word(5).hex("3132333435000000").data()));
+    EXPECT_EQ(log.count(QStringLiteral("NodeChangeSender::sendEvents # An event of %1 bytes is "
+                                       "more than a bundle may carry; it is not sent (large "
+                                       "events go in slices)")
+                            .arg(tooLarge),
+                        Basalt::Trace::Error),
+              1);
 }
 
 TEST(ChangeSender, IgnoreSetSwallowsExactlyOneEchoAndReportsDoubles) {
