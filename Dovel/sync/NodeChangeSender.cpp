@@ -357,6 +357,7 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* a
         sa.serializer(writer);
         if (!fitsABundle(sa, writer, valueStart, "sendAdded")) {
             // Announced without it, as an attribute whose value the peer keeps.
+            writer.bundle().mutablePacket().resize(int(valueStart));
             const uint32_t noValue = 0;
             writer.writeDataAt(valueStart - 4, &noValue, 4);
             sa.removedLocally = false;
@@ -391,12 +392,12 @@ void NodeChangeSender::sendChanged(DovelSessionAttribute& sa, Tessel::Attribute*
     writer.writeUInt32(sa.localSymbol);
     sa.serializer(writer);
     if (!fitsABundle(sa, writer, entryStart + 4, "sendChanged")) {
-        writer.bundle().mutablePacket().resize(int(entryStart)); // the entry goes
+        writer.bundle().mutablePacket().resize(int(entryStart)); // the whole entry goes
         sa.lastSentSequence = lastSent;
     }
 }
 
-bool NodeChangeSender::fitsABundle(const DovelSessionAttribute& sa, BundleWriterCore& writer,
+bool NodeChangeSender::fitsABundle(const DovelSessionAttribute& sa, const BundleWriterCore& writer,
                                    uint32_t valueStart, const char* operation) {
     const uint32_t bytes = writer.pos() - valueStart;
     if (bytes <= uint32_t(Limits::MaxSentValueBytes))
@@ -404,7 +405,6 @@ bool NodeChangeSender::fitsABundle(const DovelSessionAttribute& sa, BundleWriter
     Basalt::Trace::error("NodeChangeSender::%s # The value of '%s' takes %u bytes, more than a "
                          "bundle may carry; it is not sent",
                          operation, pathOf(sa).constData(), bytes);
-    writer.bundle().mutablePacket().resize(int(valueStart));
     return false;
 }
 

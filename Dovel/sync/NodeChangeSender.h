@@ -90,9 +90,9 @@ private:
                      BundleWriterCore& writer);
     void sendRemoved(DovelSessionAttribute& sa, BundleWriterCore& writer);
     // Whether the value written from `valueStart` on is within Limits::MaxSentValueBytes;
-    // when it is not, logs it (as `operation`) and cuts the bundle back to `valueStart`.
-    bool fitsABundle(const DovelSessionAttribute& sa, BundleWriterCore& writer, uint32_t valueStart,
-                     const char* operation);
+    // logs it (as `operation`) when it is not. The caller cuts what it wrote.
+    bool fitsABundle(const DovelSessionAttribute& sa, const BundleWriterCore& writer,
+                     uint32_t valueStart, const char* operation);
     void sendEvents(const std::vector<RemoteNode::Event>& events, BundleOutput& output);
     // Appends the symbol's name to the symbol bundle unless the peer already knows it.
     void announceSymbol(uint32_t symbol, BundleWriterCore& writer);
