@@ -12,7 +12,8 @@ constexpr int MaxLineBytes = 1 << 20;
 // Most entries in one map that a peer announces (ConnectionThread::readMap).
 constexpr int MaxMapEntries = 1 << 16;
 // Largest map block, its 8-byte length item included; a text map's keys and values are
-// held to the same total (ConnectionThread::readMap).
+// held to the same total (ConnectionThread::readMap). A folder's file list is sent in
+// maps of half that (FolderServeConnection).
 constexpr int MaxMapBlockBytes = 16 << 20;
 // Largest single raw read that a subclass's framing asks for (ConnectionThread::readData
 // and skip): one bundle or one file part.

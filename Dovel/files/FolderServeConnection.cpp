@@ -18,18 +18,36 @@ void FolderServeConnection::connected() {
     // Built per connection, so that the peer sees the folder as it is now; cached
     // checksums keep this to a walk of the folder.
     const AssetBase::FileList list = asset().buildFileList(nullptr);
+    forEachListChunk(list, [this](const QMap<QString, QString>& chunk) {
+        writeMapBuffer(QStringLiteral("filelist"), chunk);
+    });
+    writeBuffer(QStringLiteral("filelistend %1\n").arg(list.size()), QByteArray());
+}
+
+void FolderServeConnection::forEachListChunk(
+    const AssetBase::FileList& list,
+    const std::function<void(const QMap<QString, QString>&)>& send) {
     QMap<QString, QString> chunk;
+    int64_t chunkBytes = 0;
     for (auto it = list.constBegin(); it != list.constEnd(); ++it) {
-        chunk.insert(chunk.constEnd(), it.key(),
-                     QString::number(it->size) + QLatin1Char(' ') + it->md5);
-        if (chunk.size() == ListChunk) {
-            writeMapBuffer(QStringLiteral("filelist"), chunk);
+        const QString value = QString::number(it->size) + QLatin1Char(' ') + it->md5;
+        // At most three UTF-8 bytes per UTF-16 unit, and each string's tag and length.
+        const int64_t entryBytes = 3 * int64_t(it.key().size() + value.size()) + 16;
+        if (!chunk.isEmpty() && chunkBytes + entryBytes > ListChunkBytes) {
+            send(chunk);
             chunk.clear();
+            chunkBytes = 0;
+        }
+        chunk.insert(chunk.constEnd(), it.key(), value);
+        chunkBytes += entryBytes;
+        if (chunk.size() == ListChunk) {
+            send(chunk);
+            chunk.clear();
+            chunkBytes = 0;
         }
     }
     if (!chunk.isEmpty())
-        writeMapBuffer(QStringLiteral("filelist"), chunk);
-    writeBuffer(QStringLiteral("filelistend %1\n").arg(list.size()), QByteArray());
+        send(chunk);
 }
 
 bool FolderServeConnection::parse(const QString& line) {

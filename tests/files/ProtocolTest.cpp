@@ -3,6 +3,7 @@
 #include "files/FilesTestUtil.h"
 
 #include "Dovel/files/FileTransferHandler.h"
+#include "Dovel/files/FolderServeConnection.h"
 #include "Dovel/files/ProgressSender.h"
 #include "Dovel/transport/MapBlock.h"
 
@@ -37,6 +38,53 @@ TEST(FileProtocol, CommandLinesAndPartCounts) {
     for (const char* bad : {"a", "/a/../b", "/a..b", "//a", "/a/", "/./a", "/a:b", "/a*", "/a?",
                             "/a\"", "/a<", "/a>", "/a\\b", "/a\nb"})
         EXPECT_FALSE(Dovel::AssetBase::isCarriableName(bad)) << bad;
+}
+
+TEST(FileProtocol, TheListIsCutIntoMapsOfAtMost4096EntriesThatAPullerTakes) {
+    using Serve = Dovel::FolderServeConnection;
+    const Dovel::AssetBase::FileInfo info{3, QString::fromLatin1(AbcMd5), {}};
+    auto chunksOf = [](const Dovel::AssetBase::FileList& list) {
+        std::vector<QMap<QString, QString>> chunks;
+        Serve::forEachListChunk(list,
+                                [&](const QMap<QString, QString>& map) { chunks.push_back(map); });
+        return chunks;
+    };
+    // Short names: by count.
+    Dovel::AssetBase::FileList shortNames;
+    for (int i = 0; i < 10000; ++i)
+        shortNames.insert(QStringLiteral("/f%1").arg(i, 5, 10, QLatin1Char('0')), info);
+    auto chunks = chunksOf(shortNames);
+    ASSERT_EQ(chunks.size(), 3u);
+    EXPECT_EQ(chunks[0].size(), 4096);
+    EXPECT_EQ(chunks[1].size(), 4096);
+    EXPECT_EQ(chunks[2].size(), 10000 - 2 * 4096);
+    EXPECT_EQ(chunks[0].firstKey(), QStringLiteral("/f00000"));
+    EXPECT_EQ(chunks[2].lastKey(), QStringLiteral("/f09999"));
+    EXPECT_EQ(chunks[0].value(QStringLiteral("/f00001")), "3 " + QString::fromLatin1(AbcMd5));
+
+    // 4,096 names of the longest length a puller takes fill more than a map block may
+    // hold: they go out in several maps, each one a puller reads, all in name order.
+    Dovel::AssetBase::FileList longNames;
+    QMap<QString, QString> asOneMap;
+    const QString stem = QLatin1Char('/') + QString(Dovel::Limits::MaxFileNameBytes - 6, 'n');
+    for (int i = 0; i < 4096; ++i) {
+        const QString name = stem + QStringLiteral("%1").arg(i, 5, 10, QLatin1Char('0'));
+        longNames.insert(name, info);
+        asOneMap.insert(name, "3 " + info.md5);
+    }
+    ASSERT_GT(Dovel::MapBlock::encode(asOneMap).size(), Dovel::Limits::MaxMapBlockBytes);
+    chunks = chunksOf(longNames);
+    ASSERT_GE(chunks.size(), 2u);
+    QStringList names;
+    for (const auto& chunk : chunks) {
+        const QByteArray block = Dovel::MapBlock::encode(chunk);
+        EXPECT_LE(block.size(), Dovel::Limits::MaxMapBlockBytes);
+        QMap<QString, QString> parsed;
+        EXPECT_TRUE(Dovel::MapBlock::parseEntries(block.mid(Dovel::MapBlock::LengthItemBytes),
+                                                  chunk.size(), parsed));
+        names += chunk.keys();
+    }
+    EXPECT_EQ(names, longNames.keys());
 }
 
 // Logs in to a FolderServer by hand.
