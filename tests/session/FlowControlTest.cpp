@@ -99,9 +99,12 @@ TEST(FlowControl, AClientWhoseTreeThreadIsBehindStopsReadingAndStaysConnected) {
     ASSERT_TRUE(waitSame(master, slave));
     ASSERT_EQ(server.sessions().size(), 1);
     // Short time-outs on both sides: a side left without keep-alive would be dropped
-    // about five seconds into the hold.
-    server.sessions().front()->setTimeoutSeconds(2.0);
-    client.connection().setTimeoutSeconds(2.0);
+    // about six seconds into the hold (its writer pings after five seconds of silence
+    // and gives up a second later). Not below five: the writer would then give up at
+    // its own ping, before a reader that waited for the write mutex to answer the
+    // peer's ping has read the next one.
+    server.sessions().front()->setTimeoutSeconds(6.0);
+    client.connection().setTimeoutSeconds(6.0);
     const std::shared_ptr<Dovel::BundleController> session = client.connection().controller();
     ASSERT_TRUE(session);
 
@@ -121,7 +124,7 @@ TEST(FlowControl, AClientWhoseTreeThreadIsBehindStopsReadingAndStaysConnected) {
     EXPECT_LE(waiting, Dovel::Limits::MaxUnappliedBatchBytes + 2 * Strings * StringBytes);
 
     // Past the point where either side's ping would have timed the other out.
-    std::this_thread::sleep_for(std::chrono::seconds(7));
+    std::this_thread::sleep_for(std::chrono::seconds(8));
     EXPECT_EQ(session->receiveBacklog().bytes(), waiting);
     EXPECT_EQ(server.clientCount(), 1);
     EXPECT_TRUE(client.isConnected());
