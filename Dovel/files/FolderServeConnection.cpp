@@ -29,22 +29,21 @@ void FolderServeConnection::forEachListChunk(
     const std::function<void(const QMap<QString, QString>&)>& send) {
     QMap<QString, QString> chunk;
     int64_t chunkBytes = 0;
+    const auto flush = [&] {
+        send(chunk);
+        chunk.clear();
+        chunkBytes = 0;
+    };
     for (auto it = list.constBegin(); it != list.constEnd(); ++it) {
         const QString value = QString::number(it->size) + QLatin1Char(' ') + it->md5;
         // At most three UTF-8 bytes per UTF-16 unit, and each string's tag and length.
         const int64_t entryBytes = 3 * int64_t(it.key().size() + value.size()) + 16;
-        if (!chunk.isEmpty() && chunkBytes + entryBytes > ListChunkBytes) {
-            send(chunk);
-            chunk.clear();
-            chunkBytes = 0;
-        }
+        if (!chunk.isEmpty() && chunkBytes + entryBytes > ListChunkBytes)
+            flush();
         chunk.insert(chunk.constEnd(), it.key(), value);
         chunkBytes += entryBytes;
-        if (chunk.size() == ListChunk) {
-            send(chunk);
-            chunk.clear();
-            chunkBytes = 0;
-        }
+        if (chunk.size() == ListChunk)
+            flush();
     }
     if (!chunk.isEmpty())
         send(chunk);
