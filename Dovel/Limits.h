@@ -58,12 +58,21 @@ constexpr int64_t BackPressureBytes = int64_t(4) << 20;
 // still applies (NodeChangeSender::eventsPiledUp).
 constexpr int64_t MaxHeldEventBytes = int64_t(64) << 20;
 
-// Most symbols a peer may define in one session's receive-side registry
+// Most symbol definitions a peer may make in one session's receive-side registry
 // (SymbolRegistryReceiver::handleBundle): one per attribute or event name the peer
 // announces, each 25-65 bytes of table beside its name, so at most about 250 MB of
 // table. Room for a tree of four million attributes, which as a tree takes several
-// times that.
+// times that. Rebinding a known name or symbol counts too: each may make the receiver
+// create another attribute (NewAttributeReceiver).
 constexpr int MaxPeerSymbols = 1 << 22;
+// Longest name a peer may define for a symbol; a longer one is left undefined
+// (SymbolRegistryReceiver::handleBundle). Paths of a tree stay far below it.
+constexpr int MaxPeerNameBytes = 4096;
+// Most components of a path the receiver creates nodes for; a deeper one is not
+// created (NewAttributeReceiver). Every node keeps its whole path, so a path of N
+// components costs about N * N / 2 bytes of paths, and the tree's own walks recurse
+// once per level.
+constexpr int MaxPeerPathDepth = 128;
 
 // Largest whole event that a peer may announce in "event-slice-begin"; its slices are
 // joined into one buffer of that size once all have come (RemoteNode::handleRemoteEvent).

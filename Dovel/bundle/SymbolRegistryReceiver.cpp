@@ -3,6 +3,7 @@
 #include "Dovel/bundle/ModuleNames.h"
 
 #include "Basalt/SymbolRegistry.h"
+#include "Basalt/Trace.h"
 
 #include <stdexcept>
 #include <string>
@@ -20,18 +21,25 @@ void SymbolRegistryReceiver::handleBundle(BundleReader& reader) {
     while (!reader.atEnd()) {
         const uint32_t symbol = reader.readUInt32();
         const QByteArray read = reader.readBytes();
+        if (read.size() > Limits::MaxPeerNameBytes) {
+            Basalt::Trace::error("SymbolRegistryReceiver::handleBundle # A name of %d bytes is "
+                                 "longer than %d; symbol %u stays undefined ('%s...')",
+                                 read.size(), Limits::MaxPeerNameBytes, symbol,
+                                 read.left(80).constData());
+            continue;
+        }
         const QByteArray name = localNames ? localNames->sharedName(read) : read;
-        // Only a pair of a new name and a new symbol grows the table; a rebinding
-        // replaces an entry. Below the limit any definition may grow it by one, so the
-        // lookups that tell are made only at the limit.
-        if (registry.size() >= maxSymbols && registry.lookup(name) == 0 &&
-            registry.lookup(symbol).isNull() && symbol != 0)
+        // A rebinding grows the table no more than a repeated pair, but each may make the
+        // receiver create another attribute, so both count. Below the limit every
+        // definition may count, so the lookup that tells is made only at the limit.
+        if (definitions >= maxSymbols && symbol != 0 && registry.lookup(name) != symbol)
             throw std::invalid_argument(
                 "SymbolRegistryReceiver::handleBundle # the peer defined more than " +
                 std::to_string(maxSymbols) + " symbols; refusing '" + name.left(80).toStdString() +
                 "' (" + std::to_string(symbol) + ")");
         // A refused or repeated definition changes nothing worth reporting.
-        registry.define(name, symbol);
+        if (registry.define(name, symbol))
+            ++definitions;
     }
 }
 

@@ -14,7 +14,8 @@ namespace Dovel {
 
 class SymbolRegistryReceiver : public BundleReceiver {
 public:
-    // `maxSymbols` bounds the registry's size; only tests pass another value. Names that
+    // `maxSymbols` bounds the definitions that change the registry (new pairs and
+    // rebindings); only tests pass another value. Names that
     // `localNames` (this side's registry, when given) already holds are stored sharing
     // its bytes: the peer names nearly every path that this side has.
     explicit SymbolRegistryReceiver(Basalt::SymbolRegistry& registry,
@@ -22,15 +23,18 @@ public:
                                     const Basalt::SymbolRegistry* localNames = nullptr);
     ~SymbolRegistryReceiver() override;
 
-    // Defines each (u32 symbol, string name) pair of the bundle in order. A truncated
-    // pair throws std::out_of_range; a pair that would grow the registry beyond its
-    // limit throws std::invalid_argument. The pairs before either stay defined.
+    // Defines each (u32 symbol, string name) pair of the bundle in order. A name longer
+    // than Limits::MaxPeerNameBytes is left undefined (logged). A truncated pair throws
+    // std::out_of_range; a pair that would change the registry once `maxSymbols`
+    // definitions have changed it throws std::invalid_argument. The pairs before either
+    // stay defined.
     void handleBundle(BundleReader& reader) override;
 
 private:
     Basalt::SymbolRegistry& registry;
     const int maxSymbols;
     const Basalt::SymbolRegistry* const localNames;
+    int definitions = 0; // definitions that changed the registry
 };
 
 } // namespace Dovel

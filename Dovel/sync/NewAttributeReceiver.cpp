@@ -1,5 +1,6 @@
 #include "Dovel/sync/NewAttributeReceiver.h"
 
+#include "Dovel/Limits.h"
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"
@@ -19,22 +20,23 @@ namespace Dovel {
 
 namespace {
 
-// An empty component: a leading, trailing or doubled slash. One pass over the bytes: it
-// runs for every entry.
-bool hasEmptyComponent(const QByteArray& path) {
+// The number of components of a path, or -1 when one is empty (a leading, trailing or
+// doubled slash). One pass over the bytes: it runs for every entry.
+int componentCount(const QByteArray& path) {
     const char* const begin = path.constData();
     const char* const end = begin + path.size();
     if (begin == end)
-        return false;
+        return 1;
     if (*begin == '/' || end[-1] == '/')
-        return true;
+        return -1;
+    int count = 1;
     for (const char* slash = begin;
          (slash = static_cast<const char*>(std::memchr(slash, '/', size_t(end - slash))));
-         ++slash) {
+         ++slash, ++count) {
         if (slash[1] == '/')
-            return true;
+            return -1;
     }
-    return false;
+    return count;
 }
 
 // Reads past one value of the announced size.
@@ -78,9 +80,18 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             skipValue(reader, fixedSize);
         return;
     }
-    if (hasEmptyComponent(path)) {
+    const int components = componentCount(path);
+    if (components < 0) {
         Basalt::Trace::error("NewAttributeReceiver::handleBundle # Malformed path '%s'",
                              path.constData());
+        if (hasValue)
+            skipValue(reader, fixedSize);
+        return;
+    }
+    if (components > Limits::MaxPeerPathDepth) {
+        Basalt::Trace::error("NewAttributeReceiver::handleBundle # A path of %d components is "
+                             "deeper than %d; '%s' is ignored",
+                             components, Limits::MaxPeerPathDepth, path.constData());
         if (hasValue)
             skipValue(reader, fixedSize);
         return;

@@ -1,12 +1,15 @@
-// The symbols a peer may define in one session are bounded: beyond the limit a new
-// definition is refused with std::invalid_argument (which the session logs), while
-// rebinding what is already known still works.
+// The symbol definitions a peer may make in one session are bounded: beyond the limit a
+// definition that would change the registry (a new pair, or a known name or symbol bound
+// anew, which may make the receiver create another attribute) is refused with
+// std::invalid_argument (which the session logs), while repeating a known pair is not.
+// A name longer than any path is left undefined.
 #include "BundleTestUtil.h"
 
 #include "Dovel/Limits.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
 #include "Basalt/SymbolRegistry.h"
+#include "Basalt/Trace.h"
 
 #include <gtest/gtest.h>
 
@@ -17,29 +20,51 @@ using namespace Dovel;
 using BundleTest::Bytes;
 using BundleTest::packet;
 
-TEST(PeerSymbolLimit, NewSymbolsBeyondTheLimitAreRefused) {
+TEST(PeerSymbolLimit, DefinitionsBeyondTheLimitAreRefusedRebindingsIncluded) {
     Basalt::SymbolRegistry registry;
-    SymbolRegistryReceiver receiver(registry, 3);
-    Bytes symbols; // the fourth pair is one too many
-    symbols.word(1).str("a").word(2).str("b").word(3).str("c").word(4).str("d").word(5).str("e");
+    SymbolRegistryReceiver receiver(registry, 4);
+    Bytes symbols; // the fifth definition is one too many: a rebinding counts
+    symbols.word(1).str("a").word(2).str("b").word(3).str("c").word(3).str("z").word(5).str("e");
     const Bundle first(packet(1, 1, 0, symbols.data()));
     BundleReader reader(first);
     EXPECT_EQ(BundleTest::failure<std::invalid_argument>([&] { receiver.handleBundle(reader); }),
-              "SymbolRegistryReceiver::handleBundle # the peer defined more than 3 "
-              "symbols; refusing 'd' (4)");
+              "SymbolRegistryReceiver::handleBundle # the peer defined more than 4 "
+              "symbols; refusing 'e' (5)");
     EXPECT_EQ(registry.size(), 3);
-    EXPECT_EQ(registry.lookup(3u), QByteArray("c"));
-    EXPECT_TRUE(registry.lookup(4u).isNull());
+    EXPECT_EQ(registry.lookup(3u), QByteArray("z"));
+    EXPECT_TRUE(registry.lookup(5u).isNull());
 
-    // At the limit, repeating or rebinding a known name or symbol changes no count.
-    // The same pair again, a known name with a new symbol, a known symbol with a new name.
-    const Bundle second(
-        packet(1, 2, 0, Bytes().word(1).str("a").word(7).str("b").word(3).str("z").data()));
+    // At the limit, the same pair again changes nothing and is taken; binding a known
+    // name to a new symbol is refused like a new pair.
+    const Bundle second(packet(1, 2, 0, Bytes().word(1).str("a").word(2).str("b").data()));
     BundleReader again(second);
     EXPECT_NO_THROW(receiver.handleBundle(again));
-    EXPECT_EQ(registry.size(), 3);
-    EXPECT_EQ(registry.lookup(QByteArray("b")), 7u);
-    EXPECT_EQ(registry.lookup(3u), QByteArray("z"));
+    const Bundle third(packet(1, 3, 0, Bytes().word(7).str("b").data()));
+    BundleReader rebind(third);
+    EXPECT_THROW(receiver.handleBundle(rebind), std::invalid_argument);
+    EXPECT_EQ(registry.lookup(QByteArray("b")), 2u);
+}
+
+TEST(PeerSymbolLimit, ANameLongerThanAnyPathStaysUndefined) {
+    Basalt::SymbolRegistry registry;
+    SymbolRegistryReceiver receiver(registry);
+    Basalt::TraceCapture log;
+    const QByteArray longest(Limits::MaxPeerNameBytes, 'n');
+    const QByteArray tooLong = longest + 'n';
+    const Bundle bundle(
+        packet(1, 1, 0, Bytes().word(1).str(tooLong).word(2).str(longest).word(3).str("c").data()));
+    BundleReader reader(bundle);
+    EXPECT_NO_THROW(receiver.handleBundle(reader));
+    EXPECT_TRUE(registry.lookup(1u).isNull());
+    EXPECT_EQ(registry.lookup(2u), longest);
+    EXPECT_EQ(registry.lookup(3u), QByteArray("c"));
+    EXPECT_EQ(log.count(QStringLiteral("SymbolRegistryReceiver::handleBundle # A name of %1 bytes "
+                                       "is longer than %2; symbol 1 stays undefined ('%3...')")
+                            .arg(Limits::MaxPeerNameBytes + 1)
+                            .arg(Limits::MaxPeerNameBytes)
+                            .arg(QString(80, 'n')),
+                        Basalt::Trace::Error),
+              1);
 }
 
 TEST(PeerSymbolLimit, NamesThisSideHoldsAreKeptOnceForBothRegistries) {

@@ -4,6 +4,8 @@
 
 #include "bundle/BundleTestUtil.h"
 
+#include "Dovel/Limits.h"
+
 #include "Basalt/Trace.h"
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/AttributeT.h"
@@ -222,7 +224,7 @@ TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
     EXPECT_EQ(notes, 3);
 }
 
-TEST(Receivers, PathsWithAnEmptyComponentAreSkippedWithTheirValues) {
+TEST(Receivers, PathsWithAnEmptyComponentOrTooDeepAreSkippedWithTheirValues) {
     Pair p;
     p.start();
     Basalt::TraceCapture log;
@@ -233,6 +235,13 @@ TEST(Receivers, PathsWithAnEmptyComponentAreSkippedWithTheirValues) {
         symbols.word(600 + i).str(bad[i]);
         news.word(600 + i).word(9).word(4).word(1).word(70 + i);
     }
+    // As deep as a created path may be, and one deeper.
+    QByteArray deepest = "d";
+    for (int i = 1; i < Dovel::Limits::MaxPeerPathDepth; ++i)
+        deepest += "/d";
+    const QByteArray tooDeep = "e/" + deepest;
+    symbols.word(608).str(deepest).word(609).str(tooDeep);
+    news.word(609).word(9).word(4).word(1).word(79).word(608).word(9).word(4).word(1).word(78);
     symbols.word(610).str("a/b");
     news.word(610).word(9).word(4).word(1).word(80);
     p.toRight(SymbolsType, symbols);
@@ -246,6 +255,15 @@ TEST(Receivers, PathsWithAnEmptyComponentAreSkippedWithTheirValues) {
     ASSERT_TRUE(p.rightAt("a/b"));
     EXPECT_EQ(p.rightAt("a/b")->asInt(), 80);
     EXPECT_EQ(p.rightAt("a")->attribute(""), nullptr);
+    EXPECT_EQ(log.count(QStringLiteral("NewAttributeReceiver::handleBundle # A path of %1 "
+                                       "components is deeper than %2; '%3' is ignored")
+                            .arg(Dovel::Limits::MaxPeerPathDepth + 1)
+                            .arg(Dovel::Limits::MaxPeerPathDepth)
+                            .arg(QString::fromLatin1(tooDeep))),
+              1);
+    EXPECT_EQ(p.rightAt("e"), nullptr); // no node of it was made
+    ASSERT_TRUE(p.rightAt(deepest));
+    EXPECT_EQ(p.rightAt(deepest)->asInt(), 78);
 }
 
 TEST(Receivers, AnAttributeAnnouncedUnderARepurposedSymbolIsWatchedUnderItsOwnPath) {
