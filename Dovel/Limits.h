@@ -99,6 +99,11 @@ constexpr int MaxFileNameBytes = 4096;
 constexpr int MaxActiveDownloads = 1 << 20;
 // Most names waiting in one connection's upload queue (FileTransferHandler).
 constexpr int MaxUploadQueue = 1 << 20;
+// Bytes that may wait in a folder server's connection when its peer sends another
+// line; beyond it the peer is taken not to read and is disconnected, so that requests
+// whose answers it never reads cannot fill our memory (FolderServeConnection::parse).
+// Far above what uploads let wait (32 MiB) and a large folder's list.
+constexpr int64_t MaxUnreadReplyBytes = int64_t(256) << 20;
 // Most entries a serving peer may announce in its whole file list, over all its
 // "filelist" maps (FolderPullConnection).
 constexpr int MaxFileListEntries = 1 << 20;

@@ -2,6 +2,8 @@
 
 #include "Dovel/files/AssetBase.h"
 
+#include "Basalt/Trace.h"
+
 #include <QMap>
 
 namespace Dovel {
@@ -50,6 +52,15 @@ void FolderServeConnection::forEachListChunk(
 }
 
 bool FolderServeConnection::parse(const QString& line) {
+    const int64_t waiting = bufferedDataSize();
+    if (waiting > unreadReplyCeiling.load()) {
+        Basalt::Trace::warning("FolderServeConnection::parse # %lld bytes wait for %s:%d, which "
+                               "goes on asking without reading; disconnecting",
+                               static_cast<long long>(waiting), hostName().toUtf8().constData(),
+                               port());
+        stop();
+        return true;
+    }
     if (line == QLatin1String("sendfilesync")) {
         writeBuffer(QStringLiteral("filesync\n"), QByteArray());
         return true;

@@ -18,6 +18,8 @@
 #include <QMap>
 #include <QString>
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 
 namespace Dovel {
@@ -36,9 +38,17 @@ public:
     FolderServeConnection(Basalt::TCPSocket* socket, AssetBase& asset);
     ~FolderServeConnection() override;
 
+    // Bytes that may wait for the peer when it sends another line; beyond them it asks
+    // without reading what it asked for, and is disconnected (logged).
+    // Limits::MaxUnreadReplyBytes unless lowered, as tests do.
+    void setUnreadReplyCeiling(int64_t bytes) { unreadReplyCeiling = bytes; }
+
 protected:
     bool parse(const QString& line) override;
     void connected() override;
+
+private:
+    std::atomic<int64_t> unreadReplyCeiling{Limits::MaxUnreadReplyBytes};
 };
 
 } // namespace Dovel

@@ -11,7 +11,9 @@ FolderServer::~FolderServer() {
 }
 
 std::shared_ptr<ConnectionThread> FolderServer::createConnection(Basalt::TCPSocket* socket) {
-    return std::make_shared<FolderServeConnection>(socket, *asset_);
+    auto connection = std::make_shared<FolderServeConnection>(socket, *asset_);
+    connection->setUnreadReplyCeiling(unreadReplyCeiling.load());
+    return connection;
 }
 
 } // namespace Dovel

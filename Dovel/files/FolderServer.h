@@ -4,9 +4,12 @@
 // asset folder goes.
 #pragma once
 
+#include "Dovel/Limits.h"
 #include "Dovel/files/AssetBase.h"
 #include "Dovel/transport/ServerBase.h"
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 
 namespace Dovel {
@@ -17,12 +20,16 @@ public:
     ~FolderServer() override;
 
     AssetBase& asset() { return *asset_; }
+    // The unread bytes past which a connection made from now on ends
+    // (FolderServeConnection::setUnreadReplyCeiling); tests lower it.
+    void setUnreadReplyCeiling(int64_t bytes) { unreadReplyCeiling = bytes; }
 
 protected:
     std::shared_ptr<ConnectionThread> createConnection(Basalt::TCPSocket* socket) override;
 
 private:
     std::unique_ptr<AssetBase> asset_;
+    std::atomic<int64_t> unreadReplyCeiling{Limits::MaxUnreadReplyBytes};
 };
 
 } // namespace Dovel

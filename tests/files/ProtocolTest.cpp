@@ -131,6 +131,33 @@ TEST(FileProtocol, ServerSendsListDescriptionsAndPartsExactly) {
     EXPECT_EQ(nextLine(*peer), QByteArray("filesync"));
 }
 
+TEST(FileProtocol, APeerThatAsksAndNeverReadsIsDisconnected) {
+    QTemporaryDir folder;
+    ASSERT_TRUE(folder.isValid());
+    // A long name makes each answer long, so the answers pile up fast.
+    const QString name = QLatin1Char('/') + QString(200, 'q');
+    ASSERT_TRUE(writeFile(folder.path() + name, "abc"));
+    ServedFolder served(folder.path());
+    ASSERT_TRUE(served.isListening());
+    served.get().setUnreadReplyCeiling(1 << 20);
+    Basalt::TraceCapture capture;
+    auto peer = loggedIn(served.port());
+    ASSERT_TRUE(peer);
+    QByteArray requests;
+    for (int i = 0; i < 64; ++i)
+        requests += Dovel::FileTransferHandler::sendFileInfoLine(name);
+    // Past the socket's buffers and the ceiling, and then some; the server hangs up first.
+    int64_t sent = 0;
+    while (sent < (64 << 20) && peer->send(requests))
+        sent += requests.size();
+    EXPECT_LT(sent, 64 << 20);
+    EXPECT_TRUE(peer->waitClosed(10000));
+    EXPECT_EQ(capture.count("which goes on asking without reading; disconnecting",
+                            Basalt::Trace::Warning),
+              1)
+        << capture.dump().toStdString();
+}
+
 TEST(FileProtocol, ServerHandsOutNothingOutsideItsFolder) {
     QTemporaryDir base;
     ASSERT_TRUE(base.isValid());
