@@ -234,7 +234,8 @@ QString AssetBase::linkFreeFile(const QString& canonicalRoot, const QString& nam
 int64_t AssetBase::partCount(int64_t size, int64_t partSize) {
     if (size <= 0 || partSize <= 0)
         return 0;
-    return (size + partSize - 1) / partSize;
+    // Rounded up without adding first: a peer may announce a size near the type's top.
+    return size / partSize + (size % partSize != 0 ? 1 : 0);
 }
 
 // ---- the file list ----

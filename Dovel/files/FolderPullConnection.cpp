@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <limits>
 #include <memory>
 
 namespace Dovel {
@@ -208,7 +209,11 @@ void FolderPullConnection::compareAndRequest() {
         if (mine != local.constEnd() && mine->size == it->size && mine->md5 == it->md5)
             continue;
         pending.insert(it.key());
-        progressState.bytesToFetch += it->size;
+        // Sizes are the server's word: the sum stops at the type's top instead of wrapping.
+        progressState.bytesToFetch =
+            it->size > std::numeric_limits<int64_t>::max() - progressState.bytesToFetch
+                ? std::numeric_limits<int64_t>::max()
+                : progressState.bytesToFetch + it->size;
         requestFileInfo(it.key());
     }
     progressState.filesToFetch = pending.size();

@@ -10,6 +10,7 @@
 #include "Basalt/Condition.h"
 #include "Basalt/Trace.h"
 
+#include <limits>
 #include <thread>
 
 namespace {
@@ -33,6 +34,9 @@ TEST(FileProtocol, CommandLinesAndPartCounts) {
     EXPECT_EQ(H::announcedParts(65536), 1);
     EXPECT_EQ(H::announcedParts(65537), 2);
     EXPECT_EQ(Dovel::AssetBase::partCount(16777217, 65536), 257);
+    EXPECT_EQ(Dovel::AssetBase::partCount(std::numeric_limits<int64_t>::max(), 65536),
+              int64_t(1) << 47); // a peer's size near the top does not wrap
+    EXPECT_EQ(Dovel::AssetBase::partCount(65536, 65536), 1);
 
     EXPECT_TRUE(Dovel::AssetBase::isCarriableName("/a/b c/d.e"));
     for (const char* bad : {"a", "/a/../b", "/a..b", "//a", "/a/", "/./a", "/a:b", "/a*", "/a?",
