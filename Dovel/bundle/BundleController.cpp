@@ -360,7 +360,8 @@ void BundleController::scheduleProcess(const std::vector<Bundle>& bundles, bool 
         bytes += bundle.size();
     // The charge goes with the task: released once the batch is applied, or when the
     // task is dropped with its core.
-    addTask([bundles, batchEnds, charge = backlog->charge(bytes)](Core& c) mutable {
+    const int64_t charged = ReceiveBacklog::chargeOf(int64_t(bundles.size()), bytes);
+    addTask([bundles, batchEnds, charge = backlog->charge(charged)](Core& c) mutable {
         c.process(bundles);
         if (batchEnds && c.counters)
             c.counters->batchesApplied += 1;

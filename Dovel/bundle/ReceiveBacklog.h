@@ -13,6 +13,16 @@ namespace Dovel {
 
 class ReceiveBacklog : public std::enable_shared_from_this<ReceiveBacklog> {
 public:
+    // What a waiting batch costs beyond its bundles' bytes, charged with them, so that
+    // empty batches and header-only bundles cannot pile up for free: its task, and
+    // each bundle's own record.
+    static constexpr int64_t TaskBytes = 256;
+    static constexpr int64_t BundleBytes = 64;
+    // The charge of a batch (or piece) of `count` bundles holding `bytes` in all.
+    static constexpr int64_t chargeOf(int64_t count, int64_t bytes) {
+        return TaskBytes + count * BundleBytes + bytes;
+    }
+
     // Counts `bytes` as waiting until the last copy of the returned handle goes: when
     // the batch has been applied, or dropped with its task.
     std::shared_ptr<void> charge(int64_t bytes);

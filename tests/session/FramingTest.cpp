@@ -220,6 +220,32 @@ TEST(Framing, APeerThatStopsReadingIsDisconnectedOnceBatchesPileUp) {
     EXPECT_LE(mostWaiting, Ceiling + 2 * packet.size());
 }
 
+TEST(Framing, EmptyBatchesCountTowardsWhatWaitsForTheTreeThread) {
+    Basalt::TraceCapture trace;
+    Fixture f;
+    ASSERT_TRUE(f.connect());
+    // Each "dovel2 0" queues a task for the tree thread (which does not run here): past
+    // the limit's worth of tasks, reading stops as for bundles.
+    const int lines = int(Dovel::Limits::MaxUnappliedBatchBytes / Dovel::ReceiveBacklog::TaskBytes);
+    std::thread writer([&] {
+        QByteArray many;
+        for (int i = 0; i < lines + 1000; ++i)
+            many += "dovel2 0\n";
+        f.peer->send(many);
+    });
+    EXPECT_TRUE(waitUntil([&] { return trace.contains("reading from 127.0.0.1"); }, 30000));
+    EXPECT_GT(f.controller->receiveBacklog().bytes(), Dovel::Limits::MaxUnappliedBatchBytes);
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            f.controller->update();
+            return f.counters->batchesReceived.load() == uint64_t(lines + 1000) &&
+                   f.controller->receiveBacklog().bytes() == 0;
+        },
+        30000));
+    writer.join();
+    EXPECT_TRUE(f.connection->isConnected());
+}
+
 TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
     Basalt::TraceCapture trace;
     Fixture f;
@@ -229,6 +255,7 @@ TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
     QByteArray bundle = QByteArray::fromHex("00008000 07000000 01000000 00000000");
     bundle.append(QByteArray(Payload, '\0'));
     const int64_t bundleBytes = bundle.size();
+    const int64_t twoBundles = Dovel::ReceiveBacklog::chargeOf(2, 2 * bundleBytes);
     const Dovel::ReceiveBacklog& backlog = f.controller->receiveBacklog();
 
     const auto dispatched = [&] {
@@ -239,7 +266,7 @@ TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
     // has come; the batch counts as applied after its last piece. (A piece is charged to
     // the backlog just before its task is queued: updates are repeated until it ran.)
     ASSERT_TRUE(f.peer->send("dovel2 3\n" + bundle + bundle));
-    EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == 2 * bundleBytes; }));
+    EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == twoBundles; }));
     EXPECT_EQ(f.counters->batchesReceived.load(), 1u);
     EXPECT_TRUE(waitUntil([&] {
         f.controller->update();
@@ -256,7 +283,7 @@ TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
 
     // The same again, left waiting.
     ASSERT_TRUE(f.peer->send("dovel2 3\n" + bundle + bundle));
-    EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == 2 * bundleBytes; }));
+    EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == twoBundles; }));
     EXPECT_EQ(f.counters->batchesReceived.load(), 2u);
 
     // The third, then a batch of sixteen: reading stops once more than the limit waits
@@ -273,7 +300,7 @@ TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
     ASSERT_TRUE(waitUntil([&] { return trace.contains("reading from 127.0.0.1"); }));
     const int64_t held = backlog.bytes();
     EXPECT_GT(held, Dovel::Limits::MaxUnappliedBatchBytes);
-    EXPECT_LE(held, Dovel::Limits::MaxUnappliedBatchBytes + 2 * bundleBytes);
+    EXPECT_LE(held, Dovel::Limits::MaxUnappliedBatchBytes + twoBundles);
     EXPECT_FALSE(sent.load());
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(backlog.bytes(), held);
