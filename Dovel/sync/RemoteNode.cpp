@@ -381,14 +381,17 @@ void RemoteNode::beginSlicedEvent(Basalt::BinaryData& data, long senderKey) {
         return;
     }
     // What the record may come to hold: the joined event, and the bookkeeping of every
-    // slice kept until then (a peer could otherwise send one-byte slices).
-    const bool sane = slice > 0 && total > 0 && total <= Limits::MaxSlicedEventBytes;
+    // slice kept until then (a peer could otherwise send one-byte slices). Its name is
+    // held to a name's limit instead of being charged.
+    const bool sane = slice > 0 && total > 0 && total <= Limits::MaxSlicedEventBytes &&
+                      name.size() <= Limits::MaxPeerNameBytes;
     const int64_t sliceCount = sane ? (total + slice - 1) / slice : 0;
     const int64_t charge = total + sliceCount * Limits::SliceBookkeepingBytes;
     if (!sane || charge > Limits::MaxSliceReassemblyBytes) {
         Basalt::Trace::error("RemoteNode::handleRemoteEvent # Refused event-slice-begin of '%s' "
                              "(slice size %d, total %lld)",
-                             name.constData(), slice, static_cast<long long>(total));
+                             name.left(Limits::MaxPeerNameBytes).constData(), slice,
+                             static_cast<long long>(total));
         return;
     }
     const SliceKey key{uint32_t(senderKey), uint32_t(id)};

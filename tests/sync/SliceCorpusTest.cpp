@@ -208,6 +208,12 @@ TEST(SliceCorpus, UnfinishedEventsMakeRoomOldestFirst) {
     EXPECT_EQ(fresh.sliceReassemblyCount(), 2);
     beginBig(11, 64, largest);
     EXPECT_EQ(fresh.sliceReassemblyCount(), 1);
+    // So is a name longer than any name a peer may define.
+    const QByteArray longName(Dovel::Limits::MaxPeerNameBytes + 1, 'n');
+    BinaryData named = SyncTest::sliceBegin(13, longName, 64, 64);
+    fresh.handleRemoteEvent("event-slice-begin", named, 1);
+    EXPECT_EQ(trace.count("Refused event-slice-begin of '" + longName.left(80)), 1);
+    EXPECT_EQ(fresh.sliceReassemblyCount(), 1);
     // A total far beyond any limit is refused before anything is computed from it.
     beginBig(12, 1, std::numeric_limits<int64_t>::max());
     EXPECT_EQ(trace.count("Refused event-slice-begin of 'big' (slice size 1, total "
