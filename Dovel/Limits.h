@@ -58,6 +58,10 @@ constexpr int64_t BackPressureBytes = int64_t(4) << 20;
 // still applies (NodeChangeSender::eventsPiledUp).
 constexpr int64_t MaxHeldEventBytes = int64_t(64) << 20;
 
+// Most unknown message types a session remembers (and reports) for the peer's bundles;
+// bundles of further unknown types are dropped without either, so that a peer naming
+// ever new types cannot grow the table (BundleDispatcher::dispatchBundle).
+constexpr int MaxUnknownBundleTypes = 1024;
 // Most symbol definitions a peer may make in one session's receive-side registry
 // (SymbolRegistryReceiver::handleBundle): one per attribute or event name the peer
 // announces, each 25-65 bytes of table beside its name, so at most about 250 MB of

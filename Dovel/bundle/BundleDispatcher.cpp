@@ -1,5 +1,6 @@
 #include "Dovel/bundle/BundleDispatcher.h"
 
+#include "Dovel/Limits.h"
 #include "Dovel/bundle/BundleOutput.h"
 #include "Dovel/bundle/HandshakeReceiver.h"
 #include "Dovel/bundle/HandshakeSender.h"
@@ -51,9 +52,16 @@ void BundleDispatcher::dispatchBundle(BundleReader& reader) {
     const uint32_t type = bundle.messageType();
     auto it = receivers.find(type);
     if (it == receivers.end()) {
+        // Past the limit, a peer naming ever new types would grow the table without end:
+        // their bundles are dropped unremembered, and unlogged as after the first.
+        if (unknownTypes >= Limits::MaxUnknownBundleTypes) {
+            lastReceived = bundle.sequenceNumber();
+            return;
+        }
         Basalt::Trace::warning("BundleDispatcher::dispatchBundle # Unknown bundle type %u", type);
         // Later bundles of this type are dropped without a message.
         it = receivers.emplace(type, nullptr).first;
+        ++unknownTypes;
     }
     // Hold the receiver: a handshake bundle may bind modules while it runs.
     if (const std::shared_ptr<BundleReceiver> receiver = it->second)

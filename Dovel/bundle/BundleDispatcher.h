@@ -60,6 +60,7 @@ private:
     std::vector<std::shared_ptr<BundleReceiver>> modules;
     // Incoming number to bound receiver; null for an unknown type already reported.
     std::map<uint32_t, std::shared_ptr<BundleReceiver>> receivers;
+    int unknownTypes = 0; // null entries of `receivers` made for unknown types
     // In the order added; the handshake sender first.
     std::vector<std::shared_ptr<BundleSender>> senders;
     uint32_t sequence = 1;

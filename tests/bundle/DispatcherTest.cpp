@@ -2,6 +2,7 @@
 // back to back.
 #include "BundleTestUtil.h"
 
+#include "Dovel/Limits.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
 #include "Basalt/SymbolRegistry.h"
@@ -68,6 +69,20 @@ TEST(Dispatcher, UnknownTypesAndLastReceived) {
     const std::vector<Bundle> out = pass(d);
     ASSERT_FALSE(out.empty());
     EXPECT_EQ(out[0].headerWord(3), 8u);
+}
+
+TEST(Dispatcher, UnknownTypesAreRememberedUpToALimit) {
+    Basalt::TraceCapture capture;
+    BundleDispatcher d;
+    const uint32_t first = 1000; // above every type a session binds
+    const uint32_t limit = uint32_t(Limits::MaxUnknownBundleTypes);
+    for (uint32_t i = 0; i < limit + 5; ++i)
+        dispatch(d, Bundle(packet(first + i, i + 1, 0, {})));
+    EXPECT_EQ(capture.count("BundleDispatcher::dispatchBundle # Unknown bundle type",
+                            Basalt::Trace::Warning),
+              int(limit));
+    EXPECT_EQ(capture.count(QStringLiteral("Unknown bundle type %1").arg(first + limit)), 0);
+    EXPECT_EQ(d.lastReceivedSequence(), limit + 5); // dropped bundles still count
 }
 
 TEST(Dispatcher, LoadModuleReplies) {
