@@ -15,9 +15,9 @@ namespace Dovel {
 class SymbolRegistryReceiver : public BundleReceiver {
 public:
     // `maxSymbols` bounds the definitions that change the registry (new pairs and
-    // rebindings); only tests pass another value. Names that
-    // `localNames` (this side's registry, when given) already holds are stored sharing
-    // its bytes: the peer names nearly every path that this side has.
+    // rebindings); only tests pass another value. Names that `localNames` (this side's
+    // registry, when given) already holds are stored sharing its bytes: the peer names
+    // nearly every path that this side has.
     explicit SymbolRegistryReceiver(Basalt::SymbolRegistry& registry,
                                     int maxSymbols = Limits::MaxPeerSymbols,
                                     const Basalt::SymbolRegistry* localNames = nullptr);

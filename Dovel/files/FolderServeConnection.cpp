@@ -8,8 +8,9 @@
 
 namespace Dovel {
 
-FolderServeConnection::FolderServeConnection(Basalt::TCPSocket* socket, AssetBase& asset)
-    : FileTransferHandler(socket, true, asset) {}
+FolderServeConnection::FolderServeConnection(Basalt::TCPSocket* socket, AssetBase& asset,
+                                             int64_t unreadReplyCeiling)
+    : FileTransferHandler(socket, true, asset), unreadReplyCeiling(unreadReplyCeiling) {}
 
 FolderServeConnection::~FolderServeConnection() {
     shutdown();
@@ -53,7 +54,7 @@ void FolderServeConnection::forEachListChunk(
 
 bool FolderServeConnection::parse(const QString& line) {
     const int64_t waiting = bufferedDataSize();
-    if (waiting > unreadReplyCeiling.load()) {
+    if (waiting > unreadReplyCeiling) {
         Basalt::Trace::warning("FolderServeConnection::parse # %lld bytes wait for %s:%d, which "
                                "goes on asking without reading; disconnecting",
                                static_cast<long long>(waiting), hostName().toUtf8().constData(),

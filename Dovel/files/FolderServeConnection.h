@@ -18,7 +18,6 @@
 #include <QMap>
 #include <QString>
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 
@@ -35,20 +34,19 @@ public:
     static void forEachListChunk(const AssetBase::FileList& list,
                                  const std::function<void(const QMap<QString, QString>&)>& send);
 
-    FolderServeConnection(Basalt::TCPSocket* socket, AssetBase& asset);
+    // `unreadReplyCeiling`: bytes that may wait for the peer when it sends another line;
+    // beyond them it asks without reading what it asked for, and is disconnected
+    // (logged). Only tests lower it.
+    FolderServeConnection(Basalt::TCPSocket* socket, AssetBase& asset,
+                          int64_t unreadReplyCeiling = Limits::MaxUnreadReplyBytes);
     ~FolderServeConnection() override;
-
-    // Bytes that may wait for the peer when it sends another line; beyond them it asks
-    // without reading what it asked for, and is disconnected (logged).
-    // Limits::MaxUnreadReplyBytes unless lowered, as tests do.
-    void setUnreadReplyCeiling(int64_t bytes) { unreadReplyCeiling = bytes; }
 
 protected:
     bool parse(const QString& line) override;
     void connected() override;
 
 private:
-    std::atomic<int64_t> unreadReplyCeiling{Limits::MaxUnreadReplyBytes};
+    const int64_t unreadReplyCeiling;
 };
 
 } // namespace Dovel

@@ -11,9 +11,7 @@ FolderServer::~FolderServer() {
 }
 
 std::shared_ptr<ConnectionThread> FolderServer::createConnection(Basalt::TCPSocket* socket) {
-    auto connection = std::make_shared<FolderServeConnection>(socket, *asset_);
-    connection->setUnreadReplyCeiling(unreadReplyCeiling.load());
-    return connection;
+    return std::make_shared<FolderServeConnection>(socket, *asset_, unreadReplyCeiling.load());
 }
 
 } // namespace Dovel

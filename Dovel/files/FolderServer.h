@@ -21,7 +21,7 @@ public:
 
     AssetBase& asset() { return *asset_; }
     // The unread bytes past which a connection made from now on ends
-    // (FolderServeConnection::setUnreadReplyCeiling); tests lower it.
+    // (see FolderServeConnection); tests lower it.
     void setUnreadReplyCeiling(int64_t bytes) { unreadReplyCeiling = bytes; }
 
 protected:
