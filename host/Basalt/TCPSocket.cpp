@@ -201,6 +201,20 @@ bool TCPSocket::close() {
     return true;
 }
 
+bool TCPSocket::setKeepAlive(int idleSeconds, int intervalSeconds, int probes) {
+    const int s = fd.load();
+    if (s < 0 || !open_.load())
+        return false;
+    const int on = 1;
+    const int idle = std::max(1, idleSeconds);
+    const int interval = std::max(1, intervalSeconds);
+    const int count = std::max(1, probes);
+    return ::setsockopt(s, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) == 0 &&
+           ::setsockopt(s, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle) == 0 &&
+           ::setsockopt(s, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval) == 0 &&
+           ::setsockopt(s, IPPROTO_TCP, TCP_KEEPCNT, &count, sizeof count) == 0;
+}
+
 int TCPSocket::localPort() const {
     sockaddr_in address;
     socklen_t length = sizeof address;

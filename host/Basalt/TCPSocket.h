@@ -45,6 +45,11 @@ public:
     // Shuts the connection down so that blocked calls return; the descriptor itself is
     // released by the destructor or the next open(). True when it was open.
     bool close();
+    // Has the system probe an idle connection: after `idleSeconds` without traffic, a
+    // probe every `intervalSeconds`, and the connection fails after `probes` unanswered
+    // ones, so that a peer that vanished is noticed even when nothing is being sent.
+    // False when the socket is not open or the system refuses.
+    bool setKeepAlive(int idleSeconds, int intervalSeconds, int probes);
 
     // Bytes actually read and written since construction.
     unsigned long rxBytes() const { return rx.load(); }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,12 +31,27 @@ Trace::Level levelFromEnvironment() {
     return Trace::Warning;
 }
 
+using Clock = std::chrono::steady_clock;
+
+// How often one format reached standard error in the current second.
+struct Repeats {
+    const char* format = nullptr;
+    Trace::Level level = Trace::Warning;
+    Clock::time_point since;
+    int printed = 0;
+    long long leftOut = 0;
+};
+
+// Most formats whose repeats are counted at once; beyond it, quiet ones are dropped.
+constexpr size_t MaxCountedFormats = 256;
+
 // Process-wide logging state. Deliberately never destroyed: lines may be logged from
 // static destructors and from threads that outlive main().
 struct TraceState {
     std::atomic<int> threshold{levelFromEnvironment()};
-    std::mutex mutex; // guards captures and serialises stderr lines
+    std::mutex mutex; // guards captures and repeats and serialises stderr lines
     std::vector<TraceCapture*> captures;
+    std::vector<Repeats> repeats;
 };
 
 TraceState& state() {
@@ -59,6 +75,64 @@ QByteArray format(const char* fmt, va_list args) {
     return big;
 }
 
+void writeLine(Trace::Level level, const QByteArray& text) {
+    const QByteArray line = QByteArray("[") + Trace::levelName(level) + "] " + text + "\n";
+    std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
+}
+
+// "16,380"
+QByteArray grouped(long long count) {
+    QByteArray digits = QByteArray::number(count);
+    for (int at = digits.size() - 3; at > 0; at -= 3)
+        digits.insert(at, ',');
+    return digits;
+}
+
+// Writes the count of the lines each format left out in a second that is over.
+void reportLeftOut(TraceState& s, Clock::time_point now) {
+    for (Repeats& r : s.repeats) {
+        if (r.leftOut == 0 || now - r.since < std::chrono::seconds(1))
+            continue;
+        const char* conversion = std::strchr(r.format, '%');
+        const QByteArray fixed = conversion
+                                     ? QByteArray(r.format, int(conversion - r.format)) + "..."
+                                     : QByteArray(r.format);
+        writeLine(r.level,
+                  fixed + " (" + grouped(r.leftOut) + " more like this in the last second)");
+        r.leftOut = 0;
+    }
+}
+
+// Whether a line of `fmt` may go to standard error now; counts it either way.
+bool mayRepeat(TraceState& s, Trace::Level level, const char* fmt, Clock::time_point now) {
+    auto found = std::find_if(s.repeats.begin(), s.repeats.end(),
+                              [fmt](const Repeats& r) { return r.format == fmt; });
+    if (found == s.repeats.end()) {
+        if (s.repeats.size() >= MaxCountedFormats)
+            s.repeats.erase(std::remove_if(s.repeats.begin(), s.repeats.end(),
+                                           [now](const Repeats& r) {
+                                               return r.leftOut == 0 &&
+                                                      now - r.since >= std::chrono::seconds(1);
+                                           }),
+                            s.repeats.end());
+        if (s.repeats.size() >= MaxCountedFormats)
+            return true; // too many formats at once to count: let them through
+        s.repeats.push_back(Repeats{fmt, level, now, 0, 0});
+        found = s.repeats.end() - 1;
+    }
+    if (now - found->since >= std::chrono::seconds(1)) {
+        found->since = now;
+        found->printed = 0;
+    }
+    found->level = level;
+    if (found->printed < Trace::MaxRepeatsPerSecond) {
+        ++found->printed;
+        return true;
+    }
+    ++found->leftOut;
+    return false;
+}
+
 } // namespace
 
 void Trace::log(Level level, const char* fmt, va_list args) {
@@ -73,8 +147,10 @@ void Trace::log(Level level, const char* fmt, va_list args) {
     const bool toStderr = level >= s.threshold.load(std::memory_order_relaxed);
     std::lock_guard<std::mutex> lock(s.mutex);
     if (toStderr) {
-        const QByteArray line = QByteArray("[") + levelName(level) + "] " + text + "\n";
-        std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
+        const Clock::time_point now = Clock::now();
+        reportLeftOut(s, now);
+        if (mayRepeat(s, level, fmt, now))
+            writeLine(level, text);
     }
     if (!s.captures.empty()) {
         const QString decoded = QString::fromUtf8(text);

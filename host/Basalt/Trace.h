@@ -2,8 +2,12 @@
 //
 // Lines go to standard error when their level passes the threshold, which the
 // environment variable DOVEL_LOG sets ("debug", "info", "warning", "error" or "off";
-// "warning" when unset). A TraceCapture collects every line of every level, whatever
-// the threshold, so that tests can assert on what the code logged.
+// "warning" when unset). Lines of one format reach standard error at most
+// MaxRepeatsPerSecond times a second; the rest are counted, and the count follows as
+// one line ("... N more like this in the last second"), so that a peer repeating a
+// fault cannot flood (or, with a full pipe, stall) the process. A TraceCapture collects
+// every line of every level, whatever the threshold and the repeats, so that tests can
+// assert on what the code logged.
 #pragma once
 
 #include <QByteArray>
@@ -31,6 +35,8 @@ public:
     static void setThreshold(Level level);
 
     static const char* levelName(Level level);
+
+    static constexpr int MaxRepeatsPerSecond = 5;
 };
 
 // One captured line.
