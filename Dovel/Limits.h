@@ -19,6 +19,15 @@ constexpr int MaxMapBlockBytes = 16 << 20;
 // and skip): one bundle or one file part.
 constexpr int MaxReadBytes = 128 << 20;
 
+// Connections whose login is under way at once on one server; each holds a thread
+// while it waits for the peer. A new one beyond it closes the oldest of the address
+// with the most (Admission), so that connections that never log in cost a bounded
+// number of threads and cannot lock real clients out.
+constexpr int MaxPendingLogins = 64;
+// Peer addresses a server keeps counts and failed logins for; beyond it those without
+// a connection are forgotten (Admission).
+constexpr int MaxTrackedPeerAddresses = 4096;
+
 // Largest bundle payload a peer may announce in a bundle header; a larger one
 // disconnects before anything is set aside for it (processDovel2).
 constexpr int MaxBundlePayloadBytes = 64 << 20;

@@ -188,7 +188,7 @@ inline QByteArray clientLogin(int fd, int version, const Deadline& deadline) {
         return QByteArray();
     QCryptographicHash hash(QCryptographicHash::Md5);
     hash.addData(challenge.left(32));
-    hash.addData(Dovel::ConnectionThread::loginKey());
+    hash.addData(Dovel::ConnectionThread::DefaultLoginKey);
     hash.addData(challenge.mid(32));
     QByteArray out = version == 0 ? QByteArray() : versionLine(version);
     return out + "pavro\n" + hash.result();

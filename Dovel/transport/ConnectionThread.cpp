@@ -5,14 +5,13 @@
 #include "Dovel/transport/MapBlock.h"
 
 #include "Basalt/Trace.h"
-#include "Quant/RandomUniform.h"
 
 #include <QCryptographicHash>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 
 namespace Dovel {
 
@@ -29,16 +28,6 @@ constexpr int ReadSlice = 65536;
 // bytes that actually arrive, not the size the peer announced.
 constexpr int ReadGrowth = 1 << 20;
 constexpr double RetrySeconds = 3.0;
-
-struct LoginKeyStore {
-    std::mutex mutex;
-    QByteArray key = QByteArray(ConnectionThread::DefaultLoginKey);
-};
-
-LoginKeyStore& loginKeyStore() {
-    static LoginKeyStore store;
-    return store;
-}
 
 QString greeting() {
     return QStringLiteral("Heliotrope ") + QString::fromUtf8(version());
@@ -71,6 +60,17 @@ QByteArray loginDigest(const QByteArray& challenge, const QByteArray& key) {
     hash.addData(key);
     hash.addData(challenge.mid(ChallengeSize / 2, ChallengeSize / 2));
     return hash.result();
+}
+
+// Compares in a time that does not depend on where the bytes differ, so that an
+// observer of the answer's timing learns nothing about a proof.
+bool sameBytes(const QByteArray& a, const QByteArray& b) {
+    if (a.size() != b.size())
+        return false;
+    unsigned char difference = 0;
+    for (int i = 0; i < a.size(); ++i)
+        difference |= static_cast<unsigned char>(a[i] ^ b[i]);
+    return difference == 0;
 }
 
 // "ping" or "ping <payload>" (and the same for "pong"), on the raw bytes of a line.
@@ -117,15 +117,13 @@ void ConnectionThread::shutdown() {
 }
 
 void ConnectionThread::setLoginKey(const QByteArray& key) {
-    LoginKeyStore& store = loginKeyStore();
-    std::lock_guard<std::mutex> lock(store.mutex);
-    store.key = key;
+    Basalt::Guard guard(stateMutex);
+    loginKey_ = key.isEmpty() ? QByteArray(DefaultLoginKey) : key;
 }
 
-QByteArray ConnectionThread::loginKey() {
-    LoginKeyStore& store = loginKeyStore();
-    std::lock_guard<std::mutex> lock(store.mutex);
-    return store.key;
+QByteArray ConnectionThread::loginKey() const {
+    Basalt::Guard guard(stateMutex);
+    return loginKey_;
 }
 
 void ConnectionThread::connectToHost(const QString& host, int port) {
@@ -289,39 +287,47 @@ bool ConnectionThread::handshake() {
 }
 
 bool ConnectionThread::serverHandshake() {
-    const uint64_t x = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(this)) ^
-                       static_cast<uint64_t>(Basalt::TimeStamp::currentTime().value());
-    Quant::RandomUniform random(static_cast<uint32_t>((x >> 32) ^ x));
+    // From the system's cryptographic source: a challenge an observer could predict
+    // would let a recorded proof be replayed.
     QByteArray challenge(ChallengeSize, '\0');
-    for (int i = 0; i < ChallengeSize; ++i)
-        challenge[i] = static_cast<char>(random.rand0X(255));
+    QRandomGenerator::system()->fillRange(reinterpret_cast<quint32*>(challenge.data()),
+                                          ChallengeSize / int(sizeof(quint32)));
     const QByteArray expected = loginDigest(challenge, loginKey());
 
     if (!puts(greeting()) || !writeData(challenge.constData(), ChallengeSize))
         return false;
 
     QString user = line();
+    if (user.isEmpty())
+        return false; // the peer stalled or went away: no answer
     if (user == UserName) {
         // An old client sends no version line.
         setRemoteVersion(1, 9, 0, QString());
     } else {
         PeerVersion peer;
-        if (!parseGreeting(user, peer)) {
-            puts(WrongLogin);
-            return false;
-        }
+        if (!parseGreeting(user, peer))
+            return refuseLogin();
         setRemoteVersion(peer.major, peer.minor, peer.patch, peer.suffix);
         user = line();
     }
 
     const QByteArray proof = readData(DigestSize);
-    if (user == UserName && proof == expected) {
+    if (proof.size() != DigestSize)
+        return false;
+    if (sameBytes(user.toUtf8(), UserName.toUtf8()) & sameBytes(proof, expected)) {
         {
             Basalt::Guard guard(stateMutex);
             userName = user;
         }
         return puts(QStringLiteral("ok"));
     }
+    return refuseLogin();
+}
+
+bool ConnectionThread::refuseLogin() {
+    // Before the answer: a peer that reconnects at once must find the refusal counted.
+    if (loginRefusedHook)
+        loginRefusedHook();
     puts(WrongLogin);
     return false;
 }
@@ -358,14 +364,56 @@ bool ConnectionThread::clientHandshake() {
     return true;
 }
 
+bool ConnectionThread::waitLoginDelay() {
+    const double delay = loginDelay.load();
+    if (delay <= 0.0)
+        return !stopping.load();
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                         std::chrono::duration<double>(delay));
+    Basalt::Guard guard(retryMutex);
+    while (!stopping.load()) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              end - std::chrono::steady_clock::now())
+                              .count();
+        if (left <= 0)
+            return true;
+        retryCondition.wait(retryMutex, static_cast<unsigned long>(left) + 1);
+    }
+    return false;
+}
+
+bool ConnectionThread::awaitLoginInput() {
+    if (!loginBounded())
+        return true;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          loginDeadline - std::chrono::steady_clock::now())
+                          .count();
+    Basalt::TCPSocket* s = socket();
+    if (s && left > 0 && s->isPendingInput(static_cast<unsigned int>(left)))
+        return true;
+    if (!loginTimedOut && !stopping.load()) {
+        loginTimedOut = true;
+        Basalt::Trace::warning("ConnectionThread::handshake # No login from %s:%d within %g s, "
+                               "closing",
+                               hostName().toUtf8().constData(), port(), timeoutSeconds());
+    }
+    return false;
+}
+
 void ConnectionThread::handleConnection() {
-    updateLastPacketTimestamp();
     pongReceived.store(false); // a new peer has not answered a ping yet
-    bool shaken;
-    {
+    bool shaken = serverSide ? waitLoginDelay() : !stopping.load();
+    updateLastPacketTimestamp();
+    if (shaken) {
+        loginTimedOut = false;
+        loginDeadline = std::chrono::steady_clock::now() +
+                        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                            std::chrono::duration<double>(timeoutSeconds()));
         Basalt::Guard guard(writeMutex_);
         shaken = handshake();
     }
+    loginDeadline = std::chrono::steady_clock::time_point();
     if (!shaken) {
         Basalt::Trace::warning("Handshake failed, closing connection");
         closeSocket();
@@ -375,6 +423,12 @@ void ConnectionThread::handleConnection() {
         return;
     }
 
+    // A peer that never answers a ping would otherwise never be found gone: the system
+    // probes the idle connection instead, at about the connection's time-out.
+    if (Basalt::TCPSocket* s = socket()) {
+        const int seconds = std::max(1, int(timeoutSeconds()));
+        s->setKeepAlive(seconds, std::max(1, seconds / 3), 3);
+    }
     connected_.store(true);
     connected();
     writer->start();
@@ -504,7 +558,7 @@ bool ConnectionThread::puts(const QString& text) {
 
 bool ConnectionThread::fillReceiveBuffer() {
     Basalt::TCPSocket* s = socket();
-    if (!s)
+    if (!s || !awaitLoginInput())
         return false;
     const int n = s->read(receiveBuffer.data(), static_cast<int>(receiveBuffer.size()), false);
     if (n <= 0)
@@ -558,12 +612,16 @@ bool ConnectionThread::readExact(char* dst, int size, int& got) {
         if (!s)
             return false;
         const int slice = std::min(size - got, ReadSlice);
-        const int n = s->read(dst + got, slice, true);
+        // During a login each read waits no longer than the login may take.
+        const bool bounded = loginBounded();
+        if (bounded && !awaitLoginInput())
+            return false;
+        const int n = s->read(dst + got, slice, !bounded);
         if (n > 0) {
             got += n;
             updateLastPacketTimestamp();
         }
-        if (n != slice)
+        if (bounded ? n <= 0 : n != slice)
             return false;
     }
     return true;

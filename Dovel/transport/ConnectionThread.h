@@ -34,7 +34,9 @@
 #include <QString>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -52,10 +54,19 @@ public:
     ConnectionThread(Basalt::TCPSocket* socket, bool serverSide);
     ~ConnectionThread() override;
 
-    // The login key of every connection in the process; both ends must use the same.
-    // Thread-safe; affects handshakes that start afterwards.
-    static void setLoginKey(const QByteArray& key);
-    static QByteArray loginKey();
+    // The secret both ends of a login hold; DefaultLoginKey unless set. The login proves
+    // it without sending it (an MD5 over a random challenge and the key), which keeps
+    // it off the wire but encrypts nothing. Thread-safe; affects handshakes that start
+    // afterwards. An empty key restores the default.
+    void setLoginKey(const QByteArray& key);
+    QByteArray loginKey() const;
+    // Server side: waits this long before the greeting (a back-off after failed
+    // logins from the peer's address); stop() ends the wait. Set before the thread runs.
+    void setLoginDelay(double seconds) { loginDelay.store(seconds); }
+    // Server side: called on the connection's thread when a login is refused because
+    // the peer's user name or proof is wrong (not when it stalls or goes away), before
+    // the peer is told. Set before the thread runs.
+    void setLoginRefusedHook(std::function<void()> hook) { loginRefusedHook = std::move(hook); }
 
     // Client: connects (and keeps reconnecting) to host:port. Restarts a stopped client;
     // breaks the current connection of a running one so that it moves to the new address.
@@ -160,7 +171,16 @@ private:
     friend class WriterThread;
 
     bool serverHandshake();
+    // Tells the hook and then the peer that its login is refused; returns false.
+    bool refuseLogin();
     bool clientHandshake();
+    // The pause before a server's greeting; false when the connection was stopped.
+    bool waitLoginDelay();
+    // While a login runs, every read waits at most until its deadline (the
+    // connection's time-out from the start of the login); false (logged once) when it
+    // has passed.
+    bool awaitLoginInput();
+    bool loginBounded() const { return loginDeadline != std::chrono::steady_clock::time_point(); }
     // Ends the connection after a failed read or write: the writer stops, running clears.
     void failConnection();
     // As failConnection, after logging that the peer broke a size limit.
@@ -188,6 +208,7 @@ private:
     int remotePatch = 0;
     QString remoteSuffix;
     QString userName;
+    QByteArray loginKey_{DefaultLoginKey};
 
     Basalt::Mutex writeMutex_;
     // The pause between client attempts; connectToHost and stop end it early.
@@ -208,6 +229,12 @@ private:
     std::atomic<bool> pongReceived{false};
     std::atomic<bool> usePing_{true};
     std::atomic<double> timeout{10.0};
+    std::atomic<double> loginDelay{0.0};
+    std::function<void()> loginRefusedHook;
+    // The connection's own thread only: the end of the login under way (none outside
+    // a login), and whether its passing was logged.
+    std::chrono::steady_clock::time_point loginDeadline;
+    bool loginTimedOut = false;
 
     // Bytes received but not yet consumed; touched only by the connection's own thread.
     std::vector<char> receiveBuffer;

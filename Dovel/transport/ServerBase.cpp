@@ -7,6 +7,8 @@
 #include "Basalt/TimeStamp.h"
 #include "Basalt/Trace.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 
 namespace Dovel {
@@ -15,7 +17,9 @@ namespace {
 
 constexpr double ListenRetrySeconds = 5.0;
 constexpr unsigned int AcceptWaitMs = 50000;
-constexpr int ListenBacklog = 2;
+// The system's usual queue of connections not yet accepted: many clients that
+// connect at once wait in it instead of being refused.
+constexpr int ListenBacklog = SOMAXCONN;
 
 } // namespace
 
@@ -60,6 +64,11 @@ void ServerBase::setAutoFirewallRules(bool enable, const QString& ruleName) {
     Basalt::Guard guard(listenMutex);
     autoFirewallRules = enable;
     firewallRuleName = ruleName;
+}
+
+void ServerBase::setLoginKey(const QByteArray& key) {
+    Basalt::Guard guard(listenMutex);
+    loginKey = key;
 }
 
 QString ServerBase::host() const {
@@ -221,25 +230,46 @@ void ServerBase::accept() {
         Basalt::TCPSocket* socket = serverSocket.accept();
         if (!socket)
             continue;
+        const QString address = socket->peerAddress();
+        const Admission::Ticket ticket = admission_.admit(address, socket->peerPort());
+        if (ticket.evicted)
+            ticket.evicted->stop();
+        if (!ticket.admitted) {
+            delete socket;
+            continue;
+        }
+        // A login holds a thread: one closed to make room ends before the next starts.
+        admission_.waitForLoginRoom(2000);
         std::shared_ptr<ConnectionThread> connection = createConnection(socket);
         if (!connection) {
             delete socket;
             continue;
         }
+        {
+            Basalt::Guard guard(listenMutex);
+            connection->setLoginKey(loginKey);
+        }
+        connection->setLoginDelay(ticket.loginDelaySeconds);
+        admission_.track(connection, address);
+        const ConnectionThread* const tracked = connection.get();
+        connection->setLoginRefusedHook([this, tracked] { admission_.loginFailed(tracked); });
         // Listeners hold the connection weakly: it owns them, so a strong reference
         // would keep it alive for ever.
         const std::weak_ptr<ConnectionThread> weak = connection;
         connection->eventAddListener(
             QByteArrayLiteral("connected"),
             [this, weak] {
-                if (std::shared_ptr<ConnectionThread> c = weak.lock())
+                if (std::shared_ptr<ConnectionThread> c = weak.lock()) {
+                    admission_.loggedIn(c.get());
                     connected(c);
+                }
             },
             Tessel::Node::Direct);
         connection->eventAddListener(
             QByteArrayLiteral("disconnected"),
             [this, weak] {
                 if (std::shared_ptr<ConnectionThread> c = weak.lock()) {
+                    admission_.ended(c.get());
                     disconnected(c);
                     removeInstance(c);
                 }
@@ -249,8 +279,10 @@ void ServerBase::accept() {
         connection->eventAddListener(
             QByteArrayLiteral("handshake-failed"),
             [this, weak] {
-                if (std::shared_ptr<ConnectionThread> c = weak.lock())
+                if (std::shared_ptr<ConnectionThread> c = weak.lock()) {
+                    admission_.ended(c.get());
                     removeInstance(c);
+                }
             },
             Tessel::Node::Direct);
         Basalt::Guard guard(instancesMutex);

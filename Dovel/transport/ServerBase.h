@@ -1,7 +1,9 @@
 // A listening TCP server: accepts peers on its own thread, turns each accepted socket
 // into a running ConnectionThread made by the subclass, keeps the list of live
 // connections and retires ended ones on the background task thread, so that joining a
-// connection's thread never blocks the accept loop.
+// connection's thread never blocks the accept loop. Who gets in is its Admission's to
+// say (allowed networks, caps, logins under way, back-off after failed logins); every
+// connection logs in with the server's key within its time-out.
 //
 // Threads: the accept loop runs on the server's thread; connected, disconnected and
 // removeInstance run on the connections' threads, removedInstance on a background
@@ -9,6 +11,8 @@
 // `instancesMutex`. A subclass's destructor calls shutdown() first, so that no hook
 // runs on a half-destroyed object.
 #pragma once
+
+#include "Dovel/transport/Admission.h"
 
 #include "Basalt/Condition.h"
 #include "Basalt/Mutex.h"
@@ -42,6 +46,12 @@ public:
     bool waitListening(int ms);
     // Opens the port in the platform's firewall before every listening attempt.
     void setAutoFirewallRules(bool enable, const QString& ruleName);
+    // The key of the logins of connections accepted from now on (see
+    // ConnectionThread::setLoginKey); empty: the default key.
+    void setLoginKey(const QByteArray& key);
+    // Who may connect, and how many; for connections accepted from now on.
+    void setAdmissionRules(const AdmissionRules& rules) { admission_.setRules(rules); }
+    const Admission& admission() const { return admission_; }
 
     QString host() const;
     // The port given to run, or the one actually bound once listening.
@@ -94,6 +104,8 @@ private:
     Basalt::Condition removalDone;
     bool autoFirewallRules = false; // guarded by listenMutex, like the rule name
     QString firewallRuleName;
+    QByteArray loginKey; // guarded by listenMutex
+    Admission admission_;
     QList<std::shared_ptr<Basalt::Task>> removalTasks;
 };
 

@@ -163,20 +163,25 @@ TEST(Handshake, ServerAnswersWrongLogin) {
 }
 
 TEST(Handshake, ApplicationLoginKeyIsUsedByBothEnds) {
-    Dovel::ConnectionThread::setLoginKey("OtherKey99");
     TestServer server;
+    server.setLoginKey("OtherKey99");
     ASSERT_TRUE(server.runOnLoopback());
 
     auto peer = RawPeer::connect(server.port());
     ASSERT_TRUE(peer);
     EXPECT_EQ(clientLogin(*peer, "Heliotrope 2.6.1", "pavro", "OtherKey99"), QByteArray("ok"));
 
-    auto client = std::make_shared<TestConnection>(nullptr, false);
-    client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
-    EXPECT_TRUE(waitUntil([&] { return client->isConnected(); }));
-    client->stop();
-    EXPECT_TRUE(client->waitEnd(2000));
-
-    Dovel::ConnectionThread::setLoginKey(Dovel::ConnectionThread::DefaultLoginKey);
-    EXPECT_EQ(Dovel::ConnectionThread::loginKey(), QByteArray("Dovel2Sync"));
+    // The right key logs in; the default one is refused like any wrong key.
+    for (const QByteArray& key : {QByteArray("OtherKey99"), QByteArray()}) {
+        auto client = std::make_shared<TestConnection>(nullptr, false);
+        client->setLoginKey(key);
+        EXPECT_EQ(client->loginKey(), key.isEmpty() ? QByteArray("Dovel2Sync") : key);
+        client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
+        if (key.isEmpty())
+            EXPECT_TRUE(waitUntil([&] { return client->failedLogins.load() > 0; }));
+        else
+            EXPECT_TRUE(waitUntil([&] { return client->isConnected(); }));
+        client->stop();
+        EXPECT_TRUE(client->waitEnd(2000));
+    }
 }

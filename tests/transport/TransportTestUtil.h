@@ -193,12 +193,15 @@ inline bool serveLogin(RawPeer& peer, const QByteArray& greeting, bool expectVer
 
 // The client's half of the login against a server, by hand: reads the greeting and
 // the challenge and sends `versionLine` (skipped when empty), the user name and the
-// proof. Returns the server's answer line.
+// proof. Returns the server's answer line. Without `readGreeting` the caller has read
+// the greeting line already.
 inline QByteArray clientLogin(RawPeer& peer,
                               const QByteArray& versionLine = QByteArrayLiteral("Heliotrope 2.6.1"),
                               const QByteArray& user = QByteArrayLiteral("pavro"),
-                              const QByteArray& key = QByteArrayLiteral("Dovel2Sync")) {
-    EXPECT_EQ(peer.readLine(), QByteArray("Heliotrope 2.6.1"));
+                              const QByteArray& key = QByteArrayLiteral("Dovel2Sync"),
+                              bool readGreeting = true) {
+    if (readGreeting)
+        EXPECT_EQ(peer.readLine(), QByteArray("Heliotrope 2.6.1"));
     const QByteArray challenge = peer.readExact(64);
     EXPECT_EQ(challenge.size(), 64);
     QByteArray out;
@@ -245,6 +248,7 @@ public:
     std::atomic<int> idleWanted{0};
     std::atomic<int> idleCount{0};
     std::atomic<int> failedCount{0};
+    std::atomic<int> failedLogins{0};
 
     using Dovel::ConnectionThread::setKeepRetrying;
 
@@ -285,6 +289,12 @@ protected:
     void connected() override { ++connectedCount; }
     void disconnected() override { ++disconnectedCount; }
     void connectionFailed() override { ++failedCount; }
+    bool handshake() override {
+        const bool ok = Dovel::ConnectionThread::handshake();
+        if (!ok)
+            ++failedLogins;
+        return ok;
+    }
     void retryProgress(double secondsLeft) override {
         Basalt::Guard guard(mutex);
         retries.append(secondsLeft);
@@ -306,6 +316,8 @@ public:
 
     // Refuse every accepted socket.
     std::atomic<bool> refuse{false};
+    // The time-out of the connections made from now on (0: the default).
+    std::atomic<double> timeout{0.0};
 
     // Listens on 127.0.0.1 with an ephemeral port; true once it does.
     bool runOnLoopback() {
@@ -334,7 +346,10 @@ protected:
     std::shared_ptr<Dovel::ConnectionThread> createConnection(Basalt::TCPSocket* socket) override {
         if (refuse.load())
             return nullptr;
-        return std::make_shared<TestConnection>(socket, true);
+        auto connection = std::make_shared<TestConnection>(socket, true);
+        if (timeout.load() > 0.0)
+            connection->setTimeoutSeconds(timeout.load());
+        return connection;
     }
     void removedInstance(std::shared_ptr<Dovel::ConnectionThread> c) override {
         bump(removed, c.get());
