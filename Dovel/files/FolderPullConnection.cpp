@@ -130,6 +130,17 @@ bool FolderPullConnection::parse(const QString& line) {
         receiveSync();
         return true;
     }
+    // A pull only receives: the server has no business reading our files.
+    if (line.startsWith(QLatin1String("sendfileinfo ")) ||
+        line.startsWith(QLatin1String("sendparts "))) {
+        Basalt::Trace::warning("FolderPullConnection::parse # The server %s:%d asked for a file "
+                               "of ours ('%s'); a pull sends none, disconnecting",
+                               hostName().toUtf8().constData(), port(),
+                               line.section(QLatin1Char(' '), 0, 0).toUtf8().constData());
+        finish(false, QStringLiteral("the server asked for our files, which a pull never sends"));
+        abortConnection();
+        return true;
+    }
     return FileTransferHandler::parse(line);
 }
 

@@ -4,7 +4,8 @@
 // differs in size or MD5, optionally removes local files that the server does not have
 // (and the folders left empty), downloads the files, then checks the folder against the
 // list once more (walking it again only when something was fetched or removed). One
-// attempt, no reconnection: the result says what happened.
+// attempt, no reconnection: the result says what happened. A pull only receives: a
+// server that asks for one of our files ends it.
 //
 // The local folder is listed on a thread of the pull's own while it connects and the
 // server lists its folder, so that the two walks overlap and the connection's thread

@@ -62,6 +62,16 @@ bool FolderServeConnection::parse(const QString& line) {
         stop();
         return true;
     }
+    // Serving only: a peer may not put files into the folder.
+    if (line.startsWith(QLatin1String("fileinfo ")) ||
+        line.startsWith(QLatin1String("filepart "))) {
+        Basalt::Trace::warning("FolderServeConnection::parse # %s:%d tried to upload ('%s'); "
+                               "a served folder takes no files, disconnecting",
+                               hostName().toUtf8().constData(), port(),
+                               line.section(QLatin1Char(' '), 0, 0).toUtf8().constData());
+        abortConnection();
+        return true;
+    }
     if (line == QLatin1String("sendfilesync")) {
         writeBuffer(QStringLiteral("filesync\n"), QByteArray());
         return true;

@@ -6,7 +6,8 @@
 // "filelist N" followed by the map block (name -> "SIZE MD5"), and ends with the line
 // "filelistend TOTAL". The peer may then send "sendfilesync"; it is answered "filesync"
 // after every answer to the requests that came before it, so the peer knows which
-// requests got no answer.
+// requests got no answer. The connection only serves: a peer that announces a file
+// ("fileinfo") or sends one ("filepart") is disconnected.
 //
 // Threads as FileTransferHandler; the asset folder must outlive the connection.
 #pragma once
