@@ -107,7 +107,7 @@ void runHook() {
 
 BundleController::Core::Core(RemoteNode& node, const BundleControllerParams& p)
     : params(std::make_unique<BundleControllerParams>(p)), remoteNode(node), wakeUp(p.wakeUp),
-      counters(p.counters), autoUpdate(p.autoUpdate) {
+      counters(p.counters), writeRules(p.writeRules), autoUpdate(p.autoUpdate) {
     if (!wakeUp && autoUpdate)
         wakeUp = [] { Tessel::UpdateLoop::wake(); };
     if (wakeUp) {
@@ -184,6 +184,12 @@ void BundleController::Core::ensureIsInitialized() {
         });
     }
     newAttributeReceiver->setCreateMissingAttributes(params->createMissingAttributes);
+    if (!writeRules.allowsEverything()) {
+        newAttributeReceiver->setWriteRules(&writeRules);
+        attributeUpdateReceiver->setWriteRules(&writeRules);
+        attributeRemoveReceiver->setWriteRules(&writeRules);
+        oneWayEventReceiver->setWriteRules(&writeRules);
+    }
     params.reset();
     if (wakeUp) {
         // Local changes and events wait for the next output pass: wake the tree thread.

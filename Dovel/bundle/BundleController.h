@@ -20,6 +20,7 @@
 #include "Dovel/bundle/BundleCounters.h"
 #include "Dovel/bundle/BundleDispatcher.h"
 #include "Dovel/bundle/ReceiveBacklog.h"
+#include "Dovel/sync/PeerWriteRules.h"
 #include "Dovel/types/TypeRegistry.h"
 
 #include "Basalt/BinaryData.h"
@@ -63,6 +64,8 @@ struct BundleControllerParams {
     std::function<void()> wakeUp;
     // Added to by the session when set.
     std::shared_ptr<BundleCounters> counters;
+    // What the peer may change; everything by default.
+    PeerWriteRules writeRules;
 };
 
 class BundleController {
@@ -202,6 +205,8 @@ private:
     };
     std::shared_ptr<DrainedWake> drainedWake;
     std::shared_ptr<BundleCounters> counters;
+    // Kept apart from params too: the receivers point to it.
+    PeerWriteRules writeRules;
     bool autoUpdate = true;
     // Listeners on the node that wake the tree thread for local changes.
     long changeWakeId = -1;

@@ -19,6 +19,8 @@ struct BundleCounters {
     std::atomic<uint64_t> bytesSent{0};       // their bytes, headers included
     std::atomic<uint64_t> bytesReceived{0};   // bytes of the dispatched bundles
     std::atomic<uint64_t> passesHeld{0};      // output passes held back for a slow peer
+    std::atomic<uint64_t> changesRefused{0};  // the peer's changes refused by the
+                                              // session's write rules
 };
 
 } // namespace Dovel

@@ -20,8 +20,10 @@ SessionClient::SessionClient(RemoteNode& node, SessionDriver* driver)
     : SessionClient(node, driver, Options()) {}
 
 SessionClient::SessionClient(RemoteNode& node, SessionDriver* driver, Options options)
-    : connection_(std::make_shared<SessionConnection>(
-          nullptr, false, clientConfig(node, driver, std::move(options)))) {}
+    : connection_(std::make_shared<SessionConnection>(nullptr, false,
+                                                      clientConfig(node, driver, options))) {
+    connection_->setLoginKey(options.loginKey);
+}
 
 SessionClient::~SessionClient() {
     connection_->shutdown();

@@ -26,6 +26,8 @@ public:
         bool createMissingAttributes = true;
         // Incoming one-way events; empty: the node's event listeners.
         std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
+        // The login key the server expects; empty: the default key.
+        QByteArray loginKey;
     };
 
     // `driver` null: the sessions run from the host's update loop.

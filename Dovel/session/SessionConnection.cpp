@@ -92,6 +92,22 @@ void SessionConnection::connected() {
     if (config.driver)
         params.wakeUp = config.driver->wakeUpCallback();
     params.counters = config.stats;
+    params.writeRules = config.writeRules;
+    if (!params.writeRules.allowsEverything()) {
+        const std::shared_ptr<SessionStats> stats = config.stats;
+        const QByteArray peer = QStringLiteral("%1:%2").arg(hostName()).arg(port()).toUtf8();
+        auto said = std::make_shared<bool>(false); // the tree thread's only
+        params.writeRules.setRefusalHandler([stats, peer, said](const QByteArray& what) {
+            stats->changesRefused += 1;
+            if (*said)
+                return;
+            *said = true;
+            Basalt::Trace::warning("SessionConnection::refuse # %s may not change '%s' and "
+                                   "what it changes here is put back; further refusals in "
+                                   "this session are not logged",
+                                   peer.constData(), what.constData());
+        });
+    }
     std::shared_ptr<BundleController> created = BundleController::create(*config.node, params);
     {
         Basalt::Guard guard(sessionMutex);

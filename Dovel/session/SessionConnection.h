@@ -12,6 +12,7 @@
 #pragma once
 
 #include "Dovel/session/SessionStats.h"
+#include "Dovel/sync/PeerWriteRules.h"
 #include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/BinaryData.h"
@@ -38,6 +39,9 @@ struct SessionConfig {
     std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
     // Where the sessions count; a server shares one among its connections.
     std::shared_ptr<SessionStats> stats;
+    // What the peer may change; everything by default. A session's first refusal is
+    // logged with the peer's address; all are counted (SessionStats::changesRefused).
+    PeerWriteRules writeRules;
 };
 
 class SessionConnection : public ConnectionThread {

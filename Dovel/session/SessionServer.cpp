@@ -13,6 +13,10 @@ SessionServer::SessionServer(RemoteNode& node, SessionDriver* driver, Options op
     config.createMissingAttributes = options.createMissingAttributes;
     config.oneWayEventHandler = std::move(options.oneWayEventHandler);
     config.stats = stats_;
+    if (options.readOnly)
+        config.writeRules = PeerWriteRules::readOnly(options.writable);
+    setLoginKey(options.loginKey);
+    setAdmissionRules(options.admission);
 }
 
 SessionServer::~SessionServer() {

@@ -18,6 +18,7 @@
 
 #include <QList>
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 
@@ -29,6 +30,16 @@ public:
         bool createMissingAttributes = true;
         // Incoming one-way events of every client; empty: the node's event listeners.
         std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
+        // Clients mirror the tree but may change only the paths (and raise only the
+        // events) that match `writable` (`*` one component, `**` any depth); every
+        // other change, addition, removal and event of theirs is refused and their copy
+        // put back to the server's.
+        bool readOnly = false;
+        QStringList writable;
+        // The login key of the clients; empty: the default key.
+        QByteArray loginKey;
+        // Who may connect, and how many.
+        AdmissionRules admission;
     };
 
     // `driver` null: the sessions run from the host's update loop.
@@ -38,7 +49,9 @@ public:
 
     // Starts listening (port 0: any free port, see port()) and waits up to `waitMs` until
     // it listens. False when it does not.
-    bool listen(int port = DefaultPort, const QString& host = QStringLiteral("0.0.0.0"),
+    // Listens on the loopback unless another address is given: "0.0.0.0" takes clients
+    // from every network, which with the default key means anyone who can reach the port.
+    bool listen(int port = DefaultPort, const QString& host = QStringLiteral("127.0.0.1"),
                 int waitMs = 5000);
 
     // Clients whose session runs now.

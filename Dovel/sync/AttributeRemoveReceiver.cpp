@@ -3,6 +3,7 @@
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"
+#include "Dovel/sync/PeerWriteRules.h"
 #include "Dovel/sync/RemoteNode.h"
 
 #include "Basalt/Trace.h"
@@ -31,6 +32,13 @@ void AttributeRemoveReceiver::handleBundle(BundleReader& reader) {
             Basalt::Trace::error("AttributeRemoveHandler::handleBundle # Attribute %u already "
                                  "removed",
                                  symbol);
+            continue;
+        }
+        if (writeRules && !writeRules->allowsEverything() &&
+            !writeRules->mayWrite(sender.pathOf(*sa))) {
+            // The attribute stays, and the peer gets it back with this side's value.
+            sender.sendAgain(sa->localSymbol, true);
+            writeRules->refuse(sender.pathOf(*sa));
             continue;
         }
         if (!sa->localOrigin) {

@@ -11,6 +11,7 @@ namespace Dovel {
 
 class AttributeStorage;
 class NodeChangeSender;
+class PeerWriteRules;
 class RemoteNode;
 
 class AttributeRemoveReceiver : public BundleReceiver {
@@ -19,11 +20,14 @@ public:
     ~AttributeRemoveReceiver() override;
 
     void handleBundle(BundleReader& reader) override;
+    // What the peer may change; null (the default): everything. Outlives the receiver.
+    void setWriteRules(const PeerWriteRules* rules) { writeRules = rules; }
 
 private:
     RemoteNode& node;
     AttributeStorage& storage;
     NodeChangeSender& sender;
+    const PeerWriteRules* writeRules = nullptr;
 };
 
 } // namespace Dovel

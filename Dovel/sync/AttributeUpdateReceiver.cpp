@@ -3,6 +3,7 @@
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"
+#include "Dovel/sync/PeerWriteRules.h"
 
 #include "Basalt/Trace.h"
 
@@ -27,10 +28,13 @@ void AttributeUpdateReceiver::handleBundle(BundleReader& reader) {
                 int(symbol));
             return;
         }
-        if (!skipStale || acknowledged >= sa->lastSentSequence) {
+        const bool refused = writeRules && !writeRules->allowsEverything() &&
+                             !writeRules->mayWrite(sender.pathOf(*sa));
+        if (!refused && (!skipStale || acknowledged >= sa->lastSentSequence)) {
             sender.applyWithoutEcho(sa->localSymbol, [&] { sa->deserializer(reader); });
         } else {
-            // The peer had not seen this side's latest value: read the stale one past.
+            // The peer had not seen this side's latest value, or may not change it: read
+            // its value past.
             uint32_t size = sa->fixedSize;
             if (size == 0) {
                 size = reader.readUInt32();
@@ -38,6 +42,11 @@ void AttributeUpdateReceiver::handleBundle(BundleReader& reader) {
                     size = reader.readUInt32();
             }
             reader.read(size);
+            if (refused) {
+                // The peer gets this side's value back.
+                sender.sendAgain(sa->localSymbol, false);
+                writeRules->refuse(sender.pathOf(*sa));
+            }
         }
         sa->lastReceivedSequence = sequence;
     }

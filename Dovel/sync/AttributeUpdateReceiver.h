@@ -10,6 +10,7 @@ namespace Dovel {
 
 class AttributeStorage;
 class NodeChangeSender;
+class PeerWriteRules;
 
 class AttributeUpdateReceiver : public BundleReceiver {
 public:
@@ -23,11 +24,14 @@ public:
     // value of the attribute is read past. The session's master turns it on.
     bool skipStaleUpdates() const { return skipStale; }
     void setSkipStaleUpdates(bool skip) { skipStale = skip; }
+    // What the peer may change; null (the default): everything. Outlives the receiver.
+    void setWriteRules(const PeerWriteRules* rules) { writeRules = rules; }
 
 private:
     AttributeStorage& storage;
     NodeChangeSender& sender;
     bool skipStale = false;
+    const PeerWriteRules* writeRules = nullptr;
 };
 
 } // namespace Dovel

@@ -5,6 +5,7 @@
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"
 #include "Dovel/sync/NodeWatcher.h"
+#include "Dovel/sync/PeerWriteRules.h"
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/types/TypeRegistry.h"
 
@@ -118,9 +119,18 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             skipValue(reader, fixedSize);
     };
 
-    Tessel::Node* parent = findParent(path, leafStart);
-    if (!parent) {
+    // A peer that may not write here adds nothing and changes no value; an
+    // announcement without a value of what this side removed is no addition (below).
+    const bool writable = !writeRules || writeRules->mayWrite(path);
+    auto refuseAddition = [&] {
+        if (!writable && (hasValue || !sa->removedLocally))
+            writeRules->refuse(path);
         skipAll();
+    };
+
+    Tessel::Node* parent = findParent(path, leafStart, createMissing && writable);
+    if (!parent) {
+        refuseAddition();
         return;
     }
     QByteArray leafView; // the leaf component in place, for the lookup
@@ -129,8 +139,8 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     sa->localOrigin = leaf != nullptr;
 
     if (!leaf) {
-        if (!createMissing) {
-            skipAll();
+        if (!createMissing || !writable) {
+            refuseAddition();
             return;
         }
         // An announcement without a value for an attribute this side has removed is the
@@ -192,8 +202,13 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     }
     if (!hasValue)
         return;
-    if (!apply) {
+    if (!apply || !writable) {
         skipValue(reader, fixedSize);
+        if (apply) {
+            // The peer changed it after it saw ours: it gets ours back.
+            sender.sendAgain(sa->localSymbol, false);
+            writeRules->refuse(path);
+        }
         return;
     }
     sa->lastReceivedSequence = sequence;
@@ -225,7 +240,7 @@ QByteArray NewAttributeReceiver::leafName(const QByteArray& path, int leafStart)
     return leafNames[2 * set + way] = path.mid(leafStart);
 }
 
-Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart) {
+Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart, bool create) {
     Tessel::Node* parent = &node;
     QByteArray name; // views each component in place: looking up a child copies nothing
     for (int start = 0; start < leafStart;) {
@@ -233,7 +248,7 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
         name.setRawData(path.constData() + start, uint(end - start));
         Tessel::Attribute* raw = parent->attribute(name);
         if (!raw) {
-            if (!createMissing || !(parent = addNode(*parent, path, start, end)))
+            if (!create || !(parent = addNode(*parent, path, start, end)))
                 return nullptr;
         } else if (!(parent = Tessel::asNode(Tessel::AttributeAlias::resolve(raw)))) {
             Basalt::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing "

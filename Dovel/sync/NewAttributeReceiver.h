@@ -26,6 +26,7 @@ namespace Dovel {
 
 class AttributeStorage;
 class NodeChangeSender;
+class PeerWriteRules;
 class RemoteNode;
 class TypeRegistry;
 struct DovelSessionAttribute;
@@ -47,6 +48,10 @@ public:
     // that it keeps its values when both sides start with different ones.
     bool skipStaleValues() const { return skipStale; }
     void setSkipStaleValues(bool skip) { skipStale = skip; }
+    // What the peer may change; null (the default): everything. Where it may not, no
+    // attribute or node is created and no value applied (the refusal is reported).
+    // Outlives the receiver.
+    void setWriteRules(const PeerWriteRules* rules) { writeRules = rules; }
 
 private:
     // Handles one entry after its four words; `reader` stands at its value (if any).
@@ -54,9 +59,9 @@ private:
                      bool hasValue, uint32_t acknowledged, uint32_t sequence,
                      uint32_t messageIndex);
     // The node that holds the attribute at `path`, whose last component starts at
-    // `leafStart`; missing nodes are created when allowed. Null when there is none (the
+    // `leafStart`; missing nodes are made with `create`. Null when there is none (the
     // entry is to be skipped).
-    Tessel::Node* findParent(const QByteArray& path, int leafStart);
+    Tessel::Node* findParent(const QByteArray& path, int leafStart, bool create);
     // A new plain node under `parent` for the component of `path` in [start, end),
     // watched at once; null when a listener of its report took it away again.
     Tessel::Node* addNode(Tessel::Node& parent, const QByteArray& path, int start, int end);
@@ -72,6 +77,7 @@ private:
     NodeChangeSender& sender;
     bool createMissing = false;
     bool skipStale = false;
+    const PeerWriteRules* writeRules = nullptr;
     // Recent leaf names: two for each set of hashes, and which of the two was used last.
     static constexpr size_t LeafNameSets = 64;
     std::array<QByteArray, 2 * LeafNameSets> leafNames;

@@ -223,6 +223,15 @@ void NodeChangeSender::getEvents(std::vector<RemoteNode::Event>& out) {
     pendingEventBytes = 0;
 }
 
+void NodeChangeSender::sendAgain(uint32_t localSymbol, bool announce) {
+    if (!node.attributeCache().find(localSymbol))
+        return;
+    Basalt::Guard guard(changeMutex);
+    if (announce)
+        pendingChanges.push_back({NodeWatcher::AttributeAdded, localSymbol});
+    pendingChanges.push_back({NodeWatcher::AttributeChanged, localSymbol});
+}
+
 QByteArray NodeChangeSender::pathOf(const DovelSessionAttribute& sa) {
     return node.symbolRegistry().lookup(sa.localSymbol);
 }

@@ -67,6 +67,13 @@ public:
     // update); 0xFFFFFFFF for any other type.
     unsigned messageType(NodeWatcher::EventType type);
 
+    // Queues the attribute's current value for the peer once more (with `announce`, as
+    // an addition that carries it): how a change of the peer that this side refused is
+    // put back on the peer's side. Tree thread.
+    void sendAgain(uint32_t localSymbol, bool announce);
+    // The path of a record's attribute.
+    QByteArray pathOf(const DovelSessionAttribute& sa);
+
     // Entries in the ignore set (echo-suppression bookkeeping).
     int ignoredCount() const { return int(ignored.size()); }
 
@@ -96,7 +103,6 @@ private:
     void sendEvents(const std::vector<RemoteNode::Event>& events, BundleOutput& output);
     // Appends the symbol's name to the symbol bundle unless the peer already knows it.
     void announceSymbol(uint32_t symbol, BundleWriterCore& writer);
-    QByteArray pathOf(const DovelSessionAttribute& sa);
 
     RemoteNode& node;
     AttributeStorage& storage;

@@ -1,6 +1,7 @@
 #include "Dovel/sync/OneWayEventReceiver.h"
 
 #include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/sync/PeerWriteRules.h"
 
 #include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
@@ -22,6 +23,10 @@ void OneWayEventReceiver::handleBundle(BundleReader& reader) {
         if (name.isEmpty()) {
             Basalt::Trace::warning("OneWayEventReceiver::handleBundle # Symbol %u not found",
                                    symbol);
+            continue;
+        }
+        if (writeRules && !writeRules->mayWrite(name)) {
+            writeRules->refuse(name);
             continue;
         }
         if (!eventHandler)

@@ -17,6 +17,8 @@ class SymbolRegistry;
 
 namespace Dovel {
 
+class PeerWriteRules;
+
 class OneWayEventReceiver : public BundleReceiver {
 public:
     using Handler = std::function<void(const QByteArray& name, Basalt::BinaryData& data)>;
@@ -27,10 +29,13 @@ public:
     // Without a handler, events are dropped.
     void setHandler(Handler handler) { eventHandler = std::move(handler); }
     void handleBundle(BundleReader& reader) override;
+    // What the peer may raise; null (the default): everything. Outlives the receiver.
+    void setWriteRules(const PeerWriteRules* rules) { writeRules = rules; }
 
 private:
     Basalt::SymbolRegistry& peerSymbols;
     Handler eventHandler;
+    const PeerWriteRules* writeRules = nullptr;
 };
 
 } // namespace Dovel
