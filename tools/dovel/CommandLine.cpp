@@ -91,6 +91,14 @@ QString CommandLine::value(const QString& name, const QString& fallback) const {
     return found;
 }
 
+QStringList CommandLine::values(const QString& name) const {
+    QStringList found;
+    for (const auto& entry : given)
+        if (entry.first == name)
+            found.append(entry.second);
+    return found;
+}
+
 QString CommandLine::helpText() const {
     QString text = QStringLiteral("usage: dovel %1 %2\n\n%3\n").arg(command, synopsis, description);
     // "  LEFT      RIGHT", the right side wrapped at 80 columns under itself.
@@ -148,6 +156,17 @@ bool CommandLine::parseAddress(const QString& text, bool allowAnyPort, QString& 
     host = text.left(colon);
     port = number;
     return true;
+}
+
+bool CommandLine::parseListen(const QString& text, QString& host, int& port, QString& error) {
+    bool ok = false;
+    const int number = text.toInt(&ok);
+    if (ok && !text.isEmpty() && text.at(0).isDigit() && number <= 65535) {
+        host = QStringLiteral("127.0.0.1");
+        port = number;
+        return true;
+    }
+    return parseAddress(text, true, host, port, error);
 }
 
 bool CommandLine::parseSeconds(const QString& option, const QString& text, double& seconds,

@@ -38,6 +38,8 @@ public:
     bool isSet(const QString& name) const;
     // The last value given, or `fallback` when the option is absent.
     QString value(const QString& name, const QString& fallback = QString()) const;
+    // Every value given, in order.
+    QStringList values(const QString& name) const;
 
     // "usage: dovel COMMAND SYNOPSIS", the description and every argument and option.
     QString helpText() const;
@@ -48,6 +50,9 @@ public:
     // False with `error` naming the text when it is not one.
     static bool parseAddress(const QString& text, bool allowAnyPort, QString& host, int& port,
                              QString& error);
+    // A server's address: HOST:PORT as above (port 0 allowed), or PORT alone on the
+    // loopback, 127.0.0.1.
+    static bool parseListen(const QString& text, QString& host, int& port, QString& error);
     // A number of seconds above zero; false with `error` set otherwise.
     static bool parseSeconds(const QString& option, const QString& text, double& seconds,
                              QString& error);

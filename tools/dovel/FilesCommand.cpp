@@ -1,5 +1,8 @@
 #include "FilesCommand.h"
 
+#include "Access.h"
+#include "CommandLine.h"
+
 #include "Dovel/files/AssetBase.h"
 #include "Dovel/files/FolderPullConnection.h"
 #include "Dovel/files/FolderServer.h"
@@ -18,69 +21,26 @@ namespace DovelTool {
 
 namespace {
 
-const char Usage[] = "usage: dovel files serve DIR [--listen HOST:PORT] | "
-                     "dovel files pull HOST:PORT DIR [--delete]";
+const char Usage[] = "usage: dovel files serve DIR [OPTIONS] | dovel files pull HOST:PORT DIR "
+                     "[OPTIONS]";
 
-int usageError(const QString& text) {
-    std::fprintf(stderr, "dovel files: %s\n", text.toUtf8().constData());
-    return 2;
-}
-
-struct Address {
-    QString host;
-    int port = 0;
-};
-
-// HOST:PORT with a non-empty host and a port in range (0 only when allowed).
-bool parseAddress(const QString& text, bool allowAnyPort, Address& out) {
-    const int colon = text.lastIndexOf(QLatin1Char(':'));
-    if (colon <= 0)
-        return false;
-    bool ok = false;
-    const int port = text.mid(colon + 1).toInt(&ok);
-    if (!ok || port < (allowAnyPort ? 0 : 1) || port > 65535)
-        return false;
-    out.host = text.left(colon);
-    out.port = port;
-    return true;
-}
-
-// Splits words into positional arguments and options; --name=value is one option
-// with a value, --name VALUE takes the next word when the option wants a value.
-struct Words {
-    QStringList positional;
-    QString listen;
-    bool listenGiven = false;
-    bool deleteExtra = false;
-    QString error;
-};
-
-Words splitWords(const QStringList& args, bool serve) {
-    Words words;
-    for (int i = 0; i < args.size(); ++i) {
-        const QString& word = args[i];
-        if (!word.startsWith(QLatin1String("--"))) {
-            words.positional.append(word);
-            continue;
-        }
-        if (serve && word == QLatin1String("--listen")) {
-            if (i + 1 >= args.size()) {
-                words.error = QStringLiteral("--listen takes HOST:PORT");
-                return words;
-            }
-            words.listen = args[++i];
-            words.listenGiven = true;
-        } else if (serve && word.startsWith(QLatin1String("--listen="))) {
-            words.listen = word.mid(9);
-            words.listenGiven = true;
-        } else if (!serve && word == QLatin1String("--delete")) {
-            words.deleteExtra = true;
-        } else {
-            words.error = QStringLiteral("unknown option '%1'").arg(word);
-            return words;
-        }
+// Parses the words of `line`; returns -1 to go on, else the exit status (help printed,
+// or a usage error with one line on stderr). `count` positional arguments are needed.
+int parseWords(CommandLine& line, const QStringList& args, int count, const QString& names) {
+    if (!line.parse(args))
+        return CommandLine::fail(CommandLine::UsageError, line.usageLine(line.error()));
+    if (line.helpRequested()) {
+        CommandLine::print(line.helpText().toUtf8());
+        return CommandLine::Success;
     }
-    return words;
+    if (line.positional().size() != count)
+        return CommandLine::fail(
+            CommandLine::UsageError,
+            line.usageLine(
+                line.positional().size() < count
+                    ? QStringLiteral("missing %1").arg(names)
+                    : QStringLiteral("unexpected argument '%1'").arg(line.positional().at(count))));
+    return -1;
 }
 
 QString megabytes(int64_t bytes) {
@@ -88,17 +48,37 @@ QString megabytes(int64_t bytes) {
 }
 
 int serve(const QStringList& args) {
-    const Words words = splitWords(args, true);
-    if (!words.error.isEmpty())
-        return usageError(words.error);
-    if (words.positional.size() != 1)
-        return usageError(QString::fromLatin1(Usage));
-    Address address{QStringLiteral("0.0.0.0"), 5000};
-    if (words.listenGiven && !parseAddress(words.listen, true, address))
-        return usageError(QStringLiteral("bad address '%1', expected HOST:PORT").arg(words.listen));
-    const QString folder = words.positional.first();
+    CommandLine line(QStringLiteral("files serve"), QStringLiteral("DIR [OPTIONS]"),
+                     QStringLiteral("Serves the files of DIR to `dovel files pull`: pullers "
+                                    "receive the folder's file list\nand fetch what they lack; "
+                                    "nothing is ever written into DIR. Runs until SIGINT\nor "
+                                    "SIGTERM (Ctrl-C)."));
+    line.addArgument(QStringLiteral("DIR"), QStringLiteral("the folder to serve"));
+    line.addOption(QStringLiteral("listen"), QStringLiteral("[HOST:]PORT"),
+                   QStringLiteral("address to listen on (default 127.0.0.1:5000, this machine "
+                                  "only; PORT alone stays on it; 0.0.0.0:PORT takes every "
+                                  "network; port 0 picks a free port)"));
+    addKeyOption(line);
+    addAdmissionOptions(line);
+    const int parsed = parseWords(line, args, 1, QStringLiteral("DIR"));
+    if (parsed >= 0)
+        return parsed;
+    QString host = QStringLiteral("127.0.0.1");
+    int port = 5000;
+    QString error;
+    if (line.isSet(QStringLiteral("listen")) &&
+        !CommandLine::parseListen(line.value(QStringLiteral("listen")), host, port, error))
+        return CommandLine::fail(CommandLine::UsageError, line.usageLine(error));
+    Dovel::AdmissionRules admission;
+    if (!readAdmission(line, admission, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+    const QString folder = line.positional().first();
     if (!QFileInfo(folder).isDir())
-        return usageError(QStringLiteral("'%1' is not a folder").arg(folder));
+        return CommandLine::fail(CommandLine::UsageError,
+                                 QStringLiteral("'%1' is not a folder").arg(folder));
+    QByteArray key;
+    if (!readLoginKey(line, key, error))
+        return CommandLine::fail(CommandLine::Failure, error);
 
     // Signals are taken by sigwait below; every thread started from here on inherits
     // the mask.
@@ -107,17 +87,19 @@ int serve(const QStringList& args) {
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    raiseDescriptorLimit();
 
     Dovel::FolderServer server(folder);
+    server.setLoginKey(key);
+    server.setAdmissionRules(admission);
     server.asset().buildFileList(); // the checksums, before the first peer asks
-    server.run(address.host, address.port);
-    if (!server.waitListening(5000)) {
-        std::fprintf(stderr, "dovel files: cannot listen on %s:%d\n",
-                     address.host.toUtf8().constData(), address.port);
-        return 1;
-    }
-    std::printf("listening on %s:%d\n", address.host.toUtf8().constData(), server.port());
-    std::fflush(stdout);
+    server.run(host, port);
+    if (!server.waitListening(5000))
+        return CommandLine::fail(CommandLine::Failure,
+                                 QStringLiteral("cannot listen on %1:%2").arg(host).arg(port));
+    warnIfOpen(host, !key.isEmpty(), QStringLiteral("read the folder"));
+    CommandLine::print(
+        QStringLiteral("listening on %1:%2\n").arg(host).arg(server.port()).toUtf8());
 
     int signal = 0;
     while (sigwait(&stopSignals, &signal) != 0) {
@@ -173,28 +155,43 @@ private:
 };
 
 int pull(const QStringList& args) {
-    const Words words = splitWords(args, false);
-    if (!words.error.isEmpty())
-        return usageError(words.error);
-    if (words.positional.size() != 2)
-        return usageError(QString::fromLatin1(Usage));
-    Address address;
-    if (!parseAddress(words.positional[0], false, address))
-        return usageError(
-            QStringLiteral("bad address '%1', expected HOST:PORT").arg(words.positional[0]));
-    const QString folder = words.positional[1];
+    CommandLine line(QStringLiteral("files pull"), QStringLiteral("HOST:PORT DIR [OPTIONS]"),
+                     QStringLiteral("Brings DIR up to date with the folder that `dovel files "
+                                    "serve` serves at HOST:PORT:\nfetches the files that are "
+                                    "missing or differ in size or MD5, then checks the\nfolder "
+                                    "again. Exits 0 when DIR matches the server's list."));
+    line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    line.addArgument(QStringLiteral("DIR"), QStringLiteral("the local folder (made when missing)"));
+    line.addOption(QStringLiteral("delete"), QString(),
+                   QStringLiteral("also remove local files that the server does not have"));
+    addKeyOption(line);
+    const int parsed = parseWords(line, args, 2, QStringLiteral("HOST:PORT DIR"));
+    if (parsed >= 0)
+        return parsed;
+    QString host;
+    int port = 0;
+    QString error;
+    if (!CommandLine::parseAddress(line.positional().at(0), false, host, port, error))
+        return CommandLine::fail(CommandLine::UsageError, line.usageLine(error));
+    const QString folder = line.positional().at(1);
     if (QFileInfo::exists(folder) && !QFileInfo(folder).isDir())
-        return usageError(QStringLiteral("'%1' is not a folder").arg(folder));
+        return CommandLine::fail(CommandLine::UsageError,
+                                 QStringLiteral("'%1' is not a folder").arg(folder));
+    QByteArray key;
+    if (!readLoginKey(line, key, error))
+        return CommandLine::fail(CommandLine::Failure, error);
 
     QElapsedTimer clock;
     clock.start();
     Dovel::AssetBase asset(folder);
     asset.removeLeftoverParts();
     ProgressPrinter printer(isatty(STDOUT_FILENO) == 1);
-    auto connection = std::make_shared<Dovel::FolderPullConnection>(asset, words.deleteExtra);
+    auto connection =
+        std::make_shared<Dovel::FolderPullConnection>(asset, line.isSet(QStringLiteral("delete")));
+    connection->setLoginKey(key);
     connection->setProgressCallback(
         [&printer](const Dovel::FolderPullConnection::Progress& p) { printer.show(p); });
-    connection->start(address.host, address.port);
+    connection->start(host, port);
     connection->waitFinished(-1);
     connection->shutdown();
     printer.end();
@@ -211,7 +208,7 @@ int pull(const QStringList& args) {
     if (result.success)
         return 0;
     if (!result.error.isEmpty())
-        std::fprintf(stderr, "dovel files: pull failed: %s\n", result.error.toUtf8().constData());
+        CommandLine::note(QStringLiteral("pull failed: %1").arg(result.error));
     for (const QString& name : result.failed)
         std::fprintf(stderr, "failed: %s\n", name.toUtf8().constData());
     return 1;
@@ -220,17 +217,24 @@ int pull(const QStringList& args) {
 } // namespace
 
 int runFilesCommand(const QStringList& args) {
-    if (args.isEmpty())
-        return usageError(QString::fromLatin1(Usage));
-    if (args.first() == QLatin1String("serve"))
+    const QString what = args.value(0);
+    if (what == QLatin1String("serve"))
         return serve(args.mid(1));
-    if (args.first() == QLatin1String("pull"))
+    if (what == QLatin1String("pull"))
         return pull(args.mid(1));
-    if (args.first() == QLatin1String("--help") || args.first() == QLatin1String("-h")) {
-        std::printf("%s\n", Usage);
-        return 0;
+    if (what == QLatin1String("--help") || what == QLatin1String("-h")) {
+        CommandLine::print(QByteArray(Usage) +
+                           "\n\nMirrors a folder of files: `files serve` shares one, `files "
+                           "pull` brings a local\nfolder up to date with it. `dovel files serve "
+                           "--help` and `dovel files pull\n--help` describe their options.\n");
+        return CommandLine::Success;
     }
-    return usageError(QStringLiteral("unknown command '%1'").arg(args.first()));
+    return CommandLine::fail(CommandLine::UsageError,
+                             what.isEmpty() ? QStringLiteral("files: missing serve or pull (see "
+                                                             "dovel files --help)")
+                                            : QStringLiteral("files: unknown command '%1' (see "
+                                                             "dovel files --help)")
+                                                  .arg(what));
 }
 
 } // namespace DovelTool

@@ -35,9 +35,19 @@ int remaining(const QElapsedTimer& timer, int ms) {
 
 } // namespace
 
-MirrorClient::MirrorClient()
+namespace {
+
+Dovel::SessionClient::Options withKey(const QByteArray& loginKey) {
+    Dovel::SessionClient::Options options;
+    options.loginKey = loginKey;
+    return options;
+}
+
+} // namespace
+
+MirrorClient::MirrorClient(const QByteArray& loginKey)
     : mirror(nullptr, QByteArrayLiteral("mirror")),
-      session(std::make_unique<Dovel::SessionClient>(mirror, &treeThread)) {}
+      session(std::make_unique<Dovel::SessionClient>(mirror, &treeThread, withKey(loginKey))) {}
 
 MirrorClient::~MirrorClient() {
     stop();

@@ -26,7 +26,8 @@ namespace DovelTool {
 
 class MirrorClient {
 public:
-    MirrorClient();
+    // `loginKey` empty: the default key.
+    explicit MirrorClient(const QByteArray& loginKey = QByteArray());
     // Stops the client first, then the tree thread, then drops the node.
     ~MirrorClient();
     MirrorClient(const MirrorClient&) = delete;

@@ -1,5 +1,6 @@
 #include "SessionCommands.h"
 
+#include "Access.h"
 #include "ChangePrinter.h"
 #include "CommandLine.h"
 #include "MirrorClient.h"
@@ -118,28 +119,47 @@ const char TimeoutHelp[] = "give up when no session is running after SECONDS (de
 int runServe(const QStringList& args) {
     CommandLine line(
         QStringLiteral("serve"),
-        QStringLiteral("[--listen HOST:PORT] [--tree FILE.json] [--save FILE.json]"),
+        QStringLiteral("[--listen HOST:PORT] [--tree FILE.json] [--save FILE.json] "
+                       "[--read-only] [--key-file FILE]"),
         QStringLiteral("Shares a tree with every client that connects, as the master of each\n"
                        "session: clients see its values, and a change that one client makes\n"
                        "reaches the server and every other client. Prints \"listening on\n"
                        "HOST:PORT\" once it listens and runs until SIGINT or SIGTERM (Ctrl-C)."));
-    line.addOption(QStringLiteral("listen"), QStringLiteral("HOST:PORT"),
-                   QStringLiteral("address to listen on (default 0.0.0.0:5000; port 0 picks a "
-                                  "free port)"));
+    line.addOption(QStringLiteral("listen"), QStringLiteral("[HOST:]PORT"),
+                   QStringLiteral("address to listen on (default 127.0.0.1:5000, this machine "
+                                  "only; PORT alone stays on it; 0.0.0.0:PORT takes every "
+                                  "network; port 0 picks a free port)"));
     line.addOption(QStringLiteral("tree"), QStringLiteral("FILE.json"),
                    QStringLiteral("the tree to share, in the tree-file format "
                                   "(docs/tree-format.md); empty without it"));
     line.addOption(QStringLiteral("save"), QStringLiteral("FILE.json"),
                    QStringLiteral("write the tree, with the clients' changes, to FILE on exit"));
+    line.addOption(QStringLiteral("read-only"), QString(),
+                   QStringLiteral("clients may read the tree but not change it: their changes, "
+                                  "additions, removals and events are refused and their copy "
+                                  "put back to the server's"));
+    line.addOption(QStringLiteral("writable"), QStringLiteral("PATTERN"),
+                   QStringLiteral("with --read-only (which it implies), clients may still change "
+                                  "the paths and raise the events that match PATTERN (`*` one "
+                                  "component, `**` any depth, as 'ui/**'); may be repeated"));
+    addKeyOption(line);
+    addAdmissionOptions(line);
     const Parsed parsed = parseWords(line, args, 0);
     if (parsed.done)
         return parsed.status;
-    QString host = QStringLiteral("0.0.0.0");
+    QString host = QStringLiteral("127.0.0.1");
     int port = 5000;
     QString error;
     if (line.isSet(QStringLiteral("listen")) &&
-        !CommandLine::parseAddress(line.value(QStringLiteral("listen")), true, host, port, error))
+        !CommandLine::parseListen(line.value(QStringLiteral("listen")), host, port, error))
         return CommandLine::fail(CommandLine::UsageError, error);
+    Dovel::SessionServer::Options options;
+    if (!readAdmission(line, options.admission, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+    options.writable = line.values(QStringLiteral("writable"));
+    options.readOnly = line.isSet(QStringLiteral("read-only")) || !options.writable.isEmpty();
+    if (!readLoginKey(line, options.loginKey, error))
+        return CommandLine::fail(CommandLine::Failure, error);
     QByteArray treeText;
     const QString treeFile = line.value(QStringLiteral("tree"));
     if (!treeFile.isEmpty()) {
@@ -154,6 +174,7 @@ int runServe(const QStringList& args) {
 
     // Before the first thread starts: every thread inherits the blocked signals.
     const sigset_t stopSignals = blockStopSignals();
+    raiseDescriptorLimit();
 
     Dovel::RemoteNode root(nullptr, QByteArrayLiteral("root"));
     Dovel::SessionDriver driver;
@@ -165,11 +186,14 @@ int runServe(const QStringList& args) {
         return CommandLine::fail(CommandLine::UsageError,
                                  QStringLiteral("%1: %2").arg(treeFile, error));
 
-    Dovel::SessionServer server(root, &driver);
+    Dovel::SessionServer server(root, &driver, options);
     if (!server.listen(port, host))
         return CommandLine::fail(
             CommandLine::Failure,
             QStringLiteral("cannot listen on %1").arg(addressText(host, port)));
+    warnIfOpen(host, !options.loginKey.isEmpty(),
+               options.readOnly ? QStringLiteral("read the tree")
+                                : QStringLiteral("change the tree"));
     CommandLine::print(
         QStringLiteral("listening on %1\n").arg(addressText(host, server.port())).toUtf8());
 
@@ -198,6 +222,7 @@ int runDump(const QStringList& args) {
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
     line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
                    QString::fromLatin1(TimeoutHelp));
+    addKeyOption(line);
     const Parsed parsed = parseWords(line, args, 1);
     if (parsed.done)
         return parsed.status;
@@ -205,8 +230,11 @@ int runDump(const QStringList& args) {
     QString error;
     if (!readTarget(line, true, target, error))
         return CommandLine::fail(CommandLine::UsageError, error);
+    QByteArray key;
+    if (!readLoginKey(line, key, error))
+        return CommandLine::fail(CommandLine::Failure, error);
 
-    MirrorClient mirror;
+    MirrorClient mirror(key);
     mirror.connectToHost(target.host, target.port);
     if (!mirror.waitInitialState(int(target.seconds * 1000)))
         return noSession(target, mirror);
@@ -233,6 +261,7 @@ int runSet(const QStringList& args) {
                      QStringLiteral("slash-separated path of the attribute, and its JSON value"));
     line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
                    QString::fromLatin1(TimeoutHelp));
+    addKeyOption(line);
     const Parsed parsed = parseWords(line, args);
     if (parsed.done)
         return parsed.status;
@@ -246,8 +275,11 @@ int runSet(const QStringList& args) {
     PathValues values;
     if (!values.parse(line.positional().mid(1), error))
         return CommandLine::fail(CommandLine::UsageError, error);
+    QByteArray key;
+    if (!readLoginKey(line, key, error))
+        return CommandLine::fail(CommandLine::Failure, error);
 
-    MirrorClient mirror;
+    MirrorClient mirror(key);
     mirror.connectToHost(target.host, target.port);
     const int ms = int(target.seconds * 1000);
     if (!mirror.waitInitialState(ms))
@@ -282,6 +314,7 @@ int runWatch(const QStringList& args) {
                        "until SIGINT or\nSIGTERM (Ctrl-C); when the server goes away it says so "
                        "on standard error and\nreconnects."));
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    addKeyOption(line);
     const Parsed parsed = parseWords(line, args, 1);
     if (parsed.done)
         return parsed.status;
@@ -289,10 +322,13 @@ int runWatch(const QStringList& args) {
     QString error;
     if (!readTarget(line, false, target, error))
         return CommandLine::fail(CommandLine::UsageError, error);
+    QByteArray key;
+    if (!readLoginKey(line, key, error))
+        return CommandLine::fail(CommandLine::Failure, error);
     const QString address = addressText(target.host, target.port);
 
     const sigset_t stopSignals = blockStopSignals();
-    MirrorClient mirror;
+    MirrorClient mirror(key);
     std::unique_ptr<ChangePrinter> printer;
     mirror.driver().call([&] {
         printer = std::make_unique<ChangePrinter>(

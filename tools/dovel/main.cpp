@@ -1,5 +1,6 @@
 // dovel: the command-line face of the library. Each command lives in its own unit;
 // this file only picks one by its first word.
+#include "Access.h"
 #include "BenchCommand.h"
 #include "CommandLine.h"
 #include "Demo.h"
@@ -59,6 +60,7 @@ int main(int argc, char** argv) {
          DovelTool::runFilesCommand},
         {"bench", "measure a server and its clients on loopback (bench WORKLOAD)",
          DovelTool::runBench},
+        {"keygen", "print a new random login key for --key-file", DovelTool::runKeygen},
     };
 
     const QStringList words = app.arguments().mid(1);

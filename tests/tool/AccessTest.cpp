@@ -1,0 +1,183 @@
+// Who gets into the tool's servers, each run as its own process on loopback: the
+// default address, login keys, the warning for an open server, a folder server that
+// takes no uploads, a read-only tree server, the cap on clients, and idle connections
+// that cost few threads while real clients still get in.
+#include "TestFiles.h"
+#include "ToolProcess.h"
+#include "transport/TransportTestUtil.h"
+
+#include <QCryptographicHash>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <sys/resource.h>
+
+#include <memory>
+#include <vector>
+
+namespace {
+
+using namespace ToolTest;
+using TestFiles::readFile;
+using TestFiles::writeFile;
+using TransportTest::clientLogin;
+using TransportTest::RawPeer;
+
+int portOf(const QString& address) {
+    return address.section(QLatin1Char(':'), 1).toInt();
+}
+
+// The number of threads of a running process.
+int threadsOf(QProcess& process) {
+    const QByteArray status = readFile(QStringLiteral("/proc/%1/status").arg(process.processId()));
+    const int at = status.indexOf("Threads:");
+    return at < 0 ? -1 : status.mid(at + 8, status.indexOf('\n', at) - at - 8).trimmed().toInt();
+}
+
+TEST(Access, KeysTheDefaultAddressAndTheWarningForAnOpenServer) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    QTemporaryDir dir;
+    DovelTool tool;
+    const QString key = dir.filePath("key");
+    QProcess keygen;
+    keygen.setStandardOutputFile(key);
+    tool.start(keygen, {"keygen"});
+    ASSERT_TRUE(keygen.waitForFinished(10000));
+    EXPECT_EQ(keygen.exitCode(), 0);
+    EXPECT_TRUE(QRegularExpression("^[0-9a-f]{64}\n$").match(readFile(key)).hasMatch());
+    EXPECT_EQ(QFile(key).permissions() & (QFile::ReadGroup | QFile::ReadOther), 0);
+
+    // A bare port listens on the loopback; with a key, no warning.
+    QProcess server;
+    const QString address = tool.startServer(server, {"serve", "--listen", "0", "--key-file", key});
+    ASSERT_FALSE(address.isEmpty());
+    ToolRun right = tool.run({"dump", address, "--key-file", key});
+    EXPECT_EQ(right.exitCode, 0) << right.err.toStdString();
+    ToolRun wrong = tool.run({"dump", address, "--timeout", "1"});
+    EXPECT_EQ(wrong.exitCode, 1) << wrong.err.toStdString();
+    tool.environment.insert("DOVEL_KEY_FILE", key);
+    EXPECT_EQ(tool.run({"dump", address}).exitCode, 0);
+    QFile::setPermissions(key, QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther);
+    ToolRun exposed = tool.run({"dump", address});
+    EXPECT_EQ(exposed.exitCode, 1);
+    EXPECT_EQ(exposed.err, "dovel: the key file " + key.toUtf8() +
+                               " can be read by other users; make it yours alone (chmod 600 " +
+                               key.toUtf8() + ")\n");
+    tool.environment.remove("DOVEL_KEY_FILE");
+    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+    EXPECT_FALSE(server.readAllStandardError().contains("warning: listening"));
+
+    // Every network and the well-known key: one warning line.
+    QProcess open;
+    tool.start(open, {"serve", "--listen", "0.0.0.0:0"});
+    ProcessOutput output(open);
+    EXPECT_TRUE(output.waitForOut("listening on 0.0.0.0:"));
+    EXPECT_TRUE(output.waitForErr("\n"));
+    EXPECT_EQ(output.standardError(),
+              "dovel: warning: listening on 0.0.0.0 with the well-known default key: anyone "
+              "who can reach the port can change the tree (give --key-file)\n");
+    EXPECT_TRUE(endsCleanlyOn(open, SIGTERM));
+}
+
+TEST(Access, AFolderServerTakesNoUploads) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    QTemporaryDir source;
+    QTemporaryDir target;
+    ASSERT_TRUE(writeFile(source.filePath("normal.txt"), "what the server serves\n"));
+    DovelTool tool;
+    QProcess server;
+    const QString address =
+        tool.startServer(server, {"files", "serve", source.path(), "--listen", "0"});
+    ASSERT_FALSE(address.isEmpty());
+
+    const QByteArray planted(24, 'x');
+    const QByteArray md5 = QCryptographicHash::hash(planted, QCryptographicHash::Md5).toHex();
+    for (const QByteArray& upload : {"fileinfo 24 \"/normal.txt\" 1 " + md5 + "\n",
+                                     "filepart \"/new/planted.sh\" 24 1\n" + planted}) {
+        auto peer = RawPeer::connect(portOf(address));
+        ASSERT_TRUE(peer);
+        ASSERT_EQ(clientLogin(*peer), QByteArray("ok"));
+        peer->send(upload);
+        EXPECT_TRUE(peer->waitClosed()) << upload.constData();
+    }
+    EXPECT_EQ(readFile(source.filePath("normal.txt")), QByteArray("what the server serves\n"));
+    EXPECT_FALSE(QFile::exists(source.filePath("new")));
+    ToolRun pulled = tool.run({"files", "pull", address, target.path()});
+    EXPECT_EQ(pulled.exitCode, 0) << pulled.err.toStdString();
+    EXPECT_EQ(readFile(target.filePath("normal.txt")), QByteArray("what the server serves\n"));
+    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+}
+
+TEST(Access, AReadOnlyServerKeepsItsTreeAndCapsItsClients) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    QTemporaryDir dir;
+    ASSERT_TRUE(writeFile(dir.filePath("tree.json"), R"({"car": {"speed": 1.5}})"));
+    DovelTool tool;
+    QProcess server;
+    const QString address = tool.startServer(
+        server, {"serve", "--listen", "0", "--tree", dir.filePath("tree.json"), "--read-only"});
+    ASSERT_FALSE(address.isEmpty());
+    EXPECT_EQ(tool.run({"set", address, "car/speed=9", "car/new=1"}).exitCode, 0);
+    ToolRun dumped = tool.run({"dump", address});
+    EXPECT_EQ(QJsonDocument::fromJson(dumped.out).object(),
+              QJsonDocument::fromJson(R"({"car": {"speed": 1.5}})").object())
+        << dumped.out.constData();
+    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+
+    // One client at a time: the next connection is closed before its greeting.
+    QProcess capped;
+    const QString cappedAddress =
+        tool.startServer(capped, {"serve", "--listen", "0", "--max-clients", "1"});
+    ASSERT_FALSE(cappedAddress.isEmpty());
+    auto first = RawPeer::connect(portOf(cappedAddress));
+    ASSERT_TRUE(first);
+    ASSERT_EQ(clientLogin(*first), QByteArray("ok"));
+    ASSERT_EQ(first->readLine(), QByteArray("ping initialized"));
+    auto second = RawPeer::connect(portOf(cappedAddress));
+    ASSERT_TRUE(second);
+    EXPECT_TRUE(second->readLine(5000).isNull());
+    EXPECT_TRUE(second->waitClosed());
+    EXPECT_TRUE(endsCleanlyOn(capped, SIGTERM));
+}
+
+TEST(Access, IdleConnectionsHoldFewThreadsAndADumpStillGetsIn) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    constexpr int Idle = 2000;
+    rlimit limit;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_max < Idle + 200)
+        GTEST_SKIP() << "the descriptor limit is below " << Idle + 200;
+    limit.rlim_cur = limit.rlim_max;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+
+    DovelTool tool;
+    QProcess server;
+    const QString address = tool.startServer(server, {"serve", "--listen", "0"});
+    ASSERT_FALSE(address.isEmpty());
+    std::vector<std::unique_ptr<RawPeer>> idle;
+    for (int i = 0; i < Idle; ++i) {
+        idle.push_back(RawPeer::connect(portOf(address)));
+        ASSERT_TRUE(idle.back()) << i;
+    }
+    const int threads = threadsOf(server);
+    EXPECT_GT(threads, 0);
+    EXPECT_LT(threads, 100);
+    QElapsedTimer timer;
+    timer.start();
+    ToolRun dumped = tool.run({"dump", address});
+    EXPECT_EQ(dumped.exitCode, 0) << dumped.err.toStdString();
+    // Generous for sanitizers and a loaded machine; a plain build takes milliseconds.
+    EXPECT_LT(timer.elapsed(), 5000);
+    std::cout << "threads with " << Idle << " idle connections: " << threads << "; dump took "
+              << timer.elapsed() << " ms\n";
+    idle.clear();
+    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+}
+
+} // namespace
