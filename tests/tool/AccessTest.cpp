@@ -112,7 +112,7 @@ TEST(Access, AFolderServerTakesNoUploads) {
     EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
 }
 
-TEST(Access, AReadOnlyServerKeepsItsTreeAndCapsItsClients) {
+TEST(Access, AReadOnlyServerKeepsItsTreeAndCapsAndNetworksKeepClientsOut) {
     if (!toolBuilt())
         GTEST_SKIP() << "dovel is not built";
     QTemporaryDir dir;
@@ -143,6 +143,17 @@ TEST(Access, AReadOnlyServerKeepsItsTreeAndCapsItsClients) {
     EXPECT_TRUE(second->readLine(5000).isNull());
     EXPECT_TRUE(second->waitClosed());
     EXPECT_TRUE(endsCleanlyOn(capped, SIGTERM));
+
+    // An address outside --allow is closed before its greeting too.
+    QProcess fenced;
+    const QString fencedAddress =
+        tool.startServer(fenced, {"serve", "--listen", "0", "--allow", "10.0.0.0/8"});
+    ASSERT_FALSE(fencedAddress.isEmpty());
+    auto outsider = RawPeer::connect(portOf(fencedAddress));
+    ASSERT_TRUE(outsider);
+    EXPECT_TRUE(outsider->readLine(5000).isNull());
+    EXPECT_TRUE(outsider->waitClosed());
+    EXPECT_TRUE(endsCleanlyOn(fenced, SIGTERM));
 }
 
 TEST(Access, IdleConnectionsHoldFewThreadsAndADumpStillGetsIn) {
