@@ -319,6 +319,8 @@ bool ConnectionThread::serverHandshake() {
             Basalt::Guard guard(stateMutex);
             userName = user;
         }
+        if (loginObserver)
+            loginObserver(true);
         return puts(QStringLiteral("ok"));
     }
     return refuseLogin();
@@ -326,8 +328,8 @@ bool ConnectionThread::serverHandshake() {
 
 bool ConnectionThread::refuseLogin() {
     // Before the answer: a peer that reconnects at once must find the refusal counted.
-    if (loginRefusedHook)
-        loginRefusedHook();
+    if (loginObserver)
+        loginObserver(false);
     puts(WrongLogin);
     return false;
 }

@@ -63,10 +63,12 @@ public:
     // Server side: waits this long before the greeting (a back-off after failed
     // logins from the peer's address); stop() ends the wait. Set before the thread runs.
     void setLoginDelay(double seconds) { loginDelay.store(seconds); }
-    // Server side: called on the connection's thread when a login is refused because
-    // the peer's user name or proof is wrong (not when it stalls or goes away), before
-    // the peer is told. Set before the thread runs.
-    void setLoginRefusedHook(std::function<void()> hook) { loginRefusedHook = std::move(hook); }
+    // Server side: called on the connection's thread with the verdict on the peer's
+    // login, before the peer is told: true when it logged in, false when its user name
+    // or proof was wrong (not when it stalled or went away). Set before the thread runs.
+    void setLoginObserver(std::function<void(bool)> observer) {
+        loginObserver = std::move(observer);
+    }
 
     // Client: connects (and keeps reconnecting) to host:port. Restarts a stopped client;
     // breaks the current connection of a running one so that it moves to the new address.
@@ -171,7 +173,7 @@ private:
     friend class WriterThread;
 
     bool serverHandshake();
-    // Tells the hook and then the peer that its login is refused; returns false.
+    // Tells the observer and then the peer that its login is refused; returns false.
     bool refuseLogin();
     bool clientHandshake();
     // The pause before a server's greeting; false when the connection was stopped.
@@ -230,7 +232,7 @@ private:
     std::atomic<bool> usePing_{true};
     std::atomic<double> timeout{10.0};
     std::atomic<double> loginDelay{0.0};
-    std::function<void()> loginRefusedHook;
+    std::function<void(bool)> loginObserver;
     // The connection's own thread only: the end of the login under way (none outside
     // a login), and whether its passing was logged.
     std::chrono::steady_clock::time_point loginDeadline;

@@ -252,17 +252,22 @@ void ServerBase::accept() {
         connection->setLoginDelay(ticket.loginDelaySeconds);
         admission_.track(connection, address);
         const ConnectionThread* const tracked = connection.get();
-        connection->setLoginRefusedHook([this, tracked] { admission_.loginFailed(tracked); });
+        // Counted before the peer hears the verdict, so that its next connection finds
+        // it among the clients or among the failed logins.
+        connection->setLoginObserver([this, tracked](bool accepted) {
+            if (accepted)
+                admission_.loggedIn(tracked);
+            else
+                admission_.loginFailed(tracked);
+        });
         // Listeners hold the connection weakly: it owns them, so a strong reference
         // would keep it alive for ever.
         const std::weak_ptr<ConnectionThread> weak = connection;
         connection->eventAddListener(
             QByteArrayLiteral("connected"),
             [this, weak] {
-                if (std::shared_ptr<ConnectionThread> c = weak.lock()) {
-                    admission_.loggedIn(c.get());
+                if (std::shared_ptr<ConnectionThread> c = weak.lock())
                     connected(c);
-                }
             },
             Tessel::Node::Direct);
         connection->eventAddListener(

@@ -200,8 +200,9 @@ inline QByteArray clientLogin(RawPeer& peer,
                               const QByteArray& user = QByteArrayLiteral("pavro"),
                               const QByteArray& key = QByteArrayLiteral("Dovel2Sync"),
                               bool readGreeting = true) {
-    if (readGreeting)
+    if (readGreeting) {
         EXPECT_EQ(peer.readLine(), QByteArray("Heliotrope 2.6.1"));
+    }
     const QByteArray challenge = peer.readExact(64);
     EXPECT_EQ(challenge.size(), 64);
     QByteArray out;
