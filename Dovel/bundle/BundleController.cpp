@@ -79,6 +79,18 @@ void finishCores(const std::vector<CorePtr>& cores) {
         node->update();
 }
 
+void runHook();
+
+// Queues the hook again while automatic cores remain.
+void rearmHook() {
+    CoreList& list = coreList();
+    Basalt::Guard guard(list.mutex);
+    if (list.cores.empty())
+        list.hookQueued = false;
+    else
+        Tessel::Node::invokeAfterUpdate(runHook);
+}
+
 void runHook() {
     CoreList& list = coreList();
     std::vector<CorePtr> copy;
@@ -89,16 +101,20 @@ void runHook() {
             (core->isClosed() ? closed : copy).push_back(std::move(core));
         list.cores = copy;
     }
-    finishCores(closed);
-    closed.clear(); // destroyed without the list's lock
-    updateCores(copy);
-    copy.clear();
-    Basalt::Guard guard(list.mutex);
-    if (list.cores.empty()) {
-        list.hookQueued = false;
-    } else {
-        Tessel::Node::invokeAfterUpdate(runHook);
+    // What throws out of a session reaches the host's loop, but the hook stays armed:
+    // every other automatic session of the process depends on it.
+    try {
+        finishCores(closed);
+        closed.clear(); // destroyed without the list's lock
+        updateCores(copy);
+        copy.clear();
+    } catch (...) {
+        closed.clear();
+        copy.clear();
+        rearmHook();
+        throw;
     }
+    rearmHook();
 }
 
 } // namespace
@@ -107,7 +123,10 @@ void runHook() {
 
 BundleController::Core::Core(RemoteNode& node, const BundleControllerParams& p)
     : params(std::make_unique<BundleControllerParams>(p)), remoteNode(node), wakeUp(p.wakeUp),
-      counters(p.counters), writeRules(p.writeRules), autoUpdate(p.autoUpdate) {
+      counters(p.counters), writeRules(p.writeRules), autoUpdate(p.autoUpdate),
+      runOnTreeThread(p.runOnTreeThread) {
+    if (autoUpdate)
+        runOnTreeThread = [](std::function<void()> f) { Tessel::Node::invokeAfterUpdate(f); };
     if (!wakeUp && autoUpdate)
         wakeUp = [] { Tessel::UpdateLoop::wake(); };
     if (wakeUp) {
@@ -129,7 +148,7 @@ BundleController::Core::~Core() {
         std::lock_guard<std::mutex> lock(drainedWake->mutex);
         drainedWake->wake = nullptr;
     }
-    if (!nodeGone.load()) {
+    if (!nodeGone->load()) {
         if (destroyedListenerId != -1)
             remoteNode.eventRemoveListener(destroyedListenerId);
         if (changeWakeId >= 0)
@@ -147,14 +166,40 @@ BundleController::Core::~Core() {
     connection.reset();
 }
 
+void BundleController::Core::release(Core* core) {
+    const std::thread::id tree = core->treeThread.load();
+    if (tree == std::thread::id() || tree == std::this_thread::get_id() || !core->runOnTreeThread) {
+        delete core;
+        return;
+    }
+    // The core goes with the last copy of the function: on the tree thread once it has
+    // run there, or wherever it is dropped unrun (a driver that stopped).
+    struct Owner {
+        explicit Owner(Core* core) : core(core) {}
+        Owner(const Owner&) = delete;
+        Owner& operator=(const Owner&) = delete;
+        ~Owner() { delete core; }
+        Core* const core;
+    };
+    auto owner = std::make_shared<Owner>(core);
+    const auto runOnTree = core->runOnTreeThread;
+    runOnTree([owner] {});
+}
+
+void BundleController::Core::noteTreeThread() {
+    if (treeThread.load(std::memory_order_relaxed) == std::thread::id())
+        treeThread.store(std::this_thread::get_id());
+}
+
 void BundleController::Core::wake() const {
     if (wakeUp)
         wakeUp();
 }
 
 void BundleController::Core::ensureIsInitialized() {
-    if (!params || nodeGone.load())
+    if (!params || nodeGone->load() || closed.load())
         return;
+    noteTreeThread();
     attributeStorage = std::make_shared<AttributeStorage>(remoteNode);
     enabled.store(params->enabled);
     dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(
@@ -213,23 +258,39 @@ void BundleController::Core::addTask(const Task& task) {
 }
 
 void BundleController::Core::runTasks() {
+    noteTreeThread();
     std::vector<Task> batch;
     {
         Basalt::Guard guard(mutex);
         batch.swap(tasks);
     }
-    for (const Task& task : batch)
-        task(*this);
+    // A task that throws (an application's own, through addTask) is logged; the rest
+    // of the batch and the session go on.
+    for (const Task& task : batch) {
+        try {
+            task(*this);
+        } catch (const std::exception& e) {
+            Basalt::Trace::error("BundleController::Core::runTasks # A task threw: %s", e.what());
+        }
+    }
 }
 
 void BundleController::Core::finish() {
     ended = true;
+    if (!isInitialized()) {
+        // Nothing of the peer's was applied before: there is nothing to finish, and
+        // announcing the tree only to drop it would cost a walk of the whole tree.
+        std::vector<Task> dropped;
+        Basalt::Guard guard(mutex);
+        dropped.swap(tasks);
+        return;
+    }
     runTasks();
     runTasks();
 }
 
 void BundleController::Core::flush(bool mayHoldBack) {
-    if (nodeGone.load() || ended)
+    if (nodeGone->load() || ended)
         return;
     // Only a core that can wake its tree thread may wait for the peer to catch up.
     if (mayHoldBack && drainedWake && connection && !nodeChangeSender->eventsPiledUp() &&
@@ -254,9 +315,9 @@ void BundleController::Core::flush(bool mayHoldBack) {
 }
 
 void BundleController::Core::process(const std::vector<Bundle>& bundles) {
-    if (nodeGone.load())
-        return;
     ensureIsInitialized();
+    if (nodeGone->load() || !isInitialized())
+        return;
     if (!bundles.empty() && enabled.load()) {
         // Local changes made before the batch came leave before it is applied.
         remoteNode.update();
@@ -291,7 +352,7 @@ std::shared_ptr<BundleController> BundleController::create(RemoteNode& node,
 BundleController::BundleController(RemoteNode& node, const BundleControllerParams& params)
     : master(params.isMaster), autoUpdate(params.autoUpdate),
       backlog(std::make_shared<ReceiveBacklog>()) {
-    CorePtr created = std::make_shared<Core>(node, params);
+    CorePtr created(new Core(node, params), &Core::release);
     core = created;
     if (!autoUpdate) {
         ownedCore = created;
@@ -307,12 +368,13 @@ BundleController::BundleController(RemoteNode& node, const BundleControllerParam
     std::weak_ptr<Core> weak = created;
     created->destroyedListenerId = int(node.eventAddListener(
         QByteArrayLiteral("destroyed"),
-        [weak] {
+        [weak, nodeGone = created->nodeGone] {
+            // The node drops its listeners itself; nothing may be unregistered from it
+            // (also by a core that waits to be destroyed on its tree thread).
+            nodeGone->store(true);
             CorePtr gone = weak.lock();
             if (!gone)
                 return;
-            // The node drops its listeners itself; nothing may be unregistered from it.
-            gone->nodeGone.store(true);
             CorePtr removed;
             {
                 CoreList& list = coreList();
@@ -348,7 +410,7 @@ void BundleController::addTask(const Task& task) {
         CoreList& list = coreList();
         Basalt::Guard guard(list.mutex);
         target = core.lock();
-        if (!target || target->nodeGone.load())
+        if (!target || target->nodeGone->load())
             return;
         Basalt::Guard coreGuard(target->mutex);
         target->tasks.push_back(task);
@@ -388,7 +450,7 @@ void BundleController::debugDump() {
 }
 
 void BundleController::update() {
-    if (autoUpdate || !ownedCore || ownedCore->nodeGone.load())
+    if (autoUpdate || !ownedCore || ownedCore->nodeGone->load())
         return;
     updateCores({ownedCore});
 }
@@ -397,7 +459,7 @@ void BundleController::update(const std::vector<std::shared_ptr<BundleController
     std::vector<CorePtr> cores;
     for (const auto& controller : controllers)
         if (controller && !controller->autoUpdate && controller->ownedCore &&
-            !controller->ownedCore->nodeGone.load())
+            !controller->ownedCore->nodeGone->load())
             cores.push_back(controller->ownedCore);
     updateCores(cores);
 }
@@ -420,14 +482,20 @@ void BundleController::process(const std::vector<Bundle>& bundles) {
         alive->process(bundles);
 }
 
-Basalt::SymbolRegistry& BundleController::symbolRegistryRecv() {
-    ensureIsInitialized();
-    return core.lock()->symbolRegistry;
+Basalt::SymbolRegistry* BundleController::symbolRegistryRecv() {
+    CorePtr alive = core.lock();
+    if (!alive)
+        return nullptr;
+    alive->ensureIsInitialized();
+    return &alive->symbolRegistry;
 }
 
-Basalt::SymbolRegistry& BundleController::symbolRegistrySend() {
-    ensureIsInitialized();
-    return core.lock()->remoteNode.symbolRegistry();
+Basalt::SymbolRegistry* BundleController::symbolRegistrySend() {
+    CorePtr alive = core.lock();
+    if (!alive)
+        return nullptr;
+    alive->ensureIsInitialized();
+    return &alive->remoteNode.symbolRegistry();
 }
 
 int BundleController::automaticCoreCount() {

@@ -8,7 +8,12 @@
 // Threads: scheduleProcess, setEnabled, debugDump and addTask may be called from any
 // thread; everything else of a core runs on the tree thread. Lock order: the
 // process-wide core list before a core's mutex; no lock is held while tasks run or
-// while Connection::send is called.
+// while Connection::send is called. A core is always destroyed on its tree thread (the
+// first thread that ran it): a last reference dropped elsewhere hands the destruction
+// to the tree thread (automatic cores: the host's update loop; manual ones:
+// BundleControllerParams::runOnTreeThread, when given). A closed core that never ran is
+// dropped without running; one that ran applies what its peer sent before the end and
+// sends nothing (finish).
 //
 // Beyond the session's own needs this header makes public what the application-level
 // classes of Dovel/session use: addTask and isMaster, a static update over several
@@ -33,6 +38,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace Dovel {
@@ -64,6 +70,10 @@ struct BundleControllerParams {
     std::function<void()> wakeUp;
     // Added to by the session when set.
     std::shared_ptr<BundleCounters> counters;
+    // Runs a function on the tree thread of a manual controller (any thread may call
+    // it): where a core whose last reference goes elsewhere is destroyed. Empty: such a
+    // core is destroyed where it goes. Automatic controllers use the host's update loop.
+    std::function<void(std::function<void()>)> runOnTreeThread;
     // What the peer may change; everything by default.
     PeerWriteRules writeRules;
 };
@@ -116,9 +126,10 @@ public:
     // Tree thread: initialise and dispatch directly (what the queued task does).
     void process(const std::vector<Bundle>& bundles);
     // Tree thread: the receive-side registry of the peer's symbols and the node's own
-    // registry. The caller keeps the controller alive while it uses them.
-    Basalt::SymbolRegistry& symbolRegistryRecv();
-    Basalt::SymbolRegistry& symbolRegistrySend();
+    // registry; null once the core is gone. The caller keeps the controller alive while
+    // it uses them.
+    Basalt::SymbolRegistry* symbolRegistryRecv();
+    Basalt::SymbolRegistry* symbolRegistrySend();
 
     // The number of automatic cores in the process-wide list (for tests).
     static int automaticCoreCount();
@@ -137,10 +148,13 @@ class BundleController::Core {
 public:
     Core(RemoteNode& node, const BundleControllerParams& params);
     ~Core();
+    // The shared_ptr deleter of cores: destroys `core` on its tree thread.
+    static void release(Core* core);
     Core(const Core&) = delete;
     Core& operator=(const Core&) = delete;
 
     // Runs once; creates the modules in the session's order and announces the tree.
+    // Not for a closed core: one that never ran is dropped as it is.
     void ensureIsInitialized();
     bool isInitialized() const { return !params; }
     void runTasks();
@@ -152,7 +166,7 @@ public:
     void flush(bool mayHoldBack = false);
     void process(const std::vector<Bundle>& bundles);
     // The session has ended: runs the queued tasks (received batches are applied) and
-    // never sends again.
+    // never sends again. A core that never ran drops its tasks instead.
     void finish();
     // Appends a task and wakes the tree thread (any thread). Code outside the core uses
     // BundleController::addTask, which also drops work for a core that is gone.
@@ -170,7 +184,7 @@ public:
     void setEnabled(bool on) { enabled.store(on); }
     bool isClosed() const { return closed.load(); }
     // The node sent "destroyed": the core does nothing more.
-    bool isNodeGone() const { return nodeGone.load(); }
+    bool isNodeGone() const { return nodeGone->load(); }
 
 private:
     friend class BundleController;
@@ -215,7 +229,14 @@ private:
     // ends: the changes in between need one wake-up, not one each.
     std::atomic<bool> changeWakePending{false};
     // Set when the node sends "destroyed": nothing may be unregistered from it then.
-    std::atomic<bool> nodeGone{false};
+    // Shared with the node's listener, which may fire while the core waits to be
+    // destroyed on its tree thread.
+    std::shared_ptr<std::atomic<bool>> nodeGone = std::make_shared<std::atomic<bool>>(false);
+    // The thread that ran the core first, and how to reach it when the last reference
+    // goes elsewhere.
+    std::atomic<std::thread::id> treeThread{};
+    std::function<void(std::function<void()>)> runOnTreeThread;
+    void noteTreeThread();
 };
 
 } // namespace Dovel

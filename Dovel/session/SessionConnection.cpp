@@ -89,8 +89,10 @@ void SessionConnection::connected() {
     params.createMissingAttributes = config.createMissingAttributes;
     params.enabled = true;
     params.autoUpdate = config.driver == nullptr;
-    if (config.driver)
+    if (config.driver) {
         params.wakeUp = config.driver->wakeUpCallback();
+        params.runOnTreeThread = config.driver->treeThreadRunner();
+    }
     params.counters = config.stats;
     params.writeRules = config.writeRules;
     if (!params.writeRules.allowsEverything()) {

@@ -171,6 +171,20 @@ std::function<void()> SessionDriver::wakeUpCallback() const {
     };
 }
 
+std::function<void(std::function<void()>)> SessionDriver::treeThreadRunner() const {
+    std::weak_ptr<Shared> weak = shared;
+    return [weak](std::function<void()> function) {
+        std::shared_ptr<Shared> alive = weak.lock();
+        if (!alive)
+            return;
+        std::lock_guard<std::mutex> lock(alive->mutex);
+        if (alive->stopping)
+            return;
+        alive->posted.push_back(std::move(function));
+        alive->wakeLocked();
+    };
+}
+
 bool SessionDriver::isTreeThread() const {
     std::lock_guard<std::mutex> lock(shared->mutex);
     return std::this_thread::get_id() == shared->treeThread;

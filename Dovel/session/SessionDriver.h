@@ -45,6 +45,9 @@ public:
     // gone (it then does nothing).
     std::function<void()> wakeUpCallback() const;
     bool isTreeThread() const;
+    // For BundleControllerParams::runOnTreeThread: posts a function to the tree thread;
+    // safe to call after the driver is gone (the function is then dropped unrun).
+    std::function<void(std::function<void()>)> treeThreadRunner() const;
 
     // Updates `controller` at every pass until removed.
     void addController(std::shared_ptr<BundleController> controller);

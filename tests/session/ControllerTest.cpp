@@ -13,8 +13,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 using Dovel::Bundle;
@@ -151,6 +155,8 @@ TEST(Controller, ScheduleProcessAfterTheHookRemovedTheCoreIsDropped) {
     copy.addTask([&](BundleController::Core&) { ran = true; });
     drainAutomaticCores();
     EXPECT_FALSE(ran);
+    EXPECT_EQ(copy.symbolRegistryRecv(), nullptr);
+    EXPECT_EQ(copy.symbolRegistrySend(), nullptr);
     EXPECT_EQ(trace.count("", Basalt::Trace::Warning), 0) << trace.dump().toStdString();
 }
 
@@ -214,19 +220,22 @@ TEST(Controller, AThrowingBundleDoesNotStopTheRestOfItsBatch) {
     EXPECT_EQ(valueAt(target), 3.5f);
 }
 
-TEST(Controller, ABatchQueuedBeforeTheSessionEndedIsAppliedAndNothingIsSent) {
+TEST(Controller, AnEndedSessionAppliesWhatItHadQueuedAndSendsNothingUnlessItNeverRan) {
     const std::vector<Bundle> batch = FirstBatch().out->sent;
 
-    // Automatic: the handle is dropped before the hook ran; the hook applies the batch
-    // as it drops the core. The session had never run, so the batch also initialises it.
+    // A session that never ran is dropped with what it had queued: announcing the tree
+    // (a walk of all of it) and listening to it only to stop at once would be waste.
     Log log;
     RemoteNode automaticTarget(nullptr, "automatic");
+    const int listeners = automaticTarget.eventListenerCount();
     auto automatic = BundleController::create(
         automaticTarget, params(std::make_shared<Recorder>(&log, "automatic"), true));
     automatic->scheduleProcess(batch);
     automatic.reset();
     drainAutomaticCores();
-    EXPECT_EQ(valueAt(automaticTarget), 3.5f);
+    EXPECT_EQ(valueAt(automaticTarget), -1.0f);
+    EXPECT_TRUE(log.empty());
+    EXPECT_EQ(automaticTarget.eventListenerCount(), listeners);
 
     // Manual: the owner hands the ended controller to finish() before dropping it.
     RemoteNode manualTarget(nullptr, "manual");
@@ -341,4 +350,56 @@ TEST(Controller, WhileThePeerIsBehindChangesAreFoldedAndLeaveOnceWithTheirNewest
     EXPECT_EQ(copyC->value(), 8);
     EXPECT_EQ(target.attribute("n")->attribute("b"), nullptr);
     EXPECT_EQ(target.attribute("n")->attribute("d"), nullptr);
+}
+
+TEST(Controller, ThrowingTasksStopNeitherTheirBatchNorTheAutomaticHook) {
+    Basalt::TraceCapture trace;
+    RemoteNode node(nullptr, "n");
+    auto controller = BundleController::create(node, params(nullptr, true));
+    int ran = 0;
+    controller->addTask([](BundleController::Core&) { throw std::runtime_error("task failed"); });
+    controller->addTask([&](BundleController::Core&) { ++ran; });
+    Tessel::UpdateLoop::runOnce();
+    EXPECT_EQ(ran, 1);
+    EXPECT_EQ(trace.count("A task threw: task failed", Basalt::Trace::Error), 1);
+    // What escapes the session reaches the host's loop, and the hook comes back.
+    controller->addTask([](BundleController::Core&) { throw 42; });
+    Tessel::UpdateLoop::runOnce();
+    EXPECT_EQ(trace.count("UpdateLoop::runOnce # A queued function threw"), 1);
+    controller->addTask([&](BundleController::Core&) { ++ran; });
+    for (int i = 0; i < 3 && ran < 2; ++i)
+        Tessel::UpdateLoop::runOnce();
+    EXPECT_EQ(ran, 2);
+    controller.reset();
+    drainAutomaticCores();
+}
+
+TEST(Controller, ACoreIsDestroyedOnItsTreeThreadWhereverItsLastReferenceGoes) {
+    for (const bool nodeGoesFirst : {false, true}) {
+        auto node = std::make_unique<RemoteNode>(nullptr, "n");
+        const int listeners = node->eventListenerCount();
+        std::vector<std::function<void()>> treeQueue;
+        std::mutex queueMutex;
+        BundleControllerParams p = params(nullptr, false);
+        p.runOnTreeThread = [&](std::function<void()> f) {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            treeQueue.push_back(std::move(f));
+        };
+        auto controller = BundleController::create(*node, p);
+        controller->update(); // this thread runs the core from now on
+        std::thread([moved = std::move(controller)]() mutable { moved.reset(); }).join();
+        EXPECT_GT(node->eventListenerCount(), listeners); // still there, untouched
+        if (nodeGoesFirst)
+            node.reset();
+        std::vector<std::function<void()>> run;
+        {
+            std::lock_guard<std::mutex> lock(queueMutex);
+            run.swap(treeQueue);
+        }
+        ASSERT_EQ(run.size(), 1u);
+        run.front()();
+        run.clear(); // the core goes here, on the tree thread
+        if (node)
+            EXPECT_EQ(node->eventListenerCount(), listeners);
+    }
 }
