@@ -83,7 +83,7 @@ struct StringEncoding {
 // A list of strings: u32 byte count of the whole list, then each string as above. The
 // reader takes strings while its position is before the announced end; a last string
 // that runs past that end is still read whole. List is QStringList or
-// std::vector<QString>.
+// std::vector<QString>. A value cut short throws and leaves `out` as it was.
 template <typename List> struct StringListEncoding {
     static void write(BundleWriterCore& writer, const List& list) {
         const uint32_t start = writer.beginSection();
@@ -92,12 +92,13 @@ template <typename List> struct StringListEncoding {
         writer.endSection(start);
     }
     static void readInto(BundleReaderCore& reader, List& out) {
-        out.clear();
+        List decoded;
         const uint32_t total = reader.readUInt32();
         const uint64_t end = uint64_t(reader.pos()) + total;
         // Each string takes at least one word, so the loop is bounded by the bundle.
         while (reader.pos() < end)
-            out.push_back(reader.readString());
+            decoded.push_back(reader.readString());
+        out.swap(decoded);
     }
     static List read(BundleReaderCore& reader) {
         List out;

@@ -161,6 +161,12 @@ TEST(CompositeCodes, StringListsAndStringContainers) {
     const QByteArray overrun = Bytes().word(4).str("abcdef").word(0xEE).data();
     EXPECT_EQ(deserialize(registry.createDeserializer(36, listIn.get()), overrun), 16u);
     EXPECT_EQ(*listIn->valueOnLayer(L2), QStringList{"abcdef"});
+    // A list cut short fails and leaves the container as it was, unreported.
+    EXPECT_THROW(deserialize(registry.createDeserializer(44, containerIn.get()),
+                             Bytes().word(16).str("xy").data()),
+                 std::out_of_range);
+    EXPECT_EQ(containerIn->value(), (std::vector<QString>{"ab", "cde"}));
+    EXPECT_EQ(containerChanges, 1);
     // An empty list received replaces the content.
     deserialize(registry.createDeserializer(44, containerIn.get()), Bytes().word(0).data());
     EXPECT_TRUE(containerIn->value().empty());
