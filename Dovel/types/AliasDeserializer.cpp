@@ -10,9 +10,8 @@ std::shared_ptr<AliasDeserializer> AliasDeserializer::create(Tessel::AttributeAl
                                                              Factory factory, uint32_t valueSize) {
     std::shared_ptr<AliasDeserializer> self(
         new AliasDeserializer(alias, std::move(factory), valueSize));
-    // The listener holds only a weak reference: when the last FunctorWrap goes first it
-    // stays on the alias as a no-op (the alias may already be gone, so it cannot be
-    // removed from the destructor).
+    // The listeners hold only a weak reference; the destructor removes them while the
+    // alias lives.
     std::weak_ptr<AliasDeserializer> weak = self;
     self->listenerId = alias->addListener(
         [weak] {
@@ -20,6 +19,12 @@ std::shared_ptr<AliasDeserializer> AliasDeserializer::create(Tessel::AttributeAl
                 alive->targetChanged();
         },
         Tessel::Attribute::RoleChange);
+    self->deleteListenerId = alias->addListener(
+        [weak] {
+            if (auto alive = weak.lock())
+                alive->aliasGone();
+        },
+        Tessel::Attribute::RoleDelete);
     return self;
 }
 
@@ -27,21 +32,43 @@ AliasDeserializer::AliasDeserializer(Tessel::AttributeAlias* alias, Factory fact
                                      uint32_t valueSize)
     : alias(alias), factory(std::move(factory)), valueSize(valueSize) {}
 
-AliasDeserializer::~AliasDeserializer() = default;
+AliasDeserializer::~AliasDeserializer() {
+    stopListening();
+}
+
+void AliasDeserializer::stopListening() {
+    if (!alias)
+        return;
+    if (listenerId >= 0)
+        alias->removeListener(listenerId);
+    if (deleteListenerId >= 0)
+        alias->removeListener(deleteListenerId);
+    listenerId = deleteListenerId = -1;
+}
+
+void AliasDeserializer::aliasGone() {
+    // Its listeners go with it; what arrives from now on is read past.
+    alias = nullptr;
+    listenerId = deleteListenerId = -1;
+    cache.clear();
+}
 
 void AliasDeserializer::operator()(BundleReaderCore& reader) {
     if (deserializer) {
         deserializer(reader);
         return;
     }
+    if (!alias) {
+        readValue(reader);
+        return;
+    }
     Basalt::Trace::info("AliasDeserializer for '%s' called but alias does not have a target. "
                         "Will cache the value",
                         alias->name().constData());
-    cacheValue(reader);
+    cache = readValue(reader);
 }
 
-void AliasDeserializer::cacheValue(BundleReaderCore& reader) {
-    cache.clear();
+QByteArray AliasDeserializer::readValue(BundleReaderCore& reader) const {
     QByteArray value;
     if (valueSize == 0) {
         const uint32_t length = reader.readUInt32();
@@ -54,31 +81,32 @@ void AliasDeserializer::cacheValue(BundleReaderCore& reader) {
     }
     while (value.size() % 4 != 0)
         value.append('\0');
-    cache = value;
+    return value;
 }
 
 void AliasDeserializer::targetChanged() {
-    if (deserializer)
+    if (deserializer || !alias)
         return;
     Tessel::Attribute* target = Tessel::AttributeAlias::resolve(alias);
     if (!target)
         return;
     deserializer = factory(target);
-    alias->removeListener(listenerId);
-    listenerId = -1;
+    if (!deserializer) {
+        // Waited past like no target: a later one that fits still binds.
+        Basalt::Trace::warning("AliasDeserializer::targetChanged # The target of '%s' cannot "
+                               "take this type; values wait for one that can",
+                               alias->name().constData());
+        return;
+    }
     Basalt::Trace::info("AliasDeserializer for '%s' found a target. Switching to normal "
                         "deserializer. Have cached value: %s",
                         alias->name().constData(), cache.isEmpty() ? "no" : "yes");
+    stopListening();
+    alias = nullptr; // bound: the alias is no longer needed, nor watched
     if (cache.isEmpty())
         return;
     const BundleCore bytes(cache);
     cache.clear();
-    if (!deserializer) {
-        Basalt::Trace::warning("AliasDeserializer::targetChanged # The target of '%s' cannot "
-                               "take this type; the cached value is dropped",
-                               alias->name().constData());
-        return;
-    }
     // Runs inside the alias's change notification: nothing may escape into the host.
     try {
         BundleReaderCore reader(bytes);
