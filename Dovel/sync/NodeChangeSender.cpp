@@ -355,8 +355,12 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* a
                              pathOf(sa).constData());
         return;
     }
-    const bool hasValue =
-        withValue || sa.removedLocally || (sa.localOrigin && sa.lastReceivedSequence == 0);
+    // The peer removed it, and has no copy: this side adds it again, value and all (a
+    // bare announcement would be read as the answer to one of its own).
+    const bool peerLacksIt = sa.removedByPeer;
+    sa.removedByPeer = false;
+    const bool hasValue = withValue || sa.removedLocally || peerLacksIt ||
+                          (sa.localOrigin && sa.lastReceivedSequence == 0);
     writer.writeUInt32(sa.localSymbol);
     writer.writeUInt32(typeCode);
     writer.writeUInt32(fixedSize);

@@ -85,4 +85,33 @@ TEST(Crossing, ARemovalThatOvertookThePeersBareAnswerStays) {
     }
 }
 
+TEST(Crossing, TheSideThatReceivedARemovalMayAddTheAttributeAgain) {
+    for (bool removerIsMaster : {true, false}) {
+        SCOPED_TRACE(removerIsMaster ? "remover is the master" : "remover is not the master");
+        RemoteNode removerNode(nullptr, "remover");
+        RemoteNode otherNode(nullptr, "other");
+        Session remover(removerNode, removerIsMaster, true);
+        Session other(otherNode, !removerIsMaster, true);
+        pump(remover, other);
+        auto* x = new AttributeT<int>(nullptr, "", 1);
+        removerNode.addDeepAttribute("a/x", x);
+        pump(remover, other);
+        ASSERT_TRUE(intAt(otherNode, "a", "x"));
+        delete x;
+        pump(remover, other);
+        ASSERT_FALSE(intAt(otherNode, "a", "x"));
+
+        // The other side adds it again, then changes it: both reach the remover.
+        auto* again = new AttributeT<int>(nullptr, "", 5);
+        otherNode.addDeepAttribute("a/x", again);
+        pump(remover, other);
+        AttributeT<int>* back = intAt(removerNode, "a", "x");
+        ASSERT_TRUE(back);
+        EXPECT_EQ(back->value(), 5);
+        again->set(6, L2);
+        pump(remover, other);
+        EXPECT_EQ(back->value(), 6);
+    }
+}
+
 } // namespace
