@@ -3,7 +3,7 @@
 #include "Dovel/Limits.h"
 #include "Dovel/files/AssetBase.h"
 
-#include "Basalt/TimeStamp.h"
+#include "Basalt/Stopwatch.h"
 #include "Basalt/Trace.h"
 
 #include <algorithm>
@@ -95,12 +95,12 @@ void FolderPullConnection::shutdown() {
 }
 
 bool FolderPullConnection::waitFinished(int ms) {
-    const Basalt::TimeStamp start = Basalt::TimeStamp::currentTime();
+    const Basalt::Stopwatch start;
     Basalt::Guard guard(resultMutex);
     while (!result_.finished) {
         unsigned long slice = 1000;
         if (ms >= 0) {
-            const double left = ms / 1000.0 - start.sinceSecondsD();
+            const double left = ms / 1000.0 - start.elapsedSeconds();
             if (left <= 0.0)
                 break;
             slice = static_cast<unsigned long>(left * 1000.0) + 1;

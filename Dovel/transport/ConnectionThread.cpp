@@ -4,6 +4,7 @@
 #include "Dovel/Version.h"
 #include "Dovel/transport/MapBlock.h"
 
+#include "Basalt/Stopwatch.h"
 #include "Basalt/Trace.h"
 
 #include <QCryptographicHash>
@@ -217,7 +218,7 @@ void ConnectionThread::childLoop() {
             Basalt::Trace::debug("ConnectionThread::childLoop# %d connection retries to %s",
                                  retries, hostName().toUtf8().constData());
 
-        const Basalt::TimeStamp start = Basalt::TimeStamp::currentTime();
+        const Basalt::Stopwatch start;
         if (keepRetrying.load() && !stopping.load())
             running.store(true);
         const bool opened = openConnection();
@@ -241,13 +242,13 @@ void ConnectionThread::childLoop() {
         for (;;) {
             if (!(keepRetrying.load() || running.load()) || stopping.load() || retryNow)
                 break;
-            const double remaining = RetrySeconds - start.sinceSecondsD();
+            const double remaining = RetrySeconds - start.elapsedSeconds();
             if (remaining <= 0.0)
                 break;
             retryCondition.wait(retryMutex,
                                 static_cast<unsigned long>(std::min(1.0, remaining) * 1000.0) + 1);
             retryMutex.unlock(); // the hook may call stop() or connectToHost()
-            retryProgress(std::max(0.0, RetrySeconds - start.sinceSecondsD()));
+            retryProgress(std::max(0.0, RetrySeconds - start.elapsedSeconds()));
             retryMutex.lock();
         }
         retryMutex.unlock();
@@ -818,7 +819,16 @@ uint32_t ConnectionThread::txBytes() const {
 }
 
 void ConnectionThread::updateLastPacketTimestamp() {
-    lastPacket.store(Basalt::TimeStamp::currentTime().value());
+    lastPacket.store(Basalt::Stopwatch::now());
+}
+
+double ConnectionThread::secondsSinceLastPacket() const {
+    return Basalt::Stopwatch(lastPacket.load()).elapsedSeconds();
+}
+
+Basalt::TimeStamp ConnectionThread::lastPacketTimestamp() const {
+    const Basalt::TimeStamp now = Basalt::TimeStamp::currentTime();
+    return Basalt::TimeStamp(now.value() - int64_t(secondsSinceLastPacket() * 1e6));
 }
 
 void ConnectionThread::eventProcess(const QByteArray& name, Basalt::BinaryData& data) {

@@ -134,7 +134,10 @@ public:
     uint32_t rxBytes() const;
     uint32_t txBytes() const;
     int64_t bufferedDataSize() const { return writer->bufferedDataSize(); }
-    Basalt::TimeStamp lastPacketTimestamp() const { return Basalt::TimeStamp(lastPacket.load()); }
+    // When a byte last came from the peer, on the wall clock (for display); intervals
+    // are measured with secondsSinceLastPacket(), on the monotonic one.
+    Basalt::TimeStamp lastPacketTimestamp() const;
+    double secondsSinceLastPacket() const;
     void updateLastPacketTimestamp();
     double timeoutSeconds() const { return timeout.load(); }
     void setTimeoutSeconds(double seconds) { timeout.store(seconds); }
@@ -227,7 +230,7 @@ private:
     bool loopActive = false;
 
     std::unique_ptr<WriterThread> writer;
-    std::atomic<int64_t> lastPacket{0};
+    std::atomic<int64_t> lastPacket{0}; // Basalt::Stopwatch nanoseconds
     std::atomic<bool> pongReceived{false};
     std::atomic<bool> usePing_{true};
     std::atomic<double> timeout{10.0};

@@ -5,7 +5,7 @@
 #include "Dovel/bundle/BundleController.h"
 #include "Dovel/transport/ConnectionThread.h"
 
-#include "Basalt/TimeStamp.h"
+#include "Basalt/Stopwatch.h"
 #include "Basalt/Trace.h"
 
 #include <algorithm>
@@ -65,12 +65,12 @@ void holdWhileBehind(const ReceiveBacklog& backlog, ConnectionThread& connection
                          "reading from %s:%d holds back",
                          static_cast<long long>(backlog.bytes()),
                          connection.hostName().toUtf8().constData(), connection.port());
-    Basalt::TimeStamp pinged = Basalt::TimeStamp::currentTime();
+    Basalt::Stopwatch pinged;
     while (connection.isLive() && !backlog.waitAtMost(Limits::MaxUnappliedBatchBytes, HoldStepMs)) {
         connection.updateLastPacketTimestamp();
-        if (connection.isPingSupported() && pinged.sinceSecondsD() >= HoldPingSeconds) {
+        if (connection.isPingSupported() && pinged.elapsedSeconds() >= HoldPingSeconds) {
             connection.ping(QByteArray());
-            pinged = Basalt::TimeStamp::currentTime();
+            pinged.restart();
         }
     }
 }

@@ -4,7 +4,7 @@
 
 #include "Basalt/BGThread.h"
 #include "Basalt/PlatformUtils.h"
-#include "Basalt/TimeStamp.h"
+#include "Basalt/Stopwatch.h"
 #include "Basalt/Trace.h"
 
 #include <sys/socket.h>
@@ -49,10 +49,10 @@ void ServerBase::run(const QString& host, int port) {
 }
 
 bool ServerBase::waitListening(int ms) {
-    const Basalt::TimeStamp start = Basalt::TimeStamp::currentTime();
+    const Basalt::Stopwatch start;
     Basalt::Guard guard(listenMutex);
     while (!listening && running.load()) {
-        const double left = ms / 1000.0 - start.sinceSecondsD();
+        const double left = ms / 1000.0 - start.elapsedSeconds();
         if (left <= 0.0)
             break;
         listenCondition.wait(listenMutex, static_cast<unsigned long>(left * 1000.0) + 1);
@@ -200,7 +200,7 @@ bool ServerBase::listen() {
         if (firewall)
             Basalt::PlatformUtils::openFirewallPortTCP(port_.load(), ruleName);
 
-        const Basalt::TimeStamp start = Basalt::TimeStamp::currentTime();
+        const Basalt::Stopwatch start;
         if (serverSocket.open(address.constData(), port_.load(), ListenBacklog) == 0) {
             port_.store(serverSocket.port());
             Basalt::Guard guard(listenMutex);
@@ -214,7 +214,7 @@ bool ServerBase::listen() {
 
         Basalt::Guard guard(listenMutex);
         for (;;) {
-            const double remaining = ListenRetrySeconds - start.sinceSecondsD();
+            const double remaining = ListenRetrySeconds - start.elapsedSeconds();
             if (!running.load() || remaining <= 0.0)
                 break;
             listenCondition.wait(listenMutex, static_cast<unsigned long>(remaining * 1000.0) + 1);

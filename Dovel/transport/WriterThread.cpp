@@ -135,7 +135,7 @@ void WriterThread::childLoop() {
     dropped.swap(updates);
 
     bool pingOutstanding = false;
-    Basalt::TimeStamp pingTime;
+    Basalt::Stopwatch pingTime;
     unsigned long rxAtPing = 0;
     Basalt::SpinWait spin;
     auto receivedBytes = [this] {
@@ -155,11 +155,11 @@ void WriterThread::childLoop() {
         }
         while (running.load() && updates.empty() && buffer.empty()) {
             if (parent->isPingSupported()) {
-                const double idle = parent->lastPacketTimestamp().sinceSecondsD();
+                const double idle = parent->secondsSinceLastPacket();
                 const double limit = parent->timeoutSeconds();
                 const unsigned long received = receivedBytes();
                 if (pingOutstanding && idle > limit &&
-                    pingTime.sinceSecondsD() + pingInterval > limit && received == rxAtPing) {
+                    pingTime.elapsedSeconds() + pingInterval > limit && received == rxAtPing) {
                     timedOut = true;
                     break;
                 }
@@ -187,7 +187,7 @@ void WriterThread::childLoop() {
         if (sendPing) {
             buffer.push_front(Item{QList<QByteArray>{QByteArrayLiteral("ping\n")}, PingKey});
             bufferedSize += 5;
-            pingTime = Basalt::TimeStamp::currentTime();
+            pingTime.restart();
             pingOutstanding = true;
             rxAtPing = receivedBytes();
         }
@@ -230,7 +230,7 @@ void WriterThread::childLoop() {
         wake();
 }
 
-bool WriterThread::writeItem(const Item& item, Basalt::TimeStamp& pingTime) {
+bool WriterThread::writeItem(const Item& item, Basalt::Stopwatch& pingTime) {
     Basalt::Guard writeGuard(parent->writeMutex());
     Basalt::TCPSocket* socket = parent->socket();
     for (const QByteArray& part : item.parts) {
@@ -244,7 +244,7 @@ bool WriterThread::writeItem(const Item& item, Basalt::TimeStamp& pingTime) {
                 return false;
             }
             if (item.key == PingKey)
-                pingTime = Basalt::TimeStamp::currentTime();
+                pingTime.restart();
             Basalt::BinaryData payload;
             payload.write(item.key);
             payload.writeInt32(chunk);

@@ -16,8 +16,8 @@
 
 #include "Basalt/Condition.h"
 #include "Basalt/Mutex.h"
+#include "Basalt/Stopwatch.h"
 #include "Basalt/Thread.h"
-#include "Basalt/TimeStamp.h"
 #include "Tessel/Node.h"
 
 #include <QByteArray>
@@ -83,7 +83,7 @@ private:
     };
 
     // Writes one item under the parent's write mutex; false after a short write.
-    bool writeItem(const Item& item, Basalt::TimeStamp& pingTime);
+    bool writeItem(const Item& item, Basalt::Stopwatch& pingTime);
     // Idle wait slice: a second, shorter when the ping interval is shortened.
     unsigned long idleWaitMs() const;
 

@@ -1,5 +1,6 @@
 #include "Basalt/TimeStamp.h"
 
+#include <atomic>
 #include <chrono>
 #include <istream>
 #include <ostream>
@@ -8,12 +9,19 @@ namespace Basalt {
 
 namespace {
 
+std::atomic<int64_t> testShift{0};
+
 int64_t nowMicroseconds() {
     using namespace std::chrono;
-    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count() +
+           testShift.load(std::memory_order_relaxed);
 }
 
 } // namespace
+
+void TimeStamp::shiftClockForTesting(int64_t microseconds) {
+    testShift.fetch_add(microseconds);
+}
 
 TimeStamp TimeStamp::currentTime() {
     return TimeStamp(nowMicroseconds());

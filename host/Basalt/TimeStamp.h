@@ -1,5 +1,6 @@
 // A point in time: a signed 64-bit count of microseconds since the Unix epoch (UTC).
-// A value type; not shared between threads without a lock.
+// A value type; not shared between threads without a lock. The wall clock may be
+// stepped: measure intervals with Stopwatch.
 //
 // Text form (stream operators, attribute text): the decimal count of microseconds,
 // e.g. "1763855000123456". Reading accepts exactly that.
@@ -17,6 +18,9 @@ public:
     ~TimeStamp() = default;
 
     static TimeStamp currentTime();
+    // For tests: moves what currentTime() reports by `microseconds`, as a system clock
+    // stepped by an administrator would. Thread-safe.
+    static void shiftClockForTesting(int64_t microseconds);
 
     // Seconds elapsed from this stamp to now (negative for a stamp in the future).
     double sinceSecondsD() const;
