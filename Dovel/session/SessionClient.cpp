@@ -23,6 +23,7 @@ SessionClient::SessionClient(RemoteNode& node, SessionDriver* driver, Options op
     : connection_(std::make_shared<SessionConnection>(nullptr, false,
                                                       clientConfig(node, driver, options))) {
     connection_->setLoginKey(options.loginKey);
+    connection_->setTimeoutSeconds(options.timeoutSeconds);
 }
 
 SessionClient::~SessionClient() {

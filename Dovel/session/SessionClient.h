@@ -28,6 +28,9 @@ public:
         std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
         // The login key the server expects; empty: the default key.
         QByteArray loginKey;
+        // A server that greets no faster, or that neither reads nor sends (nor answers
+        // pings) for longer, is left and connected again.
+        double timeoutSeconds = 10.0;
     };
 
     // `driver` null: the sessions run from the host's update loop.

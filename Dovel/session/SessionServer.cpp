@@ -6,7 +6,7 @@ SessionServer::SessionServer(RemoteNode& node, SessionDriver* driver)
     : SessionServer(node, driver, Options()) {}
 
 SessionServer::SessionServer(RemoteNode& node, SessionDriver* driver, Options options)
-    : stats_(std::make_shared<SessionStats>()) {
+    : stats_(std::make_shared<SessionStats>()), timeoutSeconds(options.timeoutSeconds) {
     config.node = &node;
     config.driver = driver;
     config.master = true;
@@ -44,7 +44,9 @@ QList<std::shared_ptr<SessionConnection>> SessionServer::sessions() const {
 }
 
 std::shared_ptr<ConnectionThread> SessionServer::createConnection(Basalt::TCPSocket* socket) {
-    return std::make_shared<SessionConnection>(socket, true, config);
+    auto connection = std::make_shared<SessionConnection>(socket, true, config);
+    connection->setTimeoutSeconds(timeoutSeconds);
+    return connection;
 }
 
 } // namespace Dovel

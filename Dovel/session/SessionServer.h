@@ -38,6 +38,9 @@ public:
         QStringList writable;
         // The login key of the clients; empty: the default key.
         QByteArray loginKey;
+        // A client that logs in no faster, or that neither reads nor sends (nor answers
+        // pings) for longer, is disconnected.
+        double timeoutSeconds = 10.0;
         // Who may connect, and how many.
         AdmissionRules admission;
     };
@@ -66,6 +69,7 @@ protected:
 
 private:
     SessionConfig config;
+    double timeoutSeconds;
     std::shared_ptr<SessionStats> stats_;
 };
 

@@ -406,6 +406,7 @@ bool ConnectionThread::awaitLoginInput() {
 
 void ConnectionThread::handleConnection() {
     pongReceived.store(false); // a new peer has not answered a ping yet
+    stallLogged.store(false);
     bool shaken = serverSide ? waitLoginDelay() : !stopping.load();
     updateLastPacketTimestamp();
     if (shaken) {
@@ -463,8 +464,14 @@ void ConnectionThread::handleConnection() {
             QByteArray reply = lastLine; // the same payload, byte for byte
             reply[1] = 'o';
             reply.append('\n');
-            Basalt::Guard guard(writeMutex_);
-            writeData(reply.constData(), reply.size());
+            // At once, unless the writer is inside an item (a peer that holds its reading
+            // can keep it there): then after it, and reading goes on meanwhile.
+            if (writeMutex_.tryLock()) {
+                writeData(reply.constData(), reply.size());
+                writeMutex_.unlock();
+            } else {
+                writer->writeData(reply, QByteArray());
+            }
         } else if (usePing_.load() && isKeepAlive(lastLine, "pong")) {
             pongReceived.store(true);
             pong(lastLine.mid(5));
@@ -543,7 +550,8 @@ bool ConnectionThread::writeData(const void* data, int size) {
     if (size < 1)
         return true;
     Basalt::TCPSocket* s = socket();
-    const int written = s ? s->write(data, size) : -1;
+    const int written =
+        s ? s->write(data, size, [this](double stalled) { return writeStalled(stalled); }) : -1;
     if (written != size) {
         Basalt::Trace::debug("ConnectionThread::writeData # Write error");
         failConnection();
@@ -820,6 +828,20 @@ uint32_t ConnectionThread::txBytes() const {
 
 void ConnectionThread::updateLastPacketTimestamp() {
     lastPacket.store(Basalt::Stopwatch::now());
+}
+
+bool ConnectionThread::writeStalled(double seconds) {
+    const double limit = timeoutSeconds();
+    if (!running.load())
+        return true;
+    if (seconds <= limit || secondsSinceLastPacket() <= limit)
+        return false;
+    if (!stallLogged.exchange(true))
+        Basalt::Trace::warning("ConnectionThread::writeData # %s:%d has read nothing and sent "
+                               "nothing for %g s, disconnecting",
+                               hostName().toUtf8().constData(), port(), limit);
+    abortConnection(); // the reading side waits for the peer too
+    return true;
 }
 
 double ConnectionThread::secondsSinceLastPacket() const {

@@ -94,7 +94,8 @@ public:
 
     // Direct socket writes, for the handshake, pong replies and writer update functions;
     // the caller holds writeMutex() so that nothing interleaves. False (and the
-    // connection ends) when the socket takes fewer bytes.
+    // connection ends) when the socket takes fewer bytes, or when it took nothing for
+    // the time-out while the peer sent nothing either (see writeStalled).
     bool writeData(const void* data, int size);
     bool puts(const QString& text);
 
@@ -139,6 +140,11 @@ public:
     Basalt::TimeStamp lastPacketTimestamp() const;
     double secondsSinceLastPacket() const;
     void updateLastPacketTimestamp();
+    // Whether a write that has made no progress for `seconds` should give up: the peer
+    // has read nothing and sent nothing for longer than the time-out, so it is taken to
+    // be gone (logged once). A peer that holds its reading but still sends (pings while
+    // its tree thread catches up) is waited for.
+    bool writeStalled(double seconds);
     double timeoutSeconds() const { return timeout.load(); }
     void setTimeoutSeconds(double seconds) { timeout.store(seconds); }
     Basalt::Mutex& writeMutex() { return writeMutex_; }
@@ -240,6 +246,7 @@ private:
     // a login), and whether its passing was logged.
     std::chrono::steady_clock::time_point loginDeadline;
     bool loginTimedOut = false;
+    std::atomic<bool> stallLogged{false};
 
     // Bytes received but not yet consumed; touched only by the connection's own thread.
     std::vector<char> receiveBuffer;

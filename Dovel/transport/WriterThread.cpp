@@ -236,7 +236,11 @@ bool WriterThread::writeItem(const Item& item, Basalt::Stopwatch& pingTime) {
     for (const QByteArray& part : item.parts) {
         for (int offset = 0; offset < part.size() && running.load(); offset += ChunkSize) {
             const int chunk = std::min(ChunkSize, part.size() - offset);
-            const int written = socket ? socket->write(part.constData() + offset, chunk) : -1;
+            const int written = socket ? socket->write(part.constData() + offset, chunk,
+                                                       [this](double stalled) {
+                                                           return parent->writeStalled(stalled);
+                                                       })
+                                       : -1;
             if (written != chunk) {
                 Basalt::Trace::debug("WriterThread::childLoop # Write error");
                 running.store(false);

@@ -139,21 +139,35 @@ int TCPSocket::read(void* buffer, int bytes, bool waitAll) {
     return total;
 }
 
-int TCPSocket::write(const void* data, int bytes) {
+int TCPSocket::write(const void* data, int bytes, const std::function<bool(double)>& giveUp) {
     const int s = fd.load();
     if (s < 0 || !open_.load())
         return -1;
     const char* in = static_cast<const char*>(data);
+    // Bounded writes never block in send(): they wait for room in slices instead.
+    const int flags = MSG_NOSIGNAL | (giveUp ? MSG_DONTWAIT : 0);
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point progress = Clock::now();
     int total = 0;
     while (total < bytes) {
-        const ssize_t n = ::send(s, in + total, size_t(bytes - total), MSG_NOSIGNAL);
+        const ssize_t n = ::send(s, in + total, size_t(bytes - total), flags);
         if (n < 0 && errno == EINTR)
             continue;
+        if (n < 0 && giveUp && (errno == EAGAIN || errno == EWOULDBLOCK) && open_.load()) {
+            pollfd p{s, POLLOUT, 0};
+            if (::poll(&p, 1, StallPollMs) == 0 &&
+                giveUp(std::chrono::duration<double>(Clock::now() - progress).count())) {
+                hungUp.store(true);
+                break;
+            }
+            continue;
+        }
         if (n <= 0) {
             hungUp.store(true);
             break;
         }
         total += int(n);
+        progress = Clock::now();
         tx.fetch_add(static_cast<unsigned long>(n));
     }
     return total;

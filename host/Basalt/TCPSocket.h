@@ -33,8 +33,11 @@ public:
     // stream ended in between).
     int read(void* buffer, int bytes, bool waitAll = false);
     // Writes all `bytes` bytes; returns the count written, less on failure. Never
-    // raises SIGPIPE.
-    int write(const void* data, int bytes);
+    // raises SIGPIPE. With `giveUp`, a write that makes no progress (the peer reads
+    // nothing) asks it every StallPollMs with the seconds since the last progress, and
+    // returns short when it says true.
+    int write(const void* data, int bytes, const std::function<bool(double)>& giveUp = {});
+    static constexpr int StallPollMs = 100;
 
     bool isOpen() const;
     // The peer closed its end, or the socket failed.

@@ -100,9 +100,8 @@ TEST(FlowControl, AClientWhoseTreeThreadIsBehindStopsReadingAndStaysConnected) {
     ASSERT_EQ(server.sessions().size(), 1);
     // Short time-outs on both sides: a side left without keep-alive would be dropped
     // about six seconds into the hold (its writer pings after five seconds of silence
-    // and gives up a second later). Not below five: the writer would then give up at
-    // its own ping, before a reader that waited for the write mutex to answer the
-    // peer's ping has read the next one.
+    // and gives up a second later), and the server's writer, stuck behind the held
+    // client, would give up after six seconds without its pings.
     server.sessions().front()->setTimeoutSeconds(6.0);
     client.connection().setTimeoutSeconds(6.0);
     const std::shared_ptr<Dovel::BundleController> session = client.connection().controller();
@@ -134,4 +133,36 @@ TEST(FlowControl, AClientWhoseTreeThreadIsBehindStopsReadingAndStaysConnected) {
     EXPECT_EQ(session->receiveBacklog().bytes(), 0);
     EXPECT_EQ(client.stats().sessionsStarted.load(), 1u);
     EXPECT_EQ(log.count("", Basalt::Trace::Warning), 0) << log.dump().toStdString();
+}
+
+TEST(FlowControl, AClientThatNeitherReadsNorSendsIsDroppedWhileAnotherKeepsReceiving) {
+    Side master("master");
+    Side mirror("mirror");
+    // A first copy of about 16 MB: more than the sockets between them hold.
+    master.run([&] {
+        const QString text(StringBytes, QChar('x'));
+        for (int i = 0; i < 16 * Strings; ++i)
+            master.node.addDeepAttribute("s/v" + QByteArray::number(i),
+                                         new AttributeT<QString>(nullptr, "", text));
+    });
+    SessionServer::Options options;
+    options.timeoutSeconds = 1.0;
+    SessionServer server(master.node, &master.driver, options);
+    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
+    auto stuck = TransportTest::RawPeer::connect(server.port());
+    ASSERT_TRUE(stuck);
+    ASSERT_EQ(TransportTest::clientLogin(*stuck), QByteArray("ok"));
+    // It takes the start of the first copy, then neither reads nor sends anything.
+    ASSERT_EQ(stuck->readExact(64 << 10).size(), 64 << 10);
+    const auto quiet = std::chrono::steady_clock::now();
+
+    SessionClient client(mirror.node, &mirror.driver);
+    client.connectToHost("127.0.0.1", server.port());
+    EXPECT_TRUE(waitSame(master, mirror, 30000));
+    // Dropped once it has taken nothing and said nothing for the time-out (with the
+    // rest of its first copy unread in the sockets).
+    EXPECT_TRUE(waitUntil([&] { return server.clientCount() == 1; }, 30000));
+    EXPECT_GE(TransportTest::secondsSince(quiet), 1.0);
+    EXPECT_TRUE(stuck->waitClosed(30000));
+    EXPECT_TRUE(client.isConnected());
 }
