@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace Dovel {
 
@@ -17,6 +18,9 @@ namespace {
 
 constexpr double ListenRetrySeconds = 5.0;
 constexpr unsigned int AcceptWaitMs = 50000;
+// The pause after a failed accept (out of descriptors), doubling while it fails.
+constexpr int MinAcceptPauseMs = 20;
+constexpr int MaxAcceptPauseMs = 1000;
 // The system's usual queue of connections not yet accepted: many clients that
 // connect at once wait in it instead of being refused.
 constexpr int ListenBacklog = SOMAXCONN;
@@ -223,13 +227,36 @@ bool ServerBase::listen() {
     return false;
 }
 
+bool ServerBase::pauseAccepting(int error, int& pauseMs) {
+    // The connection stays pending, so the next wait would return at once: without a
+    // pause the loop would spin a core until a descriptor frees.
+    if (pauseMs == 0)
+        Basalt::Trace::warning("ServerBase::accept # Cannot accept on port %d (%s); new "
+                               "connections wait, the open ones are served",
+                               port_.load(), std::strerror(error));
+    pauseMs = std::clamp(pauseMs * 2, MinAcceptPauseMs, MaxAcceptPauseMs);
+    Basalt::Guard guard(listenMutex);
+    if (running.load())
+        listenCondition.wait(listenMutex, static_cast<unsigned long>(pauseMs));
+    return running.load();
+}
+
 void ServerBase::accept() {
+    int pauseMs = 0; // while accept() fails for want of resources
     while (running.load()) {
         if (!serverSocket.isPendingConnection(AcceptWaitMs))
             continue;
-        Basalt::TCPSocket* socket = serverSocket.accept();
-        if (!socket)
+        int error = 0;
+        Basalt::TCPSocket* socket = serverSocket.accept(&error);
+        if (!socket) {
+            if (error != 0 && !pauseAccepting(error, pauseMs))
+                break;
             continue;
+        }
+        if (pauseMs != 0) {
+            Basalt::Trace::warning("ServerBase::accept # Accepting on port %d again", port_.load());
+            pauseMs = 0;
+        }
         const QString address = socket->peerAddress();
         const Admission::Ticket ticket = admission_.admit(address, socket->peerPort());
         if (ticket.evicted)

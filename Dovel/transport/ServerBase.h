@@ -87,6 +87,9 @@ protected:
 private:
     bool listen();
     void accept();
+    // After accept() failed with `error`: logs it the first time, waits `pauseMs`
+    // (doubled, within bounds) unless stopped. False once stopped.
+    bool pauseAccepting(int error, int& pauseMs);
     void retire(const std::shared_ptr<ConnectionThread>& connection, Basalt::Task& task);
 
     Basalt::TCPServerSocket serverSocket;

@@ -101,7 +101,9 @@ bool TCPServerSocket::isPendingConnection(unsigned int ms) {
     }
 }
 
-TCPSocket* TCPServerSocket::accept() {
+TCPSocket* TCPServerSocket::accept(int* error) {
+    if (error)
+        *error = 0;
     const int s = fd.load();
     if (s < 0 || closed.load())
         return nullptr;
@@ -112,8 +114,11 @@ TCPSocket* TCPServerSocket::accept() {
         if (errno == EINTR)
             continue;
         // The peer may have given up between poll and accept: not worth a line.
-        if (errno != ECONNABORTED && errno != EINVAL && !closed.load())
+        if (errno != ECONNABORTED && errno != EINVAL && !closed.load()) {
             Trace::debug("TCPServerSocket::accept # %s", std::strerror(errno));
+            if (error)
+                *error = errno;
+        }
         return nullptr;
     }
 }

@@ -21,8 +21,9 @@ public:
     int open(const char* host, int port, int backlog);
     // Waits up to `ms` milliseconds for a connection to accept.
     bool isPendingConnection(unsigned int ms);
-    // The next connection, owned by the caller; null when none could be taken.
-    TCPSocket* accept();
+    // The next connection, owned by the caller; null when none could be taken, with the
+    // system's error (errno) in `error` when given (0 when the peer gave up meanwhile).
+    TCPSocket* accept(int* error = nullptr);
     bool close();
     bool isOpen() const { return fd.load() >= 0 && !closed.load(); }
     // The port actually bound (useful after open with port 0); 0 when not open.

@@ -13,6 +13,7 @@
 #include <QJsonObject>
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <memory>
 #include <vector>
@@ -34,6 +35,15 @@ int threadsOf(QProcess& process) {
     const QByteArray status = readFile(QStringLiteral("/proc/%1/status").arg(process.processId()));
     const int at = status.indexOf("Threads:");
     return at < 0 ? -1 : status.mid(at + 8, status.indexOf('\n', at) - at - 8).trimmed().toInt();
+}
+
+// User and system CPU seconds a running process has used.
+double cpuSecondsOf(QProcess& process) {
+    const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(process.processId()));
+    const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+    if (fields.size() < 13)
+        return -1.0;
+    return (fields[11].toLongLong() + fields[12].toLongLong()) / double(sysconf(_SC_CLK_TCK));
 }
 
 TEST(Access, KeysTheDefaultAddressAndTheWarningForAnOpenServer) {
@@ -187,6 +197,50 @@ TEST(Access, IdleConnectionsHoldFewThreadsAndADumpStillGetsIn) {
     std::cout << "threads with " << Idle << " idle connections: " << threads << "; dump took "
               << timer.elapsed() << " ms\n";
     idle.clear();
+    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+}
+
+TEST(Access, AServerOutOfDescriptorsIdlesAndServesTheClientsItHas) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    QTemporaryDir folder;
+    DovelTool tool;
+    QProcess server;
+    server.setProcessEnvironment(tool.environment);
+    server.start("bash", {"-c", "ulimit -n 64 && exec \"$0\" files serve \"$1\" --listen 0",
+                          toolPath(), folder.path()});
+    ProcessOutput output(server);
+    ASSERT_TRUE(output.waitForOut("\n"));
+    const QRegularExpressionMatch listening =
+        QRegularExpression("listening on 127\\.0\\.0\\.1:(\\d+)").match(output.standardOutput());
+    ASSERT_TRUE(listening.hasMatch()) << output.standardOutput().constData();
+    const int port = listening.captured(1).toInt();
+    auto client = RawPeer::connect(port);
+    ASSERT_TRUE(client);
+    ASSERT_EQ(clientLogin(*client), QByteArray("ok"));
+
+    // More connections than descriptors: the server cannot accept them all.
+    std::vector<std::unique_ptr<RawPeer>> flood;
+    for (int i = 0; i < 200; ++i)
+        flood.push_back(RawPeer::connect(port));
+    const double cpuBefore = cpuSecondsOf(server);
+    QElapsedTimer timer;
+    timer.start();
+    int pongs = 0;
+    while (timer.elapsed() < 2000) {
+        client->send("ping flooded\n");
+        for (QByteArray line = client->readLine(); !line.isNull(); line = client->readLine())
+            if (line == "pong flooded") {
+                ++pongs;
+                break;
+            }
+        client->quietFor(200); // a ping now and then: the server's time is the flood's
+    }
+    const double cpu = cpuSecondsOf(server) - cpuBefore;
+    EXPECT_GT(pongs, 2);
+    // A spinning accept loop would take a whole core; a tenth is the target.
+    EXPECT_LT(cpu, 0.1 * timer.elapsed() / 1000.0 + 0.05) << cpu << " s of CPU";
+    flood.clear();
     EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
 }
 
