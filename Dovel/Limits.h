@@ -107,18 +107,29 @@ constexpr int MaxFilePartBytes = 1 << 20;
 // Longest file name, in UTF-8 bytes, accepted in a file command or a file list; keeps
 // paths within what file systems take (AssetBase::isCarriableName, FileTransferHandler).
 constexpr int MaxFileNameBytes = 4096;
-// Most files being downloaded into one folder at once, so that a peer cannot grow the
-// download list without end (AssetBase::addFileToDownloadList).
-constexpr int MaxActiveDownloads = 1 << 20;
-// Most names waiting in one connection's upload queue (FileTransferHandler).
-constexpr int MaxUploadQueue = 1 << 20;
+// Files one connection downloads at once: each holds its temporary file open (and one
+// of the hash's readers). Further descriptions wait, and their parts are asked for as
+// downloads end (FileTransferHandler::receiveFileInfo); a part that was not asked for
+// fails its download.
+constexpr int MaxDownloadsPerConnection = 64;
+// Bytes of the download list of one folder, each entry charged DownloadEntryBytes
+// beside its name's UTF-8 bytes (AssetBase::addFileToDownloadList).
+constexpr int64_t MaxDownloadListBytes = int64_t(64) << 20;
+constexpr int64_t DownloadEntryBytes = 256;
+// Bytes of one connection's upload queue, each entry charged UploadEntryBytes beside
+// the UTF-8 bytes of its name and path (FileTransferHandler::startFilePartsUploadTask).
+constexpr int64_t MaxUploadQueueBytes = int64_t(64) << 20;
+constexpr int64_t UploadEntryBytes = 64;
 // Bytes that may wait in a folder server's connection when its peer sends another
 // line; beyond it the peer is taken not to read and is disconnected, so that requests
 // whose answers it never reads cannot fill our memory (FolderServeConnection::parse).
 // Far above what uploads let wait (32 MiB) and a large folder's list.
 constexpr int64_t MaxUnreadReplyBytes = int64_t(256) << 20;
 // Most entries a serving peer may announce in its whole file list, over all its
-// "filelist" maps (FolderPullConnection).
+// "filelist" maps, and most bytes they may take, each charged FileListEntryBytes beside
+// its name's UTF-8 bytes (FolderPullConnection::receiveList).
 constexpr int MaxFileListEntries = 1 << 20;
+constexpr int64_t MaxFileListBytes = int64_t(512) << 20;
+constexpr int64_t FileListEntryBytes = 128;
 
 } // namespace Dovel::Limits

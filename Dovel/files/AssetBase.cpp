@@ -223,6 +223,12 @@ QString AssetBase::resolveInside(const QString& canonicalRoot, const QString& na
     }
 }
 
+QString AssetBase::resolveLinkFree(const QString& canonicalRoot, const QString& name) {
+    if (!isCarriableName(name) || linkFree(canonicalRoot, name, nullptr) == LinkFree::Other)
+        return QString();
+    return (canonicalRoot == QLatin1String("/") ? QString() : canonicalRoot) + name;
+}
+
 QString AssetBase::linkFreeFile(const QString& canonicalRoot, const QString& name) {
     struct stat status;
     if (!isCarriableName(name) || linkFree(canonicalRoot, name, &status) != LinkFree::Exists ||
@@ -282,6 +288,8 @@ void AssetBase::walkFolder(const QString& dir, std::vector<FoundFile>& found) {
         if (::fstatat(folderFd, raw, &status, AT_SYMLINK_NOFOLLOW) != 0)
             continue;
         const bool link = S_ISLNK(status.st_mode);
+        if (link && linksLeftAlone)
+            continue;
         if (link && ::fstatat(folderFd, raw, &status, 0) != 0)
             continue; // a dangling link is neither a file nor a folder
         const bool isDir = S_ISDIR(status.st_mode);
@@ -473,9 +481,18 @@ void AssetBase::writeCache(const FileList& list) {
 bool AssetBase::addFileToDownloadList(const QString& name, int64_t size, int64_t parts,
                                       const QString& md5, Basalt::TimeStamp owner) {
     Basalt::Guard guard(downloadMutex);
-    if (downloads.count(name) || downloads.size() >= size_t(Limits::MaxActiveDownloads))
+    if (downloads.count(name))
         return false;
+    const int64_t charge = Limits::DownloadEntryBytes + name.toUtf8().size();
+    if (downloadListBytes + charge > Limits::MaxDownloadListBytes) {
+        Basalt::Trace::warning("AssetBase::addFileToDownloadList # The download list of %s is "
+                               "full; '%s' is not fetched",
+                               root_.toUtf8().constData(), name.toUtf8().constData());
+        return false;
+    }
+    downloadListBytes += charge;
     Download& entry = downloads[name];
+    entry.charge = charge;
     entry.startTime = QDateTime::currentDateTime();
     entry.md5 = QByteArray::fromHex(md5.toLatin1());
     entry.size = size;
@@ -577,7 +594,11 @@ bool AssetBase::removeFileFromDownloadList(const QString& name, bool success) {
     bool empty;
     {
         Basalt::Guard guard(downloadMutex);
-        downloads.erase(name);
+        const auto it = downloads.find(name);
+        if (it != downloads.end()) {
+            downloadListBytes -= it->second.charge;
+            downloads.erase(it);
+        }
         empty = downloads.empty();
     }
     if (existed && empty) {
@@ -613,6 +634,7 @@ bool AssetBase::clearDownloadList(Basalt::TimeStamp owner) {
         }
         if (it->second.received > 0)
             QFile::remove(root_ + it->first + TempSuffix);
+        downloadListBytes -= it->second.charge;
         it = downloads.erase(it);
         dropped = true;
     }

@@ -8,6 +8,12 @@
 // The array is read and written through ChecksumCacheFile where it can, QSettings
 // otherwise.
 //
+// Symbolic links: a served folder follows the links that lead to files or folders
+// inside it (their files are listed under the link's path) and skips the others. A
+// folder a pull writes into leaves links alone (leaveLinksAlone): it neither lists,
+// follows, removes nor writes through them, so that a pull never touches anything but
+// the path a name names; a file the server has where a link stands here fails.
+//
 // Thread-safe: the file list and the checksum cache are guarded by `fileListMutex`, the
 // download list by `downloadMutex` (each download's running MD5 by a lock of its own,
 // taken after the list's is released), the remove queue by `removeMutex`; the file list
@@ -82,6 +88,12 @@ public:
     // symbolic links (the nearest existing ancestor is resolved for a missing file);
     // empty when the name is not carriable or leads outside.
     QString resolveInside(const QString& name) const { return resolveInside(root_, name); }
+    // Links are left alone from now on (see above): a pull's folder. Set before use.
+    void leaveLinksAlone() { linksLeftAlone = true; }
+    bool leavesLinksAlone() const { return linksLeftAlone; }
+    // root + name when no component of it below the root is a symbolic link (the file
+    // itself may be missing); empty otherwise or when the name is not carriable.
+    static QString resolveLinkFree(const QString& canonicalRoot, const QString& name);
     // The same for any canonical root.
     static QString resolveInside(const QString& canonicalRoot, const QString& name);
     // root + name when it is a regular file reached through no symbolic link below the
@@ -157,6 +169,7 @@ private:
         Basalt::TimeStamp owner;
         int64_t received = 0; // parts
         std::shared_ptr<RunningMd5> hash;
+        int64_t charge = 0; // counted against Limits::MaxDownloadListBytes
     };
 
     struct FoundFile {
@@ -190,12 +203,14 @@ private:
 
     mutable Basalt::Mutex downloadMutex;
     std::map<QString, Download> downloads;
+    int64_t downloadListBytes = 0; // the entries' charges; guarded like them
 
     Basalt::Mutex removeMutex;
     QMap<QString, QList<std::shared_ptr<ConnectionThread>>> removeQueue;
     // Directories visited during one walk, by canonical path, so that a link cannot
     // make the walk loop; touched only under fileListMutex.
     QSet<QString> visitedDirs;
+    bool linksLeftAlone = false;
 };
 
 } // namespace Dovel

@@ -14,6 +14,8 @@
 #include <atomic>
 #include <cmath>
 
+#include <stdio.h>
+
 namespace Dovel {
 
 namespace {
@@ -175,6 +177,10 @@ QString FileTransferHandler::rootDirectory() const {
 
 void FileTransferHandler::progress(int64_t, const QString&) {}
 
+bool FileTransferHandler::wantsDownload(const QString&) {
+    return true;
+}
+
 void FileTransferHandler::downloadStarted(const QString&, int64_t) {}
 
 void FileTransferHandler::downloadFinished(const QString&, bool) {}
@@ -212,7 +218,9 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
 }
 
 QString FileTransferHandler::targetPath(const QString& name) const {
-    return AssetBase::resolveInside(canonicalRoot(rootDirectory()), name);
+    const QString root = canonicalRoot(rootDirectory());
+    return assetBase.leavesLinksAlone() ? AssetBase::resolveLinkFree(root, name)
+                                        : AssetBase::resolveInside(root, name);
 }
 
 QString FileTransferHandler::canonicalRoot(const QString& rootDir) const {
@@ -262,12 +270,38 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
                              static_cast<long long>(exactParts));
         parts = exactParts;
     }
-    if (assetBase.addFileToDownloadList(name, size, parts, md5, connectedAt)) {
-        incoming.insert(name);
-        downloadStarted(name, size);
-        requestFileParts(name);
-    } else {
-        Basalt::Trace::warning("File '%s' is being downloaded already", name.toUtf8().constData());
+    if (!wantsDownload(name)) {
+        Basalt::Trace::warning("FileTransferHandler::receiveFileInfo # Refusing '%s' from "
+                               "%s:%d: it was not asked for",
+                               name.toUtf8().constData(), hostName().toUtf8().constData(), port());
+        return;
+    }
+    downloadStarted(name, size);
+    // Each download under way holds its file open: beyond the cap, the rest wait.
+    const Described described{name, size, parts, md5};
+    if (incoming.size() >= Limits::MaxDownloadsPerConnection)
+        waitingToStart.push_back(described);
+    else
+        startDownload(described);
+}
+
+void FileTransferHandler::startDownload(const Described& download) {
+    if (assetBase.addFileToDownloadList(download.name, download.size, download.parts, download.md5,
+                                        connectedAt)) {
+        incoming.insert(download.name);
+        requestFileParts(download.name);
+        return;
+    }
+    Basalt::Trace::warning("File '%s' is being downloaded already",
+                           download.name.toUtf8().constData());
+    downloadFinished(download.name, false);
+}
+
+void FileTransferHandler::startWaitingDownloads() {
+    while (!waitingToStart.empty() && incoming.size() < Limits::MaxDownloadsPerConnection) {
+        const Described next = waitingToStart.front();
+        waitingToStart.pop_front();
+        startDownload(next);
     }
 }
 
@@ -336,6 +370,7 @@ void FileTransferHandler::settleReceiving() {
     hashes.cancelAll();
     receiving.clear();
     incoming.clear();
+    waitingToStart.clear();
 }
 
 void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, int64_t part) {
@@ -345,7 +380,8 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
         return; // the connection has ended; disconnected() clears its downloads
 
     settleFinishing(name);
-    const bool downloading = assetBase.isDownloading(name);
+    // Only parts asked for: the rest would open files beyond the cap.
+    const bool downloading = incoming.contains(name) && assetBase.isDownloading(name);
     const int64_t expected = assetBase.currentParts(name) + 1;
     if (!downloading || part != expected) {
         Basalt::Trace::warning("received file part %lld but we expected %lld: '%s'",
@@ -390,6 +426,7 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
     finishing.push_back({name, file->target, file->temp});
     receiving.erase(name); // closes the file
     incoming.remove(name);
+    startWaitingDownloads();
     // While another download is still to come, this one's hash goes on beside it.
     settleFinishing(incoming.isEmpty());
 }
@@ -408,10 +445,10 @@ void FileTransferHandler::finishDownload(const Finishing& download) {
                                name.toUtf8().constData());
     } else if (assetBase.downloadListMD5(name) == assetBase.downloadListPartMD5(name)) {
         Basalt::FileWriter writing(target);
-        const QFileInfo existing(target);
-        if (existing.exists() || existing.isSymLink())
-            QFile::remove(target);
-        renamed = QFile::rename(temp, target);
+        // One step that replaces the old file: no moment without it, whenever the pull
+        // is killed (QFile::rename does not replace, and remove-then-rename leaves a gap).
+        renamed = ::rename(QFile::encodeName(temp).constData(),
+                           QFile::encodeName(target).constData()) == 0;
         if (!renamed)
             Basalt::Trace::warning("Failed to rename '%s' to '%s'", temp.toUtf8().constData(),
                                    target.toUtf8().constData());
@@ -431,7 +468,7 @@ void FileTransferHandler::failDownload(const QString& name, bool mayTouchFiles) 
     // Parts still being hashed must not reach a later download of the same name.
     hashes.cancel(name);
     receiving.erase(name);
-    incoming.remove(name);
+    const bool wasIncoming = incoming.remove(name);
     if (mayTouchFiles) {
         const QString target = targetPath(name);
         if (!target.isEmpty())
@@ -441,6 +478,8 @@ void FileTransferHandler::failDownload(const QString& name, bool mayTouchFiles) 
     Basalt::Trace::warning("File Download for '%s' failed", name.toUtf8().constData());
     if (assetBase.removeFileFromDownloadList(name, false))
         downloadFinished(name, false);
+    if (wasIncoming)
+        startWaitingDownloads();
 }
 
 // ---- uploading ----
@@ -464,13 +503,16 @@ void FileTransferHandler::startFilePartsUploadTask(const QString& name) {
     const QString path = servablePath(name, "startFilePartsUploadTask");
     if (path.isEmpty())
         return;
+    const int64_t charge =
+        Limits::UploadEntryBytes + name.toUtf8().size() + QFile::encodeName(path).size();
     Basalt::Guard guard(uploadMutex);
-    if (uploadQueue.size() >= Limits::MaxUploadQueue) {
+    if (uploadQueueBytes + charge > Limits::MaxUploadQueueBytes) {
         Basalt::Trace::warning("FileTransferHandler::startFilePartsUploadTask # Upload queue "
                                "full, dropping '%s'",
                                name.toUtf8().constData());
         return;
     }
+    uploadQueueBytes += charge;
     uploadQueue.append(qMakePair(name, path));
     if (uploadTask)
         return;
@@ -508,6 +550,8 @@ FileTransferHandler::SendStatus FileTransferHandler::sendFileParts() {
                 return SendStatus::Done;
             }
             const QPair<QString, QString> next = uploadQueue.takeFirst();
+            uploadQueueBytes -= Limits::UploadEntryBytes + next.first.toUtf8().size() +
+                                QFile::encodeName(next.second).size();
             uploadMutex.unlock();
             currentUpload = next.first;
             uploadFile.setFileName(next.second);
@@ -580,6 +624,7 @@ void FileTransferHandler::dropUploads() {
     std::shared_ptr<Basalt::Task> ending;
     Basalt::Guard guard(uploadMutex);
     uploadQueue.clear();
+    uploadQueueBytes = 0;
     ending = std::move(uploadTask);
     uploadTask.reset();
 }

@@ -98,7 +98,11 @@ protected:
     virtual QString rootDirectory() const;
     // Bytes received for `name` since the last report.
     virtual void progress(int64_t bytes, const QString& name);
-    // A download was accepted (after "fileinfo") / has ended.
+    // Whether a description of `name` may start a download; a peer may send only what
+    // was asked for. True by default.
+    virtual bool wantsDownload(const QString& name);
+    // A download was accepted (after "fileinfo"; its parts may still wait for others
+    // to end) / has ended.
     virtual void downloadStarted(const QString& name, int64_t size);
     virtual void downloadFinished(const QString& name, bool success);
 
@@ -107,6 +111,17 @@ protected:
 private:
     void requestFileParts(const QString& name);
     void receiveFileInfo(const QString& name, int64_t size, int64_t parts, const QString& md5);
+    // A description whose parts have not been asked for yet.
+    struct Described {
+        QString name;
+        int64_t size = 0;
+        int64_t parts = 0;
+        QString md5;
+    };
+    // Enters the download list and asks for the parts.
+    void startDownload(const Described& download);
+    // Starts waiting downloads while fewer than Limits::MaxDownloadsPerConnection run.
+    void startWaitingDownloads();
     void receiveFilePart(const QString& name, int64_t bytes, int64_t part);
     // The open temporary file of a download being received.
     struct Receiving {
@@ -167,14 +182,17 @@ private:
     // into.
     std::map<QString, std::unique_ptr<Receiving>> receiving;
     std::deque<Finishing> finishing;
-    QSet<QString> incoming;
+    QSet<QString> incoming;               // parts asked for, last part not yet come
+    std::deque<Described> waitingToStart; // described, parts not yet asked for
     QByteArray partBuffer;
     DownloadHasher hashes;
 
     Basalt::Mutex uploadMutex;
     std::shared_ptr<Basalt::Task> uploadTask; // guarded by uploadMutex
-    // Names waiting to be sent, with the paths they were checked to resolve to.
+    // Names waiting to be sent, with the paths they were checked to resolve to, and
+    // their charge against Limits::MaxUploadQueueBytes.
     QList<QPair<QString, QString>> uploadQueue; // guarded by uploadMutex
+    int64_t uploadQueueBytes = 0;               // guarded by uploadMutex
     // The upload being sent: only the upload task touches them.
     QString currentUpload;
     QFile uploadFile;

@@ -41,6 +41,7 @@ bool parseDescription(const QString& text, int64_t& size, QString& md5) {
 FolderPullConnection::FolderPullConnection(AssetBase& asset, bool deleteExtra)
     : FileTransferHandler(nullptr, false, asset), deleteExtra(deleteExtra) {
     setKeepRetrying(false);
+    asset.leaveLinksAlone(); // a pull writes and removes only the paths names name
 }
 
 FolderPullConnection::~FolderPullConnection() {
@@ -169,6 +170,12 @@ bool FolderPullConnection::receiveList(const QString& countText) {
                                    it.key().toUtf8().constData());
             continue;
         }
+        listBytes += Limits::FileListEntryBytes + it.key().toUtf8().size();
+        if (listBytes > Limits::MaxFileListBytes) {
+            finish(false, QStringLiteral("the server's file list is too large"));
+            abortConnection();
+            return true;
+        }
         serverList.insert(serverList.constEnd(), it.key(), Entry{size, md5}); // in name order
     }
     return true;
@@ -267,6 +274,10 @@ void FolderPullConnection::progress(int64_t bytes, const QString& name) {
     bytesDone += bytes;
     progressState.bytesFetched = bytesDone;
     report(name);
+}
+
+bool FolderPullConnection::wantsDownload(const QString& name) {
+    return pending.contains(name) && !announced.contains(name);
 }
 
 void FolderPullConnection::downloadStarted(const QString& name, int64_t) {

@@ -84,6 +84,8 @@ protected:
     void disconnected() override;
     void idle() override;
     void progress(int64_t bytes, const QString& name) override;
+    // Only the files this pull asked for, once each.
+    bool wantsDownload(const QString& name) override;
     void downloadStarted(const QString& name, int64_t size) override;
     void downloadFinished(const QString& name, bool success) override;
 
@@ -118,6 +120,7 @@ private:
     bool localListed = false;     // `compared` holds the local list
     bool changedHere = false;     // a file was requested or removed
     int listEntriesSeen = 0;      // skipped ones included
+    int64_t listBytes = 0;        // charged against Limits::MaxFileListBytes
     bool listDone = false;        // the server's list is complete
     bool requested = false;       // the comparison has run and asked for what differs
     bool syncReceived = false;
