@@ -69,8 +69,8 @@ protected:
 
 private:
     SessionConfig config;
-    double timeoutSeconds;
     std::shared_ptr<SessionStats> stats_;
+    double timeoutSeconds;
 };
 
 } // namespace Dovel

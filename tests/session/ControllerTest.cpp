@@ -399,7 +399,8 @@ TEST(Controller, ACoreIsDestroyedOnItsTreeThreadWhereverItsLastReferenceGoes) {
         ASSERT_EQ(run.size(), 1u);
         run.front()();
         run.clear(); // the core goes here, on the tree thread
-        if (node)
+        if (node) {
             EXPECT_EQ(node->eventListenerCount(), listeners);
+        }
     }
 }

@@ -6,13 +6,13 @@
 #include "MirrorClient.h"
 #include "PathValues.h"
 #include "TreeJson.h"
+#include "TreeSaver.h"
 
 #include "Dovel/session/SessionDriver.h"
 #include "Dovel/session/SessionServer.h"
 #include "Dovel/sync/RemoteNode.h"
 
 #include <QFile>
-#include <QSaveFile>
 
 #include <signal.h>
 #include <time.h>
@@ -25,14 +25,17 @@ namespace DovelTool {
 namespace {
 
 constexpr double DefaultTimeoutSeconds = 10.0;
+// A save that fails at exit is tried again each second this many times.
+constexpr int FinalSaveTries = 10;
 
-// Blocks SIGINT and SIGTERM for the calling thread and every thread it starts later, so
-// that they wait for sigwait. Returns the set.
+// Blocks SIGINT, SIGTERM and SIGHUP (a closed terminal) for the calling thread and every
+// thread it starts later, so that they wait for sigwait. Returns the set.
 sigset_t blockStopSignals() {
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     return stopSignals;
 }
@@ -124,7 +127,8 @@ int runServe(const QStringList& args) {
         QStringLiteral("Shares a tree with every client that connects, as the master of each\n"
                        "session: clients see its values, and a change that one client makes\n"
                        "reaches the server and every other client. Prints \"listening on\n"
-                       "HOST:PORT\" once it listens and runs until SIGINT or SIGTERM (Ctrl-C)."));
+                       "HOST:PORT\" once it listens and runs until SIGINT, SIGTERM or SIGHUP\n"
+                       "(Ctrl-C)."));
     line.addOption(QStringLiteral("listen"), QStringLiteral("[HOST:]PORT"),
                    QStringLiteral("address to listen on (default 127.0.0.1:5000, this machine "
                                   "only; PORT alone stays on it; 0.0.0.0:PORT takes every "
@@ -132,8 +136,14 @@ int runServe(const QStringList& args) {
     line.addOption(QStringLiteral("tree"), QStringLiteral("FILE.json"),
                    QStringLiteral("the tree to share, in the tree-file format "
                                   "(docs/tree-format.md); empty without it"));
-    line.addOption(QStringLiteral("save"), QStringLiteral("FILE.json"),
-                   QStringLiteral("write the tree, with the clients' changes, to FILE on exit"));
+    line.addOption(
+        QStringLiteral("save"), QStringLiteral("FILE.json"),
+        QStringLiteral("keep the tree, with the clients' changes, saved in FILE: while it "
+                       "changes and on exit, each time whole (a crash leaves the "
+                       "last save)"));
+    line.addOption(QStringLiteral("save-interval"), QStringLiteral("SECONDS"),
+                   QStringLiteral("with --save, save at most this often while the tree changes "
+                                  "(default 10)"));
     line.addOption(QStringLiteral("read-only"), QString(),
                    QStringLiteral("clients may read the tree but not change it: their changes, "
                                   "additions, removals and events are refused and their copy "
@@ -171,6 +181,12 @@ int runServe(const QStringList& args) {
         treeText = file.readAll();
     }
     const QString saveFile = line.value(QStringLiteral("save"));
+    double saveInterval = 10.0;
+    if (line.isSet(QStringLiteral("save-interval")) &&
+        !CommandLine::parseSeconds(QStringLiteral("save-interval"),
+                                   line.value(QStringLiteral("save-interval")), saveInterval,
+                                   error))
+        return CommandLine::fail(CommandLine::UsageError, line.usageLine(error));
 
     // Before the first thread starts: every thread inherits the blocked signals.
     const sigset_t stopSignals = blockStopSignals();
@@ -197,20 +213,24 @@ int runServe(const QStringList& args) {
     CommandLine::print(
         QStringLiteral("listening on %1\n").arg(addressText(host, server.port())).toUtf8());
 
-    while (!stopSignalWithin(stopSignals, 60000)) {
-    }
+    std::unique_ptr<TreeSaver> saver;
+    if (!saveFile.isEmpty())
+        saver = std::make_unique<TreeSaver>(root, driver, saveFile);
+    const int waitMs = saver ? int(saveInterval * 1000) : 60000;
+    while (!stopSignalWithin(stopSignals, waitMs))
+        if (saver)
+            saver->saveIfChanged();
     server.shutdown();
-
-    if (saveFile.isEmpty())
+    if (!saver)
         return CommandLine::Success;
-    QByteArray document;
-    driver.call([&] { document = json.dumpBytes(root); });
-    QSaveFile file(saveFile);
-    if (!file.open(QIODevice::WriteOnly) || file.write(document) != document.size() ||
-        !file.commit())
-        return CommandLine::fail(
-            CommandLine::Failure,
-            QStringLiteral("cannot write %1: %2").arg(saveFile, file.errorString()));
+    // The last save is tried for a while (a full disk may get room), or until another
+    // signal says to give up.
+    for (int tries = 0; !saver->saveIfChanged(); ++tries)
+        if (tries == FinalSaveTries || stopSignalWithin(stopSignals, 1000))
+            return CommandLine::fail(CommandLine::Failure,
+                                     saver->lastError() +
+                                         QStringLiteral("; the changes since the last save are "
+                                                        "lost"));
     return CommandLine::Success;
 }
 
