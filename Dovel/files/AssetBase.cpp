@@ -13,11 +13,13 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstring>
 
@@ -150,6 +152,11 @@ AssetBase::AssetBase(const QString& root) : Basalt::Thread(QStringLiteral("Asset
 
 AssetBase::~AssetBase() {
     waitEnd(-1);
+    if (lockFd >= 0) {
+        // Removed while still held, so that no one locks it after we let go.
+        ::unlink(QFile::encodeName(root_ + QLatin1Char('/') + LockFileName).constData());
+        ::close(lockFd);
+    }
 }
 
 void AssetBase::stop() {
@@ -221,6 +228,44 @@ QString AssetBase::resolveInside(const QString& canonicalRoot, const QString& na
             return QString();
         dir = parent;
     }
+}
+
+const QString AssetBase::LockFileName = QStringLiteral(".filesync.lock");
+
+QString AssetBase::tempPathFor(const QString& target) {
+    const int slash = target.lastIndexOf(QLatin1Char('/'));
+    const QString leaf = target.mid(slash + 1);
+    const QByteArray encoded = QFile::encodeName(leaf);
+    if (encoded.size() + TempSuffix.size() <= NAME_MAX)
+        return target + TempSuffix;
+    return target.left(slash + 1) + QLatin1Char('.') +
+           QString::fromLatin1(QCryptographicHash::hash(encoded, QCryptographicHash::Md5).toHex()) +
+           TempSuffix;
+}
+
+bool AssetBase::lockForWriting(QString& error) {
+    if (lockFd >= 0)
+        return true;
+    const QByteArray path = QFile::encodeName(root_ + QLatin1Char('/') + LockFileName);
+    const int fd = ::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        error = QStringLiteral("cannot lock %1: %2")
+                    .arg(root_, QString::fromLocal8Bit(strerror(errno)));
+        return false;
+    }
+    // The holder removes the file when it is done: a lock taken on a file that has been
+    // removed (or replaced) meanwhile is no lock, and is let go.
+    struct stat held;
+    struct stat named;
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0 || ::fstat(fd, &held) != 0 ||
+        ::stat(path.constData(), &named) != 0 || held.st_ino != named.st_ino ||
+        held.st_dev != named.st_dev) {
+        ::close(fd);
+        error = QStringLiteral("another pull is writing into %1").arg(root_);
+        return false;
+    }
+    lockFd = fd;
+    return true;
 }
 
 QString AssetBase::resolveLinkFree(const QString& canonicalRoot, const QString& name) {
@@ -296,13 +341,15 @@ void AssetBase::walkFolder(const QString& dir, std::vector<FoundFile>& found) {
         if ((!isDir && !S_ISREG(status.st_mode)) || !isReadable(folderFd, raw, status))
             continue;
         const QString fileName = QFile::decodeName(raw);
-        if (fileName.endsWith(TempSuffix))
-            continue; // a download in progress
+        if (fileName.endsWith(TempSuffix) || (dir.isEmpty() && fileName == LockFileName))
+            continue; // a download in progress, or a pull's lock
         QString name = dir + QLatin1Char('/') + fileName;
         if (!isCarriableName(name)) {
             Basalt::Trace::warning("AssetBase::buildFileList # Skipping '%s': the file protocol "
                                    "cannot carry its name",
                                    name.toUtf8().constData());
+            if (uncarriable.size() < MaxUncarriableNames)
+                uncarriable.append(name);
             continue;
         }
         if (link && !isInsideRoot(QFileInfo(root_ + name).canonicalFilePath())) {
@@ -316,6 +363,7 @@ void AssetBase::walkFolder(const QString& dir, std::vector<FoundFile>& found) {
             if (visitedDirs.contains(canonical))
                 continue; // a link back into the tree
             visitedDirs.insert(canonical);
+            walkedFolders.append(root_ + name);
             walkFolder(name, found);
             continue;
         }
@@ -327,6 +375,16 @@ void AssetBase::walkFolder(const QString& dir, std::vector<FoundFile>& found) {
 AssetBase::FileList AssetBase::buildFileList(ProgressSender* progress) {
     Basalt::Guard guard(fileListMutex);
     return buildLocked(progress);
+}
+
+QStringList AssetBase::uncarriableNames() const {
+    Basalt::Guard guard(fileListMutex);
+    return uncarriable;
+}
+
+QStringList AssetBase::foldersOfLastBuild() const {
+    Basalt::Guard guard(fileListMutex);
+    return walkedFolders;
 }
 
 uint64_t AssetBase::buildGeneration() const {
@@ -348,6 +406,8 @@ AssetBase::FileList AssetBase::buildLocked(ProgressSender* progress) {
     QList<QPair<QString, QFileInfo>> pending;
     visitedDirs.clear();
     visitedDirs.insert(root_);
+    uncarriable.clear();
+    walkedFolders = QStringList{root_};
     buildFileList(QString(), list, pending);
     const int64_t reusedHere = list.size();
 
@@ -612,8 +672,9 @@ int AssetBase::removeLeftoverParts() {
     int removed = 0;
     Basalt::Guard guard(downloadMutex);
     forEachTempFile(root_, QString(), [&](const QString& name) {
-        if (downloads.find(name.chopped(TempSuffix.size())) != downloads.end())
-            return;
+        for (const auto& download : downloads)
+            if (tempPathFor(root_ + download.first) == root_ + name)
+                return;
         if (QFile::remove(root_ + name))
             ++removed;
     });
@@ -633,7 +694,7 @@ bool AssetBase::clearDownloadList(Basalt::TimeStamp owner) {
             continue;
         }
         if (it->second.received > 0)
-            QFile::remove(root_ + it->first + TempSuffix);
+            QFile::remove(tempPathFor(root_ + it->first));
         downloadListBytes -= it->second.charge;
         it = downloads.erase(it);
         dropped = true;

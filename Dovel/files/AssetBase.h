@@ -34,6 +34,7 @@
 #include <QPair>
 #include <QSet>
 #include <QString>
+#include <QStringList>
 
 #include <atomic>
 #include <cstdint>
@@ -76,6 +77,12 @@ public:
     // or a new build when there is none. Lets two users that want a fresh list share one
     // walk of the folder.
     FileList fileListBuiltSince(uint64_t generation, ProgressSender* progress = nullptr);
+    // The files the last build left out because the protocol cannot carry their names
+    // (at most MaxUncarriableNames of them).
+    QStringList uncarriableNames() const;
+    static constexpr int MaxUncarriableNames = 1000;
+    // The folders the last build walked (absolute paths, the root first).
+    QStringList foldersOfLastBuild() const;
     // The checksum of a file: the listed one while its size and modification time are
     // unchanged, otherwise computed now. Empty when the file cannot be read.
     QString md5(const QString& name);
@@ -138,6 +145,16 @@ public:
     // Removes the temporary files of downloads that no longer run (a pull that was
     // killed leaves them behind); those of active downloads stay. Returns how many.
     int removeLeftoverParts();
+    // Where a download of the file at `target` (an absolute path) is written until it is
+    // checked: target + ".filesync.part", or, when that would pass the longest name a
+    // file system takes, a hidden name in the same folder derived from the file's name.
+    static QString tempPathFor(const QString& target);
+    // The name of the lock file a pull holds in its folder's root; no walk lists it.
+    static const QString LockFileName;
+    // Locks the folder for one writer (a pull) until this object goes (the lock file is
+    // removed then); false, with `error` set, when another process holds it or the lock
+    // file cannot be made.
+    bool lockForWriting(QString& error);
 
     // Checksums computed by reading a file, and taken from the cache instead, over the
     // asset's life.
@@ -196,7 +213,9 @@ private:
     std::atomic<int64_t> reused{0};
 
     mutable Basalt::Mutex fileListMutex;
-    FileList files; // the last built list, which is also the checksum cache
+    FileList files;            // the last built list, which is also the checksum cache
+    QStringList uncarriable;   // guarded by fileListMutex
+    QStringList walkedFolders; // guarded by fileListMutex
     // Whether the settings store holds exactly `files`; guarded by fileListMutex.
     bool cacheStored = false;
     uint64_t buildsBegun = 0; // guarded by fileListMutex
@@ -211,6 +230,7 @@ private:
     // make the walk loop; touched only under fileListMutex.
     QSet<QString> visitedDirs;
     bool linksLeftAlone = false;
+    int lockFd = -1;
 };
 
 } // namespace Dovel

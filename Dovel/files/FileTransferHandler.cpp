@@ -20,7 +20,6 @@ namespace Dovel {
 
 namespace {
 
-const QString TempSuffix = QStringLiteral(".filesync.part");
 const QString Name = QStringLiteral("\"((?:/[^?*<>:\"]+)+)\"");
 // Pause of an upload waiting for the writer to drain.
 constexpr double UploadRetrySeconds = 0.002;
@@ -158,11 +157,24 @@ void FileTransferHandler::connected() {
 }
 
 bool FileTransferHandler::wantsIdle() {
-    return !finishing.empty();
+    return !finishing.empty() || !incoming.isEmpty();
 }
 
 void FileTransferHandler::idle() {
     settleFinishing(false);
+    // Parts asked for that do not come (the file shrank on the server while it was sent,
+    // which the protocol cannot say): those downloads fail, so that the peer's owner can
+    // ask again or give up.
+    if (incoming.isEmpty() || sinceProgress.elapsedSeconds() <= timeoutSeconds())
+        return;
+    for (const QString& name : QStringList(incoming.values())) {
+        Basalt::Trace::warning("FileTransferHandler::idle # No part of '%s' came from %s:%d for "
+                               "%g s; the file may have changed while it was sent",
+                               name.toUtf8().constData(), hostName().toUtf8().constData(), port(),
+                               timeoutSeconds());
+        failDownload(name, true);
+    }
+    sinceProgress.restart();
 }
 
 void FileTransferHandler::disconnected() {
@@ -286,6 +298,8 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
 }
 
 void FileTransferHandler::startDownload(const Described& download) {
+    if (incoming.isEmpty())
+        sinceProgress.restart(); // the wait for parts starts here
     if (assetBase.addFileToDownloadList(download.name, download.size, download.parts, download.md5,
                                         connectedAt)) {
         incoming.insert(download.name);
@@ -318,7 +332,7 @@ FileTransferHandler::Receiving* FileTransferHandler::receivingFile(const QString
         return nullptr;
     auto made = std::make_unique<Receiving>();
     made->target = target;
-    made->temp = target + TempSuffix;
+    made->temp = AssetBase::tempPathFor(target);
     // Another name may lead to the same file (through a link, or a case-insensitive file
     // system): a download waiting for its hash there ends before the file is made again.
     if (!finishing.empty() && QFileInfo::exists(made->temp)) {
@@ -374,6 +388,7 @@ void FileTransferHandler::settleReceiving() {
 }
 
 void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, int64_t part) {
+    sinceProgress.restart();
     // The bytes come first, so that the stream stays framed whatever happens next.
     partBuffer.resize(int(bytes));
     if (!readData(reinterpret_cast<uint8_t*>(partBuffer.data()), int(bytes)))
@@ -472,7 +487,7 @@ void FileTransferHandler::failDownload(const QString& name, bool mayTouchFiles) 
     if (mayTouchFiles) {
         const QString target = targetPath(name);
         if (!target.isEmpty())
-            QFile::remove(target + TempSuffix);
+            QFile::remove(AssetBase::tempPathFor(target));
     }
     receivedCounts.remove(name);
     Basalt::Trace::warning("File Download for '%s' failed", name.toUtf8().constData());

@@ -6,8 +6,9 @@
 //   sendparts "NAME"                 ask for all parts of the file
 //   filepart "NAME" COUNT N          part N (from 1) follows: exactly COUNT raw bytes
 //
-// The receiver writes parts to NAME + ".filesync.part", checks the whole file's MD5
-// and renames it into place. The sender never hands out a file whose name holds ".."
+// The receiver writes parts to NAME + ".filesync.part" (AssetBase::tempPathFor), checks
+// the whole file's MD5 and renames it into place. Downloads whose parts stop coming for
+// the connection's time-out fail. The sender never hands out a file whose name holds ".."
 // or whose path leaves the folder (symbolic links are resolved): such a request is
 // logged and gets no answer.
 //
@@ -27,6 +28,7 @@
 #include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/Mutex.h"
+#include "Basalt/Stopwatch.h"
 #include "Basalt/Task.h"
 #include "Basalt/TimeStamp.h"
 
@@ -186,6 +188,7 @@ private:
     std::deque<Described> waitingToStart; // described, parts not yet asked for
     QByteArray partBuffer;
     DownloadHasher hashes;
+    Basalt::Stopwatch sinceProgress; // since the last part came (or the wait began)
 
     Basalt::Mutex uploadMutex;
     std::shared_ptr<Basalt::Task> uploadTask; // guarded by uploadMutex

@@ -66,8 +66,16 @@ void FolderPullConnection::start(const QString& host, int port) {
 }
 
 void FolderPullConnection::start(const QString& host, int port, uint64_t generation) {
-    if (lister.joinable())
+    if (lister.joinable() || result().finished)
         return; // one attempt per connection
+    // One pull at a time writes into a folder: two would trip over each other's files.
+    QString locked;
+    if (!asset().lockForWriting(locked)) {
+        Basalt::Guard guard(protocolMutex);
+        finish(false, locked);
+        return;
+    }
+    asset().removeLeftoverParts(); // of an earlier pull that did not finish
     // The comparison may need the connection's shared pointer (the remove queue holds
     // it), so the listing thread holds one while it compares, unless the connection is
     // being destroyed by then.
@@ -129,6 +137,14 @@ bool FolderPullConnection::parse(const QString& line) {
     }
     if (line == QLatin1String("filesync")) {
         receiveSync();
+        return true;
+    }
+    if (line.startsWith(QLatin1String("fileskipped "))) {
+        // A file of the server's that the protocol cannot carry: the mirror cannot be
+        // complete, and the result says which.
+        if (uncarried.size() < AssetBase::MaxUncarriableNames)
+            uncarried.append(
+                QString::fromUtf8(QByteArray::fromPercentEncoding(line.mid(12).toUtf8())));
         return true;
     }
     // A pull only receives: the server has no business reading our files.
@@ -286,8 +302,19 @@ void FolderPullConnection::downloadStarted(const QString& name, int64_t) {
 
 void FolderPullConnection::downloadFinished(const QString& name, bool success) {
     announced.remove(name);
-    if (!pending.remove(name))
+    if (!pending.contains(name))
         return;
+    // A file that changed while it was sent, or arrived damaged, is asked for once more.
+    if (!success && !retried.contains(name) && isLive() && !isStopping()) {
+        retried.insert(name);
+        Basalt::Trace::info("FolderPullConnection::downloadFinished # Asking for '%s' again",
+                            name.toUtf8().constData());
+        requestFileInfo(name);
+        writeBuffer(QStringLiteral("sendfilesync\n"), QByteArray());
+        syncReceived = false;
+        return;
+    }
+    pending.remove(name);
     ++progressState.filesFetched;
     if (success)
         ++transferred;
@@ -323,7 +350,7 @@ void FolderPullConnection::verifyAndFinish() {
                 failedSet.insert(it.key());
     failedNames = QStringList(failedSet.begin(), failedSet.end());
     std::sort(failedNames.begin(), failedNames.end());
-    finish(failedNames.isEmpty(), QString());
+    finish(failedNames.isEmpty() && uncarried.isEmpty(), QString());
 }
 
 void FolderPullConnection::finish(bool success, const QString& error) {
@@ -335,6 +362,7 @@ void FolderPullConnection::finish(bool success, const QString& error) {
         result_.success = success;
         result_.error = error;
         result_.failed = failedNames;
+        result_.uncarried = uncarried;
         result_.filesChecked = serverList.size();
         result_.filesTransferred = transferred;
         result_.filesDeleted = deleted;

@@ -5,7 +5,8 @@
 // (and the folders left empty), downloads the files, then checks the folder against the
 // list once more (walking it again only when something was fetched or removed). One
 // attempt, no reconnection: the result says what happened. A pull only receives: a
-// server that asks for one of our files ends it.
+// server that asks for one of our files ends it. It locks its folder (a second pull
+// into it fails at once), and asks once more for a file whose download failed.
 //
 // The local folder is listed on a thread of the pull's own while it connects and the
 // server lists its folder, so that the two walks overlap and the connection's thread
@@ -47,10 +48,11 @@ public:
 
     struct Result {
         bool finished = false;
-        bool success = false; // the folder matches the server's list
-        QString error;        // why the pull ended early, if it did
-        QStringList failed;   // names that do not match
-        int filesChecked = 0; // entries of the server's list
+        bool success = false;  // the folder matches the server's list
+        QString error;         // why the pull ended early, if it did
+        QStringList failed;    // names that do not match
+        QStringList uncarried; // the server's files whose names the protocol cannot carry
+        int filesChecked = 0;  // entries of the server's list
         int filesTransferred = 0;
         int filesDeleted = 0;
         int64_t bytesTransferred = 0;
@@ -126,7 +128,9 @@ private:
     bool syncReceived = false;
     QSet<QString> pending;   // requested and not yet finished
     QSet<QString> announced; // described by the server and being downloaded
+    QSet<QString> retried;   // failed once and asked for again
     QStringList failedNames;
+    QStringList uncarried;
     int transferred = 0;
     int deleted = 0;
     int64_t bytesDone = 0;

@@ -1,16 +1,16 @@
 #include "Dovel/files/FolderServeConnection.h"
 
 #include "Dovel/files/AssetBase.h"
+#include "Dovel/files/ServedList.h"
 
 #include "Basalt/Trace.h"
-
-#include <QMap>
 
 namespace Dovel {
 
 FolderServeConnection::FolderServeConnection(Basalt::TCPSocket* socket, AssetBase& asset,
-                                             int64_t unreadReplyCeiling)
-    : FileTransferHandler(socket, true, asset), unreadReplyCeiling(unreadReplyCeiling) {}
+                                             ServedList& list, int64_t unreadReplyCeiling)
+    : FileTransferHandler(socket, true, asset), list(list), unreadReplyCeiling(unreadReplyCeiling) {
+}
 
 FolderServeConnection::~FolderServeConnection() {
     shutdown();
@@ -18,50 +18,35 @@ FolderServeConnection::~FolderServeConnection() {
 
 void FolderServeConnection::connected() {
     FileTransferHandler::connected();
-    // Built per connection, so that the peer sees the folder as it is now; cached
-    // checksums keep this to a walk of the folder.
-    const AssetBase::FileList list = asset().buildFileList(nullptr);
-    forEachListChunk(list, [this](const QMap<QString, QString>& chunk) {
-        writeMapBuffer(QStringLiteral("filelist"), chunk);
-    });
-    writeBuffer(QStringLiteral("filelistend %1\n").arg(list.size()), QByteArray());
+    // The same bytes as every other peer that logged in lately: a burst of logins costs
+    // one walk of the folder and one copy of the list.
+    writeBuffer(list.current(remoteVersion(1, 9, 1)), QByteArray());
 }
 
-void FolderServeConnection::forEachListChunk(
-    const AssetBase::FileList& list,
-    const std::function<void(const QMap<QString, QString>&)>& send) {
-    QMap<QString, QString> chunk;
-    int64_t chunkBytes = 0;
-    const auto flush = [&] {
-        send(chunk);
-        chunk.clear();
-        chunkBytes = 0;
-    };
-    for (auto it = list.constBegin(); it != list.constEnd(); ++it) {
-        const QString value = QString::number(it->size) + QLatin1Char(' ') + it->md5;
-        // At most three UTF-8 bytes per UTF-16 unit, and each string's tag and length.
-        const int64_t entryBytes = 3 * int64_t(it.key().size() + value.size()) + 16;
-        if (!chunk.isEmpty() && chunkBytes + entryBytes > ListChunkBytes)
-            flush();
-        chunk.insert(chunk.constEnd(), it.key(), value);
-        chunkBytes += entryBytes;
-        if (chunk.size() == ListChunk)
-            flush();
-    }
-    if (!chunk.isEmpty())
-        send(chunk);
+bool FolderServeConnection::overCeiling() {
+    const int64_t waiting = bufferedDataSize();
+    if (waiting <= unreadReplyCeiling)
+        return false;
+    Basalt::Trace::warning("FolderServeConnection::parse # %lld bytes wait for %s:%d, which "
+                           "goes on asking without reading; disconnecting",
+                           static_cast<long long>(waiting), hostName().toUtf8().constData(),
+                           port());
+    stop();
+    return true;
+}
+
+bool FolderServeConnection::wantsIdle() {
+    return FileTransferHandler::wantsIdle() || bufferedDataSize() > unreadReplyCeiling;
+}
+
+void FolderServeConnection::idle() {
+    FileTransferHandler::idle();
+    overCeiling();
 }
 
 bool FolderServeConnection::parse(const QString& line) {
-    const int64_t waiting = bufferedDataSize();
-    if (waiting > unreadReplyCeiling) {
-        Basalt::Trace::warning("FolderServeConnection::parse # %lld bytes wait for %s:%d, which "
-                               "goes on asking without reading; disconnecting",
-                               static_cast<long long>(waiting), hostName().toUtf8().constData(),
-                               port());
-        stop();
+    if (overCeiling())
         return true;
-    }
     // Serving only: a peer may not put files into the folder.
     if (line.startsWith(QLatin1String("fileinfo ")) ||
         line.startsWith(QLatin1String("filepart "))) {

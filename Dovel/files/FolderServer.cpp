@@ -4,14 +4,16 @@
 
 namespace Dovel {
 
-FolderServer::FolderServer(const QString& folder) : asset_(std::make_unique<AssetBase>(folder)) {}
+FolderServer::FolderServer(const QString& folder)
+    : asset_(std::make_unique<AssetBase>(folder)), list(std::make_unique<ServedList>(*asset_)) {}
 
 FolderServer::~FolderServer() {
     shutdown();
 }
 
 std::shared_ptr<ConnectionThread> FolderServer::createConnection(Basalt::TCPSocket* socket) {
-    return std::make_shared<FolderServeConnection>(socket, *asset_, unreadReplyCeiling.load());
+    return std::make_shared<FolderServeConnection>(socket, *asset_, *list,
+                                                   unreadReplyCeiling.load());
 }
 
 } // namespace Dovel

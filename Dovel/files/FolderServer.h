@@ -1,11 +1,13 @@
 // Serves one folder to any number of pulling peers: a listening server whose
-// connections are FolderServeConnections sharing one AssetBase of the folder.
+// connections are FolderServeConnections sharing one AssetBase of the folder and one
+// ServedList, the file list they send.
 // Thread contract as ServerBase; the destructor stops and joins everything before the
 // asset folder goes.
 #pragma once
 
 #include "Dovel/Limits.h"
 #include "Dovel/files/AssetBase.h"
+#include "Dovel/files/ServedList.h"
 #include "Dovel/transport/ServerBase.h"
 
 #include <atomic>
@@ -29,6 +31,7 @@ protected:
 
 private:
     std::unique_ptr<AssetBase> asset_;
+    std::unique_ptr<ServedList> list; // shared by the connections
     std::atomic<int64_t> unreadReplyCeiling{Limits::MaxUnreadReplyBytes};
 };
 

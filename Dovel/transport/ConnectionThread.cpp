@@ -520,9 +520,14 @@ void ConnectionThread::writeBuffer(const QList<QByteArray>& parts, const QByteAr
 
 QByteArray ConnectionThread::buildMapBuffer(const QString& name,
                                             const QMap<QString, QString>& map) const {
+    return encodeMap(name, map, remoteVersion(1, 9, 1));
+}
+
+QByteArray ConnectionThread::encodeMap(const QString& name, const QMap<QString, QString>& map,
+                                       bool binary) {
     QByteArray out =
         (name + QLatin1Char(' ') + QString::number(map.size()) + QLatin1Char('\n')).toUtf8();
-    if (remoteVersion(1, 9, 1)) {
+    if (binary) {
         out += MapBlock::encode(map);
     } else {
         for (auto it = map.constBegin(); it != map.constEnd(); ++it) {

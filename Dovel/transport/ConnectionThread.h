@@ -88,6 +88,9 @@ public:
     void writeBuffer(const QList<QByteArray>& parts, const QByteArray& key);
     // The map's header line and body in the form the peer's version reads.
     QByteArray buildMapBuffer(const QString& name, const QMap<QString, QString>& map) const;
+    // The same in the binary form (peers of 1.9.1 on) or the text form.
+    static QByteArray encodeMap(const QString& name, const QMap<QString, QString>& map,
+                                bool binary);
     void writeMapBuffer(const QString& name, const QMap<QString, QString>& map);
     // Sends "ping" (with " " + payload when the payload is not empty) through the writer.
     void ping(const QByteArray& payload);

@@ -3,8 +3,8 @@
 #include "files/FilesTestUtil.h"
 
 #include "Dovel/files/FileTransferHandler.h"
-#include "Dovel/files/FolderServeConnection.h"
 #include "Dovel/files/ProgressSender.h"
+#include "Dovel/files/ServedList.h"
 #include "Dovel/transport/MapBlock.h"
 
 #include "Basalt/Condition.h"
@@ -45,12 +45,12 @@ TEST(FileProtocol, CommandLinesAndPartCounts) {
 }
 
 TEST(FileProtocol, TheListIsCutIntoMapsOfAtMost4096EntriesThatAPullerTakes) {
-    using Serve = Dovel::FolderServeConnection;
+    using Serve = Dovel::ServedList;
     const Dovel::AssetBase::FileInfo info{3, QString::fromLatin1(AbcMd5), {}};
     auto chunksOf = [](const Dovel::AssetBase::FileList& list) {
         std::vector<QMap<QString, QString>> chunks;
-        Serve::forEachListChunk(list,
-                                [&](const QMap<QString, QString>& map) { chunks.push_back(map); });
+        Serve::forEachChunk(list,
+                            [&](const QMap<QString, QString>& map) { chunks.push_back(map); });
         return chunks;
     };
     // Short names: by count.

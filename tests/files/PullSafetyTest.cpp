@@ -123,4 +123,39 @@ TEST(PullSafety, OnlyWhatWasAskedForIsTakenAndFewDownloadsRunAtOnce) {
     puller->shutdown();
 }
 
+TEST(PullSafety, AFileWhosePartsStopComingFailsAfterOneMoreTry) {
+    // The server's file shrank while it was sent: its last parts never come.
+    const QByteArray content = patternBytes(200000, 4);
+    const QByteArray md5 = QCryptographicHash::hash(content, QCryptographicHash::Md5).toHex();
+    QTemporaryDir target;
+    TransportTest::RawListener listener;
+    Dovel::AssetBase asset(target.path());
+    auto puller = std::make_shared<Dovel::FolderPullConnection>(asset, false);
+    puller->setTimeoutSeconds(0.5);
+    puller->start(QStringLiteral("127.0.0.1"), listener.port());
+    auto server = listener.accept();
+    ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));
+    server->send("filelist 1\n" +
+                 Dovel::MapBlock::encode({{"/t.bin", "200000 " + QString::fromLatin1(md5)}}) +
+                 "filelistend 1\n");
+    int asked = 0;
+    for (QByteArray line = nextLine(*server, 2000); !line.isNull();
+         line = nextLine(*server, 2000)) {
+        if (line == "sendfileinfo \"/t.bin\"") {
+            ++asked;
+            server->send("fileinfo 200000 \"/t.bin\" 4 " + md5 + "\nfilesync\n");
+        } else if (line == "sendparts \"/t.bin\"") {
+            server->send("filepart \"/t.bin\" 65536 1\n" + content.left(65536));
+        }
+        if (puller->waitFinished(0))
+            break;
+    }
+    ASSERT_TRUE(puller->waitFinished(10000));
+    EXPECT_EQ(asked, 2);
+    EXPECT_EQ(puller->result().failed, QStringList{"/t.bin"});
+    EXPECT_FALSE(QFile::exists(target.filePath("t.bin")));
+    EXPECT_TRUE(tempFiles(target.path()).isEmpty());
+    puller->shutdown();
+}
+
 } // namespace

@@ -164,6 +164,9 @@ int pull(const QStringList& args) {
     line.addArgument(QStringLiteral("DIR"), QStringLiteral("the local folder (made when missing)"));
     line.addOption(QStringLiteral("delete"), QString(),
                    QStringLiteral("also remove local files that the server does not have"));
+    line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
+                   QStringLiteral("give up on a server that logs in no faster, or a download "
+                                  "whose parts stop coming for as long (default 60)"));
     addKeyOption(line);
     const int parsed = parseWords(line, args, 2, QStringLiteral("HOST:PORT DIR"));
     if (parsed >= 0)
@@ -172,6 +175,11 @@ int pull(const QStringList& args) {
     int port = 0;
     QString error;
     if (!CommandLine::parseAddress(line.positional().at(0), false, host, port, error))
+        return CommandLine::fail(CommandLine::UsageError, line.usageLine(error));
+    double timeout = 60.0;
+    if (line.isSet(QStringLiteral("timeout")) &&
+        !CommandLine::parseSeconds(QStringLiteral("timeout"), line.value(QStringLiteral("timeout")),
+                                   timeout, error))
         return CommandLine::fail(CommandLine::UsageError, line.usageLine(error));
     const QString folder = line.positional().at(1);
     if (QFileInfo::exists(folder) && !QFileInfo(folder).isDir())
@@ -184,11 +192,11 @@ int pull(const QStringList& args) {
     QElapsedTimer clock;
     clock.start();
     Dovel::AssetBase asset(folder);
-    asset.removeLeftoverParts();
     ProgressPrinter printer(isatty(STDOUT_FILENO) == 1);
     auto connection =
         std::make_shared<Dovel::FolderPullConnection>(asset, line.isSet(QStringLiteral("delete")));
     connection->setLoginKey(key);
+    connection->setTimeoutSeconds(timeout);
     connection->setProgressCallback(
         [&printer](const Dovel::FolderPullConnection::Progress& p) { printer.show(p); });
     connection->start(host, port);
@@ -211,6 +219,9 @@ int pull(const QStringList& args) {
         CommandLine::note(QStringLiteral("pull failed: %1").arg(result.error));
     for (const QString& name : result.failed)
         std::fprintf(stderr, "failed: %s\n", name.toUtf8().constData());
+    for (const QString& name : result.uncarried)
+        CommandLine::note(
+            QStringLiteral("not pulled: %1 (the file protocol cannot carry its name)").arg(name));
     return 1;
 }
 
