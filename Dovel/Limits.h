@@ -78,6 +78,12 @@ constexpr int MaxUnknownBundleTypes = 1024;
 // times that. Rebinding a known name or symbol counts too: each may make the receiver
 // create another attribute (NewAttributeReceiver).
 constexpr int MaxPeerSymbols = 1 << 22;
+// What the nodes and attributes created for a peer's announcements may cost this side,
+// per byte of bundles the peer has sent, beyond a floor that any small tree fits in
+// (PeerFootprint). A flat tree costs a few bytes per byte sent; a peer that sends deep,
+// ever new paths would otherwise make us hold hundreds.
+constexpr int64_t MaxHeldBytesPerPeerByte = 16;
+constexpr int64_t PeerFootprintFloorBytes = int64_t(16) << 20;
 // Longest name a peer may define for a symbol; a longer one is left undefined
 // (SymbolRegistryReceiver::handleBundle). Paths of a tree stay far below it.
 constexpr int MaxPeerNameBytes = 4096;

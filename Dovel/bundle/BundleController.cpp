@@ -229,6 +229,8 @@ void BundleController::Core::ensureIsInitialized() {
         });
     }
     newAttributeReceiver->setCreateMissingAttributes(params->createMissingAttributes);
+    newAttributeReceiver->setFootprint(&footprint);
+    attributeRemoveReceiver->setFootprint(&footprint);
     if (!writeRules.allowsEverything()) {
         newAttributeReceiver->setWriteRules(&writeRules);
         attributeUpdateReceiver->setWriteRules(&writeRules);
@@ -325,6 +327,7 @@ void BundleController::Core::process(const std::vector<Bundle>& bundles) {
             flush();
     }
     for (const Bundle& bundle : bundles) {
+        footprint.received(bundle.size());
         BundleReader reader(bundle);
         try {
             dispatcher.dispatchBundle(reader);

@@ -25,6 +25,7 @@
 #include "Dovel/bundle/BundleCounters.h"
 #include "Dovel/bundle/BundleDispatcher.h"
 #include "Dovel/bundle/ReceiveBacklog.h"
+#include "Dovel/sync/PeerFootprint.h"
 #include "Dovel/sync/PeerWriteRules.h"
 #include "Dovel/types/TypeRegistry.h"
 
@@ -221,6 +222,7 @@ private:
     std::shared_ptr<BundleCounters> counters;
     // Kept apart from params too: the receivers point to it.
     PeerWriteRules writeRules;
+    PeerFootprint footprint;
     bool autoUpdate = true;
     // Listeners on the node that wake the tree thread for local changes.
     long changeWakeId = -1;

@@ -3,6 +3,7 @@
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"
+#include "Dovel/sync/PeerFootprint.h"
 #include "Dovel/sync/PeerWriteRules.h"
 #include "Dovel/sync/RemoteNode.h"
 
@@ -43,15 +44,30 @@ void AttributeRemoveReceiver::handleBundle(BundleReader& reader) {
         }
         if (!sa->localOrigin) {
             const NodeWatcher::Event echo{NodeWatcher::AttributeRemoved, sa->localSymbol};
+            Tessel::Node* const host = attribute->host();
             sender.ignoreOne(echo);
             delete attribute; // detaches from its host; the watcher reports the removal
             sender.stopIgnoring(echo);
+            removeEmptyCreated(host);
         }
         sa->lastReceivedSequence = 0;
         sa->typeCode = 0;
         sa->deserializer = skippingDeserializer(sa->fixedSize);
         sa->removedByPeer = true;
         sa->lastSentSequence = 0;
+    }
+}
+
+void AttributeRemoveReceiver::removeEmptyCreated(Tessel::Node* host) {
+    // Nodes are not sent: removing one makes no message, only the watcher's report.
+    while (footprint && host && host != &node && host->childCount() == 0) {
+        const unsigned int symbol = node.attributeCache().symbolOf(host);
+        if (!symbol || !footprint->takeCreatedNode(symbol))
+            return;
+        Tessel::Node* const up = host->host();
+        if (!up || !up->deleteAttribute(host))
+            return;
+        host = up;
     }
 }
 

@@ -7,10 +7,15 @@
 
 #include "Dovel/bundle/BundleReceiver.h"
 
+namespace Tessel {
+class Node;
+}
+
 namespace Dovel {
 
 class AttributeStorage;
 class NodeChangeSender;
+class PeerFootprint;
 class PeerWriteRules;
 class RemoteNode;
 
@@ -22,12 +27,18 @@ public:
     void handleBundle(BundleReader& reader) override;
     // What the peer may change; null (the default): everything. Outlives the receiver.
     void setWriteRules(const PeerWriteRules* rules) { writeRules = rules; }
+    // Where the nodes created for the peer are remembered: one its removal leaves empty
+    // goes too. Null: none is removed. Outlives the receiver.
+    void setFootprint(PeerFootprint* footprint) { this->footprint = footprint; }
 
 private:
     RemoteNode& node;
     AttributeStorage& storage;
     NodeChangeSender& sender;
     const PeerWriteRules* writeRules = nullptr;
+    PeerFootprint* footprint = nullptr;
+    // Removes `node` and its ancestors while they are empty and were made for the peer.
+    void removeEmptyCreated(Tessel::Node* node);
 };
 
 } // namespace Dovel

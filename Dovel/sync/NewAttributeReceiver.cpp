@@ -5,6 +5,7 @@
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"
 #include "Dovel/sync/NodeWatcher.h"
+#include "Dovel/sync/PeerFootprint.h"
 #include "Dovel/sync/PeerWriteRules.h"
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/types/TypeRegistry.h"
@@ -143,6 +144,10 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             refuseAddition();
             return;
         }
+        if (!mayCreate(false, path, path.size())) {
+            skipAll();
+            return;
+        }
         // An announcement without a value for an attribute this side has removed is the
         // peer's answer to an earlier announcement of ours, overtaken by our removal,
         // which is on its way to the peer. Creating it again would bring the removed
@@ -260,8 +265,27 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
     return parent;
 }
 
+bool NewAttributeReceiver::mayCreate(bool node, const QByteArray& path, int pathBytes) {
+    if (!footprint)
+        return true;
+    if (node ? footprint->chargeNode(pathBytes) : footprint->chargeAttribute(pathBytes))
+        return true;
+    if (!footprintSaid) {
+        footprintSaid = true;
+        Basalt::Trace::warning("NewAttributeReceiver::handleBundle # The peer's additions would "
+                               "make this side hold more than %lld bytes for the %lld bytes it "
+                               "sent; '%s' and further ones past that are not created",
+                               static_cast<long long>(footprint->held()),
+                               static_cast<long long>(footprint->receivedSoFar()),
+                               path.constData());
+    }
+    return false;
+}
+
 Tessel::Node* NewAttributeReceiver::addNode(Tessel::Node& parent, const QByteArray& path, int start,
                                             int end) {
+    if (!mayCreate(true, path, end))
+        return nullptr;
     const QByteArray name(path.constData() + start, end - start);
     auto created = std::make_unique<Tessel::Node>(nullptr, name);
     // Watched at once, which reports it (before the attribute that brought it exists): a
@@ -271,7 +295,11 @@ Tessel::Node* NewAttributeReceiver::addNode(Tessel::Node& parent, const QByteArr
         return nullptr;
     const Tessel::Attribute* const added = created.release(); // owned by its host, or gone
     Tessel::Attribute* const now = symbol ? node.attributeCache().find(symbol) : nullptr;
-    return now == added ? Tessel::asNode(now) : nullptr;
+    if (now != added)
+        return nullptr;
+    if (footprint)
+        footprint->nodeCreated(symbol);
+    return Tessel::asNode(now);
 }
 
 } // namespace Dovel

@@ -26,6 +26,7 @@ namespace Dovel {
 
 class AttributeStorage;
 class NodeChangeSender;
+class PeerFootprint;
 class PeerWriteRules;
 class RemoteNode;
 class TypeRegistry;
@@ -52,6 +53,9 @@ public:
     // attribute or node is created and no value applied (the refusal is reported).
     // Outlives the receiver.
     void setWriteRules(const PeerWriteRules* rules) { writeRules = rules; }
+    // Where creations are charged against what the peer sent; null: not bounded.
+    // Outlives the receiver.
+    void setFootprint(PeerFootprint* footprint) { this->footprint = footprint; }
 
 private:
     // Handles one entry after its four words; `reader` stands at its value (if any).
@@ -78,6 +82,10 @@ private:
     bool createMissing = false;
     bool skipStale = false;
     const PeerWriteRules* writeRules = nullptr;
+    PeerFootprint* footprint = nullptr;
+    bool footprintSaid = false; // the refusal is logged once
+    // False (logged once) when the footprint cannot take a creation at `path`.
+    bool mayCreate(bool node, const QByteArray& path, int pathBytes);
     // Recent leaf names: two for each set of hashes, and which of the two was used last.
     static constexpr size_t LeafNameSets = 64;
     std::array<QByteArray, 2 * LeafNameSets> leafNames;

@@ -94,6 +94,18 @@ TEST(Receivers, RemovalDestroysPeerCreatedAttributesOnlyAndReadsLateUpdatesPast)
     pump(*p.a, *p.b);
     ASSERT_TRUE(p.rightAt("p/x"));
     EXPECT_EQ(p.rightAt("p/x")->asInt(), 5);
+
+    // The nodes made for the peer's attribute go with it once they are empty; a node
+    // of this side's stays.
+    p.left.addDeepAttribute("deep/a/b/c", new AttributeT<int>(nullptr, "", 1));
+    p.left.addDeepAttribute("q/w", new AttributeT<int>(nullptr, "", 1));
+    pump(*p.a, *p.b);
+    ASSERT_TRUE(p.rightAt("deep/a/b/c") && p.rightAt("q/w"));
+    delete p.left.attribute("deep")->attribute("a")->attribute("b")->attribute("c");
+    delete p.left.attribute("q")->attribute("w");
+    pump(*p.a, *p.b);
+    EXPECT_EQ(p.right.attribute("deep"), nullptr);
+    EXPECT_EQ(p.rightAt("q/y"), localY);
 }
 
 TEST(Receivers, TheFirstCopyHoldsWhatAliasesShowUnderTheirOwnPaths) {

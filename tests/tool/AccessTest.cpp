@@ -6,6 +6,12 @@
 #include "ToolProcess.h"
 #include "transport/TransportTestUtil.h"
 
+#include "Dovel/session/SessionClient.h"
+#include "Dovel/session/SessionDriver.h"
+#include "Dovel/sync/RemoteNode.h"
+#include "Tessel/AttributeT.h"
+#include "basalt/WaitUtil.h"
+
 #include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QFile>
@@ -21,6 +27,7 @@
 namespace {
 
 using namespace ToolTest;
+using BasaltTest::waitUntil;
 using TestFiles::readFile;
 using TestFiles::writeFile;
 using TransportTest::clientLogin;
@@ -198,6 +205,10 @@ TEST(Access, IdleConnectionsHoldFewThreadsAndADumpStillGetsIn) {
               << timer.elapsed() << " ms\n";
     idle.clear();
     EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+    // Each failed login is a line about its peer, but one kind reaches the terminal only
+    // a few times a second, and the rest are counted.
+    const QByteArray err = server.readAllStandardError();
+    EXPECT_LT(err.count("Handshake failed, closing connection\n"), 40) << err.size() << " bytes";
 }
 
 TEST(Access, AServerOutOfDescriptorsIdlesAndServesTheClientsItHas) {
@@ -241,6 +252,98 @@ TEST(Access, AServerOutOfDescriptorsIdlesAndServesTheClientsItHas) {
     // A spinning accept loop would take a whole core; a tenth is the target.
     EXPECT_LT(cpu, 0.1 * timer.elapsed() / 1000.0 + 0.05) << cpu << " s of CPU";
     flood.clear();
+    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+}
+
+// The resident memory of a running process, in bytes.
+int64_t residentBytesOf(QProcess& process) {
+    const QByteArray status = readFile(QStringLiteral("/proc/%1/status").arg(process.processId()));
+    const int at = status.indexOf("VmRSS:");
+    return at < 0 ? -1
+                  : status.mid(at + 6, status.indexOf('\n', at) - at - 6)
+                            .trimmed()
+                            .split(' ')
+                            .value(0)
+                            .toLongLong() *
+                        1024;
+}
+
+TEST(Access, ForEveryByteAPeerSendsTheServerHoldsAtMostSixteen) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    QTemporaryDir dir;
+    ASSERT_TRUE(writeFile(dir.filePath("tree.json"), R"({"marker": 0})"));
+    DovelTool tool;
+    QProcess server;
+    const QString address =
+        tool.startServer(server, {"serve", "--listen", "0", "--tree", dir.filePath("tree.json")});
+    ASSERT_FALSE(address.isEmpty());
+    ASSERT_EQ(tool.run({"dump", address}).exitCode, 0); // the first session's costs paid
+    const int64_t before = residentBytesOf(server);
+
+    // 200 attributes, each at a path of 128 components of 31 characters of its own:
+    // a node and a long path per component on the server, for 4 KB sent.
+    Dovel::RemoteNode flood(nullptr, "flood");
+    Dovel::SessionDriver driver;
+    driver.call([&] {
+        for (int i = 0; i < 200; ++i) {
+            QByteArray path;
+            for (int depth = 0; depth < 128; ++depth)
+                path += (depth ? "/" : "") +
+                        QByteArray::number(i * 1000 + depth).rightJustified(31, 'd');
+            flood.addDeepAttribute(path, new Tessel::AttributeT<int32_t>(nullptr, "", i));
+        }
+        flood.addDeepAttribute("marker", new Tessel::AttributeT<int32_t>(nullptr, "", 0));
+    });
+    Dovel::SessionClient client(flood, &driver);
+    client.connectToHost("127.0.0.1", portOf(address));
+    ASSERT_TRUE(waitUntil([&] { return client.stats().batchesApplied.load() > 0; }, 60000));
+    // A change made after the flood, in the same session: once the server shows it, the
+    // flood has been taken.
+    driver.call([&] {
+        dynamic_cast<Tessel::AttributeT<int32_t>*>(flood.attribute("marker"))
+            ->setValue(2, Tessel::Attribute::LayerRemote);
+    });
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return tool.run({"dump", address}).out.contains("\"marker\": 2");
+        },
+        60000));
+    const int64_t sent = int64_t(client.stats().bytesSent.load());
+    const int64_t grown = residentBytesOf(server) - before;
+    client.stop();
+    std::cout << "sent " << sent << " bytes, the server grew by " << grown << " bytes\n";
+    EXPECT_LE(grown, 16 * sent + (32 << 20));
+    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+}
+
+TEST(Access, SilentLoginsToABigFolderShareOneList) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    QTemporaryDir folder;
+    for (int i = 0; i < 20000; ++i)
+        ASSERT_TRUE(writeFile(folder.filePath(QStringLiteral("d%1/file%2.txt").arg(i / 500).arg(i)),
+                              QByteArray::number(i)));
+    DovelTool tool;
+    QProcess server;
+    const QString address =
+        tool.startServer(server, {"files", "serve", folder.path(), "--listen", "0"});
+    ASSERT_FALSE(address.isEmpty());
+    auto first = RawPeer::connect(portOf(address));
+    ASSERT_TRUE(first && clientLogin(*first) == "ok");
+    ASSERT_EQ(first->readLine().left(9), QByteArray("filelist ")); // the list is built
+    const int64_t before = residentBytesOf(server);
+    std::vector<std::unique_ptr<RawPeer>> silent;
+    for (int i = 0; i < 40; ++i) {
+        silent.push_back(RawPeer::connect(portOf(address)));
+        ASSERT_TRUE(silent.back() && clientLogin(*silent.back()) == "ok");
+    }
+    ASSERT_TRUE(waitUntil([&] { return silent.back()->socket().isPendingInput(0); }));
+    const int64_t grown = residentBytesOf(server) - before;
+    std::cout << "40 silent logins grew the server by " << grown << " bytes\n";
+    // One list is about 1 MB here: forty copies of it would be forty.
+    EXPECT_LT(grown, 16 << 20);
+    silent.clear();
     EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
 }
 
