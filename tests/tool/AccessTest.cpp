@@ -33,6 +33,13 @@ using TestFiles::writeFile;
 using TransportTest::clientLogin;
 using TransportTest::RawPeer;
 
+// Memory and descriptors are the sanitizers' too: figures of them hold for plain builds.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool Sanitized = true;
+#else
+constexpr bool Sanitized = false;
+#endif
+
 int portOf(const QString& address) {
     return address.section(QLatin1Char(':'), 1).toInt();
 }
@@ -214,6 +221,10 @@ TEST(Access, IdleConnectionsHoldFewThreadsAndADumpStillGetsIn) {
 TEST(Access, AServerOutOfDescriptorsIdlesAndServesTheClientsItHas) {
     if (!toolBuilt())
         GTEST_SKIP() << "dovel is not built";
+    // The sanitizers open pipes of their own to check memory: with no descriptor left
+    // they report sound pointers as invalid.
+    if (Sanitized)
+        GTEST_SKIP() << "a sanitized server cannot run out of descriptors";
     QTemporaryDir folder;
     DovelTool tool;
     QProcess server;
@@ -313,7 +324,9 @@ TEST(Access, ForEveryByteAPeerSendsTheServerHoldsAtMostSixteen) {
     const int64_t grown = residentBytesOf(server) - before;
     client.stop();
     std::cout << "sent " << sent << " bytes, the server grew by " << grown << " bytes\n";
-    EXPECT_LE(grown, 16 * sent + (32 << 20));
+    if (!Sanitized) {
+        EXPECT_LE(grown, 16 * sent + (32 << 20));
+    }
     EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
 }
 
@@ -342,7 +355,9 @@ TEST(Access, SilentLoginsToABigFolderShareOneList) {
     const int64_t grown = residentBytesOf(server) - before;
     std::cout << "40 silent logins grew the server by " << grown << " bytes\n";
     // One list is about 1 MB here: forty copies of it would be forty.
-    EXPECT_LT(grown, 16 << 20);
+    if (!Sanitized) {
+        EXPECT_LT(grown, 16 << 20);
+    }
     silent.clear();
     EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
 }
