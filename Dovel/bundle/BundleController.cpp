@@ -123,8 +123,8 @@ void runHook() {
 
 BundleController::Core::Core(RemoteNode& node, const BundleControllerParams& p)
     : params(std::make_unique<BundleControllerParams>(p)), remoteNode(node), wakeUp(p.wakeUp),
-      counters(p.counters), writeRules(p.writeRules), autoUpdate(p.autoUpdate),
-      runOnTreeThread(p.runOnTreeThread) {
+      counters(p.counters), writeRules(p.writeRules), peerName(p.peerName),
+      autoUpdate(p.autoUpdate), runOnTreeThread(p.runOnTreeThread) {
     if (autoUpdate)
         runOnTreeThread = [](std::function<void()> f) { Tessel::Node::invokeAfterUpdate(f); };
     if (!wakeUp && autoUpdate)
@@ -326,6 +326,7 @@ void BundleController::Core::process(const std::vector<Bundle>& bundles) {
         if (enabled.load())
             flush();
     }
+    const Basalt::TracePeer about(peerName);
     for (const Bundle& bundle : bundles) {
         footprint.received(bundle.size());
         BundleReader reader(bundle);

@@ -77,6 +77,8 @@ struct BundleControllerParams {
     std::function<void(std::function<void()>)> runOnTreeThread;
     // What the peer may change; everything by default.
     PeerWriteRules writeRules;
+    // The peer's address ("HOST:PORT"), named in the lines logged about its bundles.
+    QByteArray peerName;
 };
 
 class BundleController {
@@ -223,6 +225,7 @@ private:
     // Kept apart from params too: the receivers point to it.
     PeerWriteRules writeRules;
     PeerFootprint footprint;
+    QByteArray peerName;
     bool autoUpdate = true;
     // Listeners on the node that wake the tree thread for local changes.
     long changeWakeId = -1;

@@ -95,9 +95,10 @@ void SessionConnection::connected() {
     }
     params.counters = config.stats;
     params.writeRules = config.writeRules;
+    params.peerName = QStringLiteral("%1:%2").arg(hostName()).arg(port()).toUtf8();
     if (!params.writeRules.allowsEverything()) {
         const std::shared_ptr<SessionStats> stats = config.stats;
-        const QByteArray peer = QStringLiteral("%1:%2").arg(hostName()).arg(port()).toUtf8();
+        const QByteArray peer = params.peerName;
         auto said = std::make_shared<bool>(false); // the tree thread's only
         params.writeRules.setRefusalHandler([stats, peer, said](const QByteArray& what) {
             stats->changesRefused += 1;

@@ -133,7 +133,17 @@ bool mayRepeat(TraceState& s, Trace::Level level, const char* fmt, Clock::time_p
     return false;
 }
 
+thread_local QByteArray currentPeer;
+
 } // namespace
+
+TracePeer::TracePeer(const QByteArray& peer) : previous(currentPeer) {
+    currentPeer = peer;
+}
+
+TracePeer::~TracePeer() {
+    currentPeer = previous;
+}
 
 void Trace::log(Level level, const char* fmt, va_list args) {
     if (level < Debug || level >= Off || fmt == nullptr)
@@ -142,6 +152,8 @@ void Trace::log(Level level, const char* fmt, va_list args) {
     // One call is one line: a trailing line end belongs to the line itself.
     while (text.endsWith('\n') || text.endsWith('\r'))
         text.chop(1);
+    if (!currentPeer.isEmpty() && !text.contains(currentPeer))
+        text += " (peer " + currentPeer + ')';
 
     TraceState& s = state();
     const bool toStderr = level >= s.threshold.load(std::memory_order_relaxed);

@@ -39,6 +39,20 @@ public:
     static constexpr int MaxRepeatsPerSecond = 5;
 };
 
+// Names the peer that the work on this thread is for (its address, "HOST:PORT") while
+// it lives: lines logged meanwhile end in " (peer HOST:PORT)" unless they name it
+// already. Scopes nest; the inner one counts.
+class TracePeer {
+public:
+    explicit TracePeer(const QByteArray& peer);
+    ~TracePeer();
+    TracePeer(const TracePeer&) = delete;
+    TracePeer& operator=(const TracePeer&) = delete;
+
+private:
+    QByteArray previous;
+};
+
 // One captured line.
 struct TraceLine {
     Trace::Level level;

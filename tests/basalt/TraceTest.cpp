@@ -1,5 +1,7 @@
 #include "Basalt/Trace.h"
 
+#include "WaitUtil.h"
+
 #include <gtest/gtest.h>
 
 #include <QFile>
@@ -143,4 +145,33 @@ TEST(Trace, ThresholdFiltersStandardErrorOnly) {
 
     EXPECT_STREQ(Trace::levelName(Trace::Debug), "debug");
     EXPECT_STREQ(Trace::levelName(Trace::Off), "off");
+}
+
+TEST(Trace, RepeatsOfOneKindAreCountedAndLinesNameTheirPeer) {
+    ThresholdScope scope;
+    Trace::setThreshold(Trace::Warning);
+    TraceCapture capture;
+    StderrToFile redirect;
+    {
+        Basalt::TracePeer peer("10.1.2.3:4567");
+        for (int i = 0; i < 1000; ++i)
+            Trace::warning("Repeated # the same fault, number %d", i);
+        Trace::warning("Other # about 10.1.2.3:4567 already");
+    }
+    Trace::warning("Other # about no peer");
+    const QByteArray out = redirect.take();
+    EXPECT_EQ(out.count("Repeated # the same fault"), Trace::MaxRepeatsPerSecond)
+        << out.constData();
+    EXPECT_TRUE(
+        out.contains("[warning] Repeated # the same fault, number 0 (peer 10.1.2.3:4567)\n"));
+    EXPECT_TRUE(out.contains("[warning] Other # about 10.1.2.3:4567 already\n"));
+    EXPECT_TRUE(out.contains("[warning] Other # about no peer\n"));
+    EXPECT_EQ(capture.count("Repeated # the same fault"), 1000); // captures see every line
+    // The count follows with the next line after the second is over.
+    ASSERT_TRUE(BasaltTest::waitUntil([&] {
+        StderrToFile probe;
+        Trace::warning("Probe # %d", 1);
+        return probe.take().contains("[warning] Repeated # the same fault, number ... (995 more "
+                                     "like this in the last second)\n");
+    }));
 }
