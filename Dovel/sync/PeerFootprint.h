@@ -13,7 +13,7 @@
 // Tree thread only.
 #pragma once
 
-#include <QSet>
+#include "Dovel/sync/SymbolBits.h"
 
 #include <cstdint>
 
@@ -43,7 +43,7 @@ private:
 
     int64_t receivedBytes = 0;
     int64_t heldBytes = 0;
-    QSet<uint32_t> createdNodes;
+    SymbolBits createdNodes; // local symbols: a bit each, not a hash entry
 };
 
 } // namespace Dovel
