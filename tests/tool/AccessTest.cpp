@@ -153,30 +153,27 @@ TEST(Access, AReadOnlyServerKeepsItsTreeAndCapsAndNetworksKeepClientsOut) {
         << dumped.out.constData();
     EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
 
-    // One client at a time: the next connection is closed before its greeting.
-    QProcess capped;
-    const QString cappedAddress =
-        tool.startServer(capped, {"serve", "--listen", "0", "--max-clients", "1"});
-    ASSERT_FALSE(cappedAddress.isEmpty());
-    auto first = RawPeer::connect(portOf(cappedAddress));
-    ASSERT_TRUE(first);
-    ASSERT_EQ(clientLogin(*first), QByteArray("ok"));
-    auto second = RawPeer::connect(portOf(cappedAddress));
-    ASSERT_TRUE(second);
-    EXPECT_TRUE(second->readLine(5000).isNull());
-    EXPECT_TRUE(second->waitClosed());
-    EXPECT_TRUE(endsCleanlyOn(capped, SIGTERM));
-
-    // An address outside --allow is closed before its greeting too.
-    QProcess fenced;
-    const QString fencedAddress =
-        tool.startServer(fenced, {"serve", "--listen", "0", "--allow", "10.0.0.0/8"});
-    ASSERT_FALSE(fencedAddress.isEmpty());
-    auto outsider = RawPeer::connect(portOf(fencedAddress));
-    ASSERT_TRUE(outsider);
-    EXPECT_TRUE(outsider->readLine(5000).isNull());
-    EXPECT_TRUE(outsider->waitClosed());
-    EXPECT_TRUE(endsCleanlyOn(fenced, SIGTERM));
+    // One client at a time, and only from the allowed networks: the next connection,
+    // and one from elsewhere, are closed before their greetings.
+    for (const QStringList& options :
+         {QStringList{"--max-clients", "1"}, QStringList{"--allow", "10.0.0.0/8"}}) {
+        SCOPED_TRACE(options.join(' ').toStdString());
+        QProcess limited;
+        const QString address =
+            tool.startServer(limited, QStringList{"serve", "--listen", "0"} + options);
+        ASSERT_FALSE(address.isEmpty());
+        std::unique_ptr<RawPeer> first;
+        if (options.first() == "--max-clients") {
+            first = RawPeer::connect(portOf(address));
+            ASSERT_TRUE(first);
+            ASSERT_EQ(clientLogin(*first), QByteArray("ok"));
+        }
+        auto refused = RawPeer::connect(portOf(address));
+        ASSERT_TRUE(refused);
+        EXPECT_TRUE(refused->readLine(5000).isNull());
+        EXPECT_TRUE(refused->waitClosed());
+        EXPECT_TRUE(endsCleanlyOn(limited, SIGTERM));
+    }
 }
 
 TEST(Access, IdleConnectionsHoldFewThreadsAndADumpStillGetsIn) {

@@ -123,17 +123,9 @@ int runKeygen(const QStringList& args) {
                                     "newline. When\nstandard output is a file, the file is made "
                                     "readable by you alone. Use it as\n"
                                     "  dovel keygen > key && dovel serve --key-file key"));
-    if (!line.parse(args))
-        return CommandLine::fail(CommandLine::UsageError, line.usageLine(line.error()));
-    if (line.helpRequested()) {
-        CommandLine::print(line.helpText().toUtf8());
-        return CommandLine::Success;
-    }
-    if (!line.positional().isEmpty())
-        return CommandLine::fail(
-            CommandLine::UsageError,
-            line.usageLine(
-                QStringLiteral("unexpected argument '%1'").arg(line.positional().first())));
+    const int parsed = line.parseOrExit(args, 0, 0);
+    if (parsed >= 0)
+        return parsed;
     QByteArray bytes(32, '\0');
     QRandomGenerator::system()->fillRange(reinterpret_cast<quint32*>(bytes.data()),
                                           bytes.size() / int(sizeof(quint32)));

@@ -75,15 +75,9 @@ int runBench(const QStringList& args) {
                    QStringLiteral("(internal) run as a client of the benchmark's server"));
     line.addOption(QStringLiteral("index"), QStringLiteral("I"),
                    QStringLiteral("(internal) which client this peer is"));
-    if (!line.parse(args))
-        return CommandLine::fail(CommandLine::UsageError, line.usageLine(line.error()));
-    if (line.helpRequested()) {
-        CommandLine::print(line.helpText().toUtf8());
-        return CommandLine::Success;
-    }
-    if (line.positional().size() != 1)
-        return CommandLine::fail(CommandLine::UsageError,
-                                 line.usageLine(QStringLiteral("give one workload")));
+    const int parsed = line.parseOrExit(args, 1, 1, QStringLiteral("WORKLOAD"));
+    if (parsed >= 0)
+        return parsed;
 
     BenchOptions options;
     options.workload = line.positional().first();

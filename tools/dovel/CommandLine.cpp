@@ -76,6 +76,24 @@ bool CommandLine::parse(const QStringList& words) {
     return true;
 }
 
+int CommandLine::parseOrExit(const QStringList& words, int minPositional, int maxPositional,
+                             const QString& missing) {
+    if (!parse(words))
+        return fail(UsageError, usageLine(error()));
+    if (helpRequested()) {
+        print(helpText().toUtf8());
+        return Success;
+    }
+    if (positionals.size() < minPositional)
+        return fail(UsageError, usageLine(QStringLiteral("missing %1").arg(missing)));
+    if (maxPositional >= 0 && positionals.size() > maxPositional)
+        return fail(
+            UsageError,
+            usageLine(
+                QStringLiteral("unexpected argument '%1'").arg(positionals.at(maxPositional))));
+    return -1;
+}
+
 bool CommandLine::isSet(const QString& name) const {
     for (const auto& entry : given)
         if (entry.first == name)

@@ -32,6 +32,12 @@ public:
     // False with error() set for an unknown option or a missing value. "--help" and
     // "-h" anywhere only set helpRequested().
     bool parse(const QStringList& words);
+    // parse() and what every command does with its outcome: -1 to go on, else the exit
+    // status to return at once, with the help printed or a usage error written. Fewer
+    // than `minPositional` or more than `maxPositional` (negative: no limit) positional
+    // words is a usage error, naming `missing` or the first word too many.
+    int parseOrExit(const QStringList& words, int minPositional = 0, int maxPositional = -1,
+                    const QString& missing = QString());
     bool helpRequested() const { return help; }
     QString error() const { return problem; }
     const QStringList& positional() const { return positionals; }

@@ -250,17 +250,9 @@ int runDemoCommand(const QStringList& args) {
                        "second and the mean delay."));
     line.addOption(QStringLiteral("seconds"), QStringLiteral("SECONDS"),
                    QStringLiteral("how long the animation runs (default 3, at most 60)"));
-    if (!line.parse(args))
-        return CommandLine::fail(CommandLine::UsageError, line.usageLine(line.error()));
-    if (line.helpRequested()) {
-        CommandLine::print(line.helpText().toUtf8());
-        return CommandLine::Success;
-    }
-    if (!line.positional().isEmpty())
-        return CommandLine::fail(
-            CommandLine::UsageError,
-            line.usageLine(
-                QStringLiteral("unexpected argument '%1'").arg(line.positional().first())));
+    const int parsed = line.parseOrExit(args, 0, 0);
+    if (parsed >= 0)
+        return parsed;
     double seconds = 3.0;
     QString error;
     if (line.isSet(QStringLiteral("seconds")) &&

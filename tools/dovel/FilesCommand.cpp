@@ -24,25 +24,6 @@ namespace {
 const char Usage[] = "usage: dovel files serve DIR [OPTIONS] | dovel files pull HOST:PORT DIR "
                      "[OPTIONS]";
 
-// Parses the words of `line`; returns -1 to go on, else the exit status (help printed,
-// or a usage error with one line on stderr). `count` positional arguments are needed.
-int parseWords(CommandLine& line, const QStringList& args, int count, const QString& names) {
-    if (!line.parse(args))
-        return CommandLine::fail(CommandLine::UsageError, line.usageLine(line.error()));
-    if (line.helpRequested()) {
-        CommandLine::print(line.helpText().toUtf8());
-        return CommandLine::Success;
-    }
-    if (line.positional().size() != count)
-        return CommandLine::fail(
-            CommandLine::UsageError,
-            line.usageLine(
-                line.positional().size() < count
-                    ? QStringLiteral("missing %1").arg(names)
-                    : QStringLiteral("unexpected argument '%1'").arg(line.positional().at(count))));
-    return -1;
-}
-
 QString megabytes(int64_t bytes) {
     return QString::number(bytes / 1e6, 'f', 1);
 }
@@ -60,7 +41,7 @@ int serve(const QStringList& args) {
                                   "network; port 0 picks a free port)"));
     addKeyOption(line);
     addAdmissionOptions(line);
-    const int parsed = parseWords(line, args, 1, QStringLiteral("DIR"));
+    const int parsed = line.parseOrExit(args, 1, 1, QStringLiteral("DIR"));
     if (parsed >= 0)
         return parsed;
     QString host = QStringLiteral("127.0.0.1");
@@ -168,7 +149,7 @@ int pull(const QStringList& args) {
                    QStringLiteral("give up on a server that logs in no faster, or a download "
                                   "whose parts stop coming for as long (default 60)"));
     addKeyOption(line);
-    const int parsed = parseWords(line, args, 2, QStringLiteral("HOST:PORT DIR"));
+    const int parsed = line.parseOrExit(args, 2, 2, QStringLiteral("HOST:PORT DIR"));
     if (parsed >= 0)
         return parsed;
     QString host;

@@ -60,32 +60,6 @@ QString secondsText(double seconds) {
     return QString::number(seconds, 'g', 6) + QStringLiteral(" s");
 }
 
-// The shared start of every command: help, words, and the usage error line.
-struct Parsed {
-    bool done = false; // help shown or a usage error: return `status`
-    int status = CommandLine::Success;
-};
-
-// Parses the words; more than `maxPositional` positional arguments (negative: any
-// number) is a usage error naming the first one too many.
-Parsed parseWords(CommandLine& line, const QStringList& args, int maxPositional = -1) {
-    Parsed parsed;
-    if (!line.parse(args)) {
-        parsed.done = true;
-        parsed.status = CommandLine::fail(CommandLine::UsageError, line.usageLine(line.error()));
-    } else if (!line.helpRequested() && maxPositional >= 0 &&
-               line.positional().size() > maxPositional) {
-        parsed.done = true;
-        parsed.status = CommandLine::fail(
-            CommandLine::UsageError, line.usageLine(QStringLiteral("unexpected argument '%1'")
-                                                        .arg(line.positional().at(maxPositional))));
-    } else if (line.helpRequested()) {
-        parsed.done = true;
-        CommandLine::print(line.helpText().toUtf8());
-    }
-    return parsed;
-}
-
 // The HOST:PORT argument and --timeout of the client commands.
 struct Target {
     QString host;
@@ -154,9 +128,9 @@ int runServe(const QStringList& args) {
                                   "component, `**` any depth, as 'ui/**'); may be repeated"));
     addKeyOption(line);
     addAdmissionOptions(line);
-    const Parsed parsed = parseWords(line, args, 0);
-    if (parsed.done)
-        return parsed.status;
+    const int parsed = line.parseOrExit(args, 0, 0);
+    if (parsed >= 0)
+        return parsed;
     QString host = QStringLiteral("127.0.0.1");
     int port = 5000;
     QString error;
@@ -243,9 +217,9 @@ int runDump(const QStringList& args) {
     line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
                    QString::fromLatin1(TimeoutHelp));
     addKeyOption(line);
-    const Parsed parsed = parseWords(line, args, 1);
-    if (parsed.done)
-        return parsed.status;
+    const int parsed = line.parseOrExit(args, 0, 1);
+    if (parsed >= 0)
+        return parsed;
     Target target;
     QString error;
     if (!readTarget(line, true, target, error))
@@ -282,9 +256,9 @@ int runSet(const QStringList& args) {
     line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
                    QString::fromLatin1(TimeoutHelp));
     addKeyOption(line);
-    const Parsed parsed = parseWords(line, args);
-    if (parsed.done)
-        return parsed.status;
+    const int parsed = line.parseOrExit(args);
+    if (parsed >= 0)
+        return parsed;
     Target target;
     QString error;
     if (!readTarget(line, true, target, error))
@@ -335,9 +309,9 @@ int runWatch(const QStringList& args) {
                        "on standard error and\nreconnects."));
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
     addKeyOption(line);
-    const Parsed parsed = parseWords(line, args, 1);
-    if (parsed.done)
-        return parsed.status;
+    const int parsed = line.parseOrExit(args, 0, 1);
+    if (parsed >= 0)
+        return parsed;
     Target target;
     QString error;
     if (!readTarget(line, false, target, error))
