@@ -24,9 +24,8 @@ DovelSessionAttribute* AttributeStorage::findByReadSymbol(uint32_t symbol) const
 }
 
 DovelSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) const {
-    std::shared_lock<std::shared_mutex> locker(lock);
-    const auto it = byPath.find(path);
-    return it == byPath.end() ? nullptr : const_cast<DovelSessionAttribute*>(&it->second);
+    const uint32_t symbol = node.symbolRegistry().lookup(path);
+    return symbol ? findByLocalSymbol(symbol) : nullptr;
 }
 
 DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path, uint32_t symbol) {
@@ -45,16 +44,14 @@ DovelSessionAttribute* AttributeStorage::bindReadSymbol(uint32_t readSymbol,
 }
 
 DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, uint32_t symbol) {
-    // A tree is mostly announced in the order of its paths: the place after the last
-    // record made is tried first, which spares the descent from the root.
-    const auto hint = byPath.empty() ? byPath.end() : std::next(lastMade);
-    const size_t before = byPath.size();
-    lastMade = byPath.try_emplace(hint, path);
-    DovelSessionAttribute* record = &lastMade->second;
-    if (byPath.size() != before) {
-        record->localSymbol = symbol ? symbol : node.symbolRegistry().lookupOrDefine(path);
-        byLocalSymbol.insert(record->localSymbol, record);
-    }
+    if (!symbol)
+        symbol = node.symbolRegistry().lookupOrDefine(path);
+    if (DovelSessionAttribute* existing = byLocalSymbol.value(symbol, nullptr))
+        return existing;
+    records.emplace_back();
+    DovelSessionAttribute* record = &records.back();
+    record->localSymbol = symbol;
+    byLocalSymbol.insert(symbol, record);
     return record;
 }
 
@@ -74,9 +71,8 @@ void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttrib
 void AttributeStorage::debugDump() const {
     std::shared_lock<std::shared_mutex> locker(lock);
     static const QRegExp lastComponent("([^/]+)$");
-    for (const auto& entry : byPath) {
-        const QByteArray& path = entry.first;
-        const DovelSessionAttribute& record = entry.second;
+    for (const DovelSessionAttribute& record : records) {
+        const QByteArray path = node.symbolRegistry().lookup(record.localSymbol);
         Tessel::Attribute* attribute = node.attributeCache().find(record.localSymbol);
         const QByteArray value =
             attribute ? attribute->asString().toUtf8() : QByteArrayLiteral("<missing>");
@@ -103,7 +99,7 @@ void AttributeStorage::debugDump() const {
 
 int AttributeStorage::size() const {
     std::shared_lock<std::shared_mutex> locker(lock);
-    return int(byPath.size());
+    return int(records.size());
 }
 
 } // namespace Dovel

@@ -1,6 +1,8 @@
 // The session attributes of one session, found by path, by local symbol and by the
 // peer's symbol. Records live as long as the storage, also after removals, so that a
-// re-added attribute keeps its symbols.
+// re-added attribute keeps its symbols. They are kept side by side in blocks (never
+// moved) and found through the local symbol of their path, which the remote node's
+// registry holds: no path is kept here, and no allocation is made per record.
 //
 // Thread contract: look-ups take the read lock, creation and indexing the write lock;
 // the records themselves are changed only on the tree thread.
@@ -13,7 +15,7 @@
 #include <QByteArray>
 
 #include <cstdint>
-#include <map>
+#include <deque>
 #include <mutex>
 #include <shared_mutex>
 #include <vector>
@@ -65,10 +67,8 @@ private:
 
     RemoteNode& node;
     mutable std::shared_mutex lock;
-    // Owns the records, in its nodes (which never move): one allocation per record.
-    std::map<QByteArray, DovelSessionAttribute> byPath;
-    // The record createByPath returned last (valid once byPath is not empty).
-    std::map<QByteArray, DovelSessionAttribute>::iterator lastMade;
+    // Owns the records, which never move.
+    std::deque<DovelSessionAttribute> records;
     // Local symbols are dense; the peer's nearly always are too.
     Basalt::SymbolMap<DovelSessionAttribute*> byLocalSymbol;
     Basalt::SymbolMap<DovelSessionAttribute*> byReadSymbol;
