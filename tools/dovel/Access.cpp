@@ -32,15 +32,6 @@ bool readCount(const CommandLine& line, const QString& option, int& out, QString
     return true;
 }
 
-} // namespace
-
-void addKeyOption(CommandLine& line) {
-    line.addOption(QStringLiteral("key-file"), QStringLiteral("FILE"),
-                   QStringLiteral("log in with the secret key in FILE (readable by you alone; "
-                                  "`dovel keygen > FILE` makes one), the same on every side; "
-                                  "default: $DOVEL_KEY_FILE, else the protocol's well-known key"));
-}
-
 void addAdmissionOptions(CommandLine& line) {
     line.addOption(QStringLiteral("allow"), QStringLiteral("CIDR[,CIDR...]"),
                    QStringLiteral("take connections only from these IPv4 networks (as "
@@ -49,6 +40,29 @@ void addAdmissionOptions(CommandLine& line) {
                    QStringLiteral("serve at most N clients at once (default 256)"));
     line.addOption(QStringLiteral("max-per-address"), QStringLiteral("N"),
                    QStringLiteral("serve at most N clients from one address (default 64)"));
+}
+
+// The admission rules of the options; false with `error` set (a usage error).
+bool readAdmission(const CommandLine& line, Dovel::AdmissionRules& rules, QString& error) {
+    if (line.isSet(QStringLiteral("allow"))) {
+        QString problem;
+        if (!Dovel::NetworkList::parse(line.value(QStringLiteral("allow")), rules.allowed,
+                                       problem)) {
+            error = line.usageLine(QStringLiteral("--allow: %1").arg(problem));
+            return false;
+        }
+    }
+    return readCount(line, QStringLiteral("max-clients"), rules.maxClients, error) &&
+           readCount(line, QStringLiteral("max-per-address"), rules.maxClientsPerAddress, error);
+}
+
+} // namespace
+
+void addKeyOption(CommandLine& line) {
+    line.addOption(QStringLiteral("key-file"), QStringLiteral("FILE"),
+                   QStringLiteral("log in with the secret key in FILE (readable by you alone; "
+                                  "`dovel keygen > FILE` makes one), the same on every side; "
+                                  "default: $DOVEL_KEY_FILE, else the protocol's well-known key"));
 }
 
 bool readLoginKey(const CommandLine& line, QByteArray& key, QString& error) {
@@ -88,17 +102,25 @@ bool readLoginKey(const CommandLine& line, QByteArray& key, QString& error) {
     return true;
 }
 
-bool readAdmission(const CommandLine& line, Dovel::AdmissionRules& rules, QString& error) {
-    if (line.isSet(QStringLiteral("allow"))) {
-        QString problem;
-        if (!Dovel::NetworkList::parse(line.value(QStringLiteral("allow")), rules.allowed,
-                                       problem)) {
-            error = line.usageLine(QStringLiteral("--allow: %1").arg(problem));
-            return false;
-        }
-    }
-    return readCount(line, QStringLiteral("max-clients"), rules.maxClients, error) &&
-           readCount(line, QStringLiteral("max-per-address"), rules.maxClientsPerAddress, error);
+void addServerOptions(CommandLine& line) {
+    line.addOption(QStringLiteral("listen"), QStringLiteral("[HOST:]PORT"),
+                   QStringLiteral("address to listen on (default 127.0.0.1:5000, this machine "
+                                  "only; PORT alone stays on it; 0.0.0.0:PORT takes every "
+                                  "network; port 0 picks a free port)"));
+    addKeyOption(line);
+    addAdmissionOptions(line);
+}
+
+int readServerOptions(const CommandLine& line, ServerSettings& out) {
+    QString error;
+    if (line.isSet(QStringLiteral("listen")) &&
+        !CommandLine::parseListen(line.value(QStringLiteral("listen")), out.host, out.port, error))
+        return CommandLine::fail(CommandLine::UsageError, line.usageLine(error));
+    if (!readAdmission(line, out.admission, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+    if (!readLoginKey(line, out.key, error))
+        return CommandLine::fail(CommandLine::Failure, error);
+    return -1;
 }
 
 void warnIfOpen(const QString& host, bool keyGiven, const QString& what) {

@@ -14,18 +14,28 @@
 
 namespace DovelTool {
 
+// What a server command is told about where it listens and whom it takes.
+struct ServerSettings {
+    QString host = QStringLiteral("127.0.0.1");
+    int port = 5000;
+    QByteArray key; // empty: the default key
+    Dovel::AdmissionRules admission;
+};
+
+// Adds --listen, --key-file, --allow, --max-clients and --max-per-address.
+void addServerOptions(CommandLine& line);
+// Reads them after the line was parsed: -1 when they are sound, else the exit status,
+// with the one error line written.
+int readServerOptions(const CommandLine& line, ServerSettings& out);
+
 // Adds --key-file.
 void addKeyOption(CommandLine& line);
-// Adds --allow, --max-clients and --max-per-address.
-void addAdmissionOptions(CommandLine& line);
 
 // The login key: the bytes of the key file with surrounding whitespace removed, or
 // empty (the default key) when neither --key-file nor DOVEL_KEY_FILE names one. False
 // with `error` set when the file cannot be read, holds no key or can be read by other
 // users (exit status 1).
 bool readLoginKey(const CommandLine& line, QByteArray& key, QString& error);
-// The admission rules of the options; false with `error` set (a usage error).
-bool readAdmission(const CommandLine& line, Dovel::AdmissionRules& rules, QString& error);
 
 // One warning line when `host` is not the loopback and no key was given: anyone who
 // can reach the port can then `what` ("change the tree", "read the folder").

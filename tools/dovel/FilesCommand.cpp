@@ -35,31 +35,18 @@ int serve(const QStringList& args) {
                                     "nothing is ever written into DIR. Runs until SIGINT\nor "
                                     "SIGTERM (Ctrl-C)."));
     line.addArgument(QStringLiteral("DIR"), QStringLiteral("the folder to serve"));
-    line.addOption(QStringLiteral("listen"), QStringLiteral("[HOST:]PORT"),
-                   QStringLiteral("address to listen on (default 127.0.0.1:5000, this machine "
-                                  "only; PORT alone stays on it; 0.0.0.0:PORT takes every "
-                                  "network; port 0 picks a free port)"));
-    addKeyOption(line);
-    addAdmissionOptions(line);
+    addServerOptions(line);
     const int parsed = line.parseOrExit(args, 1, 1, QStringLiteral("DIR"));
     if (parsed >= 0)
         return parsed;
-    QString host = QStringLiteral("127.0.0.1");
-    int port = 5000;
-    QString error;
-    if (line.isSet(QStringLiteral("listen")) &&
-        !CommandLine::parseListen(line.value(QStringLiteral("listen")), host, port, error))
-        return CommandLine::fail(CommandLine::UsageError, line.usageLine(error));
-    Dovel::AdmissionRules admission;
-    if (!readAdmission(line, admission, error))
-        return CommandLine::fail(CommandLine::UsageError, error);
     const QString folder = line.positional().first();
     if (!QFileInfo(folder).isDir())
         return CommandLine::fail(CommandLine::UsageError,
                                  QStringLiteral("'%1' is not a folder").arg(folder));
-    QByteArray key;
-    if (!readLoginKey(line, key, error))
-        return CommandLine::fail(CommandLine::Failure, error);
+    ServerSettings settings;
+    const int unsound = readServerOptions(line, settings);
+    if (unsound >= 0)
+        return unsound;
 
     // Signals are taken by sigwait below; every thread started from here on inherits
     // the mask.
@@ -71,16 +58,17 @@ int serve(const QStringList& args) {
     raiseDescriptorLimit();
 
     Dovel::FolderServer server(folder);
-    server.setLoginKey(key);
-    server.setAdmissionRules(admission);
+    server.setLoginKey(settings.key);
+    server.setAdmissionRules(settings.admission);
     server.asset().buildFileList(); // the checksums, before the first peer asks
-    server.run(host, port);
+    server.run(settings.host, settings.port);
     if (!server.waitListening(5000))
-        return CommandLine::fail(CommandLine::Failure,
-                                 QStringLiteral("cannot listen on %1:%2").arg(host).arg(port));
-    warnIfOpen(host, !key.isEmpty(), QStringLiteral("read the folder"));
+        return CommandLine::fail(
+            CommandLine::Failure,
+            QStringLiteral("cannot listen on %1:%2").arg(settings.host).arg(settings.port));
+    warnIfOpen(settings.host, !settings.key.isEmpty(), QStringLiteral("read the folder"));
     CommandLine::print(
-        QStringLiteral("listening on %1:%2\n").arg(host).arg(server.port()).toUtf8());
+        QStringLiteral("listening on %1:%2\n").arg(settings.host).arg(server.port()).toUtf8());
 
     int signal = 0;
     while (sigwait(&stopSignals, &signal) != 0) {

@@ -103,10 +103,6 @@ int runServe(const QStringList& args) {
                        "reaches the server and every other client. Prints \"listening on\n"
                        "HOST:PORT\" once it listens and runs until SIGINT, SIGTERM or SIGHUP\n"
                        "(Ctrl-C)."));
-    line.addOption(QStringLiteral("listen"), QStringLiteral("[HOST:]PORT"),
-                   QStringLiteral("address to listen on (default 127.0.0.1:5000, this machine "
-                                  "only; PORT alone stays on it; 0.0.0.0:PORT takes every "
-                                  "network; port 0 picks a free port)"));
     line.addOption(QStringLiteral("tree"), QStringLiteral("FILE.json"),
                    QStringLiteral("the tree to share, in the tree-file format "
                                   "(docs/tree-format.md); empty without it"));
@@ -126,24 +122,22 @@ int runServe(const QStringList& args) {
                    QStringLiteral("with --read-only (which it implies), clients may still change "
                                   "the paths and raise the events that match PATTERN (`*` one "
                                   "component, `**` any depth, as 'ui/**'); may be repeated"));
-    addKeyOption(line);
-    addAdmissionOptions(line);
+    addServerOptions(line);
     const int parsed = line.parseOrExit(args, 0, 0);
     if (parsed >= 0)
         return parsed;
-    QString host = QStringLiteral("127.0.0.1");
-    int port = 5000;
-    QString error;
-    if (line.isSet(QStringLiteral("listen")) &&
-        !CommandLine::parseListen(line.value(QStringLiteral("listen")), host, port, error))
-        return CommandLine::fail(CommandLine::UsageError, error);
+    ServerSettings settings;
+    const int unsound = readServerOptions(line, settings);
+    if (unsound >= 0)
+        return unsound;
     Dovel::SessionServer::Options options;
-    if (!readAdmission(line, options.admission, error))
-        return CommandLine::fail(CommandLine::UsageError, error);
+    options.admission = settings.admission;
+    options.loginKey = settings.key;
     options.writable = line.values(QStringLiteral("writable"));
     options.readOnly = line.isSet(QStringLiteral("read-only")) || !options.writable.isEmpty();
-    if (!readLoginKey(line, options.loginKey, error))
-        return CommandLine::fail(CommandLine::Failure, error);
+    const QString host = settings.host;
+    const int port = settings.port;
+    QString error;
     QByteArray treeText;
     const QString treeFile = line.value(QStringLiteral("tree"));
     if (!treeFile.isEmpty()) {
