@@ -9,6 +9,7 @@
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/ListenerHolder.h"
 #include "Tessel/Node.h"
+#include "Tessel/TreeObserver.h"
 
 #include <QHash>
 
@@ -61,13 +62,31 @@ bool NodeWatcher::PendingAdded::claim() {
     return processed.compare_exchange_strong(expected, 1);
 }
 
-struct NodeWatcher::Impl {
+// The tree under the root is watched through the observer slot of each attribute and
+// node (TreeObserver): no listener block per attribute, no listener pair per node. What
+// is reached only through an alias, and what another watcher observes already, is
+// watched with listeners, kept per subtree in holders.
+struct NodeWatcher::Impl : Tessel::TreeObserver {
     using PendingPtr = std::shared_ptr<PendingAdded>;
     using PendingList = std::list<PendingPtr>;
     using Table = std::map<long, Listener>;
 
     Impl(Basalt::SymbolRegistry& registry, AttributeCache& cache)
         : registry(registry), cache(cache), listeners(std::make_shared<Table>()) {}
+    ~Impl() {
+        if (root)
+            releaseTree(*root);
+    }
+
+    void attributeChanged(Attribute& attribute) override;
+    void childAdded(Node& node, Attribute& child) override;
+    void childRemoved(Node& node, Attribute& child) override;
+    // Takes the attribute's observer slot for its own path, when `holder` is the root's
+    // and no other watcher holds the slot; false when it must be watched by listeners.
+    bool observe(Attribute& attribute, unsigned int symbol, const Tessel::ListenerHolder& holder);
+    void release(Attribute& attribute);
+    // Lets go of every slot this watcher holds under `node`.
+    void releaseTree(Node& node);
 
     void emit(EventType type, unsigned int symbol);
     bool takeIgnored(const Event& event);
@@ -83,9 +102,10 @@ struct NodeWatcher::Impl {
     Tessel::ListenerHolder& aliasHolder(AttributeAlias* alias);
     void dropAliasHolder(Attribute* alias);
     void retarget(AttributeAlias* alias, const QByteArray& path, unsigned int symbol);
-    void onAdded(Node& node, const QByteArray& path, Basalt::BinaryData& data,
+    // `name` may view an event's payload: it is used only before anything is called out.
+    void onAdded(const QByteArray& path, const QByteArray& name, Attribute* child,
                  Tessel::ListenerHolder& holder);
-    void onRemoved(const QByteArray& path, Basalt::BinaryData& data,
+    void onRemoved(const QByteArray& path, const QByteArray& name, Attribute* child,
                    Tessel::ListenerHolder& holder);
     void firstChange(unsigned int symbol);
     int pendingCount() const { return pendingSize.load(std::memory_order_acquire); }
@@ -125,6 +145,8 @@ struct NodeWatcher::Impl {
     long nextListenerId = 0;
 
     std::atomic<bool> watching{false};
+    // The watched root while it lives (tree thread).
+    Node* root = nullptr;
     // The attribute addComplete is adding (tree thread): its addition is watched at once.
     Attribute* completeChild = nullptr;
     QByteArray completePath;          // its path as the caller knows it, or empty
@@ -226,32 +248,40 @@ void NodeWatcher::Impl::watchNode(Node& node, const QByteArray& path, unsigned i
                                   bool notify, Tessel::ListenerHolder& holder) {
     cache.setIsNode(symbol, true);
     Node* watched = &node;
-    // What both handlers need, shared: each captures 16 bytes, which std::function keeps
-    // without a heap block of its own.
-    struct Context {
-        Impl* impl;
-        Node* node;
-        QByteArray path;
-        Tessel::ListenerHolder* holder;
-    };
-    const auto context = std::make_shared<const Context>(Context{this, watched, path, &holder});
-    holder.addBd(
-        watched, QByteArrayLiteral("attribute-added"),
-        [context](Basalt::BinaryData& data) {
-            context->impl->onAdded(*context->node, context->path, data, *context->holder);
-        },
-        Node::Direct);
-    holder.addBd(
-        watched, QByteArrayLiteral("attribute-removed"),
-        [context](Basalt::BinaryData& data) {
-            context->impl->onRemoved(context->path, data, *context->holder);
-        },
-        Node::Direct);
+    const bool observed = observe(node, symbol, holder);
+    if (!observed) {
+        // What both handlers need, shared: each captures 16 bytes, which std::function
+        // keeps without a heap block of its own.
+        struct Context {
+            Impl* impl;
+            Node* node;
+            QByteArray path;
+            Tessel::ListenerHolder* holder;
+        };
+        const auto context = std::make_shared<const Context>(Context{this, watched, path, &holder});
+        holder.addBd(
+            watched, QByteArrayLiteral("attribute-added"),
+            [context](Basalt::BinaryData& data) {
+                QByteArray name;
+                if (data.viewString(name))
+                    context->impl->onAdded(context->path, name, context->node->attribute(name),
+                                           *context->holder);
+            },
+            Node::Direct);
+        holder.addBd(
+            watched, QByteArrayLiteral("attribute-removed"),
+            [context](Basalt::BinaryData& data) {
+                QByteArray name;
+                if (data.viewString(name))
+                    context->impl->onRemoved(context->path, name, nullptr, *context->holder);
+            },
+            Node::Direct);
+    }
     if (notify) {
         emit(NodeAdded, symbol);
-        // A listener deleted the node or took it out of the tree: its registrations are
-        // gone, and so is what the walk below would visit.
-        if (!holder.holds(watched))
+        // A listener deleted the node or took it out of the tree: it is no longer
+        // watched (nor cached), and what the walk below would visit is gone.
+        if (observed ? cache.find(symbol) != watched : !holder.holds(watched))
             return;
     }
     for (Attribute* child : node.children()) {
@@ -290,7 +320,7 @@ void NodeWatcher::Impl::watchAttribute(Attribute& attribute, const QByteArray& p
     } else if (auto* node = Tessel::asNode(&attribute)) {
         watchNode(*node, path, symbol, notify, holder);
         return;
-    } else {
+    } else if (!observe(attribute, symbol, holder)) {
         holder.add(
             &attribute, [this, symbol] { emit(AttributeChanged, symbol); }, Attribute::RoleChange);
     }
@@ -330,12 +360,51 @@ void NodeWatcher::Impl::retarget(AttributeAlias* alias, const QByteArray& path,
     emit(AttributeAdded, symbol);
 }
 
-void NodeWatcher::Impl::onAdded(Node& node, const QByteArray& path, Basalt::BinaryData& data,
+bool NodeWatcher::Impl::observe(Attribute& attribute, unsigned int symbol,
+                                const Tessel::ListenerHolder& holder) {
+    if (&holder != &rootHolder || (attribute.observer() && attribute.observer() != this))
+        return false;
+    attribute.setObserver(this, symbol);
+    return true;
+}
+
+void NodeWatcher::Impl::release(Attribute& attribute) {
+    if (attribute.observer() == this)
+        attribute.setObserver(nullptr, 0);
+}
+
+void NodeWatcher::Impl::releaseTree(Node& node) {
+    release(node);
+    std::vector<Node*> nodes{&node};
+    while (!nodes.empty()) {
+        Node* next = nodes.back();
+        nodes.pop_back();
+        for (Attribute* child : next->children()) {
+            release(*child);
+            if (Node* inner = child->asNode())
+                nodes.push_back(inner);
+        }
+    }
+}
+
+void NodeWatcher::Impl::attributeChanged(Attribute& attribute) {
+    // A node's own change means nothing to a peer; an alias keeps a listener.
+    if (attribute.observer() == this && !attribute.asNode())
+        emit(AttributeChanged, attribute.observedAs());
+}
+
+void NodeWatcher::Impl::childAdded(Node& node, Attribute& child) {
+    if (node.observer() == this)
+        onAdded(registry.lookup(node.observedAs()), child.name(), &child, rootHolder);
+}
+
+void NodeWatcher::Impl::childRemoved(Node& node, Attribute& child) {
+    if (node.observer() == this)
+        onRemoved(registry.lookup(node.observedAs()), child.name(), &child, rootHolder);
+}
+
+void NodeWatcher::Impl::onAdded(const QByteArray& path, const QByteArray& name, Attribute* child,
                                 Tessel::ListenerHolder& holder) {
-    QByteArray name; // a view of the payload: used only before anything is called out
-    if (!data.viewString(name))
-        return;
-    Attribute* child = node.attribute(name);
     if (!child)
         return;
     checkName(name);
@@ -397,13 +466,12 @@ bool NodeWatcher::Impl::storedTarget(Attribute* attribute, Attribute** target) {
     return true;
 }
 
-void NodeWatcher::Impl::onRemoved(const QByteArray& path, Basalt::BinaryData& data,
+void NodeWatcher::Impl::onRemoved(const QByteArray& path, const QByteArray& name, Attribute* child,
                                   Tessel::ListenerHolder& holder) {
-    QByteArray name; // a view of the payload
-    if (!data.viewString(name))
-        return;
     const QByteArray path2 = childPathOfView(path, name);
-    const unsigned int symbol = registry.lookup(path2);
+    // An observed child knows its symbol; others are found by their path.
+    const unsigned int symbol =
+        child && child->observer() == this ? child->observedAs() : registry.lookup(path2);
     Attribute* attribute = symbol ? cache.find(symbol) : nullptr;
     if (!attribute)
         return;
@@ -436,6 +504,9 @@ void NodeWatcher::Impl::unwatchAttribute(Attribute& attribute, const QByteArray&
     record.reset();
     dropAliasHolder(&attribute);
     holder.removeListeners(&attribute);
+    // Leaving through an alias keeps the slot that watches the attribute's own path.
+    if (attribute.observedAs() == symbol)
+        release(attribute);
     cache.remove(symbol);
     std::lock_guard<std::mutex> locker(aliasMutex);
     aliases.remove(&attribute);
@@ -466,6 +537,7 @@ void NodeWatcher::startWatching(Node& root, bool notify) {
     }
     const unsigned int symbol = impl->registry.lookupOrDefine(QByteArray(""));
     impl->cache.add(symbol, &root);
+    impl->root = &root;
     impl->watchNode(root, QByteArray(), symbol, notify, impl->rootHolder);
     Impl* self = impl.get();
     Node* watched = &root;
@@ -473,6 +545,8 @@ void NodeWatcher::startWatching(Node& root, bool notify) {
         watched,
         [self, watched, symbol] {
             self->unwatchNode(*watched, QByteArray(), symbol, true, self->rootHolder);
+            self->release(*watched);
+            self->root = nullptr;
             self->cache.remove(symbol);
         },
         Attribute::RoleDelete);

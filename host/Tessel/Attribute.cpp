@@ -4,6 +4,7 @@
 
 #include "Tessel/ListenerHolder.h"
 #include "Tessel/ListenerId.h"
+#include "Tessel/TreeObserver.h"
 
 #include "Basalt/Trace.h"
 
@@ -144,6 +145,8 @@ void Attribute::copyValueFromLayer(Layer, Layer) {}
 void Attribute::setAsDefaults() {}
 
 void Attribute::emitChange() {
+    if (treeObserver)
+        treeObserver->attributeChanged(*this);
     emitRole(RoleChange);
 }
 

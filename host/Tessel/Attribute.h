@@ -34,6 +34,7 @@
 #include <QList>
 #include <QString>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -42,6 +43,7 @@ namespace Tessel {
 
 class ListenerHolder;
 class Node;
+class TreeObserver;
 
 class Attribute : public Serializable {
 public:
@@ -130,6 +132,16 @@ public:
     bool removeListener(long id);
     int listenerCount() const { return int(listeners.size()); }
 
+    // The one observer that hears this attribute's changes (and, for a node, its
+    // children coming and going; see TreeObserver), with the number it knows the
+    // attribute by. Null when none: setObserver(nullptr, 0) lets it go.
+    TreeObserver* observer() const { return treeObserver; }
+    uint32_t observedAs() const { return observedNumber; }
+    void setObserver(TreeObserver* observer, uint32_t number) {
+        treeObserver = observer;
+        observedNumber = number;
+    }
+
 protected:
     // Calls the RoleDelete listeners.
     void emitDelete();
@@ -201,8 +213,10 @@ private:
     // Set while an AttributeAlias part exists (its constructor body to its destructor's
     // end), as a dynamic_cast would find it: resolving aliases is on every path lookup.
     bool isAlias = false;
+    uint32_t observedNumber = 0; // in the padding after the flags
     QByteArray attributeName;
     Node* hostNode = nullptr;
+    TreeObserver* treeObserver = nullptr;
     ListenerSnapshot listeners;
 };
 

@@ -2,14 +2,30 @@
 
 #include "Tessel/ListenerHolder.h"
 #include "Tessel/NodeEventTable.h"
+#include "Tessel/TreeObserver.h"
 #include "Tessel/UpdateLoop.h"
 
 #include "Basalt/BinaryData.h"
 #include "Basalt/Trace.h"
 
+#include <mutex>
+
 namespace Tessel {
 
-Node::Node() : events(std::make_shared<NodeEventTable>()) {}
+Node::Node() = default;
+
+NodeEventTable& Node::ensureEvents() {
+    if (NodeEventTable* table = eventTable.load(std::memory_order_acquire))
+        return *table;
+    // Rare (a node's first declaration or listener) and from any thread: one lock for all.
+    static std::mutex creation;
+    std::lock_guard<std::mutex> lock(creation);
+    if (NodeEventTable* table = eventTable.load(std::memory_order_relaxed))
+        return *table;
+    events = std::make_shared<NodeEventTable>();
+    eventTable.store(events.get(), std::memory_order_release);
+    return *events;
+}
 
 Node::Node(Node* host, const QByteArray& name) : Node() {
     attachTo(host, name);
@@ -26,7 +42,8 @@ void Node::aboutToBeDestroyed() {
     while (!childList.empty())
         delete childList.front();
     // Waits for event callbacks running on other threads; queued ones become no-ops.
-    events->clear();
+    if (NodeEventTable* table = eventTable.load(std::memory_order_acquire))
+        table->clear();
 }
 
 QByteArray Node::type() const {
@@ -76,6 +93,13 @@ bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
     attribute->hostNode = this;
     indexChild(name, childList.insert(childList.end(), attribute));
     attributeAdded(attribute);
+    if (TreeObserver* observer = this->observer()) {
+        // The observer may delete the child, and `name` may be the child's own.
+        const QByteArray kept = name;
+        observer->childAdded(*this, *attribute);
+        sendChildEvent(QByteArrayLiteral("attribute-added"), kept);
+        return true;
+    }
     sendChildEvent(QByteArrayLiteral("attribute-added"), name);
     return true;
 }
@@ -104,6 +128,8 @@ void Node::detach(ChildList::iterator position) {
         child->detaching = true;
         // Both notifications come while the child is still listed, findable and hosted.
         attributeRemoved(child);
+        if (TreeObserver* observer = this->observer())
+            observer->childRemoved(*this, *child);
         sendChildEvent(QByteArrayLiteral("attribute-removed"), name);
         // A listener may have removed or deleted the child meanwhile (that nested
         // removal unlisted it without notifying again); then it must not be touched.
@@ -120,6 +146,8 @@ void Node::detach(ChildList::iterator position) {
 }
 
 void Node::sendChildEvent(const QByteArray& event, const QByteArray& childName) {
+    if (!eventTable.load(std::memory_order_acquire))
+        return; // no listener, and eventProcess is not involved
     // Every child added or removed sends one: a short name's item is laid out on the
     // stack (a queued listener gets its own copy).
     char local[256];
@@ -156,19 +184,21 @@ void Node::attributeAdded(Attribute*) {}
 void Node::attributeRemoved(Attribute*) {}
 
 void Node::eventAddIn(const QByteArray& name) {
-    events->declareIn(name);
+    ensureEvents().declareIn(name);
 }
 
 void Node::eventAddOut(const QByteArray& name) {
-    events->declareOut(name);
+    ensureEvents().declareOut(name);
 }
 
 QList<QByteArray> Node::eventsIn() const {
-    return events->declaredIn();
+    const NodeEventTable* table = eventTable.load(std::memory_order_acquire);
+    return table ? table->declaredIn() : QList<QByteArray>();
 }
 
 QList<QByteArray> Node::eventsOut() const {
-    return events->declaredOut();
+    const NodeEventTable* table = eventTable.load(std::memory_order_acquire);
+    return table ? table->declaredOut() : QList<QByteArray>();
 }
 
 long Node::eventAddListener(const QByteArray& name, std::function<void()> callback,
@@ -177,7 +207,7 @@ long Node::eventAddListener(const QByteArray& name, std::function<void()> callba
     listener->name = name;
     listener->queued = type == Queued;
     listener->callback = callback ? std::move(callback) : [] {};
-    return events->add(std::move(listener));
+    return ensureEvents().add(std::move(listener));
 }
 
 long Node::eventAddListener(const QByteArray& source, const QByteArray& target, Node* receiver,
@@ -193,7 +223,7 @@ long Node::eventAddListener(const QByteArray& source, const QByteArray& target, 
     if (defaultPayload)
         forward.defaultPayload = std::make_unique<Basalt::BinaryData>(*defaultPayload);
     listener->callback = std::move(forward);
-    return events->add(std::move(listener));
+    return ensureEvents().add(std::move(listener));
 }
 
 long Node::eventAddListenerBd(const QByteArray& name,
@@ -211,40 +241,48 @@ long Node::eventAddListenerBd(const QByteArray& name,
     using WithData = std::function<void(Basalt::BinaryData&)>;
     listener->callback = callback ? std::move(callback) : WithData([](Basalt::BinaryData&) {});
     listener->holder = holder;
-    return events->add(std::move(listener));
+    return ensureEvents().add(std::move(listener));
 }
 
 bool Node::eventRemoveListener(long id) {
-    return events->remove(id);
+    NodeEventTable* table = eventTable.load(std::memory_order_acquire);
+    return table && table->remove(id);
 }
 
 bool Node::eventRemoveListenersOf(const ListenerHolder* holder) {
-    return events->removeListenersOf(holder);
+    NodeEventTable* table = eventTable.load(std::memory_order_acquire);
+    return table && table->removeListenersOf(holder);
 }
 
 bool Node::hasEventListenersOf(const ListenerHolder* holder) const {
-    return events->hasListenersOf(holder);
+    const NodeEventTable* table = eventTable.load(std::memory_order_acquire);
+    return table && table->hasListenersOf(holder);
 }
 
 void Node::forgetEventHolders() {
-    for (ListenerHolder* holder : events->releaseHolders())
-        holder->forget(this);
+    if (NodeEventTable* table = eventTable.load(std::memory_order_acquire))
+        for (ListenerHolder* holder : table->releaseHolders())
+            holder->forget(this);
 }
 
 int Node::eventListenerCount() const {
-    return events->count();
+    const NodeEventTable* table = eventTable.load(std::memory_order_acquire);
+    return table ? table->count() : 0;
 }
 
 void Node::eventSend(const QByteArray& name) {
-    events->dispatch(name, nullptr);
+    if (NodeEventTable* table = eventTable.load(std::memory_order_acquire))
+        table->dispatch(name, nullptr);
 }
 
 void Node::eventSend(const QByteArray& name, Basalt::BinaryData& data) {
-    events->dispatch(name, &data);
+    if (NodeEventTable* table = eventTable.load(std::memory_order_acquire))
+        table->dispatch(name, &data);
 }
 
 void Node::eventProcess(const QByteArray& name, Basalt::BinaryData& data) {
-    events->dispatch(name, &data);
+    if (NodeEventTable* table = eventTable.load(std::memory_order_acquire))
+        table->dispatch(name, &data);
 }
 
 void Node::invokeAfterUpdate(std::function<void()> function) {

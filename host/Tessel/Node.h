@@ -17,10 +17,11 @@
 // its event listeners, waiting (as eventRemoveListener does) for calls in progress on
 // other threads; queued deliveries still waiting are dropped.
 //
-// Child notifications: after a child is added the node calls attributeAdded(child) and
-// then sends the event "attribute-added"; before a child leaves the list it calls
-// attributeRemoved(child) and then sends "attribute-removed". The payload of both
-// events is a Basalt::BinaryData holding one string item, the child's name.
+// Child notifications: after a child is added the node calls attributeAdded(child),
+// then its observer's childAdded (TreeObserver), then sends the event "attribute-added";
+// before a child leaves the list it calls attributeRemoved(child), then the observer's
+// childRemoved, then sends "attribute-removed". The payload of both events is a
+// Basalt::BinaryData holding one string item, the child's name.
 #pragma once
 
 #include "Tessel/Attribute.h"
@@ -29,6 +30,7 @@
 #include <QHash>
 #include <QList>
 
+#include <atomic>
 #include <functional>
 #include <list>
 #include <memory>
@@ -154,9 +156,14 @@ private:
     void sendChildEvent(const QByteArray& event, const QByteArray& childName);
     bool isSelfOrAncestor(const Attribute* attribute) const;
 
+    // The event table, made on the first declaration or listener (most nodes of a large
+    // tree never get one): `eventTable` is null until then, and set once.
+    NodeEventTable& ensureEvents();
+
     ChildList childList;
     QHash<QByteArray, ChildList::iterator> childIndex;
-    // Shared with queued deliveries, which may run after the node is gone.
+    std::atomic<NodeEventTable*> eventTable{nullptr};
+    // Owns the table; shared with queued deliveries, which may run after the node is gone.
     std::shared_ptr<NodeEventTable> events;
 };
 

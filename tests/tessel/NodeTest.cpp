@@ -2,6 +2,7 @@
 // destruction.
 #include "Tessel/Node.h"
 #include "Tessel/AttributeT.h"
+#include "Tessel/TreeObserver.h"
 
 #include "Basalt/BinaryData.h"
 #include "Basalt/Trace.h"
@@ -65,6 +66,25 @@ private:
                    .arg(attribute(a->name()) == a)
                    .arg(a->host() == this);
     }
+};
+
+// Logs what it hears into a RecordingNode's log, between the hooks and the events.
+struct LoggingObserver : TreeObserver {
+    explicit LoggingObserver(QStringList& log) : log(log) {}
+    void attributeChanged(Attribute& a) override {
+        log << QString("observer changed %1 as %2").arg(QString(a.name())).arg(a.observedAs());
+    }
+    void childAdded(Node& node, Attribute& child) override {
+        log << QString("observer added %1 to %2").arg(QString(child.name())).arg(node.observedAs());
+        if (child.name() == "doomed")
+            delete &child; // allowed here, and only here
+    }
+    void childRemoved(Node& node, Attribute& child) override {
+        log << QString("observer removed %1 listed=%2")
+                   .arg(QString(child.name()))
+                   .arg(node.attribute(child.name()) == &child);
+    }
+    QStringList& log;
 };
 
 // A node class with member attributes, the usual way host objects are written.
@@ -195,6 +215,31 @@ TEST(Node, ChildNotificationsCarryTheNameAndBracketTheList) {
             Node::Direct);
     new AttributeT<int>(&root, "item");
     EXPECT_EQ(seen, (QList<QByteArray>{"item", "item"}));
+
+    // An observer hears them between the hook and the event, and an observed
+    // attribute's changes before its listeners; only the attribute's own observer hears.
+    RecordingNode observed;
+    LoggingObserver observer(observed.log);
+    observed.setObserver(&observer, 7);
+    auto* y = new AttributeT<int>(&observed, "y");
+    y->setObserver(&observer, 8);
+    y->addListener([&] { observed.log << "listener"; }, Attribute::RoleChange);
+    y->setValue(1, L2);
+    // Deleted by the observer as it is added: the node goes on with the name it was given.
+    EXPECT_TRUE(observed.addAttribute("doomed", new AttributeT<int>));
+    auto* inner = new Node(&observed, "inner");
+    new AttributeT<int>(inner, "unobserved");
+    delete y;
+    EXPECT_EQ(observed.log,
+              (QStringList{"added y listed=1 host=1", "observer added y to 7",
+                           "attribute-added y listed=1", "observer changed y as 8", "listener",
+                           "added doomed listed=1 host=1", "observer added doomed to 7",
+                           "removed doomed listed=1 host=1", "observer removed doomed listed=1",
+                           "attribute-removed doomed listed=1", "attribute-added doomed listed=0",
+                           "added inner listed=1 host=1", "observer added inner to 7",
+                           "attribute-added inner listed=1", "removed y listed=1 host=1",
+                           "observer removed y listed=1", "attribute-removed y listed=1"}));
+    observed.setObserver(nullptr, 0);
 }
 
 TEST(Node, NodesAreAddedFullyConstructed) {
