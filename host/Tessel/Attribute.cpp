@@ -56,10 +56,23 @@ Attribute::~Attribute() {
         listeners.at(i).removed = true;
 }
 
+thread_local Attribute::EndWatch* Attribute::endWatches = nullptr;
+
+Attribute::EndWatch::EndWatch(const Attribute* attribute) : watched(attribute), next(endWatches) {
+    endWatches = this;
+}
+
+Attribute::EndWatch::~EndWatch() {
+    endWatches = next;
+}
+
 void Attribute::aboutToBeDestroyed() {
     if (destroying)
         return;
     destroying = true;
+    for (EndWatch* watch = endWatches; watch; watch = watch->next)
+        if (watch->watched == this)
+            watch->hasEnded = true;
     emitDelete();
     // Holders forget this attribute now, the way a deletion listener of theirs would.
     for (std::size_t i = 0; i < listeners.size(); ++i)

@@ -198,6 +198,25 @@ private:
         }
         std::shared_ptr<const ListenerBlock> entries;
     };
+    // Tells a caller up the stack whether the attribute began to be destroyed while it
+    // lived (by a callback the caller made). Attributes live on one thread, so the
+    // thread's chain of these is all a dying attribute has to check.
+    class EndWatch {
+    public:
+        explicit EndWatch(const Attribute* attribute);
+        ~EndWatch();
+        EndWatch(const EndWatch&) = delete;
+        EndWatch& operator=(const EndWatch&) = delete;
+        bool ended() const { return hasEnded; }
+
+    private:
+        friend class Attribute;
+        const Attribute* const watched;
+        bool hasEnded = false;
+        EndWatch* const next;
+    };
+    static thread_local EndWatch* endWatches;
+
     void emitRole(int role);
     long addListener(std::function<void()> callback, int roleMask, ListenerHolder* holder);
     // Removes every listener that `holder` registered; false when there was none.

@@ -94,10 +94,13 @@ bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
     indexChild(name, childList.insert(childList.end(), attribute));
     attributeAdded(attribute);
     if (TreeObserver* observer = this->observer()) {
-        // The observer may delete the child, and `name` may be the child's own.
+        // What the observer reports may delete the child (whose own name `name` may be)
+        // or this node.
         const QByteArray kept = name;
+        const EndWatch watch(this);
         observer->childAdded(*this, *attribute);
-        sendChildEvent(QByteArrayLiteral("attribute-added"), kept);
+        if (!watch.ended())
+            sendChildEvent(QByteArrayLiteral("attribute-added"), kept);
         return true;
     }
     sendChildEvent(QByteArrayLiteral("attribute-added"), name);

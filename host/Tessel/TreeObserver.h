@@ -10,7 +10,8 @@
 //
 // Thread contract: called on the tree thread from inside the operation. The observer
 // must not delete the attribute or node it is told about, nor their hosts, with one
-// exception: childAdded may delete or remove the child it is told was added.
+// exception: childAdded may delete or remove the child it is told was added, or the
+// node (the event is then not sent).
 #pragma once
 
 namespace Tessel {

@@ -78,6 +78,8 @@ struct LoggingObserver : TreeObserver {
         log << QString("observer added %1 to %2").arg(QString(child.name())).arg(node.observedAs());
         if (child.name() == "doomed")
             delete &child; // allowed here, and only here
+        else if (child.name() == "ends-host")
+            delete &node;
     }
     void childRemoved(Node& node, Attribute& child) override {
         log << QString("observer removed %1 listed=%2")
@@ -229,16 +231,37 @@ TEST(Node, ChildNotificationsCarryTheNameAndBracketTheList) {
     EXPECT_TRUE(observed.addAttribute("doomed", new AttributeT<int>));
     auto* inner = new Node(&observed, "inner");
     new AttributeT<int>(inner, "unobserved");
+    auto* host = new Node(&observed, "host");
+    host->setObserver(&observer, 9);
+    // Deleted by the observer with its new child: it sends no event any more.
+    EXPECT_TRUE(host->addAttribute("ends-host", new AttributeT<int>));
+    EXPECT_EQ(observed.attribute("host"), nullptr);
     delete y;
-    EXPECT_EQ(observed.log,
-              (QStringList{"added y listed=1 host=1", "observer added y to 7",
-                           "attribute-added y listed=1", "observer changed y as 8", "listener",
-                           "added doomed listed=1 host=1", "observer added doomed to 7",
-                           "removed doomed listed=1 host=1", "observer removed doomed listed=1",
-                           "attribute-removed doomed listed=1", "attribute-added doomed listed=0",
-                           "added inner listed=1 host=1", "observer added inner to 7",
-                           "attribute-added inner listed=1", "removed y listed=1 host=1",
-                           "observer removed y listed=1", "attribute-removed y listed=1"}));
+    EXPECT_EQ(observed.log, (QStringList{"added y listed=1 host=1",
+                                         "observer added y to 7",
+                                         "attribute-added y listed=1",
+                                         "observer changed y as 8",
+                                         "listener",
+                                         "added doomed listed=1 host=1",
+                                         "observer added doomed to 7",
+                                         "removed doomed listed=1 host=1",
+                                         "observer removed doomed listed=1",
+                                         "attribute-removed doomed listed=1",
+                                         "attribute-added doomed listed=0",
+                                         "added inner listed=1 host=1",
+                                         "observer added inner to 7",
+                                         "attribute-added inner listed=1",
+                                         "added host listed=1 host=1",
+                                         "observer added host to 7",
+                                         "attribute-added host listed=1",
+                                         "observer added ends-host to 9",
+                                         "removed host listed=1 host=1",
+                                         "observer removed host listed=1",
+                                         "attribute-removed host listed=1",
+                                         "observer removed ends-host listed=1",
+                                         "removed y listed=1 host=1",
+                                         "observer removed y listed=1",
+                                         "attribute-removed y listed=1"}));
     observed.setObserver(nullptr, 0);
 }
 

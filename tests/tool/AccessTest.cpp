@@ -206,8 +206,9 @@ TEST(Access, IdleConnectionsHoldFewThreadsAndADumpStillGetsIn) {
     // The connections ahead of it each start and end a thread, which the sanitizers make
     // dear: the bound holds for plain builds, generous for a loaded machine (it takes
     // a few hundred milliseconds).
-    if (!Sanitized)
+    if (!Sanitized) {
         EXPECT_LT(timer.elapsed(), 5000);
+    }
     std::cout << "threads with " << Idle << " idle connections: " << threads << "; dump took "
               << timer.elapsed() << " ms\n";
     idle.clear();
