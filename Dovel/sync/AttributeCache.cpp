@@ -2,6 +2,7 @@
 
 #include "Basalt/Trace.h"
 #include "Tessel/Attribute.h" // the attribute map hashes by its size
+#include "Tessel/TreeObserver.h"
 
 namespace Dovel {
 
@@ -20,7 +21,6 @@ bool AttributeCache::add(unsigned int symbol, Tessel::Attribute* attribute) {
         return false;
     }
     bySymbol.insert(symbol, attribute);
-    byAttribute.insert(attribute, symbol);
     return true;
 }
 
@@ -33,14 +33,31 @@ Tessel::Attribute* AttributeCache::findOrAdd(unsigned int symbol, Tessel::Attrib
     std::unique_lock<std::shared_mutex> locker(lock);
     if (Tessel::Attribute* const* found = bySymbol.find(symbol))
         return *found;
-    if (attribute) {
+    if (attribute)
         bySymbol.insert(symbol, attribute);
-        byAttribute.insert(attribute, symbol);
-    }
     return attribute;
 }
 
+void AttributeCache::setObserver(const Tessel::TreeObserver* watcher) {
+    observer.store(watcher);
+}
+
+void AttributeCache::index(unsigned int symbol, Tessel::Attribute* attribute) {
+    std::unique_lock<std::shared_mutex> locker(lock);
+    byAttribute.insert(attribute, symbol);
+}
+
+unsigned int AttributeCache::observedSymbolOf(const Tessel::Attribute& attribute) const {
+    // The slot is read on the tree thread, which alone writes it.
+    const Tessel::TreeObserver* const watcher = observer.load(std::memory_order_relaxed);
+    return watcher && attribute.observer() == watcher ? attribute.observedAs() : 0u;
+}
+
 unsigned int AttributeCache::symbolOf(Tessel::Attribute* attribute) const {
+    if (!attribute)
+        return 0;
+    if (const unsigned int symbol = observedSymbolOf(*attribute))
+        return symbol;
     std::shared_lock<std::shared_mutex> locker(lock);
     return byAttribute.value(attribute, 0u);
 }
@@ -53,7 +70,9 @@ bool AttributeCache::remove(unsigned int symbol) {
                              symbol);
         return false;
     }
-    byAttribute.erase(attribute);
+    // An attribute seen under two paths is indexed under the one seen last.
+    if (byAttribute.value(attribute, 0u) == symbol)
+        byAttribute.erase(attribute);
     bySymbol.remove(symbol);
     nodes.remove(symbol);
     return true;

@@ -2,8 +2,13 @@
 // back, and remembers which symbols name nodes. The node watcher fills and empties it;
 // the sender and the receivers look attributes up in it.
 //
-// Thread-safe: every table is guarded by `lock` (readers share it). No operation calls
-// out while holding it except the error log.
+// Back from attribute to symbol: an attribute the watcher observes (its TreeObserver
+// slot) carries its own path's symbol itself; only the few it watches otherwise (aliases,
+// what is seen through them, what another watcher observes) are kept in a map.
+//
+// Thread-safe: every table is guarded by `lock` (readers share it), except symbolOf,
+// which reads the attribute and so belongs to the tree thread. No operation calls out
+// while holding the lock except the error log.
 #pragma once
 
 #include "Dovel/sync/SymbolSet.h"
@@ -11,13 +16,15 @@
 #include "Basalt/PointerMap.h"
 #include "Basalt/SymbolMap.h"
 
+#include <atomic>
 #include <mutex>
 #include <shared_mutex>
 #include <vector>
 
 namespace Tessel {
 class Attribute;
-}
+class TreeObserver;
+} // namespace Tessel
 
 namespace Dovel {
 
@@ -45,8 +52,15 @@ public:
         for (size_t i = 0; i < count; ++i)
             out[i] = bySymbol.value(symbolAt(i));
     }
-    // The symbol of a cached attribute, or 0.
+    // The watcher whose observer slots symbolOf reads (null: none).
+    void setObserver(const Tessel::TreeObserver* observer);
+    // Lets symbolOf find a cached attribute that the watcher does not observe.
+    void index(unsigned int symbol, Tessel::Attribute* attribute);
+    // The symbol of an observed attribute (its own path's), else of an indexed one, or
+    // 0 (tree thread).
     unsigned int symbolOf(Tessel::Attribute* attribute) const;
+    // The symbol of an observed attribute, or 0 (tree thread).
+    unsigned int observedSymbolOf(const Tessel::Attribute& attribute) const;
     // Drops the symbol from both maps and the node set; false (logged) when unknown.
     bool remove(unsigned int symbol);
     bool isNode(unsigned int symbol) const;
@@ -58,7 +72,8 @@ private:
     SymbolSet nodes; // flat: a watched tree has a node per handful of attributes
     // Local symbols are dense: a vector slot per attribute, no allocation per entry.
     Basalt::SymbolMap<Tessel::Attribute*> bySymbol;
-    Basalt::PointerMap<Tessel::Attribute, unsigned int> byAttribute;
+    Basalt::PointerMap<Tessel::Attribute, unsigned int> byAttribute; // indexed ones only
+    std::atomic<const Tessel::TreeObserver*> observer{nullptr};
 };
 
 } // namespace Dovel

@@ -143,14 +143,31 @@ void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
 void NodeChangeSender::sendInitialValues() {
     Basalt::SymbolRegistry& registry = node.symbolRegistry();
     const AttributeCache& cache = node.attributeCache();
+    // The walk lists each node's children one after the other under one parent path.
+    QByteArray lastParent;
+    unsigned int lastParentSymbol = 0;
     walkAttributesUnder(
         node, [&](Tessel::Attribute& found, Tessel::Attribute&, const QByteArray& parent) {
-            // The watcher caches what it watches under its path's symbol: taken when the
-            // registry names that path, it spares building and hashing a path per attribute.
-            // (An attribute also reached through an alias may be cached under the other path.)
-            unsigned int symbol = cache.symbolOf(&found);
-            if (!symbol || !isChildPath(registry.lookup(symbol), parent, found.name()))
-                symbol = registry.lookup(childPath(parent, found.name()));
+            // What the watcher observes carries its own path's symbol: taken when the walk
+            // came by that path (its host's own), not through an alias.
+            unsigned int symbol = cache.observedSymbolOf(found);
+            if (symbol) {
+                if (parent != lastParent || lastParentSymbol == 0) {
+                    lastParent = parent;
+                    lastParentSymbol = registry.lookup(parent);
+                }
+                const Tessel::Node* host = found.host();
+                if (!host || !lastParentSymbol || cache.observedSymbolOf(*host) != lastParentSymbol)
+                    symbol = 0;
+            }
+            // Others may be indexed under their path's symbol: taken when the registry
+            // names that path, it spares building and hashing a path per attribute (one
+            // also reached through an alias may be indexed under the other path).
+            if (!symbol) {
+                symbol = cache.symbolOf(&found);
+                if (!symbol || !isChildPath(registry.lookup(symbol), parent, found.name()))
+                    symbol = registry.lookup(childPath(parent, found.name()));
+            }
             onAttributeChange({NodeWatcher::AttributeAdded, symbol});
         });
 }

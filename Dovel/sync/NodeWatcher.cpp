@@ -72,10 +72,13 @@ struct NodeWatcher::Impl : Tessel::TreeObserver {
     using Table = std::map<long, Listener>;
 
     Impl(Basalt::SymbolRegistry& registry, AttributeCache& cache)
-        : registry(registry), cache(cache), listeners(std::make_shared<Table>()) {}
+        : registry(registry), cache(cache), listeners(std::make_shared<Table>()) {
+        cache.setObserver(this);
+    }
     ~Impl() {
         if (root)
             releaseTree(*root);
+        cache.setObserver(nullptr);
     }
 
     void attributeChanged(Attribute& attribute) override;
@@ -250,6 +253,8 @@ void NodeWatcher::Impl::watchNode(Node& node, const QByteArray& path, unsigned i
     Node* watched = &node;
     const bool observed = observe(node, symbol, holder);
     if (!observed) {
+        if (cache.find(symbol) == watched)
+            cache.index(symbol, watched);
         // What both handlers need, shared: each captures 16 bytes, which std::function
         // keeps without a heap block of its own.
         struct Context {
@@ -304,6 +309,7 @@ void NodeWatcher::Impl::watchAttribute(Attribute& attribute, const QByteArray& p
     Attribute* target = AttributeAlias::resolve(&attribute);
     if (target != &attribute) {
         auto* alias = static_cast<AttributeAlias*>(&attribute);
+        cache.index(symbol, alias);
         {
             std::lock_guard<std::mutex> locker(aliasMutex);
             aliases.insert(alias, target);
@@ -321,6 +327,7 @@ void NodeWatcher::Impl::watchAttribute(Attribute& attribute, const QByteArray& p
         watchNode(*node, path, symbol, notify, holder);
         return;
     } else if (!observe(attribute, symbol, holder)) {
+        cache.index(symbol, &attribute);
         holder.add(
             &attribute, [this, symbol] { emit(AttributeChanged, symbol); }, Attribute::RoleChange);
     }
