@@ -73,11 +73,12 @@ constexpr int64_t MaxHeldEventBytes = int64_t(64) << 20;
 constexpr int MaxUnknownBundleTypes = 1024;
 // Most symbol definitions a peer may make in one session's receive-side registry
 // (SymbolRegistryReceiver::handleBundle): one per attribute or event name the peer
-// announces, each 25-65 bytes of table beside its name, so at most about 250 MB of
-// table. Room for a tree of four million attributes, which as a tree takes several
-// times that. Rebinding a known name or symbol counts too: each may make the receiver
-// create another attribute (NewAttributeReceiver).
-constexpr int MaxPeerSymbols = 1 << 22;
+// announces, each 25-65 bytes of table beside its name, so at most about 1 GB of table,
+// and never more than about 8 bytes of table per byte of definitions received. Room for
+// a tree of ten million attributes and their nodes, which as a tree takes several times
+// that. Rebinding a known name or symbol counts too: each may make the receiver create
+// another attribute (NewAttributeReceiver).
+constexpr int MaxPeerSymbols = 1 << 24;
 // What the nodes and attributes created for a peer's announcements may cost this side,
 // per byte of bundles the peer has sent, beyond a floor that any small tree fits in
 // (PeerFootprint). A flat tree costs a few bytes per byte sent; a peer that sends deep,
