@@ -1,11 +1,12 @@
 // Serializers and deserializers bound to one attribute, per attribute family. Each is
-// a lambda that captures only the attribute pointer, so a std::function keeps it in its
-// small-object buffer and a call appends or reads the value in place. Serializers read
+// a lambda that captures only the attribute pointer, so a Codec keeps it in place of a
+// pointer and a call appends or reads the value in place. Serializers read
 // the effective value; deserializers write layer 2 (containers, grids and splines,
 // which have no layers, replace their content and fire one change). The attribute must
 // outlive the codec; both run on the tree thread.
 #pragma once
 
+#include "Dovel/types/Codec.h"
 #include "Dovel/types/ValueEncodings.h"
 
 #include "Tessel/AttributeContainer.h"
@@ -18,8 +19,8 @@
 
 namespace Dovel {
 
-using Serializer = std::function<void(BundleWriterCore&)>;
-using Deserializer = std::function<void(BundleReaderCore&)>;
+using Serializer = Codec<BundleWriterCore>;
+using Deserializer = Codec<BundleReaderCore>;
 
 // Fixed-size values and strings: an AttributeBaseT<T> (or a class derived from it) whose value
 // travels in Encoding.

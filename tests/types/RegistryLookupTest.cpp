@@ -177,3 +177,32 @@ TEST(RegistryLookup, VariantConversions) {
     EXPECT_EQ(deserializeVariant(custom.createVariantDeserializer(9), QByteArray()),
               QVariant(QString("x")));
 }
+
+TEST(Codecs, KeptInPlaceOrSharedInABox) {
+    static_assert(sizeof(Deserializer) == 16, "a session keeps two per attribute");
+    int calls = 0;
+    int* counter = &calls;
+    // A pointer's worth of trivially copyable capture is kept in place.
+    Codec<int> inPlace([counter](int& value) { *counter += value; });
+    EXPECT_EQ(inPlace.target<decltype(counter)>(), nullptr);
+    // Anything else is boxed, shared by the copies, and freed with the last of them.
+    auto shared = std::make_shared<int>(0);
+    Codec<int> boxed([shared, counter](int& value) { *shared += value; });
+    const std::weak_ptr<int> watch = shared;
+    shared.reset();
+    {
+        const Codec<int> copy = boxed;
+        Codec<int> moved = std::move(boxed);
+        EXPECT_FALSE(boxed);
+        int one = 1;
+        copy(one);
+        moved(one);
+        inPlace(one);
+        EXPECT_EQ(*watch.lock(), 2);
+        moved = inPlace; // the box's last references go: copy's and this one's
+        moved(one);
+    }
+    EXPECT_EQ(calls, 2);
+    EXPECT_TRUE(watch.expired());
+    EXPECT_FALSE(Codec<int>());
+}
