@@ -154,7 +154,11 @@ struct NodeWatcher::Impl : Tessel::TreeObserver {
     Attribute* completeChild = nullptr;
     QByteArray completePath;          // its path as the caller knows it, or empty
     unsigned int completeSymbol = 0;  // that path's symbol, when the caller knows it
-    unsigned int completeWatched = 0; // the symbol onAdded found for it
+    unsigned int completeWatched = 0; // the symbol it is watched under, while it is
+    // The same attribute until addComplete returns: its watching (also by the update that
+    // ends the call) and its unwatching set and clear completeWatched, so that the call
+    // never has to look at an attribute a listener may have deleted meanwhile.
+    Attribute* completeTarget = nullptr;
 };
 
 void NodeWatcher::Impl::emit(EventType type, unsigned int symbol) {
@@ -304,6 +308,8 @@ void NodeWatcher::Impl::watchNode(Node& node, const QByteArray& path, unsigned i
 void NodeWatcher::Impl::watchAttribute(Attribute& attribute, const QByteArray& path,
                                        unsigned int symbol, bool notify,
                                        Tessel::ListenerHolder& holder) {
+    if (&attribute == completeTarget && completeWatched == 0)
+        completeWatched = symbol;
     // Only an alias resolves to something other than itself (or to nothing); asking so
     // spares a dynamic_cast per watched attribute.
     Attribute* target = AttributeAlias::resolve(&attribute);
@@ -509,6 +515,8 @@ void NodeWatcher::Impl::unwatchAttribute(Attribute& attribute, const QByteArray&
             emit(cache.isNode(symbol) ? NodeRemoved : AttributeRemoved, symbol);
     }
     record.reset();
+    if (&attribute == completeTarget && symbol == completeWatched)
+        completeWatched = 0;
     dropAliasHolder(&attribute);
     holder.removeListeners(&attribute);
     // Leaving through an alias keeps the slot that watches the attribute's own path.
@@ -545,9 +553,9 @@ void NodeWatcher::startWatching(Node& root, bool notify) {
     const unsigned int symbol = impl->registry.lookupOrDefine(QByteArray(""));
     impl->cache.add(symbol, &root);
     impl->root = &root;
-    impl->watchNode(root, QByteArray(), symbol, notify, impl->rootHolder);
     Impl* self = impl.get();
     Node* watched = &root;
+    // Before the walk: a listener of its reports may delete the root.
     impl->rootHolder.add(
         watched,
         [self, watched, symbol] {
@@ -557,6 +565,7 @@ void NodeWatcher::startWatching(Node& root, bool notify) {
             self->cache.remove(symbol);
         },
         Attribute::RoleDelete);
+    impl->watchNode(root, QByteArray(), symbol, notify, impl->rootHolder);
 }
 
 long NodeWatcher::addListener(const Listener& callback) {
@@ -620,37 +629,46 @@ bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* a
         Attribute* const child = impl.completeChild;
         const QByteArray path = impl.completePath;
         const unsigned int symbol = impl.completeSymbol;
-        const unsigned int watched = impl.completeWatched;
         ~Scope() {
             impl.completeChild = child;
             impl.completePath = path;
             impl.completeSymbol = symbol;
+        }
+    };
+    struct TargetScope {
+        Impl& impl;
+        Attribute* const target = impl.completeTarget;
+        const unsigned int watched = impl.completeWatched;
+        ~TargetScope() {
+            impl.completeTarget = target;
             impl.completeWatched = watched;
         }
     };
     bool added = false;
     unsigned int watched = 0;
     {
-        const Scope scope{*impl};
-        impl->completeChild = attribute;
-        impl->completePath = path;
-        // Taken only when it names that path: a record found by the peer's symbol may be
-        // another path's, once the peer has bound that symbol anew.
-        impl->completeSymbol =
-            symbol && !path.isEmpty() && impl->registry.lookup(symbol) == path ? symbol : 0;
+        const TargetScope targetScope{*impl};
+        impl->completeTarget = attribute;
         impl->completeWatched = 0;
-        added = parent.addAttribute(name, attribute);
+        {
+            const Scope scope{*impl};
+            impl->completeChild = attribute;
+            impl->completePath = path;
+            // Taken only when it names that path: a record found by the peer's symbol may
+            // be another path's, once the peer has bound that symbol anew.
+            impl->completeSymbol =
+                symbol && !path.isEmpty() && impl->registry.lookup(symbol) == path ? symbol : 0;
+            added = parent.addAttribute(name, attribute);
+        }
+        // A parent whose own addition is still queued reports nothing to onAdded: this
+        // update watches the attribute with its parent, under a path of its own (the
+        // parent's, which may differ from the caller's through an alias). A listener may
+        // delete the attribute meanwhile: its unwatching clears completeWatched.
+        update();
         watched = impl->completeWatched;
     }
-    update();
-    if (watchedAs) {
-        // A parent whose own addition was still queued reported nothing to onAdded: the
-        // update above watched the attribute with its parent, under a path of its own
-        // (the parent's, which may differ from the caller's through an alias).
-        if (added && !watched)
-            watched = impl->cache.symbolOf(attribute);
+    if (watchedAs)
         *watchedAs = added ? watched : 0;
-    }
     return added;
 }
 

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -25,6 +26,13 @@ public:
                                           !std::is_same<std::decay_t<F>, std::nullptr_t>::value>>
     Codec(F&& callable) {
         using Fn = std::decay_t<F>;
+        // Copies share a boxed callable, so it must not change when called.
+        static_assert(std::is_invocable<const Fn&, Arg&>::value,
+                      "a codec's callable is called as const");
+        // An empty function or a null pointer makes an empty codec, as with std::function.
+        if constexpr (std::is_pointer<Fn>::value || IsFunction<Fn>::value)
+            if (!callable)
+                return;
         if constexpr (fitsInline<Fn>()) {
             new (storage) Fn(std::forward<F>(callable));
             invoke = [](const void* held, Arg& arg) { (*static_cast<const Fn*>(held))(arg); };
@@ -67,6 +75,8 @@ public:
 
 private:
     using Invoke = void (*)(const void* held, Arg& arg);
+    template <typename T> struct IsFunction : std::false_type {};
+    template <typename S> struct IsFunction<std::function<S>> : std::true_type {};
     struct Box {
         virtual ~Box() = default;
         virtual void call(Arg& arg) = 0;

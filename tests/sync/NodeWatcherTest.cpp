@@ -168,6 +168,20 @@ TEST(NodeWatcher, AddCompleteWatchesAtOnceAndKeepsTheOrderOfWhatWasQueued) {
     const std::vector<Event> changedOnBoth = {ev(NodeWatcher::AttributeChanged, w.sym("n/d")),
                                               ev(NodeWatcher::AttributeChanged, w.sym("al/d"))};
     EXPECT_EQ(w.recorder.take(), changedOnBoth);
+
+    // Under a parent still queued, the update that ends the call reports the attribute,
+    // and a listener may delete it there: the call answers 0 without touching it.
+    auto* queued = new Node(&w.root, "queued");
+    const long drop = w.watcher.addListener([&](const Event& event) {
+        if (event.type == NodeWatcher::AttributeAdded && event.symbol == w.sym("queued/x"))
+            delete queued->attribute("x");
+    });
+    unsigned int watchedAs = 1;
+    EXPECT_TRUE(
+        w.watcher.addComplete(*queued, "x", new AttributeT<float>(), "queued/x", 0, &watchedAs));
+    EXPECT_EQ(watchedAs, 0u);
+    EXPECT_EQ(queued->attribute("x"), nullptr);
+    w.watcher.removeListener(drop);
 }
 
 TEST(NodeWatcher, AListenerMayDeleteWhatItIsToldWasAdded) {

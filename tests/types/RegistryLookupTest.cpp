@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <typeinfo>
@@ -205,4 +206,5 @@ TEST(Codecs, KeptInPlaceOrSharedInABox) {
     EXPECT_EQ(calls, 2);
     EXPECT_TRUE(watch.expired());
     EXPECT_FALSE(Codec<int>());
+    EXPECT_FALSE(Codec<int>(std::function<void(int&)>())); // empty stays empty
 }
