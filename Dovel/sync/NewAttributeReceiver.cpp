@@ -2,6 +2,7 @@
 
 #include "Dovel/Limits.h"
 #include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/sync/AttributeCache.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"
 #include "Dovel/sync/NodeWatcher.h"
@@ -246,7 +247,19 @@ QByteArray NewAttributeReceiver::leafName(const QByteArray& path, int leafStart)
 }
 
 Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart, bool create) {
+    if (leafStart == 0)
+        return &node;
+    const int parentBytes = leafStart - 1;
+    if (parentBytes == parentPathBytes &&
+        std::memcmp(path.constData(), parentPathOwner.constData(), size_t(parentBytes)) == 0) {
+        // Whatever the cache holds at that path now: the node found last, another node
+        // put there since, or nothing (then the walk below tells what to do).
+        Tessel::Attribute* const held = node.attributeCache().find(parentSymbol);
+        if (Tessel::Node* const parent = held ? held->asNode() : nullptr)
+            return parent;
+    }
     Tessel::Node* parent = &node;
+    bool throughAlias = false;
     QByteArray name; // views each component in place: looking up a child copies nothing
     for (int start = 0; start < leafStart;) {
         const int end = path.indexOf('/', start);
@@ -255,13 +268,24 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
         if (!raw) {
             if (!create || !(parent = addNode(*parent, path, start, end)))
                 return nullptr;
-        } else if (!(parent = Tessel::asNode(Tessel::AttributeAlias::resolve(raw)))) {
+            start = end + 1;
+            continue;
+        }
+        Tessel::Attribute* const resolved = Tessel::AttributeAlias::resolve(raw);
+        throughAlias = throughAlias || resolved != raw;
+        if (!(parent = Tessel::asNode(resolved))) {
             Basalt::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing "
                                  "attribute where a node was expected");
             return nullptr;
         }
         start = end + 1;
     }
+    // Only a parent at its own path is kept: the symbol the watcher observes it under is
+    // then the symbol of this path.
+    const unsigned int symbol = throughAlias ? 0 : node.attributeCache().observedSymbolOf(*parent);
+    parentPathOwner = symbol ? path : QByteArray();
+    parentPathBytes = symbol ? parentBytes : -1;
+    parentSymbol = symbol;
     return parent;
 }
 

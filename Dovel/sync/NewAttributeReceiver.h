@@ -87,6 +87,14 @@ private:
     // False (logged once) when the footprint cannot take a creation at `path`.
     bool mayCreate(bool node, const QByteArray& path, int pathBytes);
     // Recent leaf names: two for each set of hashes, and which of the two was used last.
+    // The parent found last, as its path (the first `parentPathBytes` bytes of
+    // `parentPathOwner`, which shares a peer path's bytes) and the symbol under which the
+    // attribute cache holds it: consecutive entries mostly share a parent, and the cache
+    // is kept in step with the tree, so one comparison and one lookup replace a walk
+    // from the root (a hash probe per component).
+    QByteArray parentPathOwner;
+    int parentPathBytes = -1;
+    unsigned int parentSymbol = 0;
     static constexpr size_t LeafNameSets = 64;
     std::array<QByteArray, 2 * LeafNameSets> leafNames;
     std::array<uint8_t, LeafNameSets> leafNameUsedLast{};
