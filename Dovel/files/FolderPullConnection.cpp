@@ -147,6 +147,16 @@ bool FolderPullConnection::parse(const QString& line) {
                 QString::fromUtf8(QByteArray::fromPercentEncoding(line.mid(12).toUtf8())));
         return true;
     }
+    // A tree server's first batch: there is no folder to pull here.
+    if (line.startsWith(QLatin1String("dovel2 "))) {
+        Basalt::Trace::warning("FolderPullConnection::parse # %s:%d serves a tree, not a folder; "
+                               "disconnecting",
+                               hostName().toUtf8().constData(), port());
+        notePeerFailure({PeerFailure::TreeServer, 0, QString()});
+        finish(false, describeFailure());
+        abortConnection();
+        return true;
+    }
     // A pull only receives: the server has no business reading our files.
     if (line.startsWith(QLatin1String("sendfileinfo ")) ||
         line.startsWith(QLatin1String("sendparts "))) {
@@ -381,7 +391,10 @@ void FolderPullConnection::handleConnection() {
     for (const QString& name : pending)
         failedNames.append(name);
     pending.clear();
-    finish(false, QStringLiteral("the connection ended before the folder was up to date"));
+    // A pull makes one attempt: a failure recorded is its login's, which says why.
+    finish(false, lastFailure().isSet()
+                      ? describeFailure()
+                      : QStringLiteral("the connection ended before the folder was up to date"));
 }
 
 void FolderPullConnection::disconnected() {
@@ -396,7 +409,11 @@ void FolderPullConnection::idle() {
 
 void FolderPullConnection::connectionFailed() {
     Basalt::Guard guard(protocolMutex);
-    finish(false, QStringLiteral("cannot connect to %1:%2").arg(hostName()).arg(port()));
+    finish(false, describeFailure());
+}
+
+QString FolderPullConnection::describeFailure() const {
+    return QStringLiteral("%1:%2: %3").arg(hostName()).arg(port()).arg(lastFailure().text());
 }
 
 } // namespace Dovel

@@ -106,6 +106,8 @@ private:
     void checkDone();
     void verifyAndFinish();
     void finish(bool success, const QString& error);
+    // "HOST:PORT: " and why the peer could not be reached or served.
+    QString describeFailure() const;
     void report(const QString& name);
 
     const bool deleteExtra;

@@ -55,7 +55,20 @@ std::shared_ptr<BundleController> SessionConnection::controller() const {
 }
 
 bool SessionConnection::parse(const QString& line) {
-    return processDovel2(controller(), *this, line);
+    if (processDovel2(controller(), *this, line))
+        return true;
+    // A folder server lists its files first ("filelistend" alone for an empty folder): a
+    // tree client has nothing to do there.
+    if (!isServerSide() && (line.startsWith(QLatin1String("filelist ")) ||
+                            line.startsWith(QLatin1String("filelistend ")))) {
+        Basalt::Trace::warning("SessionConnection::parse # %s:%d serves a folder, not a tree; "
+                               "disconnecting",
+                               hostName().toUtf8().constData(), port());
+        notePeerFailure({PeerFailure::FolderServer, 0, QString()});
+        abortConnection();
+        return true;
+    }
+    return false;
 }
 
 bool SessionConnection::openConnection() {

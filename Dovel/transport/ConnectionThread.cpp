@@ -30,6 +30,20 @@ constexpr int ReadSlice = 65536;
 constexpr int ReadGrowth = 1 << 20;
 constexpr double RetrySeconds = 3.0;
 
+// The longest part of a stranger's greeting that a failure quotes.
+constexpr int QuotedGreetingChars = 40;
+
+// Why a greeting that is not ours failed: a peer that hung up before greeting (a
+// server that does not admit us closes at once) or one that said something else.
+PeerFailure greetingFailure(const QString& greeting, Basalt::TCPSocket* socket) {
+    if (greeting.isEmpty() && socket && socket->isHungUp())
+        return {PeerFailure::LoginCut, 0, QString()};
+    QString quoted;
+    for (const QChar c : greeting.left(QuotedGreetingChars))
+        quoted += c.isPrint() ? c : QChar(u'?');
+    return {PeerFailure::NotDovel, 0, quoted};
+}
+
 QString greeting() {
     return QStringLiteral("Heliotrope ") + QString::fromUtf8(version());
 }
@@ -273,18 +287,28 @@ bool ConnectionThread::openConnection() {
     // must not hold either up until the system gives up on it.
     const auto cancelled = [this] { return stopping.load() || !running.load(); };
     if (Basalt::TCPSocket* s = socket()) {
-        s->open(address.constData(), port, cancelled);
+        if (s->open(address.constData(), port, cancelled) != 0)
+            notePeerFailure({PeerFailure::Connect, s->openError(), QString()});
         return s->isOpen();
     }
     auto fresh = std::make_unique<Basalt::TCPSocket>();
-    if (fresh->open(address.constData(), port, cancelled) != 0)
+    if (fresh->open(address.constData(), port, cancelled) != 0) {
+        notePeerFailure({PeerFailure::Connect, fresh->openError(), QString()});
         return false;
+    }
     socket_.store(fresh.release());
     return true;
 }
 
 bool ConnectionThread::handshake() {
-    return serverSide ? serverHandshake() : clientHandshake();
+    if (serverSide)
+        return serverHandshake();
+    PeerFailure why;
+    if (clientHandshake(why))
+        return true;
+    // A login that broke off without a reason of its own: the server went away or quiet.
+    notePeerFailure(why.isSet() ? why : PeerFailure{PeerFailure::LoginCut, 0, QString()});
+    return false;
 }
 
 bool ConnectionThread::serverHandshake() {
@@ -335,12 +359,13 @@ bool ConnectionThread::refuseLogin() {
     return false;
 }
 
-bool ConnectionThread::clientHandshake() {
+bool ConnectionThread::clientHandshake(PeerFailure& why) {
     const QString first = line();
     PeerVersion peer;
     if (!parseGreeting(first, peer)) {
         Basalt::Trace::warning("Unknown server version '%s', expected \"Heliotrope (1|2).*.*\"",
                                first.toUtf8().constData());
+        why = greetingFailure(first, socket());
         return false;
     }
     setRemoteVersion(peer.major, peer.minor, peer.patch, peer.suffix);
@@ -362,6 +387,8 @@ bool ConnectionThread::clientHandshake() {
     const QString answer = line();
     if (answer != QLatin1String("ok")) {
         Basalt::Trace::warning("Remote host sent handshake error: %s", answer.toUtf8().constData());
+        if (answer == WrongLogin)
+            why = {PeerFailure::LoginRefused, 0, QString()};
         return false;
     }
     return true;
@@ -771,6 +798,16 @@ QMap<QString, QString> ConnectionThread::readMap(int count) {
 }
 
 // ---- version and state ----
+
+PeerFailure ConnectionThread::lastFailure() const {
+    Basalt::Guard guard(stateMutex);
+    return failure;
+}
+
+void ConnectionThread::notePeerFailure(const PeerFailure& what) {
+    Basalt::Guard guard(stateMutex);
+    failure = what;
+}
 
 void ConnectionThread::setRemoteVersion(int major, int minor, int patch, const QString& suffix) {
     Basalt::Guard guard(stateMutex);

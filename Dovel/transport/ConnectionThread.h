@@ -18,6 +18,7 @@
 // never connected).
 #pragma once
 
+#include "Dovel/transport/PeerFailure.h"
 #include "Dovel/transport/WriterThread.h"
 
 #include "Basalt/BinaryData.h"
@@ -127,6 +128,9 @@ public:
 
     QString hostName() const;
     int port() const;
+    // Why the last attempt to reach the peer failed, kept until the next failure (none
+    // before the first).
+    PeerFailure lastFailure() const;
     bool isConnected() const { return connected_.load(); }
     // False from the moment the current connection is ended (a failed read or write,
     // abortConnection, stop) until the next one starts, while isConnected() may still
@@ -179,6 +183,8 @@ protected:
     virtual void retryProgress(double secondsLeft);
 
     void setKeepRetrying(bool keep) { keepRetrying.store(keep); }
+    // Records why the peer cannot be served, for lastFailure().
+    void notePeerFailure(const PeerFailure& failure);
     bool isStopping() const { return stopping.load(); }
 
 private:
@@ -187,7 +193,8 @@ private:
     bool serverHandshake();
     // Tells the observer and then the peer that its login is refused; returns false.
     bool refuseLogin();
-    bool clientHandshake();
+    // False with `why` set when the failure has a reason of its own.
+    bool clientHandshake(PeerFailure& why);
     // The pause before a server's greeting; false when the connection was stopped.
     bool waitLoginDelay();
     // While a login runs, every read waits at most until its deadline (the
@@ -213,7 +220,7 @@ private:
     std::atomic<bool> keepRetrying{true};
     std::atomic<bool> stopping{false};
 
-    // Guards the address, the remote version and the login user name.
+    // Guards the address, the remote version, the login user name and the last failure.
     mutable Basalt::Mutex stateMutex;
     QString host;
     int port_ = 5000;
@@ -223,6 +230,7 @@ private:
     QString remoteSuffix;
     QString userName;
     QByteArray loginKey_{DefaultLoginKey};
+    PeerFailure failure;
 
     Basalt::Mutex writeMutex_;
     // The pause between client attempts; connectToHost and stop end it early.

@@ -47,6 +47,7 @@ void ServerBase::run(const QString& host, int port) {
     }
     running.store(true);
     listening = false;
+    failedAttempts = 0;
     host_ = host;
     port_.store(port);
     Basalt::Thread::run();
@@ -55,7 +56,7 @@ void ServerBase::run(const QString& host, int port) {
 bool ServerBase::waitListening(int ms) {
     const Basalt::Stopwatch start;
     Basalt::Guard guard(listenMutex);
-    while (!listening && running.load()) {
+    while (!listening && running.load() && failedAttempts == 0) {
         const double left = ms / 1000.0 - start.elapsedSeconds();
         if (left <= 0.0)
             break;
@@ -217,6 +218,9 @@ bool ServerBase::listen() {
         }
 
         Basalt::Guard guard(listenMutex);
+        lastListenError.store(serverSocket.openError());
+        ++failedAttempts;
+        listenCondition.wakeAll(listenMutex);
         for (;;) {
             const double remaining = ListenRetrySeconds - start.elapsedSeconds();
             if (!running.load() || remaining <= 0.0)

@@ -41,9 +41,12 @@ public:
     // Starts listening on host:port (port 0: any free port, see port()). Does nothing
     // while the server's thread runs.
     void run(const QString& host, int port);
-    // Waits up to `ms` milliseconds until the server listens; false on time-out or when
-    // it was stopped.
+    // Waits up to `ms` milliseconds until the server listens; false on time-out, when it
+    // was stopped, and once an attempt since run() failed (the server still tries again
+    // every few seconds until stopped; listenError() says why it failed).
     bool waitListening(int ms);
+    // Why the last attempt to listen failed (Basalt/SocketError.h); 0 when none did.
+    int listenError() const { return lastListenError.load(); }
     // Opens the port in the platform's firewall before every listening attempt.
     void setAutoFirewallRules(bool enable, const QString& ruleName);
     // The key of the logins of connections accepted from now on (see
@@ -100,6 +103,8 @@ private:
     std::atomic<int> port_{0};
     std::atomic<bool> running{false};
     bool listening = false;
+    int failedAttempts = 0; // since run(); guarded by listenMutex
+    std::atomic<int> lastListenError{0};
 
     QList<std::shared_ptr<ConnectionThread>> instances_;
     // Guards instances_ and removalTasks; removalDone wakes shutdown().

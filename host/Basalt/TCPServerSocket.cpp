@@ -1,6 +1,7 @@
 #include "Basalt/TCPServerSocket.h"
 
 #include "Basalt/SocketAddress.h"
+#include "Basalt/SocketError.h"
 #include "Basalt/TCPSocket.h"
 #include "Basalt/Trace.h"
 
@@ -51,20 +52,26 @@ int TCPServerSocket::open(const char* host, int port, int backlog) {
     if (old >= 0)
         ::close(old);
     boundPort.store(0);
-    if (port < 0 || port > 65535)
+    if (port < 0 || port > 65535) {
+        lastOpenError.store(EINVAL);
         return -1;
+    }
     sockaddr_in address;
     if (!resolveListen(host, port, address)) {
+        lastOpenError.store(HostNotFound);
         Trace::debug("TCPServerSocket::open # Cannot resolve '%s'", host);
         return -1;
     }
     const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (s < 0)
+    if (s < 0) {
+        lastOpenError.store(errno);
         return -1;
+    }
     int one = 1;
     ::setsockopt(s, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     if (::bind(s, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(s, std::max(backlog, 1)) != 0) {
+        lastOpenError.store(errno);
         Trace::debug("TCPServerSocket::open # Cannot listen on %s:%d: %s", host ? host : "", port,
                      std::strerror(errno));
         ::close(s);
@@ -76,6 +83,7 @@ int TCPServerSocket::open(const char* host, int port, int backlog) {
         boundPort.store(ntohs(bound.sin_port));
     fd.store(s);
     closed.store(false);
+    lastOpenError.store(0);
     return 0;
 }
 

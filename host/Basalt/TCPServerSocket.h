@@ -19,6 +19,9 @@ public:
     // given backlog; port 0 picks a free port, which port() then reports. 0 on
     // success, -1 on failure.
     int open(const char* host, int port, int backlog);
+    // Why the last open failed (SocketError.h: errno or HostNotFound); 0 after a
+    // success.
+    int openError() const { return lastOpenError.load(); }
     // Waits up to `ms` milliseconds for a connection to accept.
     bool isPendingConnection(unsigned int ms);
     // The next connection, owned by the caller; null when none could be taken, with the
@@ -33,6 +36,7 @@ private:
     std::atomic<int> fd{-1};
     std::atomic<bool> closed{false};
     std::atomic<int> boundPort{0};
+    std::atomic<int> lastOpenError{0};
 };
 
 } // namespace Basalt

@@ -1,6 +1,7 @@
 #include "Basalt/TCPSocket.h"
 
 #include "Basalt/SocketAddress.h"
+#include "Basalt/SocketError.h"
 #include "Basalt/Trace.h"
 
 #include <arpa/inet.h>
@@ -85,14 +86,19 @@ int TCPSocket::open(const char* host, int port, const std::function<bool()>& can
     close();
     release();
     hungUp.store(false);
-    if (port <= 0 || port > 65535)
+    if (port <= 0 || port > 65535) {
+        lastOpenError.store(EINVAL);
         return -1;
+    }
     sockaddr_in address;
-    if (!resolve(host, port, address))
+    if (!resolve(host, port, address)) {
+        lastOpenError.store(HostNotFound);
         return -1;
+    }
     // Non-blocking while it connects, so that the wait can be cancelled; blocking after.
     const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (s < 0) {
+        lastOpenError.store(errno);
         Trace::warning("TCPSocket::open # socket() failed: %s", std::strerror(errno));
         return -1;
     }
@@ -101,6 +107,7 @@ int TCPSocket::open(const char* host, int port, const std::function<bool()>& can
         (rc == 0 || ((errno == EINPROGRESS || errno == EINTR) && awaitConnect(s, cancelled))) &&
         ::fcntl(s, F_SETFL, ::fcntl(s, F_GETFL) & ~O_NONBLOCK) == 0;
     if (!ok) {
+        lastOpenError.store(errno);
         Trace::debug("TCPSocket::open # Cannot connect to %s:%d: %s", host ? host : "", port,
                      std::strerror(errno));
         ::close(s);
@@ -109,6 +116,7 @@ int TCPSocket::open(const char* host, int port, const std::function<bool()>& can
     setNoDelay(s);
     fd.store(s);
     open_.store(true);
+    lastOpenError.store(0);
     return 0;
 }
 

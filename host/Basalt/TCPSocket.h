@@ -25,6 +25,9 @@ public:
     // when given, is asked every CancelPollMs meanwhile, and true ends the attempt.
     int open(const char* host, int port, const std::function<bool()>& cancelled = {});
     static constexpr int CancelPollMs = 50;
+    // Why the last open failed (SocketError.h: errno or HostNotFound); 0 after a
+    // success.
+    int openError() const { return lastOpenError.load(); }
 
     // Reads up to `bytes` bytes. With waitAll false it returns what is there as soon as
     // something arrived; with waitAll true it keeps reading until `bytes` arrived or
@@ -71,6 +74,7 @@ private:
     std::atomic<bool> hungUp{false};
     std::atomic<unsigned long> rx{0};
     std::atomic<unsigned long> tx{0};
+    std::atomic<int> lastOpenError{0};
 };
 
 } // namespace Basalt

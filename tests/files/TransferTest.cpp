@@ -182,13 +182,4 @@ TEST(FileTransfer, NamesTheProtocolCannotCarryStayBehindAndThePullSaysSo) {
     EXPECT_FALSE(capture.contains("left.filesync.part"));
 }
 
-TEST(FileTransfer, PullWithoutServerFailsAtOnce) {
-    QTemporaryDir target;
-    ASSERT_TRUE(target.isValid());
-    const auto result = pull(target.path(), TransportTest::unusedPort(), false, 10000);
-    EXPECT_TRUE(result.finished);
-    EXPECT_FALSE(result.success);
-    EXPECT_TRUE(result.error.startsWith("cannot connect")) << result.error.toStdString();
-}
-
 } // namespace
