@@ -45,7 +45,7 @@ TEST(FilesCommand, ServeAndPullThroughTheTool) {
     ASSERT_TRUE(writeFile(blocked.path() + "/x/inside", "in the way"));
     ToolRun failing = tool.run({"files", "pull", address, blocked.path()});
     EXPECT_EQ(failing.exitCode, 1) << failing.out.toStdString() << failing.err.toStdString();
-    EXPECT_TRUE(failing.err.contains("failed: /x\n")) << failing.err.toStdString();
+    EXPECT_TRUE(failing.err.contains("dovel: could not pull /x\n")) << failing.err.toStdString();
 
     for (const QStringList& bad :
          {QStringList{"pull", "127.0.0.1", target.path()},

@@ -15,6 +15,9 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <atomic>
+#include <thread>
+
 namespace {
 
 using namespace ToolTest;
@@ -181,24 +184,70 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
     ASSERT_TRUE(folder.isValid());
     ToolTest::DovelTool tool;
 
-    // Nobody listens: exit 1 after the time-out, with the reason.
+    // Whatever stands at the address, a client ends at once (well inside its time-out
+    // of a minute) with exit 1 and one line that says why: nobody listens, a server of
+    // another protocol, a server of the other kind, a port a server cannot take.
     const QString refused = QStringLiteral("127.0.0.1:%1").arg(TransportTest::unusedPort());
-    for (const QStringList& args : {QStringList{"dump", refused, "--timeout", "0.5"},
-                                    QStringList{"set", refused, "a=1", "--timeout=0.5"}}) {
-        ToolRun run = tool.run(args);
-        EXPECT_EQ(run.exitCode, 1) << args.join(' ').toStdString();
-        EXPECT_EQ(run.err, "dovel: no session with " + refused.toUtf8() +
-                               " within 0.5 s (connection refused or host unreachable)\n");
+    TransportTest::RawListener stranger;
+    ASSERT_TRUE(stranger.isOpen());
+    const QString strangerAddress = QStringLiteral("127.0.0.1:%1").arg(stranger.port());
+    std::atomic<bool> strangerDone{false};
+    std::thread greeter([&] {
+        while (!strangerDone.load())
+            if (auto peer = stranger.accept(100)) {
+                peer->send("SSH-2.0-Test\r\n");
+                peer->waitClosed(10000);
+            }
+    });
+    ASSERT_TRUE(QDir(folder.path()).mkpath("shared"));
+    QProcess folderServer;
+    const QString folderAddress = tool.startServer(
+        folderServer, {"files", "serve", folder.filePath("shared"), "--listen", "127.0.0.1:0"});
+    QProcess treeServer;
+    const QString treeAddress = tool.startServer(treeServer, {"serve", "--listen", "127.0.0.1:0"});
+    ASSERT_FALSE(folderAddress.isEmpty());
+    ASSERT_FALSE(treeAddress.isEmpty());
+    const QString pulled = folder.filePath("pulled");
+    const QByteArray notDovel = ": not a Dovel server (it greeted 'SSH-2.0-Test')\n";
+    const QByteArray folderKind = ": a folder server, not a tree server (use `dovel files pull`)\n";
+    const QByteArray treeKind =
+        ": a tree server, not a folder server (use `dovel dump` or `dovel watch`)\n";
+    const QByteArray taken = ": address already in use\n";
+    const QList<QPair<QStringList, QByteArray>> failures = {
+        {{"dump", refused, "--timeout", "60"}, refused.toUtf8() + ": connection refused\n"},
+        {{"set", refused, "a=1", "--timeout=60"}, refused.toUtf8() + ": connection refused\n"},
+        {{"watch", refused, "--timeout", "60"}, refused.toUtf8() + ": connection refused\n"},
+        {{"files", "pull", refused, pulled, "--timeout", "60"},
+         "pull failed: " + refused.toUtf8() + ": connection refused\n"},
+        {{"dump", strangerAddress, "--timeout", "60"}, strangerAddress.toUtf8() + notDovel},
+        {{"watch", strangerAddress, "--timeout", "60"}, strangerAddress.toUtf8() + notDovel},
+        {{"files", "pull", strangerAddress, pulled, "--timeout", "60"},
+         "pull failed: " + strangerAddress.toUtf8() + notDovel},
+        {{"dump", folderAddress, "--timeout", "60"}, folderAddress.toUtf8() + folderKind},
+        {{"set", folderAddress, "a=1", "--timeout", "60"}, folderAddress.toUtf8() + folderKind},
+        {{"files", "pull", treeAddress, pulled, "--timeout", "60"},
+         "pull failed: " + treeAddress.toUtf8() + treeKind},
+        {{"serve", "--listen", treeAddress}, "cannot listen on " + treeAddress.toUtf8() + taken},
+        {{"files", "serve", folder.path(), "--listen", folderAddress},
+         "cannot listen on " + folderAddress.toUtf8() + taken},
+    };
+    for (const auto& failure : failures) {
+        const ToolRun run = tool.run(failure.first, 30000);
+        EXPECT_EQ(run.exitCode, 1) << failure.first.join(' ').toStdString();
+        EXPECT_EQ(run.err, "dovel: " + failure.second) << failure.first.join(' ').toStdString();
     }
+    strangerDone.store(true);
+    greeter.join();
+    EXPECT_TRUE(endsCleanlyOn(folderServer, SIGTERM));
+    EXPECT_TRUE(endsCleanlyOn(treeServer, SIGTERM));
 
-    // watch does not give up: it says so once and keeps trying until stopped.
-    QProcess waiting;
-    tool.start(waiting, {"watch", refused});
-    ProcessOutput waited(waiting);
-    EXPECT_TRUE(waited.waitForErr("dovel: cannot reach " + refused.toUtf8() +
-                                  " (connection refused or host unreachable), retrying\n"))
-        << waited.standardError().toStdString();
-    EXPECT_TRUE(endsCleanlyOn(waiting, SIGTERM));
+    // A server that takes the connection and says nothing: the time-out ends the wait.
+    TransportTest::RawListener silent;
+    ASSERT_TRUE(silent.isOpen());
+    const QByteArray silentAddress = QByteArray("127.0.0.1:") + QByteArray::number(silent.port());
+    const ToolRun quiet = tool.run({"dump", silentAddress, "--timeout", "0.5"});
+    EXPECT_EQ(quiet.exitCode, 1);
+    EXPECT_EQ(quiet.err, "dovel: no session with " + silentAddress + " within 0.5 s (no answer)\n");
 
     // A malformed tree file: its line and column.
     ASSERT_TRUE(writeFile(folder.filePath("bad.json"), "{\n  \"a\": 1,\n  \"b\": [1 2]\n}\n"));

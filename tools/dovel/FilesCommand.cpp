@@ -7,6 +7,8 @@
 #include "Dovel/files/FolderPullConnection.h"
 #include "Dovel/files/FolderServer.h"
 
+#include "Basalt/SocketError.h"
+
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -63,9 +65,11 @@ int serve(const QStringList& args) {
     server.asset().buildFileList(); // the checksums, before the first peer asks
     server.run(settings.host, settings.port);
     if (!server.waitListening(5000))
-        return CommandLine::fail(
-            CommandLine::Failure,
-            QStringLiteral("cannot listen on %1:%2").arg(settings.host).arg(settings.port));
+        return CommandLine::fail(CommandLine::Failure,
+                                 QStringLiteral("cannot listen on %1:%2: %3")
+                                     .arg(settings.host)
+                                     .arg(settings.port)
+                                     .arg(Basalt::socketErrorText(server.listenError())));
     warnIfOpen(settings.host, !settings.key.isEmpty(), QStringLiteral("read the folder"));
     CommandLine::print(
         QStringLiteral("listening on %1:%2\n").arg(settings.host).arg(server.port()).toUtf8());
@@ -175,23 +179,33 @@ int pull(const QStringList& args) {
 
     const Dovel::FolderPullConnection::Result result = connection->result();
     const double seconds = clock.elapsed() / 1000.0;
-    const double rate = seconds > 0 ? result.bytesTransferred / 1e6 / seconds : 0.0;
-    std::printf("checked %d files, transferred %d files (%lld bytes), deleted %d files in "
-                "%.2f s, %.1f MB/s\n",
-                result.filesChecked, result.filesTransferred,
-                static_cast<long long>(result.bytesTransferred), result.filesDeleted, seconds,
-                rate);
-    std::fflush(stdout);
-    if (result.success)
-        return 0;
-    if (!result.error.isEmpty())
-        CommandLine::note(QStringLiteral("pull failed: %1").arg(result.error));
+    if (result.success) {
+        const double rate = seconds > 0 ? result.bytesTransferred / 1e6 / seconds : 0.0;
+        std::printf("checked %d files, transferred %d files (%lld bytes), deleted %d files in "
+                    "%.2f s, %.1f MB/s\n",
+                    result.filesChecked, result.filesTransferred,
+                    static_cast<long long>(result.bytesTransferred), result.filesDeleted, seconds,
+                    rate);
+        std::fflush(stdout);
+        return CommandLine::Success;
+    }
+    // One line per problem, then what the pull came to.
     for (const QString& name : result.failed)
-        std::fprintf(stderr, "failed: %s\n", name.toUtf8().constData());
+        CommandLine::note(QStringLiteral("could not pull %1").arg(name));
     for (const QString& name : result.uncarried)
         CommandLine::note(
             QStringLiteral("not pulled: %1 (the file protocol cannot carry its name)").arg(name));
-    return 1;
+    const QString why = !result.error.isEmpty()
+                            ? result.error
+                            : QStringLiteral("%1 of the server's files could not be pulled")
+                                  .arg(result.failed.size() + result.uncarried.size());
+    if (result.filesTransferred == 0 && result.failed.isEmpty() && result.uncarried.isEmpty())
+        return CommandLine::fail(CommandLine::Failure, QStringLiteral("pull failed: %1").arg(why));
+    return CommandLine::fail(CommandLine::Failure,
+                             QStringLiteral("pull incomplete: %1 (%2 files, %3 bytes transferred)")
+                                 .arg(why)
+                                 .arg(result.filesTransferred)
+                                 .arg(result.bytesTransferred));
 }
 
 } // namespace

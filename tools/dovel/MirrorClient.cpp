@@ -67,9 +67,17 @@ bool MirrorClient::waitInitialState(int ms) {
     // A large first batch is applied in pieces, over several passes; the counter moves
     // after the last. The node is updated when the pass that applied it has ended, so
     // the next posted call marks the end.
-    if (!waitFor([&] { return stats.batchesApplied.load() > 0; }, ms))
+    if (!waitFor([&] { return stats.batchesApplied.load() > 0 || hasFailed(); }, ms) ||
+        stats.batchesApplied.load() == 0)
         return false;
     return treeThread.call([] {});
+}
+
+bool MirrorClient::hasFailed() const {
+    const Dovel::SessionStats& stats = session->stats();
+    return stats.batchesApplied.load() == 0 &&
+           (stats.sessionsEnded.load() > 0 ||
+            (stats.sessionsStarted.load() == 0 && session->connection().lastFailure().isSet()));
 }
 
 uint64_t MirrorClient::batchesSent() const {
@@ -107,12 +115,10 @@ bool MirrorClient::waitWritten(uint64_t sentBefore, int ms) {
 }
 
 QString MirrorClient::failureReason() const {
-    const Dovel::SessionStats& stats = session->stats();
-    if (stats.handshakeFailures.load() > 0)
-        return QStringLiteral("the handshake failed");
-    if (stats.connectFailures.load() > 0)
-        return QStringLiteral("connection refused or host unreachable");
-    if (stats.sessionsStarted.load() > 0)
+    const Dovel::PeerFailure failure = session->connection().lastFailure();
+    if (failure.isSet())
+        return failure.text();
+    if (session->stats().sessionsStarted.load() > 0)
         return QStringLiteral("the session ended before the tree arrived");
     return QStringLiteral("no answer");
 }

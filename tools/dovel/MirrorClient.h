@@ -38,8 +38,12 @@ public:
 
     // Waits until the first batch of bundles that the server sent in a session (its
     // handshake and the values of its whole tree) has been applied to the node, for at
-    // most `ms` milliseconds. False on time-out.
+    // most `ms` milliseconds. False on time-out, and at once when hasFailed().
     bool waitInitialState(int ms);
+    // True when no tree came and trying again would meet the same end: the first
+    // attempt failed (refused, not a Dovel server, a folder server, the key refused...)
+    // or the first session ended before its tree arrived.
+    bool hasFailed() const;
     // Waits until every batch that the node's changes have caused so far has been
     // written to the socket, for at most `ms` milliseconds. Call it after changing the
     // node through driver(): `sentBefore` is batchesSent() read on the tree thread
@@ -49,8 +53,8 @@ public:
     // Batches that the sessions have sent so far.
     uint64_t batchesSent() const;
 
-    // Why no session is running, for an error line: "connection refused or host
-    // unreachable", "the handshake failed" or "no answer".
+    // Why no session is running, for an error line after "HOST:PORT: ": the last
+    // failure (Dovel::PeerFailure::text), else "no answer".
     QString failureReason() const;
 
     Dovel::RemoteNode& node() { return mirror; }

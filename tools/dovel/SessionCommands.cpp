@@ -12,6 +12,9 @@
 #include "Dovel/session/SessionServer.h"
 #include "Dovel/sync/RemoteNode.h"
 
+#include "Basalt/SocketError.h"
+
+#include <QElapsedTimer>
 #include <QFile>
 
 #include <signal.h>
@@ -82,11 +85,16 @@ bool readTarget(const CommandLine& line, bool withTimeout, Target& target, QStri
     return true;
 }
 
+// Why the command got no tree: what ended the attempt, or the time-out that did.
 int noSession(const Target& target, const MirrorClient& mirror) {
-    return CommandLine::fail(CommandLine::Failure,
-                             QStringLiteral("no session with %1 within %2 (%3)")
-                                 .arg(addressText(target.host, target.port),
-                                      secondsText(target.seconds), mirror.failureReason()));
+    const QString address = addressText(target.host, target.port);
+    if (mirror.hasFailed())
+        return CommandLine::fail(CommandLine::Failure,
+                                 QStringLiteral("%1: %2").arg(address, mirror.failureReason()));
+    return CommandLine::fail(
+        CommandLine::Failure,
+        QStringLiteral("no session with %1 within %2 (%3)")
+            .arg(address, secondsText(target.seconds), mirror.failureReason()));
 }
 
 const char TimeoutHelp[] = "give up when no session is running after SECONDS (default 10)";
@@ -174,7 +182,8 @@ int runServe(const QStringList& args) {
     if (!server.listen(port, host))
         return CommandLine::fail(
             CommandLine::Failure,
-            QStringLiteral("cannot listen on %1").arg(addressText(host, port)));
+            QStringLiteral("cannot listen on %1: %2")
+                .arg(addressText(host, port), Basalt::socketErrorText(server.listenError())));
     warnIfOpen(host, !options.loginKey.isEmpty(),
                options.readOnly ? QStringLiteral("read the tree")
                                 : QStringLiteral("change the tree"));
@@ -295,20 +304,24 @@ int runSet(const QStringList& args) {
 
 int runWatch(const QStringList& args) {
     CommandLine line(
-        QStringLiteral("watch"), QStringLiteral("HOST:PORT"),
+        QStringLiteral("watch"), QStringLiteral("HOST:PORT [--timeout SECONDS]"),
         QStringLiteral("Connects to a server and prints one line per change of its tree as it\n"
                        "comes: \"PATH = VALUE\" for a new value, \"+ PATH = VALUE\" for an "
                        "added\nattribute, \"- PATH\" for a removed one (VALUE as JSON). Runs "
                        "until SIGINT or\nSIGTERM (Ctrl-C); when the server goes away it says so "
-                       "on standard error and\nreconnects."));
+                       "on standard error and\nreconnects. Exits 1 at once when the first "
+                       "attempt fails (refused, not a tree\nserver, the key refused)."));
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
+                   QStringLiteral("give up when the first session is not running after SECONDS "
+                                  "(default 10); later losses are waited out"));
     addKeyOption(line);
     const int parsed = line.parseOrExit(args, 0, 1);
     if (parsed >= 0)
         return parsed;
     Target target;
     QString error;
-    if (!readTarget(line, false, target, error))
+    if (!readTarget(line, true, target, error))
         return CommandLine::fail(CommandLine::UsageError, error);
     QByteArray key;
     if (!readLoginKey(line, key, error))
@@ -325,10 +338,17 @@ int runWatch(const QStringList& args) {
     mirror.connectToHost(target.host, target.port);
 
     const Dovel::SessionStats& stats = mirror.client().stats();
+    QElapsedTimer sinceStart;
+    sinceStart.start();
     bool watching = false;
     bool connected = false;
-    bool unreachableSaid = false;
     while (!stopSignalWithin(stopSignals, 50)) {
+        if (!watching && (mirror.hasFailed() || sinceStart.elapsed() >= target.seconds * 1000)) {
+            const int status = noSession(target, mirror);
+            mirror.stop();
+            mirror.driver().call([&] { printer.reset(); });
+            return status;
+        }
         if (!watching && stats.batchesApplied.load() > 0 && mirror.waitInitialState(0)) {
             int count = 0;
             mirror.driver().call([&] { count = printer->start(); });
@@ -346,11 +366,6 @@ int runWatch(const QStringList& args) {
             CommandLine::note(QStringLiteral("connected to %1 again").arg(address));
         if (watching)
             connected = now;
-        if (!watching && !unreachableSaid && stats.connectFailures.load() > 0) {
-            unreachableSaid = true;
-            CommandLine::note(QStringLiteral("cannot reach %1 (%2), retrying")
-                                  .arg(address, mirror.failureReason()));
-        }
     }
     mirror.stop();
     mirror.driver().call([&] { printer.reset(); });

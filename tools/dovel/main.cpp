@@ -9,6 +9,8 @@
 
 #include "Dovel/Version.h"
 
+#include "Basalt/Trace.h"
+
 #include <QCoreApplication>
 
 #include <cstdio>
@@ -30,14 +32,42 @@ const char Overview[] =
     "\n"
     "Commands:\n";
 
-const char Footer[] = "\n"
-                      "Addresses are HOST:PORT, as 127.0.0.1:5000. Trees and values are JSON in "
-                      "the\ntree-file format (docs/tree-format.md). `dovel COMMAND --help` "
-                      "describes a\ncommand's options.\n"
-                      "\n"
-                      "Options:\n"
-                      "  -h, --help              show this help and exit\n"
-                      "  --version               show the version and exit\n";
+const char Footer[] =
+    "\n"
+    "Addresses are HOST:PORT, as 127.0.0.1:5000. Trees and values are JSON in the\n"
+    "tree-file format (dovel(1), docs/tree-format.md). `dovel COMMAND --help`\n"
+    "describes a command's options.\n"
+    "\n"
+    "Options (with any command):\n"
+    "  -h, --help              show this help and exit\n"
+    "  --version               show the version and exit\n"
+    "  -v, --verbose           also print the library's log lines on standard error\n"
+    "                          (-vv: with debug lines); DOVEL_LOG=debug|info|warning|\n"
+    "                          error|off sets their level instead\n"
+    "\n"
+    "Exit status: 0 done, 1 failed (one line on standard error says why), 2 usage\n"
+    "error.\n";
+
+// Takes -v, -vv and --verbose out of the words, wherever they stand, and sets how much
+// of the library's log reaches standard error: nothing unless asked (the tool says what
+// matters in its own lines), or what DOVEL_LOG says when set.
+QStringList takeVerbosity(const QStringList& words) {
+    int verbosity = 0;
+    QStringList rest;
+    for (const QString& word : words) {
+        if (word == QLatin1String("-v") || word == QLatin1String("--verbose"))
+            verbosity = qMax(verbosity, 1);
+        else if (word == QLatin1String("-vv"))
+            verbosity = 2;
+        else
+            rest.append(word);
+    }
+    if (verbosity > 0)
+        Basalt::Trace::setThreshold(verbosity > 1 ? Basalt::Trace::Debug : Basalt::Trace::Info);
+    else if (!qEnvironmentVariableIsSet("DOVEL_LOG"))
+        Basalt::Trace::setThreshold(Basalt::Trace::Off);
+    return rest;
+}
 
 } // namespace
 
@@ -63,7 +93,7 @@ int main(int argc, char** argv) {
         {"keygen", "print a new random login key for --key-file", DovelTool::runKeygen},
     };
 
-    const QStringList words = app.arguments().mid(1);
+    const QStringList words = takeVerbosity(app.arguments().mid(1));
     const QString first = words.value(0);
     if (first.isEmpty() || first == QLatin1String("--help") || first == QLatin1String("-h")) {
         QByteArray text = Overview;
