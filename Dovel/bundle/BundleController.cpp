@@ -2,9 +2,11 @@
 
 #include "Dovel/bundle/BundleReader.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
+#include "Dovel/sync/AttributeCache.h"
 #include "Dovel/sync/AttributeRemoveReceiver.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/AttributeUpdateReceiver.h"
+#include "Dovel/sync/DovelSessionAttribute.h"
 #include "Dovel/sync/NewAttributeReceiver.h"
 #include "Dovel/sync/NodeChangeSender.h"
 #include "Dovel/sync/OneWayEventReceiver.h"
@@ -229,6 +231,9 @@ void BundleController::Core::ensureIsInitialized() {
         });
     }
     newAttributeReceiver->setCreateMissingAttributes(params->createMissingAttributes);
+    mirrorOnly = params->mirrorOnly;
+    newAttributeReceiver->setReplaceMismatched(mirrorOnly);
+    nodeChangeSender->setMirrorOnly(mirrorOnly);
     newAttributeReceiver->setFootprint(&footprint);
     attributeRemoveReceiver->setFootprint(&footprint);
     if (!writeRules.allowsEverything()) {
@@ -346,6 +351,32 @@ void BundleController::Core::process(const std::vector<Bundle>& bundles) {
     }
 }
 
+void BundleController::Core::batchApplied() {
+    if (mirrorOnly && !mirrored && isInitialized() && !nodeGone->load()) {
+        mirrored = true;
+        removeUnannounced(remoteNode);
+    }
+    if (counters)
+        counters->batchesApplied += 1;
+}
+
+void BundleController::Core::removeUnannounced(Tessel::Node& under) {
+    const AttributeCache& cache = remoteNode.attributeCache();
+    for (Tessel::Attribute* child : under.children()) {
+        if (Tessel::Node* inner = child->asNode()) {
+            removeUnannounced(*inner);
+            // The peer announces attributes, not nodes: a node left empty is not its.
+            if (inner->children().empty())
+                under.deleteAttribute(inner);
+            continue;
+        }
+        const DovelSessionAttribute* record =
+            attributeStorage->findByLocalSymbol(cache.symbolOf(child));
+        if (!record || record->readSymbol == 0)
+            under.deleteAttribute(child);
+    }
+}
+
 // ---- BundleController ----
 
 std::shared_ptr<BundleController> BundleController::create(RemoteNode& node,
@@ -435,8 +466,8 @@ void BundleController::scheduleProcess(const std::vector<Bundle>& bundles, bool 
     const int64_t charged = ReceiveBacklog::chargeOf(int64_t(bundles.size()), bytes);
     addTask([bundles, batchEnds, charge = backlog->charge(charged)](Core& c) mutable {
         c.process(bundles);
-        if (batchEnds && c.counters)
-            c.counters->batchesApplied += 1;
+        if (batchEnds)
+            c.batchApplied();
         charge.reset();
     });
 }

@@ -61,6 +61,9 @@ struct BundleControllerParams {
     // This side wins conflicting values.
     bool isMaster = false;
     bool createMissingAttributes = false;
+    // Sends the peer nothing but the handshake, and makes the node a copy of what the
+    // peer announces in its first batch (SessionClient::Options::mirrorOnly).
+    bool mirrorOnly = false;
     // The initial value of the core's enabled flag.
     bool enabled = true;
     // True: driven by the host's update loop; false: the owner calls update().
@@ -168,6 +171,9 @@ public:
     // changes must leave before the peer's, for the stale-value rules.
     void flush(bool mayHoldBack = false);
     void process(const std::vector<Bundle>& bundles);
+    // The last piece of a received batch has been applied: counted, and for a mirror,
+    // after its first batch, what the peer did not announce in it is removed.
+    void batchApplied();
     // The session has ended: runs the queued tasks (received batches are applied) and
     // never sends again. A core that never ran drops its tasks instead.
     void finish();
@@ -227,6 +233,11 @@ private:
     PeerFootprint footprint;
     QByteArray peerName;
     bool autoUpdate = true;
+    // A mirror (BundleControllerParams::mirrorOnly), and whether its copy has been made
+    // the peer's (tree thread).
+    bool mirrorOnly = false;
+    bool mirrored = false;
+    void removeUnannounced(Tessel::Node& under);
     // Listeners on the node that wake the tree thread for local changes.
     long changeWakeId = -1;
     long eventWakeId = -1;

@@ -10,6 +10,7 @@ SessionConfig clientConfig(RemoteNode& node, SessionDriver* driver,
     config.driver = driver;
     config.master = false;
     config.createMissingAttributes = options.createMissingAttributes;
+    config.mirrorOnly = options.mirrorOnly;
     config.oneWayEventHandler = std::move(options.oneWayEventHandler);
     config.stats = std::make_shared<SessionStats>();
     return config;

@@ -24,6 +24,12 @@ class SessionClient {
 public:
     struct Options {
         bool createMissingAttributes = true;
+        // An observer's client: it only mirrors. It sends the server nothing but the
+        // protocol's handshake (no announcement, change, removal or event of its own),
+        // and at every new session its copy becomes the server's tree: what the server
+        // no longer announces is removed, and an attribute whose type changed is made
+        // again. Changes made to the node locally stay local.
+        bool mirrorOnly = false;
         // Incoming one-way events; empty: the node's event listeners.
         std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
         // The login key the server expects; empty: the default key.

@@ -100,6 +100,7 @@ void SessionConnection::connected() {
     params.oneWayEventHandler = config.oneWayEventHandler;
     params.isMaster = config.master;
     params.createMissingAttributes = config.createMissingAttributes;
+    params.mirrorOnly = config.mirrorOnly;
     params.enabled = true;
     params.autoUpdate = config.driver == nullptr;
     if (config.driver) {

@@ -35,6 +35,7 @@ struct SessionConfig {
     SessionDriver* driver = nullptr; // null: automatic controllers
     bool master = false;
     bool createMissingAttributes = true;
+    bool mirrorOnly = false; // see SessionClient::Options
     // Incoming one-way events; empty: the node's local event listeners get them.
     std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
     // Where the sessions count; a server shares one among its connections.

@@ -138,6 +138,15 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     QByteArray leafView; // the leaf component in place, for the lookup
     leafView.setRawData(path.constData() + leafStart, uint(path.size() - leafStart));
     Tessel::Attribute* leaf = parent->attribute(leafView);
+    if (leaf && replaceMismatched && createMissing && writable &&
+        !types.isMadeFor(typeCode, *leaf)) {
+        // A mirror takes the peer's type: what stands here as another class (or a node)
+        // is made again.
+        parent->deleteAttribute(leaf);
+        sa->removedLocally = false; // replaced, not removed: what comes now is created
+        leaf = parent->attribute(leafView);
+    }
+    Deserializer deserializer = leaf ? types.createDeserializer(typeCode, leaf) : Deserializer();
     sa->localOrigin = leaf != nullptr;
 
     if (!leaf) {
@@ -158,8 +167,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             return;
         }
         std::unique_ptr<Tessel::Attribute> created(types.createAttribute(typeCode));
-        Deserializer deserializer =
-            created ? types.createDeserializer(typeCode, created.get()) : Deserializer();
+        deserializer = created ? types.createDeserializer(typeCode, created.get()) : Deserializer();
         if (!deserializer) {
             Basalt::Trace::error("NewAttributeReceiver::createDeserializer # Found an attribute "
                                  "that we don't know how to deserialize at '%s'",
@@ -198,7 +206,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         return;
     }
 
-    sa->deserializer = types.createDeserializer(typeCode, leaf);
+    sa->deserializer = std::move(deserializer);
     if (!sa->deserializer) {
         Basalt::Trace::error("NewAttributeReceiver::createDeserializer # Found an attribute that "
                              "we don't know how to deserialize at '%s'",
@@ -273,6 +281,15 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
         }
         Tessel::Attribute* const resolved = Tessel::AttributeAlias::resolve(raw);
         throughAlias = throughAlias || resolved != raw;
+        if (!Tessel::asNode(resolved) && replaceMismatched && create) {
+            // A mirror takes the peer's shape: a value where the peer has a node goes.
+            Tessel::Node* const host = parent;
+            host->deleteAttribute(raw);
+            if (host->attribute(name) || !(parent = addNode(*host, path, start, end)))
+                return nullptr;
+            start = end + 1;
+            continue;
+        }
         if (!(parent = Tessel::asNode(resolved))) {
             Basalt::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing "
                                  "attribute where a node was expected");

@@ -44,6 +44,9 @@ public:
     // Whether attributes (and nodes) missing locally are created. Off by default.
     bool createMissingAttributes() const { return createMissing; }
     void setCreateMissingAttributes(bool create) { createMissing = create; }
+    // A mirror's rule, with creation on: an attribute of another type than the peer's,
+    // or a value where the peer has a node and the reverse, is deleted and made again.
+    void setReplaceMismatched(bool replace) { replaceMismatched = replace; }
     // Stale-value skipping: a value is read past when the peer wrote it before seeing
     // this side's latest value of the attribute. The session's master turns it on, so
     // that it keeps its values when both sides start with different ones.
@@ -80,6 +83,7 @@ private:
     TypeRegistry& types;
     NodeChangeSender& sender;
     bool createMissing = false;
+    bool replaceMismatched = false;
     bool skipStale = false;
     const PeerWriteRules* writeRules = nullptr;
     PeerFootprint* footprint = nullptr;

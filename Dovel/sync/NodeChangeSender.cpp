@@ -84,9 +84,9 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
         return; // the echo of a change a receiver applied
     if (event.type == NodeWatcher::NodeAdded || event.type == NodeWatcher::NodeRemoved)
         return; // the peer creates nodes from the attributes' paths
-    if (!(node.syncFlags().getFlags(event.symbol) & SyncFlags::Sync)) {
-        // Not sent, but a local-only attribute the peer announced all the same holds
-        // codecs bound to the object that is going away.
+    if (mirrorOnly || !(node.syncFlags().getFlags(event.symbol) & SyncFlags::Sync)) {
+        // Not sent, but an attribute the peer announced all the same holds codecs bound
+        // to the object that is going away.
         if (event.type == NodeWatcher::AttributeRemoved) {
             Basalt::Guard guard(changeMutex);
             if (DovelSessionAttribute* sa = storage.findByLocalSymbol(event.symbol))
@@ -134,6 +134,8 @@ void NodeChangeSender::forgetLocalAttribute(DovelSessionAttribute& sa) {
 }
 
 void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
+    if (mirrorOnly)
+        return;
     Basalt::Guard guard(eventMutex);
     pendingEvents.push_back(event);
     // Empty events cost memory too: each is charged its record as well.
@@ -141,6 +143,8 @@ void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
 }
 
 void NodeChangeSender::sendInitialValues() {
+    if (mirrorOnly)
+        return;
     Basalt::SymbolRegistry& registry = node.symbolRegistry();
     const AttributeCache& cache = node.attributeCache();
     // The walk lists each node's children one after the other under one parent path.
@@ -241,7 +245,7 @@ void NodeChangeSender::getEvents(std::vector<RemoteNode::Event>& out) {
 }
 
 void NodeChangeSender::sendAgain(uint32_t localSymbol, bool announce) {
-    if (!node.attributeCache().find(localSymbol))
+    if (mirrorOnly || !node.attributeCache().find(localSymbol))
         return;
     Basalt::Guard guard(changeMutex);
     if (announce)

@@ -19,6 +19,7 @@
 
 #include "Basalt/Mutex.h"
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -74,6 +75,11 @@ public:
     // The path of a record's attribute.
     QByteArray pathOf(const DovelSessionAttribute& sa);
 
+    // A mirror's sender: nothing of this side goes to the peer (no announcement, change,
+    // removal or event), and nothing waits to. Set before sendInitialValues.
+    void setMirrorOnly(bool mirror) { mirrorOnly.store(mirror); }
+    bool isMirrorOnly() const { return mirrorOnly.load(); }
+
     // Entries in the ignore set (echo-suppression bookkeeping).
     int ignoredCount() const { return int(ignored.size()); }
 
@@ -125,6 +131,7 @@ private:
     mutable Basalt::Mutex eventMutex;
     std::vector<RemoteNode::Event> pendingEvents; // guarded by eventMutex
     int64_t pendingEventBytes = 0;                // their payloads; guarded by eventMutex
+    std::atomic<bool> mirrorOnly{false};          // events may come from any thread
 
     uint32_t newMessageType = NoMessageType;
     uint32_t updateMessageType = NoMessageType;

@@ -12,6 +12,8 @@
 
 #include "Basalt/Trace.h"
 
+#include <memory>
+
 #include <QStringList>
 #include <QVector>
 
@@ -193,6 +195,17 @@ void TypeRegistry::initEnumAndIntTypes() {
 Attribute* TypeRegistry::createAttribute(uint32_t typeCode) const {
     const auto it = attributeFactories.find(typeCode);
     return it == attributeFactories.end() ? nullptr : it->second();
+}
+
+bool TypeRegistry::isMadeFor(uint32_t typeCode, const Attribute& attribute) const {
+    auto known = madeClasses.find(typeCode);
+    if (known == madeClasses.end()) {
+        const std::unique_ptr<Attribute> sample(createAttribute(typeCode));
+        if (!sample)
+            return false;
+        known = madeClasses.emplace(typeCode, std::type_index(typeid(*sample))).first;
+    }
+    return known->second == std::type_index(typeid(attribute));
 }
 
 Serializer TypeRegistry::createSerializer(Attribute* attribute, uint32_t& typeCode,

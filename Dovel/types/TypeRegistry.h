@@ -40,6 +40,9 @@ public:
     // A new detached attribute of the code's class (owned by the caller); null for an
     // unknown code.
     Tessel::Attribute* createAttribute(uint32_t typeCode) const;
+    // Whether `attribute` is of the very class createAttribute makes for the code (a
+    // mirror keeps an attribute only then). False for an unknown code.
+    bool isMadeFor(uint32_t typeCode, const Tessel::Attribute& attribute) const;
     // A serializer of the attribute's current value (aliases are followed to their final
     // target); on success sets typeCode and valueSize. Empty when the class is unknown
     // or an alias chain ends in null (then a warning is logged).
@@ -96,6 +99,8 @@ private:
     std::unordered_map<uint32_t, uint32_t> valueSizes;
     std::map<uint32_t, VariantSerializer> variantSerializers;
     std::map<uint32_t, VariantDeserializer> variantDeserializers;
+    // The class createAttribute makes per code, learnt on first use by isMadeFor.
+    mutable std::unordered_map<uint32_t, std::type_index> madeClasses;
 };
 
 } // namespace Dovel

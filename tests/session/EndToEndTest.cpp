@@ -358,6 +358,60 @@ TEST(EndToEnd, AClientReconnectsAfterAServerRestartAndResyncs) {
     EXPECT_EQ(attributeCount(master), 7);
 }
 
+TEST(EndToEnd, AnObserverNeverWritesAndEachSessionMakesItTheServersCopy) {
+    Side master("master");
+    Side observer("observer");
+    addScene(master, 4);
+    master.run([&] { master.node.addDeepAttribute("group/x", new AttributeT<float>()); });
+    auto server = std::make_unique<SessionServer>(master.node, &master.driver);
+    ASSERT_TRUE(server->listen(0, "127.0.0.1"));
+    const int port = server->port();
+    SessionClient::Options options;
+    options.mirrorOnly = true;
+    SessionClient client(observer.node, &observer.driver, options);
+    client.connectToHost("127.0.0.1", port);
+    ASSERT_TRUE(waitSame(master, observer));
+
+    // What changes on the observer's side stays there: it sends nothing after the
+    // handshake. (The server's next change arriving shows its output passes have run.)
+    const uint64_t sentBefore = client.stats().bundlesSent.load();
+    setFloat(observer, "scene/v0", -1.0f);
+    observer.run([&] {
+        auto* a = new AttributeT<float>();
+        a->setValue(7.0f, L2);
+        observer.node.addDeepAttribute("scene/mine", a);
+    });
+    setFloat(master, "scene/v3", 30.0f);
+    ASSERT_TRUE(waitUntil([&] { return floatAt(observer, "scene/v3") == 30.0f; }));
+    EXPECT_EQ(floatAt(master, "scene/v0"), 0.5f);
+    EXPECT_EQ(client.stats().bundlesSent.load(), sentBefore);
+
+    // A new server tree: a value gone, one of another type, a value where a node was and
+    // a node where a value was. The observer's copy becomes it, its own addition goes,
+    // and the server gets nothing back.
+    server.reset();
+    EXPECT_TRUE(waitUntil([&] { return !client.isConnected(); }));
+    master.run([&] {
+        Tessel::Node* scene = Tessel::asNode(master.node.attribute("scene"));
+        ASSERT_TRUE(scene);
+        scene->deleteAttribute(scene->attribute("v1"));
+        scene->deleteAttribute(scene->attribute("v2"));
+        scene->deleteAttribute(scene->attribute("v3"));
+        new AttributeT<QString>(scene, "v2", QStringLiteral("text"));
+        auto* inner = new Tessel::Node(scene, "v3");
+        new AttributeT<float>(inner, "deep", 3.5f);
+        master.node.deleteAttribute(master.node.attribute("group"));
+        new AttributeT<float>(&master.node, "group", 1.5f);
+    });
+    server = std::make_unique<SessionServer>(master.node, &master.driver);
+    ASSERT_TRUE(server->listen(port, "127.0.0.1"));
+    ASSERT_TRUE(waitUntil([&] { return client.stats().sessionsStarted.load() == 2; }, 15000));
+    ASSERT_TRUE(waitUntil([&] { return client.stats().batchesApplied.load() >= 2; }));
+    ASSERT_TRUE(waitSame(master, observer)) << describe(snapshot(master)).constData() << "--\n"
+                                            << describe(snapshot(observer)).constData();
+    EXPECT_EQ(attributeCount(master), 4);
+}
+
 TEST(EndToEnd, AClientWithoutADriverRunsFromTheHostUpdateLoop) {
     Side master("master");
     addScene(master, 3);

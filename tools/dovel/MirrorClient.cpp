@@ -37,17 +37,19 @@ int remaining(const QElapsedTimer& timer, int ms) {
 
 namespace {
 
-Dovel::SessionClient::Options withKey(const QByteArray& loginKey) {
+Dovel::SessionClient::Options clientOptions(const QByteArray& loginKey, bool observer) {
     Dovel::SessionClient::Options options;
     options.loginKey = loginKey;
+    options.mirrorOnly = observer;
     return options;
 }
 
 } // namespace
 
-MirrorClient::MirrorClient(const QByteArray& loginKey)
+MirrorClient::MirrorClient(const QByteArray& loginKey, bool observer)
     : mirror(nullptr, QByteArrayLiteral("mirror")),
-      session(std::make_unique<Dovel::SessionClient>(mirror, &treeThread, withKey(loginKey))) {}
+      session(std::make_unique<Dovel::SessionClient>(mirror, &treeThread,
+                                                     clientOptions(loginKey, observer))) {}
 
 MirrorClient::~MirrorClient() {
     stop();

@@ -26,8 +26,10 @@ namespace DovelTool {
 
 class MirrorClient {
 public:
-    // `loginKey` empty: the default key.
-    explicit MirrorClient(const QByteArray& loginKey = QByteArray());
+    // `loginKey` empty: the default key. An `observer` only mirrors: it never writes to
+    // the server, and each new session makes its copy the server's tree
+    // (SessionClient::Options::mirrorOnly); dump and watch are observers, set is not.
+    explicit MirrorClient(const QByteArray& loginKey = QByteArray(), bool observer = false);
     // Stops the client first, then the tree thread, then drops the node.
     ~MirrorClient();
     MirrorClient(const MirrorClient&) = delete;

@@ -231,7 +231,7 @@ int runDump(const QStringList& args) {
     if (!readLoginKey(line, key, error))
         return CommandLine::fail(CommandLine::Failure, error);
 
-    MirrorClient mirror(key);
+    MirrorClient mirror(key, true);
     mirror.connectToHost(target.host, target.port);
     if (!mirror.waitInitialState(int(target.seconds * 1000)))
         return noSession(target, mirror);
@@ -329,7 +329,7 @@ int runWatch(const QStringList& args) {
     const QString address = addressText(target.host, target.port);
 
     const sigset_t stopSignals = blockStopSignals();
-    MirrorClient mirror(key);
+    MirrorClient mirror(key, true);
     std::unique_ptr<ChangePrinter> printer;
     mirror.driver().call([&] {
         printer = std::make_unique<ChangePrinter>(
