@@ -146,7 +146,10 @@ TEST(Access, AReadOnlyServerKeepsItsTreeAndCapsAndNetworksKeepClientsOut) {
     const QString address = tool.startServer(
         server, {"serve", "--listen", "0", "--tree", dir.filePath("tree.json"), "--read-only"});
     ASSERT_FALSE(address.isEmpty());
-    EXPECT_EQ(tool.run({"set", address, "car/speed=9", "car/new=1"}).exitCode, 0);
+    // set says the change did not hold.
+    const ToolRun refused = tool.run({"set", address, "car/speed=9"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.err, "dovel: car/speed: the server holds 1.5 (it refused the change)\n");
     ToolRun dumped = tool.run({"dump", address});
     EXPECT_EQ(QJsonDocument::fromJson(dumped.out).object(),
               QJsonDocument::fromJson(R"({"car": {"speed": 1.5}})").object())

@@ -3,11 +3,14 @@
 #include "JsonPreflight.h"
 #include "TreeJson.h"
 
+#include "Dovel/Limits.h"
+
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/Node.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 #include <QJsonParseError>
 #include <QSet>
 
@@ -28,7 +31,52 @@ bool validPath(const QByteArray& path) {
     return true;
 }
 
+// Checks the attribute (or the node, for a plain object) that `value` makes at `path`.
+bool checkLeaves(const QByteArray& path, const QJsonValue& value, QString& error) {
+    const QString where = QString::fromUtf8(path);
+    if (value.isObject() && !value.toObject().contains(QLatin1String("@type"))) {
+        const QJsonObject node = value.toObject();
+        if (node.isEmpty()) {
+            error = where + QStringLiteral(": an empty object is a node without attributes, "
+                                           "which is not shared");
+            return false;
+        }
+        for (auto it = node.begin(); it != node.end(); ++it)
+            if (!checkLeaves(path + '/' + it.key().toUtf8(), it.value(), error))
+                return false;
+        return true;
+    }
+    if (path == "id" || path.endsWith("/id")) {
+        error = where + QStringLiteral(": attributes named 'id' stay in each process and are "
+                                       "not shared");
+        return false;
+    }
+    if (path.size() > Dovel::Limits::MaxPeerNameBytes) {
+        error = where.left(60) + QStringLiteral("...: a path of %1 bytes is longer than a server "
+                                                "takes (%2)")
+                                     .arg(path.size())
+                                     .arg(Dovel::Limits::MaxPeerNameBytes);
+        return false;
+    }
+    const int depth = path.count('/') + 1;
+    if (depth > Dovel::Limits::MaxPeerPathDepth) {
+        error = where.left(60) + QStringLiteral("...: a path of %1 names is deeper than a server "
+                                                "takes (%2)")
+                                     .arg(depth)
+                                     .arg(Dovel::Limits::MaxPeerPathDepth);
+        return false;
+    }
+    return true;
+}
+
 } // namespace
+
+bool PathValues::checkSendable(QString& error) const {
+    for (const Entry& entry : list)
+        if (!checkLeaves(entry.path, entry.value, error))
+            return false;
+    return true;
+}
 
 bool PathValues::parseValue(const QByteArray& text, QJsonValue& value, QString& error) {
     // The JSON reader takes only objects and arrays at the top: read the value as the

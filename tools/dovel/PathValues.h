@@ -31,6 +31,11 @@ public:
     // (empty names, "@type"), a path given twice, a VALUE that is not JSON.
     bool parse(const QStringList& words, QString& error);
     const QVector<Entry>& entries() const { return list; }
+    // False with `error` naming the path when a server would drop what the words
+    // create: an attribute named "id" (kept local by every session), an empty object (a
+    // node without attributes, which no session carries), a path longer or deeper than
+    // a server takes from a peer.
+    bool checkSendable(QString& error) const;
 
     // Converts every value first; when one does not fit (or its path runs through a
     // value), nothing is changed and `error` names its path. Otherwise writes the

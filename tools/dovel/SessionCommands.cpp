@@ -16,12 +16,15 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QJsonValue>
+#include <QThread>
 
 #include <signal.h>
 #include <time.h>
 
 #include <cerrno>
 #include <memory>
+#include <vector>
 
 namespace DovelTool {
 
@@ -98,6 +101,95 @@ int noSession(const Target& target, const MirrorClient& mirror) {
 }
 
 const char TimeoutHelp[] = "give up when no session is running after SECONDS (default 10)";
+
+// An attribute `set` wrote, and its value as the tree-file format writes it (which
+// carries its type).
+struct SentValue {
+    QByteArray path;
+    QJsonValue value;
+};
+
+Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path) {
+    Tessel::Attribute* at = &root;
+    for (const QByteArray& name : path.split('/'))
+        at = at ? at->attribute(name) : nullptr;
+    return at;
+}
+
+// Every attribute the words wrote under `root` (a plain object's, one by one).
+std::vector<SentValue> sentValues(Tessel::Node& root, const PathValues& values,
+                                  const TreeJson& json) {
+    std::vector<SentValue> sent;
+    const auto add = [&](Tessel::Attribute& attribute, const QByteArray& path) {
+        QJsonValue value;
+        if (json.toJson(attribute, value))
+            sent.push_back({path, value});
+    };
+    for (const PathValues::Entry& entry : values.entries()) {
+        Tessel::Attribute* at = attributeAt(root, entry.path);
+        if (Tessel::Node* node = Tessel::asNode(at))
+            Dovel::walkAttributesWithPath(*node, [&](Tessel::Attribute& a, const QByteArray& p) {
+                add(a, entry.path + '/' + p);
+            });
+        else if (at)
+            add(*at, entry.path);
+    }
+    return sent;
+}
+
+// Why the tree under `root` does not hold what was sent ("PATH: ..."), or an empty
+// string when it does. Tree thread.
+QString firstDifference(Tessel::Node& root, const std::vector<SentValue>& sent,
+                        const TreeJson& json, const QString& holder) {
+    for (const SentValue& one : sent) {
+        Tessel::Attribute* at = attributeAt(root, one.path);
+        QJsonValue held;
+        if (!at || !json.toJson(*at, held))
+            return QStringLiteral("%1: %2 did not take it")
+                .arg(QString::fromUtf8(one.path), holder);
+        if (held != one.value)
+            return QStringLiteral("%1: %2 holds %3")
+                .arg(QString::fromUtf8(one.path), holder,
+                     QString::fromUtf8(TreeJson::valueText(held)));
+    }
+    return QString();
+}
+
+// Waits until a fresh observer's copy of the server holds every value sent, for at most
+// `ms`: the server applies them after reading them, and may refuse some (a read-only
+// server, a path another client made with another type). `writer` is the client that
+// sent them: a server that refuses a change sends its own value back to it, which ends
+// the wait at once. False with `error` saying which path the server does not hold.
+bool waitHeld(const Target& target, const QByteArray& key, MirrorClient& writer,
+              const std::vector<SentValue>& sent, int ms, QString& error) {
+    QElapsedTimer timer;
+    timer.start();
+    const QString server = addressText(target.host, target.port);
+    MirrorClient check(key, true);
+    check.connectToHost(target.host, target.port);
+    if (!check.waitInitialState(ms)) {
+        error = QStringLiteral("sent, but %1 could not be read back (%2)")
+                    .arg(server, check.failureReason());
+        return false;
+    }
+    TreeJson json;
+    QString refused;
+    for (;;) {
+        check.driver().call([&] { error = firstDifference(check.node(), sent, json, server); });
+        if (error.isEmpty())
+            return true;
+        writer.driver().call([&] {
+            refused = firstDifference(writer.node(), sent, json, QStringLiteral("the server"));
+        });
+        if (!refused.isEmpty()) {
+            error = refused + QStringLiteral(" (it refused the change)");
+            return false;
+        }
+        if (timer.elapsed() >= ms)
+            return false;
+        QThread::msleep(20);
+    }
+}
 
 } // namespace
 
@@ -247,12 +339,17 @@ int runSet(const QStringList& args) {
     CommandLine line(
         QStringLiteral("set"), QStringLiteral("HOST:PORT PATH=VALUE... [--timeout SECONDS]"),
         QStringLiteral(
-            "Connects to a server, waits for its tree, sets the attributes and exits once the\n"
-            "change has been sent. VALUE is JSON in the tree-file format: an existing\n"
-            "attribute keeps its type and the value is converted to it (a value that does not\n"
-            "fit is an error and nothing is sent); a new path becomes an attribute of the type\n"
-            "the value implies (1 an int, 1.5 a float, \"text\" a string, true a bool, or\n"
-            "{\"@type\": NAME, \"value\": ...}). Quote the words for the shell: a/b='\"text\"'."));
+            "Connects to a server, waits for its tree, sets the attributes and exits 0 once a\n"
+            "second connection reads every value back from the server; exits 1, naming the\n"
+            "path, when the server refused one or did not take it within the time-out.\n"
+            "Attributes named id (kept in each process), empty objects and paths longer or\n"
+            "deeper than a server takes are refused before connecting (exit 2).\n"
+            "\n"
+            "VALUE is JSON in the tree-file format: an existing attribute keeps its type and\n"
+            "the value is converted to it (a value that does not fit is an error and nothing\n"
+            "is sent); a new path becomes an attribute of the type the value implies (1 an\n"
+            "int, 1.5 a float, \"text\" a string, true a bool, or {\"@type\": NAME, \"value\":\n"
+            "...}). Quote the words for the shell: a/b='\"text\"'."));
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
     line.addArgument(QStringLiteral("PATH=VALUE"),
                      QStringLiteral("slash-separated path of the attribute, and its JSON value"));
@@ -270,7 +367,7 @@ int runSet(const QStringList& args) {
         return CommandLine::fail(CommandLine::UsageError,
                                  line.usageLine(QStringLiteral("missing PATH=VALUE")));
     PathValues values;
-    if (!values.parse(line.positional().mid(1), error))
+    if (!values.parse(line.positional().mid(1), error) || !values.checkSendable(error))
         return CommandLine::fail(CommandLine::UsageError, error);
     QByteArray key;
     if (!readLoginKey(line, key, error))
@@ -284,21 +381,31 @@ int runSet(const QStringList& args) {
     TreeJson json;
     bool applied = false;
     uint64_t sentBefore = 0;
+    std::vector<SentValue> sent;
     mirror.driver().call([&] {
         sentBefore = mirror.batchesSent();
         applied = values.apply(mirror.node(), json, error);
+        if (applied)
+            sent = sentValues(mirror.node(), values, json);
     });
     if (!applied) {
         mirror.stop();
         return CommandLine::fail(CommandLine::UsageError, error);
     }
-    const bool written = mirror.waitWritten(sentBefore, ms);
-    mirror.stop();
-    if (!written)
+    QElapsedTimer clock;
+    clock.start();
+    if (!mirror.waitWritten(sentBefore, ms)) {
+        mirror.stop();
         return CommandLine::fail(CommandLine::Failure,
                                  QStringLiteral("the connection to %1 ended before the change "
                                                 "was sent")
                                      .arg(addressText(target.host, target.port)));
+    }
+    const bool held =
+        waitHeld(target, key, mirror, sent, int(qMax<qint64>(0, ms - clock.elapsed())), error);
+    mirror.stop();
+    if (!held)
+        return CommandLine::fail(CommandLine::Failure, error);
     return CommandLine::Success;
 }
 
