@@ -520,6 +520,14 @@ void walkAttributes(Node& node, const std::function<void(Attribute&)>& visit,
     }
 }
 
+Tessel::Attribute* attributeAt(Node& root, const QByteArray& path) {
+    Tessel::Attribute* at = &root;
+    for (const QByteArray& name : path.split('/'))
+        if (!(at = at->attribute(name)))
+            return nullptr;
+    return at;
+}
+
 void walkAttributesWithPath(Node& node,
                             const std::function<void(Attribute&, const QByteArray&)>& visit) {
     walkUnder(node, QByteArray(),

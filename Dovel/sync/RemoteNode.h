@@ -220,6 +220,9 @@ Tessel::Node* findOrCreateNode(QList<QByteArray> parts, Tessel::Node* parent,
 // descended into, not visited. `skip` (may be empty) prunes an attribute and its subtree.
 void walkAttributes(Tessel::Node& node, const std::function<void(Tessel::Attribute&)>& visit,
                     const std::function<bool(Tessel::Attribute&)>& skip);
+// The attribute at the slash-separated `path` under `root` (each name looked up in what
+// the previous one is, aliases included), or null.
+Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path);
 // The same walk, giving each value attribute its slash-separated path under `node`.
 void walkAttributesWithPath(
     Tessel::Node& node, const std::function<void(Tessel::Attribute&, const QByteArray&)>& visit);

@@ -14,9 +14,28 @@ namespace {
 using DovelTool::ChangePrinter;
 
 TEST(ChangePrinter, LinesFollowTheTree) {
-    EXPECT_EQ(ChangePrinter::changedLine("a/b", "1.5"), "a/b = 1.5\n");
-    EXPECT_EQ(ChangePrinter::addedLine("a/b", "\"x\""), "+ a/b = \"x\"\n");
-    EXPECT_EQ(ChangePrinter::removedLine("a/b"), "- a/b\n");
+    Dovel::RemoteNode scratch(nullptr, "scratch");
+    const ChangePrinter lines(scratch, {});
+    EXPECT_EQ(lines.addedLine("a/b", "\"x\""), "+ a/b = \"x\"\n");
+    EXPECT_EQ(lines.removedLine("a/b"), "- a/b\n");
+    // A path that would make a line ambiguous is written as a JSON string.
+    const QPair<QByteArray, QByteArray> changed[] = {
+        {"a/b", "a/b = 1.5\n"},
+        {"a+b c", "a+b c = 1.5\n"},
+        {"a = b", "\"a = b\" = 1.5\n"},
+        {"two\nlines", "\"two\\nlines\" = 1.5\n"},
+        {"say \"hi\"", "\"say \\\"hi\\\"\" = 1.5\n"},
+        {"+ x", "\"+ x\" = 1.5\n"},
+        {"- x", "\"- x\" = 1.5\n"},
+    };
+    for (const auto& row : changed)
+        EXPECT_EQ(lines.changedLine(row.first, "1.5"), row.second) << row.first.constData();
+    const ChangePrinter json(scratch, {}, ChangePrinter::Json);
+    EXPECT_EQ(json.changedLine("a = b", "1.5"),
+              "{\"event\":\"set\",\"path\":\"a = b\",\"value\":1.5}\n");
+    EXPECT_EQ(json.addedLine("a\n", "[1]"),
+              "{\"event\":\"added\",\"path\":\"a\\n\",\"value\":[1]}\n");
+    EXPECT_EQ(json.removedLine("a/b"), "{\"event\":\"removed\",\"path\":\"a/b\"}\n");
 
     Dovel::RemoteNode root(nullptr, "root");
     auto* scene = new Tessel::Node(&root, "scene");

@@ -63,6 +63,17 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
     ProcessOutput watched(watch);
     ASSERT_TRUE(watched.waitForErr("watching " + address.toUtf8() + " (5 attributes)\n"))
         << watched.standardError().toStdString();
+    // One part of the tree, as JSON lines, starting with what it holds.
+    QProcess jsonWatch;
+    tool.start(jsonWatch, {"watch", address, "scene/camera/**", "--json", "--initial"});
+    ProcessOutput jsonWatched(jsonWatch);
+    const QByteArray position = R"({"event":"%1","path":"scene/camera/position",)"
+                                R"("value":{"@type":"vec3f","value":[%2]}})"
+                                "\n";
+    ASSERT_TRUE(
+        jsonWatched.waitForOut(QString::fromUtf8(position).arg("added", "0,1.5,4").toUtf8()))
+        << jsonWatched.standardOutput().toStdString();
+    ASSERT_TRUE(jsonWatched.waitForErr("watching " + address.toUtf8() + " (1 attribute)\n"));
 
     // set from one process, seen by dump from another and by watch. The int attribute
     // keeps its type: 7 stays an int, 2 becomes the float 2.
@@ -87,6 +98,10 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
           QByteArray("scene/speed = {\"@type\":\"float\",\"value\":2}\n")})
         EXPECT_TRUE(watched.waitForOut(line)) << watched.standardOutput().toStdString();
     EXPECT_EQ(watched.standardOutput().count('\n'), 4) << watched.standardOutput().toStdString();
+    EXPECT_TRUE(jsonWatched.waitForOut(QString::fromUtf8(position).arg("set", "1,2,3").toUtf8()))
+        << jsonWatched.standardOutput().toStdString();
+    EXPECT_EQ(jsonWatched.standardOutput().count('\n'), 2);
+    EXPECT_TRUE(endsCleanlyOn(jsonWatch, SIGTERM));
 
     // A value that does not fit the attribute's type: exit 2, the path named, and
     // nothing sent, not even the values before it that did fit.

@@ -308,9 +308,11 @@ TEST(TreeJson, NumbersRoundTripExactly) {
                             R"({"x": {"@type": "int64", "value": 0.5}})",
                             R"({"x": {"@type": "int", "value": "12"}})"})
         EXPECT_EQ(loadError(format, bad).rfind("x: ", 0), 0u) << bad;
-    EXPECT_EQ(loadError(format, R"({"x": 1e39})"),
-              "x: float expects a number in the range of a float, or \"nan\", \"inf\", "
-              "\"-inf\", \"-0\"");
+    for (const char* out : {R"({"x": 1e39})", R"({"x": 1e-50})", R"({"x": -1e-46})"})
+        EXPECT_EQ(loadError(format, out),
+                  "x: float expects a number in the range of a float (0, or 1.4e-45 to 3.4e38 in "
+                  "size), or \"nan\", \"inf\", \"-inf\", \"-0\"")
+            << out;
 }
 
 TEST(TreeJson, ErrorsNameWhereAndWhat) {

@@ -28,13 +28,6 @@ int BenchServer::port() const {
     return session->port();
 }
 
-Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path) {
-    Tessel::Attribute* at = &root;
-    for (const QByteArray& name : path.split('/'))
-        at = at ? at->attribute(name) : nullptr;
-    return at;
-}
-
 bool joinServer(MirrorClient& mirror, const BenchOptions& options, int ms) {
     mirror.connectToHost(options.peerHost, options.peerPort);
     if (mirror.waitInitialState(ms))

@@ -45,10 +45,9 @@ private:
     std::unique_ptr<Dovel::SessionServer> session;
 };
 
-// The attribute at a slash-separated path under `root`, or null.
-Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path);
+// The attribute of that type at a slash-separated path under `root`, or null.
 template <typename T> Tessel::AttributeT<T>* typedAt(Tessel::Node& root, const QByteArray& path) {
-    return dynamic_cast<Tessel::AttributeT<T>*>(attributeAt(root, path));
+    return dynamic_cast<Tessel::AttributeT<T>*>(Dovel::attributeAt(root, path));
 }
 
 // Connects `mirror` to the benchmark's server (options.peerHost, peerPort) and waits up to

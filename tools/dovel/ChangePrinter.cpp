@@ -4,10 +4,38 @@
 
 #include "Tessel/Node.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+
 namespace DovelTool {
 
-ChangePrinter::ChangePrinter(Dovel::RemoteNode& node, Output output)
-    : node(node), output(std::move(output)) {
+namespace {
+
+QByteArray jsonString(const QByteArray& text) {
+    const QByteArray array =
+        QJsonDocument(QJsonArray{QString::fromUtf8(text)}).toJson(QJsonDocument::Compact);
+    return array.mid(1, array.size() - 2); // without the brackets
+}
+
+// The path as a line shows it: as it is, unless a reader could take it apart wrongly.
+QByteArray pathText(const QByteArray& path) {
+    bool plain = !path.startsWith("+ ") && !path.startsWith("- ") && !path.contains(" = ");
+    for (const char c : path)
+        plain = plain && c != '"' && uint8_t(c) >= 0x20 && c != 0x7f;
+    return plain ? path : jsonString(path);
+}
+
+QByteArray jsonLine(const char* event, const QByteArray& path, const QByteArray& valueText) {
+    QByteArray line = QByteArray("{\"event\":\"") + event + "\",\"path\":" + jsonString(path);
+    if (!valueText.isNull())
+        line += ",\"value\":" + valueText;
+    return line + "}\n";
+}
+
+} // namespace
+
+ChangePrinter::ChangePrinter(Dovel::RemoteNode& node, Output output, Format format)
+    : node(node), output(std::move(output)), format(format) {
     listenerId = node.addAttributeChangeListener(
         [this](const Dovel::NodeWatcher::Event& event) { handle(event); });
 }
@@ -16,38 +44,48 @@ ChangePrinter::~ChangePrinter() {
     node.removeAttributeChangeListener(listenerId);
 }
 
-int ChangePrinter::start() {
+void ChangePrinter::setFilter(const QString& pattern) {
+    filter = QRegularExpression(Dovel::RemoteNode::makeRegExp(pattern).pattern());
+}
+
+bool ChangePrinter::shows(const QByteArray& path) const {
+    return filter.pattern().isEmpty() || filter.match(QString::fromUtf8(path)).hasMatch();
+}
+
+int ChangePrinter::start(bool printHeld) {
     seen.clear();
-    Dovel::walkAttributesWithPath(node,
-                                  [this](Tessel::Attribute& attribute, const QByteArray& path) {
-                                      QByteArray text;
-                                      if (valueText(attribute, text))
-                                          seen.insert(path, text);
-                                  });
+    int shown = 0;
+    Dovel::walkAttributesWithPath(node, [&](Tessel::Attribute& attribute, const QByteArray& path) {
+        QByteArray text;
+        if (!valueText(attribute, text))
+            return;
+        seen.insert(path, text);
+        if (shows(path)) {
+            ++shown;
+            if (printHeld)
+                output(addedLine(path, text));
+        }
+    });
     started = true;
-    return seen.size();
+    return shown;
 }
 
-QByteArray ChangePrinter::changedLine(const QByteArray& path, const QByteArray& valueText) {
-    return path + " = " + valueText + '\n';
+QByteArray ChangePrinter::changedLine(const QByteArray& path, const QByteArray& valueText) const {
+    if (format == Json)
+        return jsonLine("set", path, valueText);
+    return pathText(path) + " = " + valueText + '\n';
 }
 
-QByteArray ChangePrinter::addedLine(const QByteArray& path, const QByteArray& valueText) {
-    return "+ " + path + " = " + valueText + '\n';
+QByteArray ChangePrinter::addedLine(const QByteArray& path, const QByteArray& valueText) const {
+    if (format == Json)
+        return jsonLine("added", path, valueText);
+    return "+ " + pathText(path) + " = " + valueText + '\n';
 }
 
-QByteArray ChangePrinter::removedLine(const QByteArray& path) {
-    return "- " + path + '\n';
-}
-
-Tessel::Attribute* ChangePrinter::find(const QByteArray& path) const {
-    Tessel::Attribute* at = &node;
-    for (const QByteArray& name : path.split('/')) {
-        at = at ? at->attribute(name) : nullptr;
-        if (!at)
-            return nullptr;
-    }
-    return at;
+QByteArray ChangePrinter::removedLine(const QByteArray& path) const {
+    if (format == Json)
+        return jsonLine("removed", path, QByteArray());
+    return "- " + pathText(path) + '\n';
 }
 
 bool ChangePrinter::valueText(Tessel::Attribute& attribute, QByteArray& out) const {
@@ -66,7 +104,7 @@ void ChangePrinter::forget(const QByteArray& path) {
     const QByteArray prefix = path + '/';
     for (auto it = seen.begin(); it != seen.end();) {
         if (it.key() == path || it.key().startsWith(prefix)) {
-            if (started)
+            if (started && shows(it.key()))
                 output(removedLine(it.key()));
             it = seen.erase(it);
         } else {
@@ -90,7 +128,7 @@ void ChangePrinter::handle(const Dovel::NodeWatcher::Event& event) {
     case Dovel::NodeWatcher::AttributeChanged:
         break;
     }
-    Tessel::Attribute* attribute = find(path);
+    Tessel::Attribute* attribute = Dovel::attributeAt(node, path);
     QByteArray text;
     if (!attribute || !valueText(*attribute, text))
         return;
@@ -99,7 +137,7 @@ void ChangePrinter::handle(const Dovel::NodeWatcher::Event& event) {
     if (!isNew && known.value() == text)
         return;
     seen.insert(path, text);
-    if (!started)
+    if (!started || !shows(path))
         return;
     output(isNew && event.type == Dovel::NodeWatcher::AttributeAdded ? addedLine(path, text)
                                                                      : changedLine(path, text));

@@ -82,7 +82,8 @@ const char* expectation(Element element) {
     case Element::UInt64:
         return "a whole number from 0 to 18446744073709551615 (a string of digits from 2^53 on)";
     case Element::Float:
-        return "a number in the range of a float, or \"nan\", \"inf\", \"-inf\", \"-0\"";
+        return "a number in the range of a float (0, or 1.4e-45 to 3.4e38 in size), or "
+               "\"nan\", \"inf\", \"-inf\", \"-0\"";
     case Element::Double:
         return "a number, or \"nan\", \"inf\", \"-inf\", \"-0\"";
     case Element::None:
@@ -227,8 +228,9 @@ bool encodeElement(Element element, const QJsonValue& value, Dovel::BundleWriter
         float f = 0;
         if (!jsonReal(value, d))
             return false;
-        // A finite double beyond the float range is refused, not turned into inf.
-        if (std::isfinite(d) && !std::isfinite(float(d)))
+        // A finite double beyond the float range is refused, not turned into inf, and
+        // one too small for it, not turned into 0.
+        if (std::isfinite(d) && (!std::isfinite(float(d)) || (d != 0 && float(d) == 0)))
             return false;
         f = float(d);
         writer.writeFloat(f);

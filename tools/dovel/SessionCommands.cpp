@@ -109,13 +109,6 @@ struct SentValue {
     QJsonValue value;
 };
 
-Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path) {
-    Tessel::Attribute* at = &root;
-    for (const QByteArray& name : path.split('/'))
-        at = at ? at->attribute(name) : nullptr;
-    return at;
-}
-
 // Every attribute the words wrote under `root` (a plain object's, one by one).
 std::vector<SentValue> sentValues(Tessel::Node& root, const PathValues& values,
                                   const TreeJson& json) {
@@ -126,7 +119,7 @@ std::vector<SentValue> sentValues(Tessel::Node& root, const PathValues& values,
             sent.push_back({path, value});
     };
     for (const PathValues::Entry& entry : values.entries()) {
-        Tessel::Attribute* at = attributeAt(root, entry.path);
+        Tessel::Attribute* at = Dovel::attributeAt(root, entry.path);
         if (Tessel::Node* node = Tessel::asNode(at))
             Dovel::walkAttributesWithPath(*node, [&](Tessel::Attribute& a, const QByteArray& p) {
                 add(a, entry.path + '/' + p);
@@ -142,7 +135,7 @@ std::vector<SentValue> sentValues(Tessel::Node& root, const PathValues& values,
 QString firstDifference(Tessel::Node& root, const std::vector<SentValue>& sent,
                         const TreeJson& json, const QString& holder) {
     for (const SentValue& one : sent) {
-        Tessel::Attribute* at = attributeAt(root, one.path);
+        Tessel::Attribute* at = Dovel::attributeAt(root, one.path);
         QJsonValue held;
         if (!at || !json.toJson(*at, held))
             return QStringLiteral("%1: %2 did not take it")
@@ -411,19 +404,32 @@ int runSet(const QStringList& args) {
 
 int runWatch(const QStringList& args) {
     CommandLine line(
-        QStringLiteral("watch"), QStringLiteral("HOST:PORT [--timeout SECONDS]"),
-        QStringLiteral("Connects to a server and prints one line per change of its tree as it\n"
-                       "comes: \"PATH = VALUE\" for a new value, \"+ PATH = VALUE\" for an "
-                       "added\nattribute, \"- PATH\" for a removed one (VALUE as JSON). Runs "
-                       "until SIGINT or\nSIGTERM (Ctrl-C); when the server goes away it says so "
-                       "on standard error and\nreconnects. Exits 1 at once when the first "
-                       "attempt fails (refused, not a tree\nserver, the key refused)."));
+        QStringLiteral("watch"),
+        QStringLiteral("HOST:PORT [PATTERN] [--json] [--initial] [--timeout SECONDS]"),
+        QStringLiteral(
+            "Connects to a server and prints one line per change of its tree as it\n"
+            "comes: \"PATH = VALUE\" for a new value, \"+ PATH = VALUE\" for an added\n"
+            "attribute, \"- PATH\" for a removed one (VALUE as JSON; a PATH that holds a\n"
+            "control character, a quote, \" = \" or a leading \"+ \" or \"- \" is written as a\n"
+            "JSON string). Runs until SIGINT or SIGTERM (Ctrl-C); when the server goes away\n"
+            "it says so on standard error and reconnects. Exits 1 at once when the first\n"
+            "attempt fails (refused, not a tree server, the key refused). Never writes to\n"
+            "the server."));
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    line.addArgument(QStringLiteral("PATTERN"),
+                     QStringLiteral("only paths that match: `*` one name, `**` any depth, as "
+                                    "'scene/**' (default: every path)"));
+    line.addOption(QStringLiteral("json"), QString(),
+                   QStringLiteral("one JSON object per line instead: {\"event\": \"set\", "
+                                  "\"added\" or \"removed\", \"path\": PATH, \"value\": "
+                                  "VALUE}"));
+    line.addOption(QStringLiteral("initial"), QString(),
+                   QStringLiteral("first print every attribute the server holds, as added"));
     line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
                    QStringLiteral("give up when the first session is not running after SECONDS "
                                   "(default 10); later losses are waited out"));
     addKeyOption(line);
-    const int parsed = line.parseOrExit(args, 0, 1);
+    const int parsed = line.parseOrExit(args, 0, 2);
     if (parsed >= 0)
         return parsed;
     Target target;
@@ -434,13 +440,19 @@ int runWatch(const QStringList& args) {
     if (!readLoginKey(line, key, error))
         return CommandLine::fail(CommandLine::Failure, error);
     const QString address = addressText(target.host, target.port);
+    const QString pattern = line.positional().value(1);
+    const bool printHeld = line.isSet(QStringLiteral("initial"));
+    const ChangePrinter::Format format =
+        line.isSet(QStringLiteral("json")) ? ChangePrinter::Json : ChangePrinter::Lines;
 
     const sigset_t stopSignals = blockStopSignals();
     MirrorClient mirror(key, true);
     std::unique_ptr<ChangePrinter> printer;
     mirror.driver().call([&] {
         printer = std::make_unique<ChangePrinter>(
-            mirror.node(), [](const QByteArray& text) { CommandLine::print(text); });
+            mirror.node(), [](const QByteArray& text) { CommandLine::print(text); }, format);
+        if (!pattern.isEmpty())
+            printer->setFilter(pattern);
     });
     mirror.connectToHost(target.host, target.port);
 
@@ -458,11 +470,13 @@ int runWatch(const QStringList& args) {
         }
         if (!watching && stats.batchesApplied.load() > 0 && mirror.waitInitialState(0)) {
             int count = 0;
-            mirror.driver().call([&] { count = printer->start(); });
+            mirror.driver().call([&] { count = printer->start(printHeld); });
             watching = true;
             connected = true;
-            CommandLine::note(
-                QStringLiteral("watching %1 (%2 attributes)").arg(address).arg(count));
+            CommandLine::note(QStringLiteral("watching %1 (%2 attribute%3)")
+                                  .arg(address)
+                                  .arg(count)
+                                  .arg(count == 1 ? "" : "s"));
             continue;
         }
         const bool now = mirror.client().isConnected();
