@@ -150,6 +150,55 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
     EXPECT_TRUE(endsCleanlyOn(again, SIGINT));
 }
 
+TEST(SessionCommands, GetLsAndDumpOfOnePath) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    QTemporaryDir folder;
+    ASSERT_TRUE(writeFile(folder.filePath("tree.json"),
+                          R"({"scene": {"a": 1, "v": {"@type": "vec3f", "value": [1, 2, 3]}},
+                              "sp ace": 1.5})"));
+    ToolTest::DovelTool tool;
+    QProcess server;
+    const QString address = tool.startServer(
+        server, {"serve", "--listen", "0", "--tree", folder.filePath("tree.json")});
+    ASSERT_FALSE(address.isEmpty());
+    const QByteArray vector = R"({"@type":"vec3f","value":[1,2,3]})";
+    // A value from a file: no shell argument to quote.
+    ASSERT_TRUE(writeFile(folder.filePath("value.json"), "\"from a file\"\n"));
+    const ToolRun fromFile = tool.run({"set", address, "note=@" + folder.filePath("value.json")});
+    ASSERT_EQ(fromFile.exitCode, 0) << fromFile.err.constData();
+
+    // Reads: values one per line, all or nothing; paths and types; one part of a dump.
+    const QList<QPair<QStringList, QByteArray>> reads = {
+        {{"get", address, "scene/v", "scene/a"}, vector + "\n1\n"},
+        {{"get", address, "scene"}, R"({"a":1,"v":)" + vector + "}\n"},
+        {{"get", address, "note"}, "\"from a file\"\n"},
+        {{"ls", address}, "scene/a int\nscene/v vec3f\n\"sp ace\" float\nnote string\n"},
+        {{"ls", address, "scene/*", "--json"},
+         "{\"path\":\"scene/a\",\"type\":\"int\"}\n{\"path\":\"scene/v\",\"type\":\"vec3f\"}\n"},
+        {{"dump", address, "scene/v"}, vector + "\n"},
+        {{"dump", address, "--compact"},
+         R"({"note":"from a file","scene":{"a":1,"v":)" + vector +
+             R"(},"sp ace":1.5})"
+             "\n"},
+    };
+    for (const auto& read : reads) {
+        const ToolRun run = tool.run(read.first);
+        EXPECT_EQ(run.exitCode, 0) << read.first.join(' ').toStdString() << run.err.constData();
+        EXPECT_EQ(run.out, read.second) << read.first.join(' ').toStdString();
+    }
+    for (const QStringList& missing :
+         {QStringList{"get", address, "scene/a", "nope"}, QStringList{"dump", address, "nope"}}) {
+        const ToolRun run = tool.run(missing);
+        EXPECT_EQ(run.exitCode, 1);
+        EXPECT_TRUE(run.out.isEmpty()) << run.out.constData();
+        EXPECT_EQ(run.err, "dovel: " + missing.last().toUtf8() + ": " + address.toUtf8() +
+                               " holds no such attribute\n");
+    }
+
+    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+}
+
 TEST(SessionCommands, DumpServeDumpKeepsEveryType) {
     if (!toolBuilt())
         GTEST_SKIP() << "dovel is not built";
@@ -284,7 +333,7 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
           QStringList{"dump", "host:70000"},
           QStringList{"dump", refused, "--bogus"},
           QStringList{"dump", refused, "--timeout", "-1"},
-          QStringList{"dump", refused, "extra"},
+          QStringList{"dump", refused, "a", "extra"},
           QStringList{"set", refused},
           QStringList{"set", refused, "novalue"},
           QStringList{"set", refused, "a=not json"},

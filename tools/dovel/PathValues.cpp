@@ -8,6 +8,7 @@
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/Node.h"
 
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -103,6 +104,7 @@ bool PathValues::parseValue(const QByteArray& text, QJsonValue& value, QString& 
 bool PathValues::parse(const QStringList& words, QString& error) {
     list.clear();
     QSet<QByteArray> paths;
+    bool stdinTaken = false;
     for (const QString& word : words) {
         const int equals = word.indexOf(QLatin1Char('='));
         if (equals < 0) {
@@ -121,7 +123,30 @@ bool PathValues::parse(const QStringList& words, QString& error) {
             return false;
         }
         QString problem;
-        if (!parseValue(word.mid(equals + 1).toUtf8(), entry.value, problem)) {
+        QByteArray text = word.mid(equals + 1).toUtf8();
+        // Neither "@..." nor "-" is JSON: they name where the value is instead.
+        if (text == "-") {
+            if (stdinTaken) {
+                error = QStringLiteral("only one value can come from standard input");
+                return false;
+            }
+            stdinTaken = true;
+            QFile in;
+            if (!in.open(stdin, QIODevice::ReadOnly)) {
+                error = QStringLiteral("cannot read standard input");
+                return false;
+            }
+            text = in.readAll();
+        } else if (text.startsWith('@')) {
+            QFile file(QString::fromUtf8(text.mid(1)));
+            if (!file.open(QIODevice::ReadOnly)) {
+                error = QStringLiteral("%1: cannot read %2: %3")
+                            .arg(word.left(equals), file.fileName(), file.errorString());
+                return false;
+            }
+            text = file.readAll();
+        }
+        if (!parseValue(text, entry.value, problem)) {
             error = word.left(equals) + QStringLiteral(": ") + problem;
             return false;
         }

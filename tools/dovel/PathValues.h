@@ -28,7 +28,8 @@ public:
     };
 
     // False with `error` naming the word at fault: no "=", an empty or malformed path
-    // (empty names, "@type"), a path given twice, a VALUE that is not JSON.
+    // (empty names, "@type"), a path given twice, a VALUE that is not JSON. VALUE "@FILE"
+    // is read from FILE, "-" from standard input (once).
     bool parse(const QStringList& words, QString& error);
     const QVector<Entry>& entries() const { return list; }
     // False with `error` naming the path when a server would drop what the words

@@ -2,9 +2,11 @@
 
 #include "Access.h"
 #include "ChangePrinter.h"
+#include "ClientTarget.h"
 #include "CommandLine.h"
 #include "MirrorClient.h"
 #include "PathValues.h"
+#include "ReadBack.h"
 #include "TreeJson.h"
 #include "TreeSaver.h"
 
@@ -16,8 +18,8 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QJsonDocument>
 #include <QJsonValue>
-#include <QThread>
 
 #include <signal.h>
 #include <time.h>
@@ -30,7 +32,6 @@ namespace DovelTool {
 
 namespace {
 
-constexpr double DefaultTimeoutSeconds = 10.0;
 // A save that fails at exit is tried again each second this many times.
 constexpr int FinalSaveTries = 10;
 
@@ -62,57 +63,11 @@ QString addressText(const QString& host, int port) {
     return QStringLiteral("%1:%2").arg(host).arg(port);
 }
 
-QString secondsText(double seconds) {
-    return QString::number(seconds, 'g', 6) + QStringLiteral(" s");
-}
-
-// The HOST:PORT argument and --timeout of the client commands.
-struct Target {
-    QString host;
-    int port = 0;
-    double seconds = DefaultTimeoutSeconds;
-};
-
-bool readTarget(const CommandLine& line, bool withTimeout, Target& target, QString& error) {
-    if (line.positional().isEmpty()) {
-        error = line.usageLine(QStringLiteral("missing HOST:PORT"));
-        return false;
-    }
-    if (!CommandLine::parseAddress(line.positional().first(), false, target.host, target.port,
-                                   error))
-        return false;
-    if (withTimeout && line.isSet(QStringLiteral("timeout")) &&
-        !CommandLine::parseSeconds(QStringLiteral("timeout"), line.value(QStringLiteral("timeout")),
-                                   target.seconds, error))
-        return false;
-    return true;
-}
-
-// Why the command got no tree: what ended the attempt, or the time-out that did.
-int noSession(const Target& target, const MirrorClient& mirror) {
-    const QString address = addressText(target.host, target.port);
-    if (mirror.hasFailed())
-        return CommandLine::fail(CommandLine::Failure,
-                                 QStringLiteral("%1: %2").arg(address, mirror.failureReason()));
-    return CommandLine::fail(
-        CommandLine::Failure,
-        QStringLiteral("no session with %1 within %2 (%3)")
-            .arg(address, secondsText(target.seconds), mirror.failureReason()));
-}
-
-const char TimeoutHelp[] = "give up when no session is running after SECONDS (default 10)";
-
-// An attribute `set` wrote, and its value as the tree-file format writes it (which
-// carries its type).
-struct SentValue {
-    QByteArray path;
-    QJsonValue value;
-};
-
-// Every attribute the words wrote under `root` (a plain object's, one by one).
-std::vector<SentValue> sentValues(Tessel::Node& root, const PathValues& values,
-                                  const TreeJson& json) {
-    std::vector<SentValue> sent;
+// Every attribute the words wrote under `root` (a plain object's, one by one), with the
+// value it holds now.
+std::vector<Expectation> sentValues(Tessel::Node& root, const PathValues& values,
+                                    const TreeJson& json) {
+    std::vector<Expectation> sent;
     const auto add = [&](Tessel::Attribute& attribute, const QByteArray& path) {
         QJsonValue value;
         if (json.toJson(attribute, value))
@@ -128,60 +83,6 @@ std::vector<SentValue> sentValues(Tessel::Node& root, const PathValues& values,
             add(*at, entry.path);
     }
     return sent;
-}
-
-// Why the tree under `root` does not hold what was sent ("PATH: ..."), or an empty
-// string when it does. Tree thread.
-QString firstDifference(Tessel::Node& root, const std::vector<SentValue>& sent,
-                        const TreeJson& json, const QString& holder) {
-    for (const SentValue& one : sent) {
-        Tessel::Attribute* at = Dovel::attributeAt(root, one.path);
-        QJsonValue held;
-        if (!at || !json.toJson(*at, held))
-            return QStringLiteral("%1: %2 did not take it")
-                .arg(QString::fromUtf8(one.path), holder);
-        if (held != one.value)
-            return QStringLiteral("%1: %2 holds %3")
-                .arg(QString::fromUtf8(one.path), holder,
-                     QString::fromUtf8(TreeJson::valueText(held)));
-    }
-    return QString();
-}
-
-// Waits until a fresh observer's copy of the server holds every value sent, for at most
-// `ms`: the server applies them after reading them, and may refuse some (a read-only
-// server, a path another client made with another type). `writer` is the client that
-// sent them: a server that refuses a change sends its own value back to it, which ends
-// the wait at once. False with `error` saying which path the server does not hold.
-bool waitHeld(const Target& target, const QByteArray& key, MirrorClient& writer,
-              const std::vector<SentValue>& sent, int ms, QString& error) {
-    QElapsedTimer timer;
-    timer.start();
-    const QString server = addressText(target.host, target.port);
-    MirrorClient check(key, true);
-    check.connectToHost(target.host, target.port);
-    if (!check.waitInitialState(ms)) {
-        error = QStringLiteral("sent, but %1 could not be read back (%2)")
-                    .arg(server, check.failureReason());
-        return false;
-    }
-    TreeJson json;
-    QString refused;
-    for (;;) {
-        check.driver().call([&] { error = firstDifference(check.node(), sent, json, server); });
-        if (error.isEmpty())
-            return true;
-        writer.driver().call([&] {
-            refused = firstDifference(writer.node(), sent, json, QStringLiteral("the server"));
-        });
-        if (!refused.isEmpty()) {
-            error = refused + QStringLiteral(" (it refused the change)");
-            return false;
-        }
-        if (timer.elapsed() >= ms)
-            return false;
-        QThread::msleep(20);
-    }
 }
 
 } // namespace
@@ -297,33 +198,56 @@ int runServe(const QStringList& args) {
 }
 
 int runDump(const QStringList& args) {
-    CommandLine line(QStringLiteral("dump"), QStringLiteral("HOST:PORT [--timeout SECONDS]"),
-                     QStringLiteral("Connects to a server, waits for its tree and prints it as "
-                                    "JSON in the tree-file\nformat, which `dovel serve --tree` "
-                                    "reads back."));
+    CommandLine line(QStringLiteral("dump"),
+                     QStringLiteral("HOST:PORT [PATH] [--compact] [--timeout SECONDS]"),
+                     QStringLiteral("Connects to a server, waits for its tree and prints it (or "
+                                    "the part under PATH)\nas JSON in the tree-file format, which "
+                                    "`dovel serve --tree` reads back. Never\nwrites to the "
+                                    "server."));
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
-    line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
-                   QString::fromLatin1(TimeoutHelp));
-    addKeyOption(line);
-    const int parsed = line.parseOrExit(args, 0, 1);
+    line.addArgument(QStringLiteral("PATH"),
+                     QStringLiteral("only the node (or the value) at PATH; exit 1 when there is "
+                                    "none"));
+    line.addOption(QStringLiteral("compact"), QString(), QStringLiteral("JSON on one line"));
+    addClientOptions(line);
+    const int parsed = line.parseOrExit(args, 0, 2);
     if (parsed >= 0)
         return parsed;
-    Target target;
-    QString error;
-    if (!readTarget(line, true, target, error))
-        return CommandLine::fail(CommandLine::UsageError, error);
-    QByteArray key;
-    if (!readLoginKey(line, key, error))
-        return CommandLine::fail(CommandLine::Failure, error);
+    ClientTarget target;
+    const int unsound = readClientTarget(line, target);
+    if (unsound >= 0)
+        return unsound;
+    const QByteArray path = line.positional().value(1).toUtf8();
+    const QJsonDocument::JsonFormat format =
+        line.isSet(QStringLiteral("compact")) ? QJsonDocument::Compact : QJsonDocument::Indented;
 
-    MirrorClient mirror(key, true);
+    MirrorClient mirror(target.key, true);
     mirror.connectToHost(target.host, target.port);
-    if (!mirror.waitInitialState(int(target.seconds * 1000)))
+    if (!mirror.waitInitialState(target.milliseconds()))
         return noSession(target, mirror);
     QByteArray document;
-    TreeJson json;
-    mirror.driver().call([&] { document = json.dumpBytes(mirror.node()); });
+    bool found = true;
+    const TreeJson json;
+    mirror.driver().call([&] {
+        if (path.isEmpty()) {
+            document = json.dumpBytes(mirror.node(), format);
+            return;
+        }
+        Tessel::Attribute* at = Dovel::attributeAt(mirror.node(), path);
+        QJsonValue value;
+        found = at && json.toJson(*at, value);
+        if (found && Tessel::asNode(at))
+            document = QJsonDocument(value.toObject()).toJson(format);
+        else if (found)
+            document = TreeJson::valueText(value) + '\n'; // a value: one line
+    });
     mirror.stop();
+    if (format == QJsonDocument::Compact && !document.endsWith('\n'))
+        document += '\n';
+    if (!found)
+        return CommandLine::fail(CommandLine::Failure,
+                                 QStringLiteral("%1: %2 holds no such attribute")
+                                     .arg(QString::fromUtf8(path), target.address()));
     CommandLine::print(document);
     return CommandLine::Success;
 }
@@ -342,64 +266,35 @@ int runSet(const QStringList& args) {
             "the value is converted to it (a value that does not fit is an error and nothing\n"
             "is sent); a new path becomes an attribute of the type the value implies (1 an\n"
             "int, 1.5 a float, \"text\" a string, true a bool, or {\"@type\": NAME, \"value\":\n"
-            "...}). Quote the words for the shell: a/b='\"text\"'."));
+            "...}). Quote the words for the shell: a/b='\"text\"'. PATH=@FILE reads the\n"
+            "value from FILE, PATH=- from standard input."));
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
     line.addArgument(QStringLiteral("PATH=VALUE"),
-                     QStringLiteral("slash-separated path of the attribute, and its JSON value"));
-    line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
-                   QString::fromLatin1(TimeoutHelp));
-    addKeyOption(line);
+                     QStringLiteral("slash-separated path of the attribute, and its JSON value "
+                                    "(@FILE: from FILE; -: from standard input)"));
+    addClientOptions(line);
     const int parsed = line.parseOrExit(args);
     if (parsed >= 0)
         return parsed;
-    Target target;
-    QString error;
-    if (!readTarget(line, true, target, error))
-        return CommandLine::fail(CommandLine::UsageError, error);
+    ClientTarget target;
+    const int unsound = readClientTarget(line, target);
+    if (unsound >= 0)
+        return unsound;
     if (line.positional().size() < 2)
         return CommandLine::fail(CommandLine::UsageError,
                                  line.usageLine(QStringLiteral("missing PATH=VALUE")));
     PathValues values;
+    QString error;
     if (!values.parse(line.positional().mid(1), error) || !values.checkSendable(error))
         return CommandLine::fail(CommandLine::UsageError, error);
-    QByteArray key;
-    if (!readLoginKey(line, key, error))
-        return CommandLine::fail(CommandLine::Failure, error);
-
-    MirrorClient mirror(key);
-    mirror.connectToHost(target.host, target.port);
-    const int ms = int(target.seconds * 1000);
-    if (!mirror.waitInitialState(ms))
-        return noSession(target, mirror);
-    TreeJson json;
-    bool applied = false;
-    uint64_t sentBefore = 0;
-    std::vector<SentValue> sent;
-    mirror.driver().call([&] {
-        sentBefore = mirror.batchesSent();
-        applied = values.apply(mirror.node(), json, error);
-        if (applied)
-            sent = sentValues(mirror.node(), values, json);
-    });
-    if (!applied) {
-        mirror.stop();
-        return CommandLine::fail(CommandLine::UsageError, error);
-    }
-    QElapsedTimer clock;
-    clock.start();
-    if (!mirror.waitWritten(sentBefore, ms)) {
-        mirror.stop();
-        return CommandLine::fail(CommandLine::Failure,
-                                 QStringLiteral("the connection to %1 ended before the change "
-                                                "was sent")
-                                     .arg(addressText(target.host, target.port)));
-    }
-    const bool held =
-        waitHeld(target, key, mirror, sent, int(qMax<qint64>(0, ms - clock.elapsed())), error);
-    mirror.stop();
-    if (!held)
-        return CommandLine::fail(CommandLine::Failure, error);
-    return CommandLine::Success;
+    const TreeJson json;
+    return changeAndConfirm(
+        target, [&](Tessel::Node& root, std::vector<Expectation>& expected, QString& problem) {
+            if (!values.apply(root, json, problem))
+                return int(CommandLine::UsageError);
+            expected = sentValues(root, values, json);
+            return -1;
+        });
 }
 
 int runWatch(const QStringList& args) {
@@ -425,28 +320,23 @@ int runWatch(const QStringList& args) {
                                   "VALUE}"));
     line.addOption(QStringLiteral("initial"), QString(),
                    QStringLiteral("first print every attribute the server holds, as added"));
-    line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
-                   QStringLiteral("give up when the first session is not running after SECONDS "
-                                  "(default 10); later losses are waited out"));
-    addKeyOption(line);
+    addClientOptions(line, QStringLiteral("give up when the first session is not running after "
+                                          "SECONDS (default 10); later losses are waited out"));
     const int parsed = line.parseOrExit(args, 0, 2);
     if (parsed >= 0)
         return parsed;
-    Target target;
-    QString error;
-    if (!readTarget(line, true, target, error))
-        return CommandLine::fail(CommandLine::UsageError, error);
-    QByteArray key;
-    if (!readLoginKey(line, key, error))
-        return CommandLine::fail(CommandLine::Failure, error);
-    const QString address = addressText(target.host, target.port);
+    ClientTarget target;
+    const int unsound = readClientTarget(line, target);
+    if (unsound >= 0)
+        return unsound;
+    const QString address = target.address();
     const QString pattern = line.positional().value(1);
     const bool printHeld = line.isSet(QStringLiteral("initial"));
     const ChangePrinter::Format format =
         line.isSet(QStringLiteral("json")) ? ChangePrinter::Json : ChangePrinter::Lines;
 
     const sigset_t stopSignals = blockStopSignals();
-    MirrorClient mirror(key, true);
+    MirrorClient mirror(target.key, true);
     std::unique_ptr<ChangePrinter> printer;
     mirror.driver().call([&] {
         printer = std::make_unique<ChangePrinter>(

@@ -272,6 +272,20 @@ void TreeJson::dumpNode(const Tessel::Node& node, const QByteArray& path, QJsonO
     }
 }
 
+QString TreeJson::typeName(Tessel::Attribute& attribute) const {
+    if (Tessel::asNode(&attribute))
+        return QStringLiteral("node");
+    Tessel::Attribute* target = Tessel::AttributeAlias::resolve(&attribute);
+    if (!target || Tessel::asNode(target))
+        return QString();
+    uint32_t code = 0;
+    uint32_t size = 0;
+    if (!registry.createSerializer(target, code, size))
+        return QString();
+    const JsonType* type = JsonValueCodec::byCode(code);
+    return type ? QString::fromLatin1(type->name) : QString();
+}
+
 bool TreeJson::valueJson(Tessel::Attribute& attribute, const QByteArray& path,
                          QJsonValue& out) const {
     if (auto* node = Tessel::asNode(&attribute)) {

@@ -118,6 +118,9 @@ public:
     // The JSON form of one attribute as the dump writes it (a node gives its subtree).
     // False when it has none (an alias without a target, a type outside the table).
     bool toJson(Tessel::Attribute& attribute, QJsonValue& out) const;
+    // The type name the tree-file format gives the attribute ("float", "vec3f", ...):
+    // "node" for a node, an alias's target's type; empty when it has none.
+    QString typeName(Tessel::Attribute& attribute) const;
     // `value` as compact JSON text, for one-line output ("PATH = VALUE").
     static QByteArray valueText(const QJsonValue& value);
 

@@ -5,6 +5,7 @@
 #include "CommandLine.h"
 #include "Demo.h"
 #include "FilesCommand.h"
+#include "PathCommands.h"
 #include "SessionCommands.h"
 
 #include "Dovel/Version.h"
@@ -86,6 +87,8 @@ int main(int argc, char** argv) {
         {"dump", "print a server's tree as JSON", DovelTool::runDump},
         {"set", "set attributes of a server's tree: PATH=VALUE...", DovelTool::runSet},
         {"watch", "print every change of a server's tree as it comes", DovelTool::runWatch},
+        {"get", "print the values at paths of a server's tree", DovelTool::runGet},
+        {"ls", "list the paths and types of a server's tree", DovelTool::runLs},
         {"files", "mirror a folder of files (files serve DIR | files pull HOST:PORT DIR)",
          DovelTool::runFilesCommand},
         {"bench", "measure a server and its clients on loopback (bench WORKLOAD)",

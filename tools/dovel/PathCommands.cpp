@@ -1,0 +1,143 @@
+#include "PathCommands.h"
+
+#include "ClientTarget.h"
+#include "CommandLine.h"
+#include "MirrorClient.h"
+#include "TreeJson.h"
+
+#include "Dovel/sync/RemoteNode.h"
+
+#include "Tessel/Node.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+
+#include <functional>
+
+namespace DovelTool {
+
+namespace {
+
+// False with `error` when a PATH word is not a path (names joined by '/').
+bool checkPaths(const QStringList& words, QString& error) {
+    for (const QString& word : words)
+        for (const QString& name : word.split(QLatin1Char('/')))
+            if (name.isEmpty()) {
+                error = QStringLiteral("'%1' is not a path (names joined by '/')").arg(word);
+                return false;
+            }
+    return true;
+}
+
+// Connects as an observer and runs `read` on the copy once it holds the server's tree.
+int readTree(const ClientTarget& target, const std::function<int(Tessel::Node&)>& read) {
+    MirrorClient mirror(target.key, true);
+    mirror.connectToHost(target.host, target.port);
+    if (!mirror.waitInitialState(target.milliseconds()))
+        return noSession(target, mirror);
+    int status = CommandLine::Success;
+    mirror.driver().call([&] { status = read(mirror.node()); });
+    mirror.stop();
+    return status;
+}
+
+QString noSuchPath(const QString& path, const ClientTarget& target) {
+    return QStringLiteral("%1: %2 holds no such attribute").arg(path, target.address());
+}
+
+QByteArray jsonString(const QString& text) {
+    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
+    return array.mid(1, array.size() - 2); // without the brackets
+}
+
+} // namespace
+
+int runGet(const QStringList& args) {
+    CommandLine line(QStringLiteral("get"), QStringLiteral("HOST:PORT PATH... [--timeout SECONDS]"),
+                     QStringLiteral("Prints the value at each PATH of a server's tree as JSON in "
+                                    "the tree-file format,\none line per PATH in their order (a "
+                                    "node: its subtree as one object). Exits 1,\nprinting nothing, "
+                                    "when a PATH is not there. Never writes to the server."));
+    line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    line.addArgument(QStringLiteral("PATH"), QStringLiteral("slash-separated path"));
+    addClientOptions(line);
+    const int parsed = line.parseOrExit(args, 2, -1, QStringLiteral("HOST:PORT PATH"));
+    if (parsed >= 0)
+        return parsed;
+    ClientTarget target;
+    const int unsound = readClientTarget(line, target);
+    if (unsound >= 0)
+        return unsound;
+    const QStringList paths = line.positional().mid(1);
+    QString error;
+    if (!checkPaths(paths, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+    QByteArray out;
+    const TreeJson json;
+    return readTree(target, [&](Tessel::Node& root) {
+        for (const QString& path : paths) {
+            Tessel::Attribute* at = Dovel::attributeAt(root, path.toUtf8());
+            QJsonValue value;
+            if (!at || !json.toJson(*at, value))
+                return CommandLine::fail(CommandLine::Failure, noSuchPath(path, target));
+            out += TreeJson::valueText(value) + '\n';
+        }
+        CommandLine::print(out);
+        return int(CommandLine::Success);
+    });
+}
+
+int runLs(const QStringList& args) {
+    CommandLine line(QStringLiteral("ls"),
+                     QStringLiteral("HOST:PORT [PATTERN] [--json] [--timeout SECONDS]"),
+                     QStringLiteral("Lists the attributes of a server's tree, one \"PATH TYPE\" "
+                                    "line each in tree order\n(TYPE as the tree-file format names "
+                                    "it; a PATH with a space, a quote or a\ncontrol character is "
+                                    "written as a JSON string). Never writes to the server."));
+    line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    line.addArgument(QStringLiteral("PATTERN"),
+                     QStringLiteral("only paths that match: `*` one name, `**` any depth, as "
+                                    "'scene/**' (default: every path)"));
+    line.addOption(QStringLiteral("json"), QString(),
+                   QStringLiteral("one JSON object per line instead: {\"path\": PATH, \"type\": "
+                                  "TYPE}"));
+    addClientOptions(line);
+    const int parsed = line.parseOrExit(args, 0, 2);
+    if (parsed >= 0)
+        return parsed;
+    ClientTarget target;
+    const int unsound = readClientTarget(line, target);
+    if (unsound >= 0)
+        return unsound;
+    const QString pattern = line.positional().value(1);
+    const QRegularExpression filter(
+        pattern.isEmpty() ? QString() : Dovel::RemoteNode::makeRegExp(pattern).pattern());
+    const bool asJson = line.isSet(QStringLiteral("json"));
+    const TreeJson json;
+    return readTree(target, [&](Tessel::Node& root) {
+        QByteArray out;
+        Dovel::walkAttributesWithPath(root, [&](Tessel::Attribute& attribute,
+                                                const QByteArray& path) {
+            const QString text = QString::fromUtf8(path);
+            if (!pattern.isEmpty() && !filter.match(text).hasMatch())
+                return;
+            const QString type = json.typeName(attribute);
+            if (type.isEmpty())
+                return; // no form in the tree-file format, as dump leaves it out
+            if (asJson) {
+                out += "{\"path\":" + jsonString(text) + ",\"type\":\"" + type.toLatin1() + "\"}\n";
+                return;
+            }
+            bool plain = true;
+            for (const QChar c : text)
+                plain = plain && c.isPrint() && c != QLatin1Char(' ') && c != QLatin1Char('"');
+            out += (plain ? path : jsonString(text)) + ' ' + type.toLatin1() + '\n';
+        });
+        CommandLine::print(out);
+        return int(CommandLine::Success);
+    });
+}
+
+} // namespace DovelTool
