@@ -1,6 +1,7 @@
 # What `cmake --install` puts under the prefix: the four shared libraries, their
 # headers (include/Dovel, include/Basalt, include/Tessel, include/Quant), the dovel
-# tool, and the CMake package that find_package(Dovel) reads.
+# tool with its man page, bash completion and documents, and the CMake package that
+# find_package(Dovel) reads.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS Dovel Tessel Basalt Quant EXPORT DovelTargets
@@ -8,6 +9,10 @@ install(TARGETS Dovel Tessel Basalt Quant EXPORT DovelTargets
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS dovel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/docs/dovel.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${PROJECT_SOURCE_DIR}/tools/dovel/completion/dovel.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME dovel)
+install(FILES ${PROJECT_SOURCE_DIR}/docs/tree-format.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/Dovel/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Dovel
         FILES_MATCHING PATTERN "*.h")
