@@ -5,16 +5,18 @@
 
 namespace DovelTool {
 
-void addClientOptions(CommandLine& line, const QString& timeoutHelp) {
+int parseClientCommand(CommandLine& line, const QStringList& words, ClientTarget& target,
+                       int minPositional, int maxPositional, const QString& missing,
+                       const QString& timeoutHelp) {
     line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
                    timeoutHelp.isEmpty()
                        ? QStringLiteral("give up when no session is running after SECONDS "
                                         "(default 10)")
                        : timeoutHelp);
     addKeyOption(line);
-}
-
-int readClientTarget(const CommandLine& line, ClientTarget& target) {
+    const int parsed = line.parseOrExit(words, minPositional, maxPositional, missing);
+    if (parsed >= 0)
+        return parsed;
     QString error;
     if (line.positional().isEmpty())
         return CommandLine::fail(CommandLine::UsageError,
@@ -28,6 +30,17 @@ int readClientTarget(const CommandLine& line, ClientTarget& target) {
     if (!readLoginKey(line, target.key, error))
         return CommandLine::fail(CommandLine::Failure, error);
     return -1;
+}
+
+int readServerTree(const ClientTarget& target, const std::function<int(Tessel::Node&)>& read) {
+    MirrorClient mirror(target.key, true);
+    mirror.connectToHost(target.host, target.port);
+    if (!mirror.waitInitialState(target.milliseconds()))
+        return noSession(target, mirror);
+    int status = CommandLine::Success;
+    mirror.driver().call([&] { status = read(mirror.node()); });
+    mirror.stop();
+    return status;
 }
 
 int noSession(const ClientTarget& target, const MirrorClient& mirror) {

@@ -6,6 +6,13 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
+
+#include <functional>
+
+namespace Tessel {
+class Node;
+}
 
 namespace DovelTool {
 
@@ -21,11 +28,17 @@ struct ClientTarget {
     int milliseconds() const { return int(seconds * 1000); }
 };
 
-// Adds --timeout (with `timeoutHelp`, or the usual text when empty) and --key-file.
-void addClientOptions(CommandLine& line, const QString& timeoutHelp = QString());
-// Reads HOST:PORT (the first positional word), --timeout and the key after the line
-// was parsed: -1 when they are sound, else the exit status, with the error line written.
-int readClientTarget(const CommandLine& line, ClientTarget& target);
+// Adds --timeout (with `timeoutHelp`, or the usual text when empty) and --key-file to
+// the command's own arguments and options, parses `words` (CommandLine::parseOrExit)
+// and reads HOST:PORT (the first positional word), --timeout and the key: -1 to go on,
+// else the exit status, with the help printed or the error line written.
+int parseClientCommand(CommandLine& line, const QStringList& words, ClientTarget& target,
+                       int minPositional = 0, int maxPositional = -1,
+                       const QString& missing = QString(), const QString& timeoutHelp = QString());
+// Connects as an observer (MirrorClient) and runs `read` on its tree thread once the
+// copy holds the server's tree: read's exit status, or the one that says why no tree
+// came.
+int readServerTree(const ClientTarget& target, const std::function<int(Tessel::Node&)>& read);
 // Exit 1 with why `mirror` got no tree: what ended its attempt ("HOST:PORT: connection
 // refused"), or the time-out that did.
 int noSession(const ClientTarget& target, const MirrorClient& mirror);

@@ -2,7 +2,6 @@
 
 #include "ClientTarget.h"
 #include "CommandLine.h"
-#include "MirrorClient.h"
 #include "TreeJson.h"
 
 #include "Dovel/sync/RemoteNode.h"
@@ -31,18 +30,6 @@ bool checkPaths(const QStringList& words, QString& error) {
     return true;
 }
 
-// Connects as an observer and runs `read` on the copy once it holds the server's tree.
-int readTree(const ClientTarget& target, const std::function<int(Tessel::Node&)>& read) {
-    MirrorClient mirror(target.key, true);
-    mirror.connectToHost(target.host, target.port);
-    if (!mirror.waitInitialState(target.milliseconds()))
-        return noSession(target, mirror);
-    int status = CommandLine::Success;
-    mirror.driver().call([&] { status = read(mirror.node()); });
-    mirror.stop();
-    return status;
-}
-
 QString noSuchPath(const QString& path, const ClientTarget& target) {
     return QStringLiteral("%1: %2 holds no such attribute").arg(path, target.address());
 }
@@ -62,21 +49,18 @@ int runGet(const QStringList& args) {
                                     "when a PATH is not there. Never writes to the server."));
     line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
     line.addArgument(QStringLiteral("PATH"), QStringLiteral("slash-separated path"));
-    addClientOptions(line);
-    const int parsed = line.parseOrExit(args, 2, -1, QStringLiteral("HOST:PORT PATH"));
+    ClientTarget target;
+    const int parsed =
+        parseClientCommand(line, args, target, 2, -1, QStringLiteral("HOST:PORT PATH"));
     if (parsed >= 0)
         return parsed;
-    ClientTarget target;
-    const int unsound = readClientTarget(line, target);
-    if (unsound >= 0)
-        return unsound;
     const QStringList paths = line.positional().mid(1);
     QString error;
     if (!checkPaths(paths, error))
         return CommandLine::fail(CommandLine::UsageError, error);
     QByteArray out;
     const TreeJson json;
-    return readTree(target, [&](Tessel::Node& root) {
+    return readServerTree(target, [&](Tessel::Node& root) {
         for (const QString& path : paths) {
             Tessel::Attribute* at = Dovel::attributeAt(root, path.toUtf8());
             QJsonValue value;
@@ -103,20 +87,16 @@ int runLs(const QStringList& args) {
     line.addOption(QStringLiteral("json"), QString(),
                    QStringLiteral("one JSON object per line instead: {\"path\": PATH, \"type\": "
                                   "TYPE}"));
-    addClientOptions(line);
-    const int parsed = line.parseOrExit(args, 0, 2);
+    ClientTarget target;
+    const int parsed = parseClientCommand(line, args, target, 0, 2);
     if (parsed >= 0)
         return parsed;
-    ClientTarget target;
-    const int unsound = readClientTarget(line, target);
-    if (unsound >= 0)
-        return unsound;
     const QString pattern = line.positional().value(1);
     const QRegularExpression filter(
         pattern.isEmpty() ? QString() : Dovel::RemoteNode::makeRegExp(pattern).pattern());
     const bool asJson = line.isSet(QStringLiteral("json"));
     const TreeJson json;
-    return readTree(target, [&](Tessel::Node& root) {
+    return readServerTree(target, [&](Tessel::Node& root) {
         QByteArray out;
         Dovel::walkAttributesWithPath(root, [&](Tessel::Attribute& attribute,
                                                 const QByteArray& path) {

@@ -209,47 +209,33 @@ int runDump(const QStringList& args) {
                      QStringLiteral("only the node (or the value) at PATH; exit 1 when there is "
                                     "none"));
     line.addOption(QStringLiteral("compact"), QString(), QStringLiteral("JSON on one line"));
-    addClientOptions(line);
-    const int parsed = line.parseOrExit(args, 0, 2);
+    ClientTarget target;
+    const int parsed = parseClientCommand(line, args, target, 0, 2);
     if (parsed >= 0)
         return parsed;
-    ClientTarget target;
-    const int unsound = readClientTarget(line, target);
-    if (unsound >= 0)
-        return unsound;
     const QByteArray path = line.positional().value(1).toUtf8();
     const QJsonDocument::JsonFormat format =
         line.isSet(QStringLiteral("compact")) ? QJsonDocument::Compact : QJsonDocument::Indented;
-
-    MirrorClient mirror(target.key, true);
-    mirror.connectToHost(target.host, target.port);
-    if (!mirror.waitInitialState(target.milliseconds()))
-        return noSession(target, mirror);
-    QByteArray document;
-    bool found = true;
     const TreeJson json;
-    mirror.driver().call([&] {
+    return readServerTree(target, [&](Tessel::Node& root) {
+        QByteArray document;
         if (path.isEmpty()) {
-            document = json.dumpBytes(mirror.node(), format);
-            return;
+            document = json.dumpBytes(root, format);
+        } else {
+            Tessel::Attribute* at = Dovel::attributeAt(root, path);
+            QJsonValue value;
+            if (!at || !json.toJson(*at, value))
+                return CommandLine::fail(CommandLine::Failure,
+                                         QStringLiteral("%1: %2 holds no such attribute")
+                                             .arg(QString::fromUtf8(path), target.address()));
+            document = Tessel::asNode(at) ? QJsonDocument(value.toObject()).toJson(format)
+                                          : TreeJson::valueText(value); // a value: one line
         }
-        Tessel::Attribute* at = Dovel::attributeAt(mirror.node(), path);
-        QJsonValue value;
-        found = at && json.toJson(*at, value);
-        if (found && Tessel::asNode(at))
-            document = QJsonDocument(value.toObject()).toJson(format);
-        else if (found)
-            document = TreeJson::valueText(value) + '\n'; // a value: one line
+        if (!document.endsWith('\n'))
+            document += '\n';
+        CommandLine::print(document);
+        return int(CommandLine::Success);
     });
-    mirror.stop();
-    if (format == QJsonDocument::Compact && !document.endsWith('\n'))
-        document += '\n';
-    if (!found)
-        return CommandLine::fail(CommandLine::Failure,
-                                 QStringLiteral("%1: %2 holds no such attribute")
-                                     .arg(QString::fromUtf8(path), target.address()));
-    CommandLine::print(document);
-    return CommandLine::Success;
 }
 
 int runSet(const QStringList& args) {
@@ -272,14 +258,10 @@ int runSet(const QStringList& args) {
     line.addArgument(QStringLiteral("PATH=VALUE"),
                      QStringLiteral("slash-separated path of the attribute, and its JSON value "
                                     "(@FILE: from FILE; -: from standard input)"));
-    addClientOptions(line);
-    const int parsed = line.parseOrExit(args);
+    ClientTarget target;
+    const int parsed = parseClientCommand(line, args, target);
     if (parsed >= 0)
         return parsed;
-    ClientTarget target;
-    const int unsound = readClientTarget(line, target);
-    if (unsound >= 0)
-        return unsound;
     if (line.positional().size() < 2)
         return CommandLine::fail(CommandLine::UsageError,
                                  line.usageLine(QStringLiteral("missing PATH=VALUE")));
@@ -320,15 +302,13 @@ int runWatch(const QStringList& args) {
                                   "VALUE}"));
     line.addOption(QStringLiteral("initial"), QString(),
                    QStringLiteral("first print every attribute the server holds, as added"));
-    addClientOptions(line, QStringLiteral("give up when the first session is not running after "
-                                          "SECONDS (default 10); later losses are waited out"));
-    const int parsed = line.parseOrExit(args, 0, 2);
+    ClientTarget target;
+    const int parsed = parseClientCommand(
+        line, args, target, 0, 2, QString(),
+        QStringLiteral("give up when the first session is not running after SECONDS (default "
+                       "10); later losses are waited out"));
     if (parsed >= 0)
         return parsed;
-    ClientTarget target;
-    const int unsound = readClientTarget(line, target);
-    if (unsound >= 0)
-        return unsound;
     const QString address = target.address();
     const QString pattern = line.positional().value(1);
     const bool printHeld = line.isSet(QStringLiteral("initial"));
