@@ -11,6 +11,7 @@
 #include "Dovel/sync/NodeChangeSender.h"
 #include "Dovel/sync/OneWayEventReceiver.h"
 #include "Dovel/sync/RemoteNode.h"
+#include "Dovel/sync/SyncFlags.h"
 #include "Dovel/transport/Connection.h"
 
 #include "Basalt/Trace.h"
@@ -206,8 +207,9 @@ void BundleController::Core::ensureIsInitialized() {
     enabled.store(params->enabled);
     dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(
         symbolRegistry, Limits::MaxPeerSymbols, &remoteNode.symbolRegistry()));
+    mirrorOnly = params->mirrorOnly;
     nodeChangeSender =
-        std::make_shared<NodeChangeSender>(remoteNode, *attributeStorage, typeRegistry);
+        std::make_shared<NodeChangeSender>(remoteNode, *attributeStorage, typeRegistry, mirrorOnly);
     dispatcher.addSender(nodeChangeSender);
     attributeRemoveReceiver =
         std::make_shared<AttributeRemoveReceiver>(remoteNode, *attributeStorage, *nodeChangeSender);
@@ -231,9 +233,7 @@ void BundleController::Core::ensureIsInitialized() {
         });
     }
     newAttributeReceiver->setCreateMissingAttributes(params->createMissingAttributes);
-    mirrorOnly = params->mirrorOnly;
     newAttributeReceiver->setReplaceMismatched(mirrorOnly);
-    nodeChangeSender->setMirrorOnly(mirrorOnly);
     newAttributeReceiver->setFootprint(&footprint);
     attributeRemoveReceiver->setFootprint(&footprint);
     if (!writeRules.allowsEverything()) {
@@ -370,8 +370,12 @@ void BundleController::Core::removeUnannounced(Tessel::Node& under) {
                 under.deleteAttribute(inner);
             continue;
         }
-        const DovelSessionAttribute* record =
-            attributeStorage->findByLocalSymbol(cache.symbolOf(child));
+        const unsigned int symbol = cache.symbolOf(child);
+        // What this side keeps to itself ("id" attributes, paths without the Sync flag)
+        // is no peer's to announce.
+        if (!(remoteNode.syncFlags().getFlags(symbol) & SyncFlags::Sync))
+            continue;
+        const DovelSessionAttribute* record = attributeStorage->findByLocalSymbol(symbol);
         if (!record || record->readSymbol == 0)
             under.deleteAttribute(child);
     }

@@ -413,7 +413,10 @@ void FolderPullConnection::connectionFailed() {
 }
 
 QString FolderPullConnection::describeFailure() const {
-    return QStringLiteral("%1:%2: %3").arg(hostName()).arg(port()).arg(lastFailure().text());
+    const PeerFailure failure = lastFailure();
+    if (!failure.isSet())
+        return QStringLiteral("cannot connect to %1:%2").arg(hostName()).arg(port());
+    return QStringLiteral("%1:%2: %3").arg(hostName()).arg(port()).arg(failure.text());
 }
 
 } // namespace Dovel

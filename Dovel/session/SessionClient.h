@@ -25,10 +25,11 @@ public:
     struct Options {
         bool createMissingAttributes = true;
         // An observer's client: it only mirrors. It sends the server nothing but the
-        // protocol's handshake (no announcement, change, removal or event of its own),
-        // and at every new session its copy becomes the server's tree: what the server
-        // no longer announces is removed, and an attribute whose type changed is made
-        // again. Changes made to the node locally stay local.
+        // protocol's handshake (no announcement, change, removal or event of its own:
+        // local changes to the node are not sent), and at every new session its copy
+        // becomes the server's tree: what the server no longer announces is removed
+        // (what the sync flags keep local stays), and an attribute whose type changed is
+        // made again.
         bool mirrorOnly = false;
         // Incoming one-way events; empty: the node's event listeners.
         std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;

@@ -16,8 +16,9 @@
 
 namespace Dovel {
 
-NodeChangeSender::NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types)
-    : node(node), storage(storage), types(types) {
+NodeChangeSender::NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types,
+                                   bool mirrorOnly)
+    : node(node), storage(storage), types(types), mirrorOnly(mirrorOnly) {
     changeListenerId = node.addAttributeChangeListener(
         [this](const NodeWatcher::Event& event) { onAttributeChange(event); });
     eventListenerId =

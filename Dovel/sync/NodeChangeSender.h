@@ -19,7 +19,6 @@
 
 #include "Basalt/Mutex.h"
 
-#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -32,7 +31,10 @@ struct DovelSessionAttribute;
 
 class NodeChangeSender : public BundleSender {
 public:
-    NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types);
+    // `mirrorOnly`: a mirror's sender, through which nothing of this side goes to the
+    // peer (no announcement, change, removal or event) and nothing waits to.
+    NodeChangeSender(RemoteNode& node, AttributeStorage& storage, TypeRegistry& types,
+                     bool mirrorOnly = false);
     ~NodeChangeSender() override;
 
     void writeUpdates(BundleOutput& output) override;
@@ -74,11 +76,6 @@ public:
     void sendAgain(uint32_t localSymbol, bool announce);
     // The path of a record's attribute.
     QByteArray pathOf(const DovelSessionAttribute& sa);
-
-    // A mirror's sender: nothing of this side goes to the peer (no announcement, change,
-    // removal or event), and nothing waits to. Set before sendInitialValues.
-    void setMirrorOnly(bool mirror) { mirrorOnly.store(mirror); }
-    bool isMirrorOnly() const { return mirrorOnly.load(); }
 
     // Entries in the ignore set (echo-suppression bookkeeping).
     int ignoredCount() const { return int(ignored.size()); }
@@ -131,7 +128,7 @@ private:
     mutable Basalt::Mutex eventMutex;
     std::vector<RemoteNode::Event> pendingEvents; // guarded by eventMutex
     int64_t pendingEventBytes = 0;                // their payloads; guarded by eventMutex
-    std::atomic<bool> mirrorOnly{false};          // events may come from any thread
+    const bool mirrorOnly;
 
     uint32_t newMessageType = NoMessageType;
     uint32_t updateMessageType = NoMessageType;

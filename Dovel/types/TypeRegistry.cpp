@@ -46,6 +46,11 @@ TypeRegistry& TypeRegistry::operator=(TypeRegistry&&) noexcept = default;
 TypeRegistry::~TypeRegistry() = default;
 
 void TypeRegistry::add(Entry entry) {
+    // What the factory makes may be a class of its own (enumerations arrive as ints).
+    madeClasses.erase(entry.code);
+    if (entry.create)
+        if (const std::unique_ptr<Attribute> sample{entry.create()})
+            madeClasses.emplace(entry.code, std::type_index(typeid(*sample)));
     attributeFactories[entry.code] = std::move(entry.create);
     deserializerFactories[entry.code] = std::move(entry.deserializer);
     if (typeMatchers.find(entry.type) == typeMatchers.end())
@@ -198,14 +203,8 @@ Attribute* TypeRegistry::createAttribute(uint32_t typeCode) const {
 }
 
 bool TypeRegistry::isMadeFor(uint32_t typeCode, const Attribute& attribute) const {
-    auto known = madeClasses.find(typeCode);
-    if (known == madeClasses.end()) {
-        const std::unique_ptr<Attribute> sample(createAttribute(typeCode));
-        if (!sample)
-            return false;
-        known = madeClasses.emplace(typeCode, std::type_index(typeid(*sample))).first;
-    }
-    return known->second == std::type_index(typeid(attribute));
+    const auto known = madeClasses.find(typeCode);
+    return known != madeClasses.end() && known->second == std::type_index(typeid(attribute));
 }
 
 Serializer TypeRegistry::createSerializer(Attribute* attribute, uint32_t& typeCode,

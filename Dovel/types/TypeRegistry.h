@@ -99,8 +99,8 @@ private:
     std::unordered_map<uint32_t, uint32_t> valueSizes;
     std::map<uint32_t, VariantSerializer> variantSerializers;
     std::map<uint32_t, VariantDeserializer> variantDeserializers;
-    // The class createAttribute makes per code, learnt on first use by isMadeFor.
-    mutable std::unordered_map<uint32_t, std::type_index> madeClasses;
+    // The class createAttribute makes per code (from a sample made at registration).
+    std::unordered_map<uint32_t, std::type_index> madeClasses;
 };
 
 } // namespace Dovel

@@ -363,6 +363,12 @@ TEST(EndToEnd, AnObserverNeverWritesAndEachSessionMakesItTheServersCopy) {
     Side observer("observer");
     addScene(master, 4);
     master.run([&] { master.node.addDeepAttribute("group/x", new AttributeT<float>()); });
+    // Kept apart on each side ("id" attributes are not shared): the observer's survives
+    // every new session.
+    for (Side* side : {&master, &observer})
+        side->run([&] {
+            side->node.addDeepAttribute("scene/id", new AttributeT<int32_t>(nullptr, "", 7));
+        });
     auto server = std::make_unique<SessionServer>(master.node, &master.driver);
     ASSERT_TRUE(server->listen(0, "127.0.0.1"));
     const int port = server->port();
@@ -409,7 +415,7 @@ TEST(EndToEnd, AnObserverNeverWritesAndEachSessionMakesItTheServersCopy) {
     ASSERT_TRUE(waitUntil([&] { return client.stats().batchesApplied.load() >= 2; }));
     ASSERT_TRUE(waitSame(master, observer)) << describe(snapshot(master)).constData() << "--\n"
                                             << describe(snapshot(observer)).constData();
-    EXPECT_EQ(attributeCount(master), 4);
+    EXPECT_EQ(attributeCount(master), 5);
 }
 
 TEST(EndToEnd, AClientWithoutADriverRunsFromTheHostUpdateLoop) {

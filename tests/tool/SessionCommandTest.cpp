@@ -334,6 +334,8 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
           QStringList{"dump", refused, "--bogus"},
           QStringList{"dump", refused, "--timeout", "-1"},
           QStringList{"dump", refused, "a", "extra"},
+          QStringList{"dump", refused, "a//b"},
+          QStringList{"get", refused, "a//b"},
           QStringList{"set", refused},
           QStringList{"set", refused, "novalue"},
           QStringList{"set", refused, "a=not json"},

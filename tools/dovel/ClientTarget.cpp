@@ -11,7 +11,7 @@ int parseClientCommand(CommandLine& line, const QStringList& words, ClientTarget
     line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
                    timeoutHelp.isEmpty()
                        ? QStringLiteral("give up when no session is running after SECONDS "
-                                        "(default 10)")
+                                        "(default 10); a refusal ends it at once")
                        : timeoutHelp);
     addKeyOption(line);
     const int parsed = line.parseOrExit(words, minPositional, maxPositional, missing);

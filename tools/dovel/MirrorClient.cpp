@@ -77,8 +77,10 @@ bool MirrorClient::waitInitialState(int ms) {
 
 bool MirrorClient::hasFailed() const {
     const Dovel::SessionStats& stats = session->stats();
+    // A session that ended after its first batch came may still have it applied: its
+    // core finishes what it received.
     return stats.batchesApplied.load() == 0 &&
-           (stats.sessionsEnded.load() > 0 ||
+           ((stats.sessionsEnded.load() > 0 && stats.batchesReceived.load() == 0) ||
             (stats.sessionsStarted.load() == 0 && session->connection().lastFailure().isSet()));
 }
 
@@ -120,7 +122,11 @@ QString MirrorClient::failureReason() const {
     const Dovel::PeerFailure failure = session->connection().lastFailure();
     if (failure.isSet())
         return failure.text();
-    if (session->stats().sessionsStarted.load() > 0)
+    const Dovel::SessionStats& stats = session->stats();
+    if (stats.sessionsStarted.load() > stats.sessionsEnded.load())
+        return QStringLiteral("connected, but the whole tree did not arrive in time; a longer "
+                              "--timeout may help");
+    if (stats.sessionsStarted.load() > 0)
         return QStringLiteral("the session ended before the tree arrived");
     return QStringLiteral("no answer");
 }

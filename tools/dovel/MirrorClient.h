@@ -44,7 +44,7 @@ public:
     bool waitInitialState(int ms);
     // True when no tree came and trying again would meet the same end: the first
     // attempt failed (refused, not a Dovel server, a folder server, the key refused...)
-    // or the first session ended before its tree arrived.
+    // or the first session ended before any of its tree arrived.
     bool hasFailed() const;
     // Waits until every batch that the node's changes have caused so far has been
     // written to the socket, for at most `ms` milliseconds. Call it after changing the

@@ -2,6 +2,7 @@
 
 #include "ClientTarget.h"
 #include "CommandLine.h"
+#include "PathValues.h"
 #include "TreeJson.h"
 
 #include "Dovel/sync/RemoteNode.h"
@@ -18,17 +19,6 @@
 namespace DovelTool {
 
 namespace {
-
-// False with `error` when a PATH word is not a path (names joined by '/').
-bool checkPaths(const QStringList& words, QString& error) {
-    for (const QString& word : words)
-        for (const QString& name : word.split(QLatin1Char('/')))
-            if (name.isEmpty()) {
-                error = QStringLiteral("'%1' is not a path (names joined by '/')").arg(word);
-                return false;
-            }
-    return true;
-}
 
 QString noSuchPath(const QString& path, const ClientTarget& target) {
     return QStringLiteral("%1: %2 holds no such attribute").arg(path, target.address());
@@ -56,7 +46,7 @@ int runGet(const QStringList& args) {
         return parsed;
     const QStringList paths = line.positional().mid(1);
     QString error;
-    if (!checkPaths(paths, error))
+    if (!PathValues::checkPaths(paths, error))
         return CommandLine::fail(CommandLine::UsageError, error);
     QByteArray out;
     const TreeJson json;

@@ -72,6 +72,15 @@ bool checkLeaves(const QByteArray& path, const QJsonValue& value, QString& error
 
 } // namespace
 
+bool PathValues::checkPaths(const QStringList& words, QString& error) {
+    for (const QString& word : words)
+        if (!validPath(word.toUtf8())) {
+            error = QStringLiteral("'%1' is not a path (names joined by '/')").arg(word);
+            return false;
+        }
+    return true;
+}
+
 bool PathValues::checkSendable(QString& error) const {
     for (const Entry& entry : list)
         if (!checkLeaves(entry.path, entry.value, error))

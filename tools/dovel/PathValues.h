@@ -43,6 +43,10 @@ public:
     // existing attributes at layer 2 and adds the new ones under `root`.
     bool apply(Tessel::Node& root, const TreeJson& json, QString& error) const;
 
+    // False with `error` naming the first word that is not a path (names joined by '/',
+    // none empty or "@type").
+    static bool checkPaths(const QStringList& words, QString& error);
+
     // One JSON value as text, as `set` reads it ("1.5", "\"text\"", "[1,2]", ...).
     static bool parseValue(const QByteArray& text, QJsonValue& value, QString& error);
 

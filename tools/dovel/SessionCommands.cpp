@@ -214,6 +214,9 @@ int runDump(const QStringList& args) {
     if (parsed >= 0)
         return parsed;
     const QByteArray path = line.positional().value(1).toUtf8();
+    QString error;
+    if (!path.isEmpty() && !PathValues::checkPaths({QString::fromUtf8(path)}, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
     const QJsonDocument::JsonFormat format =
         line.isSet(QStringLiteral("compact")) ? QJsonDocument::Compact : QJsonDocument::Indented;
     const TreeJson json;
@@ -332,12 +335,6 @@ int runWatch(const QStringList& args) {
     bool watching = false;
     bool connected = false;
     while (!stopSignalWithin(stopSignals, 50)) {
-        if (!watching && (mirror.hasFailed() || sinceStart.elapsed() >= target.seconds * 1000)) {
-            const int status = noSession(target, mirror);
-            mirror.stop();
-            mirror.driver().call([&] { printer.reset(); });
-            return status;
-        }
         if (!watching && stats.batchesApplied.load() > 0 && mirror.waitInitialState(0)) {
             int count = 0;
             mirror.driver().call([&] { count = printer->start(printHeld); });
@@ -348,6 +345,12 @@ int runWatch(const QStringList& args) {
                                   .arg(count)
                                   .arg(count == 1 ? "" : "s"));
             continue;
+        }
+        if (!watching && (mirror.hasFailed() || sinceStart.elapsed() >= target.seconds * 1000)) {
+            const int status = noSession(target, mirror);
+            mirror.stop();
+            mirror.driver().call([&] { printer.reset(); });
+            return status;
         }
         const bool now = mirror.client().isConnected();
         if (watching && connected && !now)

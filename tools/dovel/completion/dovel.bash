@@ -13,7 +13,13 @@ _dovel() {
     local client="--timeout --key-file"
     local server="--listen --key-file --allow --max-clients --max-per-address"
 
-    if [[ $cword -eq 1 ]]; then
+    # The command is the first word that is not an option (-v may come before it);
+    # `at` is where it stands.
+    local at=1
+    while [[ $at -lt $cword && ${words[at]} == -* ]]; do
+        at=$((at + 1))
+    done
+    if [[ $cword -eq $at ]]; then
         COMPREPLY=($(compgen -W "$commands $global --version" -- "$cur"))
         return
     fi
@@ -32,26 +38,27 @@ _dovel() {
         ;;
     esac
     local options
-    case ${words[1]} in
+    case ${words[at]} in
     serve) options="--tree --save --save-interval --read-only --writable $server" ;;
     dump) options="--compact $client" ;;
     get | set) options="$client" ;;
     ls) options="--json $client" ;;
     watch) options="--json --initial $client" ;;
-    keygen | demo) options="--seconds" ;;
+    keygen) options="" ;;
+    demo) options="--seconds" ;;
     bench)
-        if [[ $cword -eq 2 ]]; then
+        if [[ $cword -eq $((at + 1)) ]]; then
             COMPREPLY=($(compgen -W "updates coalesce latency initial fanout files" -- "$cur"))
             return
         fi
         options="--seconds --attributes --clients --trips --scratch --json"
         ;;
     files)
-        if [[ $cword -eq 2 ]]; then
+        if [[ $cword -eq $((at + 1)) ]]; then
             COMPREPLY=($(compgen -W "serve pull --help" -- "$cur"))
             return
         fi
-        case ${words[2]} in
+        case ${words[at + 1]} in
         serve) options="$server" ;;
         pull) options="--delete --timeout --key-file" ;;
         esac
