@@ -52,9 +52,10 @@ TEST(BenchCommand, LatencyAndInitialCopy) {
     EXPECT_GT(latency.value("latency", "tcp_rtt_p50_us"), 0);
     EXPECT_LE(latency.value("latency", "rtt_p50_us"), latency.value("latency", "rtt_p99_us"));
 
-    const BenchReport initial = runBench({"initial", "--attributes", "2000"});
+    const BenchReport initial = runBench({"initial", "--attributes", "2000", "--reconnect"});
     EXPECT_EQ(initial.value("initial", "attributes"), 2000);
     EXPECT_GT(initial.value("initial", "seconds"), 0);
+    EXPECT_GT(initial.value("initial", "reconnect_seconds"), 0);
     EXPECT_GT(initial.value("initial", "client_peak_rss_mb"), 0);
 }
 

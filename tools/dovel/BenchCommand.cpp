@@ -49,6 +49,8 @@ QStringList BenchOptions::peerArguments(int port, int index) const {
         words << QStringLiteral("--clients") << QString::number(clients);
     if (!scratch.isEmpty())
         words << QStringLiteral("--scratch") << scratch;
+    if (reconnect)
+        words << QStringLiteral("--reconnect");
     return words;
 }
 
@@ -69,6 +71,9 @@ int runBench(const QStringList& args) {
                    QStringLiteral("round trips of latency (default 10000)"));
     line.addOption(QStringLiteral("scratch"), QStringLiteral("DIR"),
                    QStringLiteral("files: work in DIR instead of a temporary folder"));
+    line.addOption(QStringLiteral("reconnect"), QString(),
+                   QStringLiteral("initial: then the server drops the client, which reconnects "
+                                  "holding the whole tree, and that second copy is timed too"));
     line.addOption(QStringLiteral("json"), QString(),
                    QStringLiteral("one JSON object per line per figure"));
     line.addOption(QStringLiteral("peer"), QStringLiteral("HOST:PORT"),
@@ -83,6 +88,7 @@ int runBench(const QStringList& args) {
     options.workload = line.positional().first();
     options.json = line.isSet(QStringLiteral("json"));
     options.scratch = line.value(QStringLiteral("scratch"));
+    options.reconnect = line.isSet(QStringLiteral("reconnect"));
     QString error;
     if (line.isSet(QStringLiteral("seconds")) &&
         !CommandLine::parseSeconds(QStringLiteral("seconds"), line.value(QStringLiteral("seconds")),

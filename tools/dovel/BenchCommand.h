@@ -26,7 +26,8 @@ struct BenchOptions {
     QString peerHost; // non-empty: this process is peer number `peerIndex`
     int peerPort = 0;
     int peerIndex = 0;
-    QString scratch; // files: the folder to work in (empty: a temporary one)
+    QString scratch;        // files: the folder to work in (empty: a temporary one)
+    bool reconnect = false; // initial: the client also reconnects, holding the tree
 
     bool isPeer() const { return !peerHost.isEmpty(); }
     // The words that start a peer of this run, without the program.

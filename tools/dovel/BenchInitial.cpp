@@ -11,7 +11,10 @@
 // server's tree unchanged meanwhile), and the client's session (its heap growth once the
 // bytes in flight have drained, minus what the same tree costs on the server's side).
 // The client writes "control/converged" = 1 when its copy is whole; the server then
-// takes its reading and writes "control/stop" = 1.
+// takes its reading and writes "control/stop" = 1. With --reconnect, the server first
+// drops the client, which comes back holding the whole tree: the time from its new
+// session's start to that session's first batch applied is the reconnect's, and the
+// client writes "control/converged" = 2 when it is whole again.
 #include "BenchItems.h"
 #include "BenchProcess.h"
 #include "BenchReport.h"
@@ -48,7 +51,7 @@ int countAttributes(Tessel::Node& root) {
 
 int runServer(const BenchOptions& options, BenchReport& report) {
     const QString workload = options.workload;
-    std::atomic<bool> converged{false};
+    std::atomic<int> converged{0}; // the client's last "control/converged"
     BenchServer bench;
     const int attributes =
         wholeItems(options.attributes > 0 ? options.attributes : DefaultAttributes);
@@ -73,17 +76,29 @@ int runServer(const BenchOptions& options, BenchReport& report) {
         auto* control = new Tessel::Node(&bench.root(), "control");
         auto* done = new Tessel::AttributeT<int32_t>(control, "converged", 0);
         stop = new Tessel::AttributeT<int32_t>(control, "stop", 0);
-        done->addListener([&converged] { converged.store(true); }, Tessel::Attribute::RoleChange);
+        done->addListener([&converged, done] { converged.store(done->value()); },
+                          Tessel::Attribute::RoleChange);
     });
     peers.release();
-    if (!waitUntil([&] { return converged.load() || peers.running() == 0; }, SetupMs) ||
-        !converged.load()) {
+    if (!waitUntil([&] { return converged.load() > 0 || peers.running() == 0; }, SetupMs) ||
+        converged.load() == 0) {
         std::vector<BenchPeers::Result> ignored;
         peers.finish(ignored, 1000);
         return CommandLine::fail(CommandLine::Failure,
                                  QStringLiteral("bench initial: the client never held the tree"));
     }
     const double heapSession = heapInUseBytes();
+    if (options.reconnect) {
+        for (const auto& session : bench.server().sessions())
+            session->abortConnection();
+        if (!waitUntil([&] { return converged.load() == 2 || peers.running() == 0; }, SetupMs) ||
+            converged.load() != 2) {
+            std::vector<BenchPeers::Result> ignored;
+            peers.finish(ignored, 1000);
+            return CommandLine::fail(CommandLine::Failure,
+                                     QStringLiteral("bench initial: the client never came back"));
+        }
+    }
     bench.driver().call([&] { stop->setValue(1, Layer); });
     std::vector<BenchPeers::Result> results;
     const bool ok = peers.finish(results, SetupMs);
@@ -97,6 +112,14 @@ int runServer(const BenchOptions& options, BenchReport& report) {
     const double seconds = client.value(workload, "seconds");
     report.add(workload, "attributes", attributes, "attributes");
     report.add(workload, "seconds", seconds, "s");
+    if (options.reconnect) {
+        const double again = client.value(workload, "reconnect_seconds");
+        report.add(workload, "reconnect_seconds", again, "s");
+        report.target(workload, "target_reconnect_seconds",
+                      "a client that reconnects holding the tree converges no slower than a "
+                      "first copy",
+                      ok && again <= seconds);
+    }
     report.add(workload, "server_peak_rss_mb", peakRssMb(), "MiB");
     report.add(workload, "client_peak_rss_mb", client.value(workload, "client_peak_rss_mb"), "MiB");
     report.add(workload, "tree_bytes_per_attribute", treeBytes, "bytes");
@@ -163,6 +186,32 @@ int runPeer(const BenchOptions& options, BenchReport& report) {
         stop->addListener([&stopped] { stopped.store(true); }, Tessel::Attribute::RoleChange);
         done->setValue(1, Layer);
     });
+    if (found && options.reconnect) {
+        // Dropped by the server, the client comes back: timed from its new session's
+        // start to that session's first batch applied.
+        const Dovel::SessionStats& stats = mirror.client().stats();
+        // What the first session still had queued is applied once it ended (before the
+        // next attempt, a retry pause later): the next batch applied is the new one's.
+        if (!waitUntil([&] { return stats.sessionsEnded.load() >= 1; }, SetupMs) ||
+            !mirror.driver().call([] {}))
+            return CommandLine::fail(CommandLine::Failure,
+                                     QStringLiteral("bench peer: the server never dropped it"));
+        const uint64_t appliedBefore = stats.batchesApplied.load();
+        if (!waitUntil([&] { return stats.sessionsStarted.load() >= 2; }, SetupMs))
+            return CommandLine::fail(CommandLine::Failure,
+                                     QStringLiteral("bench peer: no second session"));
+        QElapsedTimer again;
+        again.start();
+        if (!waitUntil([&] { return stats.batchesApplied.load() > appliedBefore; }, SetupMs) ||
+            !mirror.driver().call([] {}))
+            return CommandLine::fail(CommandLine::Failure,
+                                     QStringLiteral("bench peer: the second copy never came"));
+        report.add(workload, "reconnect_seconds", double(again.nsecsElapsed()) / 1e9, "s");
+        mirror.driver().call([&] {
+            if (auto* done = typedAt<int32_t>(mirror.node(), "control/converged"))
+                done->setValue(2, Layer);
+        });
+    }
     if (!found || !waitUntil([&] { return stopped.load(); }, SetupMs))
         return CommandLine::fail(CommandLine::Failure,
                                  QStringLiteral("bench peer: the server never ended the run"));
