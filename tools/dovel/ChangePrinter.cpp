@@ -4,29 +4,21 @@
 
 #include "Tessel/Node.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-
 namespace DovelTool {
 
 namespace {
-
-QByteArray jsonString(const QByteArray& text) {
-    const QByteArray array =
-        QJsonDocument(QJsonArray{QString::fromUtf8(text)}).toJson(QJsonDocument::Compact);
-    return array.mid(1, array.size() - 2); // without the brackets
-}
 
 // The path as a line shows it: as it is, unless a reader could take it apart wrongly.
 QByteArray pathText(const QByteArray& path) {
     bool plain = !path.startsWith("+ ") && !path.startsWith("- ") && !path.contains(" = ");
     for (const char c : path)
         plain = plain && c != '"' && uint8_t(c) >= 0x20 && c != 0x7f;
-    return plain ? path : jsonString(path);
+    return plain ? path : TreeJson::jsonString(path);
 }
 
 QByteArray jsonLine(const char* event, const QByteArray& path, const QByteArray& valueText) {
-    QByteArray line = QByteArray("{\"event\":\"") + event + "\",\"path\":" + jsonString(path);
+    QByteArray line =
+        QByteArray("{\"event\":\"") + event + "\",\"path\":" + TreeJson::jsonString(path);
     if (!valueText.isNull())
         line += ",\"value\":" + valueText;
     return line + "}\n";

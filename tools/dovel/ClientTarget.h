@@ -26,6 +26,10 @@ struct ClientTarget {
 
     QString address() const { return QStringLiteral("%1:%2").arg(host).arg(port); }
     int milliseconds() const { return int(seconds * 1000); }
+    // The line for a path the server's tree does not hold.
+    QString lacks(const QString& path) const {
+        return QStringLiteral("%1: %2 holds no such attribute").arg(path, address());
+    }
 };
 
 // Adds --timeout (with `timeoutHelp`, or the usual text when empty) and --key-file to

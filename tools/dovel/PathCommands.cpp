@@ -9,27 +9,11 @@
 
 #include "Tessel/Node.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QRegularExpression>
 
 #include <functional>
 
 namespace DovelTool {
-
-namespace {
-
-QString noSuchPath(const QString& path, const ClientTarget& target) {
-    return QStringLiteral("%1: %2 holds no such attribute").arg(path, target.address());
-}
-
-QByteArray jsonString(const QString& text) {
-    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
-    return array.mid(1, array.size() - 2); // without the brackets
-}
-
-} // namespace
 
 int runGet(const QStringList& args) {
     CommandLine line(QStringLiteral("get"), QStringLiteral("HOST:PORT PATH... [--timeout SECONDS]"),
@@ -55,7 +39,7 @@ int runGet(const QStringList& args) {
             Tessel::Attribute* at = Dovel::attributeAt(root, path.toUtf8());
             QJsonValue value;
             if (!at || !json.toJson(*at, value))
-                return CommandLine::fail(CommandLine::Failure, noSuchPath(path, target));
+                return CommandLine::fail(CommandLine::Failure, target.lacks(path));
             out += TreeJson::valueText(value) + '\n';
         }
         CommandLine::print(out);
@@ -88,23 +72,24 @@ int runLs(const QStringList& args) {
     const TreeJson json;
     return readServerTree(target, [&](Tessel::Node& root) {
         QByteArray out;
-        Dovel::walkAttributesWithPath(root, [&](Tessel::Attribute& attribute,
-                                                const QByteArray& path) {
-            const QString text = QString::fromUtf8(path);
-            if (!pattern.isEmpty() && !filter.match(text).hasMatch())
-                return;
-            const QString type = json.typeName(attribute);
-            if (type.isEmpty())
-                return; // no form in the tree-file format, as dump leaves it out
-            if (asJson) {
-                out += "{\"path\":" + jsonString(text) + ",\"type\":\"" + type.toLatin1() + "\"}\n";
-                return;
-            }
-            bool plain = true;
-            for (const QChar c : text)
-                plain = plain && c.isPrint() && c != QLatin1Char(' ') && c != QLatin1Char('"');
-            out += (plain ? path : jsonString(text)) + ' ' + type.toLatin1() + '\n';
-        });
+        Dovel::walkAttributesWithPath(
+            root, [&](Tessel::Attribute& attribute, const QByteArray& path) {
+                const QString text = QString::fromUtf8(path);
+                if (!pattern.isEmpty() && !filter.match(text).hasMatch())
+                    return;
+                const QString type = json.typeName(attribute);
+                if (type.isEmpty())
+                    return; // no form in the tree-file format, as dump leaves it out
+                if (asJson) {
+                    out += "{\"path\":" + TreeJson::jsonString(path) + ",\"type\":\"" +
+                           type.toLatin1() + "\"}\n";
+                    return;
+                }
+                bool plain = true;
+                for (const QChar c : text)
+                    plain = plain && c.isPrint() && c != QLatin1Char(' ') && c != QLatin1Char('"');
+                out += (plain ? path : TreeJson::jsonString(path)) + ' ' + type.toLatin1() + '\n';
+            });
         CommandLine::print(out);
         return int(CommandLine::Success);
     });

@@ -229,8 +229,7 @@ int runDump(const QStringList& args) {
             QJsonValue value;
             if (!at || !json.toJson(*at, value))
                 return CommandLine::fail(CommandLine::Failure,
-                                         QStringLiteral("%1: %2 holds no such attribute")
-                                             .arg(QString::fromUtf8(path), target.address()));
+                                         target.lacks(QString::fromUtf8(path)));
             document = Tessel::asNode(at) ? QJsonDocument(value.toObject()).toJson(format)
                                           : TreeJson::valueText(value); // a value: one line
         }

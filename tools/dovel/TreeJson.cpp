@@ -341,6 +341,12 @@ bool TreeJson::toJson(Tessel::Attribute& attribute, QJsonValue& out) const {
     return valueJson(attribute, attribute.name(), out);
 }
 
+QByteArray TreeJson::jsonString(const QByteArray& text) {
+    const QByteArray array =
+        QJsonDocument(QJsonArray{QString::fromUtf8(text)}).toJson(QJsonDocument::Compact);
+    return array.mid(1, array.size() - 2); // without the brackets
+}
+
 QByteArray TreeJson::valueText(const QJsonValue& value) {
     // QJsonDocument writes only objects and arrays: write a one-element array and drop
     // its brackets.

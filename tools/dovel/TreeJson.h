@@ -121,6 +121,8 @@ public:
     // The type name the tree-file format gives the attribute ("float", "vec3f", ...):
     // "node" for a node, an alias's target's type; empty when it has none.
     QString typeName(Tessel::Attribute& attribute) const;
+    // `text` (UTF-8) as a JSON string literal, quotes and escapes included.
+    static QByteArray jsonString(const QByteArray& text);
     // `value` as compact JSON text, for one-line output ("PATH = VALUE").
     static QByteArray valueText(const QJsonValue& value);
 
