@@ -94,6 +94,13 @@ constexpr int MaxPeerNameBytes = 4096;
 // once per level.
 constexpr int MaxPeerPathDepth = 128;
 
+// Largest answer a tree server writes to one query of a light client ("Dovel.Query");
+// a read or list that would be larger is answered Query::TooLarge, and the client takes
+// a full copy instead. Half a bundle, so that an answer is always one we accept.
+constexpr int MaxQueryReplyBytes = MaxBundlePayloadBytes / 2;
+// Most paths or entries one query may carry: each costs the server a walk.
+constexpr int MaxQueryItems = 1 << 16;
+
 // Largest whole event that a peer may announce in "event-slice-begin"; its slices are
 // joined into one buffer of that size once all have come (RemoteNode::handleRemoteEvent).
 constexpr int MaxSlicedEventBytes = 64 << 20;

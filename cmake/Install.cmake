@@ -12,7 +12,8 @@ install(TARGETS dovel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/docs/dovel.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${PROJECT_SOURCE_DIR}/tools/dovel/completion/dovel.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME dovel)
-install(FILES ${PROJECT_SOURCE_DIR}/docs/tree-format.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/docs/tree-format.md ${PROJECT_SOURCE_DIR}/docs/query-module.md
+        DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/Dovel/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Dovel
         FILES_MATCHING PATTERN "*.h")

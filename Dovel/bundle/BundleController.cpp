@@ -1,6 +1,8 @@
 #include "Dovel/bundle/BundleController.h"
 
 #include "Dovel/bundle/BundleReader.h"
+#include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/bundle/PendingBundleSender.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 #include "Dovel/sync/AttributeCache.h"
 #include "Dovel/sync/AttributeRemoveReceiver.h"
@@ -10,6 +12,7 @@
 #include "Dovel/sync/NewAttributeReceiver.h"
 #include "Dovel/sync/NodeChangeSender.h"
 #include "Dovel/sync/OneWayEventReceiver.h"
+#include "Dovel/sync/QueryReceiver.h"
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/sync/SyncFlags.h"
 #include "Dovel/transport/Connection.h"
@@ -161,6 +164,7 @@ BundleController::Core::~Core() {
     }
     tasks.clear();
     // The modules go before the storage and registries they point into.
+    queryReceiver.reset();
     oneWayEventReceiver.reset();
     attributeUpdateReceiver.reset();
     newAttributeReceiver.reset();
@@ -203,6 +207,10 @@ void BundleController::Core::ensureIsInitialized() {
     if (!params || nodeGone->load() || closed.load())
         return;
     noteTreeThread();
+    if (params->querySession) {
+        initializeQuerySession();
+        return;
+    }
     attributeStorage = std::make_shared<AttributeStorage>(remoteNode);
     enabled.store(params->enabled);
     dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(
@@ -256,6 +264,22 @@ void BundleController::Core::ensureIsInitialized() {
     nodeChangeSender->sendInitialValues();
 }
 
+void BundleController::Core::initializeQuerySession() {
+    enabled.store(params->enabled);
+    // The client's own sender asks for the symbol module too; it is offered so that the
+    // binding succeeds, and nothing here reads the symbols.
+    dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(
+        symbolRegistry, Limits::MaxPeerSymbols, &remoteNode.symbolRegistry()));
+    queryReplies = std::make_shared<PendingBundleSender>(ModuleNames::QueryReply);
+    dispatcher.addSender(queryReplies);
+    queryReceiver = std::make_shared<QueryReceiver>(
+        remoteNode, typeRegistry, *queryReplies,
+        writeRules.allowsEverything() ? nullptr : &writeRules, params->createMissingAttributes);
+    dispatcher.addModule(queryReceiver);
+    connection = params->connection;
+    params.reset();
+}
+
 void BundleController::Core::addTask(const Task& task) {
     {
         Basalt::Guard guard(mutex);
@@ -300,7 +324,8 @@ void BundleController::Core::flush(bool mayHoldBack) {
     if (nodeGone->load() || ended)
         return;
     // Only a core that can wake its tree thread may wait for the peer to catch up.
-    if (mayHoldBack && drainedWake && connection && !nodeChangeSender->eventsPiledUp() &&
+    if (mayHoldBack && drainedWake && connection && nodeChangeSender &&
+        !nodeChangeSender->eventsPiledUp() &&
         connection->holdBack([token = drainedWake] { (*token)(); })) {
         nodeChangeSender->holdChanges();
         if (counters)

@@ -51,6 +51,8 @@ class Connection;
 class NewAttributeReceiver;
 class NodeChangeSender;
 class OneWayEventReceiver;
+class PendingBundleSender;
+class QueryReceiver;
 class RemoteNode;
 
 struct BundleControllerParams {
@@ -64,6 +66,11 @@ struct BundleControllerParams {
     // Sends the peer nothing but the handshake, and makes the node a copy of what the
     // peer announces in its first batch (SessionClient::Options::mirrorOnly).
     bool mirrorOnly = false;
+    // A light client's session: the peer asks about paths and changes them through the
+    // query module ("Dovel.Query", answered on the tree thread) instead of taking the
+    // tree. Nothing is announced to it, nothing watched for it, and no other module is
+    // offered. `createMissingAttributes` and `writeRules` hold for its writes.
+    bool querySession = false;
     // The initial value of the core's enabled flag.
     bool enabled = true;
     // True: driven by the host's update loop; false: the owner calls update().
@@ -209,6 +216,9 @@ private:
     std::shared_ptr<AttributeUpdateReceiver> attributeUpdateReceiver;
     std::shared_ptr<AttributeRemoveReceiver> attributeRemoveReceiver;
     std::shared_ptr<OneWayEventReceiver> oneWayEventReceiver;
+    // A query session's two modules, instead of the five above.
+    std::shared_ptr<PendingBundleSender> queryReplies;
+    std::shared_ptr<QueryReceiver> queryReceiver;
     std::shared_ptr<Connection> connection;
     std::atomic<bool> enabled{true};
     Basalt::Mutex mutex{false};
@@ -238,6 +248,7 @@ private:
     bool mirrorOnly = false;
     bool mirrored = false;
     void removeUnannounced(Tessel::Node& under);
+    void initializeQuerySession();
     // Listeners on the node that wake the tree thread for local changes.
     long changeWakeId = -1;
     long eventWakeId = -1;

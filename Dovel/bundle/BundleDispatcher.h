@@ -15,6 +15,7 @@
 #include <QString>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <vector>
@@ -50,6 +51,15 @@ public:
     // The output pass: replaces `out` with the bundles of every sender, in sender order.
     void writeUpdates(std::vector<Bundle>& out);
 
+    // Called with the command and module of every "error" the peer answers (after it is
+    // logged): how a side learns that the peer lacks a module it asked for.
+    using PeerErrorHandler = std::function<void(const QString& command, const QString& module)>;
+    void setPeerErrorHandler(PeerErrorHandler handler) { peerError = std::move(handler); }
+    void peerReportedError(const QString& command, const QString& module) const {
+        if (peerError)
+            peerError(command, module);
+    }
+
     // The header word 2 that the next emitted bundle gets (starts at 1).
     uint32_t outputSequence() const { return sequence; }
     // Header word 2 of the last bundle dispatched without an exception (0 before any).
@@ -69,6 +79,7 @@ private:
     std::shared_ptr<HandshakeReceiver> handshakeReceiver;
     // Outgoing name to number.
     std::map<QByteArray, uint32_t> messageTypes;
+    PeerErrorHandler peerError;
 };
 
 } // namespace Dovel

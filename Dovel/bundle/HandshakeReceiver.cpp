@@ -63,6 +63,7 @@ void HandshakeReceiver::handleBundle(BundleReader& reader) {
                 "info: %s",
                 answered.toUtf8().constData(), module.toUtf8().constData(),
                 renderMap(info).toUtf8().constData());
+            dispatcher->peerReportedError(answered, module);
         } else if (command == QLatin1String("ok")) {
             reader.readString();
             reader.readString();

@@ -11,6 +11,10 @@ constexpr const char AttributeNew[] = "Quillon.Dovel.AttributeNew";
 constexpr const char AttributeUpdate[] = "Quillon.Dovel.AttributeUpdate";
 constexpr const char AttributeRemove[] = "Quillon.Dovel.AttributeRemove";
 constexpr const char OneWayEvent[] = "Quillon.Dovel.OneWayEvent";
+// Dovel's own: a light client's questions to a tree server and their answers
+// (Dovel/sync/QueryWire.h).
+constexpr const char Query[] = "Dovel.Query";
+constexpr const char QueryReply[] = "Dovel.QueryReply";
 
 } // namespace ModuleNames
 } // namespace Dovel

@@ -2,6 +2,7 @@
 
 #include "Dovel/bundle/BundleController.h"
 #include "Dovel/session/SessionDriver.h"
+#include "Dovel/sync/QueryWire.h"
 #include "Dovel/transport/Dovel1Connection.h"
 #include "Dovel/transport/ProcessDovel2.h"
 
@@ -57,10 +58,8 @@ std::shared_ptr<BundleController> SessionConnection::controller() const {
 bool SessionConnection::parse(const QString& line) {
     if (processDovel2(controller(), *this, line))
         return true;
-    // A folder server lists its files first ("filelistend" alone for an empty folder): a
-    // tree client has nothing to do there.
-    if (!isServerSide() && (line.startsWith(QLatin1String("filelist ")) ||
-                            line.startsWith(QLatin1String("filelistend ")))) {
+    // A tree client has nothing to do at a folder server.
+    if (!isServerSide() && PeerFailure::isFolderListing(line)) {
         Basalt::Trace::warning("SessionConnection::parse # %s:%d serves a folder, not a tree; "
                                "disconnecting",
                                hostName().toUtf8().constData(), port());
@@ -101,6 +100,8 @@ void SessionConnection::connected() {
     params.isMaster = config.master;
     params.createMissingAttributes = config.createMissingAttributes;
     params.mirrorOnly = config.mirrorOnly;
+    params.querySession = isServerSide() && config.answerQueries &&
+                          remoteVersionSuffix() == QLatin1String(Query::ClientSuffix);
     params.enabled = true;
     params.autoUpdate = config.driver == nullptr;
     if (config.driver) {

@@ -13,6 +13,7 @@ SessionServer::SessionServer(RemoteNode& node, SessionDriver* driver, Options op
     config.createMissingAttributes = options.createMissingAttributes;
     config.oneWayEventHandler = std::move(options.oneWayEventHandler);
     config.stats = stats_;
+    config.answerQueries = options.answerQueries;
     if (options.readOnly)
         config.writeRules = PeerWriteRules::readOnly(options.writable);
     setLoginKey(options.loginKey);

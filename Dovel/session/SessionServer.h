@@ -43,6 +43,10 @@ public:
         double timeoutSeconds = 10.0;
         // Who may connect, and how many.
         AdmissionRules admission;
+        // Light clients (QueryClient, the tool's get, ls, set and rm) read and change
+        // paths without taking the tree; off: they are served as ordinary clients and
+        // take a full copy.
+        bool answerQueries = true;
     };
 
     // `driver` null: the sessions run from the host's update loop.

@@ -379,7 +379,13 @@ bool ConnectionThread::clientHandshake(PeerFailure& why) {
     const QByteArray digest = loginDigest(head + tail, loginKey());
 
     // An older server would take the version line for the user name.
-    if (remoteVersion(1, 9, 1) && !puts(greeting()))
+    QString versionLine = greeting();
+    {
+        Basalt::Guard guard(stateMutex);
+        if (!ownSuffix.isEmpty())
+            versionLine += QLatin1Char('-') + ownSuffix;
+    }
+    if (remoteVersion(1, 9, 1) && !puts(versionLine))
         return false;
     if (!puts(UserName) || !writeData(digest.constData(), digest.size()))
         return false;
@@ -815,6 +821,16 @@ void ConnectionThread::setRemoteVersion(int major, int minor, int patch, const Q
     remoteMinor = minor;
     remotePatch = patch;
     remoteSuffix = suffix;
+}
+
+QString ConnectionThread::remoteVersionSuffix() const {
+    Basalt::Guard guard(stateMutex);
+    return remoteSuffix;
+}
+
+void ConnectionThread::setVersionSuffix(const QString& suffix) {
+    Basalt::Guard guard(stateMutex);
+    ownSuffix = suffix;
 }
 
 QString ConnectionThread::remoteVersion() const {

@@ -119,6 +119,12 @@ public:
 
     void setRemoteVersion(int major, int minor, int patch, const QString& suffix);
     QString remoteVersion() const;
+    // The suffix of the peer's version ("pellux" in "2.0.4-pellux"); empty when none.
+    QString remoteVersionSuffix() const;
+    // Client side: a suffix for the version line this side sends ("Heliotrope
+    // 2.6.1-SUFFIX"), by which a client tells a server what kind of client it is. Empty
+    // (the default): the plain version line. Set before connecting.
+    void setVersionSuffix(const QString& suffix);
     // True when the peer's version is at least major.minor.patch.
     bool remoteVersion(int major, int minor, int patch) const;
     bool isDovel15Supported() const;
@@ -228,6 +234,7 @@ private:
     int remoteMinor = 0;
     int remotePatch = 0;
     QString remoteSuffix;
+    QString ownSuffix;
     QString userName;
     QByteArray loginKey_{DefaultLoginKey};
     PeerFailure failure;

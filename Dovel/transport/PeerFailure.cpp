@@ -27,4 +27,9 @@ QString PeerFailure::text() const {
     return QString();
 }
 
+bool PeerFailure::isFolderListing(const QString& line) {
+    return line.startsWith(QLatin1String("filelist ")) ||
+           line.startsWith(QLatin1String("filelistend "));
+}
+
 } // namespace Dovel

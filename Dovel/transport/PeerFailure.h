@@ -26,6 +26,10 @@ struct PeerFailure {
     // A few words for after "HOST:PORT: ", as "connection refused" or "not a Dovel
     // server (it greeted 'SSH-2.0-OpenSSH_9.2')".
     QString text() const;
+
+    // Whether a line that a logged-in server sends a tree client shows a folder server:
+    // it lists its files first ("filelistend" alone for an empty folder).
+    static bool isFolderListing(const QString& line);
 };
 
 } // namespace Dovel

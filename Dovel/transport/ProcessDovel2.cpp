@@ -9,6 +9,7 @@
 #include "Basalt/Trace.h"
 
 #include <algorithm>
+#include <functional>
 #include <vector>
 
 namespace Dovel {
@@ -77,8 +78,14 @@ void holdWhileBehind(const ReceiveBacklog& backlog, ConnectionThread& connection
 
 } // namespace
 
-bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThread& connection,
-                   const QString& line) {
+namespace {
+
+// Reads the batch announced by `line`, handing it to `consume` in pieces as it arrives
+// (first, last: whether the piece starts or ends the batch) and calling `hold` after
+// each; see processDovel2.
+bool readBatch(ConnectionThread& connection, const QString& line,
+               const std::function<void(std::vector<Bundle>&, bool, bool)>& consume,
+               const std::function<void()>& hold) {
     if (!line.startsWith(QLatin1String("dovel2 ")))
         return false;
     bool ok = false;
@@ -103,19 +110,39 @@ bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThrea
         pieceBytes += bundles.back().size();
         // Applying a large batch in pieces is applying consecutive batches: the pieces
         // keep their order, and each is applied whole.
-        if (controller && pieceBytes >= PieceBytes && i + 1 < count) {
-            controller->scheduleProcess(bundles, firstPiece, false);
+        if (pieceBytes >= PieceBytes && i + 1 < count) {
+            consume(bundles, firstPiece, false);
             bundles.clear();
             pieceBytes = 0;
             firstPiece = false;
-            holdWhileBehind(controller->receiveBacklog(), connection);
+            hold();
         }
     }
-    if (controller) {
-        controller->scheduleProcess(bundles, firstPiece, true);
-        holdWhileBehind(controller->receiveBacklog(), connection);
-    }
+    consume(bundles, firstPiece, true);
+    hold();
     return true;
+}
+
+} // namespace
+
+bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThread& connection,
+                   const QString& line) {
+    return readBatch(
+        connection, line,
+        [&](std::vector<Bundle>& piece, bool first, bool last) {
+            if (controller)
+                controller->scheduleProcess(piece, first, last);
+        },
+        [&] {
+            if (controller)
+                holdWhileBehind(controller->receiveBacklog(), connection);
+        });
+}
+
+bool processDovel2(const std::function<void(const std::vector<Bundle>&)>& consume,
+                   ConnectionThread& connection, const QString& line) {
+    return readBatch(
+        connection, line, [&](std::vector<Bundle>& piece, bool, bool) { consume(piece); }, [] {});
 }
 
 } // namespace Dovel

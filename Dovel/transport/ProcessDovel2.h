@@ -5,10 +5,13 @@
 
 #include <QString>
 
+#include <functional>
 #include <memory>
+#include <vector>
 
 namespace Dovel {
 
+class Bundle;
 class BundleController;
 class ConnectionThread;
 
@@ -22,5 +25,9 @@ class ConnectionThread;
 // ends: the peer is slowed by TCP while this side keeps it from timing out.
 bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThread& connection,
                    const QString& line);
+// The same framing for a connection that handles its bundles itself, on its own thread:
+// `consume` gets each piece of the batch in order, as it arrives.
+bool processDovel2(const std::function<void(const std::vector<Bundle>&)>& consume,
+                   ConnectionThread& connection, const QString& line);
 
 } // namespace Dovel

@@ -1,0 +1,243 @@
+#include "Dovel/session/QueryClient.h"
+
+#include "Dovel/bundle/BundleDispatcher.h"
+#include "Dovel/bundle/BundleReceiver.h"
+#include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/bundle/PendingBundleSender.h"
+#include "Dovel/bundle/SymbolRegistryReceiver.h"
+#include "Dovel/transport/ConnectionThread.h"
+#include "Dovel/transport/Dovel1Connection.h"
+#include "Dovel/transport/ProcessDovel2.h"
+
+#include "Basalt/SymbolRegistry.h"
+#include "Basalt/Trace.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+
+namespace Dovel {
+
+namespace {
+
+// Symbols a server may define for a light client: ours defines none, and a server that
+// takes it for an ordinary client is left as soon as it says it lacks the query module.
+constexpr int MaxClientSymbols = 1024;
+
+} // namespace
+
+// The connection, and the client's end of a session on it: a dispatcher with the query
+// module's two ends, used under `mutex` by the connection's thread (answers) and the
+// caller's (requests).
+class QueryClient::Link : public ConnectionThread {
+public:
+    Link() : ConnectionThread(nullptr, false) {
+        setKeepRetrying(false);
+        setVersionSuffix(QString::fromLatin1(Query::ClientSuffix));
+        dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(symbols, MaxClientSymbols));
+        dispatcher.addModule(std::make_shared<Replies>(*this));
+        dispatcher.addSender(requests);
+        dispatcher.setPeerErrorHandler([this](const QString&, const QString& module) {
+            if (module == QLatin1String(ModuleNames::Query))
+                unsupported = true; // under `mutex`: called from dispatch
+        });
+    }
+    ~Link() override { shutdown(); }
+
+    // Caller's thread: sends one request and waits for its answer.
+    Outcome ask(uint32_t operation, const std::function<void(BundleWriterCore&)>& arguments,
+                Query::Reply& reply, int ms) {
+        std::vector<Bundle> out;
+        uint32_t id = 0;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (ended || unsupported)
+                return ended ? Failed : Unsupported;
+            id = ++lastId;
+            BundleWriterCore& writer = requests->writer();
+            writer.writeUInt32(id);
+            writer.writeUInt32(operation);
+            arguments(writer);
+            dispatcher.writeUpdates(out);
+        }
+        Dovel1Connection(weak_from_this()).send(out);
+        std::unique_lock<std::mutex> lock(mutex);
+        const bool done = changed.wait_for(lock, std::chrono::milliseconds(ms), [&] {
+            return answers.count(id) != 0 || unsupported || ended;
+        });
+        const auto answer = answers.find(id);
+        if (answer != answers.end()) {
+            reply = std::move(answer->second);
+            answers.erase(answer);
+            return Answered;
+        }
+        if (unsupported)
+            return Unsupported;
+        (void)done;
+        return Failed;
+    }
+
+    // Caller's thread: waits until logged in or failed.
+    bool waitOpen(int ms) {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, std::chrono::milliseconds(ms), [&] { return loggedIn || ended; });
+        return loggedIn && !ended;
+    }
+    bool hasEnded() const {
+        std::lock_guard<std::mutex> lock(mutex);
+        return ended;
+    }
+
+protected:
+    bool parse(const QString& line) override {
+        if (PeerFailure::isFolderListing(line)) {
+            notePeerFailure({PeerFailure::FolderServer, 0, QString()});
+            abortConnection();
+            return true;
+        }
+        return processDovel2(
+            [this](const std::vector<Bundle>& bundles) {
+                std::lock_guard<std::mutex> lock(mutex);
+                for (const Bundle& bundle : bundles) {
+                    BundleReader reader(bundle);
+                    try {
+                        dispatcher.dispatchBundle(reader);
+                    } catch (const std::exception& e) {
+                        Basalt::Trace::warning("QueryClient::parse # %s:%d sent a bundle that "
+                                               "does not read: %s",
+                                               hostName().toUtf8().constData(), port(), e.what());
+                    }
+                }
+                changed.notify_all();
+            },
+            *this, line);
+    }
+    bool handshake() override {
+        const bool ok = ConnectionThread::handshake();
+        if (!ok)
+            end();
+        return ok;
+    }
+    void connected() override {
+        std::lock_guard<std::mutex> lock(mutex);
+        loggedIn = true;
+        changed.notify_all();
+    }
+    void disconnected() override { end(); }
+    void connectionFailed() override { end(); }
+
+private:
+    // The answers, kept by request id until their request takes them.
+    class Replies : public BundleReceiver {
+    public:
+        explicit Replies(Link& link) : BundleReceiver(ModuleNames::QueryReply), link(link) {}
+        void handleBundle(BundleReader& reader) override {
+            while (!reader.atEnd()) {
+                Query::Reply reply = Query::readReply(reader);
+                // Only an awaited answer is kept: a server cannot make us hold others.
+                if (reply.id == link.lastId && link.answers.count(reply.id) == 0)
+                    link.answers.emplace(reply.id, std::move(reply));
+            }
+        }
+
+    private:
+        Link& link;
+    };
+
+    void end() {
+        std::lock_guard<std::mutex> lock(mutex);
+        ended = true;
+        changed.notify_all();
+    }
+
+    mutable std::mutex mutex;
+    std::condition_variable changed;
+    Basalt::SymbolRegistry symbols;
+    BundleDispatcher dispatcher;
+    std::shared_ptr<PendingBundleSender> requests =
+        std::make_shared<PendingBundleSender>(ModuleNames::Query);
+    std::map<uint32_t, Query::Reply> answers;
+    uint32_t lastId = 0;
+    bool loggedIn = false;
+    bool ended = false;
+    bool unsupported = false;
+};
+
+QueryClient::QueryClient(const QByteArray& loginKey, double timeoutSeconds)
+    : link(std::make_shared<Link>()) {
+    link->setLoginKey(loginKey);
+    link->setTimeoutSeconds(timeoutSeconds);
+}
+
+QueryClient::~QueryClient() {
+    close();
+}
+
+bool QueryClient::open(const QString& host, int port, int ms) {
+    link->connectToHost(host, port);
+    if (link->waitOpen(ms))
+        return true;
+    const PeerFailure why = link->lastFailure();
+    failure = why.isSet() ? why.text() : QStringLiteral("no answer");
+    return false;
+}
+
+void QueryClient::close() {
+    link->shutdown();
+}
+
+QueryClient::Outcome QueryClient::ask(uint32_t operation,
+                                      const std::function<void(BundleWriterCore&)>& arguments,
+                                      Query::Reply& reply, int ms) {
+    const Outcome outcome = link->ask(operation, arguments, reply, ms);
+    const PeerFailure why = link->lastFailure();
+    if (outcome == Failed)
+        failure = why.isSet()        ? why.text()
+                  : link->hasEnded() ? QStringLiteral("the connection ended before the answer")
+                                     : QStringLiteral("no answer");
+    return outcome;
+}
+
+namespace {
+std::function<void(BundleWriterCore&)> pathList(const QList<QByteArray>& paths) {
+    return [&paths](BundleWriterCore& writer) {
+        writer.writeUInt32(uint32_t(paths.size()));
+        for (const QByteArray& path : paths)
+            writer.writeBytes(path);
+    };
+}
+} // namespace
+
+QueryClient::Outcome QueryClient::read(const QList<QByteArray>& paths, Query::Reply& reply,
+                                       int ms) {
+    return ask(Query::Read, pathList(paths), reply, ms);
+}
+
+QueryClient::Outcome QueryClient::list(const QByteArray& pattern, Query::Reply& reply, int ms) {
+    return ask(
+        Query::List, [&](BundleWriterCore& writer) { writer.writeBytes(pattern); }, reply, ms);
+}
+
+QueryClient::Outcome QueryClient::write(const std::vector<Query::Entry>& entries,
+                                        Query::Reply& reply, int ms) {
+    return ask(
+        Query::Write,
+        [&](BundleWriterCore& writer) {
+            writer.writeUInt32(uint32_t(entries.size()));
+            for (const Query::Entry& entry : entries)
+                Query::writeEntry(writer, entry);
+        },
+        reply, ms);
+}
+
+QueryClient::Outcome QueryClient::remove(const QList<QByteArray>& paths, Query::Reply& reply,
+                                         int ms) {
+    return ask(Query::Remove, pathList(paths), reply, ms);
+}
+
+QString QueryClient::failureReason() const {
+    return failure;
+}
+
+} // namespace Dovel

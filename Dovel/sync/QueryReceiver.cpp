@@ -1,0 +1,348 @@
+#include "Dovel/sync/QueryReceiver.h"
+
+#include "Dovel/Limits.h"
+#include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/bundle/PendingBundleSender.h"
+#include "Dovel/sync/PeerWriteRules.h"
+#include "Dovel/sync/RemoteNode.h"
+#include "Dovel/types/TypeRegistry.h"
+
+#include "Tessel/AttributeAlias.h"
+#include "Tessel/Node.h"
+
+#include <QRegularExpression>
+
+#include <memory>
+
+namespace Dovel {
+
+using Tessel::Attribute;
+using Tessel::AttributeAlias;
+using Tessel::Node;
+
+namespace {
+
+// A path a client may name: names joined by '/', none empty, not deeper than a peer's
+// announcement may go. The empty path is the root.
+bool isWellFormed(const QByteArray& path) {
+    if (path.isEmpty())
+        return true;
+    const QList<QByteArray> names = path.split('/');
+    if (names.size() > Limits::MaxPeerPathDepth)
+        return false;
+    for (const QByteArray& name : names)
+        if (name.isEmpty())
+            return false;
+    return true;
+}
+
+// Where a path leads: the attribute it names as its parent lists it (`listed`, an alias
+// or the attribute itself) and that resolved (`found`); or, when a value stands on the
+// way, that value and its path (`blocker`).
+struct Place {
+    Attribute* listed = nullptr;
+    Attribute* found = nullptr;
+    Node* parent = nullptr;
+    Attribute* blocker = nullptr;
+    QByteArray blockerPath;
+};
+
+Place locate(Node& root, const QByteArray& path) {
+    Place place;
+    if (path.isEmpty()) {
+        place.found = &root;
+        return place;
+    }
+    Node* at = &root;
+    QByteArray walked;
+    const QList<QByteArray> names = path.split('/');
+    for (int i = 0; i < names.size(); ++i) {
+        Attribute* listed = at->attribute(names[i]);
+        if (!listed)
+            return place;
+        Attribute* resolved = AttributeAlias::resolve(listed);
+        if (!resolved)
+            return place;
+        walked = childPath(walked, names[i]);
+        if (i + 1 == names.size()) {
+            place.listed = listed;
+            place.found = resolved;
+            place.parent = at;
+            return place;
+        }
+        at = Tessel::asNode(resolved);
+        if (!at) {
+            place.blocker = resolved;
+            place.blockerPath = walked;
+            return place;
+        }
+    }
+    return place;
+}
+
+uint32_t typeCodeOf(const TypeRegistry& types, Attribute& attribute) {
+    uint32_t code = 0;
+    uint32_t size = 0;
+    types.createSerializer(&attribute, code, size);
+    return code;
+}
+
+Query::Reply failed(Query::Status status, uint32_t index) {
+    Query::Reply reply;
+    reply.status = status;
+    reply.index = index;
+    return reply;
+}
+
+// The count of a request's items, refused above the limit.
+bool readCount(BundleReader& reader, uint32_t& count) {
+    count = reader.readUInt32();
+    return count <= uint32_t(Limits::MaxQueryItems);
+}
+
+} // namespace
+
+QueryReceiver::QueryReceiver(RemoteNode& node, const TypeRegistry& types,
+                             PendingBundleSender& replies, const PeerWriteRules* rules,
+                             bool createMissing)
+    : BundleReceiver(ModuleNames::Query), node(node), types(types), replies(replies), rules(rules),
+      createMissing(createMissing) {}
+
+QueryReceiver::~QueryReceiver() = default;
+
+void QueryReceiver::handleBundle(BundleReader& reader) {
+    while (!reader.atEnd()) {
+        const uint32_t id = reader.readUInt32();
+        const uint32_t operation = reader.readUInt32();
+        Query::Reply reply;
+        switch (operation) {
+        case Query::Read:
+            reply = read(reader);
+            break;
+        case Query::List:
+            reply = list(reader);
+            break;
+        case Query::Write:
+            reply = write(reader);
+            break;
+        case Query::Remove:
+            reply = remove(reader);
+            break;
+        default:
+            reply = failed(Query::Unknown, 0);
+            break;
+        }
+        reply.id = id;
+        Query::writeReply(replies.writer(), reply);
+        // What follows an unknown operation, or an over-long list, cannot be found.
+        if (reply.status == Query::Unknown ||
+            (reply.status == Query::Invalid && reply.index == uint32_t(-1)))
+            return;
+    }
+}
+
+bool QueryReceiver::isShared(const QByteArray& path) const {
+    const unsigned int symbol = node.symbolRegistry().lookup(path);
+    return symbol == 0 || (node.syncFlags().getFlags(symbol) & SyncFlags::Sync);
+}
+
+bool QueryReceiver::mayWrite(const QByteArray& path) const {
+    if (!rules || rules->mayWrite(path))
+        return true;
+    rules->refuse(path);
+    return false;
+}
+
+bool QueryReceiver::add(Query::Reply& reply, uint32_t& bytes, Attribute& attribute,
+                        const QByteArray& path, bool withValue) const {
+    if (!isShared(path))
+        return true;
+    Query::Entry entry;
+    entry.path = path;
+    if (withValue) {
+        if (!Query::encodeValue(types, attribute, entry.typeCode, entry.value))
+            return true; // no wire form: no session carries it either
+    } else if (!(entry.typeCode = typeCodeOf(types, attribute))) {
+        return true;
+    }
+    bytes += Query::entryBytes(entry);
+    if (bytes > uint32_t(Limits::MaxQueryReplyBytes))
+        return false;
+    reply.entries.push_back(std::move(entry));
+    return true;
+}
+
+bool QueryReceiver::addUnder(Query::Reply& reply, uint32_t& bytes, Node& under,
+                             const QByteArray& prefix, bool withValue,
+                             const QString& pattern) const {
+    const QRegularExpression filter(pattern.isEmpty() ? QString()
+                                                      : RemoteNode::makeRegExp(pattern).pattern());
+    bool fits = true;
+    walkAttributesWithPath(under, [&](Attribute& attribute, const QByteArray& relative) {
+        if (!fits)
+            return;
+        const QByteArray path = prefix.isEmpty() ? relative : prefix + '/' + relative;
+        if (!pattern.isEmpty() && !filter.match(QString::fromUtf8(path)).hasMatch())
+            return;
+        fits = add(reply, bytes, attribute, path, withValue);
+    });
+    return fits;
+}
+
+Query::Reply QueryReceiver::read(BundleReader& reader) {
+    uint32_t count = 0;
+    if (!readCount(reader, count))
+        return failed(Query::Invalid, uint32_t(-1));
+    std::vector<QByteArray> paths;
+    for (uint32_t i = 0; i < count; ++i) {
+        paths.emplace_back();
+        reader.readString(paths.back(), uint32_t(Limits::MaxPeerNameBytes));
+    }
+    Query::Reply reply;
+    uint32_t bytes = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        const QByteArray& path = paths[i];
+        if (!isWellFormed(path))
+            return failed(Query::Invalid, i);
+        const Place place = locate(node, path);
+        bool fits = true;
+        if (place.blocker)
+            fits = add(reply, bytes, *place.blocker, place.blockerPath, true);
+        else if (Node* inner = place.found ? Tessel::asNode(place.found) : nullptr)
+            fits = addUnder(reply, bytes, *inner, path, true, QString());
+        else if (place.found)
+            fits = add(reply, bytes, *place.found, path, true);
+        if (!fits)
+            return failed(Query::TooLarge, i);
+    }
+    return reply;
+}
+
+Query::Reply QueryReceiver::list(BundleReader& reader) {
+    QByteArray pattern;
+    reader.readString(pattern, uint32_t(Limits::MaxPeerNameBytes));
+    // Walk only under the names before the first wildcard.
+    QByteArray prefix;
+    for (const QByteArray& name : pattern.split('/')) {
+        if (name.contains('*') || pattern.isEmpty())
+            break;
+        prefix = childPath(prefix, name);
+    }
+    if (prefix == pattern)
+        prefix = prefix.left(std::max(0, prefix.lastIndexOf('/')));
+    Query::Reply reply;
+    uint32_t bytes = 0;
+    if (!isWellFormed(prefix))
+        return reply;
+    const Place place = locate(node, prefix);
+    Node* under = place.found ? Tessel::asNode(place.found) : nullptr;
+    if (under && !addUnder(reply, bytes, *under, prefix, false, QString::fromUtf8(pattern)))
+        return failed(Query::TooLarge, 0);
+    return reply;
+}
+
+Query::Reply QueryReceiver::write(BundleReader& reader) {
+    uint32_t count = 0;
+    if (!readCount(reader, count))
+        return failed(Query::Invalid, uint32_t(-1));
+    std::vector<Query::Entry> entries;
+    for (uint32_t i = 0; i < count; ++i)
+        entries.push_back(Query::readEntry(reader));
+
+    // Everything is checked before anything changes: a request is applied whole or not.
+    struct Creation {
+        QByteArray path;
+        std::unique_ptr<Attribute> attribute; // holds the value already
+    };
+    std::vector<std::pair<Attribute*, const Query::Entry*>> assignments;
+    std::vector<Creation> creations;
+    for (uint32_t i = 0; i < count; ++i) {
+        const Query::Entry& entry = entries[i];
+        const QByteArray& path = entry.path;
+        if (path.isEmpty() || !isWellFormed(path) || path == "id" || path.endsWith("/id") ||
+            !isShared(path))
+            return failed(Query::Invalid, i);
+        if (!mayWrite(path))
+            return failed(Query::Refused, i);
+        const Place place = locate(node, path);
+        Query::Reply clash = failed(Query::PathClash, i);
+        if (place.blocker) {
+            clash.entries.push_back({place.blockerPath, typeCodeOf(types, *place.blocker), {}});
+            return clash;
+        }
+        if (place.found && Tessel::asNode(place.found)) {
+            clash.entries.push_back({path, 0, {}});
+            return clash;
+        }
+        // The bytes must be one whole value of the type: tried on a fresh attribute.
+        std::unique_ptr<Attribute> fresh(types.createAttribute(entry.typeCode));
+        if (!fresh || !Query::decodeValue(types, entry.typeCode, entry.value, *fresh))
+            return failed(Query::Invalid, i);
+        if (place.found) {
+            const uint32_t held = typeCodeOf(types, *place.found);
+            if (held != entry.typeCode) {
+                Query::Reply mismatch = failed(Query::TypeMismatch, i);
+                mismatch.entries.push_back({path, held, {}});
+                return mismatch;
+            }
+            assignments.emplace_back(place.found, &entry);
+            continue;
+        }
+        if (!createMissing)
+            return failed(Query::NotCreated, i);
+        for (const Creation& earlier : creations) {
+            if (earlier.path == path || path.startsWith(earlier.path + '/') ||
+                earlier.path.startsWith(path + '/')) {
+                clash.entries.push_back({earlier.path, entry.typeCode, {}});
+                return clash;
+            }
+        }
+        creations.push_back({path, std::move(fresh)});
+    }
+
+    for (const auto& assignment : assignments)
+        Query::decodeValue(types, assignment.second->typeCode, assignment.second->value,
+                           *assignment.first);
+    for (Creation& creation : creations)
+        if (node.addDeepAttribute(creation.path, creation.attribute.get()))
+            creation.attribute.release(); // its node owns it now
+    return Query::Reply();
+}
+
+Query::Reply QueryReceiver::remove(BundleReader& reader) {
+    uint32_t count = 0;
+    if (!readCount(reader, count))
+        return failed(Query::Invalid, uint32_t(-1));
+    std::vector<QByteArray> paths;
+    for (uint32_t i = 0; i < count; ++i) {
+        paths.emplace_back();
+        reader.readString(paths.back(), uint32_t(Limits::MaxPeerNameBytes));
+    }
+    for (uint32_t i = 0; i < count; ++i) {
+        const QByteArray& path = paths[i];
+        if (path.isEmpty() || !isWellFormed(path))
+            return failed(Query::Invalid, i);
+        const Place place = locate(node, path);
+        if (!place.listed)
+            return failed(Query::NotFound, i);
+        // A node goes with everything under it: each of those must be the client's to
+        // remove.
+        bool allowed = mayWrite(path);
+        if (Node* inner = Tessel::asNode(place.found)) {
+            walkAttributesWithPath(*inner, [&](Attribute&, const QByteArray& relative) {
+                allowed = allowed && mayWrite(path + '/' + relative);
+            });
+        }
+        if (!allowed)
+            return failed(Query::Refused, i);
+    }
+    // Looked up again: an earlier path may have taken a later one with it.
+    for (const QByteArray& path : paths) {
+        const Place place = locate(node, path);
+        if (place.listed && place.parent)
+            place.parent->deleteAttribute(place.listed);
+    }
+    return Query::Reply();
+}
+
+} // namespace Dovel

@@ -1,0 +1,153 @@
+// The query module's server end against hand-written requests, its answers byte for
+// byte: reads, lists, writes and removals, all or nothing, and hostile counts.
+#include "bundle/BundleTestUtil.h"
+
+#include "Dovel/bundle/BundleDispatcher.h"
+#include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/bundle/PendingBundleSender.h"
+#include "Dovel/sync/QueryReceiver.h"
+#include "Dovel/sync/RemoteNode.h"
+#include "Dovel/types/TypeRegistry.h"
+
+#include "Tessel/AttributeT.h"
+#include "Tessel/Node.h"
+
+#include <gtest/gtest.h>
+
+using BundleTest::Bytes;
+
+namespace {
+
+enum : uint32_t { Read = 1, List = 2, Write = 3, Remove = 4 };
+enum : uint32_t { Ok = 0, NotFound = 1, TypeMismatch = 3, PathClash = 4, Invalid = 6, Unknown = 8 };
+constexpr uint32_t FloatCode = 3;
+constexpr uint32_t DoubleCode = 4;
+const char OnePointFive[] = "0000c03f"; // 1.5f, little-endian
+const char Two[] = "00000040";          // 2.0f
+
+// An answer with no entries.
+Bytes bare(uint32_t id, uint32_t status, uint32_t index = 0) {
+    return Bytes().word(id).word(status).word(index).word(0);
+}
+
+} // namespace
+
+TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
+    Dovel::RemoteNode root(nullptr, "root");
+    new Tessel::AttributeT<float>(new Tessel::Node(&root, "car"), "speed", 1.5f);
+    root.processPendingAdditions();
+    const Dovel::TypeRegistry types;
+    Dovel::BundleDispatcher dispatcher;
+    auto replies = std::make_shared<Dovel::PendingBundleSender>(Dovel::ModuleNames::QueryReply);
+    dispatcher.addSender(replies);
+    Dovel::QueryReceiver receiver(root, types, *replies, nullptr, true);
+
+    const QByteArray speed = Bytes().str("car/speed").word(FloatCode).word(4).data();
+    const struct {
+        const char* what;
+        Bytes request;
+        Bytes answer;
+    } cases[] = {
+        {"a read of an attribute, a node and a missing path",
+         Bytes().word(1).word(Read).word(3).str("car/speed").str("car").str("nope"),
+         Bytes()
+             .word(1)
+             .word(Ok)
+             .word(0)
+             .word(2)
+             .raw(speed)
+             .hex(OnePointFive)
+             .raw(speed)
+             .hex(OnePointFive)},
+        {"a list carries types, not values", Bytes().word(2).word(List).str("**"),
+         Bytes().word(2).word(Ok).word(0).word(1).str("car/speed").word(FloatCode).word(0)},
+        {"a write of another type",
+         Bytes()
+             .word(3)
+             .word(Write)
+             .word(1)
+             .str("car/speed")
+             .word(DoubleCode)
+             .word(8)
+             .hex("0000000000000040"),
+         Bytes()
+             .word(3)
+             .word(TypeMismatch)
+             .word(0)
+             .word(1)
+             .str("car/speed")
+             .word(FloatCode)
+             .word(0)},
+        {"a write through a value: nothing of the request is applied",
+         Bytes()
+             .word(4)
+             .word(Write)
+             .word(2)
+             .str("car/speed")
+             .word(FloatCode)
+             .word(4)
+             .hex(Two)
+             .str("car/speed/x")
+             .word(FloatCode)
+             .word(4)
+             .hex(Two),
+         Bytes().word(4).word(PathClash).word(1).word(1).str("car/speed").word(FloatCode).word(0)},
+        {"a value of the wrong size",
+         Bytes().word(5).word(Write).word(1).str("new").word(FloatCode).word(2).hex("00000000"),
+         bare(5, Invalid)},
+        {"an attribute named id stays local",
+         Bytes().word(6).word(Write).word(1).str("car/id").word(FloatCode).word(4).hex(Two),
+         bare(6, Invalid)},
+        {"a write and a creation",
+         Bytes()
+             .word(7)
+             .word(Write)
+             .word(2)
+             .str("car/speed")
+             .word(FloatCode)
+             .word(4)
+             .hex(Two)
+             .str("new/x")
+             .word(FloatCode)
+             .word(4)
+             .hex(Two),
+         bare(7, Ok)},
+        {"read back", Bytes().word(8).word(Read).word(2).str("car/speed").str("new/x"),
+         Bytes()
+             .word(8)
+             .word(Ok)
+             .word(0)
+             .word(2)
+             .raw(speed)
+             .hex(Two)
+             .str("new/x")
+             .word(FloatCode)
+             .word(4)
+             .hex(Two)},
+        {"a removal with a missing path removes nothing",
+         Bytes().word(9).word(Remove).word(2).str("car").str("nope"), bare(9, NotFound, 1)},
+        {"a malformed path", Bytes().word(10).word(Remove).word(1).str("car//speed"),
+         bare(10, Invalid)},
+        {"removals of a node and what it holds",
+         Bytes().word(11).word(Remove).word(2).str("car").str("car/speed"), bare(11, Ok)},
+        {"gone", Bytes().word(12).word(Read).word(1).str("car"), bare(12, Ok)},
+        {"an unknown operation ends the bundle", Bytes().word(13).word(99).word(14).word(Read),
+         bare(13, Unknown)},
+        {"a count over the limit ends the bundle",
+         Bytes().word(15).word(Read).word(0x7fffffff).word(16).word(Read),
+         bare(15, Invalid, 0xffffffff)},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE(one.what);
+        const Dovel::Bundle request(BundleTest::packet(7, 1, 0, one.request.data()));
+        Dovel::BundleReader reader(request);
+        receiver.handleBundle(reader);
+        std::vector<Dovel::Bundle> out;
+        dispatcher.writeUpdates(out);
+        ASSERT_FALSE(out.empty());
+        const QByteArray& answer = out.back().packet();
+        EXPECT_EQ(answer.mid(16).toHex(), one.answer.data().toHex());
+    }
+    EXPECT_EQ(root.attribute("car"), nullptr);
+    EXPECT_NE(Dovel::attributeAt(root, "new/x"), nullptr);
+}
