@@ -150,6 +150,10 @@ TEST(Access, AReadOnlyServerKeepsItsTreeAndCapsAndNetworksKeepClientsOut) {
     const ToolRun refused = tool.run({"set", address, "car/speed=9"});
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_EQ(refused.err, "dovel: car/speed: the server holds 1.5 (it refused the change)\n");
+    const ToolRun kept = tool.run({"rm", address, "car"});
+    EXPECT_EQ(kept.exitCode, 1);
+    EXPECT_EQ(kept.err,
+              "dovel: car: " + address.toUtf8() + " refused the change (it takes none there)\n");
     ToolRun dumped = tool.run({"dump", address});
     EXPECT_EQ(QJsonDocument::fromJson(dumped.out).object(),
               QJsonDocument::fromJson(R"({"car": {"speed": 1.5}})").object())

@@ -8,6 +8,12 @@
 #include "dovel/TreeJson.h"
 #include "transport/TransportTestUtil.h"
 
+#include "Dovel/session/SessionDriver.h"
+#include "Dovel/session/SessionServer.h"
+#include "Dovel/sync/RemoteNode.h"
+#include "Tessel/AttributeT.h"
+#include "Tessel/Node.h"
+
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -196,7 +202,56 @@ TEST(SessionCommands, GetLsAndDumpOfOnePath) {
                                " holds no such attribute\n");
     }
 
+    // rm: all or none, and every client sees the removal.
+    QProcess watch;
+    tool.start(watch, {"watch", address});
+    ProcessOutput watched(watch);
+    ASSERT_TRUE(watched.waitForErr("watching " + address.toUtf8() + " (4 attributes)\n"));
+    const ToolRun none = tool.run({"rm", address, "note", "nope"});
+    EXPECT_EQ(none.exitCode, 1);
+    EXPECT_EQ(none.err, "dovel: nope: " + address.toUtf8() + " holds no such attribute\n");
+    const ToolRun removed = tool.run({"rm", address, "scene", "note"});
+    EXPECT_EQ(removed.exitCode, 0) << removed.err.constData();
+    for (const QByteArray line : {"- scene/a\n", "- scene/v\n", "- note\n"})
+        EXPECT_TRUE(watched.waitForOut(line)) << watched.standardOutput().constData();
+    EXPECT_EQ(tool.run({"ls", address}).out, "\"sp ace\" float\n");
+    EXPECT_TRUE(endsCleanlyOn(watch, SIGTERM));
+
     EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+}
+
+// A server that answers no queries is read and changed the ordinary way, through a copy
+// of its tree; only rm, which an ordinary client cannot do, says so.
+TEST(SessionCommands, WithoutQueriesTheCommandsTakeACopy) {
+    if (!toolBuilt())
+        GTEST_SKIP() << "dovel is not built";
+    Dovel::RemoteNode root(nullptr, "root");
+    Dovel::SessionDriver driver;
+    Dovel::SessionServer::Options options;
+    options.answerQueries = false;
+    Dovel::SessionServer server(root, &driver, options);
+    ASSERT_TRUE(server.listen(0));
+    driver.call(
+        [&] { new Tessel::AttributeT<float>(new Tessel::Node(&root, "car"), "speed", 1.5f); });
+    const QString address = QStringLiteral("127.0.0.1:%1").arg(server.port());
+    ToolTest::DovelTool tool;
+    const ToolRun set = tool.run({"set", address, "car/speed=2.5", "car/name=\"blue\""});
+    EXPECT_EQ(set.exitCode, 0) << set.err.constData();
+    const QList<QPair<QStringList, QByteArray>> reads = {
+        {{"get", address, "car/speed", "car/name"}, "2.5\n\"blue\"\n"},
+        {{"ls", address, "car/*"}, "car/speed float\ncar/name string\n"},
+    };
+    for (const auto& read : reads) {
+        const ToolRun run = tool.run(read.first);
+        EXPECT_EQ(run.exitCode, 0) << read.first.join(' ').toStdString() << run.err.constData();
+        EXPECT_EQ(run.out, read.second) << read.first.join(' ').toStdString();
+    }
+    const ToolRun rm = tool.run({"rm", address, "car"});
+    EXPECT_EQ(rm.exitCode, 1);
+    EXPECT_EQ(rm.err, "dovel: " + address.toUtf8() +
+                          ": the server answers no queries, and an ordinary client cannot "
+                          "remove what it holds\n");
+    server.shutdown();
 }
 
 TEST(SessionCommands, DumpServeDumpKeepsEveryType) {

@@ -25,7 +25,9 @@
 
 #include "Tessel/Node.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QProcess>
 
 #include <algorithm>
 #include <atomic>
@@ -47,6 +49,21 @@ int countAttributes(Tessel::Node& root) {
         count += Tessel::asNode(&attribute) == nullptr;
     });
     return count;
+}
+
+// Seconds from the start to the end of a `dovel` process run with `args` (as a user
+// runs it from a shell), or -1 when it fails.
+double timeToolRun(const QStringList& args) {
+    QProcess tool;
+    tool.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    tool.setStandardOutputFile(QProcess::nullDevice());
+    QElapsedTimer clock;
+    clock.start();
+    tool.start(QCoreApplication::applicationFilePath(), args);
+    if (!tool.waitForFinished(SetupMs) || tool.exitStatus() != QProcess::NormalExit ||
+        tool.exitCode() != 0)
+        return -1;
+    return double(clock.nsecsElapsed()) / 1e9;
 }
 
 int runServer(const BenchOptions& options, BenchReport& report) {
@@ -99,6 +116,13 @@ int runServer(const BenchOptions& options, BenchReport& report) {
                                      QStringLiteral("bench initial: the client never came back"));
         }
     }
+    // A user's `set` and `get` of one path while the client is connected: they ask for
+    // that path alone, whatever the tree's size.
+    const QString address = QStringLiteral("127.0.0.1:%1").arg(bench.port());
+    const double setSeconds =
+        timeToolRun({QStringLiteral("set"), address, QStringLiteral("scene/layer0/probe=1")});
+    const double getSeconds =
+        timeToolRun({QStringLiteral("get"), address, QStringLiteral("scene/layer0/probe")});
     bench.driver().call([&] { stop->setValue(1, Layer); });
     std::vector<BenchPeers::Result> results;
     const bool ok = peers.finish(results, SetupMs);
@@ -120,6 +144,11 @@ int runServer(const BenchOptions& options, BenchReport& report) {
                       "first copy",
                       ok && again <= seconds);
     }
+    report.add(workload, "set_seconds", setSeconds, "s");
+    report.add(workload, "get_seconds", getSeconds, "s");
+    report.target(workload, "target_set_seconds",
+                  "a tool's set of one path on this tree takes under 0.2 s",
+                  setSeconds >= 0 && setSeconds < 0.2);
     report.add(workload, "server_peak_rss_mb", peakRssMb(), "MiB");
     report.add(workload, "client_peak_rss_mb", client.value(workload, "client_peak_rss_mb"), "MiB");
     report.add(workload, "tree_bytes_per_attribute", treeBytes, "bytes");

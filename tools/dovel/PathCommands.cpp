@@ -3,6 +3,7 @@
 #include "ClientTarget.h"
 #include "CommandLine.h"
 #include "PathValues.h"
+#include "QueryTree.h"
 #include "TreeJson.h"
 
 #include "Dovel/sync/RemoteNode.h"
@@ -34,7 +35,13 @@ int runGet(const QStringList& args) {
         return CommandLine::fail(CommandLine::UsageError, error);
     QByteArray out;
     const TreeJson json;
-    return readServerTree(target, [&](Tessel::Node& root) {
+    QList<QByteArray> wanted;
+    for (const QString& path : paths)
+        wanted.append(path.toUtf8());
+    const QueryAsk ask = [&](Dovel::QueryClient& client, Dovel::Query::Reply& reply, int ms) {
+        return client.read(wanted, reply, ms);
+    };
+    return readQueried(target, ask, [&](Tessel::Node& root) {
         for (const QString& path : paths) {
             Tessel::Attribute* at = Dovel::attributeAt(root, path.toUtf8());
             QJsonValue value;
@@ -70,7 +77,10 @@ int runLs(const QStringList& args) {
         pattern.isEmpty() ? QString() : Dovel::RemoteNode::makeRegExp(pattern).pattern());
     const bool asJson = line.isSet(QStringLiteral("json"));
     const TreeJson json;
-    return readServerTree(target, [&](Tessel::Node& root) {
+    const QueryAsk ask = [&](Dovel::QueryClient& client, Dovel::Query::Reply& reply, int ms) {
+        return client.list(pattern.toUtf8(), reply, ms);
+    };
+    return readQueried(target, ask, [&](Tessel::Node& root) {
         QByteArray out;
         Dovel::walkAttributesWithPath(
             root, [&](Tessel::Attribute& attribute, const QByteArray& path) {
@@ -93,6 +103,29 @@ int runLs(const QStringList& args) {
         CommandLine::print(out);
         return int(CommandLine::Success);
     });
+}
+
+int runRm(const QStringList& args) {
+    CommandLine line(QStringLiteral("rm"), QStringLiteral("HOST:PORT PATH... [--timeout SECONDS]"),
+                     QStringLiteral("Removes the attribute, or the whole node, at each PATH of a "
+                                    "server's tree, all or\nnone; every client of the server "
+                                    "sees them go. Exits 1, removing nothing, when\na PATH is "
+                                    "not there or the server refuses (read-only)."));
+    line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    line.addArgument(QStringLiteral("PATH"), QStringLiteral("slash-separated path"));
+    ClientTarget target;
+    const int parsed =
+        parseClientCommand(line, args, target, 2, -1, QStringLiteral("HOST:PORT PATH"));
+    if (parsed >= 0)
+        return parsed;
+    const QStringList paths = line.positional().mid(1);
+    QString error;
+    if (!PathValues::checkPaths(paths, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+    QList<QByteArray> wanted;
+    for (const QString& path : paths)
+        wanted.append(path.toUtf8());
+    return removeQueried(target, wanted);
 }
 
 } // namespace DovelTool

@@ -3,8 +3,10 @@
 //
 //   dovel get HOST:PORT PATH...      the values at the paths as JSON, one per line
 //   dovel ls HOST:PORT [PATTERN]     the paths and types of the attributes
+//   dovel rm HOST:PORT PATH...       removes attributes and nodes
 //
-// Both observe: they never write to the server.
+// get and ls observe: they never write to the server. All three ask the server only
+// for what they need (QueryTree.h).
 #pragma once
 
 #include <QStringList>
@@ -13,5 +15,6 @@ namespace DovelTool {
 
 int runGet(const QStringList& args);
 int runLs(const QStringList& args);
+int runRm(const QStringList& args);
 
 } // namespace DovelTool

@@ -32,10 +32,14 @@ bool validPath(const QByteArray& path) {
     return true;
 }
 
+bool isNodeValue(const QJsonValue& value) {
+    return value.isObject() && !value.toObject().contains(QLatin1String("@type"));
+}
+
 // Checks the attribute (or the node, for a plain object) that `value` makes at `path`.
 bool checkLeaves(const QByteArray& path, const QJsonValue& value, QString& error) {
     const QString where = QString::fromUtf8(path);
-    if (value.isObject() && !value.toObject().contains(QLatin1String("@type"))) {
+    if (isNodeValue(value)) {
         const QJsonObject node = value.toObject();
         if (node.isEmpty()) {
             error = where + QStringLiteral(": an empty object is a node without attributes, "
@@ -70,7 +74,24 @@ bool checkLeaves(const QByteArray& path, const QJsonValue& value, QString& error
     return true;
 }
 
+void addLeaves(const QByteArray& path, const QJsonValue& value, QList<QByteArray>& out) {
+    if (!isNodeValue(value)) {
+        out.append(path);
+        return;
+    }
+    const QJsonObject node = value.toObject();
+    for (auto it = node.begin(); it != node.end(); ++it)
+        addLeaves(path + '/' + it.key().toUtf8(), it.value(), out);
+}
+
 } // namespace
+
+QList<QByteArray> PathValues::leafPaths() const {
+    QList<QByteArray> out;
+    for (const Entry& entry : list)
+        addLeaves(entry.path, entry.value, out);
+    return out;
+}
 
 bool PathValues::checkPaths(const QStringList& words, QString& error) {
     for (const QString& word : words)

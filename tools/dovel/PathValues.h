@@ -8,6 +8,7 @@
 
 #include <QByteArray>
 #include <QJsonValue>
+#include <QList>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -37,6 +38,10 @@ public:
     // node without attributes, which no session carries), a path longer or deeper than
     // a server takes from a peer.
     bool checkSendable(QString& error) const;
+
+    // The paths of the attributes the words write: a plain object's leaves, each other
+    // value's own path.
+    QList<QByteArray> leafPaths() const;
 
     // Converts every value first; when one does not fit (or its path runs through a
     // value), nothing is changed and `error` names its path. Otherwise writes the

@@ -6,6 +6,7 @@
 #include "CommandLine.h"
 #include "MirrorClient.h"
 #include "PathValues.h"
+#include "QueryTree.h"
 #include "ReadBack.h"
 #include "TreeJson.h"
 #include "TreeSaver.h"
@@ -65,26 +66,6 @@ QString addressText(const QString& host, int port) {
 
 // Every attribute the words wrote under `root` (a plain object's, one by one), with the
 // value it holds now.
-std::vector<Expectation> sentValues(Tessel::Node& root, const PathValues& values,
-                                    const TreeJson& json) {
-    std::vector<Expectation> sent;
-    const auto add = [&](Tessel::Attribute& attribute, const QByteArray& path) {
-        QJsonValue value;
-        if (json.toJson(attribute, value))
-            sent.push_back({path, value});
-    };
-    for (const PathValues::Entry& entry : values.entries()) {
-        Tessel::Attribute* at = Dovel::attributeAt(root, entry.path);
-        if (Tessel::Node* node = Tessel::asNode(at))
-            Dovel::walkAttributesWithPath(*node, [&](Tessel::Attribute& a, const QByteArray& p) {
-                add(a, entry.path + '/' + p);
-            });
-        else if (at)
-            add(*at, entry.path);
-    }
-    return sent;
-}
-
 } // namespace
 
 int runServe(const QStringList& args) {
@@ -220,7 +201,7 @@ int runDump(const QStringList& args) {
     const QJsonDocument::JsonFormat format =
         line.isSet(QStringLiteral("compact")) ? QJsonDocument::Compact : QJsonDocument::Indented;
     const TreeJson json;
-    return readServerTree(target, [&](Tessel::Node& root) {
+    const auto print = [&](Tessel::Node& root) {
         QByteArray document;
         if (path.isEmpty()) {
             document = json.dumpBytes(root, format);
@@ -237,16 +218,24 @@ int runDump(const QStringList& args) {
             document += '\n';
         CommandLine::print(document);
         return int(CommandLine::Success);
-    });
+    };
+    if (path.isEmpty())
+        return readServerTree(target, print);
+    // One part: asked for alone.
+    const QueryAsk ask = [&](Dovel::QueryClient& client, Dovel::Query::Reply& reply, int ms) {
+        return client.read({path}, reply, ms);
+    };
+    return readQueried(target, ask, print);
 }
 
 int runSet(const QStringList& args) {
     CommandLine line(
         QStringLiteral("set"), QStringLiteral("HOST:PORT PATH=VALUE... [--timeout SECONDS]"),
         QStringLiteral(
-            "Connects to a server, waits for its tree, sets the attributes and exits 0 once a\n"
-            "second connection reads every value back from the server; exits 1, naming the\n"
-            "path, when the server refused one or did not take it within the time-out.\n"
+            "Sets attributes of a server's tree, all or nothing, and exits 0 once the server\n"
+            "holds every value; exits 1, naming the path, when the server refused one\n"
+            "(read-only, or another client made it first with another type) or did not\n"
+            "answer within the time-out. Only the paths named are read from the server.\n"
             "Attributes named id (kept in each process), empty objects and paths longer or\n"
             "deeper than a server takes are refused before connecting (exit 2).\n"
             "\n"
@@ -271,14 +260,7 @@ int runSet(const QStringList& args) {
     QString error;
     if (!values.parse(line.positional().mid(1), error) || !values.checkSendable(error))
         return CommandLine::fail(CommandLine::UsageError, error);
-    const TreeJson json;
-    return changeAndConfirm(
-        target, [&](Tessel::Node& root, std::vector<Expectation>& expected, QString& problem) {
-            if (!values.apply(root, json, problem))
-                return int(CommandLine::UsageError);
-            expected = sentValues(root, values, json);
-            return -1;
-        });
+    return setQueried(target, values);
 }
 
 int runWatch(const QStringList& args) {

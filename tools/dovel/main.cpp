@@ -89,6 +89,7 @@ int main(int argc, char** argv) {
         {"watch", "print every change of a server's tree as it comes", DovelTool::runWatch},
         {"get", "print the values at paths of a server's tree", DovelTool::runGet},
         {"ls", "list the paths and types of a server's tree", DovelTool::runLs},
+        {"rm", "remove attributes or nodes from a server's tree", DovelTool::runRm},
         {"files", "mirror a folder of files (files serve DIR | files pull HOST:PORT DIR)",
          DovelTool::runFilesCommand},
         {"bench", "measure a server and its clients on loopback (bench WORKLOAD)",

@@ -8,7 +8,7 @@ _dovel() {
         words=("${COMP_WORDS[@]}")
         cword=$COMP_CWORD
     }
-    local commands="serve dump get ls set watch files keygen bench demo"
+    local commands="serve dump get ls set rm watch files keygen bench demo"
     local global="-h --help -v --verbose -vv"
     local client="--timeout --key-file"
     local server="--listen --key-file --allow --max-clients --max-per-address"
@@ -41,7 +41,7 @@ _dovel() {
     case ${words[at]} in
     serve) options="--tree --save --save-interval --read-only --writable $server" ;;
     dump) options="--compact $client" ;;
-    get | set) options="$client" ;;
+    get | set | rm) options="$client" ;;
     ls) options="--json $client" ;;
     watch) options="--json --initial $client" ;;
     keygen) options="" ;;

@@ -1,0 +1,219 @@
+#include "QueryTree.h"
+
+#include "PathValues.h"
+#include "ReadBack.h"
+#include "TreeJson.h"
+
+#include "Dovel/sync/QueryWire.h"
+#include "Dovel/sync/RemoteNode.h"
+#include "Dovel/types/TypeRegistry.h"
+
+#include "Tessel/Node.h"
+
+#include <memory>
+
+namespace DovelTool {
+
+using Dovel::QueryClient;
+namespace Query = Dovel::Query;
+
+namespace {
+
+// Adds the attributes of `entries` under `root`, with their values when they carry them;
+// entries of types this side does not know are left out, as a copy leaves them out.
+void buildTree(const std::vector<Query::Entry>& entries, Tessel::Node& root,
+               const Dovel::TypeRegistry& types) {
+    for (const Query::Entry& entry : entries) {
+        std::unique_ptr<Tessel::Attribute> attribute(types.createAttribute(entry.typeCode));
+        if (!attribute)
+            continue;
+        if (!entry.value.isEmpty() &&
+            !Query::decodeValue(types, entry.typeCode, entry.value, *attribute))
+            continue;
+        QList<QByteArray> names = entry.path.split('/');
+        const QByteArray leaf = names.takeLast();
+        Tessel::Node* parent = Dovel::findOrCreateNode(names, &root, nullptr, QByteArray());
+        if (parent && !parent->attribute(leaf) && parent->addAttribute(leaf, attribute.get()))
+            attribute.release(); // its node owns it
+    }
+}
+
+// What the server holds once `values` are in: the attributes they wrote in `root`.
+std::vector<Expectation> sentValues(Tessel::Node& root, const PathValues& values,
+                                    const TreeJson& json) {
+    std::vector<Expectation> sent;
+    const auto add = [&](Tessel::Attribute& attribute, const QByteArray& path) {
+        QJsonValue value;
+        if (json.toJson(attribute, value))
+            sent.push_back({path, value});
+    };
+    for (const PathValues::Entry& entry : values.entries()) {
+        Tessel::Attribute* at = Dovel::attributeAt(root, entry.path);
+        if (Tessel::Node* node = Tessel::asNode(at))
+            Dovel::walkAttributesWithPath(*node, [&](Tessel::Attribute& a, const QByteArray& p) {
+                add(a, entry.path + '/' + p);
+            });
+        else if (at)
+            add(*at, entry.path);
+    }
+    return sent;
+}
+
+// Why the server gave no answer, as the one line the commands end with.
+int noAnswer(const ClientTarget& target, const QueryClient& client) {
+    return CommandLine::fail(CommandLine::Failure, QStringLiteral("%1: %2").arg(
+                                                       target.address(), client.failureReason()));
+}
+
+// Connects; -1 when the client is open, else the exit status (the line written).
+int openClient(const ClientTarget& target, QueryClient& client) {
+    if (client.open(target.host, target.port, target.milliseconds()))
+        return -1;
+    return noAnswer(target, client);
+}
+
+// The line for a write or removal the server refused, naming the path and why.
+QString refusal(const ClientTarget& target, const Query::Reply& reply, const QByteArray& path,
+                Tessel::Node& held, const TreeJson& json) {
+    const QString where = QString::fromUtf8(path);
+    const QString server = target.address();
+    const QByteArray other = reply.entries.empty() ? QByteArray() : reply.entries.front().path;
+    switch (reply.status) {
+    case Query::NotFound:
+        return target.lacks(where);
+    case Query::Refused: {
+        Tessel::Attribute* at = Dovel::attributeAt(held, path);
+        QJsonValue value;
+        if (at && !Tessel::asNode(at) && json.toJson(*at, value))
+            return QStringLiteral("%1: the server holds %2 (it refused the change)")
+                .arg(where, QString::fromUtf8(TreeJson::valueText(value)));
+        return QStringLiteral("%1: %2 refused the change (it takes none there)").arg(where, server);
+    }
+    case Query::TypeMismatch: {
+        QString type;
+        const Dovel::TypeRegistry types;
+        std::unique_ptr<Tessel::Attribute> sample(
+            types.createAttribute(reply.entries.empty() ? 0 : reply.entries.front().typeCode));
+        if (sample)
+            type = json.typeName(*sample);
+        return QStringLiteral("%1: %2 holds it as %3 now (another client made it first)")
+            .arg(where, server, type.isEmpty() ? QStringLiteral("another type") : type);
+    }
+    case Query::PathClash:
+        if (other == path)
+            return QStringLiteral("%1: %2 holds a node there").arg(where, server);
+        return QStringLiteral("%1: %2 is a value, not a node").arg(where, QString::fromUtf8(other));
+    case Query::NotCreated:
+        return QStringLiteral("%1: %2 creates no new attributes").arg(where, server);
+    case Query::Invalid:
+        return QStringLiteral("%1: %2 refused it as malformed").arg(where, server);
+    default:
+        return QStringLiteral("%1: %2 did not take it (status %3)")
+            .arg(where, server)
+            .arg(reply.status);
+    }
+}
+
+} // namespace
+
+int readQueried(const ClientTarget& target, const QueryAsk& ask,
+                const std::function<int(Tessel::Node&)>& read) {
+    Query::Reply reply;
+    QueryClient::Outcome outcome = QueryClient::Unsupported;
+    {
+        QueryClient client(target.key, target.seconds);
+        const int opened = openClient(target, client);
+        if (opened >= 0)
+            return opened;
+        outcome = ask(client, reply, target.milliseconds());
+        if (outcome == QueryClient::Failed)
+            return noAnswer(target, client);
+    }
+    if (outcome == QueryClient::Unsupported ||
+        (outcome == QueryClient::Answered && reply.status != Query::Ok))
+        return readServerTree(target, read);
+    Tessel::Node root;
+    buildTree(reply.entries, root, Dovel::TypeRegistry());
+    return read(root);
+}
+
+int setQueried(const ClientTarget& target, const PathValues& values) {
+    const TreeJson json;
+    QueryClient client(target.key, target.seconds);
+    const int opened = openClient(target, client);
+    if (opened >= 0)
+        return opened;
+    QList<QByteArray> paths;
+    for (const PathValues::Entry& entry : values.entries())
+        paths.append(entry.path);
+    Query::Reply held;
+    const int ms = target.milliseconds();
+    const QueryClient::Outcome outcome = client.read(paths, held, ms);
+    if (outcome == QueryClient::Failed)
+        return noAnswer(target, client);
+    if (outcome == QueryClient::Unsupported || held.status != Query::Ok) {
+        client.close();
+        return changeAndConfirm(
+            target, [&](Tessel::Node& root, std::vector<Expectation>& expected, QString& problem) {
+                if (!values.apply(root, json, problem))
+                    return int(CommandLine::UsageError);
+                expected = sentValues(root, values, json);
+                return -1;
+            });
+    }
+
+    const Dovel::TypeRegistry types;
+    Tessel::Node before;
+    buildTree(held.entries, before, types);
+    Tessel::Node root;
+    buildTree(held.entries, root, types);
+    QString problem;
+    if (!values.apply(root, json, problem))
+        return CommandLine::fail(CommandLine::UsageError, problem);
+    std::vector<Query::Entry> entries;
+    for (const QByteArray& path : values.leafPaths()) {
+        Tessel::Attribute* at = Dovel::attributeAt(root, path);
+        Query::Entry entry;
+        entry.path = path;
+        if (!at || !Query::encodeValue(types, *at, entry.typeCode, entry.value))
+            return CommandLine::fail(
+                CommandLine::UsageError,
+                QStringLiteral("%1: has no form a server takes").arg(QString::fromUtf8(path)));
+        entries.push_back(std::move(entry));
+    }
+    Query::Reply answer;
+    if (client.write(entries, answer, ms) != QueryClient::Answered)
+        return noAnswer(target, client);
+    if (answer.status == Query::Ok)
+        return CommandLine::Success;
+    const QByteArray path =
+        answer.index < entries.size() ? entries[answer.index].path : QByteArray();
+    return CommandLine::fail(CommandLine::Failure, refusal(target, answer, path, before, json));
+}
+
+int removeQueried(const ClientTarget& target, const QList<QByteArray>& paths) {
+    QueryClient client(target.key, target.seconds);
+    const int opened = openClient(target, client);
+    if (opened >= 0)
+        return opened;
+    Query::Reply answer;
+    switch (client.remove(paths, answer, target.milliseconds())) {
+    case QueryClient::Failed:
+        return noAnswer(target, client);
+    case QueryClient::Unsupported:
+        return CommandLine::fail(CommandLine::Failure,
+                                 QStringLiteral("%1: the server answers no queries, and an "
+                                                "ordinary client cannot remove what it holds")
+                                     .arg(target.address()));
+    case QueryClient::Answered:
+        break;
+    }
+    if (answer.status == Query::Ok)
+        return CommandLine::Success;
+    Tessel::Node none;
+    const QByteArray path =
+        answer.index < uint32_t(paths.size()) ? paths[int(answer.index)] : QByteArray();
+    return CommandLine::fail(CommandLine::Failure, refusal(target, answer, path, none, TreeJson()));
+}
+
+} // namespace DovelTool
