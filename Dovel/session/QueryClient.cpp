@@ -6,8 +6,8 @@
 #include "Dovel/bundle/PendingBundleSender.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 #include "Dovel/transport/ConnectionThread.h"
-#include "Dovel/transport/Dovel1Connection.h"
-#include "Dovel/transport/ProcessDovel2.h"
+#include "Dovel/session/Dovel1Connection.h"
+#include "Dovel/session/ProcessDovel2.h"
 
 #include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"

@@ -1,10 +1,10 @@
 #include "Dovel/session/SessionConnection.h"
 
-#include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/BundleController.h"
 #include "Dovel/session/SessionDriver.h"
 #include "Dovel/sync/QueryWire.h"
-#include "Dovel/transport/Dovel1Connection.h"
-#include "Dovel/transport/ProcessDovel2.h"
+#include "Dovel/session/Dovel1Connection.h"
+#include "Dovel/session/ProcessDovel2.h"
 
 #include "Basalt/Trace.h"
 

@@ -1,6 +1,6 @@
 #include "Dovel/session/SessionDriver.h"
 
-#include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/BundleController.h"
 
 #include "Basalt/SpinWait.h"
 #include "Basalt/Trace.h"

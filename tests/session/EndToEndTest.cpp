@@ -6,7 +6,7 @@
 
 #include "Basalt/BinaryData.h"
 #include "Basalt/Trace.h"
-#include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/BundleController.h"
 #include "Dovel/session/SessionConnection.h"
 #include "Tessel/UpdateLoop.h"
 

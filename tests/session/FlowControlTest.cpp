@@ -7,7 +7,7 @@
 #include "transport/TransportTestUtil.h"
 
 #include "Dovel/Limits.h"
-#include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/BundleController.h"
 #include "Dovel/session/SessionConnection.h"
 #include "Dovel/transport/WriterThread.h"
 

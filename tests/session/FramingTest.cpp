@@ -2,10 +2,10 @@
 // the exact bytes of "dovel2" batches against a client connection whose parse hands
 // every line to processDovel2.
 #include "Dovel/Limits.h"
-#include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/BundleController.h"
 #include "Dovel/sync/RemoteNode.h"
-#include "Dovel/transport/Dovel1Connection.h"
-#include "Dovel/transport/ProcessDovel2.h"
+#include "Dovel/session/Dovel1Connection.h"
+#include "Dovel/session/ProcessDovel2.h"
 
 #include "Basalt/Trace.h"
 

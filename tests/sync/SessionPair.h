@@ -6,7 +6,7 @@
 // dispatcher, so that a test sees exactly one output pass per output() call.
 #pragma once
 
-#include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/BundleController.h"
 #include "Dovel/bundle/BundleDispatcher.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"

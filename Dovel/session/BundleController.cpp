@@ -1,4 +1,4 @@
-#include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/BundleController.h"
 
 #include "Dovel/bundle/BundleReader.h"
 #include "Dovel/bundle/ModuleNames.h"
@@ -15,7 +15,7 @@
 #include "Dovel/sync/QueryReceiver.h"
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/sync/SyncFlags.h"
-#include "Dovel/transport/Connection.h"
+#include "Dovel/session/Connection.h"
 
 #include "Basalt/Trace.h"
 #include "Tessel/Node.h"

@@ -1,4 +1,4 @@
-#include "Dovel/transport/Connection.h"
+#include "Dovel/session/Connection.h"
 
 namespace Dovel {
 

@@ -13,7 +13,7 @@
 #pragma once
 
 #include "Dovel/Limits.h"
-#include "Dovel/transport/Connection.h"
+#include "Dovel/session/Connection.h"
 
 #include <QByteArray>
 

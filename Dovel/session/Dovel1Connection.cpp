@@ -1,4 +1,4 @@
-#include "Dovel/transport/Dovel1Connection.h"
+#include "Dovel/session/Dovel1Connection.h"
 
 #include "Dovel/transport/ConnectionThread.h"
 #include "Dovel/transport/WriterThread.h"

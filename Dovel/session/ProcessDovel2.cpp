@@ -1,8 +1,8 @@
-#include "Dovel/transport/ProcessDovel2.h"
+#include "Dovel/session/ProcessDovel2.h"
 
 #include "Dovel/Limits.h"
 #include "Dovel/bundle/Bundle.h"
-#include "Dovel/bundle/BundleController.h"
+#include "Dovel/session/BundleController.h"
 #include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/Stopwatch.h"
