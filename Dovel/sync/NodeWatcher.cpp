@@ -92,7 +92,6 @@ struct NodeWatcher::Impl : Tessel::TreeObserver {
     void releaseTree(Node& node);
 
     void emit(EventType type, unsigned int symbol);
-    bool takeIgnored(const Event& event);
 
     void enqueue(const PendingPtr& record);
     PendingPtr takePending(unsigned int symbol);
@@ -138,10 +137,6 @@ struct NodeWatcher::Impl : Tessel::TreeObserver {
     // added (is anything queued?) skip the mutex when nothing is.
     std::atomic<int> pendingSize{0};
 
-    std::mutex ignoreMutex;
-    std::set<Event> ignored;
-    std::atomic<int> ignoredCount{0}; // lets emissions skip the mutex when nothing is ignored
-
     // Immutable tables swapped under the lock: an emission only copies a pointer.
     std::shared_mutex listenerLock;
     std::shared_ptr<const Table> listeners;
@@ -163,8 +158,6 @@ struct NodeWatcher::Impl : Tessel::TreeObserver {
 
 void NodeWatcher::Impl::emit(EventType type, unsigned int symbol) {
     const Event event{type, symbol};
-    if (takeIgnored(event))
-        return;
     std::shared_ptr<const Table> table;
     {
         std::shared_lock<std::shared_mutex> locker(listenerLock);
@@ -172,18 +165,6 @@ void NodeWatcher::Impl::emit(EventType type, unsigned int symbol) {
     }
     for (const auto& entry : *table)
         entry.second(event);
-}
-
-bool NodeWatcher::Impl::takeIgnored(const Event& event) {
-    if (ignoredCount.load(std::memory_order_acquire) == 0)
-        return false;
-    std::lock_guard<std::mutex> locker(ignoreMutex);
-    auto it = ignored.find(event);
-    if (it == ignored.end())
-        return false;
-    ignored.erase(it);
-    ignoredCount.fetch_sub(1, std::memory_order_release);
-    return true;
 }
 
 void NodeWatcher::Impl::enqueue(const PendingPtr& record) {
@@ -428,15 +409,13 @@ void NodeWatcher::Impl::onAdded(const QByteArray& path, const QByteArray& name, 
     if (child == completeChild)
         completeWatched = symbol;
     Attribute* const cached = cache.findOrAdd(symbol, child);
-    // An ignoreOne for the addition silences this child and, through notify, its subtree.
-    const bool notify = !takeIgnored({AttributeAdded, symbol}) && !takeIgnored({NodeAdded, symbol});
     if (child == completeChild && pendingCount() == 0) {
         // Nothing queued before it, so watching it now keeps the order of the reports.
         completeChild = nullptr;
-        watchAttribute(*cached, path2, symbol, notify, holder);
+        watchAttribute(*cached, path2, symbol, true, holder);
         return;
     }
-    auto record = std::make_shared<PendingAdded>(symbol, child, notify);
+    auto record = std::make_shared<PendingAdded>(symbol, child, true);
     record->holder = &holder;
     // The child is still being constructed: only its base may be touched here.
     record->listenerId =
@@ -584,21 +563,6 @@ void NodeWatcher::removeListener(long id) {
     auto table = std::make_shared<Impl::Table>(*impl->listeners);
     table->erase(id);
     impl->listeners = std::move(table);
-}
-
-void NodeWatcher::ignoreOne(const Event& event) {
-    std::lock_guard<std::mutex> locker(impl->ignoreMutex);
-    if (!impl->ignored.insert(event).second) {
-        Basalt::Trace::error("NodeWatcher # called ignoreOne for an event that is already ignored");
-        return;
-    }
-    impl->ignoredCount.fetch_add(1, std::memory_order_release);
-}
-
-void NodeWatcher::stopIgnoring(const Event& event) {
-    std::lock_guard<std::mutex> locker(impl->ignoreMutex);
-    if (impl->ignored.erase(event))
-        impl->ignoredCount.fetch_sub(1, std::memory_order_release);
 }
 
 bool NodeWatcher::isPendingUpdate(unsigned int symbol) const {

@@ -4,8 +4,8 @@
 // path, and keeps the AttributeCache in step with the tree.
 //
 // Thread contract: startWatching, update and every object-model notification run on the
-// tree thread. addListener, removeListener, ignoreOne, stopIgnoring and isPendingUpdate
-// are thread-safe. Listener callbacks run with no watcher lock held, so they may add or
+// tree thread. addListener, removeListener and isPendingUpdate are
+// thread-safe. Listener callbacks run with no watcher lock held, so they may add or
 // remove listeners; the change takes effect from the next emission. A listener may
 // delete (or take out of the tree) the attribute or node it is told was added; other
 // parts of the watched tree must not be deleted from inside a report (the watcher may be
@@ -98,11 +98,6 @@ public:
 
     long addListener(const Listener& callback);
     void removeListener(long id);
-
-    // Swallows the next emission of exactly this event (echo suppression).
-    void ignoreOne(const Event& event);
-    // Withdraws an ignoreOne.
-    void stopIgnoring(const Event& event);
 
     // Whether an addition of that symbol is queued and not yet reported.
     bool isPendingUpdate(unsigned int symbol) const;

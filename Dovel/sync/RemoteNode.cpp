@@ -274,14 +274,6 @@ void RemoteNode::removeEventLIstener(long id) {
     eventListeners = std::move(table);
 }
 
-void RemoteNode::ignoreOne(const NodeWatcher::Event& event) {
-    nodeWatcher->ignoreOne(event);
-}
-
-void RemoteNode::stopIgnoring(const NodeWatcher::Event& event) {
-    nodeWatcher->stopIgnoring(event);
-}
-
 bool RemoteNode::handlingRemoteEvent(const QByteArray& name, const Basalt::BinaryData& data) const {
     return remoteEventName == &name && remoteEventData == &data;
 }

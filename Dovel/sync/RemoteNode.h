@@ -6,7 +6,7 @@
 //
 // Thread contract: the tree work (construction, update, the registration operations,
 // eventProcess, setSyncFlags) runs on the tree thread. addEventListener,
-// removeEventLIstener, ignoreOne, stopIgnoring and the cache are thread-safe;
+// removeEventLIstener and the cache are thread-safe;
 // eventProcessSlice may be called from any thread. handleRemoteEvent and the slice
 // table belong to the one thread that delivers received events.
 #pragma once
@@ -70,8 +70,6 @@ public:
     // Listeners of events raised locally (they send them to the peer). Ids from 0 up.
     long addEventListener(const EventListener& callback);
     void removeEventLIstener(long id);
-    void ignoreOne(const NodeWatcher::Event& event);
-    void stopIgnoring(const NodeWatcher::Event& event);
 
     // Local code raises an event: it goes to the event listeners, not to the node's
     // local listeners. A received event being delivered goes to the local listeners.

@@ -3,7 +3,6 @@
 #include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/BGThread.h"
-#include "Basalt/PlatformUtils.h"
 #include "Basalt/Stopwatch.h"
 #include "Basalt/Trace.h"
 
@@ -63,12 +62,6 @@ bool ServerBase::waitListening(int ms) {
         listenCondition.wait(listenMutex, static_cast<unsigned long>(left * 1000.0) + 1);
     }
     return listening;
-}
-
-void ServerBase::setAutoFirewallRules(bool enable, const QString& ruleName) {
-    Basalt::Guard guard(listenMutex);
-    autoFirewallRules = enable;
-    firewallRuleName = ruleName;
 }
 
 void ServerBase::setLoginKey(const QByteArray& key) {
@@ -194,17 +187,10 @@ void ServerBase::childLoop() {
 bool ServerBase::listen() {
     while (running.load()) {
         QByteArray address;
-        bool firewall;
-        QString ruleName;
         {
             Basalt::Guard guard(listenMutex);
             address = host_.toUtf8();
-            firewall = autoFirewallRules;
-            ruleName = firewallRuleName;
         }
-        if (firewall)
-            Basalt::PlatformUtils::openFirewallPortTCP(port_.load(), ruleName);
-
         const Basalt::Stopwatch start;
         if (serverSocket.open(address.constData(), port_.load(), ListenBacklog) == 0) {
             port_.store(serverSocket.port());

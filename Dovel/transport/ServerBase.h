@@ -47,8 +47,6 @@ public:
     bool waitListening(int ms);
     // Why the last attempt to listen failed (Basalt/SocketError.h); 0 when none did.
     int listenError() const { return lastListenError.load(); }
-    // Opens the port in the platform's firewall before every listening attempt.
-    void setAutoFirewallRules(bool enable, const QString& ruleName);
     // The key of the logins of connections accepted from now on (see
     // ConnectionThread::setLoginKey); empty: the default key.
     void setLoginKey(const QByteArray& key);
@@ -110,8 +108,6 @@ private:
     // Guards instances_ and removalTasks; removalDone wakes shutdown().
     mutable Basalt::Mutex instancesMutex;
     Basalt::Condition removalDone;
-    bool autoFirewallRules = false; // guarded by listenMutex, like the rule name
-    QString firewallRuleName;
     QByteArray loginKey; // guarded by listenMutex
     Admission admission_;
     QList<std::shared_ptr<Basalt::Task>> removalTasks;

@@ -265,36 +265,6 @@ TEST(NodeWatcher, RemovesSubtreesInPostOrderAndEmptiesTheCache) {
     (void)y;
 }
 
-TEST(NodeWatcher, IgnoreOneSwallowsExactlyOneEmission) {
-    Watched w;
-    auto* a = new AttributeT<float>(&w.root, "a");
-    w.watcher.startWatching(w.root, false);
-    const Event changed = ev(NodeWatcher::AttributeChanged, w.sym("a"));
-
-    Basalt::TraceCapture capture;
-    w.watcher.ignoreOne(changed);
-    w.watcher.ignoreOne(changed); // not counted twice
-    EXPECT_EQ(capture.count("NodeWatcher # called ignoreOne for an event that is already ignored",
-                            Basalt::Trace::Error),
-              1);
-    a->setValue(1.0f, L3);
-    a->setValue(2.0f, L3);
-    EXPECT_EQ(w.recorder.take(), std::vector<Event>{changed});
-
-    w.watcher.ignoreOne(changed);
-    w.watcher.stopIgnoring(changed);
-    a->setValue(3.0f, L3);
-    EXPECT_EQ(w.recorder.take(), std::vector<Event>{changed});
-
-    // Ignoring an addition silences the added child and its subtree.
-    w.watcher.ignoreOne(ev(NodeWatcher::NodeAdded, w.registry.lookupOrDefine("n")));
-    auto* n = new Node(&w.root, "n");
-    new AttributeT<int>(n, "x");
-    w.watcher.update();
-    EXPECT_TRUE(w.recorder.take().empty());
-    EXPECT_NE(w.cache.find(w.sym("n/x")), nullptr);
-}
-
 TEST(NodeWatcher, AliasRetargetsToValueNodeAndNull) {
     Watched w;
     auto* v1 = new AttributeT<float>(&w.root, "v1");
