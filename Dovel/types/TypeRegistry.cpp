@@ -96,44 +96,44 @@ void TypeRegistry::initDefaultTypes() {
     using namespace Tessel;
 #define DOVEL_RAW(code, T)                                                                         \
     registerType<AttributeT<T>, RawCodec<T>, T, RawEncoding<T>>(code, sizeof(T))
-    DOVEL_RAW(1, bool);
-    DOVEL_RAW(2, Basalt::Color);
-    DOVEL_RAW(48, Basalt::ColorPMA);
-    DOVEL_RAW(3, float);
-    DOVEL_RAW(4, double);
-    DOVEL_RAW(10, uint32_t);
-    DOVEL_RAW(11, int64_t);
-    DOVEL_RAW(12, uint64_t);
-    DOVEL_RAW(13, Quant::Recti);
-    DOVEL_RAW(14, Quant::Rectf);
-    DOVEL_RAW(15, Quant::Rectd);
-    DOVEL_RAW(16, Quant::Vector2i);
-    DOVEL_RAW(17, Quant::Vector2f);
-    DOVEL_RAW(19, Quant::Vector3i);
-    DOVEL_RAW(20, Quant::Vector3f);
-    DOVEL_RAW(22, Quant::Vector4i);
-    DOVEL_RAW(23, Quant::Vector4f);
+    DOVEL_RAW(BoolCode, bool);
+    DOVEL_RAW(ColorCode, Basalt::Color);
+    DOVEL_RAW(ColorPMACode, Basalt::ColorPMA);
+    DOVEL_RAW(FloatCode, float);
+    DOVEL_RAW(DoubleCode, double);
+    DOVEL_RAW(UIntCode, uint32_t);
+    DOVEL_RAW(Int64Code, int64_t);
+    DOVEL_RAW(UInt64Code, uint64_t);
+    DOVEL_RAW(RectICode, Quant::Recti);
+    DOVEL_RAW(RectFCode, Quant::Rectf);
+    DOVEL_RAW(RectDCode, Quant::Rectd);
+    DOVEL_RAW(Vector2ICode, Quant::Vector2i);
+    DOVEL_RAW(Vector2FCode, Quant::Vector2f);
+    DOVEL_RAW(Vector3ICode, Quant::Vector3i);
+    DOVEL_RAW(Vector3FCode, Quant::Vector3f);
+    DOVEL_RAW(Vector4ICode, Quant::Vector4i);
+    DOVEL_RAW(Vector4FCode, Quant::Vector4f);
     registerType<AttributeT<Quant::SizeF>, Tuple<AttributeT<Quant::SizeF>>, Quant::SizeF,
-                 PairValueEncoding<Quant::SizeF, float>>(50, 8);
+                 PairValueEncoding<Quant::SizeF, float>>(SizeFCode, 8);
     registerType<AttributeT<Quant::SizeI>, Tuple<AttributeT<Quant::SizeI>>, Quant::SizeI,
-                 PairValueEncoding<Quant::SizeI, int>>(52, 8);
+                 PairValueEncoding<Quant::SizeI, int>>(SizeICode, 8);
     registerType<AttributeT<Quant::Vector2f, Separate>,
                  Tuple<AttributeT<Quant::Vector2f, Separate>>, Quant::Vector2f,
-                 PairValueEncoding<Quant::Vector2f, float>>(49, 8);
-    DOVEL_RAW(26, Quant::Matrix2f);
-    DOVEL_RAW(29, Quant::Matrix3f);
-    DOVEL_RAW(32, Quant::Matrix4f);
-    DOVEL_RAW(34, Basalt::TimeStamp);
+                 PairValueEncoding<Quant::Vector2f, float>>(Vector2FSeparateCode, 8);
+    DOVEL_RAW(Matrix2FCode, Quant::Matrix2f);
+    DOVEL_RAW(Matrix3FCode, Quant::Matrix3f);
+    DOVEL_RAW(Matrix4FCode, Quant::Matrix4f);
+    DOVEL_RAW(TimeStampCode, Basalt::TimeStamp);
 #undef DOVEL_RAW
     registerType<AttributeContainer<std::vector<float>>, VectorCodec<float>, QVector<float>,
-                 VectorEncoding<QVector<float>>>(40, 0);
+                 VectorEncoding<QVector<float>>>(FloatVectorCode, 0);
     registerType<AttributeContainer<std::vector<Quant::Vector2f>>, VectorCodec<Quant::Vector2f>,
                  QVector<Quant::Vector2f>, VectorEncoding<QVector<Quant::Vector2f>>>(
-        41, 0, "QVector<Quant::Vector2f>");
+        Vector2FVectorCode, 0, "QVector<Quant::Vector2f>");
     registerType<AttributeContainer<std::vector<int32_t>>, VectorCodec<int32_t>, QVector<int32_t>,
-                 VectorEncoding<QVector<int32_t>>>(42, 0);
+                 VectorEncoding<QVector<int32_t>>>(IntVectorCode, 0);
     registerType<AttributeContainer<std::vector<uint32_t>>, VectorCodec<uint32_t>,
-                 QVector<uint32_t>, VectorEncoding<QVector<uint32_t>>>(43, 0);
+                 QVector<uint32_t>, VectorEncoding<QVector<uint32_t>>>(UIntVectorCode, 0);
 
     initStringTypes();
     initStringList();
@@ -147,28 +147,29 @@ void TypeRegistry::initStringTypes() {
     using StringVector = std::vector<QString>;
     registerType<AttributeContainer<StringVector>,
                  ContainerCodec<AttributeContainer<StringVector>, StringListEncoding<StringVector>>,
-                 QStringList, StringListEncoding<QStringList>>(44, 0, "QStringList");
+                 QStringList, StringListEncoding<QStringList>>(StringVectorCode, 0, "QStringList");
     registerType<AttributeT<QString>, ValueCodec<AttributeT<QString>, StringEncoding>, QString,
-                 StringEncoding>(35, 0, "QString");
+                 StringEncoding>(StringCode, 0, "QString");
     registerType<AttributeAsset, ValueCodec<AttributeAsset, StringEncoding>, QString,
-                 StringEncoding>(51, 0, "QString");
+                 StringEncoding>(AssetCode, 0, "QString");
 }
 
 void TypeRegistry::initStringList() {
     using namespace Tessel;
     registerType<AttributeT<QStringList>,
                  ValueCodec<AttributeT<QStringList>, StringListEncoding<QStringList>>, QStringList,
-                 StringListEncoding<QStringList>>(36, 0, "QStringList");
+                 StringListEncoding<QStringList>>(StringListCode, 0, "QStringList");
 }
 
 void TypeRegistry::initMemGrids() {
     registerType<Tessel::AttributeGrid<uint8_t>, GridCodec, Basalt::MemGrid8u, GridEncoding>(
-        45, 0, "Basalt::MemGrid8u");
+        Grid8UCode, 0, "Basalt::MemGrid8u");
 }
 
 void TypeRegistry::initSpline() {
     registerType<Tessel::AttributeSpline, SplineCodec, QVector<Quant::Vector2f>,
-                 VectorEncoding<QVector<Quant::Vector2f>>>(46, 0, "QVector<Quant::Vector2f>");
+                 VectorEncoding<QVector<Quant::Vector2f>>>(SplineCode, 0,
+                                                           "QVector<Quant::Vector2f>");
 }
 
 void TypeRegistry::initEnumAndIntTypes() {
@@ -187,12 +188,12 @@ void TypeRegistry::initEnumAndIntTypes() {
             return IntCodec::serializer(attribute);
         };
     };
-    add(Entry{47, 4, std::type_index(typeid(Tessel::AttributeEnum)), create, deserializer,
-              &isA<Tessel::AttributeEnum>, serializer(47),
+    add(Entry{EnumCode, 4, std::type_index(typeid(Tessel::AttributeEnum)), create, deserializer,
+              &isA<Tessel::AttributeEnum>, serializer(EnumCode),
               VariantCodec<int, Int32Encoding>::serializer("int32_t"),
               VariantCodec<int, Int32Encoding>::deserializer()});
-    add(Entry{9, 4, std::type_index(typeid(Tessel::AttributeT<int>)), create, deserializer,
-              &isA<Tessel::AttributeT<int>>, serializer(9),
+    add(Entry{IntCode, 4, std::type_index(typeid(Tessel::AttributeT<int>)), create, deserializer,
+              &isA<Tessel::AttributeT<int>>, serializer(IntCode),
               VariantCodec<int, Int32Encoding>::serializer("int"),
               VariantCodec<int, Int32Encoding>::deserializer()});
 }

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "Dovel/types/AttributeCodecs.h"
+#include "Dovel/types/TypeCodes.h"
 #include "Dovel/types/VariantCodecs.h"
 
 #include "Tessel/Attribute.h"
