@@ -4,6 +4,7 @@
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/bundle/PendingBundleSender.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
+#include "Dovel/session/Connection.h"
 #include "Dovel/sync/AttributeCache.h"
 #include "Dovel/sync/AttributeRemoveReceiver.h"
 #include "Dovel/sync/AttributeStorage.h"
@@ -15,7 +16,6 @@
 #include "Dovel/sync/QueryReceiver.h"
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/sync/SyncFlags.h"
-#include "Dovel/session/Connection.h"
 
 #include "Basalt/Trace.h"
 #include "Tessel/Node.h"
@@ -264,17 +264,24 @@ void BundleController::Core::ensureIsInitialized() {
     nodeChangeSender->sendInitialValues();
 }
 
+// Symbols a light client may define: it names none, and its registry is read by nothing.
+constexpr int MaxQueryPeerSymbols = 1024;
+
 void BundleController::Core::initializeQuerySession() {
     enabled.store(params->enabled);
     // The client's own sender asks for the symbol module too; it is offered so that the
     // binding succeeds, and nothing here reads the symbols.
-    dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(
-        symbolRegistry, Limits::MaxPeerSymbols, &remoteNode.symbolRegistry()));
+    dispatcher.addModule(
+        std::make_shared<SymbolRegistryReceiver>(symbolRegistry, MaxQueryPeerSymbols));
     queryReplies = std::make_shared<PendingBundleSender>(ModuleNames::QueryReply);
     dispatcher.addSender(queryReplies);
-    queryReceiver = std::make_shared<QueryReceiver>(
-        remoteNode, typeRegistry, *queryReplies,
-        writeRules.allowsEverything() ? nullptr : &writeRules, params->createMissingAttributes);
+    QueryReceiver::Options options;
+    options.rules = writeRules.allowsEverything() ? nullptr : &writeRules;
+    options.footprint = &footprint;
+    options.createMissing = params->createMissingAttributes;
+    options.mayRemove = params->queryMayRemove;
+    queryReceiver =
+        std::make_shared<QueryReceiver>(remoteNode, typeRegistry, *queryReplies, options);
     dispatcher.addModule(queryReceiver);
     connection = params->connection;
     params.reset();

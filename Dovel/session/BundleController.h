@@ -68,9 +68,12 @@ struct BundleControllerParams {
     bool mirrorOnly = false;
     // A light client's session: the peer asks about paths and changes them through the
     // query module ("Dovel.Query", answered on the tree thread) instead of taking the
-    // tree. Nothing is announced to it, nothing watched for it, and no other module is
-    // offered. `createMissingAttributes` and `writeRules` hold for its writes.
+    // tree. Nothing is announced to it and nothing watched for it; besides the query
+    // module only the symbol module is offered (every peer's first request names it).
+    // `createMissingAttributes` and `writeRules` hold for its writes.
     bool querySession = false;
+    // Whether such a peer may remove attributes and nodes (QueryReceiver::Options).
+    bool queryMayRemove = false;
     // The initial value of the core's enabled flag.
     bool enabled = true;
     // True: driven by the host's update loop; false: the owner calls update().

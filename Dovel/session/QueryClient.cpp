@@ -5,9 +5,9 @@
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/bundle/PendingBundleSender.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
-#include "Dovel/transport/ConnectionThread.h"
 #include "Dovel/session/Dovel1Connection.h"
 #include "Dovel/session/ProcessDovel2.h"
+#include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
@@ -24,6 +24,8 @@ namespace {
 // Symbols a server may define for a light client: ours defines none, and a server that
 // takes it for an ordinary client is left as soon as it says it lacks the query module.
 constexpr int MaxClientSymbols = 1024;
+// How much longer open() waits than the login may take.
+constexpr int OpenMarginMs = 1000;
 
 } // namespace
 
@@ -37,6 +39,11 @@ public:
         setVersionSuffix(QString::fromLatin1(Query::ClientSuffix));
         dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(symbols, MaxClientSymbols));
         dispatcher.addModule(std::make_shared<Replies>(*this));
+        // A server that takes us for an ordinary client binds the attribute modules
+        // before it announces its tree: that is the sign, and the tree is not waited for.
+        for (const char* module : {ModuleNames::AttributeNew, ModuleNames::AttributeUpdate,
+                                   ModuleNames::AttributeRemove, ModuleNames::OneWayEvent})
+            dispatcher.addModule(std::make_shared<OrdinarySession>(*this, module));
         dispatcher.addSender(requests);
         dispatcher.setPeerErrorHandler([this](const QString&, const QString& module) {
             if (module == QLatin1String(ModuleNames::Query))
@@ -55,6 +62,7 @@ public:
             if (ended || unsupported)
                 return ended ? Failed : Unsupported;
             id = ++lastId;
+            answers.clear(); // a late answer to an earlier request is of no use now
             BundleWriterCore& writer = requests->writer();
             writer.writeUInt32(id);
             writer.writeUInt32(operation);
@@ -145,6 +153,19 @@ private:
         Link& link;
     };
 
+    // Bound only by a server that runs an ordinary session for us.
+    class OrdinarySession : public BundleReceiver {
+    public:
+        OrdinarySession(Link& link, const char* module) : BundleReceiver(module), link(link) {}
+        void handleBundle(BundleReader&) override {}
+        void moduleLoaded(const QMap<QString, QString>&) override {
+            link.unsupported = true; // under `mutex`: called from dispatch
+        }
+
+    private:
+        Link& link;
+    };
+
     void end() {
         std::lock_guard<std::mutex> lock(mutex);
         ended = true;
@@ -176,7 +197,9 @@ QueryClient::~QueryClient() {
 
 bool QueryClient::open(const QString& host, int port, int ms) {
     link->connectToHost(host, port);
-    if (link->waitOpen(ms))
+    // The connection's own time-out (the login's) ends a silent peer first, with the
+    // reason; this wait only backs it up.
+    if (link->waitOpen(ms + OpenMarginMs))
         return true;
     const PeerFailure why = link->lastFailure();
     failure = why.isSet() ? why.text() : QStringLiteral("no answer");

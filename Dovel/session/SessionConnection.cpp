@@ -1,10 +1,10 @@
 #include "Dovel/session/SessionConnection.h"
 
 #include "Dovel/session/BundleController.h"
-#include "Dovel/session/SessionDriver.h"
-#include "Dovel/sync/QueryWire.h"
 #include "Dovel/session/Dovel1Connection.h"
 #include "Dovel/session/ProcessDovel2.h"
+#include "Dovel/session/SessionDriver.h"
+#include "Dovel/sync/QueryWire.h"
 
 #include "Basalt/Trace.h"
 
@@ -102,6 +102,7 @@ void SessionConnection::connected() {
     params.mirrorOnly = config.mirrorOnly;
     params.querySession = isServerSide() && config.answerQueries &&
                           remoteVersionSuffix() == QLatin1String(Query::ClientSuffix);
+    params.queryMayRemove = config.queryMayRemove;
     params.enabled = true;
     params.autoUpdate = config.driver == nullptr;
     if (config.driver) {

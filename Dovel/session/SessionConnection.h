@@ -36,8 +36,10 @@ struct SessionConfig {
     bool master = false;
     bool createMissingAttributes = true;
     bool mirrorOnly = false; // see SessionClient::Options
-    // Server side: a light client (QueryClient) gets a query session instead of the tree.
+    // Server side: a light client (QueryClient) gets a query session instead of the tree,
+    // and may remove what the tree holds only with queryMayRemove.
     bool answerQueries = true;
+    bool queryMayRemove = false;
     // Incoming one-way events; empty: the node's local event listeners get them.
     std::function<void(const QByteArray&, Basalt::BinaryData&)> oneWayEventHandler;
     // Where the sessions count; a server shares one among its connections.

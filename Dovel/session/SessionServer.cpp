@@ -14,6 +14,7 @@ SessionServer::SessionServer(RemoteNode& node, SessionDriver* driver, Options op
     config.oneWayEventHandler = std::move(options.oneWayEventHandler);
     config.stats = stats_;
     config.answerQueries = options.answerQueries;
+    config.queryMayRemove = options.queryMayRemove;
     if (options.readOnly)
         config.writeRules = PeerWriteRules::readOnly(options.writable);
     setLoginKey(options.loginKey);

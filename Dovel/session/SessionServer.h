@@ -47,6 +47,11 @@ public:
         // paths without taking the tree; off: they are served as ordinary clients and
         // take a full copy.
         bool answerQueries = true;
+        // Whether they may remove attributes and nodes. A removal deletes what the tree
+        // holds, so turn it on only when the whole tree is heap-owned by its nodes (no
+        // attribute is a member of another object, none is pointed to elsewhere), as
+        // in `dovel serve`. Ordinary peers never remove what this side made.
+        bool queryMayRemove = false;
     };
 
     // `driver` null: the sessions run from the host's update loop.

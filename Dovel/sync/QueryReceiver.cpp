@@ -3,6 +3,7 @@
 #include "Dovel/Limits.h"
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/bundle/PendingBundleSender.h"
+#include "Dovel/sync/PeerFootprint.h"
 #include "Dovel/sync/PeerWriteRules.h"
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/types/TypeRegistry.h"
@@ -11,6 +12,9 @@
 #include "Tessel/Node.h"
 
 #include <QRegularExpression>
+#include <QSet>
+
+#include <functional>
 
 #include <memory>
 
@@ -45,6 +49,7 @@ struct Place {
     Node* parent = nullptr;
     Attribute* blocker = nullptr;
     QByteArray blockerPath;
+    bool dangling = false; // an alias without a target on the way (or at the end)
 };
 
 Place locate(Node& root, const QByteArray& path) {
@@ -61,8 +66,10 @@ Place locate(Node& root, const QByteArray& path) {
         if (!listed)
             return place;
         Attribute* resolved = AttributeAlias::resolve(listed);
-        if (!resolved)
+        if (!resolved) {
+            place.dangling = true;
             return place;
+        }
         walked = childPath(walked, names[i]);
         if (i + 1 == names.size()) {
             place.listed = listed;
@@ -94,6 +101,29 @@ Query::Reply failed(Query::Status status, uint32_t index) {
     return reply;
 }
 
+// Visits the value attributes under `node` in child order, aliases resolved, with their
+// paths, until `visit` returns false; false then.
+bool walk(Node& node, const QByteArray& prefix,
+          const std::function<bool(Attribute&, const QByteArray&)>& visit) {
+    for (Attribute* child : node.children()) {
+        Attribute* resolved = AttributeAlias::resolve(child);
+        if (!resolved)
+            continue;
+        const QByteArray path = childPath(prefix, child->name());
+        if (Node* inner = Tessel::asNode(resolved)) {
+            if (!walk(*inner, path, visit))
+                return false;
+        } else if (!visit(*resolved, path)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Most wildcards a list pattern may hold: each may make the expression engine try every
+// split of a path, for every attribute of the tree.
+constexpr int MaxPatternWildcards = 8;
+
 // The count of a request's items, refused above the limit.
 bool readCount(BundleReader& reader, uint32_t& count) {
     count = reader.readUInt32();
@@ -103,38 +133,41 @@ bool readCount(BundleReader& reader, uint32_t& count) {
 } // namespace
 
 QueryReceiver::QueryReceiver(RemoteNode& node, const TypeRegistry& types,
-                             PendingBundleSender& replies, const PeerWriteRules* rules,
-                             bool createMissing)
-    : BundleReceiver(ModuleNames::Query), node(node), types(types), replies(replies), rules(rules),
-      createMissing(createMissing) {}
+                             PendingBundleSender& replies, Options options)
+    : BundleReceiver(ModuleNames::Query), node(node), types(types), replies(replies),
+      options(options) {}
 
 QueryReceiver::~QueryReceiver() = default;
 
 void QueryReceiver::handleBundle(BundleReader& reader) {
     while (!reader.atEnd()) {
         const uint32_t id = reader.readUInt32();
-        const uint32_t operation = reader.readUInt32();
         Query::Reply reply;
-        switch (operation) {
-        case Query::Read:
-            reply = read(reader);
-            break;
-        case Query::List:
-            reply = list(reader);
-            break;
-        case Query::Write:
-            reply = write(reader);
-            break;
-        case Query::Remove:
-            reply = remove(reader);
-            break;
-        default:
-            reply = failed(Query::Unknown, 0);
-            break;
+        try {
+            switch (reader.readUInt32()) {
+            case Query::Read:
+                reply = read(reader);
+                break;
+            case Query::List:
+                reply = list(reader);
+                break;
+            case Query::Write:
+                reply = write(reader);
+                break;
+            case Query::Remove:
+                reply = remove(reader);
+                break;
+            default:
+                reply = failed(Query::Unknown, 0);
+                break;
+            }
+        } catch (const std::exception&) {
+            // A truncated item, an over-long path or a string with a zero byte: the rest
+            // of the bundle cannot be found.
+            reply = failed(Query::Invalid, uint32_t(-1));
         }
         reply.id = id;
         Query::writeReply(replies.writer(), reply);
-        // What follows an unknown operation, or an over-long list, cannot be found.
         if (reply.status == Query::Unknown ||
             (reply.status == Query::Invalid && reply.index == uint32_t(-1)))
             return;
@@ -142,15 +175,40 @@ void QueryReceiver::handleBundle(BundleReader& reader) {
 }
 
 bool QueryReceiver::isShared(const QByteArray& path) const {
+    if (path == "id" || path.endsWith("/id"))
+        return false;
     const unsigned int symbol = node.symbolRegistry().lookup(path);
     return symbol == 0 || (node.syncFlags().getFlags(symbol) & SyncFlags::Sync);
 }
 
+bool QueryReceiver::isCarried(Attribute& attribute, const QByteArray& path) const {
+    return isShared(path) && typeCodeOf(types, attribute) != 0;
+}
+
 bool QueryReceiver::mayWrite(const QByteArray& path) const {
-    if (!rules || rules->mayWrite(path))
+    if (!options.rules || options.rules->mayWrite(path))
         return true;
-    rules->refuse(path);
+    options.rules->refuse(path);
     return false;
+}
+
+bool QueryReceiver::chargeCreation(const QByteArray& path) const {
+    if (!options.footprint)
+        return true;
+    // The nodes on the way that are not there yet, then the attribute.
+    Node* at = &node;
+    int end = 0;
+    for (;;) {
+        const int slash = path.indexOf('/', end);
+        if (slash < 0)
+            break;
+        Attribute* next = at ? at->attribute(path.mid(end, slash - end)) : nullptr;
+        at = next ? Tessel::asNode(AttributeAlias::resolve(next)) : nullptr;
+        if (!at && !options.footprint->chargeNode(slash))
+            return false;
+        end = slash + 1;
+    }
+    return options.footprint->chargeAttribute(path.size());
 }
 
 bool QueryReceiver::add(Query::Reply& reply, uint32_t& bytes, Attribute& attribute,
@@ -166,7 +224,8 @@ bool QueryReceiver::add(Query::Reply& reply, uint32_t& bytes, Attribute& attribu
         return true;
     }
     bytes += Query::entryBytes(entry);
-    if (bytes > uint32_t(Limits::MaxQueryReplyBytes))
+    // The answers of one pass travel in one bundle: together within the limit.
+    if (uint64_t(bytes) + replies.pendingBytes() > uint64_t(Limits::MaxQueryReplyBytes))
         return false;
     reply.entries.push_back(std::move(entry));
     return true;
@@ -177,16 +236,11 @@ bool QueryReceiver::addUnder(Query::Reply& reply, uint32_t& bytes, Node& under,
                              const QString& pattern) const {
     const QRegularExpression filter(pattern.isEmpty() ? QString()
                                                       : RemoteNode::makeRegExp(pattern).pattern());
-    bool fits = true;
-    walkAttributesWithPath(under, [&](Attribute& attribute, const QByteArray& relative) {
-        if (!fits)
-            return;
-        const QByteArray path = prefix.isEmpty() ? relative : prefix + '/' + relative;
+    return walk(under, prefix, [&](Attribute& attribute, const QByteArray& path) {
         if (!pattern.isEmpty() && !filter.match(QString::fromUtf8(path)).hasMatch())
-            return;
-        fits = add(reply, bytes, attribute, path, withValue);
+            return true;
+        return add(reply, bytes, attribute, path, withValue);
     });
-    return fits;
 }
 
 Query::Reply QueryReceiver::read(BundleReader& reader) {
@@ -221,6 +275,8 @@ Query::Reply QueryReceiver::read(BundleReader& reader) {
 Query::Reply QueryReceiver::list(BundleReader& reader) {
     QByteArray pattern;
     reader.readString(pattern, uint32_t(Limits::MaxPeerNameBytes));
+    if (pattern.count('*') > MaxPatternWildcards)
+        return failed(Query::Invalid, 0);
     // Walk only under the names before the first wildcard.
     QByteArray prefix;
     for (const QByteArray& name : pattern.split('/')) {
@@ -254,17 +310,22 @@ Query::Reply QueryReceiver::write(BundleReader& reader) {
         QByteArray path;
         std::unique_ptr<Attribute> attribute; // holds the value already
     };
-    std::vector<std::pair<Attribute*, const Query::Entry*>> assignments;
+    std::vector<std::pair<Attribute*, uint32_t>> assignments; // attribute, entry index
     std::vector<Creation> creations;
+    // The paths created so far, and every node path on their way: a later creation
+    // must be neither, nor run through a created value.
+    QSet<QByteArray> created;
+    QSet<QByteArray> createdNodes;
     for (uint32_t i = 0; i < count; ++i) {
         const Query::Entry& entry = entries[i];
         const QByteArray& path = entry.path;
-        if (path.isEmpty() || !isWellFormed(path) || path == "id" || path.endsWith("/id") ||
-            !isShared(path))
+        if (path.isEmpty() || !isWellFormed(path) || !isShared(path))
             return failed(Query::Invalid, i);
         if (!mayWrite(path))
             return failed(Query::Refused, i);
         const Place place = locate(node, path);
+        if (place.dangling)
+            return failed(Query::Invalid, i);
         Query::Reply clash = failed(Query::PathClash, i);
         if (place.blocker) {
             clash.entries.push_back({place.blockerPath, typeCodeOf(types, *place.blocker), {}});
@@ -285,27 +346,46 @@ Query::Reply QueryReceiver::write(BundleReader& reader) {
                 mismatch.entries.push_back({path, held, {}});
                 return mismatch;
             }
-            assignments.emplace_back(place.found, &entry);
+            assignments.emplace_back(place.found, i);
             continue;
         }
-        if (!createMissing)
+        if (!options.createMissing)
             return failed(Query::NotCreated, i);
-        for (const Creation& earlier : creations) {
-            if (earlier.path == path || path.startsWith(earlier.path + '/') ||
-                earlier.path.startsWith(path + '/')) {
-                clash.entries.push_back({earlier.path, entry.typeCode, {}});
+        if (created.contains(path) || createdNodes.contains(path)) {
+            clash.entries.push_back({path, created.contains(path) ? entry.typeCode : 0, {}});
+            return clash;
+        }
+        for (int slash = path.indexOf('/'); slash >= 0; slash = path.indexOf('/', slash + 1)) {
+            const QByteArray on = path.left(slash);
+            if (created.contains(on)) {
+                clash.entries.push_back({on, entry.typeCode, {}});
                 return clash;
             }
         }
+        if (!chargeCreation(path))
+            return failed(Query::NotCreated, i);
+        for (int slash = path.indexOf('/'); slash >= 0; slash = path.indexOf('/', slash + 1))
+            createdNodes.insert(path.left(slash));
+        created.insert(path);
         creations.push_back({path, std::move(fresh)});
     }
 
-    for (const auto& assignment : assignments)
-        Query::decodeValue(types, assignment.second->typeCode, assignment.second->value,
-                           *assignment.first);
+    for (const auto& assignment : assignments) {
+        const Query::Entry& entry = entries[assignment.second];
+        Query::decodeValue(types, entry.typeCode, entry.value, *assignment.first);
+    }
     for (Creation& creation : creations)
         if (node.addDeepAttribute(creation.path, creation.attribute.get()))
             creation.attribute.release(); // its node owns it now
+    // A value the tree holds at a stronger layer than received values take stays: the
+    // write did not take there.
+    for (const auto& assignment : assignments) {
+        const Query::Entry& entry = entries[assignment.second];
+        uint32_t code = 0;
+        QByteArray held;
+        if (!Query::encodeValue(types, *assignment.first, code, held) || held != entry.value)
+            return failed(Query::Refused, assignment.second);
+    }
     return Query::Reply();
 }
 
@@ -318,21 +398,28 @@ Query::Reply QueryReceiver::remove(BundleReader& reader) {
         paths.emplace_back();
         reader.readString(paths.back(), uint32_t(Limits::MaxPeerNameBytes));
     }
+    if (!options.mayRemove)
+        return failed(Query::Refused, uint32_t(-1));
+    QSet<QByteArray> checked;
     for (uint32_t i = 0; i < count; ++i) {
         const QByteArray& path = paths[i];
         if (path.isEmpty() || !isWellFormed(path))
             return failed(Query::Invalid, i);
+        if (checked.contains(path))
+            continue;
+        checked.insert(path);
         const Place place = locate(node, path);
-        if (!place.listed)
+        // What no session shows the client is not there for it.
+        Node* inner = place.found ? Tessel::asNode(place.found) : nullptr;
+        if (!place.listed || (!inner && !isCarried(*place.found, path)))
             return failed(Query::NotFound, i);
-        // A node goes with everything under it: each of those must be the client's to
-        // remove.
-        bool allowed = mayWrite(path);
-        if (Node* inner = Tessel::asNode(place.found)) {
-            walkAttributesWithPath(*inner, [&](Attribute&, const QByteArray& relative) {
-                allowed = allowed && mayWrite(path + '/' + relative);
+        // The rules name attribute paths: a node may go when everything under it may.
+        bool allowed = inner ? true : mayWrite(path);
+        if (inner && options.rules)
+            walk(*inner, path, [&](Attribute&, const QByteArray& under) {
+                allowed = mayWrite(under);
+                return allowed;
             });
-        }
         if (!allowed)
             return failed(Query::Refused, i);
     }

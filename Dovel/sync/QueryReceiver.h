@@ -22,6 +22,7 @@ class Node;
 
 namespace Dovel {
 
+class PeerFootprint;
 class PeerWriteRules;
 class PendingBundleSender;
 class RemoteNode;
@@ -29,9 +30,20 @@ class TypeRegistry;
 
 class QueryReceiver : public BundleReceiver {
 public:
-    // `rules` null: the peer may write everything. All four outlive the receiver.
+    struct Options {
+        // What the client may change; null: everything.
+        const PeerWriteRules* rules = nullptr;
+        // What its creations may cost against what it sent; null: no bound.
+        PeerFootprint* footprint = nullptr;
+        bool createMissing = true;
+        // Removals delete what the tree holds, which the application may own otherwise
+        // (an attribute that is a member of one of its objects): only a server whose
+        // tree is all its own heap (as `dovel serve`'s) lets clients remove.
+        bool mayRemove = false;
+    };
+    // The node, registry, sender and what the options point to outlive the receiver.
     QueryReceiver(RemoteNode& node, const TypeRegistry& types, PendingBundleSender& replies,
-                  const PeerWriteRules* rules, bool createMissing);
+                  Options options);
     ~QueryReceiver() override;
 
     // Answers every request of the bundle in order.
@@ -44,20 +56,24 @@ private:
     Query::Reply remove(BundleReader& reader);
 
     // Adds the entry for `attribute` at `path` when a session would carry it; false once
-    // the reply would exceed its limit.
+    // the answers of the pass would exceed their limit.
     bool add(Query::Reply& reply, uint32_t& bytes, Tessel::Attribute& attribute,
              const QByteArray& path, bool withValue) const;
     // Every carried attribute under `node`, whose path is `prefix`.
     bool addUnder(Query::Reply& reply, uint32_t& bytes, Tessel::Node& node,
                   const QByteArray& prefix, bool withValue, const QString& pattern) const;
+    // Whether a session carries the attribute at `path`: its type has a wire form and
+    // the sync flags share it.
+    bool isCarried(Tessel::Attribute& attribute, const QByteArray& path) const;
     bool isShared(const QByteArray& path) const;
     bool mayWrite(const QByteArray& path) const;
+    // Charges creating `path` (its missing nodes and the attribute) to the footprint.
+    bool chargeCreation(const QByteArray& path) const;
 
     RemoteNode& node;
     const TypeRegistry& types;
     PendingBundleSender& replies;
-    const PeerWriteRules* rules;
-    const bool createMissing;
+    const Options options;
 };
 
 } // namespace Dovel

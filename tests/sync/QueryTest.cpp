@@ -19,7 +19,15 @@ using BundleTest::Bytes;
 namespace {
 
 enum : uint32_t { Read = 1, List = 2, Write = 3, Remove = 4 };
-enum : uint32_t { Ok = 0, NotFound = 1, TypeMismatch = 3, PathClash = 4, Invalid = 6, Unknown = 8 };
+enum : uint32_t {
+    Ok = 0,
+    NotFound = 1,
+    Refused = 2,
+    TypeMismatch = 3,
+    PathClash = 4,
+    Invalid = 6,
+    Unknown = 8
+};
 constexpr uint32_t FloatCode = 3;
 constexpr uint32_t DoubleCode = 4;
 const char OnePointFive[] = "0000c03f"; // 1.5f, little-endian
@@ -35,12 +43,15 @@ Bytes bare(uint32_t id, uint32_t status, uint32_t index = 0) {
 TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
     Dovel::RemoteNode root(nullptr, "root");
     new Tessel::AttributeT<float>(new Tessel::Node(&root, "car"), "speed", 1.5f);
+    new Tessel::AttributeT<float>(new Tessel::Node(&root, "new"), "id", 1.0f);
     root.processPendingAdditions();
     const Dovel::TypeRegistry types;
     Dovel::BundleDispatcher dispatcher;
     auto replies = std::make_shared<Dovel::PendingBundleSender>(Dovel::ModuleNames::QueryReply);
     dispatcher.addSender(replies);
-    Dovel::QueryReceiver receiver(root, types, *replies, nullptr, true);
+    Dovel::QueryReceiver::Options options;
+    options.mayRemove = true;
+    Dovel::QueryReceiver receiver(root, types, *replies, options);
 
     const QByteArray speed = Bytes().str("car/speed").word(FloatCode).word(4).data();
     const struct {
@@ -93,7 +104,7 @@ TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
              .hex(Two),
          Bytes().word(4).word(PathClash).word(1).word(1).str("car/speed").word(FloatCode).word(0)},
         {"a value of the wrong size",
-         Bytes().word(5).word(Write).word(1).str("new").word(FloatCode).word(2).hex("00000000"),
+         Bytes().word(5).word(Write).word(1).str("fresh").word(FloatCode).word(2).hex("00000000"),
          bare(5, Invalid)},
         {"an attribute named id stays local",
          Bytes().word(6).word(Write).word(1).str("car/id").word(FloatCode).word(4).hex(Two),
@@ -124,6 +135,25 @@ TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
              .word(FloatCode)
              .word(4)
              .hex(Two)},
+        {"one request creating a value and a path through it",
+         Bytes()
+             .word(16)
+             .word(Write)
+             .word(2)
+             .str("n/a")
+             .word(FloatCode)
+             .word(4)
+             .hex(Two)
+             .str("n/a/b")
+             .word(FloatCode)
+             .word(4)
+             .hex(Two),
+         Bytes().word(16).word(PathClash).word(1).word(1).str("n/a").word(FloatCode).word(0)},
+        {"a truncated entry ends the bundle",
+         Bytes().word(17).word(Write).word(1).str("n/a").word(FloatCode),
+         bare(17, Invalid, 0xffffffff)},
+        {"a local attribute is not there to remove",
+         Bytes().word(18).word(Remove).word(1).str("new/id"), bare(18, NotFound)},
         {"a removal with a missing path removes nothing",
          Bytes().word(9).word(Remove).word(2).str("car").str("nope"), bare(9, NotFound, 1)},
         {"a malformed path", Bytes().word(10).word(Remove).word(1).str("car//speed"),
@@ -149,5 +179,18 @@ TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
         EXPECT_EQ(answer.mid(16).toHex(), one.answer.data().toHex());
     }
     EXPECT_EQ(root.attribute("car"), nullptr);
+    EXPECT_NE(Dovel::attributeAt(root, "new/x"), nullptr);
+    EXPECT_EQ(root.attribute("n"), nullptr);
+
+    // Removals are the server's to allow: off unless its tree is all its own.
+    Dovel::QueryReceiver guarded(root, types, *replies, Dovel::QueryReceiver::Options());
+    const Dovel::Bundle request(
+        BundleTest::packet(7, 1, 0, Bytes().word(19).word(Remove).word(1).str("new").data()));
+    Dovel::BundleReader reader(request);
+    guarded.handleBundle(reader);
+    std::vector<Dovel::Bundle> out;
+    dispatcher.writeUpdates(out);
+    ASSERT_FALSE(out.empty());
+    EXPECT_EQ(out.back().packet().mid(16).toHex(), bare(19, Refused, 0xffffffff).data().toHex());
     EXPECT_NE(Dovel::attributeAt(root, "new/x"), nullptr);
 }

@@ -32,6 +32,27 @@ bool validPath(const QByteArray& path) {
     return true;
 }
 
+// False, with `error`, for a path longer or deeper than a server takes from a peer.
+bool checkSize(const QByteArray& path, QString& error) {
+    const QString where = QString::fromUtf8(path);
+    if (path.size() > Dovel::Limits::MaxPeerNameBytes) {
+        error = where.left(60) + QStringLiteral("...: a path of %1 bytes is longer than a server "
+                                                "takes (%2)")
+                                     .arg(path.size())
+                                     .arg(Dovel::Limits::MaxPeerNameBytes);
+        return false;
+    }
+    const int depth = path.count('/') + 1;
+    if (depth > Dovel::Limits::MaxPeerPathDepth) {
+        error = where.left(60) + QStringLiteral("...: a path of %1 names is deeper than a server "
+                                                "takes (%2)")
+                                     .arg(depth)
+                                     .arg(Dovel::Limits::MaxPeerPathDepth);
+        return false;
+    }
+    return true;
+}
+
 bool isNodeValue(const QJsonValue& value) {
     return value.isObject() && !value.toObject().contains(QLatin1String("@type"));
 }
@@ -56,22 +77,7 @@ bool checkLeaves(const QByteArray& path, const QJsonValue& value, QString& error
                                        "not shared");
         return false;
     }
-    if (path.size() > Dovel::Limits::MaxPeerNameBytes) {
-        error = where.left(60) + QStringLiteral("...: a path of %1 bytes is longer than a server "
-                                                "takes (%2)")
-                                     .arg(path.size())
-                                     .arg(Dovel::Limits::MaxPeerNameBytes);
-        return false;
-    }
-    const int depth = path.count('/') + 1;
-    if (depth > Dovel::Limits::MaxPeerPathDepth) {
-        error = where.left(60) + QStringLiteral("...: a path of %1 names is deeper than a server "
-                                                "takes (%2)")
-                                     .arg(depth)
-                                     .arg(Dovel::Limits::MaxPeerPathDepth);
-        return false;
-    }
-    return true;
+    return checkSize(path, error);
 }
 
 void addLeaves(const QByteArray& path, const QJsonValue& value, QList<QByteArray>& out) {
@@ -87,18 +93,28 @@ void addLeaves(const QByteArray& path, const QJsonValue& value, QList<QByteArray
 } // namespace
 
 QList<QByteArray> PathValues::leafPaths() const {
-    QList<QByteArray> out;
+    QList<QByteArray> all;
     for (const Entry& entry : list)
-        addLeaves(entry.path, entry.value, out);
+        addLeaves(entry.path, entry.value, all);
+    QList<QByteArray> out;
+    QSet<QByteArray> seen;
+    for (const QByteArray& path : all)
+        if (!seen.contains(path)) {
+            seen.insert(path);
+            out.append(path);
+        }
     return out;
 }
 
 bool PathValues::checkPaths(const QStringList& words, QString& error) {
-    for (const QString& word : words)
+    for (const QString& word : words) {
         if (!validPath(word.toUtf8())) {
             error = QStringLiteral("'%1' is not a path (names joined by '/')").arg(word);
             return false;
         }
+        if (!checkSize(word.toUtf8(), error))
+            return false;
+    }
     return true;
 }
 

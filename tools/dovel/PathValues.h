@@ -49,7 +49,7 @@ public:
     bool apply(Tessel::Node& root, const TreeJson& json, QString& error) const;
 
     // False with `error` naming the first word that is not a path (names joined by '/',
-    // none empty or "@type").
+    // none empty or "@type"), or is longer or deeper than a server takes.
     static bool checkPaths(const QStringList& words, QString& error);
 
     // One JSON value as text, as `set` reads it ("1.5", "\"text\"", "[1,2]", ...).

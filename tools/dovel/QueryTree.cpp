@@ -4,12 +4,16 @@
 #include "ReadBack.h"
 #include "TreeJson.h"
 
+#include "Dovel/Limits.h"
 #include "Dovel/sync/QueryWire.h"
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/types/TypeRegistry.h"
 
 #include "Tessel/Node.h"
 
+#include <QElapsedTimer>
+
+#include <algorithm>
 #include <memory>
 
 namespace DovelTool {
@@ -24,6 +28,11 @@ namespace {
 void buildTree(const std::vector<Query::Entry>& entries, Tessel::Node& root,
                const Dovel::TypeRegistry& types) {
     for (const Query::Entry& entry : entries) {
+        // What a server names is checked as a path we would send (a hostile one could
+        // make us build deep chains of nodes).
+        QString ignored;
+        if (!PathValues::checkPaths({QString::fromUtf8(entry.path)}, ignored))
+            continue;
         std::unique_ptr<Tessel::Attribute> attribute(types.createAttribute(entry.typeCode));
         if (!attribute)
             continue;
@@ -65,9 +74,27 @@ int noAnswer(const ClientTarget& target, const QueryClient& client) {
                                                        target.address(), client.failureReason()));
 }
 
+// The command's time-out, spent across its steps: the connection, the questions and, for
+// a server without queries, the ordinary client that takes over.
+class Deadline {
+public:
+    explicit Deadline(const ClientTarget& target) : target(target) { clock.start(); }
+    int ms() const { return int(std::max<qint64>(0, target.milliseconds() - clock.elapsed())); }
+    // `target` with what is left of its time-out.
+    ClientTarget rest() const {
+        ClientTarget left = target;
+        left.seconds = std::max(0.001, ms() / 1000.0);
+        return left;
+    }
+
+private:
+    const ClientTarget& target;
+    QElapsedTimer clock;
+};
+
 // Connects; -1 when the client is open, else the exit status (the line written).
-int openClient(const ClientTarget& target, QueryClient& client) {
-    if (client.open(target.host, target.port, target.milliseconds()))
+int openClient(const ClientTarget& target, QueryClient& client, const Deadline& deadline) {
+    if (client.open(target.host, target.port, deadline.ms()))
         return -1;
     return noAnswer(target, client);
 }
@@ -82,6 +109,8 @@ QString refusal(const ClientTarget& target, const Query::Reply& reply, const QBy
     case Query::NotFound:
         return target.lacks(where);
     case Query::Refused: {
+        if (reply.index == uint32_t(-1))
+            return QStringLiteral("%1 does not let its clients remove what it holds").arg(server);
         Tessel::Attribute* at = Dovel::attributeAt(held, path);
         QJsonValue value;
         if (at && !Tessel::asNode(at) && json.toJson(*at, value))
@@ -96,17 +125,22 @@ QString refusal(const ClientTarget& target, const Query::Reply& reply, const QBy
             types.createAttribute(reply.entries.empty() ? 0 : reply.entries.front().typeCode));
         if (sample)
             type = json.typeName(*sample);
+        if (type.isEmpty())
+            return QStringLiteral("%1: %2 holds it as another type").arg(where, server);
         return QStringLiteral("%1: %2 holds it as %3 now (another client made it first)")
-            .arg(where, server, type.isEmpty() ? QStringLiteral("another type") : type);
+            .arg(where, server, type);
     }
     case Query::PathClash:
         if (other == path)
             return QStringLiteral("%1: %2 holds a node there").arg(where, server);
         return QStringLiteral("%1: %2 is a value, not a node").arg(where, QString::fromUtf8(other));
     case Query::NotCreated:
-        return QStringLiteral("%1: %2 creates no new attributes").arg(where, server);
+        return QStringLiteral("%1: %2 creates no new attributes for this client")
+            .arg(where, server);
     case Query::Invalid:
-        return QStringLiteral("%1: %2 refused it as malformed").arg(where, server);
+        return QStringLiteral("%1: %2 does not take it (it keeps that path to itself, or the "
+                              "value is not one of its type)")
+            .arg(where, server);
     default:
         return QStringLiteral("%1: %2 did not take it (status %3)")
             .arg(where, server)
@@ -118,20 +152,21 @@ QString refusal(const ClientTarget& target, const Query::Reply& reply, const QBy
 
 int readQueried(const ClientTarget& target, const QueryAsk& ask,
                 const std::function<int(Tessel::Node&)>& read) {
+    const Deadline deadline(target);
     Query::Reply reply;
     QueryClient::Outcome outcome = QueryClient::Unsupported;
     {
         QueryClient client(target.key, target.seconds);
-        const int opened = openClient(target, client);
+        const int opened = openClient(target, client, deadline);
         if (opened >= 0)
             return opened;
-        outcome = ask(client, reply, target.milliseconds());
+        outcome = ask(client, reply, deadline.ms());
         if (outcome == QueryClient::Failed)
             return noAnswer(target, client);
     }
     if (outcome == QueryClient::Unsupported ||
         (outcome == QueryClient::Answered && reply.status != Query::Ok))
-        return readServerTree(target, read);
+        return readServerTree(deadline.rest(), read);
     Tessel::Node root;
     buildTree(reply.entries, root, Dovel::TypeRegistry());
     return read(root);
@@ -139,27 +174,32 @@ int readQueried(const ClientTarget& target, const QueryAsk& ask,
 
 int setQueried(const ClientTarget& target, const PathValues& values) {
     const TreeJson json;
+    const Deadline deadline(target);
+    // The ordinary client's change, read back, for a server that answers no queries.
+    const auto asOrdinaryClient = [&] {
+        return changeAndConfirm(
+            deadline.rest(),
+            [&](Tessel::Node& root, std::vector<Expectation>& expected, QString& problem) {
+                if (!values.apply(root, json, problem))
+                    return int(CommandLine::UsageError);
+                expected = sentValues(root, values, json);
+                return -1;
+            });
+    };
     QueryClient client(target.key, target.seconds);
-    const int opened = openClient(target, client);
+    const int opened = openClient(target, client, deadline);
     if (opened >= 0)
         return opened;
     QList<QByteArray> paths;
     for (const PathValues::Entry& entry : values.entries())
         paths.append(entry.path);
     Query::Reply held;
-    const int ms = target.milliseconds();
-    const QueryClient::Outcome outcome = client.read(paths, held, ms);
+    const QueryClient::Outcome outcome = client.read(paths, held, deadline.ms());
     if (outcome == QueryClient::Failed)
         return noAnswer(target, client);
     if (outcome == QueryClient::Unsupported || held.status != Query::Ok) {
         client.close();
-        return changeAndConfirm(
-            target, [&](Tessel::Node& root, std::vector<Expectation>& expected, QString& problem) {
-                if (!values.apply(root, json, problem))
-                    return int(CommandLine::UsageError);
-                expected = sentValues(root, values, json);
-                return -1;
-            });
+        return asOrdinaryClient();
     }
 
     const Dovel::TypeRegistry types;
@@ -171,6 +211,7 @@ int setQueried(const ClientTarget& target, const PathValues& values) {
     if (!values.apply(root, json, problem))
         return CommandLine::fail(CommandLine::UsageError, problem);
     std::vector<Query::Entry> entries;
+    uint64_t requestBytes = 0;
     for (const QByteArray& path : values.leafPaths()) {
         Tessel::Attribute* at = Dovel::attributeAt(root, path);
         Query::Entry entry;
@@ -179,10 +220,17 @@ int setQueried(const ClientTarget& target, const PathValues& values) {
             return CommandLine::fail(
                 CommandLine::UsageError,
                 QStringLiteral("%1: has no form a server takes").arg(QString::fromUtf8(path)));
+        requestBytes += Query::entryBytes(entry);
         entries.push_back(std::move(entry));
     }
+    // One request travels in one bundle; values larger than that go the ordinary way,
+    // which cuts them into bundles of their own.
+    if (requestBytes > uint64_t(Dovel::Limits::MaxQueryReplyBytes)) {
+        client.close();
+        return asOrdinaryClient();
+    }
     Query::Reply answer;
-    if (client.write(entries, answer, ms) != QueryClient::Answered)
+    if (client.write(entries, answer, deadline.ms()) != QueryClient::Answered)
         return noAnswer(target, client);
     if (answer.status == Query::Ok)
         return CommandLine::Success;
@@ -192,12 +240,13 @@ int setQueried(const ClientTarget& target, const PathValues& values) {
 }
 
 int removeQueried(const ClientTarget& target, const QList<QByteArray>& paths) {
+    const Deadline deadline(target);
     QueryClient client(target.key, target.seconds);
-    const int opened = openClient(target, client);
+    const int opened = openClient(target, client, deadline);
     if (opened >= 0)
         return opened;
     Query::Reply answer;
-    switch (client.remove(paths, answer, target.milliseconds())) {
+    switch (client.remove(paths, answer, deadline.ms())) {
     case QueryClient::Failed:
         return noAnswer(target, client);
     case QueryClient::Unsupported:

@@ -110,6 +110,9 @@ int runServe(const QStringList& args) {
     options.loginKey = settings.key;
     options.writable = line.values(QStringLiteral("writable"));
     options.readOnly = line.isSet(QStringLiteral("read-only")) || !options.writable.isEmpty();
+    // Every attribute of this tree is made from JSON, owned by its node: `dovel rm` may
+    // remove any of them.
+    options.queryMayRemove = true;
     const QString host = settings.host;
     const int port = settings.port;
     QString error;
