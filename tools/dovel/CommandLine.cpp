@@ -1,5 +1,8 @@
 #include "CommandLine.h"
 
+#include <QCommandLineOption>
+#include <QCommandLineParser>
+
 #include <cmath>
 #include <cstdio>
 
@@ -17,62 +20,44 @@ void CommandLine::addArgument(const QString& name, const QString& help) {
     arguments.append(Argument{name, help});
 }
 
-const CommandLine::Option* CommandLine::find(const QString& name) const {
-    for (const Option& option : options)
-        if (option.name == name)
-            return &option;
-    return nullptr;
+namespace {
+
+// QCommandLineParser's error, in the tool's words: "Unknown option 'x'." becomes
+// "unknown option 'x'".
+QString lowered(QString text) {
+    if (text.endsWith(QLatin1Char('.')))
+        text.chop(1);
+    if (!text.isEmpty())
+        text[0] = text[0].toLower();
+    return text;
 }
+
+} // namespace
 
 bool CommandLine::parse(const QStringList& words) {
     positionals.clear();
     given.clear();
     problem.clear();
     help = false;
-    bool optionsEnd = false;
-    for (int i = 0; i < words.size(); ++i) {
-        const QString& word = words[i];
-        if (optionsEnd || !word.startsWith(QLatin1Char('-')) || word == QLatin1String("-")) {
-            positionals.append(word);
-            continue;
-        }
-        if (word == QLatin1String("--")) {
-            optionsEnd = true;
-            continue;
-        }
-        if (word == QLatin1String("--help") || word == QLatin1String("-h")) {
-            help = true;
-            continue;
-        }
-        if (!word.startsWith(QLatin1String("--"))) {
-            problem = QStringLiteral("unknown option '%1'").arg(word);
-            return false;
-        }
-        const int equals = word.indexOf(QLatin1Char('='));
-        const QString name = word.mid(2, equals < 0 ? -1 : equals - 2);
-        const Option* option = find(name);
-        if (!option) {
-            problem = QStringLiteral("unknown option '--%1'").arg(name);
-            return false;
-        }
-        if (option->valueName.isEmpty()) {
-            if (equals >= 0) {
-                problem = QStringLiteral("--%1 takes no value").arg(name);
-                return false;
-            }
-            given.append({name, QString()});
-            continue;
-        }
-        if (equals >= 0) {
-            given.append({name, word.mid(equals + 1)});
-            continue;
-        }
-        if (i + 1 >= words.size()) {
-            problem = QStringLiteral("--%1 takes %2").arg(name, option->valueName);
-            return false;
-        }
-        given.append({name, words[++i]});
+    QCommandLineParser parser;
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    const QCommandLineOption helpOption({QStringLiteral("h"), QStringLiteral("help")},
+                                        QStringLiteral("show this help and exit"));
+    parser.addOption(helpOption);
+    for (const Option& option : options)
+        parser.addOption(QCommandLineOption(option.name, option.help, option.valueName));
+    if (!parser.parse(QStringList{QStringLiteral("dovel")} + words)) {
+        problem = lowered(parser.errorText());
+        return false;
     }
+    help = parser.isSet(helpOption);
+    positionals = parser.positionalArguments();
+    for (const Option& option : options)
+        for (const QString& value :
+             option.valueName.isEmpty()
+                 ? QStringList(parser.isSet(option.name) ? QStringList{QString()} : QStringList())
+                 : parser.values(option.name))
+            given.append({option.name, value});
     return true;
 }
 

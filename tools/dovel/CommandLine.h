@@ -1,5 +1,6 @@
 // The words of one dovel subcommand: its options (each "--name", "--name VALUE" or
-// "--name=VALUE"), its positional arguments, and the help text that describes them.
+// "--name=VALUE", parsed by QCommandLineParser), its positional arguments, and the help
+// text that describes them.
 // Also reads HOST:PORT addresses and writes the tool's one-line errors.
 //
 // Usage:
@@ -80,7 +81,6 @@ private:
         QString name;
         QString help;
     };
-    const Option* find(const QString& name) const;
 
     QString command;
     QString synopsis;
@@ -88,7 +88,7 @@ private:
     QVector<Option> options;
     QVector<Argument> arguments;
     QStringList positionals;
-    QVector<QPair<QString, QString>> given; // option name -> value, in order
+    QVector<QPair<QString, QString>> given; // option name -> value, each option's in order
     QString problem;
     bool help = false;
 };

@@ -1,5 +1,10 @@
 #include "BenchOptions.h"
 
+#include <QCommandLineOption>
+#include <QCommandLineParser>
+
+#include <type_traits>
+
 namespace QtroBench {
 
 namespace {
@@ -33,34 +38,43 @@ QString BenchOptions::usage() {
 }
 
 bool BenchOptions::parse(const QStringList& args, BenchOptions& options, QString& error) {
-    for (int i = 0; i < args.size(); ++i) {
-        const QString& word = args[i];
-        const bool hasValue = i + 1 < args.size();
-        bool ok = true;
-        if (word == QLatin1String("--json")) {
-            options.json = true;
-        } else if (word == QLatin1String("--seconds") && hasValue) {
-            options.seconds = args[++i].toDouble(&ok);
-            ok = ok && options.seconds > 0;
-        } else if (word == QLatin1String("--attributes") && hasValue) {
-            options.attributes = args[++i].toInt(&ok);
-            ok = ok && options.attributes > 0;
-        } else if (word == QLatin1String("--trips") && hasValue) {
-            options.trips = args[++i].toInt(&ok);
-            ok = ok && options.trips > 0;
-        } else if (word == QLatin1String("--peer") && hasValue) {
-            options.peer = args[++i];
-        } else if (!word.startsWith(QLatin1String("--")) && options.workload.isEmpty()) {
-            options.workload = word;
-        } else {
-            error = QStringLiteral("unexpected argument '%1'").arg(word);
-            return false;
-        }
-        if (!ok) {
-            error = QStringLiteral("%1 needs a positive number, not '%2'").arg(word, args[i]);
-            return false;
-        }
+    QCommandLineParser parser;
+    const QCommandLineOption json(QStringLiteral("json"), QStringLiteral("JSON lines"));
+    const QCommandLineOption seconds(QStringLiteral("seconds"), QString(), QStringLiteral("S"));
+    const QCommandLineOption attributes(QStringLiteral("attributes"), QString(),
+                                        QStringLiteral("N"));
+    const QCommandLineOption trips(QStringLiteral("trips"), QString(), QStringLiteral("N"));
+    const QCommandLineOption peer(QStringLiteral("peer"), QString(), QStringLiteral("URL"));
+    parser.addOptions({json, seconds, attributes, trips, peer});
+    if (!parser.parse(QStringList{QStringLiteral("qtro-bench")} + args)) {
+        error = parser.errorText();
+        return false;
     }
+    const QStringList positional = parser.positionalArguments();
+    if (positional.size() > 1) {
+        error = QStringLiteral("unexpected argument '%1'").arg(positional.at(1));
+        return false;
+    }
+    options.workload = positional.value(0);
+    options.json = parser.isSet(json);
+    options.peer = parser.value(peer);
+    // A positive number, or the option's default when it is absent.
+    const auto positive = [&](const QCommandLineOption& option, auto& target) {
+        if (!parser.isSet(option))
+            return true;
+        bool ok = false;
+        const double number = parser.value(option).toDouble(&ok);
+        if (!ok || number <= 0) {
+            error = QStringLiteral("--%1 needs a positive number, not '%2'")
+                        .arg(option.names().first(), parser.value(option));
+            return false;
+        }
+        target = static_cast<std::remove_reference_t<decltype(target)>>(number);
+        return true;
+    };
+    if (!positive(seconds, options.seconds) || !positive(attributes, options.attributes) ||
+        !positive(trips, options.trips))
+        return false;
     if (!Workloads.contains(options.workload)) {
         error = options.workload.isEmpty()
                     ? QStringLiteral("a workload is needed")
