@@ -3,13 +3,14 @@
 #include "Basalt/Trace.h"
 
 #include <QDir>
+#include <QStandardPaths>
 #include <QtGlobal>
 
 namespace Basalt {
 
 QString PlatformUtils::getModuleUserDataPath(const char* module, bool create) {
-    QString root = qEnvironmentVariable("XDG_DATA_HOME");
-    // The XDG rules ignore a relative value.
+    QString root = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    // The XDG rules ignore a relative XDG_DATA_HOME, which Qt 5 takes as it is.
     if (root.isEmpty() || QDir::isRelativePath(root))
         root = QDir::homePath() + QStringLiteral("/.local/share");
     const QString path = QDir::cleanPath(root + QLatin1Char('/') + QString::fromUtf8(module));
