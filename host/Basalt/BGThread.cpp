@@ -203,9 +203,9 @@ void BGThreadCore::runOne(std::unique_lock<std::mutex>& lock, Entry entry) {
     try {
         task.doTask();
     } catch (const std::exception& e) {
-        Trace::error("BGThread::run # Task ended by an exception: %s", e.what());
+        Trace::error("BGThreadCore::runOne # Task ended by an exception: %s", e.what());
     } catch (...) {
-        Trace::error("BGThread::run # Task ended by an unknown exception");
+        Trace::error("BGThreadCore::runOne # Task ended by an unknown exception");
     }
 
     lock.lock();
