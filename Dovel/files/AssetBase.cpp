@@ -141,7 +141,7 @@ void forEachTempFile(const QString& root, const QString& dir, const Found& found
 
 } // namespace
 
-AssetBase::AssetBase(const QString& root) : Basalt::Thread(QStringLiteral("AssetBase")) {
+AssetBase::AssetBase(const QString& root) {
     QDir().mkpath(root);
     root_ = QDir(root).canonicalPath();
     if (root_.isEmpty())
@@ -151,7 +151,6 @@ AssetBase::AssetBase(const QString& root) : Basalt::Thread(QStringLiteral("Asset
 }
 
 AssetBase::~AssetBase() {
-    waitEnd(-1);
     if (lockFd >= 0) {
         // Removed while still held, so that no one locks it after we let go.
         ::unlink(QFile::encodeName(root_ + QLatin1Char('/') + LockFileName).constData());
@@ -159,15 +158,7 @@ AssetBase::~AssetBase() {
     }
 }
 
-void AssetBase::stop() {
-    running.store(false);
-}
-
 void AssetBase::transferFinished() {}
-
-void AssetBase::childLoop() {
-    drainRemoveQueue();
-}
 
 // ---- names and paths ----
 

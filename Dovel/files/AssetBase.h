@@ -17,12 +17,10 @@
 // Thread-safe: the file list and the checksum cache are guarded by `fileListMutex`, the
 // download list by `downloadMutex` (each download's running MD5 by a lock of its own,
 // taken after the list's is released), the remove queue by `removeMutex`; the file list
-// lock is never taken while the download list lock is held. run() drains the remove
-// queue on the asset's own thread.
+// lock is never taken while the download list lock is held.
 #pragma once
 
 #include "Basalt/Mutex.h"
-#include "Basalt/Thread.h"
 #include "Basalt/TimeStamp.h"
 
 #include <QByteArray>
@@ -47,7 +45,7 @@ namespace Dovel {
 class ConnectionThread;
 class ProgressSender;
 
-class AssetBase : public Basalt::Thread {
+class AssetBase {
 public:
     struct FileInfo {
         int64_t size = 0;
@@ -59,11 +57,11 @@ public:
 
     // `root` need not be canonical; the stored root is (a missing folder is made).
     explicit AssetBase(const QString& root);
-    ~AssetBase() override;
+    virtual ~AssetBase();
+    AssetBase(const AssetBase&) = delete;
+    AssetBase& operator=(const AssetBase&) = delete;
 
     QString root() const { return root_; }
-    virtual void stop();
-    bool isActive() const { return running.load(); }
 
     // Walks the folder and returns its list, reusing cached checksums; rewrites the
     // cache. Progress texts go to `progress` when given.
@@ -169,7 +167,6 @@ protected:
     // others to `pending`. Returns the files found.
     int64_t buildFileList(const QString& dir, FileList& list,
                           QList<QPair<QString, QFileInfo>>& pending);
-    void childLoop() override;
 
 private:
     // The MD5 of a download's bytes so far, fed outside the download list lock so that a
@@ -208,7 +205,6 @@ private:
 
     QString root_;
     QString cacheFile; // the settings file of the checksum cache
-    std::atomic<bool> running{true};
     std::atomic<int64_t> computed{0};
     std::atomic<int64_t> reused{0};
 

@@ -1,5 +1,7 @@
 #include "Dovel/files/FolderPullConnection.h"
 
+#include "Dovel/files/FileListThread.h"
+
 #include "Dovel/Limits.h"
 #include "Dovel/files/AssetBase.h"
 
@@ -48,12 +50,10 @@ FolderPullConnection::~FolderPullConnection() {
     // Stopped first, so that the listing thread compares nothing any more; for a pull
     // that no shared pointer owns, this also ends a read that holds the protocol lock.
     stop();
-    if (lister.joinable()) {
-        if (lister.get_id() == std::this_thread::get_id())
-            lister.detach(); // the listing thread let go of the last reference
-        else
-            lister.join();
-    }
+    // On the listing thread (it let go of the last reference) the lister is not waited
+    // for: it does nothing more with this object.
+    if (lister)
+        lister->waitEnd(-1);
     shutdown();
 }
 
@@ -66,7 +66,7 @@ void FolderPullConnection::start(const QString& host, int port) {
 }
 
 void FolderPullConnection::start(const QString& host, int port, uint64_t generation) {
-    if (lister.joinable() || result().finished)
+    if (lister || result().finished)
         return; // one attempt per connection
     // One pull at a time writes into a folder: two would trip over each other's files.
     QString locked;
@@ -81,26 +81,26 @@ void FolderPullConnection::start(const QString& host, int port, uint64_t generat
     // being destroyed by then.
     const std::weak_ptr<ConnectionThread> weak = weak_from_this();
     const bool shared = !weak.expired();
-    lister = std::thread([this, generation, weak, shared] {
-        try {
-            const AssetBase::FileList list = asset().fileListBuiltSince(generation, nullptr);
+    lister = std::make_unique<FileListThread>(
+        asset(), generation,
+        [this, weak, shared](const AssetBase::FileList& list, const QString& error) {
+            if (!error.isEmpty()) {
+                Basalt::Guard guard(protocolMutex);
+                finish(false, error);
+                return;
+            }
             const std::shared_ptr<ConnectionThread> self = weak.lock();
             if (self || !shared)
                 localListReady(list);
-        } catch (const std::exception& e) {
-            Basalt::Trace::error("FolderPullConnection::start # Listing the folder failed: %s",
-                                 e.what());
-            Basalt::Guard guard(protocolMutex);
-            finish(false, QStringLiteral("the local folder could not be listed"));
-        }
-    });
+        });
+    lister->run();
     connectToHost(host, port);
 }
 
 void FolderPullConnection::shutdown() {
     ConnectionThread::shutdown();
-    if (lister.joinable() && lister.get_id() != std::this_thread::get_id())
-        lister.join();
+    if (lister)
+        lister->waitEnd(-1); // returns at once on the listing thread itself
 }
 
 bool FolderPullConnection::waitFinished(int ms) {

@@ -22,6 +22,7 @@
 #pragma once
 
 #include "Dovel/files/AssetBase.h"
+#include "Dovel/files/FileListThread.h"
 #include "Dovel/files/FileTransferHandler.h"
 
 #include "Basalt/Condition.h"
@@ -32,7 +33,7 @@
 #include <QStringList>
 
 #include <functional>
-#include <thread>
+#include <memory>
 
 namespace Dovel {
 
@@ -114,7 +115,7 @@ private:
     std::function<void(const Progress&)> progressCallback;
 
     // Walks the local folder (or takes the list built since start()'s generation).
-    std::thread lister;
+    std::unique_ptr<FileListThread> lister;
 
     // The protocol's state, guarded by protocolMutex, which parse() holds while the
     // transfer handler calls back into this class.
