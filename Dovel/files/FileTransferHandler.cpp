@@ -21,8 +21,11 @@ namespace Dovel {
 namespace {
 
 const QString Name = QStringLiteral("\"((?:/[^?*<>:\"]+)+)\"");
-// Pause of an upload waiting for the writer to drain.
+// Pause of an upload that found its queue locked for a moment.
 constexpr double UploadRetrySeconds = 0.002;
+// An upload waiting for the writer to drain is woken by the writer; this pause only
+// backs that up (a connection that ends wakes nothing).
+constexpr double DrainBackupSeconds = 1.0;
 
 QRegularExpression pattern(const QString& text) {
     return QRegularExpression(text.arg(Name));
@@ -538,8 +541,24 @@ void FileTransferHandler::startFilePartsUploadTask(const QString& name) {
             if (!self)
                 return;
             auto* handler = static_cast<FileTransferHandler*>(self.get());
-            if (handler->sendFileParts() == SendStatus::MoreLater)
+            switch (handler->sendFileParts()) {
+            case SendStatus::Busy:
                 task.scheduleFromNowSecs(UploadRetrySeconds);
+                break;
+            case SendStatus::MoreLater: {
+                // Half the writer's backlog gone: the next parts go.
+                task.scheduleFromNowSecs(DrainBackupSeconds);
+                std::weak_ptr<Basalt::Task> again = task.shared_from_this();
+                if (!handler->writerThread()->callWhenDrained(MaxBufferedUpload / 2, [again] {
+                        if (const std::shared_ptr<Basalt::Task> wake = again.lock())
+                            wake->scheduleFromNowSecs(0.0);
+                    }))
+                    task.scheduleFromNowSecs(0.0);
+                break;
+            }
+            case SendStatus::Done:
+                break;
+            }
         },
         1.0f);
     if (std::shared_ptr<Basalt::BGThread> background = Basalt::BGThread::instance())
@@ -556,7 +575,7 @@ FileTransferHandler::SendStatus FileTransferHandler::sendFileParts() {
             return SendStatus::MoreLater;
         if (!uploadFile.isOpen()) {
             if (!uploadMutex.tryLock())
-                return SendStatus::MoreLater;
+                return SendStatus::Busy;
             if (uploadQueue.isEmpty()) {
                 uploadBuffers.clear();
                 const std::shared_ptr<Basalt::Task> ending = std::move(uploadTask);

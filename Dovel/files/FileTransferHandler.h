@@ -60,7 +60,8 @@ public:
     static constexpr int HashThreads = 2;
 
     enum class SendStatus {
-        MoreLater, // something is left; run again later
+        MoreLater, // something is left; run again once the writer has drained
+        Busy,      // the queue is locked elsewhere for a moment; run again shortly
         Done,      // the queue is empty and no file is open
     };
 
