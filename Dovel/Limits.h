@@ -1,6 +1,8 @@
 // Upper bounds on every size that a peer announces, checked before memory is set
-// aside for it. A peer that exceeds one is disconnected; the process stays healthy.
-// Each subsystem adds the limits of its own framing here.
+// aside for it, and on the work a peer can make us do. Past a framing limit (a line, a
+// map, a read, a batch, a bundle, a file part) the peer is disconnected; past the others
+// the item is refused, skipped or evicted and the session goes on. Either way the
+// process stays healthy. Each subsystem adds its limits here, each with its reason.
 #pragma once
 
 #include <cstdint>
@@ -100,6 +102,12 @@ constexpr int MaxPeerPathDepth = 128;
 constexpr int MaxQueryReplyBytes = MaxBundlePayloadBytes / 2;
 // Most paths or entries one query may carry: each costs the server a walk.
 constexpr int MaxQueryItems = 1 << 16;
+// Attributes a light client's reads, lists and removals may make the tree thread visit:
+// at most a burst of this many, refilled at the rate below (a query beyond them is
+// answered Query::TooLarge). A list of a million-attribute tree fits the burst; a client
+// asking again and again cannot keep the tree thread, which serves every session, busy.
+constexpr int64_t QueryVisitBurst = int64_t(1) << 22;
+constexpr int64_t QueryVisitsPerSecond = int64_t(1) << 21;
 
 // Largest whole event that a peer may announce in "event-slice-begin"; its slices are
 // joined into one buffer of that size once all have come (RemoteNode::handleRemoteEvent).

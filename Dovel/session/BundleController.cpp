@@ -315,9 +315,10 @@ void BundleController::Core::runTasks() {
 
 void BundleController::Core::finish() {
     ended = true;
-    if (!isInitialized()) {
+    if (!isInitialized() || queryReceiver) {
         // Nothing of the peer's was applied before: there is nothing to finish, and
-        // announcing the tree only to drop it would cost a walk of the whole tree.
+        // announcing the tree only to drop it would cost a walk of the whole tree. A
+        // light client that hung up waits for no answer: its questions are dropped.
         std::vector<Task> dropped;
         Basalt::Guard guard(mutex);
         dropped.swap(tasks);

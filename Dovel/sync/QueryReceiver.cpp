@@ -3,6 +3,7 @@
 #include "Dovel/Limits.h"
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/bundle/PendingBundleSender.h"
+#include "Dovel/sync/PathPattern.h"
 #include "Dovel/sync/PeerFootprint.h"
 #include "Dovel/sync/PeerWriteRules.h"
 #include "Dovel/sync/RemoteNode.h"
@@ -11,7 +12,6 @@
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/Node.h"
 
-#include <QRegularExpression>
 #include <QSet>
 
 #include <functional>
@@ -101,27 +101,7 @@ Query::Reply failed(Query::Status status, uint32_t index) {
     return reply;
 }
 
-// Visits the value attributes under `node` in child order, aliases resolved, with their
-// paths, until `visit` returns false; false then.
-bool walk(Node& node, const QByteArray& prefix,
-          const std::function<bool(Attribute&, const QByteArray&)>& visit) {
-    for (Attribute* child : node.children()) {
-        Attribute* resolved = AttributeAlias::resolve(child);
-        if (!resolved)
-            continue;
-        const QByteArray path = childPath(prefix, child->name());
-        if (Node* inner = Tessel::asNode(resolved)) {
-            if (!walk(*inner, path, visit))
-                return false;
-        } else if (!visit(*resolved, path)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Most wildcards a list pattern may hold: each may make the expression engine try every
-// split of a path, for every attribute of the tree.
+// Most wildcards a list pattern may hold: a pattern names a part of the tree.
 constexpr int MaxPatternWildcards = 8;
 
 // The count of a request's items, refused above the limit.
@@ -135,7 +115,8 @@ bool readCount(BundleReader& reader, uint32_t& count) {
 QueryReceiver::QueryReceiver(RemoteNode& node, const TypeRegistry& types,
                              PendingBundleSender& replies, Options options)
     : BundleReceiver(ModuleNames::Query), node(node), types(types), replies(replies),
-      options(options) {}
+      options(options), visitsLeft(double(Limits::QueryVisitBurst)),
+      refilled(std::chrono::steady_clock::now()) {}
 
 QueryReceiver::~QueryReceiver() = default;
 
@@ -231,13 +212,43 @@ bool QueryReceiver::add(Query::Reply& reply, uint32_t& bytes, Attribute& attribu
     return true;
 }
 
+bool QueryReceiver::spendVisit() {
+    if (visitsLeft < 1.0) {
+        const auto now = std::chrono::steady_clock::now();
+        const double seconds = std::chrono::duration<double>(now - refilled).count();
+        refilled = now;
+        visitsLeft = std::min(double(Limits::QueryVisitBurst),
+                              visitsLeft + seconds * double(Limits::QueryVisitsPerSecond));
+        if (visitsLeft < 1.0)
+            return false;
+    }
+    visitsLeft -= 1.0;
+    return true;
+}
+
+bool QueryReceiver::walk(Node& under, const QByteArray& prefix,
+                         const std::function<bool(Attribute&, const QByteArray&)>& visit) {
+    for (Attribute* child : under.children()) {
+        if (!spendVisit())
+            return false;
+        Attribute* resolved = AttributeAlias::resolve(child);
+        if (!resolved)
+            continue;
+        const QByteArray path = childPath(prefix, child->name());
+        if (Node* inner = Tessel::asNode(resolved)) {
+            if (!walk(*inner, path, visit))
+                return false;
+        } else if (!visit(*resolved, path)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 bool QueryReceiver::addUnder(Query::Reply& reply, uint32_t& bytes, Node& under,
-                             const QByteArray& prefix, bool withValue,
-                             const QString& pattern) const {
-    const QRegularExpression filter(pattern.isEmpty() ? QString()
-                                                      : RemoteNode::makeRegExp(pattern).pattern());
+                             const QByteArray& prefix, bool withValue, const PathPattern* pattern) {
     return walk(under, prefix, [&](Attribute& attribute, const QByteArray& path) {
-        if (!pattern.isEmpty() && !filter.match(QString::fromUtf8(path)).hasMatch())
+        if (pattern && !pattern->matches(path))
             return true;
         return add(reply, bytes, attribute, path, withValue);
     });
@@ -263,7 +274,7 @@ Query::Reply QueryReceiver::read(BundleReader& reader) {
         if (place.blocker)
             fits = add(reply, bytes, *place.blocker, place.blockerPath, true);
         else if (Node* inner = place.found ? Tessel::asNode(place.found) : nullptr)
-            fits = addUnder(reply, bytes, *inner, path, true, QString());
+            fits = addUnder(reply, bytes, *inner, path, true, nullptr);
         else if (place.found)
             fits = add(reply, bytes, *place.found, path, true);
         if (!fits)
@@ -275,7 +286,8 @@ Query::Reply QueryReceiver::read(BundleReader& reader) {
 Query::Reply QueryReceiver::list(BundleReader& reader) {
     QByteArray pattern;
     reader.readString(pattern, uint32_t(Limits::MaxPeerNameBytes));
-    if (pattern.count('*') > MaxPatternWildcards)
+    const PathPattern matcher(pattern);
+    if (matcher.wildcards() > MaxPatternWildcards)
         return failed(Query::Invalid, 0);
     // Walk only under the names before the first wildcard.
     QByteArray prefix;
@@ -292,7 +304,8 @@ Query::Reply QueryReceiver::list(BundleReader& reader) {
         return reply;
     const Place place = locate(node, prefix);
     Node* under = place.found ? Tessel::asNode(place.found) : nullptr;
-    if (under && !addUnder(reply, bytes, *under, prefix, false, QString::fromUtf8(pattern)))
+    if (under &&
+        !addUnder(reply, bytes, *under, prefix, false, pattern.isEmpty() ? nullptr : &matcher))
         return failed(Query::TooLarge, 0);
     return reply;
 }
@@ -316,11 +329,14 @@ Query::Reply QueryReceiver::write(BundleReader& reader) {
     // must be neither, nor run through a created value.
     QSet<QByteArray> created;
     QSet<QByteArray> createdNodes;
+    QSet<QByteArray> written; // each path once: a second value for it would be a race
     for (uint32_t i = 0; i < count; ++i) {
         const Query::Entry& entry = entries[i];
         const QByteArray& path = entry.path;
-        if (path.isEmpty() || !isWellFormed(path) || !isShared(path))
+        if (path.isEmpty() || !isWellFormed(path) || !isShared(path) ||
+            path.split('/').contains("@type") || written.contains(path))
             return failed(Query::Invalid, i);
+        written.insert(path);
         if (!mayWrite(path))
             return failed(Query::Refused, i);
         const Place place = locate(node, path);
@@ -328,6 +344,9 @@ Query::Reply QueryReceiver::write(BundleReader& reader) {
             return failed(Query::Invalid, i);
         Query::Reply clash = failed(Query::PathClash, i);
         if (place.blocker) {
+            // What the client cannot see does not stand in its way: it is not there for it.
+            if (!isCarried(*place.blocker, place.blockerPath))
+                return failed(Query::Invalid, i);
             clash.entries.push_back({place.blockerPath, typeCodeOf(types, *place.blocker), {}});
             return clash;
         }
@@ -335,9 +354,13 @@ Query::Reply QueryReceiver::write(BundleReader& reader) {
             clash.entries.push_back({path, 0, {}});
             return clash;
         }
-        // The bytes must be one whole value of the type: tried on a fresh attribute.
+        // The bytes must be one whole value of the type, written as this side writes it
+        // (padding, text, flags): tried on a fresh attribute and written back.
         std::unique_ptr<Attribute> fresh(types.createAttribute(entry.typeCode));
-        if (!fresh || !Query::decodeValue(types, entry.typeCode, entry.value, *fresh))
+        uint32_t freshCode = 0;
+        QByteArray canonical;
+        if (!fresh || !Query::decodeValue(types, entry.typeCode, entry.value, *fresh) ||
+            !Query::encodeValue(types, *fresh, freshCode, canonical) || canonical != entry.value)
             return failed(Query::Invalid, i);
         if (place.found) {
             const uint32_t held = typeCodeOf(types, *place.found);
@@ -346,6 +369,10 @@ Query::Reply QueryReceiver::write(BundleReader& reader) {
                 mismatch.entries.push_back({path, held, {}});
                 return mismatch;
             }
+            // A value held above the layer received values take would hide the write.
+            for (int layer = Attribute::LayerRemote + 1; layer < Attribute::LayerCount; ++layer)
+                if (place.found->isValueDefinedOnLayer(Attribute::Layer(layer)))
+                    return failed(Query::Refused, i);
             assignments.emplace_back(place.found, i);
             continue;
         }
@@ -377,15 +404,6 @@ Query::Reply QueryReceiver::write(BundleReader& reader) {
     for (Creation& creation : creations)
         if (node.addDeepAttribute(creation.path, creation.attribute.get()))
             creation.attribute.release(); // its node owns it now
-    // A value the tree holds at a stronger layer than received values take stays: the
-    // write did not take there.
-    for (const auto& assignment : assignments) {
-        const Query::Entry& entry = entries[assignment.second];
-        uint32_t code = 0;
-        QByteArray held;
-        if (!Query::encodeValue(types, *assignment.first, code, held) || held != entry.value)
-            return failed(Query::Refused, assignment.second);
-    }
     return Query::Reply();
 }
 
@@ -413,13 +431,21 @@ Query::Reply QueryReceiver::remove(BundleReader& reader) {
         Node* inner = place.found ? Tessel::asNode(place.found) : nullptr;
         if (!place.listed || (!inner && !isCarried(*place.found, path)))
             return failed(Query::NotFound, i);
-        // The rules name attribute paths: a node may go when everything under it may.
+        // The rules name attribute paths: a node may go when everything under it may, an
+        // empty one when the rules name the node itself.
         bool allowed = inner ? true : mayWrite(path);
-        if (inner && options.rules)
-            walk(*inner, path, [&](Attribute&, const QByteArray& under) {
+        if (inner && options.rules) {
+            bool any = false;
+            const bool whole = walk(*inner, path, [&](Attribute&, const QByteArray& under) {
+                any = true;
                 allowed = mayWrite(under);
                 return allowed;
             });
+            if (!whole && allowed)
+                return failed(Query::TooLarge, i);
+            if (!any)
+                allowed = mayWrite(path);
+        }
         if (!allowed)
             return failed(Query::Refused, i);
     }

@@ -15,6 +15,9 @@
 #include "Dovel/bundle/BundleReceiver.h"
 #include "Dovel/sync/QueryWire.h"
 
+#include <chrono>
+#include <functional>
+
 namespace Tessel {
 class Attribute;
 class Node;
@@ -22,6 +25,7 @@ class Node;
 
 namespace Dovel {
 
+class PathPattern;
 class PeerFootprint;
 class PeerWriteRules;
 class PendingBundleSender;
@@ -59,9 +63,10 @@ private:
     // the answers of the pass would exceed their limit.
     bool add(Query::Reply& reply, uint32_t& bytes, Tessel::Attribute& attribute,
              const QByteArray& path, bool withValue) const;
-    // Every carried attribute under `node`, whose path is `prefix`.
+    // Every carried attribute under `node`, whose path is `prefix`, that `pattern` (may
+    // be null) matches.
     bool addUnder(Query::Reply& reply, uint32_t& bytes, Tessel::Node& node,
-                  const QByteArray& prefix, bool withValue, const QString& pattern) const;
+                  const QByteArray& prefix, bool withValue, const PathPattern* pattern);
     // Whether a session carries the attribute at `path`: its type has a wire form and
     // the sync flags share it.
     bool isCarried(Tessel::Attribute& attribute, const QByteArray& path) const;
@@ -69,11 +74,21 @@ private:
     bool mayWrite(const QByteArray& path) const;
     // Charges creating `path` (its missing nodes and the attribute) to the footprint.
     bool chargeCreation(const QByteArray& path) const;
+    // Takes one visit of the tree's attributes from the client's allowance; false when
+    // none is left.
+    bool spendVisit();
+    // Visits the value attributes under `node` (whose path is `prefix`) until `visit`
+    // returns false or the allowance runs out; false then.
+    bool walk(Tessel::Node& node, const QByteArray& prefix,
+              const std::function<bool(Tessel::Attribute&, const QByteArray&)>& visit);
 
     RemoteNode& node;
     const TypeRegistry& types;
     PendingBundleSender& replies;
     const Options options;
+    // The allowance of visits (Limits::QueryVisitBurst), and when it was last refilled.
+    double visitsLeft;
+    std::chrono::steady_clock::time_point refilled;
 };
 
 } // namespace Dovel

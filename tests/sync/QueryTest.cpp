@@ -5,6 +5,7 @@
 #include "Dovel/bundle/BundleDispatcher.h"
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/bundle/PendingBundleSender.h"
+#include "Dovel/sync/PathPattern.h"
 #include "Dovel/sync/QueryReceiver.h"
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/types/TypeRegistry.h"
@@ -72,6 +73,8 @@ TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
              .hex(OnePointFive)},
         {"a list carries types, not values", Bytes().word(2).word(List).str("**"),
          Bytes().word(2).word(Ok).word(0).word(1).str("car/speed").word(FloatCode).word(0)},
+        {"an empty pattern lists everything", Bytes().word(22).word(List).str(""),
+         Bytes().word(22).word(Ok).word(0).word(1).str("car/speed").word(FloatCode).word(0)},
         {"a write of another type",
          Bytes()
              .word(3)
@@ -103,6 +106,23 @@ TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
              .word(4)
              .hex(Two),
          Bytes().word(4).word(PathClash).word(1).word(1).str("car/speed").word(FloatCode).word(0)},
+        {"a path twice in one request",
+         Bytes()
+             .word(20)
+             .word(Write)
+             .word(2)
+             .str("car/speed")
+             .word(FloatCode)
+             .word(4)
+             .hex(Two)
+             .str("car/speed")
+             .word(FloatCode)
+             .word(4)
+             .hex(Two),
+         bare(20, Invalid, 1)},
+        {"a bool written as no bool is written",
+         Bytes().word(21).word(Write).word(1).str("flag").word(1).word(4).hex("02000000"),
+         bare(21, Invalid)},
         {"a value of the wrong size",
          Bytes().word(5).word(Write).word(1).str("fresh").word(FloatCode).word(2).hex("00000000"),
          bare(5, Invalid)},
@@ -193,4 +213,43 @@ TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
     ASSERT_FALSE(out.empty());
     EXPECT_EQ(out.back().packet().mid(16).toHex(), bare(19, Refused, 0xffffffff).data().toHex());
     EXPECT_NE(Dovel::attributeAt(root, "new/x"), nullptr);
+}
+
+// The list patterns, against the expressions the sync rules compile them to: the same
+// verdict for every pair, including a pattern that makes an expression engine backtrack.
+TEST(Query, PathPatternsMatchAsTheSyncRules) {
+    const QByteArray deep = QByteArray("d/").repeated(60) + "x";
+    const struct {
+        QByteArray pattern;
+        QByteArray path;
+        bool matches;
+    } cases[] = {
+        {"**", "a", true},
+        {"**", "a/b", true},
+        {"*", "a/b", false},
+        {"*", "", false},
+        {"a/*", "a/b", true},
+        {"a/*", "a/", false},
+        {"a/*", "a/b/c", false},
+        {"a/**", "a/b/c", true},
+        {"a/**", "a", false},
+        {"a/b*", "a/bc", true},
+        {"a/b*", "a/b", false},
+        {"***", "ab", true},
+        {"***", "a", false},
+        {"*/**/x", "a/b/c/x", true},
+        {"*/**/x", "a/x", false},
+        {"**/**/**/**/a", deep, false},
+        {"**/**/**/**/x", deep, true},
+        {"a.b", "a.b", true},
+        {"a.b", "acb", false},
+        {"[a]", "[a]", true},
+    };
+    for (const auto& one : cases) {
+        SCOPED_TRACE((one.pattern + " ~ " + one.path.left(40)).constData());
+        EXPECT_EQ(Dovel::PathPattern(one.pattern).matches(one.path), one.matches);
+        EXPECT_EQ(Dovel::RemoteNode::makeRegExp(QString::fromUtf8(one.pattern))
+                      .exactMatch(QString::fromUtf8(one.path)),
+                  one.matches);
+    }
 }
