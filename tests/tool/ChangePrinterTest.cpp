@@ -71,6 +71,9 @@ TEST(ChangePrinter, LinesFollowTheTree) {
     scene->deleteAttribute(count);
     root.update();
     EXPECT_EQ(printed, "- scene/count\n");
+    // A name that sorts between "more" and "more/" stays when the node goes.
+    new Tessel::AttributeT<int32_t>(scene, "more-x", 1);
+    root.update();
     printed.clear();
     scene->deleteAttribute(more);
     root.update();

@@ -93,16 +93,19 @@ bool ChangePrinter::valueText(Tessel::Attribute& attribute, QByteArray& out) con
 void ChangePrinter::forget(const QByteArray& path) {
     // A removed node takes its attributes along; whichever of its events comes first
     // prints them, the later ones find nothing left.
+    // The map is sorted: the path itself, then (after names that sort between it and
+    // its '/') every path under it, side by side.
+    const auto drop = [this](QMap<QByteArray, QByteArray>::iterator it) {
+        if (started && shows(it.key()))
+            output(removedLine(it.key()));
+        return seen.erase(it);
+    };
+    const auto self = seen.find(path);
+    if (self != seen.end())
+        drop(self);
     const QByteArray prefix = path + '/';
-    for (auto it = seen.begin(); it != seen.end();) {
-        if (it.key() == path || it.key().startsWith(prefix)) {
-            if (started && shows(it.key()))
-                output(removedLine(it.key()));
-            it = seen.erase(it);
-        } else {
-            ++it;
-        }
-    }
+    for (auto it = seen.lowerBound(prefix); it != seen.end() && it.key().startsWith(prefix);)
+        it = drop(it);
 }
 
 void ChangePrinter::handle(const Dovel::NodeWatcher::Event& event) {
