@@ -47,11 +47,6 @@ Basalt::TimeStamp uniqueStamp() {
     }
 }
 
-bool refusedName(const QString& name) {
-    return name.contains(QLatin1String("..")) || !name.startsWith(QLatin1Char('/')) ||
-           name.toUtf8().size() > Limits::MaxFileNameBytes;
-}
-
 } // namespace
 
 FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverSide,
@@ -203,9 +198,10 @@ void FileTransferHandler::downloadFinished(const QString&, bool) {}
 // ---- paths ----
 
 QString FileTransferHandler::servablePath(const QString& name, const char* operation) const {
-    if (refusedName(name)) {
-        Basalt::Trace::warning("FileTransferHandler::%s # Refusing '%s': a name may not "
-                               "contain '..' and must start with '/'",
+    // The one name policy of the folder: what it lists is what it serves.
+    if (!AssetBase::isCarriableName(name)) {
+        Basalt::Trace::warning("FileTransferHandler::%s # Refusing '%s': not a name the file "
+                               "protocol carries",
                                operation, name.toUtf8().constData());
         return QString();
     }
