@@ -165,6 +165,8 @@ awk -v where="$files_where" -v scales="$scales" '
     printf "| initial: session memory at most 120 bytes per attribute per side | server %s, client %s | %s |\n", num(sb), num(cb), (sb <= 120 && cb <= 120 ? "yes" : "no")
     ra = value["dovel", "initial reconnect_seconds"]
     printf "| initial: a reconnect holding the tree no slower than the first copy | %s s vs %s s | %s |\n", num(ra), num(s), (ra != "" && ra <= s ? "yes" : "no")
+    st = value["dovel", "initial set_seconds"]; gt = value["dovel", "initial get_seconds"]
+    printf "| initial: dovel set of one path on the %s-attribute tree under 0.2 s | set %s s, get %s s | %s |\n", num(na), num(st), num(gt), (st != "" && st >= 0 && st < 0.2 ? "yes" : "no")
     nl = split(scales, ls, " "); big = ls[nl]
     printf "| initial: %s attributes complete | %s | %s |\n", num(big), (("scale" big, "initial seconds") in value) ? num(value["scale" big, "initial seconds"]) " s" : "failed", (("scale" big, "initial seconds") in value) ? "yes" : "no"
     fb = value["dovel", "files cold_big_mb_per_s"]; rb = value["dovel", "files rsync_cold_big_mb_per_s"]; md5 = value["dovel", "files md5_mb_per_s"]

@@ -60,7 +60,7 @@ public:
         {
             std::lock_guard<std::mutex> lock(mutex);
             if (ended || unsupported)
-                return ended ? Failed : Unsupported;
+                return unsupported ? Unsupported : Failed;
             id = ++lastId;
             answers.clear(); // a late answer to an earlier request is of no use now
             BundleWriterCore& writer = requests->writer();

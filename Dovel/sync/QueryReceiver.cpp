@@ -110,6 +110,18 @@ bool readCount(BundleReader& reader, uint32_t& count) {
     return count <= uint32_t(Limits::MaxQueryItems);
 }
 
+// A request's count of paths and the paths; false for a count above the limit.
+bool readPaths(BundleReader& reader, std::vector<QByteArray>& paths) {
+    uint32_t count = 0;
+    if (!readCount(reader, count))
+        return false;
+    for (uint32_t i = 0; i < count; ++i) {
+        paths.emplace_back();
+        reader.readString(paths.back(), uint32_t(Limits::MaxPeerNameBytes));
+    }
+    return true;
+}
+
 } // namespace
 
 QueryReceiver::QueryReceiver(RemoteNode& node, const TypeRegistry& types,
@@ -255,14 +267,10 @@ bool QueryReceiver::addUnder(Query::Reply& reply, uint32_t& bytes, Node& under,
 }
 
 Query::Reply QueryReceiver::read(BundleReader& reader) {
-    uint32_t count = 0;
-    if (!readCount(reader, count))
-        return failed(Query::Invalid, uint32_t(-1));
     std::vector<QByteArray> paths;
-    for (uint32_t i = 0; i < count; ++i) {
-        paths.emplace_back();
-        reader.readString(paths.back(), uint32_t(Limits::MaxPeerNameBytes));
-    }
+    if (!readPaths(reader, paths))
+        return failed(Query::Invalid, uint32_t(-1));
+    const uint32_t count = uint32_t(paths.size());
     Query::Reply reply;
     uint32_t bytes = 0;
     for (uint32_t i = 0; i < count; ++i) {
@@ -408,14 +416,10 @@ Query::Reply QueryReceiver::write(BundleReader& reader) {
 }
 
 Query::Reply QueryReceiver::remove(BundleReader& reader) {
-    uint32_t count = 0;
-    if (!readCount(reader, count))
-        return failed(Query::Invalid, uint32_t(-1));
     std::vector<QByteArray> paths;
-    for (uint32_t i = 0; i < count; ++i) {
-        paths.emplace_back();
-        reader.readString(paths.back(), uint32_t(Limits::MaxPeerNameBytes));
-    }
+    if (!readPaths(reader, paths))
+        return failed(Query::Invalid, uint32_t(-1));
+    const uint32_t count = uint32_t(paths.size());
     if (!options.mayRemove)
         return failed(Query::Refused, uint32_t(-1));
     QSet<QByteArray> checked;

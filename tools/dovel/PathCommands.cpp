@@ -16,37 +16,52 @@
 
 namespace DovelTool {
 
+namespace {
+
+// HOST:PORT PATH... with the client options, the paths checked: -1 to go on, else the
+// exit status (with the help printed or the error line written).
+int parsePathCommand(CommandLine& line, const QStringList& args, ClientTarget& target,
+                     QList<QByteArray>& paths) {
+    line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
+    line.addArgument(QStringLiteral("PATH"), QStringLiteral("slash-separated path"));
+    const int parsed =
+        parseClientCommand(line, args, target, 2, -1, QStringLiteral("HOST:PORT PATH"));
+    if (parsed >= 0)
+        return parsed;
+    QString error;
+    const QStringList words = line.positional().mid(1);
+    if (!PathValues::checkPaths(words, error))
+        return CommandLine::fail(CommandLine::UsageError, error);
+    for (const QString& path : words)
+        paths.append(path.toUtf8());
+    return -1;
+}
+
+} // namespace
+
 int runGet(const QStringList& args) {
     CommandLine line(QStringLiteral("get"), QStringLiteral("HOST:PORT PATH... [--timeout SECONDS]"),
                      QStringLiteral("Prints the value at each PATH of a server's tree as JSON in "
                                     "the tree-file format,\none line per PATH in their order (a "
                                     "node: its subtree as one object). Exits 1,\nprinting nothing, "
                                     "when a PATH is not there. Never writes to the server."));
-    line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
-    line.addArgument(QStringLiteral("PATH"), QStringLiteral("slash-separated path"));
     ClientTarget target;
-    const int parsed =
-        parseClientCommand(line, args, target, 2, -1, QStringLiteral("HOST:PORT PATH"));
+    QList<QByteArray> wanted;
+    const int parsed = parsePathCommand(line, args, target, wanted);
     if (parsed >= 0)
         return parsed;
-    const QStringList paths = line.positional().mid(1);
-    QString error;
-    if (!PathValues::checkPaths(paths, error))
-        return CommandLine::fail(CommandLine::UsageError, error);
     QByteArray out;
     const TreeJson json;
-    QList<QByteArray> wanted;
-    for (const QString& path : paths)
-        wanted.append(path.toUtf8());
     const QueryAsk ask = [&](Dovel::QueryClient& client, Dovel::Query::Reply& reply, int ms) {
         return client.read(wanted, reply, ms);
     };
     return readQueried(target, ask, [&](Tessel::Node& root) {
-        for (const QString& path : paths) {
-            Tessel::Attribute* at = Dovel::attributeAt(root, path.toUtf8());
+        for (const QByteArray& path : wanted) {
+            Tessel::Attribute* at = Dovel::attributeAt(root, path);
             QJsonValue value;
             if (!at || !json.toJson(*at, value))
-                return CommandLine::fail(CommandLine::Failure, target.lacks(path));
+                return CommandLine::fail(CommandLine::Failure,
+                                         target.lacks(QString::fromUtf8(path)));
             out += TreeJson::valueText(value) + '\n';
         }
         CommandLine::print(out);
@@ -111,20 +126,11 @@ int runRm(const QStringList& args) {
                                     "server's tree, all or\nnone; every client of the server "
                                     "sees them go. Exits 1, removing nothing, when\na PATH is "
                                     "not there or the server refuses (read-only)."));
-    line.addArgument(QStringLiteral("HOST:PORT"), QStringLiteral("the server"));
-    line.addArgument(QStringLiteral("PATH"), QStringLiteral("slash-separated path"));
     ClientTarget target;
-    const int parsed =
-        parseClientCommand(line, args, target, 2, -1, QStringLiteral("HOST:PORT PATH"));
+    QList<QByteArray> wanted;
+    const int parsed = parsePathCommand(line, args, target, wanted);
     if (parsed >= 0)
         return parsed;
-    const QStringList paths = line.positional().mid(1);
-    QString error;
-    if (!PathValues::checkPaths(paths, error))
-        return CommandLine::fail(CommandLine::UsageError, error);
-    QList<QByteArray> wanted;
-    for (const QString& path : paths)
-        wanted.append(path.toUtf8());
     return removeQueried(target, wanted);
 }
 
