@@ -2,9 +2,9 @@
 // first output pass takes to write, and how long a fresh client takes to apply it and
 // run its own first output pass (what it announces back). The tree is that of
 // `dovel bench initial` (tools/dovel/BenchItems.h).
-#include "Dovel/session/BundleController.h"
 #include "Dovel/bundle/BundleDispatcher.h"
 #include "Dovel/bundle/BundleReader.h"
+#include "Dovel/session/BundleController.h"
 #include "Dovel/sync/RemoteNode.h"
 
 #include "BenchItems.h"

@@ -253,7 +253,8 @@ TEST(BGThread, FailuresAreLoggedNotFatal) {
     pool->add(throwing);
     ASSERT_TRUE(pool->waitIdle(5000));
     EXPECT_TRUE(throwing->isDone());
-    EXPECT_TRUE(capture.contains("BGThreadCore::runOne # Task ended by an exception: boom", Trace::Error))
+    EXPECT_TRUE(
+        capture.contains("BGThreadCore::runOne # Task ended by an exception: boom", Trace::Error))
         << capture.dump().toStdString();
 
     // Waiting for a run from a worker of the same pool would deadlock: it does not wait.

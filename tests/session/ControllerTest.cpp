@@ -1,10 +1,10 @@
 // The bundle controller on its own: automatic and manual mode, tasks, the order of node
 // updates and output flushes, work for a core that is gone or whose session ended, a
 // failing bundle inside a batch, and the wake-up of the tree thread.
-#include "Dovel/session/BundleController.h"
 #include "Dovel/bundle/ModuleNames.h"
-#include "Dovel/sync/RemoteNode.h"
+#include "Dovel/session/BundleController.h"
 #include "Dovel/session/Connection.h"
+#include "Dovel/sync/RemoteNode.h"
 
 #include "Basalt/Trace.h"
 #include "Tessel/AttributeT.h"

@@ -3,9 +3,9 @@
 // every line to processDovel2.
 #include "Dovel/Limits.h"
 #include "Dovel/session/BundleController.h"
-#include "Dovel/sync/RemoteNode.h"
 #include "Dovel/session/Dovel1Connection.h"
 #include "Dovel/session/ProcessDovel2.h"
+#include "Dovel/sync/RemoteNode.h"
 
 #include "Basalt/Trace.h"
 

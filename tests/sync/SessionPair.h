@@ -6,8 +6,8 @@
 // dispatcher, so that a test sees exactly one output pass per output() call.
 #pragma once
 
-#include "Dovel/session/BundleController.h"
 #include "Dovel/bundle/BundleDispatcher.h"
+#include "Dovel/session/BundleController.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"
 #include "Dovel/sync/RemoteNode.h"
