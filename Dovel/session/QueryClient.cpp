@@ -203,6 +203,7 @@ bool QueryClient::open(const QString& host, int port, int ms) {
         return true;
     const PeerFailure why = link->lastFailure();
     failure = why.isSet() ? why.text() : QStringLiteral("no answer");
+    failedBy = why.kind;
     return false;
 }
 

@@ -18,6 +18,7 @@
 #pragma once
 
 #include "Dovel/sync/QueryWire.h"
+#include "Dovel/transport/PeerFailure.h"
 
 #include <QByteArray>
 #include <QList>
@@ -64,6 +65,8 @@ public:
 
     // Why open() or the last request failed, for after "HOST:PORT: ".
     QString failureReason() const;
+    // What made open() fail, when the connection said (a refused login...).
+    PeerFailure::Kind failureKind() const { return failedBy; }
 
 private:
     class Link;
@@ -72,6 +75,7 @@ private:
 
     std::shared_ptr<Link> link;
     QString failure;
+    PeerFailure::Kind failedBy = PeerFailure::None;
 };
 
 } // namespace Dovel

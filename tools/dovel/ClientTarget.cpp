@@ -27,6 +27,7 @@ int parseClientCommand(CommandLine& line, const QStringList& words, ClientTarget
          !CommandLine::parseSeconds(QStringLiteral("timeout"),
                                     line.value(QStringLiteral("timeout")), target.seconds, error)))
         return CommandLine::fail(CommandLine::UsageError, error);
+    target.asked = target.seconds;
     if (!readLoginKey(line, target.key, error))
         return CommandLine::fail(CommandLine::Failure, error);
     return -1;
@@ -48,10 +49,10 @@ int noSession(const ClientTarget& target, const MirrorClient& mirror) {
         return CommandLine::fail(
             CommandLine::Failure,
             QStringLiteral("%1: %2").arg(target.address(), mirror.failureReason()));
-    return CommandLine::fail(CommandLine::Failure,
-                             QStringLiteral("no session with %1 within %2 s (%3)")
-                                 .arg(target.address(), QString::number(target.seconds, 'g', 6),
-                                      mirror.failureReason()));
+    return CommandLine::fail(
+        CommandLine::Failure,
+        QStringLiteral("no session with %1 within %2 s (%3)")
+            .arg(target.address(), QString::number(target.asked, 'g', 6), mirror.failureReason()));
 }
 
 } // namespace DovelTool

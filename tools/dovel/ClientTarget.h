@@ -21,8 +21,9 @@ class MirrorClient;
 struct ClientTarget {
     QString host;
     int port = 0;
-    double seconds = 10.0; // --timeout
-    QByteArray key;        // empty: the default key
+    double seconds = 10.0;  // --timeout, or what is left of it for a later step
+    double asked = seconds; // --timeout as given, for the messages
+    QByteArray key;         // empty: the default key
 
     QString address() const { return QStringLiteral("%1:%2").arg(host).arg(port); }
     int milliseconds() const { return int(seconds * 1000); }

@@ -92,10 +92,21 @@ private:
     QElapsedTimer clock;
 };
 
-// Connects; -1 when the client is open, else the exit status (the line written).
+// How long the first question waits for its answer before the server is taken for one
+// without queries: ours answers at once, another may never answer a module it lacks.
+constexpr int FirstAnswerMs = 3000;
+
+// openClient's verdict for a server that may take an ordinary client where it refused
+// the light one (a login refused: it may refuse the version line's suffix).
+constexpr int TryOrdinary = -2;
+
+// Connects; -1 when the client is open, TryOrdinary, else the exit status (the line
+// written).
 int openClient(const ClientTarget& target, QueryClient& client, const Deadline& deadline) {
     if (client.open(target.host, target.port, deadline.ms()))
         return -1;
+    if (client.failureKind() == Dovel::PeerFailure::LoginRefused)
+        return TryOrdinary;
     return noAnswer(target, client);
 }
 
@@ -160,12 +171,12 @@ int readQueried(const ClientTarget& target, const QueryAsk& ask,
         const int opened = openClient(target, client, deadline);
         if (opened >= 0)
             return opened;
-        outcome = ask(client, reply, deadline.ms());
-        if (outcome == QueryClient::Failed)
-            return noAnswer(target, client);
+        if (opened == -1)
+            outcome = ask(client, reply, std::min(deadline.ms(), FirstAnswerMs));
     }
-    if (outcome == QueryClient::Unsupported ||
-        (outcome == QueryClient::Answered && reply.status != Query::Ok))
+    // No answer, or not one that serves: an ordinary client reads the whole tree (and
+    // says why, when that fails too).
+    if (outcome != QueryClient::Answered || reply.status != Query::Ok)
         return readServerTree(deadline.rest(), read);
     Tessel::Node root;
     buildTree(reply.entries, root, Dovel::TypeRegistry());
@@ -190,14 +201,15 @@ int setQueried(const ClientTarget& target, const PathValues& values) {
     const int opened = openClient(target, client, deadline);
     if (opened >= 0)
         return opened;
+    if (opened == TryOrdinary)
+        return asOrdinaryClient();
     QList<QByteArray> paths;
     for (const PathValues::Entry& entry : values.entries())
         paths.append(entry.path);
     Query::Reply held;
-    const QueryClient::Outcome outcome = client.read(paths, held, deadline.ms());
-    if (outcome == QueryClient::Failed)
-        return noAnswer(target, client);
-    if (outcome == QueryClient::Unsupported || held.status != Query::Ok) {
+    const QueryClient::Outcome outcome =
+        client.read(paths, held, std::min(deadline.ms(), FirstAnswerMs));
+    if (outcome != QueryClient::Answered || held.status != Query::Ok) {
         client.close();
         return asOrdinaryClient();
     }
@@ -246,7 +258,8 @@ int removeQueried(const ClientTarget& target, const QList<QByteArray>& paths) {
     if (opened >= 0)
         return opened;
     Query::Reply answer;
-    switch (client.remove(paths, answer, deadline.ms())) {
+    switch (opened == TryOrdinary ? QueryClient::Failed
+                                  : client.remove(paths, answer, deadline.ms())) {
     case QueryClient::Failed:
         return noAnswer(target, client);
     case QueryClient::Unsupported:
