@@ -1,23 +1,20 @@
 #include "Dovel/sync/PeerWriteRules.h"
 
-#include "Dovel/sync/RemoteNode.h"
-
 namespace Dovel {
 
 PeerWriteRules PeerWriteRules::readOnly(const QStringList& writable) {
     PeerWriteRules rules;
     rules.everything = false;
     for (const QString& pattern : writable)
-        rules.patterns.append(QRegularExpression(RemoteNode::makeRegExp(pattern).pattern()));
+        rules.patterns.emplace_back(pattern.toUtf8());
     return rules;
 }
 
 bool PeerWriteRules::mayWrite(const QByteArray& path) const {
     if (everything)
         return true;
-    const QString text = QString::fromUtf8(path);
-    for (const QRegularExpression& pattern : patterns)
-        if (pattern.match(text).hasMatch())
+    for (const PathPattern& pattern : patterns)
+        if (pattern.matches(path))
             return true;
     return false;
 }

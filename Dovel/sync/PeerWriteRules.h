@@ -11,12 +11,13 @@
 // A value type; a session keeps its own copy and uses it on the tree thread.
 #pragma once
 
+#include "Dovel/sync/PathPattern.h"
+
 #include <QByteArray>
-#include <QRegularExpression>
 #include <QStringList>
-#include <QVector>
 
 #include <functional>
+#include <vector>
 
 namespace Dovel {
 
@@ -41,7 +42,7 @@ public:
 
 private:
     bool everything = true;
-    QVector<QRegularExpression> patterns;
+    std::vector<PathPattern> patterns;
     std::function<void(const QByteArray&)> refused;
 };
 

@@ -37,11 +37,11 @@ ChangePrinter::~ChangePrinter() {
 }
 
 void ChangePrinter::setFilter(const QString& pattern) {
-    filter = QRegularExpression(Dovel::RemoteNode::makeRegExp(pattern).pattern());
+    filter.emplace(pattern.toUtf8());
 }
 
 bool ChangePrinter::shows(const QByteArray& path) const {
-    return filter.pattern().isEmpty() || filter.match(QString::fromUtf8(path)).hasMatch();
+    return !filter || filter->matches(path);
 }
 
 int ChangePrinter::start(bool printHeld) {

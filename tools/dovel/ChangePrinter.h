@@ -17,12 +17,13 @@
 #include "TreeJson.h"
 
 #include "Dovel/sync/NodeWatcher.h"
+#include "Dovel/sync/PathPattern.h"
 
 #include <QByteArray>
 #include <QMap>
-#include <QRegularExpression>
 
 #include <functional>
+#include <optional>
 
 namespace Dovel {
 class RemoteNode;
@@ -66,8 +67,8 @@ private:
     TreeJson json;
     long listenerId = -1;
     bool started = false;
-    QMap<QByteArray, QByteArray> seen; // path -> value text
-    QRegularExpression filter;         // empty: every path
+    QMap<QByteArray, QByteArray> seen;        // path -> value text
+    std::optional<Dovel::PathPattern> filter; // none: every path
 };
 
 } // namespace DovelTool

@@ -6,11 +6,10 @@
 #include "QueryTree.h"
 #include "TreeJson.h"
 
+#include "Dovel/sync/PathPattern.h"
 #include "Dovel/sync/RemoteNode.h"
 
 #include "Tessel/Node.h"
-
-#include <QRegularExpression>
 
 #include <functional>
 
@@ -88,8 +87,7 @@ int runLs(const QStringList& args) {
     if (parsed >= 0)
         return parsed;
     const QString pattern = line.positional().value(1);
-    const QRegularExpression filter(
-        pattern.isEmpty() ? QString() : Dovel::RemoteNode::makeRegExp(pattern).pattern());
+    const Dovel::PathPattern filter(pattern.toUtf8());
     const bool asJson = line.isSet(QStringLiteral("json"));
     const TreeJson json;
     const QueryAsk ask = [&](Dovel::QueryClient& client, Dovel::Query::Reply& reply, int ms) {
@@ -100,7 +98,7 @@ int runLs(const QStringList& args) {
         Dovel::walkAttributesWithPath(
             root, [&](Tessel::Attribute& attribute, const QByteArray& path) {
                 const QString text = QString::fromUtf8(path);
-                if (!pattern.isEmpty() && !filter.match(text).hasMatch())
+                if (!pattern.isEmpty() && !filter.matches(path))
                     return;
                 const QString type = json.typeName(attribute);
                 if (type.isEmpty())
