@@ -11,6 +11,7 @@
 #include "Dovel/bundle/BundleSender.h"
 #include "Dovel/bundle/BundleWriter.h"
 #include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 #include "FuzzSupport.h"
 
@@ -68,7 +69,7 @@ public:
 // Asks for the attribute types and echoes back, as symbols, what the session learnt.
 class EchoSender : public BundleSender {
 public:
-    explicit EchoSender(Basalt::SymbolRegistry& registry) : registry(registry) {}
+    explicit EchoSender(Dovel::PeerSymbols& registry) : registry(registry) {}
     void initialize(BundleDispatcher& dispatcher) override {
         updateType = dispatcher.resolveMessageType(ModuleNames::AttributeUpdate);
         for (const char* name :
@@ -91,7 +92,7 @@ public:
     }
 
 private:
-    Basalt::SymbolRegistry& registry;
+    Dovel::PeerSymbols& registry;
     uint32_t updateType = NoMessageType;
 };
 
@@ -103,7 +104,7 @@ struct Session {
             dispatcher.addModule(std::make_shared<ProbeReceiver>(name));
         dispatcher.addSender(std::make_shared<EchoSender>(registry));
     }
-    Basalt::SymbolRegistry registry;
+    Dovel::PeerSymbols registry;
     BundleDispatcher dispatcher;
 };
 

@@ -1,6 +1,7 @@
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
 #include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/bundle/PeerSymbols.h"
 
 #include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
@@ -10,7 +11,7 @@
 
 namespace Dovel {
 
-SymbolRegistryReceiver::SymbolRegistryReceiver(Basalt::SymbolRegistry& registry, int maxSymbols,
+SymbolRegistryReceiver::SymbolRegistryReceiver(PeerSymbols& registry, int maxSymbols,
                                                const Basalt::SymbolRegistry* localNames)
     : BundleReceiver(ModuleNames::SymbolRegistry), registry(registry), maxSymbols(maxSymbols),
       localNames(localNames) {}
@@ -29,10 +30,11 @@ void SymbolRegistryReceiver::handleBundle(BundleReader& reader) {
             continue;
         }
         const QByteArray name = localNames ? localNames->sharedName(read) : read;
-        // A rebinding grows the table no more than a repeated pair, but each may make the
-        // receiver create another attribute, so both count. Below the limit every
-        // definition may count, so the lookup that tells is made only at the limit.
-        if (definitions >= maxSymbols && symbol != 0 && registry.lookup(name) != symbol)
+        // A rebinding grows the table no more than a new pair, but each may make the
+        // receiver create another attribute, so both count; a repeated pair does not.
+        // Below the limit every definition may count, so the lookup that tells is made
+        // only at the limit.
+        if (definitions >= maxSymbols && symbol != 0 && registry.lookup(symbol) != name)
             throw std::invalid_argument(
                 "SymbolRegistryReceiver::handleBundle # the peer defined more than " +
                 std::to_string(maxSymbols) + " symbols; refusing '" + name.left(80).toStdString() +

@@ -1,6 +1,6 @@
 // The module "Quillon.Dovel.SymbolRegistry": learns the peer's symbol numbers into the
-// session's receive-side registry (owned by the session core, which outlives this
-// module). Lives on the session's thread.
+// session's receive-side table (owned by the session core, which outlives this module).
+// Lives on the session's thread.
 #pragma once
 
 #include "Dovel/Limits.h"
@@ -12,26 +12,27 @@ class SymbolRegistry;
 
 namespace Dovel {
 
+class PeerSymbols;
+
 class SymbolRegistryReceiver : public BundleReceiver {
 public:
-    // `maxSymbols` bounds the definitions that change the registry (new pairs and
+    // `maxSymbols` bounds the definitions that change the table (new pairs and
     // rebindings); only tests pass another value. Names that `localNames` (this side's
     // registry, when given) already holds are stored sharing its bytes: the peer names
     // nearly every path that this side has.
-    explicit SymbolRegistryReceiver(Basalt::SymbolRegistry& registry,
-                                    int maxSymbols = Limits::MaxPeerSymbols,
+    explicit SymbolRegistryReceiver(PeerSymbols& registry, int maxSymbols = Limits::MaxPeerSymbols,
                                     const Basalt::SymbolRegistry* localNames = nullptr);
     ~SymbolRegistryReceiver() override;
 
     // Defines each (u32 symbol, string name) pair of the bundle in order. A name longer
     // than Limits::MaxPeerNameBytes is left undefined (logged). A truncated pair throws
-    // std::out_of_range; a pair that would change the registry once `maxSymbols`
+    // std::out_of_range; a pair that would change the table once `maxSymbols`
     // definitions have changed it throws std::invalid_argument. The pairs before either
     // stay defined.
     void handleBundle(BundleReader& reader) override;
 
 private:
-    Basalt::SymbolRegistry& registry;
+    PeerSymbols& registry;
     const int maxSymbols;
     const Basalt::SymbolRegistry* const localNames;
     int definitions = 0; // definitions that changed the registry

@@ -554,7 +554,7 @@ void BundleController::process(const std::vector<Bundle>& bundles) {
         alive->process(bundles);
 }
 
-Basalt::SymbolRegistry* BundleController::symbolRegistryRecv() {
+PeerSymbols* BundleController::symbolRegistryRecv() {
     CorePtr alive = core.lock();
     if (!alive)
         return nullptr;

@@ -24,6 +24,7 @@
 #include "Dovel/bundle/Bundle.h"
 #include "Dovel/bundle/BundleCounters.h"
 #include "Dovel/bundle/BundleDispatcher.h"
+#include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/ReceiveBacklog.h"
 #include "Dovel/sync/PeerFootprint.h"
 #include "Dovel/sync/PeerWriteRules.h"
@@ -144,7 +145,7 @@ public:
     // Tree thread: the receive-side registry of the peer's symbols and the node's own
     // registry; null once the core is gone. The caller keeps the controller alive while
     // it uses them.
-    Basalt::SymbolRegistry* symbolRegistryRecv();
+    PeerSymbols* symbolRegistryRecv();
     Basalt::SymbolRegistry* symbolRegistrySend();
 
     // The number of automatic cores in the process-wide list (for tests).
@@ -196,7 +197,7 @@ public:
 
     RemoteNode& node() { return remoteNode; }
     BundleDispatcher& bundleDispatcher() { return dispatcher; }
-    Basalt::SymbolRegistry& peerSymbols() { return symbolRegistry; }
+    PeerSymbols& peerSymbols() { return symbolRegistry; }
     AttributeStorage* storage() { return attributeStorage.get(); }
     NodeChangeSender* sender() { return nodeChangeSender.get(); }
     bool isEnabled() const { return enabled.load(); }
@@ -211,7 +212,7 @@ private:
     std::unique_ptr<BundleControllerParams> params;
     RemoteNode& remoteNode;
     BundleDispatcher dispatcher;
-    Basalt::SymbolRegistry symbolRegistry;
+    PeerSymbols symbolRegistry;
     TypeRegistry typeRegistry;
     std::shared_ptr<AttributeStorage> attributeStorage;
     std::shared_ptr<NodeChangeSender> nodeChangeSender;

@@ -3,13 +3,13 @@
 #include "Dovel/bundle/BundleDispatcher.h"
 #include "Dovel/bundle/BundleReceiver.h"
 #include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/PendingBundleSender.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 #include "Dovel/session/Dovel1Connection.h"
 #include "Dovel/session/ProcessDovel2.h"
 #include "Dovel/transport/ConnectionThread.h"
 
-#include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
 
 #include <chrono>
@@ -174,7 +174,7 @@ private:
 
     mutable std::mutex mutex;
     std::condition_variable changed;
-    Basalt::SymbolRegistry symbols;
+    PeerSymbols symbols;
     BundleDispatcher dispatcher;
     std::shared_ptr<PendingBundleSender> requests =
         std::make_shared<PendingBundleSender>(ModuleNames::Query);

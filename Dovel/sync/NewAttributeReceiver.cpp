@@ -2,6 +2,7 @@
 
 #include "Dovel/Limits.h"
 #include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/sync/AttributeCache.h"
 #include "Dovel/sync/AttributeStorage.h"
 #include "Dovel/sync/NodeChangeSender.h"
@@ -11,7 +12,6 @@
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/types/TypeRegistry.h"
 
-#include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/Node.h"
@@ -50,7 +50,7 @@ void skipValue(BundleReader& reader, uint32_t fixedSize) {
 } // namespace
 
 NewAttributeReceiver::NewAttributeReceiver(RemoteNode& node, AttributeStorage& storage,
-                                           Basalt::SymbolRegistry& peerSymbols, TypeRegistry& types,
+                                           const PeerSymbols& peerSymbols, TypeRegistry& types,
                                            NodeChangeSender& sender)
     : BundleReceiver(ModuleNames::AttributeNew), node(node), storage(storage),
       peerSymbols(peerSymbols), types(types), sender(sender) {}

@@ -14,9 +14,6 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace Basalt {
-class SymbolRegistry;
-}
 namespace Tessel {
 class Attribute;
 class Node;
@@ -26,6 +23,7 @@ namespace Dovel {
 
 class AttributeStorage;
 class NodeChangeSender;
+class PeerSymbols;
 class PeerFootprint;
 class PeerWriteRules;
 class RemoteNode;
@@ -35,7 +33,7 @@ struct DovelSessionAttribute;
 class NewAttributeReceiver : public BundleReceiver {
 public:
     NewAttributeReceiver(RemoteNode& node, AttributeStorage& storage,
-                         Basalt::SymbolRegistry& peerSymbols, TypeRegistry& types,
+                         const PeerSymbols& peerSymbols, TypeRegistry& types,
                          NodeChangeSender& sender);
     ~NewAttributeReceiver() override;
 
@@ -79,7 +77,7 @@ private:
 
     RemoteNode& node;
     AttributeStorage& storage;
-    Basalt::SymbolRegistry& peerSymbols;
+    const PeerSymbols& peerSymbols;
     TypeRegistry& types;
     NodeChangeSender& sender;
     bool createMissing = false;

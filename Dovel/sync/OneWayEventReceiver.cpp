@@ -1,14 +1,14 @@
 #include "Dovel/sync/OneWayEventReceiver.h"
 
 #include "Dovel/bundle/ModuleNames.h"
+#include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/sync/PeerWriteRules.h"
 
-#include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
 
 namespace Dovel {
 
-OneWayEventReceiver::OneWayEventReceiver(Basalt::SymbolRegistry& peerSymbols)
+OneWayEventReceiver::OneWayEventReceiver(const PeerSymbols& peerSymbols)
     : BundleReceiver(ModuleNames::OneWayEvent), peerSymbols(peerSymbols) {}
 
 OneWayEventReceiver::~OneWayEventReceiver() = default;

@@ -11,19 +11,16 @@
 
 #include <functional>
 
-namespace Basalt {
-class SymbolRegistry;
-}
-
 namespace Dovel {
 
+class PeerSymbols;
 class PeerWriteRules;
 
 class OneWayEventReceiver : public BundleReceiver {
 public:
     using Handler = std::function<void(const QByteArray& name, Basalt::BinaryData& data)>;
 
-    explicit OneWayEventReceiver(Basalt::SymbolRegistry& peerSymbols);
+    explicit OneWayEventReceiver(const PeerSymbols& peerSymbols);
     ~OneWayEventReceiver() override;
 
     // Without a handler, events are dropped.
@@ -33,7 +30,7 @@ public:
     void setWriteRules(const PeerWriteRules* rules) { writeRules = rules; }
 
 private:
-    Basalt::SymbolRegistry& peerSymbols;
+    const PeerSymbols& peerSymbols;
     Handler eventHandler;
     const PeerWriteRules* writeRules = nullptr;
 };

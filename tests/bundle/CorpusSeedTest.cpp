@@ -5,6 +5,7 @@
 #include "BundleTestUtil.h"
 #include "CorpusSeeds.h"
 
+#include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
 #include "Basalt/SymbolRegistry.h"
@@ -39,7 +40,7 @@ struct Session {
         dispatcher.writeUpdates(out);
         return out;
     }
-    Basalt::SymbolRegistry registry;
+    Dovel::PeerSymbols registry;
     BundleDispatcher dispatcher;
     std::shared_ptr<TestSender> sender = std::make_shared<TestSender>();
 };
@@ -54,7 +55,7 @@ std::map<QString, QByteArray> makeSeeds() {
     seeds["symbols"] = stream(withSymbols.pass());
 
     // A peer that offers only the symbol module answers one ok and four errors.
-    Basalt::SymbolRegistry registry;
+    Dovel::PeerSymbols registry;
     BundleDispatcher peer;
     peer.addModule(std::make_shared<SymbolRegistryReceiver>(registry));
     for (const Bundle& b : Session().pass()) {

@@ -3,6 +3,7 @@
 #include "BundleTestUtil.h"
 
 #include "Dovel/Limits.h"
+#include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
 #include "Basalt/SymbolRegistry.h"
@@ -178,7 +179,7 @@ struct Side {
     }
     RecordingReceiver& updates() { return *recorders[1]; }
 
-    Basalt::SymbolRegistry registry;
+    Dovel::PeerSymbols registry;
     BundleDispatcher dispatcher;
     std::vector<std::shared_ptr<RecordingReceiver>> recorders;
     std::shared_ptr<TestSender> sender = std::make_shared<TestSender>();

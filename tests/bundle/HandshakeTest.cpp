@@ -3,6 +3,7 @@
 #include "BundleTestUtil.h"
 
 #include "Dovel/bundle/HandshakeSender.h"
+#include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
 #include "Basalt/SymbolRegistry.h"
@@ -37,7 +38,7 @@ std::vector<Bundle> pass(BundleDispatcher& d) {
 } // namespace
 
 TEST(Handshake, FreshSessionFirstOutputPass) {
-    Basalt::SymbolRegistry registry;
+    Dovel::PeerSymbols registry;
     BundleDispatcher d;
     d.addModule(std::make_shared<SymbolRegistryReceiver>(registry));
     auto sender = std::make_shared<TestSender>();
@@ -194,7 +195,7 @@ TEST(Handshake, ReceiverLogsErrorsAndDiscardsOkAndInfo) {
 }
 
 TEST(Handshake, SymbolRegistryReceiverDefinesPairsUntilTruncation) {
-    Basalt::SymbolRegistry registry;
+    Dovel::PeerSymbols registry;
     SymbolRegistryReceiver receiver(registry);
     EXPECT_EQ(receiver.name(), QByteArray("Quillon.Dovel.SymbolRegistry"));
     Bytes symbols;
@@ -204,7 +205,6 @@ TEST(Handshake, SymbolRegistryReceiverDefinesPairsUntilTruncation) {
     BundleReader reader(b);
     EXPECT_EQ(failure<std::out_of_range>([&] { receiver.handleBundle(reader); }), pastEnd);
     EXPECT_EQ(registry.lookup(7u), QByteArray("root/a"));
-    EXPECT_EQ(registry.lookup(QByteArray("root/a")), 7u);
     EXPECT_FALSE(registry.lookup(9u).isNull());
     EXPECT_TRUE(registry.lookup(9u).isEmpty());
     EXPECT_TRUE(registry.lookup(11u).isNull());

@@ -6,6 +6,7 @@
 #include "BundleTestUtil.h"
 
 #include "Dovel/Limits.h"
+#include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
 #include "Basalt/SymbolRegistry.h"
@@ -21,7 +22,7 @@ using BundleTest::Bytes;
 using BundleTest::packet;
 
 TEST(PeerSymbolLimit, DefinitionsBeyondTheLimitAreRefusedRebindingsIncluded) {
-    Basalt::SymbolRegistry registry;
+    Dovel::PeerSymbols registry;
     SymbolRegistryReceiver receiver(registry, 4);
     Bytes symbols; // the fifth definition is one too many: a rebinding counts
     symbols.word(1).str("a").word(2).str("b").word(3).str("c").word(3).str("z").word(5).str("e");
@@ -35,18 +36,19 @@ TEST(PeerSymbolLimit, DefinitionsBeyondTheLimitAreRefusedRebindingsIncluded) {
     EXPECT_TRUE(registry.lookup(5u).isNull());
 
     // At the limit, the same pair again changes nothing and is taken; binding a known
-    // name to a new symbol is refused like a new pair.
+    // name to a new symbol is refused like a new pair, and the name keeps its symbol.
     const Bundle second(packet(1, 2, 0, Bytes().word(1).str("a").word(2).str("b").data()));
     BundleReader again(second);
     EXPECT_NO_THROW(receiver.handleBundle(again));
     const Bundle third(packet(1, 3, 0, Bytes().word(7).str("b").data()));
     BundleReader rebind(third);
     EXPECT_THROW(receiver.handleBundle(rebind), std::invalid_argument);
-    EXPECT_EQ(registry.lookup(QByteArray("b")), 2u);
+    EXPECT_TRUE(registry.lookup(7u).isNull());
+    EXPECT_EQ(registry.lookup(2u), QByteArray("b"));
 }
 
 TEST(PeerSymbolLimit, ANameLongerThanAnyPathStaysUndefined) {
-    Basalt::SymbolRegistry registry;
+    Dovel::PeerSymbols registry;
     SymbolRegistryReceiver receiver(registry);
     Basalt::TraceCapture log;
     const QByteArray longest(Limits::MaxPeerNameBytes, 'n');
@@ -70,7 +72,7 @@ TEST(PeerSymbolLimit, ANameLongerThanAnyPathStaysUndefined) {
 TEST(PeerSymbolLimit, NamesThisSideHoldsAreKeptOnceForBothRegistries) {
     Basalt::SymbolRegistry local;
     local.lookupOrDefine("tree/a");
-    Basalt::SymbolRegistry peer;
+    PeerSymbols peer;
     SymbolRegistryReceiver receiver(peer, Limits::MaxPeerSymbols, &local);
     const Bundle bundle(packet(1, 1, 0, Bytes().word(9).str("tree/a").word(8).str("new").data()));
     BundleReader reader(bundle);
