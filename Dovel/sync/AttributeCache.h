@@ -11,7 +11,7 @@
 // while holding the lock except the error log.
 #pragma once
 
-#include "Dovel/sync/SymbolSet.h"
+#include "Dovel/sync/SymbolBits.h"
 
 #include "Basalt/PointerMap.h"
 #include "Basalt/SymbolMap.h"
@@ -69,7 +69,7 @@ public:
 
 private:
     mutable std::shared_mutex lock;
-    SymbolSet nodes; // flat: a watched tree has a node per handful of attributes
+    SymbolBits nodes; // local symbols: a bit each, where a hash set misses on every insert
     // Local symbols are dense: a vector slot per attribute, no allocation per entry.
     Basalt::SymbolMap<Tessel::Attribute*> bySymbol;
     Basalt::PointerMap<Tessel::Attribute, unsigned int> byAttribute; // indexed ones only
