@@ -24,6 +24,8 @@ public:
     bool define(const QByteArray& name, uint32_t symbol);
     // The name of a symbol; a null array when unknown (the empty name is a name).
     QByteArray lookup(uint32_t symbol) const { return names.value(symbol); }
+    // The same without a copy: null when unknown, valid until the next definition.
+    const QByteArray* find(uint32_t symbol) const { return names.find(symbol); }
     int size() const { return names.size(); }
 
 private:

@@ -61,7 +61,32 @@ void NewAttributeReceiver::handleBundle(BundleReader& reader) {
     const BundleCore& bundle = reader.bundle();
     const uint32_t acknowledged = bundle.headerWord(BundleCore::AcknowledgedWord);
     const uint32_t sequence = bundle.sequenceNumber();
+    // A few entries ahead of the one applied, the registry starts loading where each
+    // path's local symbol is looked up: in a large tree that probe would otherwise wait
+    // on memory for every entry. A malformed entry ahead ends the looking ahead; the
+    // entry itself is reported when it is applied.
+    constexpr int LookAhead = 4;
+    BundleReader ahead = reader;
+    bool aheadValid = true;
+    const auto prefetchNext = [&] {
+        if (!aheadValid || ahead.atEnd())
+            return;
+        try {
+            const uint32_t symbol = ahead.readUInt32();
+            ahead.readUInt32();
+            const uint32_t fixedSize = ahead.readUInt32();
+            if ((ahead.readUInt32() & 1u) != 0)
+                skipValue(ahead, fixedSize);
+            if (const QByteArray* path = peerSymbols.find(symbol))
+                node.symbolRegistry().prefetch(*path);
+        } catch (const std::exception&) {
+            aheadValid = false;
+        }
+    };
+    for (int i = 0; i < LookAhead; ++i)
+        prefetchNext();
     for (uint32_t index = 1; !reader.atEnd(); ++index) {
+        prefetchNext();
         const uint32_t symbol = reader.readUInt32();
         const uint32_t typeCode = reader.readUInt32();
         const uint32_t fixedSize = reader.readUInt32();

@@ -180,6 +180,12 @@ uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name) {
     return symbol;
 }
 
+void SymbolRegistry::prefetch(const QByteArray& name) const {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!nameSlots.empty())
+        __builtin_prefetch(&nameSlots[homeSlot(hashOf(name))]);
+}
+
 QByteArray SymbolRegistry::sharedName(const QByteArray& name) const {
     std::lock_guard<std::mutex> lock(mutex);
     const uint32_t symbol = findName(name);

@@ -32,6 +32,10 @@ public:
     // The name of a symbol; a null array when unknown.
     QByteArray lookup(uint32_t symbol) const;
     uint32_t lookupOrDefine(const QByteArray& name);
+    // Starts loading the slot where `name` is looked up, so that a lookup or definition
+    // of it a few steps later need not wait for memory: in a table of a million names
+    // nearly every probe misses the cache. Changes nothing.
+    void prefetch(const QByteArray& name) const;
     // The registry's own copy of `name` when it holds the name, else `name`: a caller
     // that keeps the result shares the registry's bytes instead of holding them twice.
     QByteArray sharedName(const QByteArray& name) const;
