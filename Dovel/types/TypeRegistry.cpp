@@ -53,10 +53,12 @@ void TypeRegistry::add(Entry entry) {
             madeClasses.emplace(entry.code, std::type_index(typeid(*sample)));
     attributeFactories[entry.code] = std::move(entry.create);
     deserializerFactories[entry.code] = std::move(entry.deserializer);
-    if (typeMatchers.find(entry.type) == typeMatchers.end())
-        matcherOrder.push_back(entry.type);
-    typeMatchers[entry.type] = std::move(entry.matcher);
-    serializerFactories[entry.type] = std::move(entry.serializer);
+    const std::type_index type(*entry.type);
+    if (typeMatchers.find(type) == typeMatchers.end())
+        matcherOrder.push_back(type);
+    typeMatchers[type] = std::move(entry.matcher);
+    serializersByTypeInfo[entry.type] = entry.serializer;
+    serializerFactories[type] = std::move(entry.serializer);
     valueSizes[entry.code] = entry.size;
     variantSerializers[entry.code] = std::move(entry.variantSerializer);
     variantDeserializers[entry.code] = std::move(entry.variantDeserializer);
@@ -66,7 +68,7 @@ void TypeRegistry::add(Entry entry) {
 // Value and Encoding the variant form of its values.
 template <typename A, typename Codec, typename Value, typename Encoding>
 void TypeRegistry::registerType(uint32_t code, uint32_t size, const char* variantTypeName) {
-    add(Entry{code, size, std::type_index(typeid(A)), [] { return static_cast<Attribute*>(new A); },
+    add(Entry{code, size, &typeid(A), [] { return static_cast<Attribute*>(new A); },
               [](Attribute* attribute) -> Deserializer {
                   A* target = dynamic_cast<A*>(attribute);
                   return target ? Codec::deserializer(target) : Deserializer();
@@ -188,11 +190,11 @@ void TypeRegistry::initEnumAndIntTypes() {
             return IntCodec::serializer(attribute);
         };
     };
-    add(Entry{EnumCode, 4, std::type_index(typeid(Tessel::AttributeEnum)), create, deserializer,
+    add(Entry{EnumCode, 4, &typeid(Tessel::AttributeEnum), create, deserializer,
               &isA<Tessel::AttributeEnum>, serializer(EnumCode),
               VariantCodec<int, Int32Encoding>::serializer("int32_t"),
               VariantCodec<int, Int32Encoding>::deserializer()});
-    add(Entry{IntCode, 4, std::type_index(typeid(Tessel::AttributeT<int>)), create, deserializer,
+    add(Entry{IntCode, 4, &typeid(Tessel::AttributeT<int>), create, deserializer,
               &isA<Tessel::AttributeT<int>>, serializer(IntCode),
               VariantCodec<int, Int32Encoding>::serializer("int"),
               VariantCodec<int, Int32Encoding>::deserializer()});
@@ -219,7 +221,11 @@ Serializer TypeRegistry::createSerializer(Attribute* attribute, uint32_t& typeCo
                                attribute->name().constData());
         return Serializer();
     }
-    auto it = serializerFactories.find(std::type_index(typeid(*target)));
+    const std::type_info& type = typeid(*target);
+    const auto known = serializersByTypeInfo.find(&type);
+    if (known != serializersByTypeInfo.end())
+        return known->second(target, typeCode, valueSize);
+    auto it = serializerFactories.find(std::type_index(type));
     if (it == serializerFactories.end()) {
         // A host subclass of a registered class travels as that class.
         for (const std::type_index& type : matcherOrder) {

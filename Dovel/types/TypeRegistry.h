@@ -71,7 +71,7 @@ private:
     struct Entry {
         uint32_t code;
         uint32_t size;
-        std::type_index type;
+        const std::type_info* type;
         AttributeFactory create;
         DeserializerFactory deserializer;
         TypeMatcher matcher;
@@ -97,6 +97,11 @@ private:
     // fallback in createSerializer.
     std::vector<std::type_index> matcherOrder;
     std::unordered_map<std::type_index, SerializerFactory> serializerFactories;
+    // The same keyed by the address of the registered class's type_info: hashing a
+    // pointer is cheap where a type_index hashes the class's name, once per attribute
+    // of an output pass. A class whose type_info has another address (a copy in another
+    // library) falls back on the map above.
+    std::unordered_map<const std::type_info*, SerializerFactory> serializersByTypeInfo;
     std::unordered_map<uint32_t, uint32_t> valueSizes;
     std::map<uint32_t, VariantSerializer> variantSerializers;
     std::map<uint32_t, VariantDeserializer> variantDeserializers;
