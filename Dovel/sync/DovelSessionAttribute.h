@@ -25,9 +25,6 @@ struct DovelSessionAttribute {
     uint32_t lastReceivedSequence = 0;
     // Symbol of the path in the remote node's registry.
     uint32_t localSymbol = 0;
-    // Type code and fixed size that this side announces.
-    uint32_t sentTypeCode = 0;
-    uint32_t sentFixedSize = 0;
     // Sequence number of the bundle that carried this side's last value.
     uint32_t lastSentSequence = 0;
     // The attribute existed on this side when the record was made or completed.
@@ -37,6 +34,10 @@ struct DovelSessionAttribute {
     // Removed on this side and not announced again since.
     bool removedLocally = false;
 };
+// A session holds one per attribute on each side: a cache line each. What this side
+// announces (type code and size) is the serializer's to know, not the record's.
+static_assert(sizeof(void*) != 8 || sizeof(DovelSessionAttribute) <= 64,
+              "a session record should stay within 64 bytes");
 
 // A deserializer that reads past one value without applying it: `fixedSize` bytes, or
 // a length word and that many bytes when `fixedSize` is 0 (padded to 4 either way).

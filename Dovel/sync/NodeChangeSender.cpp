@@ -369,8 +369,6 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* a
     uint32_t typeCode = 0;
     uint32_t fixedSize = 0;
     sa.serializer = types.createSerializer(attribute, typeCode, fixedSize);
-    sa.sentTypeCode = typeCode;
-    sa.sentFixedSize = fixedSize;
     if (!sa.serializer) {
         Basalt::Trace::error("NodeChangeSender::sendAdded # Found an attribute that we can't "
                              "serialize at '%s'. Ignoring",
