@@ -39,8 +39,8 @@ void Node::aboutToBeDestroyed() {
     Attribute::aboutToBeDestroyed();
     // Each child unlists itself at the start of its destructor, sending
     // "attribute-removed" here while it still has its real dynamic type.
-    while (!childList.empty())
-        delete childList.front();
+    while (firstChild)
+        delete firstChild;
     // Waits for event callbacks running on other threads; queued ones become no-ops.
     if (NodeEventTable* table = eventTable.load(std::memory_order_acquire))
         table->clear();
@@ -51,31 +51,45 @@ QByteArray Node::type() const {
 }
 
 Attribute* Node::attribute(const QByteArray& name) const {
-    const auto it = findChild(name);
-    return it == childList.end() ? nullptr : *it;
+    return findChild(name);
 }
 
-Node::ChildList::const_iterator Node::findChild(const QByteArray& name) const {
-    if (!childIndex.isEmpty()) {
-        const auto it = childIndex.constFind(name);
-        return it == childIndex.constEnd() ? childList.end() : ChildList::const_iterator(*it);
-    }
-    for (auto it = childList.begin(); it != childList.end(); ++it)
-        if ((*it)->attributeName == name)
-            return it;
-    return childList.end();
+Attribute* Node::findChild(const QByteArray& name) const {
+    if (!childIndex.isEmpty())
+        return childIndex.value(name, nullptr);
+    for (Attribute* child = firstChild; child; child = child->nextSibling)
+        if (child->attributeName == name)
+            return child;
+    return nullptr;
 }
 
-void Node::indexChild(const QByteArray& name, ChildList::iterator position) {
+void Node::indexChild(const QByteArray& name, Attribute* child) {
     if (!childIndex.isEmpty()) {
-        childIndex.insert(name, position);
+        childIndex.insert(name, child);
         return;
     }
-    if (childList.size() <= UnindexedChildren)
+    if (listedChildren <= UnindexedChildren)
         return;
-    childIndex.reserve(int(childList.size()) * 2);
-    for (auto it = childList.begin(); it != childList.end(); ++it)
-        childIndex.insert((*it)->attributeName, it);
+    childIndex.reserve(int(listedChildren) * 2);
+    for (Attribute* listed = firstChild; listed; listed = listed->nextSibling)
+        childIndex.insert(listed->attributeName, listed);
+}
+
+void Node::listChild(Attribute* child) {
+    child->previousSibling = lastChild;
+    child->nextSibling = nullptr;
+    (lastChild ? lastChild->nextSibling : firstChild) = child;
+    lastChild = child;
+    ++listedChildren;
+}
+
+void Node::unlistChild(Attribute* child) {
+    (child->previousSibling ? child->previousSibling->nextSibling : firstChild) =
+        child->nextSibling;
+    (child->nextSibling ? child->nextSibling->previousSibling : lastChild) = child->previousSibling;
+    child->previousSibling = nullptr;
+    child->nextSibling = nullptr;
+    --listedChildren;
 }
 
 bool Node::isSelfOrAncestor(const Attribute* attribute) const {
@@ -87,11 +101,12 @@ bool Node::isSelfOrAncestor(const Attribute* attribute) const {
 
 bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
     if (!attribute || attribute->hostNode || attribute->isBeingDestroyed() ||
-        isSelfOrAncestor(attribute) || findChild(name) != childList.end())
+        isSelfOrAncestor(attribute) || findChild(name))
         return false;
     attribute->attributeName = name;
     attribute->hostNode = this;
-    indexChild(name, childList.insert(childList.end(), attribute));
+    listChild(attribute);
+    indexChild(name, attribute);
     attributeAdded(attribute);
     if (TreeObserver* observer = this->observer()) {
         // What the observer reports may delete the child (whose own name `name` may be)
@@ -110,10 +125,9 @@ bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
 bool Node::removeAttribute(Attribute* attribute) {
     if (!attribute || attribute->hostNode != this)
         return false;
-    const auto it = findChild(attribute->name());
-    if (it == childList.end() || *it != attribute)
+    if (findChild(attribute->name()) != attribute)
         return false;
-    detach(childList.erase(it, it)); // the same position, writable
+    detach(attribute);
     return true;
 }
 
@@ -124,8 +138,7 @@ bool Node::deleteAttribute(Attribute* attribute) {
     return true;
 }
 
-void Node::detach(ChildList::iterator position) {
-    Attribute* child = *position;
+void Node::detach(Attribute* child) {
     const QByteArray name = child->name();
     if (!child->detaching) {
         child->detaching = true;
@@ -136,12 +149,10 @@ void Node::detach(ChildList::iterator position) {
         sendChildEvent(QByteArrayLiteral("attribute-removed"), name);
         // A listener may have removed or deleted the child meanwhile (that nested
         // removal unlisted it without notifying again); then it must not be touched.
-        const auto it = findChild(name);
-        if (it == childList.end() || *it != child)
+        if (findChild(name) != child)
             return;
-        position = childList.erase(it, it);
     }
-    childList.erase(position);
+    unlistChild(child);
     if (!childIndex.isEmpty())
         childIndex.remove(name);
     child->hostNode = nullptr;
@@ -165,11 +176,15 @@ void Node::sendChildEvent(const QByteArray& event, const QByteArray& childName) 
 }
 
 std::vector<Attribute*> Node::children() const {
-    return std::vector<Attribute*>(childList.begin(), childList.end());
+    std::vector<Attribute*> copy;
+    copy.reserve(listedChildren);
+    for (Attribute* child = firstChild; child; child = child->nextSibling)
+        copy.push_back(child);
+    return copy;
 }
 
 bool Node::isChanged() const {
-    for (Attribute* child : childList)
+    for (Attribute* child = firstChild; child; child = child->nextSibling)
         if (child->isChanged())
             return true;
     return false;

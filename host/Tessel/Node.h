@@ -32,7 +32,6 @@
 
 #include <atomic>
 #include <functional>
-#include <list>
 #include <memory>
 #include <vector>
 
@@ -71,7 +70,7 @@ public:
     bool deleteAttribute(Attribute* attribute);
     // A copy of the children in insertion order.
     std::vector<Attribute*> children() const;
-    int childCount() const { return int(childList.size()); }
+    int childCount() const { return int(listedChildren); }
 
     // True when any child reports a change from its defaults.
     bool isChanged() const override;
@@ -143,16 +142,18 @@ private:
     // this node.
     void forgetEventHolders();
 
-    using ChildList = std::list<Attribute*>;
     // Nodes with up to this many children find them by a scan of the list: most nodes
     // have a handful, and an index would cost more than the children's own records.
     static constexpr std::size_t UnindexedChildren = 8;
 
-    ChildList::const_iterator findChild(const QByteArray& name) const;
-    // Indexes a child just listed at `position`, or every child once there are too many
-    // to scan.
-    void indexChild(const QByteArray& name, ChildList::iterator position);
-    void detach(ChildList::iterator position);
+    // The listed child of that name, or null.
+    Attribute* findChild(const QByteArray& name) const;
+    // Indexes a child just listed, or every child once there are too many to scan.
+    void indexChild(const QByteArray& name, Attribute* child);
+    // Puts `child` last in the list, or takes it out.
+    void listChild(Attribute* child);
+    void unlistChild(Attribute* child);
+    void detach(Attribute* child);
     void sendChildEvent(const QByteArray& event, const QByteArray& childName);
     bool isSelfOrAncestor(const Attribute* attribute) const;
 
@@ -160,8 +161,10 @@ private:
     // tree never get one): `eventTable` is null until then, and set once.
     NodeEventTable& ensureEvents();
 
-    ChildList childList;
-    QHash<QByteArray, ChildList::iterator> childIndex;
+    Attribute* firstChild = nullptr;
+    Attribute* lastChild = nullptr;
+    std::size_t listedChildren = 0;
+    QHash<QByteArray, Attribute*> childIndex;
     std::atomic<NodeEventTable*> eventTable{nullptr};
     // Owns the table; shared with queued deliveries, which may run after the node is gone.
     std::shared_ptr<NodeEventTable> events;
