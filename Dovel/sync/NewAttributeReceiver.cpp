@@ -15,6 +15,7 @@
 #include "Basalt/Trace.h"
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/Node.h"
+#include "Tessel/SharedNames.h"
 
 #include <cstring>
 #include <memory>
@@ -217,8 +218,9 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         // skipping deserializer back.
         sa->deserializer = deserializer;
         // Watched and cached at once, so that the next entries and updates find it.
-        if (!node.watcher().addComplete(*parent, leafName(path, leafStart), created.get(), path,
-                                        sa->localSymbol)) {
+        if (!node.watcher().addComplete(
+                *parent, Tessel::sharedName(path.constData() + leafStart, path.size() - leafStart),
+                created.get(), path, sa->localSymbol)) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
             sa->deserializer = skippingDeserializer(fixedSize);
@@ -252,31 +254,6 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     }
     sa->lastReceivedSequence = sequence;
     sender.applyWithoutEcho(sa->localSymbol, [&] { sa->deserializer(reader); });
-}
-
-QByteArray NewAttributeReceiver::leafName(const QByteArray& path, int leafStart) {
-    // Longer names are seldom shared; they are not worth a slot.
-    constexpr int SharedNameBytes = 32;
-    const char* const leaf = path.constData() + leafStart;
-    const int size = path.size() - leafStart;
-    if (size > SharedNameBytes)
-        return path.mid(leafStart);
-    uint32_t hash = 2166136261u; // FNV-1a
-    for (int i = 0; i < size; ++i)
-        hash = (hash ^ uint8_t(leaf[i])) * 16777619u;
-    // Two ways to a set, so that two names of one set that alternate are both kept; a
-    // new name replaces the one of the set that was not used last.
-    const size_t set = hash % LeafNameSets;
-    for (size_t way = 0; way < 2; ++way) {
-        const QByteArray& kept = leafNames[2 * set + way];
-        if (kept.size() == size && std::memcmp(kept.constData(), leaf, size_t(size)) == 0) {
-            leafNameUsedLast[set] = uint8_t(way);
-            return kept;
-        }
-    }
-    const size_t way = 1u - leafNameUsedLast[set];
-    leafNameUsedLast[set] = uint8_t(way);
-    return leafNames[2 * set + way] = path.mid(leafStart);
 }
 
 Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart, bool create) {

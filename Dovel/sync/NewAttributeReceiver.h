@@ -10,7 +10,6 @@
 
 #include <QByteArray>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -70,10 +69,6 @@ private:
     // A new plain node under `parent` for the component of `path` in [start, end),
     // watched at once; null when a listener of its report took it away again.
     Tessel::Node* addNode(Tessel::Node& parent, const QByteArray& path, int start, int end);
-    // The name of a created attribute: the last component of `path`. A tree repeats the
-    // same few leaf names in every node of a kind, so recent names are kept and shared,
-    // which spares a copy of its own for each attribute.
-    QByteArray leafName(const QByteArray& path, int leafStart);
 
     RemoteNode& node;
     AttributeStorage& storage;
@@ -97,9 +92,6 @@ private:
     QByteArray parentPathOwner;
     int parentPathBytes = -1;
     unsigned int parentSymbol = 0;
-    static constexpr size_t LeafNameSets = 64;
-    std::array<QByteArray, 2 * LeafNameSets> leafNames;
-    std::array<uint8_t, LeafNameSets> leafNameUsedLast{};
 };
 
 } // namespace Dovel

@@ -2,6 +2,7 @@
 
 #include "Tessel/ListenerHolder.h"
 #include "Tessel/NodeEventTable.h"
+#include "Tessel/SharedNames.h"
 #include "Tessel/TreeObserver.h"
 #include "Tessel/UpdateLoop.h"
 
@@ -103,7 +104,7 @@ bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
     if (!attribute || attribute->hostNode || attribute->isBeingDestroyed() ||
         isSelfOrAncestor(attribute) || findChild(name))
         return false;
-    attribute->attributeName = name;
+    attribute->attributeName = sharedName(name);
     attribute->hostNode = this;
     listChild(attribute);
     indexChild(name, attribute);
