@@ -107,7 +107,7 @@ bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
     attribute->attributeName = sharedName(name);
     attribute->hostNode = this;
     listChild(attribute);
-    indexChild(name, attribute);
+    indexChild(attribute->attributeName, attribute); // the key shares the kept name's bytes
     attributeAdded(attribute);
     if (TreeObserver* observer = this->observer()) {
         // What the observer reports may delete the child (whose own name `name` may be)
