@@ -180,11 +180,13 @@ bool FolderPullConnection::receiveList(const QString& countText) {
         finish(false, QStringLiteral("the server's file list is too long or out of place"));
         return true;
     }
-    const QMap<QString, QString> map = readMap(count);
-    if (map.size() != count) {
+    const std::optional<QMap<QString, QString>> read = readMap(count);
+    // A name twice makes a map of fewer entries: a list as unreadable as a cut one.
+    if (!read || read->size() != count) {
         finish(false, QStringLiteral("the server's file list could not be read"));
         return true;
     }
+    const QMap<QString, QString>& map = *read;
     listEntriesSeen += count;
     for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
         int64_t size = 0;

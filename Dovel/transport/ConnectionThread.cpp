@@ -747,16 +747,15 @@ bool ConnectionThread::skip(int size) {
     return true;
 }
 
-QMap<QString, QString> ConnectionThread::readMap(int count) {
+std::optional<QMap<QString, QString>> ConnectionThread::readMap(int count) {
     QMap<QString, QString> map;
     if (count < 0 || count > Limits::MaxMapEntries) {
         rejectSize("readMap", "A map count", count, Limits::MaxMapEntries);
-        return map;
+        return std::nullopt;
     }
-    auto failed = [&map] {
+    auto failed = [] {
         Basalt::Trace::error("ConnectionThread::readMap # error while reading data");
-        map.clear();
-        return map;
+        return std::nullopt;
     };
 
     if (!remoteVersion(1, 9, 1)) {
@@ -772,9 +771,8 @@ QMap<QString, QString> ConnectionThread::readMap(int count) {
                 return failed();
             held += lastLine.size();
             if (held > Limits::MaxMapBlockBytes) {
-                map.clear();
                 rejectSize("readMap", "A text map", held, Limits::MaxMapBlockBytes);
-                return map;
+                return std::nullopt;
             }
             map.insert(key, value);
         }
@@ -790,11 +788,11 @@ QMap<QString, QString> ConnectionThread::readMap(int count) {
         failed();
         failConnection();
         closeSocket();
-        return map;
+        return std::nullopt;
     }
     if (length > Limits::MaxMapBlockBytes) {
         rejectSize("readMap", "A map block", length, Limits::MaxMapBlockBytes);
-        return map;
+        return std::nullopt;
     }
     const int bodySize = length - MapBlock::LengthItemBytes;
     const QByteArray body = readData(bodySize);

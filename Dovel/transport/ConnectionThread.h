@@ -39,6 +39,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace Dovel {
@@ -105,12 +106,14 @@ public:
 
     // Reads for the connection's own thread (inside parse): buffered bytes first, then
     // the socket. A failure, or a size above the limits of Dovel/Limits.h, ends the
-    // connection and yields an empty result or false.
+    // connection and yields an empty result, false or no map.
     QString line();
     QByteArray readData(int size);
     bool readData(uint8_t* dst, int size);
     bool skip(int size);
-    QMap<QString, QString> readMap(int count);
+    // The map of `count` entries that follows a map line; none when it could not be read
+    // (a map of no entries is a map).
+    std::optional<QMap<QString, QString>> readMap(int count);
     // Ends the connection at once, after the caller logged why: from a subclass's framing
     // when the peer announced something it must not send, or from any thread when the
     // peer misbehaves otherwise. As a failed read does: the socket closes so that nothing

@@ -257,9 +257,9 @@ protected:
     bool parse(const QString& line) override {
         const QStringList words = line.split(QLatin1Char(' '));
         if (words.size() == 2 && words[0] == QLatin1String("map")) {
-            const QMap<QString, QString> map = readMap(words[1].toInt());
+            const auto map = readMap(words[1].toInt());
             Basalt::Guard guard(mutex);
-            receivedMaps.append(map);
+            receivedMaps.append(map.value_or(QMap<QString, QString>()));
             return true;
         }
         if (words.size() == 2 && words[0] == QLatin1String("data")) {
