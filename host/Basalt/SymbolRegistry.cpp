@@ -97,7 +97,7 @@ uint32_t SymbolRegistry::findName(const QByteArray& name, uint64_t hash, size_t*
 }
 
 void SymbolRegistry::addName(uint64_t hash, uint32_t symbol) {
-    if ((size_t(bySymbol.size()) + 1) * 2 > nameSlots.size())
+    if ((size_t(bySymbol.size()) + 1) * 3 > nameSlots.size() * 2)
         rehashNames(std::max(4, slotBits + 1));
     placeName(slotOf(hash, symbol));
 }

@@ -68,7 +68,7 @@ private:
     // The owner of the names; a vector slot per symbol handed out.
     SymbolMap<QByteArray> bySymbol;
     // From name to symbol: an open-addressing table, probed linearly from the name's
-    // hash and at most half full. A slot holds a symbol in its low half (0 for a free
+    // hash and at most two thirds full. A slot holds a symbol in its low half (0 for a free
     // slot) and the top half of its name's hash above it, so that growing the table
     // and probing past other names never read the names themselves (a cache miss
     // each). A hash of names would cost a node per name, more than the rest of the
