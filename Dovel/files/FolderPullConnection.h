@@ -76,7 +76,7 @@ public:
     // ConnectionThread::shutdown, and then waits for the listing thread too (unless
     // called on it): the listing thread may otherwise still be leaving, having let go
     // of a reference, when the process ends.
-    void shutdown();
+    void shutdown() override;
     Result result() const;
 
 protected:

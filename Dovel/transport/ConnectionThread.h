@@ -78,8 +78,9 @@ public:
     // Ends the connection and, for a client, its retry loop. Does not wait.
     virtual void stop();
     // stop(), then waits for the connection's thread (unless called on it) and the
-    // writer's. The destructor calls it.
-    void shutdown();
+    // writer's. Each destructor down the hierarchy calls it (as its own class's: a
+    // subclass that runs threads of its own waits for them too).
+    virtual void shutdown();
 
     // Sends `text` (UTF-8, as is: the caller supplies any line end) through the writer,
     // or keeps it until the next handshake when not connected.
