@@ -105,10 +105,8 @@ void SessionConnection::connected() {
     params.queryMayRemove = config.queryMayRemove;
     params.enabled = true;
     params.autoUpdate = config.driver == nullptr;
-    if (config.driver) {
-        params.wakeUp = config.driver->wakeUpCallback();
-        params.runOnTreeThread = config.driver->treeThreadRunner();
-    }
+    if (config.driver)
+        params.executor = config.driver->executor();
     params.counters = config.stats;
     params.writeRules = config.writeRules;
     params.peerName = QStringLiteral("%1:%2").arg(hostName()).arg(port()).toUtf8();

@@ -1,6 +1,7 @@
 #include "Dovel/session/SessionDriver.h"
 
 #include "Dovel/session/BundleController.h"
+#include "Dovel/session/TreeExecutor.h"
 
 #include "Basalt/SpinWait.h"
 #include "Basalt/Trace.h"
@@ -163,18 +164,12 @@ void SessionDriver::wake() {
     shared->wake();
 }
 
-std::function<void()> SessionDriver::wakeUpCallback() const {
-    std::weak_ptr<Shared> weak = shared;
-    return [weak] {
-        if (std::shared_ptr<Shared> alive = weak.lock())
-            alive->wake();
-    };
-}
+class SessionDriver::Executor final : public TreeExecutor {
+public:
+    explicit Executor(std::weak_ptr<Shared> shared) : shared(std::move(shared)) {}
 
-std::function<void(std::function<void()>)> SessionDriver::treeThreadRunner() const {
-    std::weak_ptr<Shared> weak = shared;
-    return [weak](std::function<void()> function) {
-        std::shared_ptr<Shared> alive = weak.lock();
+    void post(std::function<void()> function) override {
+        std::shared_ptr<Shared> alive = shared.lock();
         if (!alive)
             return;
         std::lock_guard<std::mutex> lock(alive->mutex);
@@ -182,7 +177,18 @@ std::function<void(std::function<void()>)> SessionDriver::treeThreadRunner() con
             return;
         alive->posted.push_back(std::move(function));
         alive->wakeLocked();
-    };
+    }
+    void wake() override {
+        if (std::shared_ptr<Shared> alive = shared.lock())
+            alive->wake();
+    }
+
+private:
+    const std::weak_ptr<Shared> shared;
+};
+
+std::shared_ptr<TreeExecutor> SessionDriver::executor() const {
+    return std::make_shared<Executor>(shared);
 }
 
 bool SessionDriver::isTreeThread() const {

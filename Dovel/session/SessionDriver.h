@@ -23,6 +23,7 @@
 namespace Dovel {
 
 class BundleController;
+class TreeExecutor;
 
 class SessionDriver {
 public:
@@ -41,13 +42,10 @@ public:
     bool call(const std::function<void()>& function);
     // Makes the thread run a pass soon.
     void wake();
-    // The callback for BundleControllerParams::wakeUp; safe to call after the driver is
-    // gone (it then does nothing).
-    std::function<void()> wakeUpCallback() const;
     bool isTreeThread() const;
-    // For BundleControllerParams::runOnTreeThread: posts a function to the tree thread;
-    // safe to call after the driver is gone (the function is then dropped unrun).
-    std::function<void(std::function<void()>)> treeThreadRunner() const;
+    // The driver's thread as a TreeExecutor, for BundleControllerParams::executor. Safe
+    // to use after the driver is gone: it then wakes nothing and drops what is posted.
+    std::shared_ptr<TreeExecutor> executor() const;
 
     // Updates `controller` at every pass until removed.
     void addController(std::shared_ptr<BundleController> controller);
@@ -59,7 +57,8 @@ public:
     uint64_t passCount() const;
 
 private:
-    struct Shared; // what the wake-up callbacks may outlive the driver with
+    struct Shared; // what executor() may outlive the driver with
+    class Executor;
     void loop();
 
     std::shared_ptr<Shared> shared;

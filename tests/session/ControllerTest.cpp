@@ -4,6 +4,7 @@
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/session/BundleController.h"
 #include "Dovel/session/Connection.h"
+#include "Dovel/session/TreeExecutor.h"
 #include "Dovel/sync/RemoteNode.h"
 
 #include "Basalt/Trace.h"
@@ -73,6 +74,23 @@ BundleControllerParams params(std::shared_ptr<Dovel::Connection> connection, boo
     return p;
 }
 
+// A tree thread run by hand: it counts wake-ups and keeps what is posted to it.
+struct HandRunExecutor : Dovel::TreeExecutor {
+    std::atomic<int> wakes{0};
+    std::mutex mutex;
+    std::vector<std::function<void()>> posted; // guarded by mutex
+
+    void post(std::function<void()> function) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        posted.push_back(std::move(function));
+    }
+    void wake() override { ++wakes; }
+    std::vector<std::function<void()>> take() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return std::move(posted);
+    }
+};
+
 // A tree holding a/value = 3.5 and the bundles of its first output pass (handshake,
 // symbols, the new attribute), with the controller that sent them.
 struct FirstBatch {
@@ -140,26 +158,6 @@ TEST(Controller, UpdateOnAnAutomaticControllerDoesNothing) {
     drainAutomaticCores();
 }
 
-TEST(Controller, ScheduleProcessAfterTheHookRemovedTheCoreIsDropped) {
-    Basalt::TraceCapture trace;
-    RemoteNode node(nullptr, "n");
-    auto controller = BundleController::create(node, params(nullptr, true));
-    BundleController copy(*controller);
-    controller.reset(); // marks the core closed; the hook removes it
-    Tessel::UpdateLoop::runOnce();
-    EXPECT_EQ(BundleController::automaticCoreCount(), 0);
-    EXPECT_FALSE(copy.lockCore());
-    copy.scheduleProcess({Bundle(), Bundle()});
-    copy.setEnabled(false);
-    bool ran = false;
-    copy.addTask([&](BundleController::Core&) { ran = true; });
-    drainAutomaticCores();
-    EXPECT_FALSE(ran);
-    EXPECT_EQ(copy.symbolRegistryRecv(), nullptr);
-    EXPECT_EQ(copy.symbolRegistrySend(), nullptr);
-    EXPECT_EQ(trace.count("", Basalt::Trace::Warning), 0) << trace.dump().toStdString();
-}
-
 TEST(Controller, ScheduleProcessAfterTheNodeIsDestroyedIsDropped) {
     Basalt::TraceCapture trace;
     auto node = std::make_unique<RemoteNode>(nullptr, "n");
@@ -171,11 +169,17 @@ TEST(Controller, ScheduleProcessAfterTheNodeIsDestroyedIsDropped) {
     EXPECT_EQ(BundleController::automaticCoreCount(), 0); // removed at once
     EXPECT_FALSE(automatic->lockCore());
     automatic->scheduleProcess({Bundle()});
+    automatic->setEnabled(false);
+    bool ran = false;
+    automatic->addTask([&](BundleController::Core&) { ran = true; });
     manual->scheduleProcess({Bundle()});
     manual->update();
+    EXPECT_EQ(automatic->symbolRegistryRecv(), nullptr);
+    EXPECT_EQ(automatic->symbolRegistrySend(), nullptr);
     automatic.reset();
     manual.reset();
     drainAutomaticCores();
+    EXPECT_FALSE(ran);
     EXPECT_EQ(trace.count("", Basalt::Trace::Warning), 0) << trace.dump().toStdString();
 }
 
@@ -254,9 +258,10 @@ TEST(Controller, QueuedWorkAndLocalChangesWakeTheTreeThread) {
     RemoteNode node(nullptr, "n");
     auto* value = new Tessel::AttributeT<float>();
     ASSERT_TRUE(node.addDeepAttribute("value", value));
-    std::atomic<int> wakes{0};
+    auto executor = std::make_shared<HandRunExecutor>();
+    std::atomic<int>& wakes = executor->wakes;
     BundleControllerParams p = params(nullptr, false);
-    p.wakeUp = [&] { ++wakes; };
+    p.executor = executor;
     auto controller = BundleController::create(node, p);
     controller->scheduleProcess({});
     EXPECT_EQ(wakes.load(), 1);
@@ -296,9 +301,10 @@ TEST(Controller, WhileThePeerIsBehindChangesAreFoldedAndLeaveOnceWithTheirNewest
     ASSERT_TRUE(source.addDeepAttribute("n/b", b));
     auto out = std::make_shared<SlowPeer>(nullptr, "source");
     auto counters = std::make_shared<Dovel::BundleCounters>();
-    std::atomic<int> wakes{0};
+    auto executor = std::make_shared<HandRunExecutor>();
+    std::atomic<int>& wakes = executor->wakes;
     BundleControllerParams p = params(out, false);
-    p.wakeUp = [&] { ++wakes; };
+    p.executor = executor;
     p.counters = counters;
     auto sender = BundleController::create(source, p);
     sender->update();
@@ -378,24 +384,16 @@ TEST(Controller, ACoreIsDestroyedOnItsTreeThreadWhereverItsLastReferenceGoes) {
     for (const bool nodeGoesFirst : {false, true}) {
         auto node = std::make_unique<RemoteNode>(nullptr, "n");
         const int listeners = node->eventListenerCount();
-        std::vector<std::function<void()>> treeQueue;
-        std::mutex queueMutex;
+        auto executor = std::make_shared<HandRunExecutor>();
         BundleControllerParams p = params(nullptr, false);
-        p.runOnTreeThread = [&](std::function<void()> f) {
-            std::lock_guard<std::mutex> lock(queueMutex);
-            treeQueue.push_back(std::move(f));
-        };
+        p.executor = executor;
         auto controller = BundleController::create(*node, p);
         controller->update(); // this thread runs the core from now on
         std::thread([moved = std::move(controller)]() mutable { moved.reset(); }).join();
         EXPECT_GT(node->eventListenerCount(), listeners); // still there, untouched
         if (nodeGoesFirst)
             node.reset();
-        std::vector<std::function<void()>> run;
-        {
-            std::lock_guard<std::mutex> lock(queueMutex);
-            run.swap(treeQueue);
-        }
+        std::vector<std::function<void()>> run = executor->take();
         ASSERT_EQ(run.size(), 1u);
         run.front()();
         run.clear(); // the core goes here, on the tree thread
