@@ -57,33 +57,6 @@ public:
 
     using Listener = std::function<void(const Event&)>;
 
-    // An attribute that a node reported as added and that is not watched yet. Shared
-    // between the pending queue and whoever processes it; only the one that flips
-    // `processed` from 0 to 1 may process it. Destroying it removes the temporary change
-    // listener from the attribute (which is alive as long as the record is queued: its
-    // removal or deletion takes the record out of the queue first). Whoever takes it out
-    // to process it removes that listener first (releaseListener): a listener of the
-    // report may delete the attribute.
-    struct PendingAdded {
-        PendingAdded(unsigned int symbol, Tessel::Attribute* attribute, bool notify);
-        ~PendingAdded();
-        PendingAdded(const PendingAdded&) = delete;
-        PendingAdded& operator=(const PendingAdded&) = delete;
-
-        // True for the one caller that may process the record.
-        bool claim();
-        // Removes the temporary change listener now, while the attribute is known alive.
-        void releaseListener();
-
-        std::atomic<uint8_t> processed{0};
-        const unsigned int symbol;
-        Tessel::Attribute* const attribute;
-        const bool notify;
-        long listenerId = -1;
-        // Where the watcher keeps the registrations of the subtree it belongs to.
-        Tessel::ListenerHolder* holder = nullptr;
-    };
-
     NodeWatcher(Basalt::SymbolRegistry& registry, AttributeCache& cache);
     // Drops listeners, pending records, the ignore set and the alias map, and removes
     // every listener the watcher put on the tree. The watched tree must still be alive,
@@ -116,8 +89,8 @@ public:
                      unsigned int* watchedAs = nullptr);
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> impl;
+    struct Tree;
+    std::unique_ptr<Tree> tree;
 };
 
 } // namespace Dovel

@@ -60,8 +60,7 @@ void walkUnder(Node& node, const QByteArray& prefix,
 
 RemoteNode::RemoteNode(Node* host, const QByteArray& name)
     : Node(host, name), registry(std::make_unique<Basalt::SymbolRegistry>()),
-      cache(std::make_unique<AttributeCache>()), flags(std::make_unique<SyncFlags>()),
-      eventListeners(std::make_shared<EventTable>()) {
+      cache(std::make_unique<AttributeCache>()), flags(std::make_unique<SyncFlags>()) {
     eventAddOut("initialized");
     eventAddOut("destroyed");
     // Each side keeps its own ids.
@@ -257,21 +256,11 @@ void RemoteNode::removeAttributeChangeListener(long id) {
 }
 
 long RemoteNode::addEventListener(const EventListener& callback) {
-    std::unique_lock<std::shared_mutex> locker(eventLock);
-    auto table = std::make_shared<EventTable>(*eventListeners);
-    const long id = nextEventListenerId++;
-    table->emplace(id, callback);
-    eventListeners = std::move(table);
-    return id;
+    return eventListeners.add(callback);
 }
 
 void RemoteNode::removeEventLIstener(long id) {
-    std::unique_lock<std::shared_mutex> locker(eventLock);
-    if (!eventListeners->count(id))
-        return;
-    auto table = std::make_shared<EventTable>(*eventListeners);
-    table->erase(id);
-    eventListeners = std::move(table);
+    eventListeners.remove(id);
 }
 
 bool RemoteNode::handlingRemoteEvent(const QByteArray& name, const Basalt::BinaryData& data) const {
@@ -291,13 +280,7 @@ void RemoteNode::insertEvent(const QByteArray& name, const Basalt::BinaryData& d
     event.data = data;
     event.data.rewind();
     event.symbol = registry->lookupOrDefine(name);
-    std::shared_ptr<const EventTable> table;
-    {
-        std::shared_lock<std::shared_mutex> locker(eventLock);
-        table = eventListeners;
-    }
-    for (const auto& entry : *table)
-        entry.second(event);
+    eventListeners.call(event);
 }
 
 void RemoteNode::dispatchRemoteEvent(const QByteArray& name, Basalt::BinaryData& data) {

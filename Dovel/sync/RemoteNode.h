@@ -17,6 +17,7 @@
 #include "Dovel/sync/SyncFlags.h"
 
 #include "Basalt/BinaryData.h"
+#include "Basalt/ListenerTable.h"
 #include "Basalt/SymbolRegistry.h"
 #include "Tessel/AttributeBaseT.h"
 #include "Tessel/Node.h"
@@ -35,7 +36,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -138,7 +138,6 @@ private:
         uint64_t order = 0;                 // when it began: the oldest is evicted first
     };
     using SliceKey = std::pair<uint32_t, uint32_t>;
-    using EventTable = std::map<long, EventListener>;
 
     template <typename T> static bool valueOf(Tessel::Attribute* attribute, T& out) {
         if (!attribute)
@@ -195,9 +194,7 @@ private:
     // threads that report changes.
     std::atomic<bool> anySymbolListener{false};
 
-    mutable std::shared_mutex eventLock;
-    std::shared_ptr<const EventTable> eventListeners;
-    long nextEventListenerId = 0;
+    Basalt::ListenerTable<const Event&> eventListeners;
 
     std::mutex changedMutex;
     std::vector<unsigned int> changedList;

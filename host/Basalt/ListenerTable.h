@@ -1,0 +1,60 @@
+// Callbacks that any thread may add and remove while another thread calls them. A change
+// copies the table and swaps the copy in under a lock; a call takes only a pointer to the
+// current table under that lock and runs its callbacks with no lock held, so a callback
+// may add or remove callbacks (the change holds from the next call) and a call never
+// waits for one. Suits tables that change seldom and are called often.
+//
+// Thread-safe. Ids are handed out from 0 up; callbacks run in the order they were added.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+
+namespace Basalt {
+
+template <typename... Args> class ListenerTable {
+public:
+    using Callback = std::function<void(Args...)>;
+
+    ListenerTable() : table(std::make_shared<const Table>()) {}
+    ListenerTable(const ListenerTable&) = delete;
+    ListenerTable& operator=(const ListenerTable&) = delete;
+
+    long add(const Callback& callback) {
+        std::unique_lock<std::shared_mutex> locker(lock);
+        auto copy = std::make_shared<Table>(*table);
+        const long id = nextId++;
+        copy->emplace(id, callback);
+        table = std::move(copy);
+        return id;
+    }
+    // Does nothing for an unknown id.
+    void remove(long id) {
+        std::unique_lock<std::shared_mutex> locker(lock);
+        if (!table->count(id))
+            return;
+        auto copy = std::make_shared<Table>(*table);
+        copy->erase(id);
+        table = std::move(copy);
+    }
+    void call(Args... args) const {
+        std::shared_ptr<const Table> current;
+        {
+            std::shared_lock<std::shared_mutex> locker(lock);
+            current = table;
+        }
+        for (const auto& entry : *current)
+            entry.second(args...);
+    }
+
+private:
+    using Table = std::map<long, Callback>;
+    mutable std::shared_mutex lock;
+    std::shared_ptr<const Table> table;
+    long nextId = 0;
+};
+
+} // namespace Basalt
