@@ -1,28 +1,33 @@
-// One TCP connection to one peer, run on a thread of its own: the greeting, version
-// and login exchange, the ping/pong keep-alive, and the reading loop that hands every
-// text line to parse(). Everything sent after the handshake goes through the owned
-// WriterThread. A client (made with a null socket and started by connectToHost)
-// reconnects after every failure until stop(); a server-side connection (made around
-// an accepted socket) serves once.
+// One TCP connection to one peer, run on a thread of its own: it opens (a client) or
+// takes (a server) the socket, runs the login (LoginHandshake), answers "ping" and hands
+// every other text line to parse(); subclasses read what follows a line through line(),
+// readData(), readMap() and skip() (a LineReader over the socket). Everything sent after
+// the login goes through the owned WriterThread. A client (made with a null socket and
+// started by connectToHost) tries again after every failure until stop(), paced by its
+// ReconnectPolicy; a server-side connection (made around an accepted socket) serves once.
 //
 // Threads: the connection's own thread reads (line, readData, readMap, skip are only
-// called from it, typically inside parse); the writer thread writes; the owner's thread
-// may call queue, writeBuffer*, stop, connectToHost and the accessors at any time.
-// Always owned by a std::shared_ptr; others keep std::weak_ptr. The destructor stops and
-// joins the connection's thread (unless it runs on it) and the writer's; a subclass whose
-// hooks use its own members calls shutdown() first in its destructor.
+// called from it, typically inside parse) and runs the hooks; the writer thread writes;
+// the owner's thread may call queue, writeBuffer*, stop, connectToHost and the accessors
+// at any time. Always owned by a std::shared_ptr; others keep std::weak_ptr.
 //
-// Out-events (sent on the connection's thread): "connected" after a successful
-// handshake, "disconnected" when that connection's reading loop has ended, and
-// "handshake-failed" when a handshake failed (so an owner can retire a connection that
-// never connected).
+// Shutdown: shutdown() is the one sequence that ends a connection for good: stop(), then
+// wait for the connection's thread (unless called on it) and the writer's. It may run
+// any number of times. The base's destructor runs it and then frees the writer and the
+// socket. A subclass whose hooks use its own members calls shutdown() first in its
+// destructor, so that no hook runs on a half-destroyed object; a subclass that runs
+// threads of its own overrides shutdown() to call the base's and then wait for them.
+//
+// Events for the owner are the Listener's callbacks, on the connection's thread. The
+// Tessel::Node base is there only for subclasses' own out-events.
 #pragma once
 
+#include "Dovel/transport/LineReader.h"
 #include "Dovel/transport/PeerFailure.h"
+#include "Dovel/transport/PeerState.h"
+#include "Dovel/transport/ReconnectPolicy.h"
 #include "Dovel/transport/WriterThread.h"
 
-#include "Basalt/BinaryData.h"
-#include "Basalt/Condition.h"
 #include "Basalt/Mutex.h"
 #include "Basalt/TCPSocket.h"
 #include "Basalt/Thread.h"
@@ -35,14 +40,14 @@
 #include <QString>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <vector>
 
 namespace Dovel {
+
+class SocketSource;
 
 class ConnectionThread : public Basalt::Thread,
                          public Tessel::Node,
@@ -56,12 +61,26 @@ public:
     ConnectionThread(Basalt::TCPSocket* socket, bool serverSide);
     ~ConnectionThread() override;
 
+    // What the owner hears, on the connection's thread: `connected` after a successful
+    // login (after the connected() hook), `disconnected` when that connection's reading
+    // loop has ended (after disconnected()), and `handshakeFailed` when a login failed,
+    // so that an owner can retire a connection that never connected. Empty members are
+    // not called. Set before the thread runs.
+    struct Listener {
+        std::function<void()> connected;
+        std::function<void()> disconnected;
+        std::function<void()> handshakeFailed;
+    };
+    void setListener(Listener listener) { listener_ = std::move(listener); }
+
     // The secret both ends of a login hold; DefaultLoginKey unless set. The login proves
     // it without sending it (an MD5 over a random challenge and the key), which keeps
     // it off the wire but encrypts nothing. Thread-safe; affects handshakes that start
     // afterwards. An empty key restores the default.
-    void setLoginKey(const QByteArray& key);
-    QByteArray loginKey() const;
+    void setLoginKey(const QByteArray& key) {
+        peer.setLoginKey(key.isEmpty() ? QByteArray(DefaultLoginKey) : key);
+    }
+    QByteArray loginKey() const { return peer.loginKey(); }
     // Server side: waits this long before the greeting (a back-off after failed
     // logins from the peer's address); stop() ends the wait. Set before the thread runs.
     void setLoginDelay(double seconds) { loginDelay.store(seconds); }
@@ -78,8 +97,7 @@ public:
     // Ends the connection and, for a client, its retry loop. Does not wait.
     virtual void stop();
     // stop(), then waits for the connection's thread (unless called on it) and the
-    // writer's. Each destructor down the hierarchy calls it (as its own class's: a
-    // subclass that runs threads of its own waits for them too).
+    // writer's (see Shutdown above).
     virtual void shutdown();
 
     // Sends `text` (UTF-8, as is: the caller supplies any line end) through the writer,
@@ -105,9 +123,9 @@ public:
     bool writeData(const void* data, int size);
     bool puts(const QString& text);
 
-    // Reads for the connection's own thread (inside parse): buffered bytes first, then
-    // the socket. A failure, or a size above the limits of Dovel/Limits.h, ends the
-    // connection and yields an empty result, false or no map.
+    // Reads for the connection's own thread (inside parse), through its LineReader:
+    // buffered bytes first, then the socket. A failure, or a size above the limits of
+    // Dovel/Limits.h, ends the connection and yields an empty result, false or no map.
     QString line();
     QByteArray readData(int size);
     bool readData(uint8_t* dst, int size);
@@ -121,26 +139,30 @@ public:
     // more is read, and a client goes on to its next attempt.
     void abortConnection();
 
-    void setRemoteVersion(int major, int minor, int patch, const QString& suffix);
-    QString remoteVersion() const;
+    void setRemoteVersion(int major, int minor, int patch, const QString& suffix) {
+        peer.setRemoteVersion(major, minor, patch, suffix);
+    }
+    QString remoteVersion() const { return peer.remoteVersion(); }
     // The suffix of the peer's version ("pellux" in "2.0.4-pellux"); empty when none.
-    QString remoteVersionSuffix() const;
+    QString remoteVersionSuffix() const { return peer.remoteVersionSuffix(); }
     // Client side: a suffix for the version line this side sends ("Heliotrope
     // 2.6.1-SUFFIX"), by which a client tells a server what kind of client it is. Empty
     // (the default): the plain version line. Set before connecting.
-    void setVersionSuffix(const QString& suffix);
+    void setVersionSuffix(const QString& suffix) { peer.setVersionSuffix(suffix); }
     // True when the peer's version is at least major.minor.patch.
-    bool remoteVersion(int major, int minor, int patch) const;
-    bool isDovel15Supported() const;
+    bool remoteVersion(int major, int minor, int patch) const {
+        return peer.remoteVersion(major, minor, patch);
+    }
+    bool isDovel15Supported() const { return peer.isDovel15Supported(); }
     bool isPingSupported() const { return usePing_.load() && pongReceived.load(); }
     bool usePing() const { return usePing_.load(); }
     void setUsePing(bool use) { usePing_.store(use); }
 
-    QString hostName() const;
-    int port() const;
+    QString hostName() const { return peer.hostName(); }
+    int port() const { return peer.port(); }
     // Why the last attempt to reach the peer failed, kept until the next failure (none
     // before the first).
-    PeerFailure lastFailure() const;
+    PeerFailure lastFailure() const { return peer.lastFailure(); }
     bool isConnected() const { return connected_.load(); }
     // False from the moment the current connection is ended (a failed read or write,
     // abortConnection, stop) until the next one starts, while isConnected() may still
@@ -148,7 +170,7 @@ public:
     bool isLive() const { return running.load(); }
     bool isServerSide() const { return serverSide; }
     // The user name the peer logged in with (server side).
-    QString loginUserName() const;
+    QString loginUserName() const { return peer.userName(); }
     uint32_t rxBytes() const;
     uint32_t txBytes() const;
     int64_t bufferedDataSize() const { return writer->bufferedDataSize(); }
@@ -166,10 +188,6 @@ public:
     void setTimeoutSeconds(double seconds) { timeout.store(seconds); }
     Basalt::Mutex& writeMutex() { return writeMutex_; }
     WriterThread* writerThread() { return writer.get(); }
-
-    // Handles the writer's events: "write-error" ends the connection, "data-written" is
-    // swallowed; anything else goes to the node's own handling.
-    void eventProcess(const QByteArray& name, Basalt::BinaryData& data) override;
 
 protected:
     void childLoop() override;
@@ -192,62 +210,38 @@ protected:
     static constexpr unsigned int IdlePollMs = 20;
     virtual void retryProgress(double secondsLeft);
 
-    void setKeepRetrying(bool keep) { keepRetrying.store(keep); }
+    void setKeepRetrying(bool keep) { retry.setKeepRetrying(keep); }
     // Records why the peer cannot be served, for lastFailure().
-    void notePeerFailure(const PeerFailure& failure);
+    void notePeerFailure(const PeerFailure& failure) { peer.noteFailure(failure); }
     bool isStopping() const { return stopping.load(); }
 
 private:
     friend class WriterThread;
+    friend class SocketSource;
 
-    bool serverHandshake();
-    // Tells the observer and then the peer that its login is refused; returns false.
-    bool refuseLogin();
-    // False with `why` set when the failure has a reason of its own.
-    bool clientHandshake(PeerFailure& why);
     // The pause before a server's greeting; false when the connection was stopped.
     bool waitLoginDelay();
-    // While a login runs, every read waits at most until its deadline (the
-    // connection's time-out from the start of the login); false (logged once) when it
-    // has passed.
-    bool awaitLoginInput();
-    bool loginBounded() const { return loginDeadline != std::chrono::steady_clock::time_point(); }
+    // Runs the reading loop of a connection whose login succeeded.
+    void serve();
+    // Ends the connection as the reader's last failure asks, if it failed.
+    void settleReads();
     // Ends the connection after a failed read or write: the writer stops, running clears.
     void failConnection();
-    // As failConnection, after logging that the peer broke a size limit.
-    void rejectSize(const char* operation, const char* what, int64_t size, int64_t limit);
-    // Reads exactly `size` bytes into dst, buffered ones first; `got` counts them.
-    bool readExact(char* dst, int size, int& got);
-    bool fillReceiveBuffer();
-    void logReadError(int size, int got);
     Basalt::TCPSocket* socket() const { return socket_.load(); }
     void closeSocket();
 
-    std::atomic<Basalt::TCPSocket*> socket_;
+    std::atomic<Basalt::TCPSocket*> socket_; // owned; deleted by the destructor
     std::atomic<bool> running{false};
     std::atomic<bool> connected_{false};
     const bool serverSide;
-    std::atomic<bool> keepRetrying{true};
     std::atomic<bool> stopping{false};
 
-    // Guards the address, the remote version, the login user name and the last failure.
-    mutable Basalt::Mutex stateMutex;
-    QString host;
-    int port_ = 5000;
-    int remoteMajor = 0;
-    int remoteMinor = 0;
-    int remotePatch = 0;
-    QString remoteSuffix;
-    QString ownSuffix;
-    QString userName;
-    QByteArray loginKey_{DefaultLoginKey};
-    PeerFailure failure;
+    PeerState peer{DefaultLoginKey};
 
     Basalt::Mutex writeMutex_;
-    // The pause between client attempts; connectToHost and stop end it early.
-    Basalt::Mutex retryMutex;
-    Basalt::Condition retryCondition;
-    bool retryNow = false; // guarded by retryMutex
+    // The pause between client attempts (and a server's login delay); connectToHost and
+    // stop end it early.
+    ReconnectPolicy retry;
     // Guards pendingLines and the switch of connected_, so that no queued line is lost
     // between the check and the drain after a handshake.
     Basalt::Mutex queueMutex;
@@ -264,17 +258,12 @@ private:
     std::atomic<double> timeout{10.0};
     std::atomic<double> loginDelay{0.0};
     std::function<void(bool)> loginObserver;
-    // The connection's own thread only: the end of the login under way (none outside
-    // a login), and whether its passing was logged.
-    std::chrono::steady_clock::time_point loginDeadline;
-    bool loginTimedOut = false;
+    Listener listener_;
     std::atomic<bool> stallLogged{false};
 
-    // Bytes received but not yet consumed; touched only by the connection's own thread.
-    std::vector<char> receiveBuffer;
-    int receiveBegin = 0;
-    int receiveEnd = 0;
-    QByteArray lastLine; // the raw bytes of the line that line() returned last
+    // The connection's own thread only.
+    std::unique_ptr<SocketSource> source;
+    LineReader reader;
 };
 
 } // namespace Dovel

@@ -277,36 +277,29 @@ void ServerBase::accept() {
             else
                 admission_.loginFailed(tracked);
         });
-        // Listeners hold the connection weakly: it owns them, so a strong reference
+        // The callbacks hold the connection weakly: it owns them, so a strong reference
         // would keep it alive for ever.
         const std::weak_ptr<ConnectionThread> weak = connection;
-        connection->eventAddListener(
-            QByteArrayLiteral("connected"),
-            [this, weak] {
-                if (std::shared_ptr<ConnectionThread> c = weak.lock())
-                    connected(c);
-            },
-            Tessel::Node::Direct);
-        connection->eventAddListener(
-            QByteArrayLiteral("disconnected"),
-            [this, weak] {
-                if (std::shared_ptr<ConnectionThread> c = weak.lock()) {
-                    admission_.ended(c.get());
-                    disconnected(c);
-                    removeInstance(c);
-                }
-            },
-            Tessel::Node::Direct);
+        ConnectionThread::Listener listener;
+        listener.connected = [this, weak] {
+            if (std::shared_ptr<ConnectionThread> c = weak.lock())
+                connected(c);
+        };
+        listener.disconnected = [this, weak] {
+            if (std::shared_ptr<ConnectionThread> c = weak.lock()) {
+                admission_.ended(c.get());
+                disconnected(c);
+                removeInstance(c);
+            }
+        };
         // A connection whose handshake failed never connects: retire it all the same.
-        connection->eventAddListener(
-            QByteArrayLiteral("handshake-failed"),
-            [this, weak] {
-                if (std::shared_ptr<ConnectionThread> c = weak.lock()) {
-                    admission_.ended(c.get());
-                    removeInstance(c);
-                }
-            },
-            Tessel::Node::Direct);
+        listener.handshakeFailed = [this, weak] {
+            if (std::shared_ptr<ConnectionThread> c = weak.lock()) {
+                admission_.ended(c.get());
+                removeInstance(c);
+            }
+        };
+        connection->setListener(std::move(listener));
         Basalt::Guard guard(instancesMutex);
         connection->run();
         instances_.append(connection);

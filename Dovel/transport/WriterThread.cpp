@@ -2,7 +2,6 @@
 
 #include "Dovel/transport/ConnectionThread.h"
 
-#include "Basalt/BinaryData.h"
 #include "Basalt/SpinWait.h"
 #include "Basalt/TCPSocket.h"
 #include "Basalt/Trace.h"
@@ -26,13 +25,9 @@ int64_t sizeOf(const QList<QByteArray>& parts) {
 } // namespace
 
 WriterThread::WriterThread(ConnectionThread* parent)
-    : Basalt::Thread(QStringLiteral("WriterThread")), parent(parent) {
-    eventAddOut(QByteArrayLiteral("error"));
-    eventAddOut(QByteArrayLiteral("data-written"));
-}
+    : Basalt::Thread(QStringLiteral("WriterThread")), parent(parent) {}
 
 WriterThread::~WriterThread() {
-    aboutToBeDestroyed(); // deletion listeners see the real type; events stop here
     stop();
     if (!isCurrentThread())
         waitEnd(-1);
@@ -181,7 +176,8 @@ void WriterThread::childLoop() {
                                    parent->hostName().toUtf8().constData(), parent->port());
             parent->closeSocket();
             running.store(false);
-            eventSend(QByteArrayLiteral("error"));
+            if (writeError)
+                writeError();
             return;
         }
         if (sendPing) {
@@ -244,15 +240,14 @@ bool WriterThread::writeItem(const Item& item, Basalt::Stopwatch& pingTime) {
             if (written != chunk) {
                 Basalt::Trace::debug("WriterThread::childLoop # Write error");
                 running.store(false);
-                eventSend(QByteArrayLiteral("error"));
+                if (writeError)
+                    writeError();
                 return false;
             }
             if (item.key == PingKey)
                 pingTime.restart();
-            Basalt::BinaryData payload;
-            payload.write(item.key);
-            payload.writeInt32(chunk);
-            eventSend(QByteArrayLiteral("data-written"), payload);
+            if (dataWritten)
+                dataWritten(item.key, chunk);
         }
     }
     return true;

@@ -6,19 +6,18 @@
 // items that follow each other closely it polls for the next before sleeping
 // (Basalt::SpinWait).
 //
-// Out-events: "error" (a short write or a ping time-out; no payload) and "data-written"
-// (per chunk; payload: the item's key as a string item, then the chunk size as int32).
-// Both are sent on the writer's thread.
+// It reports through two callbacks, both called on the writer's thread: a write error
+// (a short write or a ping time-out, after which the writer has stopped) and, after each
+// chunk, the item's key and the chunk's size.
 //
 // Thread-safe; the buffer and the updates are guarded by `mutex`. The writer never holds
-// `mutex` together with the parent's write mutex.
+// `mutex` together with the parent's write mutex. The callbacks are set before start().
 #pragma once
 
 #include "Basalt/Condition.h"
 #include "Basalt/Mutex.h"
 #include "Basalt/Stopwatch.h"
 #include "Basalt/Thread.h"
-#include "Tessel/Node.h"
 
 #include <QByteArray>
 #include <QList>
@@ -34,9 +33,9 @@ namespace Dovel {
 
 class ConnectionThread;
 
-class WriterThread : public Basalt::Thread, public Tessel::Node {
+class WriterThread : public Basalt::Thread {
 public:
-    // Largest write handed to the socket at once; "data-written" reports each.
+    // Largest write handed to the socket at once; onDataWritten reports each.
     static constexpr int ChunkSize = 16384;
     static constexpr double DefaultPingIntervalSeconds = 5.0;
 
@@ -49,8 +48,6 @@ public:
     // Runs `function` on the writer thread before any buffered item, holding the parent's
     // write mutex; a newer function under the same name replaces a waiting one.
     void update(const QString& name, std::function<void()> function);
-    // The node's own update() stays reachable beside the named one.
-    using Tessel::Node::update;
     // Drops every waiting item whose key equals `key`; an item being written stays.
     void removeFromBuffer(const QByteArray& key);
     // Bytes of the waiting items (see childLoop for why it may go below zero).
@@ -61,6 +58,13 @@ public:
     // false, and nothing armed, when no more than that waits now. Lets a producer hold
     // its output back while the peer reads slowly.
     bool callWhenDrained(int64_t bytes, std::function<void()> callback);
+
+    // A short write or a ping time-out ended the writer (the connection sets this one).
+    void onWriteError(std::function<void()> callback) { writeError = std::move(callback); }
+    // A chunk of the item under `key` went to the socket.
+    void onDataWritten(std::function<void(const QByteArray& key, int bytes)> callback) {
+        dataWritten = std::move(callback);
+    }
 
     // Sets running and starts the thread. Waiting updates are dropped at the start;
     // buffered items are kept.
@@ -99,6 +103,8 @@ private:
     int64_t drainedBytes = 0;
     std::function<void()> drained; // armed by callWhenDrained
     double pingInterval = DefaultPingIntervalSeconds;
+    std::function<void()> writeError;
+    std::function<void(const QByteArray&, int)> dataWritten;
 };
 
 } // namespace Dovel

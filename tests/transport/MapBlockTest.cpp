@@ -1,15 +1,13 @@
-// The binary map block parsed on its own, byte for byte; the limits on maps a peer
-// sends; and the seeds of the binarydata fuzz target, written with
+// The binary map block parsed on its own, byte for byte, and the seeds of the
+// binarydata fuzz target, written with
 //   DOVEL_WRITE_CORPUS=fuzz/corpus/binarydata build/bin/test_transport
 //     --gtest_filter='BinaryDataCorpus.*'
 #include "CorpusSeeds.h"
 #include "TransportTestUtil.h"
 
-#include "Dovel/Limits.h"
 #include "Dovel/transport/MapBlock.h"
 
 #include "Basalt/BinaryData.h"
-#include "Basalt/Trace.h"
 
 using namespace TransportTest;
 using Map = QMap<QString, QString>;
@@ -51,29 +49,6 @@ TEST(MapBlock, EncodesAndParsesByteForByte) {
     EXPECT_EQ(Dovel::MapBlock::blockLength(QByteArray::fromHex("01000000ffffffff")), -1);
     EXPECT_EQ(Dovel::MapBlock::blockLength(QByteArray::fromHex("020000002e000000")), -1);
     EXPECT_EQ(Dovel::MapBlock::blockLength(QByteArray::fromHex("010000002e")), -1);
-}
-
-TEST(MapBlock, TextMapOfAnOldPeerIsHeldToTheBlockLimit) {
-    LoggedIn link;
-    ASSERT_TRUE(link.start(QByteArray())); // 1.9.0: maps come as lines
-    RawPeer* peer = link.peer.get();
-    const std::shared_ptr<TestConnection> connection = link.accepted;
-
-    Basalt::TraceCapture trace;
-    // Each line is just under the line limit; nine pairs pass the block limit.
-    const QByteArray line(Dovel::Limits::MaxLineBytes - 1, 'k');
-    const int pairs = Dovel::Limits::MaxMapBlockBytes / (2 * line.size()) + 1;
-    QByteArray text = "map " + QByteArray::number(pairs + 1) + "\n";
-    for (int i = 0; i < pairs + 1; ++i)
-        text += line + "\n" + line + "\n";
-    peer->send(text);
-    EXPECT_TRUE(peer->waitClosed());
-    EXPECT_TRUE(waitUntil([&] {
-        return trace.count("ConnectionThread::readMap # A text map of", Basalt::Trace::Warning) ==
-               1;
-    })) << trace.dump().toStdString();
-    for (const Map& map : connection->maps())
-        EXPECT_TRUE(map.isEmpty()); // nothing of the refused map is kept
 }
 
 TEST(BinaryDataCorpus, SeedsAreWhatTheWritersWrite) {

@@ -1,8 +1,6 @@
 // Maps on the line protocol: the binary block for peers from 1.9.1 and the text form
-// for older ones, byte for byte, and reading both back from a real socket.
+// for older ones, byte for byte, and a connection reading the form of its peer's version.
 #include "TransportTestUtil.h"
-
-#include "Basalt/Trace.h"
 
 using namespace TransportTest;
 
@@ -48,30 +46,6 @@ TEST(Maps, TextFormForOlderPeers) {
     // Before any handshake the peer's version is unknown (0.0.0): text as well.
     auto fresh = std::make_shared<Dovel::ConnectionThread>(nullptr, false);
     EXPECT_EQ(fresh->buildMapBuffer(QStringLiteral("m"), {{"k", "v"}}), QByteArray("m 1\nk\nv\n"));
-}
-
-TEST(Maps, ReadMapFromBinaryPeer) {
-    Basalt::TraceCapture trace;
-    LoggedIn link;
-    ASSERT_TRUE(link.start("Heliotrope 2.6.1"));
-
-    link.peer->send(sampleBinary());
-    link.peer->send(QByteArray("map 0\n") + QByteArray::fromHex("0100000008000000"));
-    // A block that holds fewer entries than announced: logged, and the stream stays
-    // framed, so the next line is read normally.
-    link.peer->send(QByteArray("map 2\n") + // a b
-                    QByteArray::fromHex("010000001a000000 050000000100000061 050000000100000062"));
-    link.peer->send("after\n");
-
-    ASSERT_TRUE(waitUntil([&] { return link.accepted->lines().size() == 1; }));
-    EXPECT_EQ(link.accepted->lines(), QStringList{"after"});
-    const QList<Map> maps = link.accepted->maps();
-    ASSERT_EQ(maps.size(), 3);
-    EXPECT_EQ(maps[0], sample());
-    EXPECT_TRUE(maps[1].isEmpty());
-    EXPECT_TRUE(maps[2].isEmpty());
-    EXPECT_EQ(trace.count("ConnectionThread::readMap # error while reading data", 3), 1);
-    EXPECT_TRUE(link.accepted->isConnected());
 }
 
 TEST(Maps, ReadMapFromTextPeer) {

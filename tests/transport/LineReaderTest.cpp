@@ -1,0 +1,160 @@
+// The line reader against a fake source, without sockets or threads: lines and blocks
+// split across reads at every size, maps in both forms, and hostile sizes that must be
+// refused before they size anything.
+#include "Dovel/transport/LineReader.h"
+#include "Dovel/Limits.h"
+
+#include "Basalt/Trace.h"
+
+#include <QMap>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+using Map = QMap<QString, QString>;
+using Failure = Dovel::LineReader::Failure;
+
+// Hands out `bytes` at most `piece` bytes per read, then reports the end.
+class FakeSource : public Dovel::ByteSource {
+public:
+    FakeSource(QByteArray bytes, int piece) : bytes(std::move(bytes)), piece(piece) {}
+
+    int read(char* dst, int size, bool) override {
+        ++reads;
+        const int n = std::min({size, piece, int(bytes.size() - offset)});
+        if (n <= 0)
+            return 0;
+        std::memcpy(dst, bytes.constData() + offset, size_t(n));
+        offset += n;
+        return n;
+    }
+    QString peerName() const override { return QStringLiteral("fake:1"); }
+
+    int reads = 0;
+
+private:
+    QByteArray bytes;
+    int piece;
+    int offset = 0;
+};
+
+// Two entries as a binary block: "a" = "1", "b" = "".
+const QByteArray Block = QByteArray::fromHex("010000002b000000"
+                                             "05000000 01000000 61 05000000 01000000 31"
+                                             "05000000 01000000 62 05000000 00000000");
+
+} // namespace
+
+TEST(LineReader, ReadsWhatArrivesInAnyPieces) {
+    const QByteArray stream = "one\r\n\n\rtwo\nblock 5\nabcde\nskip\n12345\n" + Block +
+                              "text\nk\nv\r\nshort\n" +
+                              QByteArray::fromHex("010000001a000000 050000000100000061"
+                                                  "050000000100000062") +
+                              "last";
+    for (int piece : {1, 2, 7, 16384}) {
+        SCOPED_TRACE(piece);
+        Basalt::TraceCapture trace;
+        FakeSource source(stream, piece);
+        Dovel::LineReader reader(source);
+        EXPECT_EQ(reader.line(), QStringLiteral("one")); // empty lines are skipped
+        EXPECT_EQ(reader.line(), QStringLiteral("two"));
+        EXPECT_EQ(reader.line(), QStringLiteral("block 5"));
+        EXPECT_EQ(reader.readData(5), QByteArray("abcde"));
+        EXPECT_EQ(reader.readData(0), QByteArray());
+        EXPECT_EQ(reader.line(), QStringLiteral("skip"));
+        EXPECT_TRUE(reader.skip(6));
+        EXPECT_EQ(reader.readMap(2, true), (Map{{"a", "1"}, {"b", ""}}));
+        EXPECT_EQ(reader.line(), QStringLiteral("text"));
+        EXPECT_EQ(reader.readMap(1, false), (Map{{"k", "v"}}));
+        EXPECT_EQ(reader.lastLine(), QByteArray("v"));
+        EXPECT_EQ(reader.line(), QStringLiteral("short"));
+        // Fewer entries than announced: logged, none, and the stream stays framed.
+        EXPECT_FALSE(reader.readMap(3, true));
+        EXPECT_EQ(reader.takeFailure(), Failure::None);
+        EXPECT_EQ(trace.count("LineReader::readMap # error while reading data"), 1);
+        // A line cut by the end of the stream is no line.
+        EXPECT_FALSE(reader.line());
+        EXPECT_TRUE(reader.lastLine().isEmpty());
+        EXPECT_EQ(reader.takeFailure(), Failure::Ended);
+        EXPECT_EQ(reader.takeFailure(), Failure::None);
+    }
+}
+
+TEST(LineReader, HostileSizesAreRefusedBeforeTheyAreRead) {
+    const QByteArray longLine(Dovel::Limits::MaxLineBytes + 1, 'x');
+    const QByteArray textLine(Dovel::Limits::MaxLineBytes - 1, 'k');
+    const int pairs = Dovel::Limits::MaxMapBlockBytes / (2 * textLine.size()) + 1;
+    QByteArray textMap;
+    for (int i = 0; i < pairs; ++i)
+        textMap += textLine + "\n" + textLine + "\n";
+
+    enum Op { Line, Data, Skip, BinaryMap, TextMap };
+    struct Case {
+        const char* name;
+        Op op;
+        int size;
+        QByteArray bytes;
+        Failure failure;
+        QString log;
+    };
+    const Case cases[] = {
+        {"endless line", Line, 0, longLine, Failure::Rejected,
+         "LineReader::line # A line of"}, // as much as had arrived when it tripped
+        {"huge read", Data, 2000000000, "abc", Failure::Rejected,
+         "LineReader::readData # A read of 2000000000 from fake:1 exceeds the limit"},
+        {"huge skip", Skip, 2000000000, "abc", Failure::Rejected,
+         "LineReader::skip # A skip of 2000000000 from fake:1 exceeds the limit"},
+        {"huge map count", BinaryMap, 2000000000, Block, Failure::Rejected,
+         "LineReader::readMap # A map count of 2000000000"},
+        {"negative map count", BinaryMap, -1, Block, Failure::Rejected,
+         "LineReader::readMap # A map count of -1"},
+        {"huge block", BinaryMap, 1, QByteArray::fromHex("01000000ffffff7f"), Failure::Rejected,
+         "LineReader::readMap # A map block of 2147483647"},
+        {"block shorter than its length item", BinaryMap, 1,
+         QByteArray::fromHex("0100000004000000"), Failure::Rejected,
+         "LineReader::readMap # error while reading data"},
+        {"length item of the wrong type", BinaryMap, 1, QByteArray::fromHex("0500000008000000"),
+         Failure::Rejected, "LineReader::readMap # error while reading data"},
+        {"text map past the block limit", TextMap, pairs + 1, textMap, Failure::Rejected,
+         "LineReader::readMap # A text map of"},
+        {"read cut short", Data, 100, "only a few", Failure::Ended, // and "after\n"
+         "LineReader::readData # Read error (fake:1 expected 100 bytes, got 16 bytes"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Basalt::TraceCapture trace;
+        FakeSource source(c.bytes + "after\n", 65536);
+        Dovel::LineReader reader(source);
+        bool ok = false;
+        switch (c.op) {
+        case Line:
+            ok = bool(reader.line());
+            break;
+        case Data:
+            ok = bool(reader.readData(c.size));
+            break;
+        case Skip:
+            ok = reader.skip(c.size);
+            break;
+        case BinaryMap:
+            ok = bool(reader.readMap(c.size, true));
+            break;
+        case TextMap:
+            ok = bool(reader.readMap(c.size, false));
+            break;
+        }
+        EXPECT_FALSE(ok);
+        EXPECT_TRUE(trace.contains(c.log)) << trace.dump().toStdString();
+        EXPECT_EQ(reader.takeFailure(), c.failure);
+        if (c.failure == Failure::Rejected) {
+            // Nothing more comes from the source until the reader is reset.
+            const int reads = source.reads;
+            EXPECT_FALSE(reader.skip(Dovel::Limits::MaxLineBytes));
+            EXPECT_EQ(source.reads, reads);
+        }
+    }
+}
