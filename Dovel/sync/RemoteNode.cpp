@@ -334,113 +334,15 @@ void RemoteNode::eventProcessSlice(const QByteArray& name, Basalt::BinaryData& d
 void RemoteNode::handleRemoteEvent(const QByteArray& name, Basalt::BinaryData& data,
                                    long senderKey) {
     if (name == "event-slice-begin")
-        beginSlicedEvent(data, senderKey);
+        slices.begin(data, senderKey);
     else if (name == "event-slice")
-        handleSlice(senderKey, data);
+        slices.add(senderKey, data, [this](const QByteArray& event, Basalt::BinaryData& payload) {
+            dispatchRemoteEvent(event, payload);
+        });
     else if (name == "initialized")
         eventSend("initialized");
     else
         dispatchRemoteEvent(name, data);
-}
-
-void RemoteNode::beginSlicedEvent(Basalt::BinaryData& data, long senderKey) {
-    bool okId = false, okSlice = false, okTotal = false;
-    const int32_t id = data.readInt32(&okId);
-    QByteArray name;
-    const bool okName = okId && data.readString(name);
-    const int32_t slice = okName ? data.readInt32(&okSlice) : 0;
-    // The sender writes the total as a 64-bit item; the limit keeps it well inside int.
-    const int64_t total = okSlice ? data.readInt64(&okTotal) : 0;
-    if (!okTotal) {
-        Basalt::Trace::error("RemoteNode::handleRemoteEvent # Malformed event-slice-begin");
-        return;
-    }
-    // What the record may come to hold: the joined event, and the bookkeeping of every
-    // slice kept until then (a peer could otherwise send one-byte slices). Its name is
-    // held to a name's limit instead of being charged.
-    const bool sane = slice > 0 && total > 0 && total <= Limits::MaxSlicedEventBytes &&
-                      name.size() <= Limits::MaxPeerNameBytes;
-    const int64_t sliceCount = sane ? (total + slice - 1) / slice : 0;
-    const int64_t charge = total + sliceCount * Limits::SliceBookkeepingBytes;
-    if (!sane || charge > Limits::MaxSliceReassemblyBytes) {
-        Basalt::Trace::error("RemoteNode::handleRemoteEvent # Refused event-slice-begin of '%s' "
-                             "(slice size %d, total %lld)",
-                             name.left(Limits::MaxPeerNameBytes).constData(), slice,
-                             static_cast<long long>(total));
-        return;
-    }
-    const SliceKey key{uint32_t(senderKey), uint32_t(id)};
-    auto existing = slices.find(key);
-    if (existing != slices.end()) {
-        sliceBytes -= existing->second.charge;
-        slices.erase(existing);
-    }
-    // A peer may begin events and never finish them: the oldest unfinished ones make
-    // room, so the newest event always gets its chance.
-    while (!slices.empty() && (int(slices.size()) >= Limits::MaxSliceReassemblies ||
-                               sliceBytes + charge > Limits::MaxSliceReassemblyBytes)) {
-        auto oldest =
-            std::min_element(slices.begin(), slices.end(), [](const auto& a, const auto& b) {
-                return a.second.order < b.second.order;
-            });
-        Basalt::Trace::error("RemoteNode::handleRemoteEvent # Too many sliced events in "
-                             "progress, evicted unfinished '%s' (%d bytes) for '%s'",
-                             oldest->second.name.constData(), oldest->second.totalSize,
-                             name.constData());
-        sliceBytes -= oldest->second.charge;
-        slices.erase(oldest);
-    }
-    Reassembly& record = slices[key];
-    record.order = nextSliceOrder++;
-    record.name = name;
-    record.sliceSize = slice;
-    record.totalSize = int(total);
-    record.sliceCount = int(sliceCount);
-    record.charge = charge;
-    sliceBytes += charge;
-}
-
-void RemoteNode::handleSlice(long senderKey, Basalt::BinaryData& data) {
-    bool okId = false, okIndex = false;
-    const int32_t id = data.readInt32(&okId);
-    const int32_t index = okId ? data.readInt32(&okIndex) : 0;
-    if (!okIndex) {
-        Basalt::Trace::error("RemoteNode::handleSlicedEvent # Malformed event-slice");
-        return;
-    }
-    auto it = slices.find(SliceKey(uint32_t(senderKey), uint32_t(id)));
-    if (it == slices.end()) {
-        Basalt::Trace::error("RemoteNode::handleSlicedEvent # Unknown event-slice %d", id);
-        return;
-    }
-    Reassembly& record = it->second;
-    const int64_t offset = int64_t(index) * record.sliceSize;
-    if (index < 0 || offset >= record.totalSize) {
-        Basalt::Trace::error("RemoteNode::handleSlicedEvent # Bad slice (idx %d)", index);
-        return;
-    }
-    const int length = int(std::min<int64_t>(record.totalSize - offset, record.sliceSize));
-    // A shorter slice is taken (the rest of its room stays zero); a longer one is not.
-    QByteArray bytes;
-    if (data.peekTag() != Basalt::BinaryData::TagBlob || !data.readBlob(bytes) ||
-        bytes.size() > length)
-        return;
-    record.received[index] = bytes; // a repeated slice only replaces its bytes
-    if (int(record.received.size()) < record.sliceCount)
-        return;
-
-    // Taken out before delivery, so a listener that handles events re-entrantly cannot
-    // reach a record being delivered.
-    Reassembly done = std::move(record);
-    slices.erase(it);
-    sliceBytes -= done.charge;
-    QByteArray buffer(done.totalSize, '\0');
-    for (const auto& slice : done.received)
-        std::memcpy(buffer.data() + int64_t(slice.first) * done.sliceSize, slice.second.constData(),
-                    size_t(slice.second.size()));
-    Basalt::BinaryData payload;
-    payload.linkTo(buffer.data(), done.totalSize);
-    dispatchRemoteEvent(done.name, payload);
 }
 
 QByteArray childPath(const QByteArray& parent, const QByteArray& name) {

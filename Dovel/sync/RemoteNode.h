@@ -13,6 +13,7 @@
 
 #include "Dovel/sync/AttributeCache.h"
 #include "Dovel/sync/NodeWatcher.h"
+#include "Dovel/sync/SliceReassembly.h"
 #include "Dovel/sync/SymbolBits.h"
 #include "Dovel/sync/SyncFlags.h"
 
@@ -96,7 +97,7 @@ public:
     const AttributeCache& attributeCache() const { return *cache; }
     Basalt::SymbolRegistry& symbolRegistry() { return *registry; }
     NodeWatcher& watcher() { return *nodeWatcher; }
-    int sliceReassemblyCount() const { return int(slices.size()); }
+    int sliceReassemblyCount() const { return slices.size(); }
 
     // Path-pattern callbacks (`*` one path component, `**` any depth): run at the next
     // update for every matching attribute, then whenever one changed before an update.
@@ -125,20 +126,6 @@ public:
     };
 
 private:
-    // A sliced event being received. The slices are kept as they come and joined only
-    // when all are there, so that what a peer makes us hold follows the bytes it has
-    // sent, not the size it announced.
-    struct Reassembly {
-        QByteArray name;
-        int sliceSize = 0;
-        int totalSize = 0;
-        int sliceCount = 0;
-        int64_t charge = 0;                 // counted against the reassembly budget
-        std::map<int, QByteArray> received; // by slice index
-        uint64_t order = 0;                 // when it began: the oldest is evicted first
-    };
-    using SliceKey = std::pair<uint32_t, uint32_t>;
-
     template <typename T> static bool valueOf(Tessel::Attribute* attribute, T& out) {
         if (!attribute)
             return false;
@@ -169,16 +156,12 @@ private:
     void onChangeImpl(const QRegExp& expression, std::function<void(Tessel::Attribute*)> callback);
     void insertEvent(const QByteArray& name, const Basalt::BinaryData& data);
     void dispatchRemoteEvent(const QByteArray& name, Basalt::BinaryData& data);
-    void beginSlicedEvent(Basalt::BinaryData& data, long senderKey);
-    void handleSlice(long senderKey, Basalt::BinaryData& data);
 
     // Written by the delivering thread; atomic because eventProcess, which reads them,
     // may run on any thread through eventProcessSlice.
     std::atomic<const QByteArray*> remoteEventName{nullptr};
     std::atomic<const Basalt::BinaryData*> remoteEventData{nullptr};
-    std::map<SliceKey, Reassembly> slices;
-    int64_t sliceBytes = 0;      // the charges of the records in `slices`
-    uint64_t nextSliceOrder = 0; // order of the next record
+    SliceReassembly slices; // tree thread
 
     std::unique_ptr<Basalt::SymbolRegistry> registry;
     std::unique_ptr<AttributeCache> cache;
