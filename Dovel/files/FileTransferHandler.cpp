@@ -2,6 +2,7 @@
 
 #include "Dovel/Limits.h"
 #include "Dovel/files/AssetBase.h"
+#include "Dovel/files/PathPolicy.h"
 
 #include "Basalt/BGThread.h"
 #include "Basalt/BinaryData.h"
@@ -11,7 +12,6 @@
 #include <QDir>
 #include <QFileInfo>
 
-#include <atomic>
 #include <cmath>
 
 #include <stdio.h>
@@ -35,18 +35,6 @@ QByteArray utf8(const QString& text) {
     return text.toUtf8();
 }
 
-// Connection times tag downloads; two connections never share one.
-Basalt::TimeStamp uniqueStamp() {
-    static std::atomic<int64_t> last{0};
-    int64_t now = Basalt::TimeStamp::currentTime().value();
-    int64_t previous = last.load();
-    for (;;) {
-        const int64_t next = std::max(now, previous + 1);
-        if (last.compare_exchange_weak(previous, next))
-            return Basalt::TimeStamp(next);
-    }
-}
-
 } // namespace
 
 FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverSide,
@@ -57,7 +45,7 @@ FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverS
       filePartPattern(pattern(QStringLiteral("^filepart %1 (\\d+) (\\d+)$"))),
       sendPartsPattern(pattern(QStringLiteral("^sendparts %1$"))),
       hashes(HashThreads, [&asset](const QString& name, const QByteArray& bytes) {
-          asset.downloadListAddHashData(name, bytes);
+          asset.downloads().addHashData(name, bytes);
       }) {
     setTimeoutSeconds(60.0);
     eventAddOut(QByteArrayLiteral("file-info"));
@@ -151,7 +139,7 @@ bool FileTransferHandler::parse(const QString& line) {
 }
 
 void FileTransferHandler::connected() {
-    connectedAt = uniqueStamp();
+    connectionId = DownloadLedger::newConnectionId();
 }
 
 bool FileTransferHandler::wantsIdle() {
@@ -177,7 +165,7 @@ void FileTransferHandler::idle() {
 
 void FileTransferHandler::disconnected() {
     settleReceiving();
-    assetBase.clearDownloadList(connectedAt);
+    assetBase.downloads().clear(connectionId);
     receivedCounts.clear();
 }
 
@@ -199,7 +187,7 @@ void FileTransferHandler::downloadFinished(const QString&, bool) {}
 
 QString FileTransferHandler::servablePath(const QString& name, const char* operation) const {
     // The one name policy of the folder: what it lists is what it serves.
-    if (!AssetBase::isCarriableName(name)) {
+    if (!PathPolicy::isCarriableName(name)) {
         Basalt::Trace::warning("FileTransferHandler::%s # Refusing '%s': not a name the file "
                                "protocol carries",
                                operation, name.toUtf8().constData());
@@ -207,7 +195,7 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
     }
     const QString rootDir = rootDirectory();
     if (rootDir == assetBase.root()) {
-        const QString plain = AssetBase::linkFreeFile(rootDir, name);
+        const QString plain = PathPolicy::linkFreeFile(rootDir, name);
         if (!plain.isEmpty())
             return plain;
     }
@@ -219,7 +207,7 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
         return QString();
     }
     const QString canonical = info.canonicalFilePath();
-    if (!AssetBase::isInside(canonicalRoot(rootDir), canonical) || !info.isFile()) {
+    if (!PathPolicy::isInside(canonicalRoot(rootDir), canonical) || !info.isFile()) {
         Basalt::Trace::warning("FileTransferHandler::%s # Refusing '%s': it is not a file "
                                "inside the shared folder",
                                operation, name.toUtf8().constData());
@@ -230,8 +218,8 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
 
 QString FileTransferHandler::targetPath(const QString& name) const {
     const QString root = canonicalRoot(rootDirectory());
-    return assetBase.leavesLinksAlone() ? AssetBase::resolveLinkFree(root, name)
-                                        : AssetBase::resolveInside(root, name);
+    return assetBase.index().leavesLinksAlone() ? PathPolicy::resolveLinkFree(root, name)
+                                                : PathPolicy::resolveInside(root, name);
 }
 
 QString FileTransferHandler::canonicalRoot(const QString& rootDir) const {
@@ -273,7 +261,7 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
     }
     // Peers count parts in single precision, which undercounts some files above 16 MiB;
     // the exact count keeps such a file from failing.
-    const int64_t exactParts = AssetBase::partCount(size, partSize);
+    const int64_t exactParts = PathPolicy::partCount(size, partSize);
     if (parts != exactParts) {
         Basalt::Trace::debug("FileTransferHandler::receiveFileInfo # '%s' announces %lld parts, "
                              "expecting %lld",
@@ -299,8 +287,8 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
 void FileTransferHandler::startDownload(const Described& download) {
     if (incoming.isEmpty())
         sinceProgress.restart(); // the wait for parts starts here
-    if (assetBase.addFileToDownloadList(download.name, download.size, download.parts, download.md5,
-                                        connectedAt)) {
+    if (assetBase.downloads().add(download.name, download.size, download.parts, download.md5,
+                                  connectionId)) {
         incoming.insert(download.name);
         requestFileParts(download.name);
         return;
@@ -331,7 +319,7 @@ FileTransferHandler::Receiving* FileTransferHandler::receivingFile(const QString
         return nullptr;
     auto made = std::make_unique<Receiving>();
     made->target = target;
-    made->temp = AssetBase::tempPathFor(target);
+    made->temp = PathPolicy::tempPathFor(target);
     // Another name may lead to the same file (through a link, or a case-insensitive file
     // system): a download waiting for its hash there ends before the file is made again.
     if (!finishing.empty() && QFileInfo::exists(made->temp)) {
@@ -395,8 +383,8 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
 
     settleFinishing(name);
     // Only parts asked for: the rest would open files beyond the cap.
-    const bool downloading = incoming.contains(name) && assetBase.isDownloading(name);
-    const int64_t expected = assetBase.currentParts(name) + 1;
+    const bool downloading = incoming.contains(name) && assetBase.downloads().isDownloading(name);
+    const int64_t expected = assetBase.downloads().currentParts(name) + 1;
     if (!downloading || part != expected) {
         Basalt::Trace::warning("received file part %lld but we expected %lld: '%s'",
                                static_cast<long long>(part), static_cast<long long>(expected),
@@ -422,9 +410,9 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
     }
     file->written += bytes;
 
-    assetBase.increasePartCount(name);
-    const int64_t current = assetBase.currentParts(name);
-    const int64_t total = assetBase.totalParts(name);
+    assetBase.downloads().increasePartCount(name);
+    const int64_t current = assetBase.downloads().currentParts(name);
+    const int64_t total = assetBase.downloads().totalParts(name);
     const bool last = current == total || total == 0;
     hashes.written(name, file->written, last);
     int64_t& count = receivedCounts[name];
@@ -457,7 +445,8 @@ void FileTransferHandler::finishDownload(const Finishing& download) {
         Basalt::Trace::warning("FileTransferHandler::finishDownload # '%s' would now land "
                                "elsewhere; not renamed",
                                name.toUtf8().constData());
-    } else if (assetBase.downloadListMD5(name) == assetBase.downloadListPartMD5(name)) {
+    } else if (assetBase.downloads().announcedMd5(name) ==
+               assetBase.downloads().receivedMd5(name)) {
         Basalt::FileWriter writing(target);
         // One step that replaces the old file: no moment without it, whenever the pull
         // is killed (QFile::rename does not replace, and remove-then-rename leaves a gap).
@@ -471,7 +460,7 @@ void FileTransferHandler::finishDownload(const Finishing& download) {
     }
     if (renamed) {
         QFile::remove(temp); // nothing is left there after a rename
-        assetBase.removeFileFromDownloadList(name, true);
+        assetBase.endDownload(name, true);
         downloadFinished(name, true);
     } else {
         failDownload(name, true);
@@ -486,11 +475,11 @@ void FileTransferHandler::failDownload(const QString& name, bool mayTouchFiles) 
     if (mayTouchFiles) {
         const QString target = targetPath(name);
         if (!target.isEmpty())
-            QFile::remove(AssetBase::tempPathFor(target));
+            QFile::remove(PathPolicy::tempPathFor(target));
     }
     receivedCounts.remove(name);
     Basalt::Trace::warning("File Download for '%s' failed", name.toUtf8().constData());
-    if (assetBase.removeFileFromDownloadList(name, false))
+    if (assetBase.endDownload(name, false))
         downloadFinished(name, false);
     if (wasIncoming)
         startWaitingDownloads();
@@ -502,7 +491,7 @@ bool FileTransferHandler::sendFileInfo(const QString& name) {
     const QString path = servablePath(name, "sendFileInfo");
     if (path.isEmpty())
         return false;
-    const QString sum = assetBase.md5(name);
+    const QString sum = assetBase.index().md5(name);
     if (sum.isEmpty()) {
         Basalt::Trace::warning("FileTransferHandler::sendFileInfo # Cannot read '%s'",
                                name.toUtf8().constData());

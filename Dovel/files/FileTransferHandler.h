@@ -6,7 +6,7 @@
 //   sendparts "NAME"                 ask for all parts of the file
 //   filepart "NAME" COUNT N          part N (from 1) follows: exactly COUNT raw bytes
 //
-// The receiver writes parts to NAME + ".filesync.part" (AssetBase::tempPathFor), checks
+// The receiver writes parts to NAME + ".filesync.part" (PathPolicy::tempPathFor), checks
 // the whole file's MD5 and renames it into place. Downloads whose parts stop coming for
 // the connection's time-out fail. The sender never hands out a file whose name holds ".."
 // or whose path leaves the folder (symbolic links are resolved): such a request is
@@ -25,12 +25,12 @@
 #pragma once
 
 #include "Dovel/files/DownloadHasher.h"
+#include "Dovel/files/DownloadLedger.h"
 #include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/Mutex.h"
 #include "Basalt/Stopwatch.h"
 #include "Basalt/Task.h"
-#include "Basalt/TimeStamp.h"
 
 #include <QFile>
 #include <QHash>
@@ -109,8 +109,6 @@ protected:
     virtual void downloadStarted(const QString& name, int64_t size);
     virtual void downloadFinished(const QString& name, bool success);
 
-    Basalt::TimeStamp connectionTime() const { return connectedAt; }
-
 private:
     void requestFileParts(const QString& name);
     void receiveFileInfo(const QString& name, int64_t size, int64_t parts, const QString& md5);
@@ -173,7 +171,8 @@ private:
     AssetBase& assetBase;
     const int64_t progressPeriod = ProgressPeriod;
     QHash<QString, int64_t> receivedCounts; // the connection's thread only
-    Basalt::TimeStamp connectedAt;          // the connection's thread only
+    // Owns this connection's downloads; new at every connection. Its thread only.
+    ConnectionId connectionId = 0;
 
     const QRegularExpression fileInfoPattern;
     const QRegularExpression sendFileInfoPattern;
