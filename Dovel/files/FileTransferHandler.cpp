@@ -4,7 +4,6 @@
 #include "Dovel/files/AssetBase.h"
 #include "Dovel/files/PathPolicy.h"
 
-#include "Basalt/BGThread.h"
 #include "Basalt/BinaryData.h"
 #include "Basalt/FileWriter.h"
 #include "Basalt/Trace.h"
@@ -21,12 +20,6 @@ namespace Dovel {
 namespace {
 
 const QString Name = QStringLiteral("\"((?:/[^?*<>:\"]+)+)\"");
-// Pause of an upload that found its queue locked for a moment.
-constexpr double UploadRetrySeconds = 0.002;
-// An upload waiting for the writer to drain is woken by the writer; this pause only
-// backs that up (a connection that ends wakes nothing).
-constexpr double DrainBackupSeconds = 1.0;
-
 QRegularExpression pattern(const QString& text) {
     return QRegularExpression(text.arg(Name));
 }
@@ -44,18 +37,17 @@ FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverS
       sendFileInfoPattern(pattern(QStringLiteral("^sendfileinfo %1$"))),
       filePartPattern(pattern(QStringLiteral("^filepart %1 (\\d+) (\\d+)$"))),
       sendPartsPattern(pattern(QStringLiteral("^sendparts %1$"))),
-      hashes(HashThreads, [&asset](const QString& name, const QByteArray& bytes) {
-          asset.downloads().addHashData(name, bytes);
-      }) {
+      hashes(HashThreads,
+             [&asset](const QString& name, const QByteArray& bytes) {
+                 asset.downloads().addHashData(name, bytes);
+             }),
+      uploader(*this, PartSize) {
     setTimeoutSeconds(60.0);
     eventAddOut(QByteArrayLiteral("file-info"));
 }
 
 FileTransferHandler::~FileTransferHandler() {
     shutdown();
-    Basalt::Guard guard(uploadMutex);
-    if (uploadTask)
-        uploadTask->cancel(); // it holds us weakly: a later run would find nothing
 }
 
 // ---- wire lines ----
@@ -504,148 +496,8 @@ bool FileTransferHandler::sendFileInfo(const QString& name) {
 
 void FileTransferHandler::startFilePartsUploadTask(const QString& name) {
     const QString path = servablePath(name, "startFilePartsUploadTask");
-    if (path.isEmpty())
-        return;
-    const int64_t charge =
-        Limits::UploadEntryBytes + name.toUtf8().size() + QFile::encodeName(path).size();
-    Basalt::Guard guard(uploadMutex);
-    if (uploadQueueBytes + charge > Limits::MaxUploadQueueBytes) {
-        Basalt::Trace::warning("FileTransferHandler::startFilePartsUploadTask # Upload queue "
-                               "full, dropping '%s'",
-                               name.toUtf8().constData());
-        return;
-    }
-    uploadQueueBytes += charge;
-    uploadQueue.append(qMakePair(name, path));
-    if (uploadTask)
-        return;
-    const std::weak_ptr<ConnectionThread> weak = weak_from_this();
-    uploadTask = std::make_shared<Basalt::FunctionTask>(
-        [weak](Basalt::Task& task) {
-            const std::shared_ptr<ConnectionThread> self = weak.lock();
-            if (!self)
-                return;
-            auto* handler = static_cast<FileTransferHandler*>(self.get());
-            switch (handler->sendFileParts()) {
-            case SendStatus::Busy:
-                task.scheduleFromNowSecs(UploadRetrySeconds);
-                break;
-            case SendStatus::MoreLater: {
-                // Half the writer's backlog gone: the next parts go.
-                task.scheduleFromNowSecs(DrainBackupSeconds);
-                std::weak_ptr<Basalt::Task> again = task.shared_from_this();
-                if (!handler->writerThread()->callWhenDrained(MaxBufferedUpload / 2, [again] {
-                        if (const std::shared_ptr<Basalt::Task> wake = again.lock())
-                            wake->scheduleFromNowSecs(0.0);
-                    }))
-                    task.scheduleFromNowSecs(0.0);
-                break;
-            }
-            case SendStatus::Done:
-                break;
-            }
-        },
-        1.0f);
-    if (std::shared_ptr<Basalt::BGThread> background = Basalt::BGThread::instance())
-        background->add(uploadTask);
-}
-
-FileTransferHandler::SendStatus FileTransferHandler::sendFileParts() {
-    for (;;) {
-        if (!isConnected()) {
-            dropUploads();
-            return SendStatus::Done;
-        }
-        if (bufferedDataSize() >= MaxBufferedUpload)
-            return SendStatus::MoreLater;
-        if (!uploadFile.isOpen()) {
-            if (!uploadMutex.tryLock())
-                return SendStatus::Busy;
-            if (uploadQueue.isEmpty()) {
-                uploadBuffers.clear();
-                const std::shared_ptr<Basalt::Task> ending = std::move(uploadTask);
-                uploadTask.reset();
-                uploadMutex.unlock();
-                return SendStatus::Done;
-            }
-            const QPair<QString, QString> next = uploadQueue.takeFirst();
-            uploadQueueBytes -= Limits::UploadEntryBytes + next.first.toUtf8().size() +
-                                QFile::encodeName(next.second).size();
-            uploadMutex.unlock();
-            currentUpload = next.first;
-            uploadFile.setFileName(next.second);
-            if (!startSendingfileParts())
-                continue;
-        }
-        if (continueSendingFileParts() == SendStatus::MoreLater)
-            return SendStatus::MoreLater;
-    }
-}
-
-bool FileTransferHandler::startSendingfileParts() {
-    if (uploadFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return true;
-    Basalt::Trace::warning("FileTransferHandler::startSendingfileParts # Failed to open file "
-                           "'%s': %s",
-                           currentUpload.toUtf8().constData(),
-                           uploadFile.errorString().toUtf8().constData());
-    return false;
-}
-
-FileTransferHandler::SendStatus FileTransferHandler::continueSendingFileParts() {
-    if (uploadFile.size() == 0) {
-        writeBufferData(filePartLine(currentUpload, 0, 1), QByteArray());
-        uploadFile.close();
-        return SendStatus::Done;
-    }
-    while (!uploadFile.atEnd()) {
-        if (!isConnected() || bufferedDataSize() >= MaxBufferedUpload)
-            return SendStatus::MoreLater;
-        const int64_t part = uploadFile.pos() / partSize + 1;
-        QByteArray bytes = uploadBuffer();
-        const int64_t got = uploadFile.read(bytes.data(), partSize);
-        bytes.resize(int(std::max<int64_t>(got, 0)));
-        if (bytes.isEmpty()) {
-            Basalt::Trace::warning("FileTransferHandler::continueSendingFileParts # Failed to "
-                                   "read file '%s': %s",
-                                   uploadFile.fileName().toUtf8().constData(),
-                                   uploadFile.errorString().toUtf8().constData());
-            uploadFile.close();
-            return SendStatus::Done;
-        }
-        writeBuffer(QList<QByteArray>{filePartLine(currentUpload, bytes.size(), part), bytes},
-                    QByteArray());
-        uploadBuffers.push_back(std::move(bytes));
-        if (int64_t(uploadBuffers.size()) > 2 * MaxBufferedUpload / partSize)
-            uploadBuffers.pop_front(); // held elsewhere for long: no longer ours to reuse
-    }
-    uploadFile.close();
-    return SendStatus::Done;
-}
-
-QByteArray FileTransferHandler::uploadBuffer() {
-    // The writer lets go of parts in the order they were handed to it. The count is
-    // read with acquire order: the writer's release of its copy, after its last send of
-    // the bytes, must happen before we write into them again (isDetached() reads it
-    // relaxed, which orders nothing).
-    if (!uploadBuffers.empty() && uploadBuffers.front().data_ptr()->ref.atomic.loadAcquire() == 1) {
-        QByteArray reused = std::move(uploadBuffers.front());
-        uploadBuffers.pop_front();
-        reused.resize(int(partSize));
-        return reused;
-    }
-    return QByteArray(int(partSize), Qt::Uninitialized);
-}
-
-void FileTransferHandler::dropUploads() {
-    uploadFile.close();
-    uploadBuffers.clear();
-    std::shared_ptr<Basalt::Task> ending;
-    Basalt::Guard guard(uploadMutex);
-    uploadQueue.clear();
-    uploadQueueBytes = 0;
-    ending = std::move(uploadTask);
-    uploadTask.reset();
+    if (!path.isEmpty())
+        uploader.enqueue(name, path);
 }
 
 } // namespace Dovel

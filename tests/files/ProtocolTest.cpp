@@ -501,7 +501,7 @@ TEST(FileProtocol, UploadPausesWhileThirtyTwoMiBAreUnsent) {
     const auto connections = served.get().instances();
     ASSERT_EQ(connections.size(), 1);
     const auto& connection = connections.first();
-    const int64_t ceiling = Dovel::FileTransferHandler::MaxBufferedUpload;
+    const int64_t ceiling = Dovel::FileUploader::MaxBufferedUpload;
     ASSERT_TRUE(
         waitUntil([&] { return connection->bufferedDataSize() >= ceiling - (1 << 20); }, 20000));
     const uint32_t sentBefore = connection->txBytes();
