@@ -1,6 +1,5 @@
 // Which names the file protocol carries, how many parts a size makes, and where a name
-// may be read or written: only where it stays inside the folder once links are resolved,
-// and a temporary file's name within the longest a file system takes.
+// may be read or written: only where it stays inside the folder once links are resolved.
 #include "Dovel/files/PathPolicy.h"
 
 #include "FilesTestUtil.h"
@@ -11,35 +10,23 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <limits>
 
 namespace {
 
-using Dovel::PathPolicy::isCarriableName;
-using Dovel::PathPolicy::partCount;
 using FilesTest::writeFile;
 namespace PathPolicy = Dovel::PathPolicy;
 
-TEST(PathPolicy, CarriableNamesTemporaryNamesAndPartCounts) {
-    EXPECT_EQ(partCount(16777217, 65536), 257);
-    EXPECT_EQ(partCount(std::numeric_limits<int64_t>::max(), 65536),
+TEST(PathPolicy, CarriableNamesAndPartCounts) {
+    EXPECT_EQ(PathPolicy::partCount(16777217, 65536), 257);
+    EXPECT_EQ(PathPolicy::partCount(std::numeric_limits<int64_t>::max(), 65536),
               int64_t(1) << 47); // a peer's size near the top does not wrap
-    EXPECT_EQ(partCount(65536, 65536), 1);
+    EXPECT_EQ(PathPolicy::partCount(65536, 65536), 1);
 
-    EXPECT_TRUE(isCarriableName("/a/b c/d.e"));
+    EXPECT_TRUE(PathPolicy::isCarriableName("/a/b c/d.e"));
     for (const char* bad : {"a", "/a/../b", "/a..b", "//a", "/a/", "/./a", "/a:b", "/a*", "/a?",
                             "/a\"", "/a<", "/a>", "/a\\b", "/a\nb"})
-        EXPECT_FALSE(isCarriableName(bad)) << bad;
-
-    // A temporary file stays in its file's folder, within the longest name there.
-    EXPECT_EQ(PathPolicy::tempPathFor("/r/d/a.bin"), QString("/r/d/a.bin.filesync.part"));
-    const QString longLeaf(NAME_MAX - 4, QLatin1Char('n'));
-    const QString temp = PathPolicy::tempPathFor("/r/d/" + longLeaf);
-    EXPECT_TRUE(temp.startsWith("/r/d/.")) << temp.toStdString();
-    EXPECT_TRUE(temp.endsWith(PathPolicy::TempSuffix));
-    EXPECT_LE(QFile::encodeName(temp.mid(5)).size(), NAME_MAX);
-    EXPECT_EQ(PathPolicy::tempPathFor("/r/d/" + longLeaf), temp); // the same every time
+        EXPECT_FALSE(PathPolicy::isCarriableName(bad)) << bad;
 }
 
 TEST(PathPolicy, NamesResolveInsideTheFolderOnly) {
