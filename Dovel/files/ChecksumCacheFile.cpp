@@ -1,5 +1,7 @@
 #include "Dovel/files/ChecksumCacheFile.h"
 
+#include "Dovel/files/PathPolicy.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -137,8 +139,8 @@ QString ChecksumCacheFile::settingsFile() {
     return file.absolutePath() + QStringLiteral("/Cache") + name.mid(int(qstrlen("Cache-probe")));
 }
 
-bool ChecksumCacheFile::read(const QString& settingsFile, const QString& arrayName,
-                             AssetBase::FileList& list, int& count) {
+bool ChecksumCacheFile::read(const QString& settingsFile, const QString& arrayName, FileList& list,
+                             int& count) {
     ArrayPlace place;
     if (!placeOf(arrayName, place) || place.prefix.isEmpty())
         return false;
@@ -214,17 +216,17 @@ bool ChecksumCacheFile::read(const QString& settingsFile, const QString& arrayNa
         if (it == entries.constEnd())
             continue;
         const QString name = QString::fromLatin1(it->file);
-        if (AssetBase::isCarriableName(name) && it->md5.size() == 32)
+        if (PathPolicy::isCarriableName(name) && it->md5.size() == 32)
             // Written in name order: the hint makes each insertion cheap.
             list.insert(list.constEnd(), name,
-                        AssetBase::FileInfo{it->size, QString::fromLatin1(it->md5),
-                                            QDateTime::fromMSecsSinceEpoch(it->ts, Qt::UTC)});
+                        FileInfo{it->size, QString::fromLatin1(it->md5),
+                                 QDateTime::fromMSecsSinceEpoch(it->ts, Qt::UTC)});
     }
     return true;
 }
 
 bool ChecksumCacheFile::write(const QString& settingsFile, const QString& arrayName,
-                              const AssetBase::FileList& list) {
+                              const FileList& list) {
     ArrayPlace place;
     if (!placeOf(arrayName, place) || place.prefix.isEmpty())
         return false;

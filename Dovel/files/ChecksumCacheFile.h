@@ -10,7 +10,7 @@
 // other processes.
 #pragma once
 
-#include "Dovel/files/AssetBase.h"
+#include "Dovel/files/FileList.h"
 
 #include <QString>
 
@@ -25,13 +25,12 @@ public:
     // 32-digit checksum are left out) and `count` with the array's stored size. True with
     // no entries when the file or the array does not exist; false when the array is
     // written in a form this reader does not take.
-    static bool read(const QString& settingsFile, const QString& arrayName,
-                     AssetBase::FileList& list, int& count);
+    static bool read(const QString& settingsFile, const QString& arrayName, FileList& list,
+                     int& count);
     // Replaces the array `arrayName`, and everything stored below it as QSettings::remove
     // would, by `list`. False, with the file untouched, when a value would need escaping
     // or the file cannot be locked or written.
-    static bool write(const QString& settingsFile, const QString& arrayName,
-                      const AssetBase::FileList& list);
+    static bool write(const QString& settingsFile, const QString& arrayName, const FileList& list);
 };
 
 } // namespace Dovel

@@ -6,31 +6,30 @@
 
 namespace Dovel {
 
-FileListThread::FileListThread(AssetBase& asset, ProgressSender* progress)
-    : Basalt::Thread(QStringLiteral("FileListThread")), asset(asset), progress(progress) {}
+FileListThread::FileListThread(FolderIndex& index, ProgressSender* progress)
+    : Basalt::Thread(QStringLiteral("FileListThread")), index(index), progress(progress) {}
 
-FileListThread::FileListThread(AssetBase& asset, uint64_t generation, Done done)
-    : Basalt::Thread(QStringLiteral("FileListThread")), asset(asset), sinceGeneration(true),
+FileListThread::FileListThread(FolderIndex& index, uint64_t generation, Done done)
+    : Basalt::Thread(QStringLiteral("FileListThread")), index(index), sinceGeneration(true),
       generation(generation), done(std::move(done)) {}
 
 FileListThread::~FileListThread() {
     waitEnd(-1);
 }
 
-AssetBase::FileList FileListThread::result() const {
+FileList FileListThread::result() const {
     Basalt::Guard guard(mutex);
     return list;
 }
 
 void FileListThread::childLoop() {
-    AssetBase::FileList built;
+    FileList built;
     QString error;
     try {
-        built = sinceGeneration ? asset.fileListBuiltSince(generation, progress)
-                                : asset.buildFileList(progress);
+        built = sinceGeneration ? index.builtSince(generation, progress) : index.build(progress);
     } catch (const std::exception& e) {
         Basalt::Trace::error("FileListThread::childLoop # Listing '%s' failed: %s",
-                             asset.root().toUtf8().constData(), e.what());
+                             index.root().toUtf8().constData(), e.what());
         error = QStringLiteral("the local folder could not be listed");
     }
     {

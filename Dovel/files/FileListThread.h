@@ -1,12 +1,12 @@
-// Builds the file list of an AssetBase on a thread of its own, so that hashing a large
+// Builds the file list of a FolderIndex on a thread of its own, so that hashing a large
 // folder does not hold up the caller: a pull lists its folder while it logs in. The
-// asset folder and the progress sender must outlive the thread; the destructor waits for
+// index and the progress sender must outlive the thread; the destructor waits for
 // its end (unless it runs on the thread itself, from the completion callback: the
 // callback is the last thing the thread does with this object). result() is
 // thread-safe.
 #pragma once
 
-#include "Dovel/files/AssetBase.h"
+#include "Dovel/files/FolderIndex.h"
 
 #include "Basalt/Mutex.h"
 #include "Basalt/Thread.h"
@@ -24,29 +24,29 @@ class FileListThread : public Basalt::Thread {
 public:
     // Called on the listing thread with the list, or with an empty list and why the
     // folder could not be listed.
-    using Done = std::function<void(const AssetBase::FileList& list, const QString& error)>;
+    using Done = std::function<void(const FileList& list, const QString& error)>;
 
-    // A new build of the list (AssetBase::buildFileList).
-    explicit FileListThread(AssetBase& asset, ProgressSender* progress = nullptr);
-    // The list of a build begun after `generation` (AssetBase::fileListBuiltSince), then
+    // A new build of the list (FolderIndex::build).
+    explicit FileListThread(FolderIndex& index, ProgressSender* progress = nullptr);
+    // The list of a build begun after `generation` (FolderIndex::builtSince), then
     // `done`.
-    FileListThread(AssetBase& asset, uint64_t generation, Done done);
+    FileListThread(FolderIndex& index, uint64_t generation, Done done);
     ~FileListThread() override;
 
     // The list of the last finished build (empty before).
-    AssetBase::FileList result() const;
+    FileList result() const;
 
 protected:
     void childLoop() override;
 
 private:
-    AssetBase& asset;
+    FolderIndex& index;
     ProgressSender* const progress = nullptr;
     const bool sinceGeneration = false;
     const uint64_t generation = 0;
     const Done done;
     mutable Basalt::Mutex mutex;
-    AssetBase::FileList list; // guarded by mutex
+    FileList list; // guarded by mutex
 };
 
 } // namespace Dovel

@@ -2,8 +2,8 @@
 
 #include "Dovel/Limits.h"
 #include "Dovel/files/AssetBase.h"
+#include "Dovel/files/PathPolicy.h"
 
-#include "Basalt/BGThread.h"
 #include "Basalt/BinaryData.h"
 #include "Basalt/FileWriter.h"
 #include "Basalt/Trace.h"
@@ -11,7 +11,6 @@
 #include <QDir>
 #include <QFileInfo>
 
-#include <atomic>
 #include <cmath>
 
 #include <stdio.h>
@@ -21,30 +20,12 @@ namespace Dovel {
 namespace {
 
 const QString Name = QStringLiteral("\"((?:/[^?*<>:\"]+)+)\"");
-// Pause of an upload that found its queue locked for a moment.
-constexpr double UploadRetrySeconds = 0.002;
-// An upload waiting for the writer to drain is woken by the writer; this pause only
-// backs that up (a connection that ends wakes nothing).
-constexpr double DrainBackupSeconds = 1.0;
-
 QRegularExpression pattern(const QString& text) {
     return QRegularExpression(text.arg(Name));
 }
 
 QByteArray utf8(const QString& text) {
     return text.toUtf8();
-}
-
-// Connection times tag downloads; two connections never share one.
-Basalt::TimeStamp uniqueStamp() {
-    static std::atomic<int64_t> last{0};
-    int64_t now = Basalt::TimeStamp::currentTime().value();
-    int64_t previous = last.load();
-    for (;;) {
-        const int64_t next = std::max(now, previous + 1);
-        if (last.compare_exchange_weak(previous, next))
-            return Basalt::TimeStamp(next);
-    }
 }
 
 } // namespace
@@ -56,18 +37,17 @@ FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverS
       sendFileInfoPattern(pattern(QStringLiteral("^sendfileinfo %1$"))),
       filePartPattern(pattern(QStringLiteral("^filepart %1 (\\d+) (\\d+)$"))),
       sendPartsPattern(pattern(QStringLiteral("^sendparts %1$"))),
-      hashes(HashThreads, [&asset](const QString& name, const QByteArray& bytes) {
-          asset.downloadListAddHashData(name, bytes);
-      }) {
+      hashes(HashThreads,
+             [&asset](const QString& name, const QByteArray& bytes) {
+                 asset.downloads().addHashData(name, bytes);
+             }),
+      uploader(*this, PartSize) {
     setTimeoutSeconds(60.0);
     eventAddOut(QByteArrayLiteral("file-info"));
 }
 
 FileTransferHandler::~FileTransferHandler() {
     shutdown();
-    Basalt::Guard guard(uploadMutex);
-    if (uploadTask)
-        uploadTask->cancel(); // it holds us weakly: a later run would find nothing
 }
 
 // ---- wire lines ----
@@ -151,7 +131,7 @@ bool FileTransferHandler::parse(const QString& line) {
 }
 
 void FileTransferHandler::connected() {
-    connectedAt = uniqueStamp();
+    connectionId = DownloadLedger::newConnectionId();
 }
 
 bool FileTransferHandler::wantsIdle() {
@@ -177,7 +157,7 @@ void FileTransferHandler::idle() {
 
 void FileTransferHandler::disconnected() {
     settleReceiving();
-    assetBase.clearDownloadList(connectedAt);
+    assetBase.downloads().clear(connectionId);
     receivedCounts.clear();
 }
 
@@ -199,7 +179,7 @@ void FileTransferHandler::downloadFinished(const QString&, bool) {}
 
 QString FileTransferHandler::servablePath(const QString& name, const char* operation) const {
     // The one name policy of the folder: what it lists is what it serves.
-    if (!AssetBase::isCarriableName(name)) {
+    if (!PathPolicy::isCarriableName(name)) {
         Basalt::Trace::warning("FileTransferHandler::%s # Refusing '%s': not a name the file "
                                "protocol carries",
                                operation, name.toUtf8().constData());
@@ -207,7 +187,7 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
     }
     const QString rootDir = rootDirectory();
     if (rootDir == assetBase.root()) {
-        const QString plain = AssetBase::linkFreeFile(rootDir, name);
+        const QString plain = PathPolicy::linkFreeFile(rootDir, name);
         if (!plain.isEmpty())
             return plain;
     }
@@ -219,7 +199,7 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
         return QString();
     }
     const QString canonical = info.canonicalFilePath();
-    if (!AssetBase::isInside(canonicalRoot(rootDir), canonical) || !info.isFile()) {
+    if (!PathPolicy::isInside(canonicalRoot(rootDir), canonical) || !info.isFile()) {
         Basalt::Trace::warning("FileTransferHandler::%s # Refusing '%s': it is not a file "
                                "inside the shared folder",
                                operation, name.toUtf8().constData());
@@ -230,8 +210,8 @@ QString FileTransferHandler::servablePath(const QString& name, const char* opera
 
 QString FileTransferHandler::targetPath(const QString& name) const {
     const QString root = canonicalRoot(rootDirectory());
-    return assetBase.leavesLinksAlone() ? AssetBase::resolveLinkFree(root, name)
-                                        : AssetBase::resolveInside(root, name);
+    return assetBase.index().leavesLinksAlone() ? PathPolicy::resolveLinkFree(root, name)
+                                                : PathPolicy::resolveInside(root, name);
 }
 
 QString FileTransferHandler::canonicalRoot(const QString& rootDir) const {
@@ -273,7 +253,7 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
     }
     // Peers count parts in single precision, which undercounts some files above 16 MiB;
     // the exact count keeps such a file from failing.
-    const int64_t exactParts = AssetBase::partCount(size, partSize);
+    const int64_t exactParts = PathPolicy::partCount(size, partSize);
     if (parts != exactParts) {
         Basalt::Trace::debug("FileTransferHandler::receiveFileInfo # '%s' announces %lld parts, "
                              "expecting %lld",
@@ -299,8 +279,8 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
 void FileTransferHandler::startDownload(const Described& download) {
     if (incoming.isEmpty())
         sinceProgress.restart(); // the wait for parts starts here
-    if (assetBase.addFileToDownloadList(download.name, download.size, download.parts, download.md5,
-                                        connectedAt)) {
+    if (assetBase.downloads().add(download.name, download.size, download.parts, download.md5,
+                                  connectionId)) {
         incoming.insert(download.name);
         requestFileParts(download.name);
         return;
@@ -331,7 +311,7 @@ FileTransferHandler::Receiving* FileTransferHandler::receivingFile(const QString
         return nullptr;
     auto made = std::make_unique<Receiving>();
     made->target = target;
-    made->temp = AssetBase::tempPathFor(target);
+    made->temp = PathPolicy::tempPathFor(target);
     // Another name may lead to the same file (through a link, or a case-insensitive file
     // system): a download waiting for its hash there ends before the file is made again.
     if (!finishing.empty() && QFileInfo::exists(made->temp)) {
@@ -395,8 +375,8 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
 
     settleFinishing(name);
     // Only parts asked for: the rest would open files beyond the cap.
-    const bool downloading = incoming.contains(name) && assetBase.isDownloading(name);
-    const int64_t expected = assetBase.currentParts(name) + 1;
+    const bool downloading = incoming.contains(name) && assetBase.downloads().isDownloading(name);
+    const int64_t expected = assetBase.downloads().currentParts(name) + 1;
     if (!downloading || part != expected) {
         Basalt::Trace::warning("received file part %lld but we expected %lld: '%s'",
                                static_cast<long long>(part), static_cast<long long>(expected),
@@ -422,9 +402,9 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
     }
     file->written += bytes;
 
-    assetBase.increasePartCount(name);
-    const int64_t current = assetBase.currentParts(name);
-    const int64_t total = assetBase.totalParts(name);
+    assetBase.downloads().increasePartCount(name);
+    const int64_t current = assetBase.downloads().currentParts(name);
+    const int64_t total = assetBase.downloads().totalParts(name);
     const bool last = current == total || total == 0;
     hashes.written(name, file->written, last);
     int64_t& count = receivedCounts[name];
@@ -457,7 +437,8 @@ void FileTransferHandler::finishDownload(const Finishing& download) {
         Basalt::Trace::warning("FileTransferHandler::finishDownload # '%s' would now land "
                                "elsewhere; not renamed",
                                name.toUtf8().constData());
-    } else if (assetBase.downloadListMD5(name) == assetBase.downloadListPartMD5(name)) {
+    } else if (assetBase.downloads().announcedMd5(name) ==
+               assetBase.downloads().receivedMd5(name)) {
         Basalt::FileWriter writing(target);
         // One step that replaces the old file: no moment without it, whenever the pull
         // is killed (QFile::rename does not replace, and remove-then-rename leaves a gap).
@@ -471,7 +452,7 @@ void FileTransferHandler::finishDownload(const Finishing& download) {
     }
     if (renamed) {
         QFile::remove(temp); // nothing is left there after a rename
-        assetBase.removeFileFromDownloadList(name, true);
+        assetBase.endDownload(name, true);
         downloadFinished(name, true);
     } else {
         failDownload(name, true);
@@ -486,11 +467,11 @@ void FileTransferHandler::failDownload(const QString& name, bool mayTouchFiles) 
     if (mayTouchFiles) {
         const QString target = targetPath(name);
         if (!target.isEmpty())
-            QFile::remove(AssetBase::tempPathFor(target));
+            QFile::remove(PathPolicy::tempPathFor(target));
     }
     receivedCounts.remove(name);
     Basalt::Trace::warning("File Download for '%s' failed", name.toUtf8().constData());
-    if (assetBase.removeFileFromDownloadList(name, false))
+    if (assetBase.endDownload(name, false))
         downloadFinished(name, false);
     if (wasIncoming)
         startWaitingDownloads();
@@ -502,7 +483,7 @@ bool FileTransferHandler::sendFileInfo(const QString& name) {
     const QString path = servablePath(name, "sendFileInfo");
     if (path.isEmpty())
         return false;
-    const QString sum = assetBase.md5(name);
+    const QString sum = assetBase.index().md5(name);
     if (sum.isEmpty()) {
         Basalt::Trace::warning("FileTransferHandler::sendFileInfo # Cannot read '%s'",
                                name.toUtf8().constData());
@@ -515,148 +496,8 @@ bool FileTransferHandler::sendFileInfo(const QString& name) {
 
 void FileTransferHandler::startFilePartsUploadTask(const QString& name) {
     const QString path = servablePath(name, "startFilePartsUploadTask");
-    if (path.isEmpty())
-        return;
-    const int64_t charge =
-        Limits::UploadEntryBytes + name.toUtf8().size() + QFile::encodeName(path).size();
-    Basalt::Guard guard(uploadMutex);
-    if (uploadQueueBytes + charge > Limits::MaxUploadQueueBytes) {
-        Basalt::Trace::warning("FileTransferHandler::startFilePartsUploadTask # Upload queue "
-                               "full, dropping '%s'",
-                               name.toUtf8().constData());
-        return;
-    }
-    uploadQueueBytes += charge;
-    uploadQueue.append(qMakePair(name, path));
-    if (uploadTask)
-        return;
-    const std::weak_ptr<ConnectionThread> weak = weak_from_this();
-    uploadTask = std::make_shared<Basalt::FunctionTask>(
-        [weak](Basalt::Task& task) {
-            const std::shared_ptr<ConnectionThread> self = weak.lock();
-            if (!self)
-                return;
-            auto* handler = static_cast<FileTransferHandler*>(self.get());
-            switch (handler->sendFileParts()) {
-            case SendStatus::Busy:
-                task.scheduleFromNowSecs(UploadRetrySeconds);
-                break;
-            case SendStatus::MoreLater: {
-                // Half the writer's backlog gone: the next parts go.
-                task.scheduleFromNowSecs(DrainBackupSeconds);
-                std::weak_ptr<Basalt::Task> again = task.shared_from_this();
-                if (!handler->writerThread()->callWhenDrained(MaxBufferedUpload / 2, [again] {
-                        if (const std::shared_ptr<Basalt::Task> wake = again.lock())
-                            wake->scheduleFromNowSecs(0.0);
-                    }))
-                    task.scheduleFromNowSecs(0.0);
-                break;
-            }
-            case SendStatus::Done:
-                break;
-            }
-        },
-        1.0f);
-    if (std::shared_ptr<Basalt::BGThread> background = Basalt::BGThread::instance())
-        background->add(uploadTask);
-}
-
-FileTransferHandler::SendStatus FileTransferHandler::sendFileParts() {
-    for (;;) {
-        if (!isConnected()) {
-            dropUploads();
-            return SendStatus::Done;
-        }
-        if (bufferedDataSize() >= MaxBufferedUpload)
-            return SendStatus::MoreLater;
-        if (!uploadFile.isOpen()) {
-            if (!uploadMutex.tryLock())
-                return SendStatus::Busy;
-            if (uploadQueue.isEmpty()) {
-                uploadBuffers.clear();
-                const std::shared_ptr<Basalt::Task> ending = std::move(uploadTask);
-                uploadTask.reset();
-                uploadMutex.unlock();
-                return SendStatus::Done;
-            }
-            const QPair<QString, QString> next = uploadQueue.takeFirst();
-            uploadQueueBytes -= Limits::UploadEntryBytes + next.first.toUtf8().size() +
-                                QFile::encodeName(next.second).size();
-            uploadMutex.unlock();
-            currentUpload = next.first;
-            uploadFile.setFileName(next.second);
-            if (!startSendingfileParts())
-                continue;
-        }
-        if (continueSendingFileParts() == SendStatus::MoreLater)
-            return SendStatus::MoreLater;
-    }
-}
-
-bool FileTransferHandler::startSendingfileParts() {
-    if (uploadFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return true;
-    Basalt::Trace::warning("FileTransferHandler::startSendingfileParts # Failed to open file "
-                           "'%s': %s",
-                           currentUpload.toUtf8().constData(),
-                           uploadFile.errorString().toUtf8().constData());
-    return false;
-}
-
-FileTransferHandler::SendStatus FileTransferHandler::continueSendingFileParts() {
-    if (uploadFile.size() == 0) {
-        writeBufferData(filePartLine(currentUpload, 0, 1), QByteArray());
-        uploadFile.close();
-        return SendStatus::Done;
-    }
-    while (!uploadFile.atEnd()) {
-        if (!isConnected() || bufferedDataSize() >= MaxBufferedUpload)
-            return SendStatus::MoreLater;
-        const int64_t part = uploadFile.pos() / partSize + 1;
-        QByteArray bytes = uploadBuffer();
-        const int64_t got = uploadFile.read(bytes.data(), partSize);
-        bytes.resize(int(std::max<int64_t>(got, 0)));
-        if (bytes.isEmpty()) {
-            Basalt::Trace::warning("FileTransferHandler::continueSendingFileParts # Failed to "
-                                   "read file '%s': %s",
-                                   uploadFile.fileName().toUtf8().constData(),
-                                   uploadFile.errorString().toUtf8().constData());
-            uploadFile.close();
-            return SendStatus::Done;
-        }
-        writeBuffer(QList<QByteArray>{filePartLine(currentUpload, bytes.size(), part), bytes},
-                    QByteArray());
-        uploadBuffers.push_back(std::move(bytes));
-        if (int64_t(uploadBuffers.size()) > 2 * MaxBufferedUpload / partSize)
-            uploadBuffers.pop_front(); // held elsewhere for long: no longer ours to reuse
-    }
-    uploadFile.close();
-    return SendStatus::Done;
-}
-
-QByteArray FileTransferHandler::uploadBuffer() {
-    // The writer lets go of parts in the order they were handed to it. The count is
-    // read with acquire order: the writer's release of its copy, after its last send of
-    // the bytes, must happen before we write into them again (isDetached() reads it
-    // relaxed, which orders nothing).
-    if (!uploadBuffers.empty() && uploadBuffers.front().data_ptr()->ref.atomic.loadAcquire() == 1) {
-        QByteArray reused = std::move(uploadBuffers.front());
-        uploadBuffers.pop_front();
-        reused.resize(int(partSize));
-        return reused;
-    }
-    return QByteArray(int(partSize), Qt::Uninitialized);
-}
-
-void FileTransferHandler::dropUploads() {
-    uploadFile.close();
-    uploadBuffers.clear();
-    std::shared_ptr<Basalt::Task> ending;
-    Basalt::Guard guard(uploadMutex);
-    uploadQueue.clear();
-    uploadQueueBytes = 0;
-    ending = std::move(uploadTask);
-    uploadTask.reset();
+    if (!path.isEmpty())
+        uploader.enqueue(name, path);
 }
 
 } // namespace Dovel

@@ -6,7 +6,7 @@
 //   sendparts "NAME"                 ask for all parts of the file
 //   filepart "NAME" COUNT N          part N (from 1) follows: exactly COUNT raw bytes
 //
-// The receiver writes parts to NAME + ".filesync.part" (AssetBase::tempPathFor), checks
+// The receiver writes parts to NAME + ".filesync.part" (PathPolicy::tempPathFor), checks
 // the whole file's MD5 and renames it into place. Downloads whose parts stop coming for
 // the connection's time-out fail. The sender never hands out a file whose name holds ".."
 // or whose path leaves the folder (symbolic links are resolved): such a request is
@@ -18,24 +18,20 @@
 // (its MD5 checked, the file renamed into place) once its hash is done, at the next line
 // or when the peer is quiet, so that the next file arrives meanwhile; the last download
 // expected waits for every hash, and a line about a finishing download's name (or a new
-// file at the same place) waits for that one. Uploads run on the
-// background task thread and go out through the writer, pausing while 32 MiB are still unsent. The
-// upload queue is guarded by `uploadMutex`. The asset folder must outlive the handler; a subclass
-// calls shutdown() first in its destructor.
+// file at the same place) waits for that one. Uploads are the FileUploader's: its task
+// on the background pool sends the parts asked for. The asset folder must outlive the
+// handler; a subclass calls shutdown() first in its destructor.
 #pragma once
 
 #include "Dovel/files/DownloadHasher.h"
+#include "Dovel/files/DownloadLedger.h"
+#include "Dovel/files/FileUploader.h"
 #include "Dovel/transport/ConnectionThread.h"
 
-#include "Basalt/Mutex.h"
 #include "Basalt/Stopwatch.h"
-#include "Basalt/Task.h"
-#include "Basalt/TimeStamp.h"
 
 #include <QFile>
 #include <QHash>
-#include <QList>
-#include <QPair>
 #include <QRegularExpression>
 #include <QSet>
 #include <QString>
@@ -52,25 +48,13 @@ class AssetBase;
 class FileTransferHandler : public ConnectionThread {
 public:
     static constexpr int64_t PartSize = 65536;
-    // An upload pauses while this much is waiting in the writer.
-    static constexpr int64_t MaxBufferedUpload = 32 << 20;
     // Progress is reported every this many parts (and at the last).
     static constexpr int64_t ProgressPeriod = 20;
     // Downloads whose MD5 may run at once, each on a thread.
     static constexpr int HashThreads = 2;
 
-    enum class SendStatus {
-        MoreLater, // something is left; run again once the writer has drained
-        Busy,      // the queue is locked elsewhere for a moment; run again shortly
-        Done,      // the queue is empty and no file is open
-    };
-
     FileTransferHandler(Basalt::TCPSocket* socket, bool serverSide, AssetBase& asset);
     ~FileTransferHandler() override;
-
-    // Sends parts of the current upload until the writer is full; called by the upload
-    // task on the background thread.
-    SendStatus sendFileParts();
 
     // The wire lines, "\n" included.
     static QByteArray sendFileInfoLine(const QString& name);
@@ -108,8 +92,6 @@ protected:
     // to end) / has ended.
     virtual void downloadStarted(const QString& name, int64_t size);
     virtual void downloadFinished(const QString& name, bool success);
-
-    Basalt::TimeStamp connectionTime() const { return connectedAt; }
 
 private:
     void requestFileParts(const QString& name);
@@ -160,20 +142,15 @@ private:
     QString targetPath(const QString& name) const;
     QString canonicalRoot(const QString& rootDir) const;
 
+    // Answers "sendparts": queues the file for the uploader when it may be handed out.
     void startFilePartsUploadTask(const QString& name);
-    bool startSendingfileParts();
-    SendStatus continueSendingFileParts();
-    // A buffer of one part for the next read: the oldest one handed to the writer once
-    // the writer is done with it, else a new one. Reusing them keeps an upload from
-    // allocating (and the allocator from returning and faulting in) 64 KiB per part.
-    QByteArray uploadBuffer();
-    void dropUploads();
 
     const int64_t partSize = PartSize;
     AssetBase& assetBase;
     const int64_t progressPeriod = ProgressPeriod;
     QHash<QString, int64_t> receivedCounts; // the connection's thread only
-    Basalt::TimeStamp connectedAt;          // the connection's thread only
+    // Owns this connection's downloads; new at every connection. Its thread only.
+    ConnectionId connectionId = 0;
 
     const QRegularExpression fileInfoPattern;
     const QRegularExpression sendFileInfoPattern;
@@ -191,18 +168,7 @@ private:
     DownloadHasher hashes;
     Basalt::Stopwatch sinceProgress; // since the last part came (or the wait began)
 
-    Basalt::Mutex uploadMutex;
-    std::shared_ptr<Basalt::Task> uploadTask; // guarded by uploadMutex
-    // Names waiting to be sent, with the paths they were checked to resolve to, and
-    // their charge against Limits::MaxUploadQueueBytes.
-    QList<QPair<QString, QString>> uploadQueue; // guarded by uploadMutex
-    int64_t uploadQueueBytes = 0;               // guarded by uploadMutex
-    // The upload being sent: only the upload task touches them.
-    QString currentUpload;
-    QFile uploadFile;
-    // Parts handed to the writer, oldest first, for uploadBuffer(); at most twice
-    // MaxBufferedUpload of them are tracked.
-    std::deque<QByteArray> uploadBuffers;
+    FileUploader uploader; // sends the parts asked for
 };
 
 } // namespace Dovel

@@ -4,6 +4,7 @@
 
 #include "Dovel/Limits.h"
 #include "Dovel/files/AssetBase.h"
+#include "Dovel/files/PathPolicy.h"
 
 #include "Basalt/Stopwatch.h"
 #include "Basalt/Trace.h"
@@ -43,7 +44,7 @@ bool parseDescription(const QString& text, int64_t& size, QString& md5) {
 FolderPullConnection::FolderPullConnection(AssetBase& asset, bool deleteExtra)
     : FileTransferHandler(nullptr, false, asset), deleteExtra(deleteExtra) {
     setKeepRetrying(false);
-    asset.leaveLinksAlone(); // a pull writes and removes only the paths names name
+    asset.index().leaveLinksAlone(); // a pull writes and removes only the paths names name
 }
 
 FolderPullConnection::~FolderPullConnection() {
@@ -62,7 +63,7 @@ void FolderPullConnection::setProgressCallback(std::function<void(const Progress
 }
 
 void FolderPullConnection::start(const QString& host, int port) {
-    start(host, port, asset().buildGeneration());
+    start(host, port, asset().index().generation());
 }
 
 void FolderPullConnection::start(const QString& host, int port, uint64_t generation) {
@@ -75,15 +76,15 @@ void FolderPullConnection::start(const QString& host, int port, uint64_t generat
         finish(false, locked);
         return;
     }
-    asset().removeLeftoverParts(); // of an earlier pull that did not finish
+    asset().downloads().removeLeftoverParts(); // of an earlier pull that did not finish
     // The comparison may need the connection's shared pointer (the remove queue holds
     // it), so the listing thread holds one while it compares, unless the connection is
     // being destroyed by then.
     const std::weak_ptr<ConnectionThread> weak = weak_from_this();
     const bool shared = !weak.expired();
     lister = std::make_unique<FileListThread>(
-        asset(), generation,
-        [this, weak, shared](const AssetBase::FileList& list, const QString& error) {
+        asset().index(), generation,
+        [this, weak, shared](const FileList& list, const QString& error) {
             if (!error.isEmpty()) {
                 Basalt::Guard guard(protocolMutex);
                 finish(false, error);
@@ -142,7 +143,7 @@ bool FolderPullConnection::parse(const QString& line) {
     if (line.startsWith(QLatin1String("fileskipped "))) {
         // A file of the server's that the protocol cannot carry: the mirror cannot be
         // complete, and the result says which.
-        if (uncarried.size() < AssetBase::MaxUncarriableNames)
+        if (uncarried.size() < FolderIndex::MaxUncarriableNames)
             uncarried.append(
                 QString::fromUtf8(QByteArray::fromPercentEncoding(line.mid(12).toUtf8())));
         return true;
@@ -192,7 +193,7 @@ bool FolderPullConnection::receiveList(const QString& countText) {
         int64_t size = 0;
         QString md5;
         const bool described = parseDescription(it.value(), size, md5);
-        if (!AssetBase::isCarriableName(it.key()) || !described) {
+        if (!PathPolicy::isCarriableName(it.key()) || !described) {
             Basalt::Trace::warning("FolderPullConnection::receiveList # Skipping '%s': not a "
                                    "name and description the file protocol can carry",
                                    it.key().toUtf8().constData());
@@ -221,7 +222,7 @@ void FolderPullConnection::receiveListEnd(const QString& totalText) {
         compareAndRequest();
 }
 
-void FolderPullConnection::localListReady(const AssetBase::FileList& list) {
+void FolderPullConnection::localListReady(const FileList& list) {
     Basalt::Guard guard(protocolMutex);
     compared = list;
     localListed = true;
@@ -231,7 +232,7 @@ void FolderPullConnection::localListReady(const AssetBase::FileList& list) {
 }
 
 void FolderPullConnection::compareAndRequest() {
-    const AssetBase::FileList& local = compared;
+    const FileList& local = compared;
     requested = true;
 
     // Null when the owner let go of the pull without stopping it: nothing is removed then.
@@ -349,7 +350,7 @@ void FolderPullConnection::checkDone() {
 
 void FolderPullConnection::verifyAndFinish() {
     // When nothing was fetched or removed, the list just compared is the folder's state.
-    const AssetBase::FileList local = changedHere ? asset().buildFileList(nullptr) : compared;
+    const FileList local = changedHere ? asset().buildFileList(nullptr) : compared;
     QSet<QString> failedSet(failedNames.begin(), failedNames.end());
     for (auto it = serverList.constBegin(); it != serverList.constEnd(); ++it) {
         const auto mine = local.constFind(it.key());

@@ -67,7 +67,7 @@ public:
     void setProgressCallback(std::function<void(const Progress&)> callback);
     // Connects once to host:port and runs the pull; call once. The local folder is
     // walked meanwhile unless the asset holds a list built since `listGeneration`
-    // (AssetBase::buildGeneration(); by default its value now): a caller that has just
+    // (FolderIndex::generation(); by default its value now): a caller that has just
     // built the list spares the walk.
     void start(const QString& host, int port);
     void start(const QString& host, int port, uint64_t listGeneration);
@@ -101,7 +101,7 @@ private:
     bool receiveList(const QString& countText);
     void receiveListEnd(const QString& totalText);
     // Runs on the listing thread; compares when the server's list is complete.
-    void localListReady(const AssetBase::FileList& list);
+    void localListReady(const FileList& list);
     void compareAndRequest();
     void receiveSync();
     void checkDone();
@@ -121,13 +121,13 @@ private:
     // transfer handler calls back into this class.
     Basalt::Mutex protocolMutex;
     QMap<QString, Entry> serverList;
-    AssetBase::FileList compared; // the local list that the requests were made from
-    bool localListed = false;     // `compared` holds the local list
-    bool changedHere = false;     // a file was requested or removed
-    int listEntriesSeen = 0;      // skipped ones included
-    int64_t listBytes = 0;        // charged against Limits::MaxFileListBytes
-    bool listDone = false;        // the server's list is complete
-    bool requested = false;       // the comparison has run and asked for what differs
+    FileList compared;        // the local list that the requests were made from
+    bool localListed = false; // `compared` holds the local list
+    bool changedHere = false; // a file was requested or removed
+    int listEntriesSeen = 0;  // skipped ones included
+    int64_t listBytes = 0;    // charged against Limits::MaxFileListBytes
+    bool listDone = false;    // the server's list is complete
+    bool requested = false;   // the comparison has run and asked for what differs
     bool syncReceived = false;
     QSet<QString> pending;   // requested and not yet finished
     QSet<QString> announced; // described by the server and being downloaded

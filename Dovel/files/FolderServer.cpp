@@ -5,7 +5,8 @@
 namespace Dovel {
 
 FolderServer::FolderServer(const QString& folder)
-    : asset_(std::make_unique<AssetBase>(folder)), list(std::make_unique<ServedList>(*asset_)) {}
+    : asset_(std::make_unique<AssetBase>(folder)),
+      list(std::make_unique<ServedList>(asset_->index())) {}
 
 FolderServer::~FolderServer() {
     shutdown();

@@ -6,7 +6,7 @@
 
 namespace Dovel {
 
-void ServedList::forEachChunk(const AssetBase::FileList& list,
+void ServedList::forEachChunk(const FileList& list,
                               const std::function<void(const QMap<QString, QString>&)>& send) {
     QMap<QString, QString> chunk;
     int64_t chunkBytes = 0;
@@ -35,10 +35,10 @@ QList<QByteArray> ServedList::current(bool binaryMaps) {
     const bool stale =
         !built || (watching ? watch.changed() : builtAt.elapsedSeconds() > MaxAgeSeconds);
     if (stale) {
-        list = asset.buildFileList(nullptr);
+        list = index.build(nullptr);
         // Watched from after the walk: a change during it may show only at the next.
-        watching = watch.watch(asset.foldersOfLastBuild());
-        skipped = asset.uncarriableNames();
+        watching = watch.watch(index.walkedFolders());
+        skipped = index.uncarriableNames();
         builtAt.restart();
         built = true;
         binary.clear();

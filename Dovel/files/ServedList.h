@@ -12,7 +12,7 @@
 #pragma once
 
 #include "Dovel/Limits.h"
-#include "Dovel/files/AssetBase.h"
+#include "Dovel/files/FolderIndex.h"
 #include "Dovel/files/FolderWatch.h"
 
 #include "Basalt/Stopwatch.h"
@@ -36,23 +36,23 @@ public:
     static constexpr int ListChunkBytes = Limits::MaxMapBlockBytes / 2;
 
     // Cuts the list into the maps it is sent as, in name order, and hands each to `send`.
-    static void forEachChunk(const AssetBase::FileList& list,
+    static void forEachChunk(const FileList& list,
                              const std::function<void(const QMap<QString, QString>&)>& send);
 
-    explicit ServedList(AssetBase& asset) : asset(asset) {}
+    explicit ServedList(FolderIndex& index) : index(index) {}
 
     // The lines and maps of the list as it is now (no older than MaxAgeSeconds), maps in
     // the binary form or, for old peers, the text form.
     QList<QByteArray> current(bool binaryMaps);
 
 private:
-    AssetBase& asset;
+    FolderIndex& index;
     std::mutex mutex;
     bool built = false;
     FolderWatch watch;
     bool watching = false;
     Basalt::Stopwatch builtAt;
-    AssetBase::FileList list;
+    FileList list;
     QStringList skipped;
     QList<QByteArray> binary; // made when first asked for
     QList<QByteArray> text;

@@ -17,12 +17,12 @@ using Dovel::ChecksumCacheFile;
 using FilesTest::patternBytes;
 using FilesTest::writeFile;
 
-AssetBase::FileInfo info(int64_t size, char digit, int64_t msecs) {
-    return AssetBase::FileInfo{size, QString(32, QLatin1Char(digit)),
-                               QDateTime::fromMSecsSinceEpoch(msecs, Qt::UTC)};
+Dovel::FileInfo info(int64_t size, char digit, int64_t msecs) {
+    return Dovel::FileInfo{size, QString(32, QLatin1Char(digit)),
+                           QDateTime::fromMSecsSinceEpoch(msecs, Qt::UTC)};
 }
 
-void writeWithQSettings(const QString& array, const AssetBase::FileList& list) {
+void writeWithQSettings(const QString& array, const Dovel::FileList& list) {
     QSettings settings(QStringLiteral("Brevant"), QStringLiteral("Cache"));
     settings.remove(array);
     settings.beginWriteArray(array, list.size());
@@ -38,28 +38,28 @@ void writeWithQSettings(const QString& array, const AssetBase::FileList& list) {
     settings.sync();
 }
 
-AssetBase::FileList readWithQSettings(const QString& array) {
+Dovel::FileList readWithQSettings(const QString& array) {
     QSettings settings(QStringLiteral("Brevant"), QStringLiteral("Cache"));
-    AssetBase::FileList list;
+    Dovel::FileList list;
     const int count = settings.beginReadArray(array);
     for (int i = 0; i < count; ++i) {
         settings.setArrayIndex(i);
         list.insert(
             settings.value(QStringLiteral("file")).toString(),
-            AssetBase::FileInfo{settings.value(QStringLiteral("size")).toLongLong(),
-                                settings.value(QStringLiteral("MD5")).toString(),
-                                QDateTime::fromMSecsSinceEpoch(
-                                    settings.value(QStringLiteral("ts")).toLongLong(), Qt::UTC)});
+            Dovel::FileInfo{settings.value(QStringLiteral("size")).toLongLong(),
+                            settings.value(QStringLiteral("MD5")).toString(),
+                            QDateTime::fromMSecsSinceEpoch(
+                                settings.value(QStringLiteral("ts")).toLongLong(), Qt::UTC)});
     }
     settings.endArray();
     return list;
 }
 
-bool sameLists(const AssetBase::FileList& a, const AssetBase::FileList& b) {
+bool sameLists(const Dovel::FileList& a, const Dovel::FileList& b) {
     if (a.keys() != b.keys())
         return false;
     for (auto it = a.constBegin(); it != a.constEnd(); ++it) {
-        const AssetBase::FileInfo& other = b[it.key()];
+        const Dovel::FileInfo& other = b[it.key()];
         if (it->size != other.size || it->md5 != other.md5 ||
             it->lastModified.toMSecsSinceEpoch() != other.lastModified.toMSecsSinceEpoch())
             return false;
@@ -74,19 +74,19 @@ TEST(ChecksumCacheFile, AgreesWithQSettingsAndKeepsOtherArrays) {
     const QString mine = QStringLiteral("FileList//tmp/cache-test/a.b_c-d");
     const QString inside = mine + QStringLiteral("/sub");
     const QString other = QStringLiteral("FileList//tmp/cache-test/other folder");
-    const AssetBase::FileList odd{{QStringLiteral("/with, comma"), info(1, 'a', 1000)},
-                                  {QStringLiteral("/sp ace/\u00e9t\u00e9"), info(2, 'b', 2000)}};
+    const Dovel::FileList odd{{QStringLiteral("/with, comma"), info(1, 'a', 1000)},
+                              {QStringLiteral("/sp ace/\u00e9t\u00e9"), info(2, 'b', 2000)}};
     writeWithQSettings(other, odd);
     writeWithQSettings(inside, {{QStringLiteral("/x"), info(3, 'c', 3000)}});
 
     // Written line by line, read back by QSettings and by the reader alike.
-    AssetBase::FileList list;
+    Dovel::FileList list;
     for (int i = 0; i < 25; ++i)
         list.insert(QStringLiteral("/d%1/f%2.bin").arg(i % 3).arg(i),
                     info(100 + i, "0123456789abcdef"[i % 16], 1795435539938 + i));
     ASSERT_TRUE(ChecksumCacheFile::write(file, mine, list));
     EXPECT_TRUE(sameLists(readWithQSettings(mine), list));
-    AssetBase::FileList read;
+    Dovel::FileList read;
     int count = -1;
     ASSERT_TRUE(ChecksumCacheFile::read(file, mine, read, count));
     EXPECT_EQ(count, 25);
@@ -115,7 +115,7 @@ TEST(ChecksumCacheFile, AgreesWithQSettingsAndKeepsOtherArrays) {
     EXPECT_TRUE(read.isEmpty());
 }
 
-TEST(ChecksumCacheFile, OddNamesStillReuseTheirChecksums) {
+TEST(SettingsChecksumCache, OddNamesStillReuseTheirChecksums) {
     QTemporaryDir parent;
     ASSERT_TRUE(parent.isValid());
     // A root that QSettings escapes, and names that it quotes or escapes.
@@ -124,16 +124,16 @@ TEST(ChecksumCacheFile, OddNamesStillReuseTheirChecksums) {
                             QStringLiteral("/\u00e9t\u00e9/x y"), QStringLiteral("/@at")};
     for (int i = 0; i < names.size(); ++i)
         ASSERT_TRUE(writeFile(root + names[i], patternBytes(40 + i, i)));
-    AssetBase::FileList first;
+    Dovel::FileList first;
     {
         AssetBase asset(root);
         first = asset.buildFileList();
-        EXPECT_EQ(asset.checksumsComputed(), names.size());
+        EXPECT_EQ(asset.index().checksumsComputed(), names.size());
     }
     AssetBase again(root);
     EXPECT_TRUE(sameLists(again.buildFileList(), first));
-    EXPECT_EQ(again.checksumsComputed(), 0);
-    EXPECT_EQ(again.checksumsReused(), names.size());
+    EXPECT_EQ(again.index().checksumsComputed(), 0);
+    EXPECT_EQ(again.index().checksumsReused(), names.size());
 }
 
 } // namespace

@@ -10,7 +10,6 @@
 #include "Basalt/Condition.h"
 #include "Basalt/Trace.h"
 
-#include <limits>
 #include <thread>
 
 namespace {
@@ -21,7 +20,7 @@ using TransportTest::RawListener;
 const QByteArray AbcMd5 = "900150983cd24fb0d6963f7d28e17f72";
 const QByteArray EmptyMd5 = "d41d8cd98f00b204e9800998ecf8427e";
 
-TEST(FileProtocol, CommandLinesAndPartCounts) {
+TEST(FileProtocol, CommandLinesAndAnnouncedPartCounts) {
     using H = Dovel::FileTransferHandler;
     EXPECT_EQ(H::sendFileInfoLine("/dir/a b.txt"), QByteArray("sendfileinfo \"/dir/a b.txt\"\n"));
     EXPECT_EQ(H::fileInfoLine(65537, "/x", 2, AbcMd5),
@@ -33,28 +32,19 @@ TEST(FileProtocol, CommandLinesAndPartCounts) {
     EXPECT_EQ(H::announcedParts(1), 1);
     EXPECT_EQ(H::announcedParts(65536), 1);
     EXPECT_EQ(H::announcedParts(65537), 2);
-    EXPECT_EQ(Dovel::AssetBase::partCount(16777217, 65536), 257);
-    EXPECT_EQ(Dovel::AssetBase::partCount(std::numeric_limits<int64_t>::max(), 65536),
-              int64_t(1) << 47); // a peer's size near the top does not wrap
-    EXPECT_EQ(Dovel::AssetBase::partCount(65536, 65536), 1);
-
-    EXPECT_TRUE(Dovel::AssetBase::isCarriableName("/a/b c/d.e"));
-    for (const char* bad : {"a", "/a/../b", "/a..b", "//a", "/a/", "/./a", "/a:b", "/a*", "/a?",
-                            "/a\"", "/a<", "/a>", "/a\\b", "/a\nb"})
-        EXPECT_FALSE(Dovel::AssetBase::isCarriableName(bad)) << bad;
 }
 
 TEST(FileProtocol, TheListIsCutIntoMapsOfAtMost4096EntriesThatAPullerTakes) {
     using Serve = Dovel::ServedList;
-    const Dovel::AssetBase::FileInfo info{3, QString::fromLatin1(AbcMd5), {}};
-    auto chunksOf = [](const Dovel::AssetBase::FileList& list) {
+    const Dovel::FileInfo info{3, QString::fromLatin1(AbcMd5), {}};
+    auto chunksOf = [](const Dovel::FileList& list) {
         std::vector<QMap<QString, QString>> chunks;
         Serve::forEachChunk(list,
                             [&](const QMap<QString, QString>& map) { chunks.push_back(map); });
         return chunks;
     };
     // Short names: by count.
-    Dovel::AssetBase::FileList shortNames;
+    Dovel::FileList shortNames;
     for (int i = 0; i < 10000; ++i)
         shortNames.insert(QStringLiteral("/f%1").arg(i, 5, 10, QLatin1Char('0')), info);
     auto chunks = chunksOf(shortNames);
@@ -68,7 +58,7 @@ TEST(FileProtocol, TheListIsCutIntoMapsOfAtMost4096EntriesThatAPullerTakes) {
 
     // 4,096 names of the longest length a puller takes fill more than a map block may
     // hold: they go out in several maps, each one a puller reads, all in name order.
-    Dovel::AssetBase::FileList longNames;
+    Dovel::FileList longNames;
     QMap<QString, QString> asOneMap;
     const QString stem = QLatin1Char('/') + QString(Dovel::Limits::MaxFileNameBytes - 6, 'n');
     for (int i = 0; i < 4096; ++i) {
@@ -300,13 +290,13 @@ TEST(FileProtocol, ReceiverRefusesBadNamesAndFailsPartsOutOfOrder) {
     ASSERT_TRUE(server.send("fileinfo 196608 \"/sub/big\" 3 " + bigMd5 + "\n"));
     EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/sub/big\""));
     ASSERT_TRUE(server.send("filepart \"/sub/big\" 65536 1\n" + big.left(65536)));
-    ASSERT_TRUE(waitUntil([&] { return fed.asset->currentParts("/sub/big") == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloads().currentParts("/sub/big") == 1; }));
     EXPECT_TRUE(QFileInfo::exists(fed.folder + "/sub/big.filesync.part"));
     ASSERT_TRUE(server.send("filepart \"/sub/big\" 65536 3\n" + big.mid(2 * 65536)));
     ASSERT_TRUE(fed.ended("/sub/big failed"));
     EXPECT_TRUE(capture.contains("received file part 3 but we expected 2: '/sub/big'"));
     EXPECT_TRUE(capture.contains("File Download for '/sub/big' failed"));
-    EXPECT_FALSE(fed.asset->isDownloading("/sub/big"));
+    EXPECT_FALSE(fed.asset->downloads().isDownloading("/sub/big"));
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
     EXPECT_FALSE(QFileInfo::exists(fed.folder + "/sub/big"));
 
@@ -433,7 +423,7 @@ TEST(FileProtocol, AFileWhoseHashRunsOnEndsBeforeItsNameIsUsedAgainAndInTheOrder
     EXPECT_EQ(fed.handler->finished(), (QStringList{"/a ok", "/b failed", "/a ok", "/c ok"}));
     EXPECT_TRUE(capture.contains("md5 mismatch for '" + fed.folder + "/b.filesync.part'"));
     EXPECT_EQ(readFile(fed.folder + "/c"), QByteArray("abc"));
-    EXPECT_EQ(fed.asset->downloadCount(), 0);
+    EXPECT_EQ(fed.asset->downloads().count(), 0);
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
 
     // A download whose parts have all come is finished even when the peer goes away
@@ -444,7 +434,7 @@ TEST(FileProtocol, AFileWhoseHashRunsOnEndsBeforeItsNameIsUsedAgainAndInTheOrder
     QFile::remove(fed.folder + "/a");
     ASSERT_TRUE(server.send(partsOf("/a")));
     fed.server.reset();
-    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloadCount() == 0; }));
+    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloads().count() == 0; }));
     EXPECT_EQ(fed.handler->finished().mid(4), QStringList{"/a ok"});
     EXPECT_EQ(readFile(fed.folder + "/a"), a);
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
@@ -462,7 +452,7 @@ TEST(FileProtocol, ADownloadWholeWhileAnotherIsExpectedEndsWhenThePeerFallsQuiet
     ASSERT_TRUE(server.send(a.parts("/a")));
     ASSERT_TRUE(fed.ended("/a ok"));
     EXPECT_EQ(readFile(fed.folder + "/a"), a.bytes);
-    EXPECT_TRUE(fed.asset->isDownloading("/b"));
+    EXPECT_TRUE(fed.asset->downloads().isDownloading("/b"));
 }
 
 TEST(FileProtocol, DroppedConnectionClearsItsDownloads) {
@@ -477,12 +467,12 @@ TEST(FileProtocol, DroppedConnectionClearsItsDownloads) {
     EXPECT_EQ(nextLine(*fed.server), QByteArray("sendparts \"/a/half\""));
     EXPECT_EQ(nextLine(*fed.server), QByteArray("sendparts \"/none\""));
     ASSERT_TRUE(fed.server->send("filepart \"/a/half\" 65536 1\n" + big.left(65536)));
-    ASSERT_TRUE(waitUntil([&] { return fed.asset->currentParts("/a/half") == 1; }));
-    EXPECT_EQ(fed.asset->downloadCount(), 2);
+    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloads().currentParts("/a/half") == 1; }));
+    EXPECT_EQ(fed.asset->downloads().count(), 2);
     EXPECT_EQ(tempFiles(fed.folder).size(), 1);
 
     fed.server.reset(); // the peer goes away mid-transfer
-    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloadCount() == 0; }));
+    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloads().count() == 0; }));
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
     EXPECT_FALSE(QFileInfo::exists(fed.folder + "/a/half"));
 }
@@ -511,7 +501,7 @@ TEST(FileProtocol, UploadPausesWhileThirtyTwoMiBAreUnsent) {
     const auto connections = served.get().instances();
     ASSERT_EQ(connections.size(), 1);
     const auto& connection = connections.first();
-    const int64_t ceiling = Dovel::FileTransferHandler::MaxBufferedUpload;
+    const int64_t ceiling = Dovel::FileUploader::MaxBufferedUpload;
     ASSERT_TRUE(
         waitUntil([&] { return connection->bufferedDataSize() >= ceiling - (1 << 20); }, 20000));
     const uint32_t sentBefore = connection->txBytes();
@@ -562,7 +552,7 @@ TEST(FileProtocol, APullAnswersWhileItsFolderIsListedAndComparesOnceBothListsAre
     const QString folder = base.path() + "/mine";
     ASSERT_TRUE(writeFile(folder + "/same", "abc"));
     Dovel::AssetBase asset(folder);
-    const uint64_t generation = asset.buildGeneration();
+    const uint64_t generation = asset.index().generation();
     HeldBuild held;
     std::thread build([&] { asset.buildFileList(&held); });
     ASSERT_TRUE(waitUntil([&] { return held.hasEntered(); }));
@@ -595,7 +585,7 @@ TEST(FileProtocol, APullAnswersWhileItsFolderIsListedAndComparesOnceBothListsAre
     EXPECT_EQ(result.filesChecked, 2);
     EXPECT_EQ(result.filesTransferred, 1);
     EXPECT_EQ(readFile(folder + "/new"), QByteArray("abc"));
-    EXPECT_EQ(asset.checksumsComputed(), 1); // "/same", by the held build only
+    EXPECT_EQ(asset.index().checksumsComputed(), 1); // "/same", by the held build only
     pull->shutdown();
 }
 

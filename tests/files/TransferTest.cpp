@@ -69,7 +69,7 @@ TEST(FileTransfer, ThousandFilesMirroredThenExactlyTheChangesFollow) {
 
     // One changed (a new size, so that the change shows whatever the clock), one added,
     // one deleted, the last one alone in its folder.
-    const int64_t computedBefore = served.get().asset().checksumsComputed();
+    const int64_t computedBefore = served.get().asset().index().checksumsComputed();
     ASSERT_TRUE(writeFile(source.path() + "/d3/e3/file3.dat", "changed"));
     ASSERT_TRUE(writeFile(source.path() + "/new/added.txt", "added"));
     ASSERT_TRUE(QFile::remove(source.path() + "/solo/only.txt"));
@@ -84,7 +84,7 @@ TEST(FileTransfer, ThousandFilesMirroredThenExactlyTheChangesFollow) {
     EXPECT_FALSE(QFileInfo::exists(target.path() + "/solo")); // emptied, so removed
     EXPECT_TRUE(QFileInfo::exists(target.path() + "/d1"));
     // The server reread only the changed and the added file.
-    EXPECT_EQ(served.get().asset().checksumsComputed() - computedBefore, 2);
+    EXPECT_EQ(served.get().asset().index().checksumsComputed() - computedBefore, 2);
 }
 
 class RecordingProgress : public Dovel::ProgressSender {
@@ -114,14 +114,14 @@ TEST(FileTransfer, ChecksumCacheSurvivesTheAssetAndNoticesChanges) {
         // The first list is built on a FileListThread, reporting as it goes.
         Dovel::AssetBase asset(folder.path());
         RecordingProgress texts;
-        Dovel::FileListThread thread(asset, &texts);
+        Dovel::FileListThread thread(asset.index(), &texts);
         thread.run();
         ASSERT_TRUE(thread.waitEnd(10000));
         const auto list = thread.result();
         EXPECT_EQ(texts.all(), (QStringList{"Scanning directory tree...", "Generated checksums: 20",
                                             "Checksum list generated"}));
         EXPECT_EQ(list.size(), 20);
-        EXPECT_EQ(asset.checksumsComputed(), 20);
+        EXPECT_EQ(asset.index().checksumsComputed(), 20);
         firstSum = list.value("/c/f0").md5;
         EXPECT_EQ(
             firstSum,
@@ -134,8 +134,8 @@ TEST(FileTransfer, ChecksumCacheSurvivesTheAssetAndNoticesChanges) {
     Dovel::AssetBase again(folder.path());
     const auto list = again.buildFileList();
     // ...except the file whose size changed.
-    EXPECT_EQ(again.checksumsComputed(), 1);
-    EXPECT_EQ(again.checksumsReused(), 19);
+    EXPECT_EQ(again.index().checksumsComputed(), 1);
+    EXPECT_EQ(again.index().checksumsReused(), 19);
     EXPECT_TRUE(capture.contains("19 checksums reused, 1 computed"))
         << capture.dump().toStdString();
     EXPECT_EQ(list.value("/c/f0").md5, firstSum);
@@ -148,7 +148,7 @@ TEST(FileTransfer, ChecksumCacheSurvivesTheAssetAndNoticesChanges) {
                                     QFileDevice::FileModificationTime));
     touched.close();
     again.buildFileList();
-    EXPECT_EQ(again.checksumsComputed(), 2);
+    EXPECT_EQ(again.index().checksumsComputed(), 2);
 }
 
 } // namespace
