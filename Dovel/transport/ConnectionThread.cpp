@@ -29,15 +29,19 @@ ConnectionThread::ConnectionThread(Basalt::TCPSocket* socket, bool serverSide)
         // An accepted socket: name the peer in log lines.
         peer.setAddress(socket->peerAddress(), socket->peerPort());
     }
-    // A write that failed ends the link; the reading side finds out at its next read.
-    writer->onWriteError([this] { running.store(false); });
 }
 
 ConnectionThread::~ConnectionThread() {
-    aboutToBeDestroyed(); // deletion listeners see the real type; events stop here
+    notifying.store(false);
+    aboutToBeDestroyed(); // deletion listeners see the real type
     ConnectionThread::shutdown();
     writer.reset();
     delete socket_.exchange(nullptr);
+}
+
+void ConnectionThread::notify(const std::function<void()>& callback) const {
+    if (callback && notifying.load())
+        callback();
 }
 
 void ConnectionThread::shutdown() {
@@ -165,7 +169,7 @@ bool ConnectionThread::openConnection() {
 
 bool ConnectionThread::handshake() {
     LoginHandshake login(
-        {reader,
+        {[this] { return line(); }, [this](int size) { return readData(size); },
          [this](const QByteArray& bytes) { return writeData(bytes.constData(), bytes.size()); },
          [this](const LoginHandshake::Version& v) {
              setRemoteVersion(v.major, v.minor, v.patch, v.suffix);
@@ -211,8 +215,7 @@ void ConnectionThread::handleConnection() {
         closeSocket();
         writer->stop();
         running.store(false);
-        if (listener_.handshakeFailed)
-            listener_.handshakeFailed();
+        notify(listener_.handshakeFailed);
         return;
     }
 
@@ -225,8 +228,7 @@ void ConnectionThread::handleConnection() {
     connected_.store(true);
     connected();
     writer->start();
-    if (listener_.connected)
-        listener_.connected();
+    notify(listener_.connected);
     if (usePing_.load())
         ping(QByteArrayLiteral("initialized"));
     {
@@ -249,8 +251,7 @@ void ConnectionThread::handleConnection() {
     closeSocket();
     writer->waitEnd(-1);
     disconnected();
-    if (listener_.disconnected)
-        listener_.disconnected();
+    notify(listener_.disconnected);
 }
 
 void ConnectionThread::serve() {

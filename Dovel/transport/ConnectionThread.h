@@ -65,7 +65,8 @@ public:
     // login (after the connected() hook), `disconnected` when that connection's reading
     // loop has ended (after disconnected()), and `handshakeFailed` when a login failed,
     // so that an owner can retire a connection that never connected. Empty members are
-    // not called. Set before the thread runs.
+    // not called, and none is once the connection's destructor has begun. Set before the
+    // thread runs.
     struct Listener {
         std::function<void()> connected;
         std::function<void()> disconnected;
@@ -131,7 +132,8 @@ public:
     bool readData(uint8_t* dst, int size);
     bool skip(int size);
     // The map of `count` entries that follows a map line; none when it could not be read
-    // (a map of no entries is a map).
+    // (a map of no entries is a map). A block that holds fewer entries than announced is
+    // logged and yields none but keeps the connection, which stays in frame.
     std::optional<QMap<QString, QString>> readMap(int count);
     // Ends the connection at once, after the caller logged why: from a subclass's framing
     // when the peer announced something it must not send, or from any thread when the
@@ -259,6 +261,12 @@ private:
     std::atomic<double> loginDelay{0.0};
     std::function<void(bool)> loginObserver;
     Listener listener_;
+    // Cleared when destruction begins: the owner hears nothing from a dying connection.
+    std::atomic<bool> notifying{true};
+    // Calls one of listener_'s members while notifying holds.
+    void notify(const std::function<void()>& callback) const;
+    // The writer's report of a failed write: the link is over.
+    void writeFailed() { running.store(false); }
     std::atomic<bool> stallLogged{false};
 
     // The connection's own thread only.

@@ -71,8 +71,9 @@ std::optional<QString> LineReader::line() {
     QByteArray gathered;
     for (;;) {
         if (begin == end && !fill()) {
-            Basalt::Trace::debug("LineReader::line # no reply from %s (could not read from socket)",
-                                 source.peerName().toUtf8().constData());
+            Basalt::Trace::debug(
+                "LineReader::line # no reply from %s (could not read from the stream)",
+                source.peerName().toUtf8().constData());
             fail(Failure::Ended);
             last.clear();
             return std::nullopt;

@@ -5,7 +5,9 @@
 //
 // It reads from a ByteSource, so that the same code runs over a connection's socket and
 // over a fake source in a test. A read that cannot give its value returns none (or
-// false) and records why; the owner takes that with takeFailure() and ends the stream.
+// false) and, when the stream cannot go on, records why; the owner takes that with
+// takeFailure() and ends the stream. (A map block short of its entries is no such case:
+// its bytes were all read and the stream stays in frame.)
 //
 // Threads: not thread-safe; one thread reads (a connection's own thread).
 #pragma once

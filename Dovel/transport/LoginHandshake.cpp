@@ -93,7 +93,7 @@ bool LoginHandshake::serve(const QByteArray& key,
     if (!puts(greeting()) || !link.write(challenge))
         return false;
 
-    QString user = link.reader.line().value_or(QString());
+    QString user = link.line();
     if (user.isEmpty())
         return false; // the peer stalled or went away: no answer
     if (user == UserName) {
@@ -104,10 +104,10 @@ bool LoginHandshake::serve(const QByteArray& key,
         if (!parseGreeting(user, peer))
             return refuse(verdict, user);
         link.peerVersion(peer);
-        user = link.reader.line().value_or(QString());
+        user = link.line();
     }
 
-    const QByteArray proof = link.reader.readData(DigestSize).value_or(QByteArray());
+    const QByteArray proof = link.readData(DigestSize);
     if (proof.size() != DigestSize)
         return false;
     if (sameBytes(user.toUtf8(), UserName.toUtf8()) & sameBytes(proof, expected)) {
@@ -126,7 +126,7 @@ bool LoginHandshake::refuse(const std::function<void(bool, const QString&)>& ver
 }
 
 bool LoginHandshake::logIn(const QByteArray& key, const QString& suffix, PeerFailure& why) {
-    const QString first = link.reader.line().value_or(QString());
+    const QString first = link.line();
     Version peer;
     if (!parseGreeting(first, peer)) {
         Basalt::Trace::warning("Unknown server version '%s', expected \"Heliotrope (1|2).*.*\"",
@@ -136,10 +136,10 @@ bool LoginHandshake::logIn(const QByteArray& key, const QString& suffix, PeerFai
     }
     link.peerVersion(peer);
 
-    const QByteArray head = link.reader.readData(ChallengeSize / 2).value_or(QByteArray());
+    const QByteArray head = link.readData(ChallengeSize / 2);
     if (head.size() != ChallengeSize / 2)
         return false;
-    const QByteArray tail = link.reader.readData(ChallengeSize / 2).value_or(QByteArray());
+    const QByteArray tail = link.readData(ChallengeSize / 2);
     if (tail.size() != ChallengeSize / 2)
         return false;
     const QByteArray proof = digest(head + tail, key);
@@ -152,7 +152,7 @@ bool LoginHandshake::logIn(const QByteArray& key, const QString& suffix, PeerFai
     if (!puts(UserName) || !link.write(proof))
         return false;
 
-    const QString answer = link.reader.line().value_or(QString());
+    const QString answer = link.line();
     if (answer != QLatin1String("ok")) {
         Basalt::Trace::warning("Remote host sent handshake error: %s", answer.toUtf8().constData());
         if (answer == WrongLogin)

@@ -5,13 +5,12 @@
 // and the challenge's second half. The server says "ok" or refuses. The proof keeps the
 // key off the wire but encrypts nothing.
 //
-// It reads through the connection's LineReader and writes through a function that writes
-// to the socket at once; how long the peer may take is the reader's source's to bound.
+// It reads and writes through the connection's functions (Link); how long the peer may
+// take is the connection's to bound.
 //
 // Threads: one handshake on one thread (the connection's own); not thread-safe.
 #pragma once
 
-#include "Dovel/transport/LineReader.h"
 #include "Dovel/transport/PeerFailure.h"
 
 #include <QByteArray>
@@ -31,12 +30,15 @@ public:
         bool atLeast(int major, int minor, int patch) const;
     };
 
-    // What the handshake works through. `write` sends raw bytes and is false once the
-    // connection broke; `peerVersion` hears the peer's version as soon as it is known;
-    // `hungUp` says whether the peer closed its end (to tell a server that would not
-    // have us from one that is no server of ours).
+    // What the handshake works through. `line` and `readData` read the connection and
+    // end it at once when they cannot give their value (an empty result), so that
+    // nothing more goes out after a failed read; `write` sends raw bytes and is false
+    // once the connection broke; `peerVersion` hears the peer's version as soon as it is
+    // known; `hungUp` says whether the peer closed its end (to tell a server that would
+    // not have us from one that is no server of ours).
     struct Link {
-        LineReader& reader;
+        std::function<QString()> line;
+        std::function<QByteArray(int)> readData;
         std::function<bool(const QByteArray&)> write;
         std::function<void(const Version&)> peerVersion;
         std::function<bool()> hungUp;

@@ -176,6 +176,7 @@ void WriterThread::childLoop() {
                                    parent->hostName().toUtf8().constData(), parent->port());
             parent->closeSocket();
             running.store(false);
+            parent->writeFailed(); // the reading side finds out at its next read
             if (writeError)
                 writeError();
             return;
@@ -240,6 +241,7 @@ bool WriterThread::writeItem(const Item& item, Basalt::Stopwatch& pingTime) {
             if (written != chunk) {
                 Basalt::Trace::debug("WriterThread::childLoop # Write error");
                 running.store(false);
+                parent->writeFailed();
                 if (writeError)
                     writeError();
                 return false;

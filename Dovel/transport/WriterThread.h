@@ -59,7 +59,8 @@ public:
     // its output back while the peer reads slowly.
     bool callWhenDrained(int64_t bytes, std::function<void()> callback);
 
-    // A short write or a ping time-out ended the writer (the connection sets this one).
+    // A short write or a ping time-out ended the writer, after the connection was told
+    // (an observer; the connection does not need it).
     void onWriteError(std::function<void()> callback) { writeError = std::move(callback); }
     // A chunk of the item under `key` went to the socket.
     void onDataWritten(std::function<void(const QByteArray& key, int bytes)> callback) {

@@ -85,6 +85,16 @@ TEST(Garbage, EndlessLineIsCutAtTheLimit) {
     flood(*early, endless);
     EXPECT_TRUE(early->waitClosed());
 
+    // Inside the login, after the version line: the peer is told nothing more.
+    auto inLogin = RawPeer::connect(s.server.port());
+    ASSERT_TRUE(inLogin);
+    EXPECT_EQ(inLogin->readLine(), QByteArray("Heliotrope 2.6.1"));
+    EXPECT_EQ(inLogin->readExact(64).size(), 64);
+    inLogin->send("Heliotrope 2.6.1\n");
+    flood(*inLogin, endless);
+    EXPECT_TRUE(inLogin->waitClosed());
+    EXPECT_EQ(inLogin->unread(), QByteArray());
+
     auto late = s.loggedIn(); // in the reading loop
     ASSERT_TRUE(late);
     flood(*late, endless);
@@ -99,7 +109,7 @@ TEST(Garbage, EndlessLineIsCutAtTheLimit) {
     int cuts = 0;
     for (const Basalt::TraceLine& line : trace.lines())
         cuts += cut.match(line.text).hasMatch() ? 1 : 0;
-    EXPECT_EQ(cuts, 2) << trace.dump().toStdString();
+    EXPECT_EQ(cuts, 3) << trace.dump().toStdString();
     EXPECT_TRUE(s.healthy());
 }
 

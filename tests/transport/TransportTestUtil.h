@@ -93,10 +93,14 @@ public:
             if (!sock->isPendingInput(static_cast<unsigned>(left * 1000.0) + 1))
                 continue;
             char scratch[4096];
-            if (sock->read(scratch, sizeof scratch, false) <= 0)
+            const int got = sock->read(scratch, sizeof scratch, false);
+            if (got <= 0)
                 return true;
+            pending.append(scratch, got); // for unread()
         }
     }
+    // What came and was not read (waitClosed keeps what it drains).
+    const QByteArray& unread() const { return pending; }
 
     // True when nothing arrives within `ms`.
     bool quietFor(int ms) { return pending.isEmpty() && !sock->isPendingInput(ms); }

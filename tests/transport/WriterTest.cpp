@@ -16,8 +16,6 @@ struct EventLog {
     QList<QPair<QByteArray, int>> chunks; // the key and size of each chunk written
     int errors = 0;
 
-    // Takes the writer's error callback from its connection: only for writers whose
-    // connection's own thread does not run.
     void attach(Dovel::WriterThread& writer, bool errorsToo = true) {
         writer.onDataWritten([this](const QByteArray& key, int bytes) {
             Basalt::Guard guard(mutex);
