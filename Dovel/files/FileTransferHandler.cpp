@@ -43,7 +43,6 @@ FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverS
              }),
       uploader(*this, PartSize) {
     setTimeoutSeconds(60.0);
-    eventAddOut(QByteArrayLiteral("file-info"));
 }
 
 FileTransferHandler::~FileTransferHandler() {
@@ -238,13 +237,6 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
                                name.toUtf8().constData());
         return;
     }
-    Basalt::BinaryData payload;
-    payload.writeString(name);
-    payload.writeInt64(size);
-    payload.writeInt64(parts);
-    payload.writeString(md5);
-    eventSend(QByteArrayLiteral("file-info"), payload);
-
     if (size < 0 || targetPath(name).isEmpty()) {
         Basalt::Trace::warning("FileTransferHandler::receiveFileInfo # Refusing '%s': no file "
                                "to fetch, or it would land outside the folder",

@@ -33,7 +33,6 @@ ConnectionThread::ConnectionThread(Basalt::TCPSocket* socket, bool serverSide)
 
 ConnectionThread::~ConnectionThread() {
     notifying.store(false);
-    aboutToBeDestroyed(); // deletion listeners see the real type
     ConnectionThread::shutdown();
     writer.reset();
     delete socket_.exchange(nullptr);

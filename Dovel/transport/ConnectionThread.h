@@ -18,8 +18,7 @@
 // destructor, so that no hook runs on a half-destroyed object; a subclass that runs
 // threads of its own overrides shutdown() to call the base's and then wait for them.
 //
-// Events for the owner are the Listener's callbacks, on the connection's thread. The
-// Tessel::Node base is there only for subclasses' own out-events.
+// Events for the owner are the Listener's callbacks, on the connection's thread.
 #pragma once
 
 #include "Dovel/transport/LineReader.h"
@@ -32,7 +31,6 @@
 #include "Basalt/TCPSocket.h"
 #include "Basalt/Thread.h"
 #include "Basalt/TimeStamp.h"
-#include "Tessel/Node.h"
 
 #include <QByteArray>
 #include <QList>
@@ -50,7 +48,6 @@ namespace Dovel {
 class SocketSource;
 
 class ConnectionThread : public Basalt::Thread,
-                         public Tessel::Node,
                          public std::enable_shared_from_this<ConnectionThread> {
 public:
     // The key both ends of a login hold unless the application sets another one.
