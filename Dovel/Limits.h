@@ -127,7 +127,7 @@ constexpr int SliceBookkeepingBytes = 64;
 // (FileTransferHandler::receiveFilePart). Our own parts are 65536 bytes.
 constexpr int MaxFilePartBytes = 1 << 20;
 // Longest file name, in UTF-8 bytes, accepted in a file command or a file list; keeps
-// paths within what file systems take (AssetBase::isCarriableName, FileTransferHandler).
+// paths within what file systems take (PathPolicy::isCarriableName, FileTransferHandler).
 constexpr int MaxFileNameBytes = 4096;
 // Files one connection downloads at once: each holds its temporary file open (and one
 // of the hash's readers). Further descriptions wait, and their parts are asked for as
@@ -135,7 +135,7 @@ constexpr int MaxFileNameBytes = 4096;
 // fails its download.
 constexpr int MaxDownloadsPerConnection = 64;
 // Bytes of the download list of one folder, each entry charged DownloadEntryBytes
-// beside its name's UTF-8 bytes (AssetBase::addFileToDownloadList).
+// beside its name's UTF-8 bytes (DownloadLedger::add).
 constexpr int64_t MaxDownloadListBytes = int64_t(64) << 20;
 constexpr int64_t DownloadEntryBytes = 256;
 // Bytes of one connection's upload queue, each entry charged UploadEntryBytes beside
