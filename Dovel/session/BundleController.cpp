@@ -166,7 +166,7 @@ BundleController::~BundleController() {
     core.reset();
 }
 
-void BundleController::addTask(const Task& task) {
+void BundleController::addTask(Task task) {
     CorePtr target;
     {
         CoreList& list = coreList();
@@ -175,7 +175,9 @@ void BundleController::addTask(const Task& task) {
         if (!target || target->nodeGone->load())
             return;
         Basalt::Guard coreGuard(target->mutex);
-        target->tasks.push_back(task);
+        // Moved, not copied: what the task holds (a received batch's backlog charge)
+        // must go with the one copy that runs.
+        target->tasks.push_back(std::move(task));
     }
     target->wake();
 }

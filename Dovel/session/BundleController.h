@@ -68,7 +68,7 @@ public:
 
     // Queues `task` to run with the core on the tree thread (any thread); dropped
     // silently when the core is gone.
-    void addTask(const Task& task);
+    void addTask(Task task);
     bool isMaster() const { return master; }
     bool isAutoUpdate() const { return autoUpdate; }
     // The core while it lives; null once it is gone.

@@ -179,10 +179,10 @@ void SessionCore::initializeQuerySession() {
     params.reset();
 }
 
-void SessionCore::addTask(const SessionTask& task) {
+void SessionCore::addTask(SessionTask task) {
     {
         Basalt::Guard guard(mutex);
-        tasks.push_back(task);
+        tasks.push_back(std::move(task));
     }
     wake();
 }

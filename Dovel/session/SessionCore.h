@@ -121,7 +121,7 @@ public:
     void finish();
     // Appends a task and wakes the tree thread (any thread). Code outside the core uses
     // BundleController::addTask, which also drops work for a core that is gone.
-    void addTask(const SessionTask& task);
+    void addTask(SessionTask task);
     void wake() const;
     // Marks the end of a pass: what changes from now on wakes the tree thread again.
     void endPass() { changeWakePending.store(false); }
