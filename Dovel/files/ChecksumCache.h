@@ -4,8 +4,9 @@
 // "Brevant"/"Cache", array "FileList/" + root, read and written through
 // ChecksumCacheFile where it can and QSettings otherwise.
 //
-// Threads: one caller at a time per object (FolderIndex calls it under its file list
-// lock); the settings store itself may be shared with other objects and processes.
+// Threads: one caller at a time per object (FolderIndex calls load() from its constructor
+// and store() under its `mutex`); the settings store itself may be shared with other
+// objects and processes.
 #pragma once
 
 #include "Dovel/files/FileList.h"

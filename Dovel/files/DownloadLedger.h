@@ -6,8 +6,8 @@
 //
 // Thread-safe: every operation takes the list's lock (`mutex`); each download's running
 // MD5 has a lock of its own, taken after the list's is released, so that a part being
-// hashed does not hold up the other operations. The ledger calls nothing outside itself
-// while it holds a lock.
+// hashed does not hold up the other operations. Under its lock the ledger does file I/O
+// (removing temporary files, the leftover sweep) and logs, but calls no other Dovel object.
 #pragma once
 
 #include "Basalt/Mutex.h"
