@@ -5,6 +5,7 @@
 #include "Dovel/files/FileTransferHandler.h"
 #include "Dovel/files/ProgressSender.h"
 #include "Dovel/files/ServedList.h"
+#include "Dovel/transport/ConnectionThread.h"
 #include "Dovel/transport/MapBlock.h"
 
 #include "Basalt/Condition.h"
@@ -207,14 +208,11 @@ TEST(FileProtocol, ServerHandsOutNothingOutsideItsFolder) {
                                  "exist. Not uploaded"));
 }
 
-// A client-side handler that records the ends of its downloads.
+// A receiving handler that records the ends of its downloads.
 class RecordingHandler : public Dovel::FileTransferHandler {
 public:
-    explicit RecordingHandler(Dovel::AssetBase& asset)
-        : Dovel::FileTransferHandler(nullptr, false, asset) {
-        setKeepRetrying(false);
-    }
-    ~RecordingHandler() override { shutdown(); }
+    RecordingHandler(Dovel::ConnectionLink& link, Dovel::AssetBase& asset)
+        : Dovel::FileTransferHandler(link, asset) {}
 
     QStringList finished() const {
         Basalt::Guard guard(mutex);
@@ -232,11 +230,12 @@ private:
     QStringList ends;
 };
 
-// A hand-driven server with a RecordingHandler logged in to it.
+// A hand-driven server with a RecordingHandler's connection logged in to it.
 struct FedHandler {
     QTemporaryDir base;
     QString folder;
     std::unique_ptr<Dovel::AssetBase> asset;
+    std::shared_ptr<Dovel::ConnectionThread> connection;
     std::shared_ptr<RecordingHandler> handler;
     std::unique_ptr<RawPeer> server;
     RawListener listener;
@@ -246,11 +245,13 @@ struct FedHandler {
             return false;
         folder = base.path() + "/mine";
         asset = std::make_unique<Dovel::AssetBase>(folder);
-        handler = std::make_shared<RecordingHandler>(*asset);
-        handler->connectToHost("127.0.0.1", listener.port());
+        connection = Dovel::ConnectionThread::create<RecordingHandler>(nullptr, false, *asset);
+        connection->setKeepRetrying(false);
+        handler = Dovel::ConnectionThread::handlerOf<RecordingHandler>(connection);
+        connection->connectToHost("127.0.0.1", listener.port());
         server = listener.accept();
         return server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true) &&
-               waitUntil([this] { return handler->isConnected(); });
+               waitUntil([this] { return connection->isConnected(); });
     }
     bool ended(const QString& entry) {
         return waitUntil([&] { return handler->finished().contains(entry); });
@@ -558,7 +559,7 @@ TEST(FileProtocol, APullAnswersWhileItsFolderIsListedAndComparesOnceBothListsAre
     ASSERT_TRUE(waitUntil([&] { return held.hasEntered(); }));
 
     RawListener listener;
-    auto pull = std::make_shared<Dovel::FolderPullConnection>(asset, false);
+    auto pull = Dovel::FolderPullConnection::create(asset, false);
     pull->start("127.0.0.1", listener.port(), generation);
     auto server = listener.accept();
     ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));
