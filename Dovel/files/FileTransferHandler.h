@@ -14,13 +14,13 @@
 //
 // Threads: lines and parts arrive on the link's reading thread (the connection's), where
 // the hooks run and where parts are written to their temporary files; their MD5 runs on
-// a DownloadHasher's threads, which read the files back. A download whose last part has come is
-// finished (its MD5 checked, the file renamed into place) once its hash is done, at the next line
-// or when the peer is quiet, so that the next file arrives meanwhile; the last download
-// expected waits for every hash, and a line about a finishing download's name (or a new
-// file at the same place) waits for that one. Uploads are the FileUploader's: its task
-// on the background pool sends the parts asked for. The asset folder and the link must
-// outlive the handler.
+// a DownloadHasher's threads, which read the files back. A download whose last part has
+// come is finished (its MD5 checked, the file renamed into place) once its hash is done,
+// at the next line or when the peer is quiet, so that the next file arrives meanwhile;
+// the last download expected waits for every hash, and a line about a finishing
+// download's name (or a new file at the same place) waits for that one. Uploads are the
+// FileUploader's: its task on the background pool sends the parts asked for. The asset
+// folder and the link must outlive the handler.
 #pragma once
 
 #include "Dovel/files/DownloadHasher.h"

@@ -1,12 +1,13 @@
 // The pulling end of a folder mirror: the file-transfer protocol of a client connection
-// that brings a local folder up to date with a FolderServeConnection. After the login it receives
-// the server's file list, asks ("sendfileinfo") for every file that is missing here or
-// differs in size or MD5, optionally removes local files that the server does not have
-// (and the folders left empty), downloads the files, then checks the folder against the
-// list once more (walking it again only when something was fetched or removed). One
-// attempt, no reconnection: the result says what happened. A pull only receives: a
-// server that asks for one of our files ends it. It locks its folder (a second pull
-// into it fails at once), and asks once more for a file whose download failed.
+// that brings a local folder up to date with a FolderServeConnection. After the login it
+// receives the server's file list, asks ("sendfileinfo") for every file that is missing
+// here or differs in size or MD5, optionally removes local files that the server does
+// not have (and the folders left empty), downloads the files, then checks the folder
+// against the list once more (walking it again only when something was fetched or
+// removed). One attempt, no reconnection: the result says what happened. A pull only
+// receives: a server that asks for one of our files ends it. It locks its folder (a
+// second pull into it fails at once), and asks once more for a file whose download
+// failed.
 //
 // The local folder is listed on a thread of the pull's own while it connects and the
 // server lists its folder, so that the two walks overlap and the connection's thread

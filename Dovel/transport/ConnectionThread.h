@@ -83,10 +83,10 @@ public:
 
     // What the owner hears, on the connection's thread: `connected` after a successful
     // login (after the handler's connected()), `disconnected` when that connection's
-    // reading loop has ended (after the handler's disconnected()), and `handshakeFailed` when a
-    // login failed, so that an owner can retire a connection that never connected. Empty members
-    // are not called, and none is once the connection's destructor has begun. Set before the thread
-    // runs.
+    // reading loop has ended (after the handler's disconnected()), and `handshakeFailed`
+    // when a login failed, so that an owner can retire a connection that never
+    // connected. Empty members are not called, and none is once the connection's
+    // destructor has begun. Set before the thread runs.
     struct Listener {
         std::function<void()> connected;
         std::function<void()> disconnected;
