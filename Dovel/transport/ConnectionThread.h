@@ -72,6 +72,7 @@ public:
         connection->setHandler(std::make_unique<H>(*connection, std::forward<Args>(args)...));
         return connection;
     }
+    // The handler the connection owns (never null).
     ConnectionHandler* handler() const { return handler_.get(); }
     // The connection's handler as an H, sharing the connection's ownership; null when it
     // is none.
