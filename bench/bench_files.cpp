@@ -80,7 +80,7 @@ void runMirror(benchmark::State& state, int files, int64_t size) {
         QTemporaryDir target;
         state.ResumeTiming();
         Dovel::AssetBase asset(target.path());
-        auto pull = std::make_shared<Dovel::FolderPullConnection>(asset, false);
+        auto pull = Dovel::FolderPullConnection::create(asset, false);
         pull->start(QStringLiteral("127.0.0.1"), source.server->port());
         pull->waitFinished(-1);
         pull->shutdown();

@@ -231,11 +231,10 @@ inline void feed(int fd, const QByteArray& bytes, const Deadline& deadline) {
 
 // Runs one iteration: our connection `make(socket, serverSide)` talks to a peer that
 // sends `stream` after the optional login. Returns when our side has ended and is gone.
-template <typename Connection, typename Make>
-void run(const Mode& mode, const QByteArray& stream, Make&& make) {
+template <typename Make> void run(const Mode& mode, const QByteArray& stream, Make&& make) {
     Listener& l = listener();
     const Deadline deadline;
-    std::shared_ptr<Connection> connection;
+    std::shared_ptr<Dovel::ConnectionThread> connection;
     int peer = -1;
     if (mode.client) {
         connection = make(nullptr, false);

@@ -28,15 +28,6 @@
 
 namespace {
 
-class Handler : public Dovel::FileTransferHandler {
-public:
-    Handler(Basalt::TCPSocket* socket, bool serverSide, Dovel::AssetBase& asset)
-        : FileTransferHandler(socket, serverSide, asset) {
-        setKeepRetrying(false);
-    }
-    ~Handler() override { shutdown(); }
-};
-
 // Every path below `top` except those below `skip`, with the contents of files.
 QMap<QString, QByteArray> listing(const QString& top, const QString& skip) {
     QMap<QString, QByteArray> entries;
@@ -105,8 +96,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const QByteArray stream(reinterpret_cast<const char*>(data + 1), int(size - 1));
     {
         Dovel::AssetBase asset(folder.root);
-        LinePeer::run<Handler>(mode, stream, [&asset](Basalt::TCPSocket* socket, bool serverSide) {
-            return std::make_shared<Handler>(socket, serverSide, asset);
+        LinePeer::run(mode, stream, [&asset](Basalt::TCPSocket* socket, bool serverSide) {
+            auto connection = Dovel::ConnectionThread::create<Dovel::FileTransferHandler>(
+                socket, serverSide, asset);
+            connection->setKeepRetrying(false);
+            return connection;
         });
     }
     folder.checkOutside();

@@ -1,7 +1,7 @@
 // A peer on the line protocol, against the server side or the client side of a
 // ConnectionThread over a real loopback connection: the greeting, version and login
 // exchange (raw, or done properly by the peer so that the rest reaches the reading
-// loop), ping and pong, and lines that a subclass frames as a subclass would: maps in
+// loop), ping and pong, and lines that a handler frames as a protocol would: maps in
 // the peer's version's form, raw data and skipped bytes. The mode byte is described in
 // LinePeer.h; the rest is what the peer writes. Nothing may escape or leak, and every
 // iteration must end by itself once the peer's bytes are exhausted.
@@ -21,15 +21,10 @@ namespace {
 //   map COUNT    a map of COUNT entries follows (readMap), in the peer's version's form
 //   data COUNT   COUNT raw bytes follow (readData)
 //   skip COUNT   COUNT bytes to discard follow (skip)
-class FramingConnection : public Dovel::ConnectionThread {
+class FramingHandler : public Dovel::ConnectionHandler {
 public:
-    FramingConnection(Basalt::TCPSocket* socket, bool serverSide)
-        : ConnectionThread(socket, serverSide) {
-        setKeepRetrying(false);
-    }
-    ~FramingConnection() override { shutdown(); }
+    using ConnectionHandler::ConnectionHandler;
 
-protected:
     bool parse(const QString& line) override {
         const QStringList words = line.split(QLatin1Char(' '));
         bool ok = false;
@@ -37,11 +32,11 @@ protected:
         if (!ok)
             return false;
         if (words[0] == QLatin1String("map"))
-            readMap(count);
+            link().readMap(count);
         else if (words[0] == QLatin1String("data"))
-            readData(count);
+            link().readData(count);
         else if (words[0] == QLatin1String("skip"))
-            skip(count);
+            link().skip(count);
         else
             return false;
         return true;
@@ -56,8 +51,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     const LinePeer::Mode mode = LinePeer::decodeMode(data[0]);
     const QByteArray stream(reinterpret_cast<const char*>(data + 1), int(size - 1));
-    LinePeer::run<FramingConnection>(mode, stream, [](Basalt::TCPSocket* socket, bool serverSide) {
-        return std::make_shared<FramingConnection>(socket, serverSide);
+    LinePeer::run(mode, stream, [](Basalt::TCPSocket* socket, bool serverSide) {
+        auto connection = Dovel::ConnectionThread::create<FramingHandler>(socket, serverSide);
+        connection->setKeepRetrying(false);
+        return connection;
     });
     return 0;
 }

@@ -30,9 +30,8 @@ QByteArray utf8(const QString& text) {
 
 } // namespace
 
-FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverSide,
-                                         AssetBase& asset)
-    : ConnectionThread(socket, serverSide), assetBase(asset),
+FileTransferHandler::FileTransferHandler(ConnectionLink& link, AssetBase& asset)
+    : ConnectionHandler(link), assetBase(asset),
       fileInfoPattern(pattern(QStringLiteral("^fileinfo (-?\\d+) %1 (\\d+) ([0-9a-f]{32})$"))),
       sendFileInfoPattern(pattern(QStringLiteral("^sendfileinfo %1$"))),
       filePartPattern(pattern(QStringLiteral("^filepart %1 (\\d+) (\\d+)$"))),
@@ -41,13 +40,11 @@ FileTransferHandler::FileTransferHandler(Basalt::TCPSocket* socket, bool serverS
              [&asset](const QString& name, const QByteArray& bytes) {
                  asset.downloads().addHashData(name, bytes);
              }),
-      uploader(*this, PartSize) {
-    setTimeoutSeconds(60.0);
+      uploader(link, PartSize) {
+    link.setTimeoutSeconds(DefaultTimeoutSeconds);
 }
 
-FileTransferHandler::~FileTransferHandler() {
-    shutdown();
-}
+FileTransferHandler::~FileTransferHandler() = default;
 
 // ---- wire lines ----
 
@@ -114,7 +111,7 @@ bool FileTransferHandler::parse(const QString& line) {
                                    match.captured(1).toUtf8().constData(),
                                    match.captured(2).toUtf8().constData(),
                                    Limits::MaxFilePartBytes);
-            stop();
+            link().stop();
             return true;
         }
         receiveFilePart(match.captured(1), bytes, part);
@@ -142,13 +139,13 @@ void FileTransferHandler::idle() {
     // Parts asked for that do not come (the file shrank on the server while it was sent,
     // which the protocol cannot say): those downloads fail, so that the peer's owner can
     // ask again or give up.
-    if (incoming.isEmpty() || sinceProgress.elapsedSeconds() <= timeoutSeconds())
+    if (incoming.isEmpty() || sinceProgress.elapsedSeconds() <= link().timeoutSeconds())
         return;
     for (const QString& name : QStringList(incoming.values())) {
         Basalt::Trace::warning("FileTransferHandler::idle # No part of '%s' came from %s:%d for "
                                "%g s; the file may have changed while it was sent",
-                               name.toUtf8().constData(), hostName().toUtf8().constData(), port(),
-                               timeoutSeconds());
+                               name.toUtf8().constData(), link().hostName().toUtf8().constData(),
+                               link().port(), link().timeoutSeconds());
         failDownload(name, true);
     }
     sinceProgress.restart();
@@ -222,11 +219,11 @@ QString FileTransferHandler::canonicalRoot(const QString& rootDir) const {
 // ---- downloading ----
 
 void FileTransferHandler::requestFileInfo(const QString& name) {
-    writeBufferData(sendFileInfoLine(name), QByteArray());
+    link().writeBufferData(sendFileInfoLine(name), QByteArray());
 }
 
 void FileTransferHandler::requestFileParts(const QString& name) {
-    writeBufferData(sendPartsLine(name), QByteArray());
+    link().writeBufferData(sendPartsLine(name), QByteArray());
 }
 
 void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int64_t parts,
@@ -256,7 +253,8 @@ void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int
     if (!wantsDownload(name)) {
         Basalt::Trace::warning("FileTransferHandler::receiveFileInfo # Refusing '%s' from "
                                "%s:%d: it was not asked for",
-                               name.toUtf8().constData(), hostName().toUtf8().constData(), port());
+                               name.toUtf8().constData(), link().hostName().toUtf8().constData(),
+                               link().port());
         return;
     }
     downloadStarted(name, size);
@@ -362,7 +360,7 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
     sinceProgress.restart();
     // The bytes come first, so that the stream stays framed whatever happens next.
     partBuffer.resize(int(bytes));
-    if (!readData(reinterpret_cast<uint8_t*>(partBuffer.data()), int(bytes)))
+    if (!link().readData(reinterpret_cast<uint8_t*>(partBuffer.data()), int(bytes)))
         return; // the connection has ended; disconnected() clears its downloads
 
     settleFinishing(name);
@@ -482,7 +480,7 @@ bool FileTransferHandler::sendFileInfo(const QString& name) {
         return false;
     }
     const int64_t size = QFileInfo(path).size();
-    writeBufferData(fileInfoLine(size, name, announcedParts(size), sum), QByteArray());
+    link().writeBufferData(fileInfoLine(size, name, announcedParts(size), sum), QByteArray());
     return true;
 }
 

@@ -1,4 +1,4 @@
-// A connection that copies files of an asset folder between two peers over the line
+// The protocol that copies files of an asset folder between two peers over the line
 // protocol. Commands (names are relative to the folder, quoted, beginning with "/"):
 //
 //   sendfileinfo "NAME"              ask for a file's description
@@ -12,21 +12,21 @@
 // or whose path leaves the folder (symbolic links are resolved): such a request is
 // logged and gets no answer.
 //
-// Threads: lines and parts arrive on the connection's thread, where the hooks run and
-// where parts are written to their temporary files; their MD5 runs on a DownloadHasher's
-// threads, which read the files back. A download whose last part has come is finished
-// (its MD5 checked, the file renamed into place) once its hash is done, at the next line
-// or when the peer is quiet, so that the next file arrives meanwhile; the last download
-// expected waits for every hash, and a line about a finishing download's name (or a new
-// file at the same place) waits for that one. Uploads are the FileUploader's: its task
-// on the background pool sends the parts asked for. The asset folder must outlive the
-// handler; a subclass calls shutdown() first in its destructor.
+// Threads: lines and parts arrive on the link's reading thread (the connection's), where
+// the hooks run and where parts are written to their temporary files; their MD5 runs on
+// a DownloadHasher's threads, which read the files back. A download whose last part has
+// come is finished (its MD5 checked, the file renamed into place) once its hash is done,
+// at the next line or when the peer is quiet, so that the next file arrives meanwhile;
+// the last download expected waits for every hash, and a line about a finishing
+// download's name (or a new file at the same place) waits for that one. Uploads are the
+// FileUploader's: its task on the background pool sends the parts asked for. The asset
+// folder and the link must outlive the handler.
 #pragma once
 
 #include "Dovel/files/DownloadHasher.h"
 #include "Dovel/files/DownloadLedger.h"
 #include "Dovel/files/FileUploader.h"
-#include "Dovel/transport/ConnectionThread.h"
+#include "Dovel/transport/ConnectionHandler.h"
 
 #include "Basalt/Stopwatch.h"
 
@@ -45,15 +45,17 @@ namespace Dovel {
 
 class AssetBase;
 
-class FileTransferHandler : public ConnectionThread {
+class FileTransferHandler : public ConnectionHandler {
 public:
     static constexpr int64_t PartSize = 65536;
     // Progress is reported every this many parts (and at the last).
     static constexpr int64_t ProgressPeriod = 20;
     // Downloads whose MD5 may run at once, each on a thread.
     static constexpr int HashThreads = 2;
+    static constexpr double DefaultTimeoutSeconds = 60.0;
 
-    FileTransferHandler(Basalt::TCPSocket* socket, bool serverSide, AssetBase& asset);
+    // Sets the link's time-out to DefaultTimeoutSeconds.
+    FileTransferHandler(ConnectionLink& link, AssetBase& asset);
     ~FileTransferHandler() override;
 
     // The wire lines, "\n" included.

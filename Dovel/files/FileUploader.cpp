@@ -2,7 +2,7 @@
 
 #include "Dovel/Limits.h"
 #include "Dovel/files/FileTransferHandler.h"
-#include "Dovel/transport/ConnectionThread.h"
+#include "Dovel/transport/ConnectionHandler.h"
 
 #include "Basalt/BGThread.h"
 #include "Basalt/Trace.h"
@@ -21,7 +21,7 @@ constexpr double DrainBackupSeconds = 1.0;
 
 } // namespace
 
-FileUploader::FileUploader(ConnectionThread& connection, int64_t partSize)
+FileUploader::FileUploader(ConnectionLink& connection, int64_t partSize)
     : connection(connection), partSize(partSize) {}
 
 FileUploader::~FileUploader() {
@@ -46,12 +46,12 @@ void FileUploader::enqueue(const QString& name, const QString& path) {
     queue.append(qMakePair(name, path));
     if (task)
         return;
-    const std::weak_ptr<ConnectionThread> weak = connection.weak_from_this();
+    const std::weak_ptr<ConnectionLink> weak = connection.weakLink();
     // Runs only while the connection lives, and the connection owns this uploader.
     FileUploader* const uploader = this;
     task = std::make_shared<Basalt::FunctionTask>(
         [weak, uploader](Basalt::Task& run) {
-            const std::shared_ptr<ConnectionThread> self = weak.lock();
+            const std::shared_ptr<ConnectionLink> self = weak.lock();
             if (!self)
                 return;
             switch (uploader->sendFileParts()) {
@@ -62,7 +62,7 @@ void FileUploader::enqueue(const QString& name, const QString& path) {
                 // Half the writer's backlog gone: the next parts go.
                 run.scheduleFromNowSecs(DrainBackupSeconds);
                 std::weak_ptr<Basalt::Task> again = run.shared_from_this();
-                if (!self->writerThread()->callWhenDrained(MaxBufferedUpload / 2, [again] {
+                if (!self->callWhenDrained(MaxBufferedUpload / 2, [again] {
                         if (const std::shared_ptr<Basalt::Task> wake = again.lock())
                             wake->scheduleFromNowSecs(0.0);
                     }))

@@ -6,8 +6,8 @@
 //
 // Threads: enqueue() runs on the connection's thread; sendFileParts() on the background
 // pool, one run at a time. The queue, its charge and the task are guarded by `mutex`;
-// the file being sent and the buffers belong to the task's runs. The connection owns the
-// uploader; the task holds the connection weakly, and the destructor cancels it.
+// the file being sent and the buffers belong to the task's runs. The handler owns the
+// uploader; the task holds the link weakly, and the destructor cancels it.
 #pragma once
 
 #include "Basalt/Mutex.h"
@@ -25,7 +25,7 @@
 
 namespace Dovel {
 
-class ConnectionThread;
+class ConnectionLink;
 
 class FileUploader {
 public:
@@ -39,7 +39,7 @@ public:
     };
 
     // Parts of `partSize` bytes go out through `connection`.
-    FileUploader(ConnectionThread& connection, int64_t partSize);
+    FileUploader(ConnectionLink& connection, int64_t partSize);
     ~FileUploader();
     FileUploader(const FileUploader&) = delete;
     FileUploader& operator=(const FileUploader&) = delete;
@@ -60,7 +60,7 @@ private:
     void dropUploads();
     static int64_t chargeOf(const QString& name, const QString& path);
 
-    ConnectionThread& connection;
+    ConnectionLink& connection;
     const int64_t partSize;
 
     Basalt::Mutex mutex;

@@ -41,21 +41,25 @@ bool parseDescription(const QString& text, int64_t& size, QString& md5) {
 
 } // namespace
 
-FolderPullConnection::FolderPullConnection(AssetBase& asset, bool deleteExtra)
-    : FileTransferHandler(nullptr, false, asset), deleteExtra(deleteExtra) {
-    setKeepRetrying(false);
+std::shared_ptr<FolderPullConnection> FolderPullConnection::create(AssetBase& asset,
+                                                                   bool deleteExtra) {
+    return ConnectionThread::handlerOf<FolderPullConnection>(
+        ConnectionThread::create<FolderPullConnection>(nullptr, false, asset, deleteExtra));
+}
+
+FolderPullConnection::FolderPullConnection(ConnectionThread& connection, AssetBase& asset,
+                                           bool deleteExtra)
+    : FileTransferHandler(connection, asset), connection_(connection), deleteExtra(deleteExtra) {
+    connection.setKeepRetrying(false);
     asset.index().leaveLinksAlone(); // a pull writes and removes only the paths names name
 }
 
 FolderPullConnection::~FolderPullConnection() {
-    // Stopped first, so that the listing thread compares nothing any more; for a pull
-    // that no shared pointer owns, this also ends a read that holds the protocol lock.
-    stop();
-    // On the listing thread (it let go of the last reference) the lister is not waited
-    // for: it does nothing more with this object.
+    // The connection has stopped and ended its threads by now, so the listing thread
+    // compares nothing any more. On the listing thread (it let go of the last reference)
+    // the lister is not waited for: it does nothing more with this object.
     if (lister)
         lister->waitEnd(-1);
-    shutdown();
 }
 
 void FolderPullConnection::setProgressCallback(std::function<void(const Progress&)> callback) {
@@ -80,7 +84,7 @@ void FolderPullConnection::start(const QString& host, int port, uint64_t generat
     // The comparison may need the connection's shared pointer (the remove queue holds
     // it), so the listing thread holds one while it compares, unless the connection is
     // being destroyed by then.
-    const std::weak_ptr<ConnectionThread> weak = weak_from_this();
+    const std::weak_ptr<ConnectionThread> weak = connection_.weak_from_this();
     const bool shared = !weak.expired();
     lister = std::make_unique<FileListThread>(
         asset().index(), generation,
@@ -95,11 +99,11 @@ void FolderPullConnection::start(const QString& host, int port, uint64_t generat
                 localListReady(list);
         });
     lister->run();
-    connectToHost(host, port);
+    connection_.connectToHost(host, port);
 }
 
 void FolderPullConnection::shutdown() {
-    ConnectionThread::shutdown();
+    connection_.shutdown();
     if (lister)
         lister->waitEnd(-1); // returns at once on the listing thread itself
 }
@@ -152,10 +156,10 @@ bool FolderPullConnection::parse(const QString& line) {
     if (line.startsWith(QLatin1String("dovel2 "))) {
         Basalt::Trace::warning("FolderPullConnection::parse # %s:%d serves a tree, not a folder; "
                                "disconnecting",
-                               hostName().toUtf8().constData(), port());
-        notePeerFailure({PeerFailure::TreeServer, 0, QString()});
+                               link().hostName().toUtf8().constData(), link().port());
+        link().notePeerFailure({PeerFailure::TreeServer, 0, QString()});
         finish(false, describeFailure());
-        abortConnection();
+        link().abortConnection();
         return true;
     }
     // A pull only receives: the server has no business reading our files.
@@ -163,10 +167,10 @@ bool FolderPullConnection::parse(const QString& line) {
         line.startsWith(QLatin1String("sendparts "))) {
         Basalt::Trace::warning("FolderPullConnection::parse # The server %s:%d asked for a file "
                                "of ours ('%s'); a pull sends none, disconnecting",
-                               hostName().toUtf8().constData(), port(),
+                               link().hostName().toUtf8().constData(), link().port(),
                                line.section(QLatin1Char(' '), 0, 0).toUtf8().constData());
         finish(false, QStringLiteral("the server asked for our files, which a pull never sends"));
-        abortConnection();
+        link().abortConnection();
         return true;
     }
     return FileTransferHandler::parse(line);
@@ -181,7 +185,7 @@ bool FolderPullConnection::receiveList(const QString& countText) {
         finish(false, QStringLiteral("the server's file list is too long or out of place"));
         return true;
     }
-    const std::optional<QMap<QString, QString>> read = readMap(count);
+    const std::optional<QMap<QString, QString>> read = link().readMap(count);
     // A name twice makes a map of fewer entries: a list as unreadable as a cut one.
     if (!read || read->size() != count) {
         finish(false, QStringLiteral("the server's file list could not be read"));
@@ -202,7 +206,7 @@ bool FolderPullConnection::receiveList(const QString& countText) {
         listBytes += Limits::FileListEntryBytes + it.key().toUtf8().size();
         if (listBytes > Limits::MaxFileListBytes) {
             finish(false, QStringLiteral("the server's file list is too large"));
-            abortConnection();
+            link().abortConnection();
             return true;
         }
         serverList.insert(serverList.constEnd(), it.key(), Entry{size, md5}); // in name order
@@ -218,7 +222,7 @@ void FolderPullConnection::receiveListEnd(const QString& totalText) {
         return;
     }
     listDone = true;
-    if (localListed && !result().finished && !isStopping())
+    if (localListed && !result().finished && !connection_.isStopping())
         compareAndRequest();
 }
 
@@ -227,7 +231,7 @@ void FolderPullConnection::localListReady(const FileList& list) {
     compared = list;
     localListed = true;
     // A stopped pull changes nothing here any more (with --delete it would remove files).
-    if (listDone && !result().finished && !isStopping())
+    if (listDone && !result().finished && !connection_.isStopping())
         compareAndRequest();
 }
 
@@ -236,7 +240,7 @@ void FolderPullConnection::compareAndRequest() {
     requested = true;
 
     // Null when the owner let go of the pull without stopping it: nothing is removed then.
-    const std::shared_ptr<ConnectionThread> self = weak_from_this().lock();
+    const std::shared_ptr<ConnectionThread> self = connection_.weak_from_this().lock();
     if (deleteExtra && self) {
         bool any = false;
         for (auto it = local.constBegin(); it != local.constEnd(); ++it) {
@@ -269,7 +273,7 @@ void FolderPullConnection::compareAndRequest() {
         verifyAndFinish();
         return;
     }
-    writeBuffer(QStringLiteral("sendfilesync\n"), QByteArray());
+    link().writeBuffer(QStringLiteral("sendfilesync\n"), QByteArray());
     report(QString());
 }
 
@@ -318,12 +322,12 @@ void FolderPullConnection::downloadFinished(const QString& name, bool success) {
     if (!pending.contains(name))
         return;
     // A file that changed while it was sent, or arrived damaged, is asked for once more.
-    if (!success && !retried.contains(name) && isLive() && !isStopping()) {
+    if (!success && !retried.contains(name) && connection_.isLive() && !connection_.isStopping()) {
         retried.insert(name);
         Basalt::Trace::info("FolderPullConnection::downloadFinished # Asking for '%s' again",
                             name.toUtf8().constData());
         requestFileInfo(name);
-        writeBuffer(QStringLiteral("sendfilesync\n"), QByteArray());
+        link().writeBuffer(QStringLiteral("sendfilesync\n"), QByteArray());
         syncReceived = false;
         return;
     }
@@ -382,20 +386,19 @@ void FolderPullConnection::finish(bool success, const QString& error) {
         result_.bytesTransferred = bytesDone;
         finishedCondition.wakeAll(resultMutex);
     }
-    stop();
+    link().stop();
 }
 
 // ---- the connection's end ----
 
-void FolderPullConnection::handleConnection() {
-    FileTransferHandler::handleConnection();
+void FolderPullConnection::attemptEnded() {
     Basalt::Guard guard(protocolMutex);
     // Whatever was still under way is lost with the connection.
     for (const QString& name : pending)
         failedNames.append(name);
     pending.clear();
     // A pull makes one attempt: a failure recorded is its login's, which says why.
-    finish(false, lastFailure().isSet()
+    finish(false, link().lastFailure().isSet()
                       ? describeFailure()
                       : QStringLiteral("the connection ended before the folder was up to date"));
 }
@@ -416,10 +419,13 @@ void FolderPullConnection::connectionFailed() {
 }
 
 QString FolderPullConnection::describeFailure() const {
-    const PeerFailure failure = lastFailure();
+    const PeerFailure failure = link().lastFailure();
     if (!failure.isSet())
-        return QStringLiteral("cannot connect to %1:%2").arg(hostName()).arg(port());
-    return QStringLiteral("%1:%2: %3").arg(hostName()).arg(port()).arg(failure.text());
+        return QStringLiteral("cannot connect to %1:%2").arg(link().hostName()).arg(link().port());
+    return QStringLiteral("%1:%2: %3")
+        .arg(link().hostName())
+        .arg(link().port())
+        .arg(failure.text());
 }
 
 } // namespace Dovel

@@ -1,12 +1,13 @@
-// The pulling end of a folder mirror: a client file-transfer connection that brings a
-// local folder up to date with a FolderServeConnection. After the login it receives
-// the server's file list, asks ("sendfileinfo") for every file that is missing here or
-// differs in size or MD5, optionally removes local files that the server does not have
-// (and the folders left empty), downloads the files, then checks the folder against the
-// list once more (walking it again only when something was fetched or removed). One
-// attempt, no reconnection: the result says what happened. A pull only receives: a
-// server that asks for one of our files ends it. It locks its folder (a second pull
-// into it fails at once), and asks once more for a file whose download failed.
+// The pulling end of a folder mirror: the file-transfer protocol of a client connection
+// that brings a local folder up to date with a FolderServeConnection. After the login it
+// receives the server's file list, asks ("sendfileinfo") for every file that is missing
+// here or differs in size or MD5, optionally removes local files that the server does
+// not have (and the folders left empty), downloads the files, then checks the folder
+// against the list once more (walking it again only when something was fetched or
+// removed). One attempt, no reconnection: the result says what happened. A pull only
+// receives: a server that asks for one of our files ends it. It locks its folder (a
+// second pull into it fails at once), and asks once more for a file whose download
+// failed.
 //
 // The local folder is listed on a thread of the pull's own while it connects and the
 // server lists its folder, so that the two walks overlap and the connection's thread
@@ -14,16 +15,20 @@
 // minutes); the comparison runs when both lists are in, on whichever thread finished
 // last.
 //
+// Made by create(): the connection owns the pull, and the pointer returned shares the
+// connection's ownership; connection() configures it (login key, time-out).
+//
 // Threads: start, waitFinished and result may be called from any thread; the progress
 // callback and the protocol run on the connection's thread or the listing thread, one
 // at a time: the protocol's state is guarded by `protocolMutex`, the result by
-// `resultMutex`. The asset folder must outlive the connection, whose destructor waits
-// for the local walk to end.
+// `resultMutex`. The asset folder must outlive the connection; the pull's destructor
+// (after the connection's threads ended) waits for the local walk to end.
 #pragma once
 
 #include "Dovel/files/AssetBase.h"
 #include "Dovel/files/FileListThread.h"
 #include "Dovel/files/FileTransferHandler.h"
+#include "Dovel/transport/ConnectionThread.h"
 
 #include "Basalt/Condition.h"
 #include "Basalt/Mutex.h"
@@ -60,8 +65,12 @@ public:
     };
 
     // With deleteExtra, local files that the server does not list are removed.
-    FolderPullConnection(AssetBase& asset, bool deleteExtra);
+    static std::shared_ptr<FolderPullConnection> create(AssetBase& asset, bool deleteExtra);
+    // For create(), through ConnectionThread::create.
+    FolderPullConnection(ConnectionThread& connection, AssetBase& asset, bool deleteExtra);
     ~FolderPullConnection() override;
+
+    ConnectionThread& connection() { return connection_; }
 
     // Called as files progress, never twice at once; set before start().
     void setProgressCallback(std::function<void(const Progress&)> callback);
@@ -76,12 +85,12 @@ public:
     // ConnectionThread::shutdown, and then waits for the listing thread too (unless
     // called on it): the listing thread may otherwise still be leaving, having let go
     // of a reference, when the process ends.
-    void shutdown() override;
+    void shutdown();
     Result result() const;
 
 protected:
     bool parse(const QString& line) override;
-    void handleConnection() override;
+    void attemptEnded() override;
     void connectionFailed() override;
     // The transfer handler's ends of downloads, under protocolMutex as in parse().
     void disconnected() override;
@@ -111,6 +120,7 @@ private:
     QString describeFailure() const;
     void report(const QString& name);
 
+    ConnectionThread& connection_; // owns this pull
     const bool deleteExtra;
     std::function<void(const Progress&)> progressCallback;
 

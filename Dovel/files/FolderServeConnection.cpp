@@ -7,36 +7,33 @@
 
 namespace Dovel {
 
-FolderServeConnection::FolderServeConnection(Basalt::TCPSocket* socket, AssetBase& asset,
+FolderServeConnection::FolderServeConnection(ConnectionLink& link, AssetBase& asset,
                                              ServedList& list, int64_t unreadReplyCeiling)
-    : FileTransferHandler(socket, true, asset), list(list), unreadReplyCeiling(unreadReplyCeiling) {
-}
+    : FileTransferHandler(link, asset), list(list), unreadReplyCeiling(unreadReplyCeiling) {}
 
-FolderServeConnection::~FolderServeConnection() {
-    shutdown();
-}
+FolderServeConnection::~FolderServeConnection() = default;
 
 void FolderServeConnection::connected() {
     FileTransferHandler::connected();
     // The same bytes as every other peer that logged in lately: a burst of logins costs
     // one walk of the folder and one copy of the list.
-    writeBuffer(list.current(remoteVersion(1, 9, 1)), QByteArray());
+    link().writeBuffer(list.current(link().remoteVersion(1, 9, 1)), QByteArray());
 }
 
 bool FolderServeConnection::overCeiling() {
-    const int64_t waiting = bufferedDataSize();
+    const int64_t waiting = link().bufferedDataSize();
     if (waiting <= unreadReplyCeiling)
         return false;
     Basalt::Trace::warning("FolderServeConnection::parse # %lld bytes wait for %s:%d, which "
                            "goes on asking without reading; disconnecting",
-                           static_cast<long long>(waiting), hostName().toUtf8().constData(),
-                           port());
-    stop();
+                           static_cast<long long>(waiting), link().hostName().toUtf8().constData(),
+                           link().port());
+    link().stop();
     return true;
 }
 
 bool FolderServeConnection::wantsIdle() {
-    return FileTransferHandler::wantsIdle() || bufferedDataSize() > unreadReplyCeiling;
+    return FileTransferHandler::wantsIdle() || link().bufferedDataSize() > unreadReplyCeiling;
 }
 
 void FolderServeConnection::idle() {
@@ -52,13 +49,13 @@ bool FolderServeConnection::parse(const QString& line) {
         line.startsWith(QLatin1String("filepart "))) {
         Basalt::Trace::warning("FolderServeConnection::parse # %s:%d tried to upload ('%s'); "
                                "a served folder takes no files, disconnecting",
-                               hostName().toUtf8().constData(), port(),
+                               link().hostName().toUtf8().constData(), link().port(),
                                line.section(QLatin1Char(' '), 0, 0).toUtf8().constData());
-        abortConnection();
+        link().abortConnection();
         return true;
     }
     if (line == QLatin1String("sendfilesync")) {
-        writeBuffer(QStringLiteral("filesync\n"), QByteArray());
+        link().writeBuffer(QStringLiteral("filesync\n"), QByteArray());
         return true;
     }
     return FileTransferHandler::parse(line);

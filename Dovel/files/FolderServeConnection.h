@@ -1,4 +1,5 @@
-// The serving end of a folder mirror: a server-side file-transfer connection that,
+// The serving end of a folder mirror: the file-transfer protocol of a server-side
+// connection that,
 // once the peer has logged in, sends the folder's file list (the ServedList it shares
 // with the server's other connections) and then answers the peer's requests for
 // descriptions and parts. The peer may send "sendfilesync"; it is answered "filesync"
@@ -7,7 +8,7 @@
 // ("fileinfo") or sends one ("filepart") is disconnected.
 //
 // Threads as FileTransferHandler; the asset folder and the list must outlive the
-// connection.
+// handler.
 #pragma once
 
 #include "Dovel/Limits.h"
@@ -27,7 +28,7 @@ public:
     // `unreadReplyCeiling`: bytes that may wait for the peer; beyond them it is taken not
     // to read what it asked for (or what it was sent at its login), and is disconnected
     // (logged). Only tests lower it.
-    FolderServeConnection(Basalt::TCPSocket* socket, AssetBase& asset, ServedList& list,
+    FolderServeConnection(ConnectionLink& link, AssetBase& asset, ServedList& list,
                           int64_t unreadReplyCeiling = Limits::MaxUnreadReplyBytes);
     ~FolderServeConnection() override;
 

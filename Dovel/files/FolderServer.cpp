@@ -1,6 +1,7 @@
 #include "Dovel/files/FolderServer.h"
 
 #include "Dovel/files/FolderServeConnection.h"
+#include "Dovel/transport/ConnectionThread.h"
 
 namespace Dovel {
 
@@ -13,8 +14,8 @@ FolderServer::~FolderServer() {
 }
 
 std::shared_ptr<ConnectionThread> FolderServer::createConnection(Basalt::TCPSocket* socket) {
-    return std::make_shared<FolderServeConnection>(socket, *asset_, *list,
-                                                   unreadReplyCeiling.load());
+    return ConnectionThread::create<FolderServeConnection>(socket, true, *asset_, *list,
+                                                           unreadReplyCeiling.load());
 }
 
 } // namespace Dovel

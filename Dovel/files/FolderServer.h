@@ -1,6 +1,6 @@
 // Serves one folder to any number of pulling peers: a listening server whose
-// connections are FolderServeConnections sharing one AssetBase of the folder and one
-// ServedList, the file list they send.
+// connections speak FolderServeConnection, all sharing one AssetBase of the folder and
+// one ServedList, the file list they send.
 // Thread contract as ServerBase; the destructor stops and joins everything before the
 // asset folder goes.
 #pragma once

@@ -1,4 +1,4 @@
-// The reading side of the binary session: called by a connection's parse() for every
+// The reading side of the binary session: called by a handler's parse() for every
 // incoming line, it recognises "dovel2 N", reads the N bundles that follow the line and
 // hands the batch to the session's controller. Runs on the connection's own thread.
 #pragma once

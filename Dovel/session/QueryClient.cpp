@@ -29,14 +29,15 @@ constexpr int OpenMarginMs = 1000;
 
 } // namespace
 
-// The connection, and the client's end of a session on it: a dispatcher with the query
-// module's two ends, used under `mutex` by the connection's thread (answers) and the
-// caller's (requests).
-class QueryClient::Link : public ConnectionThread {
+// The client's end of a session over the connection that owns it: a dispatcher with the
+// query module's two ends, used under `mutex` by the connection's thread (answers) and
+// the caller's (requests).
+class QueryClient::Link : public ConnectionHandler {
 public:
-    Link() : ConnectionThread(nullptr, false) {
-        setKeepRetrying(false);
-        setVersionSuffix(QString::fromLatin1(Query::ClientSuffix));
+    explicit Link(ConnectionThread& connection)
+        : ConnectionHandler(connection), connection_(connection) {
+        connection.setKeepRetrying(false);
+        connection.setVersionSuffix(QString::fromLatin1(Query::ClientSuffix));
         dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(symbols, MaxClientSymbols));
         dispatcher.addModule(std::make_shared<Replies>(*this));
         // A server that takes us for an ordinary client binds the attribute modules
@@ -50,7 +51,7 @@ public:
                 unsupported = true; // under `mutex`: called from dispatch
         });
     }
-    ~Link() override { shutdown(); }
+    ConnectionThread& connection() const { return connection_; }
 
     // Caller's thread: sends one request and waits for its answer.
     Outcome ask(uint32_t operation, const std::function<void(BundleWriterCore&)>& arguments,
@@ -69,7 +70,7 @@ public:
             arguments(writer);
             dispatcher.writeUpdates(out);
         }
-        Dovel1Connection(weak_from_this()).send(out);
+        Dovel1Connection(connection_.weak_from_this()).send(out);
         std::unique_lock<std::mutex> lock(mutex);
         const bool done = changed.wait_for(lock, std::chrono::milliseconds(ms), [&] {
             return answers.count(id) != 0 || unsupported || ended;
@@ -100,8 +101,8 @@ public:
 protected:
     bool parse(const QString& line) override {
         if (PeerFailure::isFolderListing(line)) {
-            notePeerFailure({PeerFailure::FolderServer, 0, QString()});
-            abortConnection();
+            connection_.notePeerFailure({PeerFailure::FolderServer, 0, QString()});
+            connection_.abortConnection();
             return true;
         }
         return processDovel2(
@@ -114,19 +115,15 @@ protected:
                     } catch (const std::exception& e) {
                         Basalt::Trace::warning("QueryClient::parse # %s:%d sent a bundle that "
                                                "does not read: %s",
-                                               hostName().toUtf8().constData(), port(), e.what());
+                                               connection_.hostName().toUtf8().constData(),
+                                               connection_.port(), e.what());
                     }
                 }
                 changed.notify_all();
             },
-            *this, line);
+            connection_, line);
     }
-    bool handshake() override {
-        const bool ok = ConnectionThread::handshake();
-        if (!ok)
-            end();
-        return ok;
-    }
+    void loginFailed() override { end(); }
     void connected() override {
         std::lock_guard<std::mutex> lock(mutex);
         loggedIn = true;
@@ -172,6 +169,7 @@ private:
         changed.notify_all();
     }
 
+    ConnectionThread& connection_; // owns this link
     mutable std::mutex mutex;
     std::condition_variable changed;
     PeerSymbols symbols;
@@ -186,9 +184,9 @@ private:
 };
 
 QueryClient::QueryClient(const QByteArray& loginKey, double timeoutSeconds)
-    : link(std::make_shared<Link>()) {
-    link->setLoginKey(loginKey);
-    link->setTimeoutSeconds(timeoutSeconds);
+    : link(ConnectionThread::handlerOf<Link>(ConnectionThread::create<Link>(nullptr, false))) {
+    link->connection().setLoginKey(loginKey);
+    link->connection().setTimeoutSeconds(timeoutSeconds);
 }
 
 QueryClient::~QueryClient() {
@@ -196,26 +194,26 @@ QueryClient::~QueryClient() {
 }
 
 bool QueryClient::open(const QString& host, int port, int ms) {
-    link->connectToHost(host, port);
+    link->connection().connectToHost(host, port);
     // The connection's own time-out (the login's) ends a silent peer first, with the
     // reason; this wait only backs it up.
     if (link->waitOpen(ms + OpenMarginMs))
         return true;
-    const PeerFailure why = link->lastFailure();
+    const PeerFailure why = link->connection().lastFailure();
     failure = why.isSet() ? why.text() : QStringLiteral("no answer");
     failedBy = why.kind;
     return false;
 }
 
 void QueryClient::close() {
-    link->shutdown();
+    link->connection().shutdown();
 }
 
 QueryClient::Outcome QueryClient::ask(uint32_t operation,
                                       const std::function<void(BundleWriterCore&)>& arguments,
                                       Query::Reply& reply, int ms) {
     const Outcome outcome = link->ask(operation, arguments, reply, ms);
-    const PeerFailure why = link->lastFailure();
+    const PeerFailure why = link->connection().lastFailure();
     if (outcome == Failed)
         failure = why.isSet()        ? why.text()
                   : link->hasEnded() ? QStringLiteral("the connection ended before the answer")

@@ -73,6 +73,7 @@ private:
     Outcome ask(uint32_t operation, const std::function<void(BundleWriterCore&)>& arguments,
                 Query::Reply& reply, int ms);
 
+    // The protocol's end; shares the ownership of the connection that owns it.
     std::shared_ptr<Link> link;
     QString failure;
     PeerFailure::Kind failedBy = PeerFailure::None;

@@ -21,22 +21,23 @@ SessionClient::SessionClient(RemoteNode& node, SessionDriver* driver)
     : SessionClient(node, driver, Options()) {}
 
 SessionClient::SessionClient(RemoteNode& node, SessionDriver* driver, Options options)
-    : connection_(std::make_shared<SessionConnection>(nullptr, false,
-                                                      clientConfig(node, driver, options))) {
-    connection_->setLoginKey(options.loginKey);
-    connection_->setTimeoutSeconds(options.timeoutSeconds);
+    : session_(ConnectionThread::handlerOf<SessionConnection>(
+          ConnectionThread::create<SessionConnection>(nullptr, false,
+                                                      clientConfig(node, driver, options)))) {
+    connection().setLoginKey(options.loginKey);
+    connection().setTimeoutSeconds(options.timeoutSeconds);
 }
 
 SessionClient::~SessionClient() {
-    connection_->shutdown();
+    connection().shutdown();
 }
 
 void SessionClient::connectToHost(const QString& host, int port) {
-    connection_->connectToHost(host, port);
+    connection().connectToHost(host, port);
 }
 
 void SessionClient::stop() {
-    connection_->shutdown();
+    connection().shutdown();
 }
 
 } // namespace Dovel

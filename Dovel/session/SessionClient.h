@@ -53,13 +53,15 @@ public:
     // Ends the connection and the retries; waits for them.
     void stop();
 
-    SessionState state() const { return connection_->state(); }
+    SessionState state() const { return session_->state(); }
     bool isConnected() const { return state() == SessionState::Connected; }
-    const SessionStats& stats() const { return connection_->stats(); }
-    SessionConnection& connection() { return *connection_; }
+    const SessionStats& stats() const { return session_->stats(); }
+    ConnectionThread& connection() { return session_->connection(); }
+    SessionConnection& session() { return *session_; }
 
 private:
-    std::shared_ptr<SessionConnection> connection_;
+    // Shares the ownership of the connection, which owns the session's protocol.
+    std::shared_ptr<SessionConnection> session_;
 };
 
 } // namespace Dovel

@@ -37,16 +37,15 @@ private:
     bool open = true;
 };
 
-SessionConnection::SessionConnection(Basalt::TCPSocket* socket, bool serverSide, SessionConfig cfg)
-    : ConnectionThread(socket, serverSide), config(std::move(cfg)) {
+SessionConnection::SessionConnection(ConnectionThread& connection, SessionConfig cfg)
+    : ConnectionHandler(connection), connection_(connection), config(std::move(cfg)) {
     if (!config.stats)
         config.stats = std::make_shared<SessionStats>();
-    if (serverSide)
+    if (connection.isServerSide())
         state_.store(SessionState::Handshaking);
 }
 
 SessionConnection::~SessionConnection() {
-    shutdown();
     endSession();
 }
 
@@ -56,52 +55,48 @@ std::shared_ptr<BundleController> SessionConnection::controller() const {
 }
 
 bool SessionConnection::parse(const QString& line) {
-    if (processDovel2(controller(), *this, line))
+    if (processDovel2(controller(), connection_, line))
         return true;
     // A tree client has nothing to do at a folder server.
-    if (!isServerSide() && PeerFailure::isFolderListing(line)) {
+    if (!connection_.isServerSide() && PeerFailure::isFolderListing(line)) {
         Basalt::Trace::warning("SessionConnection::parse # %s:%d serves a folder, not a tree; "
                                "disconnecting",
-                               hostName().toUtf8().constData(), port());
-        notePeerFailure({PeerFailure::FolderServer, 0, QString()});
-        abortConnection();
+                               connection_.hostName().toUtf8().constData(), connection_.port());
+        connection_.notePeerFailure({PeerFailure::FolderServer, 0, QString()});
+        connection_.abortConnection();
         return true;
     }
     return false;
 }
 
-bool SessionConnection::openConnection() {
+void SessionConnection::connecting() {
     state_.store(SessionState::Connecting);
-    const bool opened = ConnectionThread::openConnection();
-    if (opened)
-        state_.store(SessionState::Handshaking);
-    return opened;
 }
 
-bool SessionConnection::handshake() {
+void SessionConnection::opened() {
     state_.store(SessionState::Handshaking);
-    const bool ok = ConnectionThread::handshake();
-    if (!ok) {
-        config.stats->handshakeFailures += 1;
-        state_.store(isServerSide() || isStopping() ? SessionState::Idle : SessionState::Retrying);
-    }
-    return ok;
+}
+
+void SessionConnection::loginFailed() {
+    config.stats->handshakeFailures += 1;
+    state_.store(connection_.isServerSide() || connection_.isStopping() ? SessionState::Idle
+                                                                        : SessionState::Retrying);
 }
 
 void SessionConnection::connected() {
     if (!config.node)
         return;
     // Batches of an earlier session that never left must not reach the new peer.
-    writerThread()->removeFromBuffer(Dovel1Connection::WriterKey);
-    auto out = std::make_shared<Output>(weak_from_this());
+    connection_.writerThread()->removeFromBuffer(Dovel1Connection::WriterKey);
+    auto out = std::make_shared<Output>(connection_.weak_from_this());
     BundleControllerParams params;
     params.connection = out;
     params.oneWayEventHandler = config.oneWayEventHandler;
     params.isMaster = config.master;
     params.createMissingAttributes = config.createMissingAttributes;
     params.mirrorOnly = config.mirrorOnly;
-    params.querySession = isServerSide() && config.answerQueries &&
-                          remoteVersionSuffix() == QLatin1String(Query::ClientSuffix);
+    params.querySession = connection_.isServerSide() && config.answerQueries &&
+                          connection_.remoteVersionSuffix() == QLatin1String(Query::ClientSuffix);
     params.queryMayRemove = config.queryMayRemove;
     params.enabled = true;
     params.autoUpdate = config.driver == nullptr;
@@ -109,7 +104,8 @@ void SessionConnection::connected() {
         params.executor = config.driver->executor();
     params.counters = config.stats;
     params.writeRules = config.writeRules;
-    params.peerName = QStringLiteral("%1:%2").arg(hostName()).arg(port()).toUtf8();
+    params.peerName =
+        QStringLiteral("%1:%2").arg(connection_.hostName()).arg(connection_.port()).toUtf8();
     if (!params.writeRules.allowsEverything()) {
         const std::shared_ptr<SessionStats> stats = config.stats;
         const QByteArray peer = params.peerName;
@@ -148,7 +144,7 @@ void SessionConnection::endSession() {
     if (!ended)
         return;
     out->close();
-    writerThread()->removeFromBuffer(Dovel1Connection::WriterKey);
+    connection_.writerThread()->removeFromBuffer(Dovel1Connection::WriterKey);
     config.stats->sessionsEnded += 1;
     if (config.driver)
         config.driver->removeController(std::move(ended));
@@ -157,16 +153,17 @@ void SessionConnection::endSession() {
 
 void SessionConnection::disconnected() {
     endSession();
-    state_.store(isServerSide() || isStopping() ? SessionState::Idle : SessionState::Retrying);
+    state_.store(connection_.isServerSide() || connection_.isStopping() ? SessionState::Idle
+                                                                        : SessionState::Retrying);
 }
 
 void SessionConnection::connectionFailed() {
     config.stats->connectFailures += 1;
-    state_.store(isStopping() ? SessionState::Idle : SessionState::Retrying);
+    state_.store(connection_.isStopping() ? SessionState::Idle : SessionState::Retrying);
 }
 
 void SessionConnection::retryProgress(double) {
-    if (!isStopping())
+    if (!connection_.isStopping())
         state_.store(SessionState::Retrying);
 }
 

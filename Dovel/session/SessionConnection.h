@@ -1,14 +1,15 @@
-// A connection that carries one binary session at a time: when its handshake succeeds
-// it starts a fresh BundleController over the configured RemoteNode, with a
-// Dovel1Connection to itself as the outgoing side; its parse() hands "dovel2" lines to
-// that session; when the connection ends the session is closed and dropped, together
-// with any of its batches still waiting in the writer, so that a reconnected client
-// starts the next session from scratch.
+// The protocol of a connection that carries one binary session at a time: when the
+// connection's login succeeds it starts a fresh BundleController over the configured
+// RemoteNode, with a Dovel1Connection to the connection as the outgoing side; its parse()
+// hands "dovel2" lines to that session; when the connection ends the session is closed
+// and dropped, together with any of its batches still waiting in the writer, so that a
+// reconnected client starts the next session from scratch. The connection owns it
+// (ConnectionThread::create; owners reach it with ConnectionThread::handlerOf).
 //
 // The controllers are manual and updated by the configured SessionDriver, or, without
 // a driver, automatic and run by the host's update loop (Tessel::UpdateLoop).
-// Threads: the hooks run on the connection's thread; state(), stats() and controller()
-// on any thread.
+// Threads: the hooks run on the connection's thread; state(), stats(), controller() and
+// connection() on any thread.
 #pragma once
 
 #include "Dovel/session/SessionStats.h"
@@ -49,10 +50,13 @@ struct SessionConfig {
     PeerWriteRules writeRules;
 };
 
-class SessionConnection : public ConnectionThread {
+class SessionConnection : public ConnectionHandler {
 public:
-    SessionConnection(Basalt::TCPSocket* socket, bool serverSide, SessionConfig config);
+    SessionConnection(ConnectionThread& connection, SessionConfig config);
     ~SessionConnection() override;
+
+    // The connection that owns this session's protocol.
+    ConnectionThread& connection() const { return connection_; }
 
     SessionState state() const { return state_.load(); }
     const SessionStats& stats() const { return *config.stats; }
@@ -61,8 +65,9 @@ public:
 
 protected:
     bool parse(const QString& line) override;
-    bool openConnection() override;
-    bool handshake() override;
+    void connecting() override;
+    void opened() override;
+    void loginFailed() override;
     void connected() override;
     void disconnected() override;
     void connectionFailed() override;
@@ -72,6 +77,7 @@ private:
     class Output;
     void endSession();
 
+    ConnectionThread& connection_;
     SessionConfig config;
     std::atomic<SessionState> state_{SessionState::Idle};
     mutable Basalt::Mutex sessionMutex; // guards session and output

@@ -41,12 +41,12 @@ int SessionServer::clientCount() const {
 QList<std::shared_ptr<SessionConnection>> SessionServer::sessions() const {
     QList<std::shared_ptr<SessionConnection>> out;
     for (const auto& connection : instances())
-        out.append(std::static_pointer_cast<SessionConnection>(connection));
+        out.append(ConnectionThread::handlerOf<SessionConnection>(connection));
     return out;
 }
 
 std::shared_ptr<ConnectionThread> SessionServer::createConnection(Basalt::TCPSocket* socket) {
-    auto connection = std::make_shared<SessionConnection>(socket, true, config);
+    auto connection = ConnectionThread::create<SessionConnection>(socket, true, config);
     connection->setTimeoutSeconds(timeoutSeconds);
     return connection;
 }

@@ -68,7 +68,8 @@ public:
 
     // Clients whose session runs now.
     int clientCount() const;
-    // The live connections (connected or still in their handshake).
+    // The sessions of the live connections (connected or still in their handshake); each
+    // pointer shares its connection's ownership (SessionConnection::connection()).
     QList<std::shared_ptr<SessionConnection>> sessions() const;
     // The counters of all sessions the server has run.
     const SessionStats& stats() const { return *stats_; }

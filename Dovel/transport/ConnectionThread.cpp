@@ -24,18 +24,24 @@ bool isKeepAlive(const QByteArray& line, const char* word) {
 
 ConnectionThread::ConnectionThread(Basalt::TCPSocket* socket, bool serverSide)
     : Basalt::Thread(QStringLiteral("ConnectionThread")), socket_(socket), serverSide(serverSide),
-      writer(new WriterThread(this)), source(new SocketSource(*this)), reader(*source) {
+      writer(new WriterThread(this)), handler_(std::make_unique<ConnectionHandler>(*this)),
+      source(new SocketSource(*this)), reader(*source) {
     if (socket && socket->isOpen()) {
         // An accepted socket: name the peer in log lines.
-        peer.setAddress(socket->peerAddress(), socket->peerPort());
+        peer_.setAddress(socket->peerAddress(), socket->peerPort());
     }
 }
 
 ConnectionThread::~ConnectionThread() {
     notifying.store(false);
-    ConnectionThread::shutdown();
+    shutdown();
+    handler_.reset(); // no hook runs any more: the threads have ended
     writer.reset();
     delete socket_.exchange(nullptr);
+}
+
+void ConnectionThread::setHandler(std::unique_ptr<ConnectionHandler> handler) {
+    handler_ = std::move(handler);
 }
 
 void ConnectionThread::notify(const std::function<void()>& callback) const {
@@ -52,7 +58,7 @@ void ConnectionThread::shutdown() {
 }
 
 void ConnectionThread::connectToHost(const QString& host, int port) {
-    peer.setAddress(host, port);
+    peer_.setAddress(host, port);
     Basalt::Guard loop(loopMutex);
     stopping.store(false);
     if (loopActive) {
@@ -127,7 +133,7 @@ void ConnectionThread::childLoop() {
         if (!opened || !running.load() || stopping.load() || moved) {
             if (opened)
                 closeSocket(); // stopped or moved while connecting
-            connectionFailed();
+            handler_->connectionFailed();
         } else {
             handleConnection();
         }
@@ -136,33 +142,37 @@ void ConnectionThread::childLoop() {
 
         retry.pause(
             start, [this] { return !(retry.keepRetrying() || running.load()) || stopping.load(); },
-            [this](double secondsLeft) { retryProgress(secondsLeft); });
+            [this](double secondsLeft) { handler_->retryProgress(secondsLeft); });
         ++retries;
     }
     running.store(false);
 }
 
 bool ConnectionThread::openConnection() {
+    handler_->connecting();
     writer->stop();
     writer->waitEnd(-1);
     reader.reset();
 
-    const QByteArray address = peer.hostName().toUtf8();
-    const int port = peer.port();
+    const QByteArray address = peer_.hostName().toUtf8();
+    const int port = peer_.port();
     // stop() and a move to another address clear running: a host that does not answer
     // must not hold either up until the system gives up on it.
     const auto cancelled = [this] { return stopping.load() || !running.load(); };
     if (Basalt::TCPSocket* s = socket()) {
         if (s->open(address.constData(), port, cancelled) != 0)
             notePeerFailure({PeerFailure::Connect, s->openError(), QString()});
-        return s->isOpen();
+        if (!s->isOpen())
+            return false;
+    } else {
+        auto fresh = std::make_unique<Basalt::TCPSocket>();
+        if (fresh->open(address.constData(), port, cancelled) != 0) {
+            notePeerFailure({PeerFailure::Connect, fresh->openError(), QString()});
+            return false;
+        }
+        socket_.store(fresh.release());
     }
-    auto fresh = std::make_unique<Basalt::TCPSocket>();
-    if (fresh->open(address.constData(), port, cancelled) != 0) {
-        notePeerFailure({PeerFailure::Connect, fresh->openError(), QString()});
-        return false;
-    }
-    socket_.store(fresh.release());
+    handler_->opened();
     return true;
 }
 
@@ -180,13 +190,13 @@ bool ConnectionThread::handshake() {
     if (serverSide) {
         return login.serve(loginKey(), [this](bool accepted, const QString& user) {
             if (accepted)
-                peer.setUserName(user);
+                peer_.setUserName(user);
             if (loginObserver)
                 loginObserver(accepted);
         });
     }
     PeerFailure why;
-    if (login.logIn(loginKey(), peer.versionSuffix(), why))
+    if (login.logIn(loginKey(), peer_.versionSuffix(), why))
         return true;
     // A login that broke off without a reason of its own: the server went away or quiet.
     notePeerFailure(why.isSet() ? why : PeerFailure{PeerFailure::LoginCut, 0, QString()});
@@ -206,6 +216,8 @@ void ConnectionThread::handleConnection() {
         source->startLogin(timeoutSeconds());
         Basalt::Guard guard(writeMutex_);
         shaken = handshake();
+        if (!shaken)
+            handler_->loginFailed();
     }
     source->endLogin();
     settleReads();
@@ -215,6 +227,7 @@ void ConnectionThread::handleConnection() {
         writer->stop();
         running.store(false);
         notify(listener_.handshakeFailed);
+        handler_->attemptEnded();
         return;
     }
 
@@ -225,7 +238,7 @@ void ConnectionThread::handleConnection() {
         s->setKeepAlive(seconds, std::max(1, seconds / 3), 3);
     }
     connected_.store(true);
-    connected();
+    handler_->connected();
     writer->start();
     notify(listener_.connected);
     if (usePing_.load())
@@ -249,18 +262,19 @@ void ConnectionThread::handleConnection() {
     writer->stop();
     closeSocket();
     writer->waitEnd(-1);
-    disconnected();
+    handler_->disconnected();
     notify(listener_.disconnected);
+    handler_->attemptEnded();
 }
 
 void ConnectionThread::serve() {
     while (running.load()) {
-        // With nothing buffered, a subclass finishes work of its own while the peer is
+        // With nothing buffered, a handler finishes work of its own while the peer is
         // quiet, instead of waiting for a line that may not come.
         Basalt::TCPSocket* const s = socket();
-        if (!reader.hasBuffered() && s && s->isOpen() && wantsIdle() &&
+        if (!reader.hasBuffered() && s && s->isOpen() && handler_->wantsIdle() &&
             !s->isPendingInput(IdlePollMs)) {
-            idle();
+            handler_->idle();
             continue;
         }
         const QString text = line();
@@ -282,8 +296,8 @@ void ConnectionThread::serve() {
             }
         } else if (usePing_.load() && isKeepAlive(raw, "pong")) {
             pongReceived.store(true);
-            pong(raw.mid(5));
-        } else if (!parse(text)) {
+            handler_->pong(raw.mid(5));
+        } else if (!handler_->parse(text)) {
             Basalt::Trace::warning("Failed to parse command '%s'", text.toUtf8().constData());
         }
     }
@@ -303,10 +317,6 @@ void ConnectionThread::queue(const QString& text) {
 void ConnectionThread::writeBufferData(const QByteArray& data, const QByteArray& key) {
     if (!data.isEmpty())
         writer->writeData(data, key);
-}
-
-void ConnectionThread::writeBuffer(const QString& text, const QByteArray& key) {
-    writeBufferData(text.toUtf8(), key);
 }
 
 void ConnectionThread::writeBuffer(const QList<QByteArray>& parts, const QByteArray& key) {
@@ -449,27 +459,5 @@ Basalt::TimeStamp ConnectionThread::lastPacketTimestamp() const {
     const Basalt::TimeStamp now = Basalt::TimeStamp::currentTime();
     return Basalt::TimeStamp(now.value() - int64_t(secondsSinceLastPacket() * 1e6));
 }
-
-// ---- subclass hooks ----
-
-bool ConnectionThread::parse(const QString&) {
-    return false;
-}
-
-void ConnectionThread::pong(const QByteArray&) {}
-
-void ConnectionThread::connected() {}
-
-void ConnectionThread::disconnected() {}
-
-bool ConnectionThread::wantsIdle() {
-    return false;
-}
-
-void ConnectionThread::idle() {}
-
-void ConnectionThread::connectionFailed() {}
-
-void ConnectionThread::retryProgress(double) {}
 
 } // namespace Dovel

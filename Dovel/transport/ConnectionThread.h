@@ -1,26 +1,28 @@
 // One TCP connection to one peer, run on a thread of its own: it opens (a client) or
 // takes (a server) the socket, runs the login (LoginHandshake), answers "ping" and hands
-// every other text line to parse(); subclasses read what follows a line through line(),
-// readData(), readMap() and skip() (a LineReader over the socket). Everything sent after
-// the login goes through the owned WriterThread. A client (made with a null socket and
-// started by connectToHost) tries again after every failure until stop(), paced by its
-// ReconnectPolicy; a server-side connection (made around an accepted socket) serves once.
+// every other text line to its ConnectionHandler, the protocol it owns, which reads what
+// follows a line through the ConnectionLink this class implements (a LineReader over the
+// socket). Everything sent after the login goes through the owned WriterThread. A client
+// (made with a null socket and started by connectToHost) tries again after every failure
+// until stop(), paced by its ReconnectPolicy; a server-side connection (made around an
+// accepted socket) serves once.
 //
 // Threads: the connection's own thread reads (line, readData, readMap, skip are only
-// called from it, typically inside parse) and runs the hooks; the writer thread writes;
-// the owner's thread may call queue, writeBuffer*, stop, connectToHost and the accessors
-// at any time. Always owned by a std::shared_ptr; others keep std::weak_ptr.
+// called from it, typically inside the handler's parse) and runs the handler's hooks;
+// the writer thread writes; the owner's thread may call queue, writeBuffer*, stop,
+// connectToHost and the accessors at any time. Always owned by a std::shared_ptr; others
+// keep std::weak_ptr. An owner that also needs the protocol's own API holds the handler
+// through handlerOf(), which shares the connection's ownership.
 //
 // Shutdown: shutdown() is the one sequence that ends a connection for good: stop(), then
 // wait for the connection's thread (unless called on it) and the writer's. It may run
-// any number of times. The base's destructor runs it and then frees the writer and the
-// socket. A subclass whose hooks use its own members calls shutdown() first in its
-// destructor, so that no hook runs on a half-destroyed object; a subclass that runs
-// threads of its own overrides shutdown() to call the base's and then wait for them.
+// any number of times. The destructor runs it, then destroys the handler (whose hooks
+// can no longer run), then frees the writer and the socket.
 //
 // Events for the owner are the Listener's callbacks, on the connection's thread.
 #pragma once
 
+#include "Dovel/transport/ConnectionHandler.h"
 #include "Dovel/transport/LineReader.h"
 #include "Dovel/transport/PeerFailure.h"
 #include "Dovel/transport/PeerState.h"
@@ -47,8 +49,9 @@ namespace Dovel {
 
 class SocketSource;
 
-class ConnectionThread : public Basalt::Thread,
-                         public std::enable_shared_from_this<ConnectionThread> {
+class ConnectionThread final : public Basalt::Thread,
+                               public ConnectionLink,
+                               public std::enable_shared_from_this<ConnectionThread> {
 public:
     // The key both ends of a login hold unless the application sets another one.
     static constexpr const char DefaultLoginKey[] = "Dovel2Sync";
@@ -58,12 +61,33 @@ public:
     ConnectionThread(Basalt::TCPSocket* socket, bool serverSide);
     ~ConnectionThread() override;
 
+    // The protocol spoken over this connection, owned from here on; set before the thread
+    // runs. Until then a handler that understands no line stands in.
+    void setHandler(std::unique_ptr<ConnectionHandler> handler);
+    // A connection that owns a new H, made from the connection and `args`.
+    template <class H, class... Args>
+    static std::shared_ptr<ConnectionThread> create(Basalt::TCPSocket* socket, bool serverSide,
+                                                    Args&&... args) {
+        auto connection = std::make_shared<ConnectionThread>(socket, serverSide);
+        connection->setHandler(std::make_unique<H>(*connection, std::forward<Args>(args)...));
+        return connection;
+    }
+    // The handler the connection owns (never null).
+    ConnectionHandler* handler() const { return handler_.get(); }
+    // The connection's handler as an H, sharing the connection's ownership; null when it
+    // is none.
+    template <class H>
+    static std::shared_ptr<H> handlerOf(const std::shared_ptr<ConnectionThread>& connection) {
+        H* handler = connection ? dynamic_cast<H*>(connection->handler()) : nullptr;
+        return handler ? std::shared_ptr<H>(connection, handler) : nullptr;
+    }
+
     // What the owner hears, on the connection's thread: `connected` after a successful
-    // login (after the connected() hook), `disconnected` when that connection's reading
-    // loop has ended (after disconnected()), and `handshakeFailed` when a login failed,
-    // so that an owner can retire a connection that never connected. Empty members are
-    // not called, and none is once the connection's destructor has begun. Set before the
-    // thread runs.
+    // login (after the handler's connected()), `disconnected` when that connection's
+    // reading loop has ended (after the handler's disconnected()), and `handshakeFailed`
+    // when a login failed, so that an owner can retire a connection that never
+    // connected. Empty members are not called, and none is once the connection's
+    // destructor has begun. Set before the thread runs.
     struct Listener {
         std::function<void()> connected;
         std::function<void()> disconnected;
@@ -76,9 +100,9 @@ public:
     // it off the wire but encrypts nothing. Thread-safe; affects handshakes that start
     // afterwards. An empty key restores the default.
     void setLoginKey(const QByteArray& key) {
-        peer.setLoginKey(key.isEmpty() ? QByteArray(DefaultLoginKey) : key);
+        peer_.setLoginKey(key.isEmpty() ? QByteArray(DefaultLoginKey) : key);
     }
-    QByteArray loginKey() const { return peer.loginKey(); }
+    QByteArray loginKey() const { return peer_.loginKey(); }
     // Server side: waits this long before the greeting (a back-off after failed
     // logins from the peer's address); stop() ends the wait. Set before the thread runs.
     void setLoginDelay(double seconds) { loginDelay.store(seconds); }
@@ -93,18 +117,18 @@ public:
     // breaks the current connection of a running one so that it moves to the new address.
     void connectToHost(const QString& host, int port);
     // Ends the connection and, for a client, its retry loop. Does not wait.
-    virtual void stop();
+    void stop() override;
     // stop(), then waits for the connection's thread (unless called on it) and the
     // writer's (see Shutdown above).
-    virtual void shutdown();
+    void shutdown();
 
     // Sends `text` (UTF-8, as is: the caller supplies any line end) through the writer,
     // or keeps it until the next handshake when not connected.
     void queue(const QString& text);
     // Hand data to the writer under `key` (see WriterThread); empty data is dropped.
-    void writeBufferData(const QByteArray& data, const QByteArray& key);
-    void writeBuffer(const QString& text, const QByteArray& key);
-    void writeBuffer(const QList<QByteArray>& parts, const QByteArray& key);
+    void writeBufferData(const QByteArray& data, const QByteArray& key) override;
+    using ConnectionLink::writeBuffer;
+    void writeBuffer(const QList<QByteArray>& parts, const QByteArray& key) override;
     // The map's header line and body in the form the peer's version reads.
     QByteArray buildMapBuffer(const QString& name, const QMap<QString, QString>& map) const;
     // The same in the binary form (peers of 1.9.1 on) or the text form.
@@ -121,58 +145,47 @@ public:
     bool writeData(const void* data, int size);
     bool puts(const QString& text);
 
-    // Reads for the connection's own thread (inside parse), through its LineReader:
-    // buffered bytes first, then the socket. A failure, or a size above the limits of
-    // Dovel/Limits.h, ends the connection and yields an empty result, false or no map.
-    QString line();
-    QByteArray readData(int size);
-    bool readData(uint8_t* dst, int size);
-    bool skip(int size);
-    // The map of `count` entries that follows a map line; none when it could not be read
-    // (a map of no entries is a map). A block that holds fewer entries than announced is
-    // logged and yields none but keeps the connection, which stays in frame.
-    std::optional<QMap<QString, QString>> readMap(int count);
-    // Ends the connection at once, after the caller logged why: from a subclass's framing
+    // Reads for the connection's own thread (inside parse), through its LineReader (see
+    // ConnectionLink). A map block that holds fewer entries than announced is logged and
+    // yields none but keeps the connection, which stays in frame.
+    QString line() override;
+    QByteArray readData(int size) override;
+    bool readData(uint8_t* dst, int size) override;
+    bool skip(int size) override;
+    std::optional<QMap<QString, QString>> readMap(int count) override;
+    // Ends the connection at once, after the caller logged why: from a handler's framing
     // when the peer announced something it must not send, or from any thread when the
     // peer misbehaves otherwise. As a failed read does: the socket closes so that nothing
     // more is read, and a client goes on to its next attempt.
-    void abortConnection();
+    void abortConnection() override;
 
     void setRemoteVersion(int major, int minor, int patch, const QString& suffix) {
-        peer.setRemoteVersion(major, minor, patch, suffix);
+        peer_.setRemoteVersion(major, minor, patch, suffix);
     }
-    QString remoteVersion() const { return peer.remoteVersion(); }
-    // The suffix of the peer's version ("pellux" in "2.0.4-pellux"); empty when none.
-    QString remoteVersionSuffix() const { return peer.remoteVersionSuffix(); }
     // Client side: a suffix for the version line this side sends ("Heliotrope
     // 2.6.1-SUFFIX"), by which a client tells a server what kind of client it is. Empty
     // (the default): the plain version line. Set before connecting.
-    void setVersionSuffix(const QString& suffix) { peer.setVersionSuffix(suffix); }
-    // True when the peer's version is at least major.minor.patch.
-    bool remoteVersion(int major, int minor, int patch) const {
-        return peer.remoteVersion(major, minor, patch);
-    }
-    bool isDovel15Supported() const { return peer.isDovel15Supported(); }
+    void setVersionSuffix(const QString& suffix) { peer_.setVersionSuffix(suffix); }
     bool isPingSupported() const { return usePing_.load() && pongReceived.load(); }
     bool usePing() const { return usePing_.load(); }
     void setUsePing(bool use) { usePing_.store(use); }
 
-    QString hostName() const { return peer.hostName(); }
-    int port() const { return peer.port(); }
-    // Why the last attempt to reach the peer failed, kept until the next failure (none
-    // before the first).
-    PeerFailure lastFailure() const { return peer.lastFailure(); }
-    bool isConnected() const { return connected_.load(); }
+    PeerState& peer() override { return peer_; }
+    const PeerState& peer() const override { return peer_; }
+    bool isConnected() const override { return connected_.load(); }
     // False from the moment the current connection is ended (a failed read or write,
     // abortConnection, stop) until the next one starts, while isConnected() may still
     // hold until the connection's thread has noticed.
     bool isLive() const { return running.load(); }
     bool isServerSide() const { return serverSide; }
     // The user name the peer logged in with (server side).
-    QString loginUserName() const { return peer.userName(); }
+    QString loginUserName() const { return peer_.userName(); }
     uint32_t rxBytes() const;
     uint32_t txBytes() const;
-    int64_t bufferedDataSize() const { return writer->bufferedDataSize(); }
+    int64_t bufferedDataSize() const override { return writer->bufferedDataSize(); }
+    bool callWhenDrained(int64_t bytes, std::function<void()> callback) override {
+        return writer->callWhenDrained(bytes, std::move(callback));
+    }
     // When a byte last came from the peer, on the wall clock (for display); intervals
     // are measured with secondsSinceLastPacket(), on the monotonic one.
     Basalt::TimeStamp lastPacketTimestamp() const;
@@ -183,40 +196,29 @@ public:
     // be gone (logged once). A peer that holds its reading but still sends (pings while
     // its tree thread catches up) is waited for.
     bool writeStalled(double seconds);
-    double timeoutSeconds() const { return timeout.load(); }
-    void setTimeoutSeconds(double seconds) { timeout.store(seconds); }
+    double timeoutSeconds() const override { return timeout.load(); }
+    void setTimeoutSeconds(double seconds) override { timeout.store(seconds); }
+    std::weak_ptr<ConnectionLink> weakLink() override { return weak_from_this(); }
     Basalt::Mutex& writeMutex() { return writeMutex_; }
     WriterThread* writerThread() { return writer.get(); }
 
-protected:
-    void childLoop() override;
-    virtual bool openConnection();
-    virtual bool handshake();
-    virtual void handleConnection();
-
-    // Subclass hooks, called on the connection's thread. parse returns false for a line
-    // it does not understand.
-    virtual bool parse(const QString& line);
-    virtual void pong(const QByteArray& payload);
-    virtual void connected();
-    virtual void disconnected();
-    virtual void connectionFailed();
-    // Between lines, when nothing is buffered: while wantsIdle() holds, idle() is called
-    // whenever the peer stays quiet for IdlePollMs. (A peer quiet in the middle of a
-    // line is waited for.)
-    virtual bool wantsIdle();
-    virtual void idle();
-    static constexpr unsigned int IdlePollMs = 20;
-    virtual void retryProgress(double secondsLeft);
-
+    // Client: whether a failed or ended attempt is followed by another; true by default.
+    // Set before connecting.
     void setKeepRetrying(bool keep) { retry.setKeepRetrying(keep); }
-    // Records why the peer cannot be served, for lastFailure().
-    void notePeerFailure(const PeerFailure& failure) { peer.noteFailure(failure); }
+    // True from stop() until the next connectToHost.
     bool isStopping() const { return stopping.load(); }
+
+    // How long the peer may stay quiet before a handler that wants it idles.
+    static constexpr unsigned int IdlePollMs = 20;
 
 private:
     friend class WriterThread;
     friend class SocketSource;
+
+    void childLoop() override;
+    bool openConnection();
+    bool handshake();
+    void handleConnection();
 
     // The pause before a server's greeting; false when the connection was stopped.
     bool waitLoginDelay();
@@ -235,7 +237,7 @@ private:
     const bool serverSide;
     std::atomic<bool> stopping{false};
 
-    PeerState peer{DefaultLoginKey};
+    PeerState peer_{DefaultLoginKey};
 
     Basalt::Mutex writeMutex_;
     // The pause between client attempts (and a server's login delay); connectToHost and
@@ -266,6 +268,8 @@ private:
     void writeFailed() { running.store(false); }
     std::atomic<bool> stallLogged{false};
 
+    // Set before the thread runs; its hooks run on the connection's thread only.
+    std::unique_ptr<ConnectionHandler> handler_;
     // The connection's own thread only.
     std::unique_ptr<SocketSource> source;
     LineReader reader;

@@ -85,7 +85,7 @@ private:
 inline Dovel::FolderPullConnection::Result pull(const QString& folder, int port, bool deleteExtra,
                                                 int ms = 30000) {
     Dovel::AssetBase asset(folder);
-    auto connection = std::make_shared<Dovel::FolderPullConnection>(asset, deleteExtra);
+    auto connection = Dovel::FolderPullConnection::create(asset, deleteExtra);
     connection->start(QStringLiteral("127.0.0.1"), port);
     EXPECT_TRUE(connection->waitFinished(ms)) << "the pull did not finish in time";
     const Dovel::FolderPullConnection::Result result = connection->result();

@@ -1,11 +1,14 @@
 // The file commands on the wire, byte for byte: the lines themselves, a FolderServer
-// answered by a hand-driven peer, and the receiving side fed by a hand-driven server.
+// answered by a hand-driven peer, and the receiving side fed by hand over a fake link or
+// by a hand-driven server.
 #include "files/FilesTestUtil.h"
 
 #include "Dovel/files/FileTransferHandler.h"
 #include "Dovel/files/ProgressSender.h"
 #include "Dovel/files/ServedList.h"
+#include "Dovel/transport/ConnectionThread.h"
 #include "Dovel/transport/MapBlock.h"
+#include "transport/FakeLink.h"
 
 #include "Basalt/Condition.h"
 #include "Basalt/Trace.h"
@@ -207,14 +210,11 @@ TEST(FileProtocol, ServerHandsOutNothingOutsideItsFolder) {
                                  "exist. Not uploaded"));
 }
 
-// A client-side handler that records the ends of its downloads.
+// A receiving handler that records the ends of its downloads.
 class RecordingHandler : public Dovel::FileTransferHandler {
 public:
-    explicit RecordingHandler(Dovel::AssetBase& asset)
-        : Dovel::FileTransferHandler(nullptr, false, asset) {
-        setKeepRetrying(false);
-    }
-    ~RecordingHandler() override { shutdown(); }
+    RecordingHandler(Dovel::ConnectionLink& link, Dovel::AssetBase& asset)
+        : Dovel::FileTransferHandler(link, asset) {}
 
     QStringList finished() const {
         Basalt::Guard guard(mutex);
@@ -232,11 +232,12 @@ private:
     QStringList ends;
 };
 
-// A hand-driven server with a RecordingHandler logged in to it.
+// A hand-driven server with a RecordingHandler's connection logged in to it.
 struct FedHandler {
     QTemporaryDir base;
     QString folder;
     std::unique_ptr<Dovel::AssetBase> asset;
+    std::shared_ptr<Dovel::ConnectionThread> connection;
     std::shared_ptr<RecordingHandler> handler;
     std::unique_ptr<RawPeer> server;
     RawListener listener;
@@ -246,40 +247,70 @@ struct FedHandler {
             return false;
         folder = base.path() + "/mine";
         asset = std::make_unique<Dovel::AssetBase>(folder);
-        handler = std::make_shared<RecordingHandler>(*asset);
-        handler->connectToHost("127.0.0.1", listener.port());
+        connection = Dovel::ConnectionThread::create<RecordingHandler>(nullptr, false, *asset);
+        connection->setKeepRetrying(false);
+        handler = Dovel::ConnectionThread::handlerOf<RecordingHandler>(connection);
+        connection->connectToHost("127.0.0.1", listener.port());
         server = listener.accept();
         return server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true) &&
-               waitUntil([this] { return handler->isConnected(); });
+               waitUntil([this] { return connection->isConnected(); });
     }
     bool ended(const QString& entry) {
         return waitUntil([&] { return handler->finished().contains(entry); });
     }
 };
 
+// The receiving side over a fake link, without sockets or threads of the connection: a
+// RecordingHandler that logged in, fed by hand, its lines read back by hand.
+struct FakeFed {
+    QTemporaryDir base;
+    QString folder = base.path() + "/mine";
+    Dovel::AssetBase asset{folder};
+    TransportTest::FakeLink link;
+    RecordingHandler handler{link, asset};
+
+    FakeFed() { static_cast<Dovel::ConnectionHandler&>(handler).connected(); }
+    ~FakeFed() { static_cast<Dovel::ConnectionHandler&>(handler).disconnected(); }
+
+    // Reads what was fed, then lets the handler finish what it may while the peer is
+    // quiet, as the connection does, until `entry` has ended.
+    bool ended(const QString& entry) {
+        link.pump(handler);
+        auto& hooks = static_cast<Dovel::ConnectionHandler&>(handler);
+        return waitUntil([&] {
+            if (hooks.wantsIdle())
+                hooks.idle();
+            return handler.finished().contains(entry);
+        });
+    }
+    QByteArray answer(const QByteArray& bytes) {
+        link.feed(bytes);
+        link.pump(handler);
+        return link.takeWritten();
+    }
+};
+
 TEST(FileProtocol, ReceiverRefusesBadNamesAndFailsPartsOutOfOrder) {
     Basalt::TraceCapture capture;
-    FedHandler fed;
-    ASSERT_TRUE(fed.start());
-    RawPeer& server = *fed.server;
+    FakeFed fed;
 
     // Names that would leave the folder are refused before anything is written, and
     // the stream stays framed after the raw bytes of a refused part.
-    ASSERT_TRUE(server.send("fileinfo 3 \"/../evil\" 1 " + AbcMd5 +
-                            "\n"
-                            "fileinfo 3 \"evil\" 1 " +
-                            AbcMd5 +
-                            "\n"
-                            "filepart \"/../evil\" 3 1\nabc"
-                            "fileinfo 3 \"/good\" 1 " +
-                            AbcMd5 + "\n"));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/good\""));
-    ASSERT_TRUE(server.send("filepart \"/good\" 3 1\nabc"));
+    EXPECT_EQ(fed.answer("fileinfo 3 \"/../evil\" 1 " + AbcMd5 +
+                         "\n"
+                         "fileinfo 3 \"evil\" 1 " +
+                         AbcMd5 +
+                         "\n"
+                         "filepart \"/../evil\" 3 1\nabc"
+                         "fileinfo 3 \"/good\" 1 " +
+                         AbcMd5 + "\n"),
+              QByteArray("sendparts \"/good\"\n"));
+    fed.link.feed("filepart \"/good\" 3 1\nabc");
     ASSERT_TRUE(fed.ended("/good ok"));
     EXPECT_EQ(readFile(fed.folder + "/good"), QByteArray("abc"));
     EXPECT_TRUE(capture.contains("Filename can't contain '..' and it has to start with '/': "
                                  "/../evil"));
-    EXPECT_TRUE(capture.contains("Failed to parse command 'fileinfo 3 \"evil\" 1"));
+    EXPECT_EQ(fed.link.refused, QStringList{"fileinfo 3 \"evil\" 1 " + AbcMd5});
     EXPECT_TRUE(capture.contains("received file part 1 but we expected 1: '/../evil'"));
     EXPECT_FALSE(QFileInfo::exists(fed.base.path() + "/evil"));
     EXPECT_FALSE(QFileInfo::exists(fed.base.path() + "/evil.filesync.part"));
@@ -287,41 +318,41 @@ TEST(FileProtocol, ReceiverRefusesBadNamesAndFailsPartsOutOfOrder) {
     // A part out of order fails the download and removes what was written.
     const QByteArray big = patternBytes(3 * 65536, 7);
     const QByteArray bigMd5 = QCryptographicHash::hash(big, QCryptographicHash::Md5).toHex();
-    ASSERT_TRUE(server.send("fileinfo 196608 \"/sub/big\" 3 " + bigMd5 + "\n"));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/sub/big\""));
-    ASSERT_TRUE(server.send("filepart \"/sub/big\" 65536 1\n" + big.left(65536)));
-    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloads().currentParts("/sub/big") == 1; }));
+    EXPECT_EQ(fed.answer("fileinfo 196608 \"/sub/big\" 3 " + bigMd5 + "\n"),
+              QByteArray("sendparts \"/sub/big\"\n"));
+    fed.answer("filepart \"/sub/big\" 65536 1\n" + big.left(65536));
+    EXPECT_EQ(fed.asset.downloads().currentParts("/sub/big"), 1);
     EXPECT_TRUE(QFileInfo::exists(fed.folder + "/sub/big.filesync.part"));
-    ASSERT_TRUE(server.send("filepart \"/sub/big\" 65536 3\n" + big.mid(2 * 65536)));
+    fed.link.feed("filepart \"/sub/big\" 65536 3\n" + big.mid(2 * 65536));
     ASSERT_TRUE(fed.ended("/sub/big failed"));
     EXPECT_TRUE(capture.contains("received file part 3 but we expected 2: '/sub/big'"));
     EXPECT_TRUE(capture.contains("File Download for '/sub/big' failed"));
-    EXPECT_FALSE(fed.asset->downloads().isDownloading("/sub/big"));
+    EXPECT_FALSE(fed.asset.downloads().isDownloading("/sub/big"));
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
     EXPECT_FALSE(QFileInfo::exists(fed.folder + "/sub/big"));
 
     // A checksum that does not match leaves neither the file nor its temporary file.
-    ASSERT_TRUE(server.send("fileinfo 3 \"/wrong\" 1 " + EmptyMd5 + "\n"));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/wrong\""));
-    ASSERT_TRUE(server.send("filepart \"/wrong\" 3 1\nabc"));
+    EXPECT_EQ(fed.answer("fileinfo 3 \"/wrong\" 1 " + EmptyMd5 + "\n"),
+              QByteArray("sendparts \"/wrong\"\n"));
+    fed.link.feed("filepart \"/wrong\" 3 1\nabc");
     ASSERT_TRUE(fed.ended("/wrong failed"));
     EXPECT_TRUE(capture.contains("md5 mismatch for '" + fed.folder + "/wrong.filesync.part'"));
     EXPECT_FALSE(QFileInfo::exists(fed.folder + "/wrong"));
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
 
     // The same file twice at once is refused the second time.
-    ASSERT_TRUE(server.send("fileinfo 196608 \"/twice\" 3 " + bigMd5 +
-                            "\n"
-                            "fileinfo 196608 \"/twice\" 3 " +
-                            bigMd5 + "\n"));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/twice\""));
-    ASSERT_TRUE(
-        waitUntil([&] { return capture.contains("File '/twice' is being downloaded already"); }));
-    ASSERT_TRUE(server.send("filepart \"/twice\" 65536 1\n" + big.left(65536) +
-                            "filepart \"/twice\" 65536 2\n" + big.mid(65536, 65536) +
-                            "filepart \"/twice\" 65536 3\n" + big.mid(2 * 65536)));
+    EXPECT_EQ(fed.answer("fileinfo 196608 \"/twice\" 3 " + bigMd5 +
+                         "\n"
+                         "fileinfo 196608 \"/twice\" 3 " +
+                         bigMd5 + "\n"),
+              QByteArray("sendparts \"/twice\"\n"));
+    EXPECT_TRUE(capture.contains("File '/twice' is being downloaded already"));
+    fed.link.feed("filepart \"/twice\" 65536 1\n" + big.left(65536) +
+                  "filepart \"/twice\" 65536 2\n" + big.mid(65536, 65536) +
+                  "filepart \"/twice\" 65536 3\n" + big.mid(2 * 65536));
     ASSERT_TRUE(fed.ended("/twice ok"));
     EXPECT_EQ(readFile(fed.folder + "/twice"), big);
+    EXPECT_FALSE(fed.link.ended);
 }
 
 TEST(FileProtocol, HashedBesideTheReaderAMismatchStillFailsAndARetryStartsClean) {
@@ -558,7 +589,7 @@ TEST(FileProtocol, APullAnswersWhileItsFolderIsListedAndComparesOnceBothListsAre
     ASSERT_TRUE(waitUntil([&] { return held.hasEntered(); }));
 
     RawListener listener;
-    auto pull = std::make_shared<Dovel::FolderPullConnection>(asset, false);
+    auto pull = Dovel::FolderPullConnection::create(asset, false);
     pull->start("127.0.0.1", listener.port(), generation);
     auto server = listener.accept();
     ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));

@@ -80,7 +80,7 @@ TEST(PullSafety, OnlyWhatWasAskedForIsTakenAndFewDownloadsRunAtOnce) {
     QTemporaryDir target;
     TransportTest::RawListener listener;
     Dovel::AssetBase asset(target.path());
-    auto puller = std::make_shared<Dovel::FolderPullConnection>(asset, false);
+    auto puller = Dovel::FolderPullConnection::create(asset, false);
     puller->start(QStringLiteral("127.0.0.1"), listener.port());
     auto server = listener.accept();
     ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));
@@ -130,8 +130,8 @@ TEST(PullSafety, AFileWhosePartsStopComingFailsAfterOneMoreTry) {
     QTemporaryDir target;
     TransportTest::RawListener listener;
     Dovel::AssetBase asset(target.path());
-    auto puller = std::make_shared<Dovel::FolderPullConnection>(asset, false);
-    puller->setTimeoutSeconds(0.5);
+    auto puller = Dovel::FolderPullConnection::create(asset, false);
+    puller->connection().setTimeoutSeconds(0.5);
     puller->start(QStringLiteral("127.0.0.1"), listener.port());
     auto server = listener.accept();
     ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));

@@ -65,7 +65,7 @@ TEST(FlowControl, AClientThatStopsReadingIsSentFoldedChangesOnceItReadsAgain) {
            std::chrono::steady_clock::now() - start < std::chrono::seconds(60))
         changeAll(master, ++round);
     ASSERT_GE(server.stats().passesHeld.load(), 10u) << round << " rounds";
-    Dovel::WriterThread* writer = server.sessions().front()->writerThread();
+    Dovel::WriterThread* writer = server.sessions().front()->connection().writerThread();
     // Held: what waits stays near the mark instead of growing by a round per pass.
     const int64_t waiting = writer->bufferedDataSize();
     for (int i = 0; i < 20; ++i)
@@ -102,9 +102,9 @@ TEST(FlowControl, AClientWhoseTreeThreadIsBehindStopsReadingAndStaysConnected) {
     // about six seconds into the hold (its writer pings after five seconds of silence
     // and gives up a second later), and the server's writer, stuck behind the held
     // client, would give up after six seconds without its pings.
-    server.sessions().front()->setTimeoutSeconds(6.0);
+    server.sessions().front()->connection().setTimeoutSeconds(6.0);
     client.connection().setTimeoutSeconds(6.0);
-    const std::shared_ptr<Dovel::BundleController> session = client.connection().controller();
+    const std::shared_ptr<Dovel::BundleController> session = client.session().controller();
     ASSERT_TRUE(session);
 
     std::promise<void> release;

@@ -22,15 +22,14 @@ using Dovel::Bundle;
 
 namespace {
 
-// A client whose parse is processDovel2 over a manual controller; records each line
-// with processDovel2's answer.
-class FramingConnection : public Dovel::ConnectionThread {
+// A client's handler whose parse is processDovel2 over a manual controller; records
+// each line with processDovel2's answer.
+class FramingHandler : public Dovel::ConnectionHandler {
 public:
-    explicit FramingConnection(std::shared_ptr<Dovel::BundleController> controller)
-        : Dovel::ConnectionThread(nullptr, false), controller(std::move(controller)) {
-        setKeepRetrying(false);
-    }
-    ~FramingConnection() override { shutdown(); }
+    FramingHandler(Dovel::ConnectionThread& connection,
+                   std::shared_ptr<Dovel::BundleController> controller)
+        : Dovel::ConnectionHandler(connection), connection(connection),
+          controller(std::move(controller)) {}
 
     QStringList results() const {
         Basalt::Guard guard(mutex);
@@ -39,13 +38,14 @@ public:
 
 protected:
     bool parse(const QString& line) override {
-        const bool recognised = Dovel::processDovel2(controller, *this, line);
+        const bool recognised = Dovel::processDovel2(controller, connection, line);
         Basalt::Guard guard(mutex);
         answers.append(line + (recognised ? " -> true" : " -> false"));
         return recognised;
     }
 
 private:
+    Dovel::ConnectionThread& connection;
     std::shared_ptr<Dovel::BundleController> controller;
     mutable Basalt::Mutex mutex;
     QStringList answers;
@@ -63,7 +63,9 @@ struct Fixture {
         params.autoUpdate = false;
         params.counters = counters;
         controller = Dovel::BundleController::create(node, params);
-        connection = std::make_shared<FramingConnection>(controller);
+        connection = Dovel::ConnectionThread::create<FramingHandler>(nullptr, false, controller);
+        connection->setKeepRetrying(false);
+        framing = Dovel::ConnectionThread::handlerOf<FramingHandler>(connection);
     }
     // Connects the client to the hand-driven server and plays the login.
     bool connect(const QByteArray& greeting = "Heliotrope 2.6.1", bool versionLine = true) {
@@ -78,7 +80,8 @@ struct Fixture {
     std::shared_ptr<Dovel::BundleCounters> counters = std::make_shared<Dovel::BundleCounters>();
     std::shared_ptr<Dovel::BundleController> controller;
     RawListener listener;
-    std::shared_ptr<FramingConnection> connection;
+    std::shared_ptr<Dovel::ConnectionThread> connection;
+    std::shared_ptr<FramingHandler> framing;
     std::unique_ptr<RawPeer> peer;
 };
 
@@ -123,8 +126,8 @@ TEST(Framing, BatchesAreReadAndScheduledAndOtherLinesAreNotRecognised) {
     ASSERT_TRUE(f.peer->send("dovel2 many\ndovel2\nDOVEL2 1\n"));
     ASSERT_TRUE(f.peer->send("dovel2 2\n" + first + second + "dovel2 0\n"));
     // A batch is counted when it is scheduled, before parse() returns and notes it.
-    ASSERT_TRUE(waitUntil([&] { return f.connection->results().size() == 5; }));
-    EXPECT_EQ(f.connection->results(),
+    ASSERT_TRUE(waitUntil([&] { return f.framing->results().size() == 5; }));
+    EXPECT_EQ(f.framing->results(),
               QStringList({"dovel2 many -> false", "dovel2 -> false", "DOVEL2 1 -> false",
                            "dovel2 2 -> true", "dovel2 0 -> true"}));
     EXPECT_EQ(f.counters->batchesReceived.load(), 2u); // the lines above count for nothing
@@ -137,8 +140,8 @@ TEST(Framing, ABatchWhoseSecondBundleIsCutShortIsDropped) {
     ASSERT_TRUE(f.connect());
     ASSERT_TRUE(f.peer->send("dovel2 2\n" + first + second.left(20)));
     f.peer.reset(); // the peer goes away in the middle of the bundle
-    ASSERT_TRUE(waitUntil([&] { return f.connection->results().size() == 1; }));
-    EXPECT_EQ(f.connection->results(), QStringList({"dovel2 2 -> true"}));
+    ASSERT_TRUE(waitUntil([&] { return f.framing->results().size() == 1; }));
+    EXPECT_EQ(f.framing->results(), QStringList({"dovel2 2 -> true"}));
     EXPECT_TRUE(waitUntil([&] { return !f.connection->isConnected(); }));
     EXPECT_EQ(trace.count("processDovel2 # Failed to read Bundle", Basalt::Trace::Warning), 1)
         << trace.dump().toStdString();

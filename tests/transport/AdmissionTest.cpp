@@ -30,13 +30,13 @@ TEST(Admission, ALoginThatStallsEndsAtTheTimeOutOnEitherEnd) {
 
     // A server that greets and sends half a challenge.
     RawListener listener;
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     client->setTimeoutSeconds(0.5);
     client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
     auto fake = listener.accept();
     ASSERT_TRUE(fake);
     fake->send("Heliotrope 2.6.1\n" + fixedChallenge().left(40));
-    EXPECT_TRUE(waitUntil([&] { return client->failedLogins.load() == 1; }, 20000));
+    EXPECT_TRUE(waitUntil([&] { return hooks(client).failedLogins.load() == 1; }, 20000));
     EXPECT_TRUE(fake->waitClosed(20000));
     client->stop();
     EXPECT_TRUE(client->waitEnd(2000));

@@ -45,7 +45,7 @@ struct Server {
             return false;
         return waitUntil([&] {
             for (const auto& c : server.instances())
-                if (std::static_pointer_cast<TestConnection>(c)->lines().contains("alive"))
+                if (hooks(c).lines().contains("alive"))
                     return true;
             return false;
         });
@@ -151,12 +151,12 @@ TEST(Garbage, PeerLeavingInsideABlockEndsTheConnection) {
     const std::shared_ptr<TestConnection> accepted = s.server.first();
     peer->send("data 5\nabc");
     peer->send("de\ndata 3\nxyz");
-    ASSERT_TRUE(waitUntil([&] { return accepted->blocks().size() == 2; }));
-    EXPECT_EQ(accepted->blocks(), (QList<QByteArray>{"abcde", "xyz"}));
+    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).blocks().size() == 2; }));
+    EXPECT_EQ(hooks(accepted).blocks(), (QList<QByteArray>{"abcde", "xyz"}));
 
     peer->send("data 100\nonly a few");
     peer.reset();
-    ASSERT_TRUE(waitUntil([&] { return accepted->disconnectedCount.load() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).disconnectedCount.load() == 1; }));
     EXPECT_TRUE(trace.contains(
         QStringLiteral("LineReader::readData # Read error (127.0.0.1:%1 expected 100 "
                        "bytes, got 10 bytes")

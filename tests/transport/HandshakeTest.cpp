@@ -9,7 +9,7 @@ using namespace TransportTest;
 namespace {
 
 QStringList linesOf(const std::shared_ptr<TestConnection>& c) {
-    return c ? c->lines() : QStringList();
+    return c ? hooks(c).lines() : QStringList();
 }
 
 } // namespace
@@ -19,7 +19,7 @@ TEST(Handshake, ClientAndServerExchangeLinesAfterLogin) {
     ASSERT_TRUE(server.runOnLoopback());
     ASSERT_NE(server.port(), 0);
 
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     // Queued before any connection: kept and sent, in order, after the handshake.
     client->queue(QStringLiteral("first\n"));
     client->queue(QStringLiteral("second\n"));
@@ -28,14 +28,14 @@ TEST(Handshake, ClientAndServerExchangeLinesAfterLogin) {
     ASSERT_TRUE(waitUntil([&] { return client->isConnected() && server.first(); }));
     const std::shared_ptr<TestConnection> accepted = server.first();
     ASSERT_TRUE(waitUntil([&] { return linesOf(accepted).size() == 2; }));
-    EXPECT_EQ(accepted->lines(), (QStringList{"first", "second"}));
+    EXPECT_EQ(hooks(accepted).lines(), (QStringList{"first", "second"}));
 
     accepted->queue(QStringLiteral("reply one\n"));
     client->queue(QStringLiteral("third\n"));
-    ASSERT_TRUE(waitUntil([&] { return client->lines().size() == 1; }));
-    EXPECT_EQ(client->lines(), QStringList{"reply one"});
-    ASSERT_TRUE(waitUntil([&] { return accepted->lines().size() == 3; }));
-    EXPECT_EQ(accepted->lines().last(), QStringLiteral("third"));
+    ASSERT_TRUE(waitUntil([&] { return hooks(client).lines().size() == 1; }));
+    EXPECT_EQ(hooks(client).lines(), QStringList{"reply one"});
+    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).lines().size() == 3; }));
+    EXPECT_EQ(hooks(accepted).lines().last(), QStringLiteral("third"));
 
     // Both ends announced 2.6.1; both pinged "initialized" and got the pong.
     EXPECT_EQ(client->remoteVersion(), QStringLiteral("2.6.1"));
@@ -44,14 +44,14 @@ TEST(Handshake, ClientAndServerExchangeLinesAfterLogin) {
     EXPECT_EQ(accepted->loginUserName(), QStringLiteral("pavro"));
     ASSERT_TRUE(
         waitUntil([&] { return client->isPingSupported() && accepted->isPingSupported(); }));
-    EXPECT_EQ(client->pongs(), QList<QByteArray>{"initialized"});
-    EXPECT_EQ(accepted->pongs(), QList<QByteArray>{"initialized"});
-    EXPECT_EQ(client->connectedCount.load(), 1);
+    EXPECT_EQ(hooks(client).pongs(), QList<QByteArray>{"initialized"});
+    EXPECT_EQ(hooks(accepted).pongs(), QList<QByteArray>{"initialized"});
+    EXPECT_EQ(hooks(client).connectedCount.load(), 1);
     EXPECT_EQ(server.connectedCount(accepted.get()), 1);
 
     client->stop();
     ASSERT_TRUE(client->waitEnd(2000));
-    EXPECT_EQ(client->disconnectedCount.load(), 1);
+    EXPECT_EQ(hooks(client).disconnectedCount.load(), 1);
     ASSERT_TRUE(waitUntil([&] { return server.removedCount(accepted.get()) == 1; }));
     EXPECT_TRUE(server.instances().isEmpty());
     EXPECT_EQ(server.disconnectedCount(accepted.get()), 1);
@@ -79,8 +79,8 @@ TEST(Handshake, OldClientWithoutVersionLineGetsTextMaps) {
 
     // Empty lines and the "\r" of "\r\n" never reach parse.
     peer->send("\r\n\n\r\nhello\r\n\r\rworld\n");
-    ASSERT_TRUE(waitUntil([&] { return accepted->lines().size() == 2; }));
-    EXPECT_EQ(accepted->lines(), (QStringList{"hello", "world"}));
+    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).lines().size() == 2; }));
+    EXPECT_EQ(hooks(accepted).lines(), (QStringList{"hello", "world"}));
 }
 
 TEST(Handshake, ClientSendsVersionLineOnlyToServersFrom191) {
@@ -98,7 +98,7 @@ TEST(Handshake, ClientSendsVersionLineOnlyToServersFrom191) {
         SCOPED_TRACE(c.greeting.constData());
         RawListener listener;
         ASSERT_TRUE(listener.isOpen());
-        auto client = std::make_shared<TestConnection>(nullptr, false);
+        auto client = makeTestConnection(nullptr, false);
         client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
         auto peer = listener.accept();
         ASSERT_TRUE(peer);
@@ -114,7 +114,7 @@ TEST(Handshake, ClientSendsVersionLineOnlyToServersFrom191) {
 TEST(Handshake, GreetingOfMajorVersion3IsRefused) {
     Basalt::TraceCapture trace;
     RawListener listener;
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
     auto peer = listener.accept();
     ASSERT_TRUE(peer);
@@ -126,7 +126,7 @@ TEST(Handshake, GreetingOfMajorVersion3IsRefused) {
     EXPECT_EQ(trace.count("Unknown server version 'Heliotrope 3.0.0', expected \"Heliotrope "
                           "(1|2).*.*\""),
               1);
-    EXPECT_EQ(client->connectedCount.load(), 0);
+    EXPECT_EQ(hooks(client).connectedCount.load(), 0);
     client->stop();
     EXPECT_TRUE(client->waitEnd(2000));
 }
@@ -173,12 +173,12 @@ TEST(Handshake, ApplicationLoginKeyIsUsedByBothEnds) {
 
     // The right key logs in; the default one is refused like any wrong key.
     for (const QByteArray& key : {QByteArray("OtherKey99"), QByteArray()}) {
-        auto client = std::make_shared<TestConnection>(nullptr, false);
+        auto client = makeTestConnection(nullptr, false);
         client->setLoginKey(key);
         EXPECT_EQ(client->loginKey(), key.isEmpty() ? QByteArray("Dovel2Sync") : key);
         client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
         if (key.isEmpty())
-            EXPECT_TRUE(waitUntil([&] { return client->failedLogins.load() > 0; }));
+            EXPECT_TRUE(waitUntil([&] { return hooks(client).failedLogins.load() > 0; }));
         else
             EXPECT_TRUE(waitUntil([&] { return client->isConnected(); }));
         client->stop();

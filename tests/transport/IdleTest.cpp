@@ -13,23 +13,23 @@ TEST(Idle, AQuietPeerLetsTheConnectionWorkAndItsLinesStillArrive) {
     LoggedIn logged;
     ASSERT_TRUE(logged.start());
     TestConnection& connection = *logged.accepted;
-    EXPECT_EQ(connection.idleCount.load(), 0); // not wanted: the loop only reads
+    EXPECT_EQ(hooks(connection).idleCount.load(), 0); // not wanted: the loop only reads
 
     // Asked for between lines: a line brings the loop round to the question.
-    connection.idleWanted.store(3);
+    hooks(connection).idleWanted.store(3);
     ASSERT_TRUE(logged.peer->send("wake\n"));
-    ASSERT_TRUE(waitUntil([&] { return connection.idleCount.load() == 3; }));
-    EXPECT_EQ(connection.idleWanted.load(), 0);
+    ASSERT_TRUE(waitUntil([&] { return hooks(connection).idleCount.load() == 3; }));
+    EXPECT_EQ(hooks(connection).idleWanted.load(), 0);
 
     // Wanted on and on: lines still arrive, then the peer's end ends the loop.
-    connection.idleWanted.store(1 << 30);
+    hooks(connection).idleWanted.store(1 << 30);
     ASSERT_TRUE(logged.peer->send("first\nsecond\n"));
-    ASSERT_TRUE(waitUntil([&] { return connection.lines().size() == 3; }));
-    EXPECT_EQ(connection.lines(), (QStringList{"wake", "first", "second"}));
-    const int before = connection.idleCount.load();
-    ASSERT_TRUE(waitUntil([&] { return connection.idleCount.load() > before; }));
+    ASSERT_TRUE(waitUntil([&] { return hooks(connection).lines().size() == 3; }));
+    EXPECT_EQ(hooks(connection).lines(), (QStringList{"wake", "first", "second"}));
+    const int before = hooks(connection).idleCount.load();
+    ASSERT_TRUE(waitUntil([&] { return hooks(connection).idleCount.load() > before; }));
     logged.peer.reset();
-    ASSERT_TRUE(waitUntil([&] { return connection.disconnectedCount.load() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return hooks(connection).disconnectedCount.load() == 1; }));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 // refused before they size anything.
 #include "Dovel/transport/LineReader.h"
 #include "Dovel/Limits.h"
+#include "transport/FakeLink.h"
 
 #include "Basalt/Trace.h"
 
@@ -10,37 +11,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
-
 namespace {
 
 using Map = QMap<QString, QString>;
 using Failure = Dovel::LineReader::Failure;
 
-// Hands out `bytes` at most `piece` bytes per read, then reports the end.
-class FakeSource : public Dovel::ByteSource {
-public:
-    FakeSource(QByteArray bytes, int piece) : bytes(std::move(bytes)), piece(piece) {}
-
-    int read(char* dst, int size, bool) override {
-        ++reads;
-        const int n = std::min({size, piece, int(bytes.size() - offset)});
-        if (n <= 0)
-            return 0;
-        std::memcpy(dst, bytes.constData() + offset, size_t(n));
-        offset += n;
-        return n;
-    }
-    QString peerName() const override { return QStringLiteral("fake:1"); }
-
-    int reads = 0;
-
-private:
-    QByteArray bytes;
-    int piece;
-    int offset = 0;
-};
+using TransportTest::FakeSource;
 
 // Two entries as a binary block: "a" = "1", "b" = "".
 const QByteArray Block = QByteArray::fromHex("010000002b000000"

@@ -54,8 +54,8 @@ TEST(Maps, ReadMapFromTextPeer) {
     ASSERT_EQ(link.accepted->remoteVersion(), QStringLiteral("1.9.0"));
 
     link.peer->send("map 2\nk1\nv1\r\nk2\n\nv2\nafter\n");
-    ASSERT_TRUE(waitUntil([&] { return link.accepted->lines().size() == 1; }));
-    EXPECT_EQ(link.accepted->lines(), QStringList{"after"});
-    ASSERT_EQ(link.accepted->maps().size(), 1);
-    EXPECT_EQ(link.accepted->maps()[0], (Map{{"k1", "v1"}, {"k2", "v2"}}));
+    ASSERT_TRUE(waitUntil([&] { return hooks(link.accepted).lines().size() == 1; }));
+    EXPECT_EQ(hooks(link.accepted).lines(), QStringList{"after"});
+    ASSERT_EQ(hooks(link.accepted).maps().size(), 1);
+    EXPECT_EQ(hooks(link.accepted).maps()[0], (Map{{"k1", "v1"}, {"k2", "v2"}}));
 }

@@ -27,17 +27,17 @@ TEST(Ping, AnsweredWithPongCarryingTheSameBytes) {
     // Near misses are ordinary lines.
     peer->send("pingx\nping \n");
     peer->send("pong initialized\npong\n");
-    ASSERT_TRUE(waitUntil([&] { return accepted->pongs().size() == 2; }));
-    EXPECT_EQ(accepted->pongs(), (QList<QByteArray>{"initialized", ""}));
+    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).pongs().size() == 2; }));
+    EXPECT_EQ(hooks(accepted).pongs(), (QList<QByteArray>{"initialized", ""}));
     EXPECT_TRUE(accepted->isPingSupported());
-    EXPECT_EQ(accepted->lines(), (QStringList{"pingx", "ping "}));
+    EXPECT_EQ(hooks(accepted).lines(), (QStringList{"pingx", "ping "}));
 
     // With ping off, ping lines are the subclass's business.
     accepted->setUsePing(false);
     EXPECT_FALSE(accepted->isPingSupported());
     peer->send("ping\n");
-    ASSERT_TRUE(waitUntil([&] { return accepted->lines().size() == 3; }));
-    EXPECT_EQ(accepted->lines().last(), QStringLiteral("ping"));
+    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).lines().size() == 3; }));
+    EXPECT_EQ(hooks(accepted).lines().last(), QStringLiteral("ping"));
     EXPECT_TRUE(peer->quietFor(50));
 }
 
@@ -81,7 +81,7 @@ TEST(Ping, SilentPeerIsDroppedAfterTheTimeoutWhateverTheWallClockDoes) {
         SCOPED_TRACE(step);
         Basalt::TraceCapture trace;
         RawListener listener;
-        auto client = std::make_shared<TestConnection>(nullptr, false);
+        auto client = makeTestConnection(nullptr, false);
         client->setTimeoutSeconds(1.0);
         client->writerThread()->setPingIntervalSeconds(0.2);
         client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
@@ -103,7 +103,7 @@ TEST(Ping, SilentPeerIsDroppedAfterTheTimeoutWhateverTheWallClockDoes) {
             QStringLiteral("127.0.0.1:%1: Ping timeout, disconnecting").arg(listener.port());
         EXPECT_TRUE(waitUntil([&] { return trace.count(expected) == 1; }))
             << trace.dump().toStdString();
-        EXPECT_TRUE(waitUntil([&] { return client->disconnectedCount.load() == 1; }));
+        EXPECT_TRUE(waitUntil([&] { return hooks(client).disconnectedCount.load() == 1; }));
         client->stop();
         EXPECT_TRUE(client->waitEnd(2000));
     }

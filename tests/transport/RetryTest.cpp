@@ -9,12 +9,12 @@ using namespace TransportTest;
 TEST(Retry, ClientRetriesUntilServerAppearsAndReconnectsAfterDrop) {
     const int port = unusedPort();
     ASSERT_NE(port, 0);
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), port);
     // The first attempt fails at once; the client then waits for its next try.
-    ASSERT_TRUE(waitUntil([&] { return client->failedCount.load() >= 1; }));
-    ASSERT_TRUE(waitUntil([&] { return !client->retryLefts().isEmpty(); }));
-    for (double left : client->retryLefts()) {
+    ASSERT_TRUE(waitUntil([&] { return hooks(client).failedCount.load() >= 1; }));
+    ASSERT_TRUE(waitUntil([&] { return !hooks(client).retryLefts().isEmpty(); }));
+    for (double left : hooks(client).retryLefts()) {
         EXPECT_GE(left, 0.0);
         EXPECT_LE(left, 3.0);
     }
@@ -23,13 +23,13 @@ TEST(Retry, ClientRetriesUntilServerAppearsAndReconnectsAfterDrop) {
     server.run(QStringLiteral("127.0.0.1"), port);
     ASSERT_TRUE(server.waitListening(5000));
     ASSERT_TRUE(waitUntil([&] { return client->isConnected(); }, 8000));
-    EXPECT_EQ(client->connectedCount.load(), 1);
+    EXPECT_EQ(hooks(client).connectedCount.load(), 1);
 
     // The server drops the connection: the client notices and connects again.
     ASSERT_TRUE(waitUntil([&] { return server.first() != nullptr; }));
     server.first()->stop();
-    ASSERT_TRUE(waitUntil([&] { return client->disconnectedCount.load() == 1; }));
-    ASSERT_TRUE(waitUntil([&] { return client->connectedCount.load() == 2; }, 8000));
+    ASSERT_TRUE(waitUntil([&] { return hooks(client).disconnectedCount.load() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return hooks(client).connectedCount.load() == 2; }, 8000));
     EXPECT_TRUE(client->isConnected());
     EXPECT_TRUE(waitUntil([&] { return server.removedTotal() == 1; }));
 
@@ -39,7 +39,7 @@ TEST(Retry, ClientRetriesUntilServerAppearsAndReconnectsAfterDrop) {
 
 TEST(Retry, StopEndsABlockedReadPromptly) {
     RawListener listener;
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
     auto peer = listener.accept();
     ASSERT_TRUE(peer);
@@ -52,7 +52,7 @@ TEST(Retry, StopEndsABlockedReadPromptly) {
     EXPECT_TRUE(peer->waitClosed());
 
     // The same once connected, blocked in the reading loop.
-    auto again = std::make_shared<TestConnection>(nullptr, false);
+    auto again = makeTestConnection(nullptr, false);
     again->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
     auto peer2 = listener.accept();
     ASSERT_TRUE(peer2);
@@ -62,7 +62,7 @@ TEST(Retry, StopEndsABlockedReadPromptly) {
     again->stop();
     EXPECT_TRUE(again->waitEnd(2000));
     EXPECT_LT(secondsSince(start2), 0.5);
-    EXPECT_EQ(again->disconnectedCount.load(), 1);
+    EXPECT_EQ(hooks(again).disconnectedCount.load(), 1);
 }
 
 TEST(Retry, StopAndConnectToHostEndAConnectThatIsNotAnswered) {
@@ -73,9 +73,9 @@ TEST(Retry, StopAndConnectToHostEndAConnectThatIsNotAnswered) {
     Basalt::TCPSocket taken;
     ASSERT_EQ(taken.open("127.0.0.1", silent.port()), 0);
 
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), silent.port());
-    EXPECT_FALSE(waitUntil([&] { return client->failedCount.load() > 0; }, 300));
+    EXPECT_FALSE(waitUntil([&] { return hooks(client).failedCount.load() > 0; }, 300));
     // Moving to a listening address breaks off the attempt.
     RawListener listener;
     auto start = std::chrono::steady_clock::now();
@@ -84,9 +84,9 @@ TEST(Retry, StopAndConnectToHostEndAConnectThatIsNotAnswered) {
     EXPECT_LT(secondsSince(start), 5.0);
 
     // And stop() ends an attempt under way.
-    auto second = std::make_shared<TestConnection>(nullptr, false);
+    auto second = makeTestConnection(nullptr, false);
     second->connectToHost(QStringLiteral("127.0.0.1"), silent.port());
-    EXPECT_FALSE(waitUntil([&] { return second->failedCount.load() > 0; }, 300));
+    EXPECT_FALSE(waitUntil([&] { return hooks(second).failedCount.load() > 0; }, 300));
     start = std::chrono::steady_clock::now();
     second->stop();
     EXPECT_TRUE(second->waitEnd(5000));
@@ -95,9 +95,9 @@ TEST(Retry, StopAndConnectToHostEndAConnectThatIsNotAnswered) {
 }
 
 TEST(Retry, StopAndConnectToHostEndTheRetryWaitPromptly) {
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), unusedPort());
-    ASSERT_TRUE(waitUntil([&] { return client->failedCount.load() == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return hooks(client).failedCount.load() == 1; }));
 
     // Moving to a listening address does not wait out the 3-second pause.
     RawListener listener;
@@ -113,8 +113,8 @@ TEST(Retry, StopAndConnectToHostEndTheRetryWaitPromptly) {
         peer.reset();
         ASSERT_TRUE(waitUntil([&] { return trace.contains("Handshake failed"); }));
     }
-    const int progressCalls = client->retryLefts().size();
-    ASSERT_TRUE(waitUntil([&] { return client->retryLefts().size() > progressCalls; }));
+    const int progressCalls = hooks(client).retryLefts().size();
+    ASSERT_TRUE(waitUntil([&] { return hooks(client).retryLefts().size() > progressCalls; }));
     start = std::chrono::steady_clock::now();
     client->stop();
     EXPECT_TRUE(client->waitEnd(2000));
@@ -131,9 +131,9 @@ TEST(Retry, StopAndConnectToHostEndTheRetryWaitPromptly) {
 }
 
 TEST(Retry, ClientWithoutRetryGivesUpAfterOneAttempt) {
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     client->setKeepRetrying(false);
     client->connectToHost(QStringLiteral("127.0.0.1"), unusedPort());
     EXPECT_TRUE(waitUntil([&] { return !client->isRunning(); }));
-    EXPECT_EQ(client->failedCount.load(), 1);
+    EXPECT_EQ(hooks(client).failedCount.load(), 1);
 }

@@ -37,7 +37,7 @@ TEST(Server, RefusingFactoryLeavesNoInstances) {
 TEST(Server, EndedConnectionIsRetiredExactlyOnce) {
     TestServer server;
     ASSERT_TRUE(server.runOnLoopback());
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
     ASSERT_TRUE(waitUntil([&] { return server.first() && server.first()->isConnected(); }));
     std::shared_ptr<TestConnection> accepted = server.first();
@@ -59,7 +59,7 @@ TEST(Server, EndedConnectionIsRetiredExactlyOnce) {
 TEST(Server, CloseConnectionsActsOnlyOnAStoppedServer) {
     TestServer server;
     ASSERT_TRUE(server.runOnLoopback());
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), server.port());
     ASSERT_TRUE(waitUntil([&] { return server.first() && server.first()->isConnected(); }));
     const std::shared_ptr<TestConnection> accepted = server.first();
@@ -67,7 +67,7 @@ TEST(Server, CloseConnectionsActsOnlyOnAStoppedServer) {
     server.closeConnections(); // running: nothing happens
     EXPECT_EQ(server.instances().size(), 1);
     client->queue(QStringLiteral("still here\n"));
-    ASSERT_TRUE(waitUntil([&] { return accepted->lines() == QStringList{"still here"}; }));
+    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).lines() == QStringList{"still here"}; }));
 
     // Stopped without closing: no more listening, but the connection lives on.
     server.stop(false);
@@ -75,20 +75,20 @@ TEST(Server, CloseConnectionsActsOnlyOnAStoppedServer) {
     EXPECT_FALSE(server.isListening());
     EXPECT_FALSE(RawPeer::connect(server.port()));
     client->queue(QStringLiteral("and here\n"));
-    ASSERT_TRUE(waitUntil([&] { return accepted->lines().size() == 2; }));
+    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).lines().size() == 2; }));
 
     server.closeConnections();
     EXPECT_TRUE(server.instances().isEmpty());
     EXPECT_FALSE(accepted->isRunning());
-    EXPECT_TRUE(waitUntil([&] { return client->disconnectedCount.load() == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return hooks(client).disconnectedCount.load() == 1; }));
     client->stop();
 }
 
 TEST(Server, DestructorStopsAndJoinsLiveConnections) {
     auto server = std::make_unique<TestServer>();
     ASSERT_TRUE(server->runOnLoopback());
-    auto first = std::make_shared<TestConnection>(nullptr, false);
-    auto second = std::make_shared<TestConnection>(nullptr, false);
+    auto first = makeTestConnection(nullptr, false);
+    auto second = makeTestConnection(nullptr, false);
     first->setKeepRetrying(false);
     second->setKeepRetrying(false);
     first->connectToHost(QStringLiteral("127.0.0.1"), server->port());
@@ -101,8 +101,8 @@ TEST(Server, DestructorStopsAndJoinsLiveConnections) {
     for (const auto& c : accepted)
         EXPECT_FALSE(c->isRunning());
     EXPECT_TRUE(waitUntil([&] { return !first->isRunning() && !second->isRunning(); }));
-    EXPECT_EQ(first->disconnectedCount.load(), 1);
-    EXPECT_EQ(second->disconnectedCount.load(), 1);
+    EXPECT_EQ(hooks(first).disconnectedCount.load(), 1);
+    EXPECT_EQ(hooks(second).disconnectedCount.load(), 1);
 }
 
 TEST(Server, StopEndsTheListeningRetryPromptly) {

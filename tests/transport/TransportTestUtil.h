@@ -217,14 +217,12 @@ inline QByteArray clientLogin(RawPeer& peer,
     return peer.readLine();
 }
 
-// A connection that records what reaches its hooks. Lines "map N", "data N" and
-// "skip N" make it read a map, N raw bytes or skip N bytes; lines starting with "bad"
-// are not understood.
-class TestConnection : public Dovel::ConnectionThread {
+// A handler that records what reaches its hooks. Lines "map N", "data N" and "skip N"
+// make it read a map, N raw bytes or skip N bytes; lines starting with "bad" are not
+// understood.
+class TestHandler : public Dovel::ConnectionHandler {
 public:
-    TestConnection(Basalt::TCPSocket* socket, bool serverSide)
-        : Dovel::ConnectionThread(socket, serverSide) {}
-    ~TestConnection() override { shutdown(); }
+    explicit TestHandler(Dovel::ConnectionLink& link) : Dovel::ConnectionHandler(link) {}
 
     QStringList lines() const {
         Basalt::Guard guard(mutex);
@@ -255,25 +253,22 @@ public:
     std::atomic<int> failedCount{0};
     std::atomic<int> failedLogins{0};
 
-    using Dovel::ConnectionThread::setKeepRetrying;
-
-protected:
     bool parse(const QString& line) override {
         const QStringList words = line.split(QLatin1Char(' '));
         if (words.size() == 2 && words[0] == QLatin1String("map")) {
-            const auto map = readMap(words[1].toInt());
+            const auto map = link().readMap(words[1].toInt());
             Basalt::Guard guard(mutex);
             receivedMaps.append(map.value_or(QMap<QString, QString>()));
             return true;
         }
         if (words.size() == 2 && words[0] == QLatin1String("data")) {
-            const QByteArray block = readData(words[1].toInt());
+            const QByteArray block = link().readData(words[1].toInt());
             Basalt::Guard guard(mutex);
             receivedBlocks.append(block);
             return true;
         }
         if (words.size() == 2 && words[0] == QLatin1String("skip")) {
-            skip(words[1].toInt()); // a failed skip has ended the connection already
+            link().skip(words[1].toInt()); // a failed skip has ended the connection already
             return true;
         }
         if (line.startsWith(QLatin1String("bad")))
@@ -294,12 +289,7 @@ protected:
     void connected() override { ++connectedCount; }
     void disconnected() override { ++disconnectedCount; }
     void connectionFailed() override { ++failedCount; }
-    bool handshake() override {
-        const bool ok = Dovel::ConnectionThread::handshake();
-        if (!ok)
-            ++failedLogins;
-        return ok;
-    }
+    void loginFailed() override { ++failedLogins; }
     void retryProgress(double secondsLeft) override {
         Basalt::Guard guard(mutex);
         retries.append(secondsLeft);
@@ -313,6 +303,20 @@ private:
     QList<QByteArray> receivedPongs;
     QList<double> retries;
 };
+
+// A connection whose handler is a TestHandler.
+using TestConnection = Dovel::ConnectionThread;
+inline std::shared_ptr<TestConnection> makeTestConnection(Basalt::TCPSocket* socket,
+                                                          bool serverSide) {
+    return Dovel::ConnectionThread::create<TestHandler>(socket, serverSide);
+}
+// The recorder of a connection made by makeTestConnection.
+inline TestHandler& hooks(const TestConnection& connection) {
+    return *dynamic_cast<TestHandler*>(connection.handler());
+}
+inline TestHandler& hooks(const std::shared_ptr<TestConnection>& connection) {
+    return hooks(*connection);
+}
 
 // A server of TestConnections that counts its hooks per connection.
 class TestServer : public Dovel::ServerBase {
@@ -342,7 +346,7 @@ public:
     }
     std::shared_ptr<TestConnection> first() const {
         const auto all = instances();
-        return all.isEmpty() ? nullptr : std::static_pointer_cast<TestConnection>(all.first());
+        return all.isEmpty() ? nullptr : all.first();
     }
 
     using Dovel::ServerBase::closeConnections;
@@ -351,7 +355,7 @@ protected:
     std::shared_ptr<Dovel::ConnectionThread> createConnection(Basalt::TCPSocket* socket) override {
         if (refuse.load())
             return nullptr;
-        auto connection = std::make_shared<TestConnection>(socket, true);
+        auto connection = makeTestConnection(socket, true);
         if (timeout.load() > 0.0)
             connection->setTimeoutSeconds(timeout.load());
         return connection;

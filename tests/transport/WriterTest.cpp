@@ -158,7 +158,7 @@ TEST(Writer, ShortWriteEndsTheWriterWithAnError) {
 TEST(Writer, PingGoesOutOnlyWhileIdle) {
     EventLog events;
     RawListener listener;
-    auto client = std::make_shared<TestConnection>(nullptr, false);
+    auto client = makeTestConnection(nullptr, false);
     client->writerThread()->setPingIntervalSeconds(0.3);
     client->setTimeoutSeconds(30.0);
     events.attach(*client->writerThread(), false); // the client's own thread runs

@@ -107,7 +107,7 @@ int runServer(const BenchOptions& options, BenchReport& report) {
     const double heapSession = heapInUseBytes();
     if (options.reconnect) {
         for (const auto& session : bench.server().sessions())
-            session->abortConnection();
+            session->connection().abortConnection();
         if (!waitUntil([&] { return converged.load() == 2 || peers.running() == 0; }, SetupMs) ||
             converged.load() != 2) {
             std::vector<BenchPeers::Result> ignored;

@@ -167,9 +167,9 @@ int pull(const QStringList& args) {
     Dovel::AssetBase asset(folder);
     ProgressPrinter printer(isatty(STDOUT_FILENO) == 1);
     auto connection =
-        std::make_shared<Dovel::FolderPullConnection>(asset, line.isSet(QStringLiteral("delete")));
-    connection->setLoginKey(key);
-    connection->setTimeoutSeconds(timeout);
+        Dovel::FolderPullConnection::create(asset, line.isSet(QStringLiteral("delete")));
+    connection->connection().setLoginKey(key);
+    connection->connection().setTimeoutSeconds(timeout);
     connection->setProgressCallback(
         [&printer](const Dovel::FolderPullConnection::Progress& p) { printer.show(p); });
     connection->start(host, port);

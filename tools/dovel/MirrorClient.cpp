@@ -91,7 +91,7 @@ uint64_t MirrorClient::batchesSent() const {
 bool MirrorClient::waitWritten(uint64_t sentBefore, int ms) {
     QElapsedTimer timer;
     timer.start();
-    Dovel::SessionConnection& connection = session->connection();
+    Dovel::ConnectionThread& connection = session->connection();
     // A change goes out in the tree thread's pass that follows it; when two passes have
     // sent nothing, the change left the tree as it was (the same values again).
     if (!treeThread.call([] {}) || !treeThread.call([] {}))
