@@ -1,5 +1,7 @@
 #include "Dovel/files/FileTransferHandler.h"
 
+#include "Dovel/files/FileCommands.h"
+
 #include "Dovel/Limits.h"
 #include "Dovel/files/AssetBase.h"
 #include "Dovel/files/PathPolicy.h"
@@ -24,10 +26,6 @@ QRegularExpression pattern(const QString& text) {
     return QRegularExpression(text.arg(Name));
 }
 
-QByteArray utf8(const QString& text) {
-    return text.toUtf8();
-}
-
 } // namespace
 
 FileTransferHandler::FileTransferHandler(ConnectionLink& link, AssetBase& asset)
@@ -47,34 +45,6 @@ FileTransferHandler::FileTransferHandler(ConnectionLink& link, AssetBase& asset)
 FileTransferHandler::~FileTransferHandler() = default;
 
 // ---- wire lines ----
-
-QByteArray FileTransferHandler::sendFileInfoLine(const QString& name) {
-    return utf8(QStringLiteral("sendfileinfo \"%1\"\n").arg(name));
-}
-
-QByteArray FileTransferHandler::fileInfoLine(int64_t size, const QString& name, int64_t parts,
-                                             const QString& md5) {
-    return utf8(QStringLiteral("fileinfo %1 \"%2\" %3 %4\n")
-                    .arg(static_cast<qlonglong>(size))
-                    .arg(name)
-                    .arg(static_cast<qlonglong>(parts))
-                    .arg(md5));
-}
-
-QByteArray FileTransferHandler::sendPartsLine(const QString& name) {
-    return utf8(QStringLiteral("sendparts \"%1\"\n").arg(name));
-}
-
-QByteArray FileTransferHandler::filePartLine(const QString& name, int64_t bytes, int64_t part) {
-    return utf8(QStringLiteral("filepart \"%1\" %2 %3\n")
-                    .arg(name)
-                    .arg(static_cast<qlonglong>(bytes))
-                    .arg(static_cast<qlonglong>(part)));
-}
-
-int64_t FileTransferHandler::announcedParts(int64_t size) {
-    return static_cast<int64_t>(std::ceil(static_cast<float>(size) / static_cast<float>(PartSize)));
-}
 
 // ---- dispatch ----
 
@@ -219,11 +189,11 @@ QString FileTransferHandler::canonicalRoot(const QString& rootDir) const {
 // ---- downloading ----
 
 void FileTransferHandler::requestFileInfo(const QString& name) {
-    link().writeBufferData(sendFileInfoLine(name), QByteArray());
+    link().writeBufferData(FileCommands::sendFileInfoLine(name), QByteArray());
 }
 
 void FileTransferHandler::requestFileParts(const QString& name) {
-    link().writeBufferData(sendPartsLine(name), QByteArray());
+    link().writeBufferData(FileCommands::sendPartsLine(name), QByteArray());
 }
 
 void FileTransferHandler::receiveFileInfo(const QString& name, int64_t size, int64_t parts,
@@ -480,7 +450,9 @@ bool FileTransferHandler::sendFileInfo(const QString& name) {
         return false;
     }
     const int64_t size = QFileInfo(path).size();
-    link().writeBufferData(fileInfoLine(size, name, announcedParts(size), sum), QByteArray());
+    link().writeBufferData(
+        FileCommands::fileInfoLine(size, name, FileCommands::announcedParts(size), sum),
+        QByteArray());
     return true;
 }
 

@@ -1,10 +1,5 @@
 // The protocol that copies files of an asset folder between two peers over the line
-// protocol. Commands (names are relative to the folder, quoted, beginning with "/"):
-//
-//   sendfileinfo "NAME"              ask for a file's description
-//   fileinfo SIZE "NAME" PARTS MD5   the description (MD5: 32 lowercase hex digits)
-//   sendparts "NAME"                 ask for all parts of the file
-//   filepart "NAME" COUNT N          part N (from 1) follows: exactly COUNT raw bytes
+// protocol, with the commands of FileCommands.
 //
 // The receiver writes parts to NAME + ".filesync.part" (PathPolicy::tempPathFor), checks
 // the whole file's MD5 and renames it into place. Downloads whose parts stop coming for
@@ -25,6 +20,7 @@
 
 #include "Dovel/files/DownloadHasher.h"
 #include "Dovel/files/DownloadLedger.h"
+#include "Dovel/files/FileCommands.h"
 #include "Dovel/files/FileUploader.h"
 #include "Dovel/transport/ConnectionHandler.h"
 
@@ -47,7 +43,7 @@ class AssetBase;
 
 class FileTransferHandler : public ConnectionHandler {
 public:
-    static constexpr int64_t PartSize = 65536;
+    static constexpr int64_t PartSize = FileCommands::PartSize;
     // Progress is reported every this many parts (and at the last).
     static constexpr int64_t ProgressPeriod = 20;
     // Downloads whose MD5 may run at once, each on a thread.
@@ -57,16 +53,6 @@ public:
     // Sets the link's time-out to DefaultTimeoutSeconds.
     FileTransferHandler(ConnectionLink& link, AssetBase& asset);
     ~FileTransferHandler() override;
-
-    // The wire lines, "\n" included.
-    static QByteArray sendFileInfoLine(const QString& name);
-    static QByteArray fileInfoLine(int64_t size, const QString& name, int64_t parts,
-                                   const QString& md5);
-    static QByteArray sendPartsLine(const QString& name);
-    static QByteArray filePartLine(const QString& name, int64_t bytes, int64_t part);
-    // Parts announced for a file of `size` bytes: size / 65536 rounded up, computed in
-    // single precision as every peer does.
-    static int64_t announcedParts(int64_t size);
 
     AssetBase& asset() { return assetBase; }
 

@@ -1,7 +1,7 @@
 #include "Dovel/files/FileUploader.h"
 
 #include "Dovel/Limits.h"
-#include "Dovel/files/FileTransferHandler.h"
+#include "Dovel/files/FileCommands.h"
 #include "Dovel/transport/ConnectionHandler.h"
 
 #include "Basalt/BGThread.h"
@@ -120,8 +120,7 @@ bool FileUploader::openUpload() {
 
 FileUploader::SendStatus FileUploader::sendOpenFile() {
     if (uploadFile.size() == 0) {
-        connection.writeBufferData(FileTransferHandler::filePartLine(currentUpload, 0, 1),
-                                   QByteArray());
+        connection.writeBufferData(FileCommands::filePartLine(currentUpload, 0, 1), QByteArray());
         uploadFile.close();
         return SendStatus::Done;
     }
@@ -140,8 +139,7 @@ FileUploader::SendStatus FileUploader::sendOpenFile() {
             return SendStatus::Done;
         }
         connection.writeBuffer(
-            QList<QByteArray>{FileTransferHandler::filePartLine(currentUpload, bytes.size(), part),
-                              bytes},
+            QList<QByteArray>{FileCommands::filePartLine(currentUpload, bytes.size(), part), bytes},
             QByteArray());
         uploadBuffers.push_back(std::move(bytes));
         if (int64_t(uploadBuffers.size()) > 2 * MaxBufferedUpload / partSize)

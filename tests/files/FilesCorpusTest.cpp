@@ -5,12 +5,14 @@
 //   DOVEL_WRITE_CORPUS=fuzz/corpus/files build/bin/test_files --gtest_filter='FilesCorpus.*'
 #include "CorpusSeeds.h"
 
+#include "Dovel/files/FileCommands.h"
 #include "Dovel/files/FileTransferHandler.h"
 
 #include <QCryptographicHash>
 
 #include <gtest/gtest.h>
 
+namespace FileCommands = Dovel::FileCommands;
 using Dovel::FileTransferHandler;
 
 namespace {
@@ -24,14 +26,14 @@ QString md5(const QByteArray& bytes) {
 
 // A description and all parts of a file, as a serving peer sends them.
 QByteArray upload(const QString& name, const QByteArray& bytes) {
-    const int64_t parts = FileTransferHandler::announcedParts(bytes.size());
-    QByteArray out = FileTransferHandler::fileInfoLine(bytes.size(), name, parts, md5(bytes));
+    const int64_t parts = FileCommands::announcedParts(bytes.size());
+    QByteArray out = FileCommands::fileInfoLine(bytes.size(), name, parts, md5(bytes));
     if (bytes.isEmpty())
-        return out + FileTransferHandler::filePartLine(name, 0, 1);
+        return out + FileCommands::filePartLine(name, 0, 1);
     for (int64_t part = 1; part <= parts; ++part) {
         const QByteArray chunk = bytes.mid(int((part - 1) * FileTransferHandler::PartSize),
                                            int(FileTransferHandler::PartSize));
-        out += FileTransferHandler::filePartLine(name, chunk.size(), part) + chunk;
+        out += FileCommands::filePartLine(name, chunk.size(), part) + chunk;
     }
     return out;
 }
@@ -40,24 +42,21 @@ CorpusSeeds::Seeds filesSeeds() {
     QByteArray big(int(FileTransferHandler::PartSize) + 3, '\0');
     for (int i = 0; i < big.size(); ++i)
         big[i] = char(i * 31 + 7);
-    const QByteArray serve = FileTransferHandler::sendFileInfoLine("/a.txt") +
-                             FileTransferHandler::sendPartsLine("/a.txt") +
-                             FileTransferHandler::sendFileInfoLine("/sub/b.bin") +
-                             FileTransferHandler::sendPartsLine("/sub/b.bin") +
-                             FileTransferHandler::sendFileInfoLine("/missing") +
-                             FileTransferHandler::sendPartsLine("/../outside.txt") +
-                             FileTransferHandler::sendPartsLine("/sub");
+    const QByteArray serve =
+        FileCommands::sendFileInfoLine("/a.txt") + FileCommands::sendPartsLine("/a.txt") +
+        FileCommands::sendFileInfoLine("/sub/b.bin") + FileCommands::sendPartsLine("/sub/b.bin") +
+        FileCommands::sendFileInfoLine("/missing") +
+        FileCommands::sendPartsLine("/../outside.txt") + FileCommands::sendPartsLine("/sub");
     const QByteArray refused =
-        FileTransferHandler::fileInfoLine(5, "/../up.txt", 1, md5("abcde")) +
-        FileTransferHandler::fileInfoLine(5, "/sub/../../x", 1, md5("abcde")) +
-        FileTransferHandler::fileInfoLine(-1, "/neg", 1, md5("")) +
-        FileTransferHandler::filePartLine("/x", 3, 2) + "abc" + // nothing being downloaded
-        FileTransferHandler::filePartLine("/x", 99999999, 1);   // beyond the part limit
-    const QByteArray outOfOrder =
-        FileTransferHandler::fileInfoLine(big.size(), "/o.bin", 2, md5(big)) +
-        FileTransferHandler::filePartLine("/o.bin", 3, 2) + big.right(3);
-    const QByteArray mismatch = FileTransferHandler::fileInfoLine(3, "/m.txt", 1, md5("xyz")) +
-                                FileTransferHandler::filePartLine("/m.txt", 3, 1) + "abc";
+        FileCommands::fileInfoLine(5, "/../up.txt", 1, md5("abcde")) +
+        FileCommands::fileInfoLine(5, "/sub/../../x", 1, md5("abcde")) +
+        FileCommands::fileInfoLine(-1, "/neg", 1, md5("")) +
+        FileCommands::filePartLine("/x", 3, 2) + "abc" + // nothing being downloaded
+        FileCommands::filePartLine("/x", 99999999, 1);   // beyond the part limit
+    const QByteArray outOfOrder = FileCommands::fileInfoLine(big.size(), "/o.bin", 2, md5(big)) +
+                                  FileCommands::filePartLine("/o.bin", 3, 2) + big.right(3);
+    const QByteArray mismatch = FileCommands::fileInfoLine(3, "/m.txt", 1, md5("xyz")) +
+                                FileCommands::filePartLine("/m.txt", 3, 1) + "abc";
     return {
         {"serve", ServerLoggedIn + serve},
         {"receive_one", ServerLoggedIn + upload("/new.txt", "hello world")},

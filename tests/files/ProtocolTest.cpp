@@ -3,6 +3,7 @@
 // by a hand-driven server.
 #include "files/FilesTestUtil.h"
 
+#include "Dovel/files/FileCommands.h"
 #include "Dovel/files/FileTransferHandler.h"
 #include "Dovel/files/ProgressSender.h"
 #include "Dovel/files/ServedList.h"
@@ -24,7 +25,7 @@ const QByteArray AbcMd5 = "900150983cd24fb0d6963f7d28e17f72";
 const QByteArray EmptyMd5 = "d41d8cd98f00b204e9800998ecf8427e";
 
 TEST(FileProtocol, CommandLinesAndAnnouncedPartCounts) {
-    using H = Dovel::FileTransferHandler;
+    namespace H = Dovel::FileCommands;
     EXPECT_EQ(H::sendFileInfoLine("/dir/a b.txt"), QByteArray("sendfileinfo \"/dir/a b.txt\"\n"));
     EXPECT_EQ(H::fileInfoLine(65537, "/x", 2, AbcMd5),
               QByteArray("fileinfo 65537 \"/x\" 2 900150983cd24fb0d6963f7d28e17f72\n"));
@@ -142,7 +143,7 @@ TEST(FileProtocol, APeerThatAsksAndNeverReadsIsDisconnected) {
     ASSERT_TRUE(peer);
     QByteArray requests;
     for (int i = 0; i < 64; ++i)
-        requests += Dovel::FileTransferHandler::sendFileInfoLine(name);
+        requests += Dovel::FileCommands::sendFileInfoLine(name);
     // Past the socket's buffers and the ceiling, and then some; the server hangs up first.
     int64_t sent = 0;
     while (sent < (64 << 20) && peer->send(requests))
