@@ -17,7 +17,7 @@ constexpr int MaxMapEntries = 1 << 16;
 // held to the same total (ConnectionThread::readMap). A folder's file list is sent in
 // maps of half that (FolderServeConnection).
 constexpr int MaxMapBlockBytes = 16 << 20;
-// Largest single raw read that a subclass's framing asks for (ConnectionThread::readData
+// Largest single raw read that a handler's framing asks for (ConnectionThread::readData
 // and skip): one bundle or one file part.
 constexpr int MaxReadBytes = 128 << 20;
 

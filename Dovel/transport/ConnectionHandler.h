@@ -8,7 +8,7 @@
 // Threads: the hooks run on the connection's own thread (or a test's), one at a time;
 // the link's reads belong to that thread too, its writes and state to any thread. The
 // link outlives its handler: a connection joins its threads before it destroys the
-// handler it owns.
+// handler it owns (see ConnectionThread for the one case where its own thread ends it).
 #pragma once
 
 #include "Dovel/transport/PeerFailure.h"
@@ -97,7 +97,8 @@ public:
     // The payload of a "pong" from the peer.
     virtual void pong(const QByteArray& payload);
 
-    // A client is about to open its socket / has opened it (and logs in next).
+    // A client is about to open its socket / has opened it (a login follows unless the
+    // client is stopped or moved meanwhile: then connectionFailed() does).
     virtual void connecting();
     virtual void opened();
     // The login ran and failed (not called when it could not start).
@@ -109,8 +110,8 @@ public:
     // connected has ended, its writer stopped.
     virtual void connected();
     virtual void disconnected();
-    // An attempt whose socket opened has ended, whether or not its login succeeded
-    // (after disconnected()).
+    // An attempt that reached its login (or a server's login delay) has ended, whether or
+    // not the login succeeded (after disconnected()).
     virtual void attemptEnded();
 
     // Between lines, when nothing is buffered: while wantsIdle() holds, idle() is called

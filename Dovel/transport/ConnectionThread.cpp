@@ -41,7 +41,8 @@ ConnectionThread::~ConnectionThread() {
 }
 
 void ConnectionThread::setHandler(std::unique_ptr<ConnectionHandler> handler) {
-    handler_ = std::move(handler);
+    if (handler) // the stand-in stays rather than a null that every hook would call
+        handler_ = std::move(handler);
 }
 
 void ConnectionThread::notify(const std::function<void()>& callback) const {
@@ -104,8 +105,7 @@ void ConnectionThread::childLoop() {
     if (serverSide) {
         if (!stopping.load())
             running.store(true);
-        handleConnection();
-        running.store(false);
+        handleConnection(); // may have ended with this object's destruction
         return;
     }
 
@@ -226,8 +226,10 @@ void ConnectionThread::handleConnection() {
         closeSocket();
         writer->stop();
         running.store(false);
-        notify(listener_.handshakeFailed);
         handler_->attemptEnded();
+        // The owner may drop its last reference here, on this thread: nothing touches
+        // this object after it has heard.
+        notify(listener_.handshakeFailed);
         return;
     }
 
@@ -263,8 +265,10 @@ void ConnectionThread::handleConnection() {
     closeSocket();
     writer->waitEnd(-1);
     handler_->disconnected();
-    notify(listener_.disconnected);
     handler_->attemptEnded();
+    if (serverSide)
+        running.store(false);
+    notify(listener_.disconnected); // the last touch of this object (see above)
 }
 
 void ConnectionThread::serve() {

@@ -17,7 +17,10 @@
 // Shutdown: shutdown() is the one sequence that ends a connection for good: stop(), then
 // wait for the connection's thread (unless called on it) and the writer's. It may run
 // any number of times. The destructor runs it, then destroys the handler (whose hooks
-// can no longer run), then frees the writer and the socket.
+// can no longer run), then frees the writer and the socket. The one exception is an
+// owner that drops the last reference on the connection's own thread, from a Listener
+// callback: the thread cannot join itself, so the connection touches nothing of its own
+// after calling the owner (the hooks have all run by then).
 //
 // Events for the owner are the Listener's callbacks, on the connection's thread.
 #pragma once
@@ -61,9 +64,6 @@ public:
     ConnectionThread(Basalt::TCPSocket* socket, bool serverSide);
     ~ConnectionThread() override;
 
-    // The protocol spoken over this connection, owned from here on; set before the thread
-    // runs. Until then a handler that understands no line stands in.
-    void setHandler(std::unique_ptr<ConnectionHandler> handler);
     // A connection that owns a new H, made from the connection and `args`.
     template <class H, class... Args>
     static std::shared_ptr<ConnectionThread> create(Basalt::TCPSocket* socket, bool serverSide,
@@ -212,6 +212,9 @@ public:
     static constexpr unsigned int IdlePollMs = 20;
 
 private:
+    // The protocol spoken over this connection, owned from here on; create() sets it
+    // before the thread runs. Until then a handler that understands no line stands in.
+    void setHandler(std::unique_ptr<ConnectionHandler> handler);
     friend class WriterThread;
     friend class SocketSource;
 
