@@ -1,6 +1,6 @@
 #include "Dovel/session/Dovel1Connection.h"
 
-#include "Dovel/transport/ConnectionThread.h"
+#include "Dovel/transport/ConnectionHandler.h"
 #include "Dovel/transport/WriterThread.h"
 
 #include "Basalt/Trace.h"
@@ -20,8 +20,7 @@ constexpr int JoinBytes = 65536;
 
 } // namespace
 
-Dovel1Connection::Dovel1Connection(std::weak_ptr<ConnectionThread> connection,
-                                   int64_t maxUnsentBytes)
+Dovel1Connection::Dovel1Connection(std::weak_ptr<ConnectionLink> connection, int64_t maxUnsentBytes)
     : connection(std::move(connection)), maxUnsentBytes(maxUnsentBytes) {}
 
 Dovel1Connection::~Dovel1Connection() = default;
@@ -29,12 +28,12 @@ Dovel1Connection::~Dovel1Connection() = default;
 void Dovel1Connection::send(const std::vector<Bundle>& bundles) {
     if (bundles.empty())
         return;
-    const std::shared_ptr<ConnectionThread> target = connection.lock();
+    const std::shared_ptr<ConnectionLink> target = connection.lock();
     if (!target)
         return;
     if (target->isConnected() && !target->isDovel15Supported())
         return;
-    const int64_t unsent = target->writerThread()->bufferedDataSize();
+    const int64_t unsent = target->bufferedDataSize();
     if (target->isConnected() && unsent > maxUnsentBytes) {
         if (!target->isLive())
             return; // already ended; the connection's thread has yet to notice
@@ -78,11 +77,11 @@ void Dovel1Connection::send(const std::vector<Bundle>& bundles) {
 }
 
 bool Dovel1Connection::holdBack(const std::function<void()>& wake) {
-    const std::shared_ptr<ConnectionThread> target = connection.lock();
+    const std::shared_ptr<ConnectionLink> target = connection.lock();
     // Unconnected, batches wait for the next handshake whatever their size.
     if (!target || !target->isConnected())
         return false;
-    return target->writerThread()->callWhenDrained(Limits::BackPressureBytes, wake);
+    return target->callWhenDrained(Limits::BackPressureBytes, wake);
 }
 
 } // namespace Dovel

@@ -1,6 +1,6 @@
-// A Connection over a ConnectionThread: each batch becomes one writer item, the line
-// "dovel2 N\n" followed by the raw bundles, under the writer key "dovel2"; a batch of
-// more than Limits::MaxBundlesPerBatch bundles goes as several lines in a row. Holds the
+// A Connection over a ConnectionLink (a ConnectionThread, or a test's fake): each batch becomes one
+// writer item, the line "dovel2 N\n" followed by the raw bundles, under the writer key "dovel2"; a
+// batch of more than Limits::MaxBundlesPerBatch bundles goes as several lines in a row. Holds the
 // connection weakly and never keeps it alive. Copyable and movable; send is
 // thread-safe (it only appends to the connection's writer).
 //
@@ -22,14 +22,14 @@
 
 namespace Dovel {
 
-class ConnectionThread;
+class ConnectionLink;
 
 class Dovel1Connection : public Connection {
 public:
     // The writer key of every batch.
     static const QByteArray WriterKey;
 
-    explicit Dovel1Connection(std::weak_ptr<ConnectionThread> connection,
+    explicit Dovel1Connection(std::weak_ptr<ConnectionLink> connection,
                               int64_t maxUnsentBytes = Limits::MaxUnsentBatchBytes);
     Dovel1Connection(const Dovel1Connection&) = default;
     Dovel1Connection(Dovel1Connection&&) = default;
@@ -46,7 +46,7 @@ public:
     bool holdBack(const std::function<void()>& wake) override;
 
 private:
-    std::weak_ptr<ConnectionThread> connection;
+    std::weak_ptr<ConnectionLink> connection;
     int64_t maxUnsentBytes;
 };
 

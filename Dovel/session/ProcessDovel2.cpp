@@ -3,7 +3,7 @@
 #include "Dovel/Limits.h"
 #include "Dovel/bundle/Bundle.h"
 #include "Dovel/session/BundleController.h"
-#include "Dovel/transport/ConnectionThread.h"
+#include "Dovel/transport/ConnectionHandler.h"
 
 #include "Basalt/Stopwatch.h"
 #include "Basalt/Trace.h"
@@ -27,7 +27,7 @@ constexpr double HoldPingSeconds = 1.0;
 // that a batch of any size waits in memory only a piece at a time beyond the backlog.
 constexpr int64_t PieceBytes = Limits::MaxUnappliedBatchBytes / 4;
 
-bool readBundle(ConnectionThread& connection, Bundle& bundle) {
+bool readBundle(ConnectionLink& connection, Bundle& bundle) {
     QByteArray& bytes = bundle.mutablePacket();
     if (!connection.readData(reinterpret_cast<uint8_t*>(bytes.data()), int(Bundle::HeaderSize))) {
         Basalt::Trace::warning("processDovel2 # Failed to read Bundle header");
@@ -59,7 +59,7 @@ bool readBundle(ConnectionThread& connection, Bundle& bundle) {
 // that TCP slows the peer down. The peer's own data is what this side waits on, so
 // its silence must not time it out (the last packet time is kept fresh); and as its
 // pings wait unread, a ping from here every HoldPingSeconds shows it this side lives.
-void holdWhileBehind(const ReceiveBacklog& backlog, ConnectionThread& connection) {
+void holdWhileBehind(const ReceiveBacklog& backlog, ConnectionLink& connection) {
     if (backlog.bytes() <= Limits::MaxUnappliedBatchBytes)
         return;
     Basalt::Trace::debug("processDovel2 # %lld bytes of batches wait for the tree thread; "
@@ -83,7 +83,7 @@ namespace {
 // Reads the batch announced by `line`, handing it to `consume` in pieces as it arrives
 // (first, last: whether the piece starts or ends the batch) and calling `hold` after
 // each; see processDovel2.
-bool readBatch(ConnectionThread& connection, const QString& line,
+bool readBatch(ConnectionLink& connection, const QString& line,
                const std::function<void(std::vector<Bundle>&, bool, bool)>& consume,
                const std::function<void()>& hold) {
     if (!line.startsWith(QLatin1String("dovel2 ")))
@@ -125,7 +125,7 @@ bool readBatch(ConnectionThread& connection, const QString& line,
 
 } // namespace
 
-bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThread& connection,
+bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionLink& connection,
                    const QString& line) {
     return readBatch(
         connection, line,
@@ -140,7 +140,7 @@ bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThrea
 }
 
 bool processDovel2(const std::function<void(const std::vector<Bundle>&)>& consume,
-                   ConnectionThread& connection, const QString& line) {
+                   ConnectionLink& connection, const QString& line) {
     return readBatch(
         connection, line, [&](std::vector<Bundle>& piece, bool, bool) { consume(piece); }, [] {});
 }

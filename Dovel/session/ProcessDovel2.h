@@ -13,7 +13,7 @@ namespace Dovel {
 
 class Bundle;
 class BundleController;
-class ConnectionThread;
+class ConnectionLink;
 
 // False when the line is not a "dovel2 N" line. True once it was: the batch is then
 // scheduled on `controller` (when there is one); when a read fails, which ends the
@@ -23,11 +23,11 @@ class ConnectionThread;
 // while more than Limits::MaxUnappliedBatchBytes of received batches wait for the tree
 // thread, reading stops (the call does not return) until they do not or the connection
 // ends: the peer is slowed by TCP while this side keeps it from timing out.
-bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionThread& connection,
+bool processDovel2(std::shared_ptr<BundleController> controller, ConnectionLink& connection,
                    const QString& line);
 // The same framing for a connection that handles its bundles itself, on its own thread:
 // `consume` gets each piece of the batch in order, as it arrives.
 bool processDovel2(const std::function<void(const std::vector<Bundle>&)>& consume,
-                   ConnectionThread& connection, const QString& line);
+                   ConnectionLink& connection, const QString& line);
 
 } // namespace Dovel

@@ -37,16 +37,22 @@ private:
     bool open = true;
 };
 
-SessionConnection::SessionConnection(ConnectionThread& connection, SessionConfig cfg)
-    : ConnectionHandler(connection), connection_(connection), config(std::move(cfg)) {
+SessionConnection::SessionConnection(ConnectionLink& link, SessionConfig cfg)
+    : ConnectionHandler(link), config(std::move(cfg)) {
     if (!config.stats)
         config.stats = std::make_shared<SessionStats>();
-    if (connection.isServerSide())
+    if (link.isServerSide())
         state_.store(SessionState::Handshaking);
 }
 
 SessionConnection::~SessionConnection() {
     endSession();
+}
+
+ConnectionThread& SessionConnection::connection() const {
+    auto* connection = dynamic_cast<ConnectionThread*>(&link());
+    Q_ASSERT(connection);
+    return *connection;
 }
 
 std::shared_ptr<BundleController> SessionConnection::controller() const {
@@ -55,15 +61,15 @@ std::shared_ptr<BundleController> SessionConnection::controller() const {
 }
 
 bool SessionConnection::parse(const QString& line) {
-    if (processDovel2(controller(), connection_, line))
+    if (processDovel2(controller(), link(), line))
         return true;
     // A tree client has nothing to do at a folder server.
-    if (!connection_.isServerSide() && PeerFailure::isFolderListing(line)) {
+    if (!link().isServerSide() && PeerFailure::isFolderListing(line)) {
         Basalt::Trace::warning("SessionConnection::parse # %s:%d serves a folder, not a tree; "
                                "disconnecting",
-                               connection_.hostName().toUtf8().constData(), connection_.port());
-        connection_.notePeerFailure({PeerFailure::FolderServer, 0, QString()});
-        connection_.abortConnection();
+                               link().hostName().toUtf8().constData(), link().port());
+        link().notePeerFailure({PeerFailure::FolderServer, 0, QString()});
+        link().abortConnection();
         return true;
     }
     return false;
@@ -79,24 +85,24 @@ void SessionConnection::opened() {
 
 void SessionConnection::loginFailed() {
     config.stats->handshakeFailures += 1;
-    state_.store(connection_.isServerSide() || connection_.isStopping() ? SessionState::Idle
-                                                                        : SessionState::Retrying);
+    state_.store(link().isServerSide() || link().isStopping() ? SessionState::Idle
+                                                              : SessionState::Retrying);
 }
 
 void SessionConnection::connected() {
     if (!config.node)
         return;
     // Batches of an earlier session that never left must not reach the new peer.
-    connection_.writerThread()->removeFromBuffer(Dovel1Connection::WriterKey);
-    auto out = std::make_shared<Output>(connection_.weak_from_this());
+    link().removeFromBuffer(Dovel1Connection::WriterKey);
+    auto out = std::make_shared<Output>(link().weakLink());
     BundleControllerParams params;
     params.connection = out;
     params.oneWayEventHandler = config.oneWayEventHandler;
     params.isMaster = config.master;
     params.createMissingAttributes = config.createMissingAttributes;
     params.mirrorOnly = config.mirrorOnly;
-    params.querySession = connection_.isServerSide() && config.answerQueries &&
-                          connection_.remoteVersionSuffix() == QLatin1String(Query::ClientSuffix);
+    params.querySession = link().isServerSide() && config.answerQueries &&
+                          link().remoteVersionSuffix() == QLatin1String(Query::ClientSuffix);
     params.queryMayRemove = config.queryMayRemove;
     params.enabled = true;
     params.autoUpdate = config.driver == nullptr;
@@ -104,8 +110,7 @@ void SessionConnection::connected() {
         params.executor = config.driver->executor();
     params.counters = config.stats;
     params.writeRules = config.writeRules;
-    params.peerName =
-        QStringLiteral("%1:%2").arg(connection_.hostName()).arg(connection_.port()).toUtf8();
+    params.peerName = QStringLiteral("%1:%2").arg(link().hostName()).arg(link().port()).toUtf8();
     if (!params.writeRules.allowsEverything()) {
         const std::shared_ptr<SessionStats> stats = config.stats;
         const QByteArray peer = params.peerName;
@@ -144,7 +149,7 @@ void SessionConnection::endSession() {
     if (!ended)
         return;
     out->close();
-    connection_.writerThread()->removeFromBuffer(Dovel1Connection::WriterKey);
+    link().removeFromBuffer(Dovel1Connection::WriterKey);
     config.stats->sessionsEnded += 1;
     if (config.driver)
         config.driver->removeController(std::move(ended));
@@ -153,17 +158,17 @@ void SessionConnection::endSession() {
 
 void SessionConnection::disconnected() {
     endSession();
-    state_.store(connection_.isServerSide() || connection_.isStopping() ? SessionState::Idle
-                                                                        : SessionState::Retrying);
+    state_.store(link().isServerSide() || link().isStopping() ? SessionState::Idle
+                                                              : SessionState::Retrying);
 }
 
 void SessionConnection::connectionFailed() {
     config.stats->connectFailures += 1;
-    state_.store(connection_.isStopping() ? SessionState::Idle : SessionState::Retrying);
+    state_.store(link().isStopping() ? SessionState::Idle : SessionState::Retrying);
 }
 
 void SessionConnection::retryProgress(double) {
-    if (!connection_.isStopping())
+    if (!link().isStopping())
         state_.store(SessionState::Retrying);
 }
 

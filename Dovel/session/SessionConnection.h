@@ -52,11 +52,13 @@ struct SessionConfig {
 
 class SessionConnection : public ConnectionHandler {
 public:
-    SessionConnection(ConnectionThread& connection, SessionConfig config);
+    // `link` is the connection that owns this protocol, or a test's fake link.
+    SessionConnection(ConnectionLink& link, SessionConfig config);
     ~SessionConnection() override;
 
-    // The connection that owns this session's protocol.
-    ConnectionThread& connection() const { return connection_; }
+    // The connection that owns this session's protocol; for owners, which make it with
+    // ConnectionThread::create (a fake link has none).
+    ConnectionThread& connection() const;
 
     SessionState state() const { return state_.load(); }
     const SessionStats& stats() const { return *config.stats; }
@@ -77,7 +79,6 @@ private:
     class Output;
     void endSession();
 
-    ConnectionThread& connection_;
     SessionConfig config;
     std::atomic<SessionState> state_{SessionState::Idle};
     mutable Basalt::Mutex sessionMutex; // guards session and output

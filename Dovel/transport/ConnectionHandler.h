@@ -53,12 +53,28 @@ public:
     // when that holds already. See WriterThread::callWhenDrained.
     virtual bool callWhenDrained(int64_t bytes, std::function<void()> callback) = 0;
 
+    // Drops what waits in the writer under `key`.
+    virtual void removeFromBuffer(const QByteArray& key) = 0;
+    // Sends "ping" (with " " + payload when the payload is not empty).
+    virtual void ping(const QByteArray& payload) = 0;
+    // Whether the peer answers pings (it answered one on this link).
+    virtual bool isPingSupported() const = 0;
+    // Counts the peer as heard from now (a reader that holds back its reads on purpose
+    // keeps the link from timing out).
+    virtual void updateLastPacketTimestamp() = 0;
+
     // Ends the link; a client may try again. Does not wait.
     virtual void stop() = 0;
     // Ends the link at once after the caller logged why the peer misbehaved.
     virtual void abortConnection() = 0;
 
     virtual bool isConnected() const = 0;
+    // False from the moment the link is ended until the next one starts, while
+    // isConnected() may still hold until the reading side has noticed.
+    virtual bool isLive() const = 0;
+    virtual bool isServerSide() const = 0;
+    // True from stop() until the link is started again.
+    virtual bool isStopping() const = 0;
     virtual double timeoutSeconds() const = 0;
     virtual void setTimeoutSeconds(double seconds) = 0;
     // What is known of the peer: its address, its version, why it last failed.

@@ -136,7 +136,7 @@ public:
                                 bool binary);
     void writeMapBuffer(const QString& name, const QMap<QString, QString>& map);
     // Sends "ping" (with " " + payload when the payload is not empty) through the writer.
-    void ping(const QByteArray& payload);
+    void ping(const QByteArray& payload) override;
 
     // Direct socket writes, for the handshake, pong replies and writer update functions;
     // the caller holds writeMutex() so that nothing interleaves. False (and the
@@ -166,7 +166,7 @@ public:
     // 2.6.1-SUFFIX"), by which a client tells a server what kind of client it is. Empty
     // (the default): the plain version line. Set before connecting.
     void setVersionSuffix(const QString& suffix) { peer_.setVersionSuffix(suffix); }
-    bool isPingSupported() const { return usePing_.load() && pongReceived.load(); }
+    bool isPingSupported() const override { return usePing_.load() && pongReceived.load(); }
     bool usePing() const { return usePing_.load(); }
     void setUsePing(bool use) { usePing_.store(use); }
 
@@ -176,13 +176,14 @@ public:
     // False from the moment the current connection is ended (a failed read or write,
     // abortConnection, stop) until the next one starts, while isConnected() may still
     // hold until the connection's thread has noticed.
-    bool isLive() const { return running.load(); }
-    bool isServerSide() const { return serverSide; }
+    bool isLive() const override { return running.load(); }
+    bool isServerSide() const override { return serverSide; }
     // The user name the peer logged in with (server side).
     QString loginUserName() const { return peer_.userName(); }
     uint32_t rxBytes() const;
     uint32_t txBytes() const;
     int64_t bufferedDataSize() const override { return writer->bufferedDataSize(); }
+    void removeFromBuffer(const QByteArray& key) override { writer->removeFromBuffer(key); }
     bool callWhenDrained(int64_t bytes, std::function<void()> callback) override {
         return writer->callWhenDrained(bytes, std::move(callback));
     }
@@ -190,7 +191,7 @@ public:
     // are measured with secondsSinceLastPacket(), on the monotonic one.
     Basalt::TimeStamp lastPacketTimestamp() const;
     double secondsSinceLastPacket() const;
-    void updateLastPacketTimestamp();
+    void updateLastPacketTimestamp() override;
     // Whether a write that has made no progress for `seconds` should give up: the peer
     // has read nothing and sent nothing for longer than the time-out, so it is taken to
     // be gone (logged once). A peer that holds its reading but still sends (pings while
@@ -206,7 +207,7 @@ public:
     // Set before connecting.
     void setKeepRetrying(bool keep) { retry.setKeepRetrying(keep); }
     // True from stop() until the next connectToHost.
-    bool isStopping() const { return stopping.load(); }
+    bool isStopping() const override { return stopping.load(); }
 
     // How long the peer may stay quiet before a handler that wants it idles.
     static constexpr unsigned int IdlePollMs = 20;

@@ -1,6 +1,6 @@
-// The binary session's framing on a real socket: a hand-driven peer writes and reads
-// the exact bytes of "dovel2" batches against a client connection whose parse hands
-// every line to processDovel2.
+// The binary session's framing: the exact bytes of "dovel2" batches, read by a handler
+// whose parse hands every line to processDovel2, over a fake link where only the bytes
+// matter and on a real socket (a hand-driven peer) where the connection's behaviour does.
 #include "Dovel/Limits.h"
 #include "Dovel/session/BundleController.h"
 #include "Dovel/session/Dovel1Connection.h"
@@ -9,6 +9,7 @@
 
 #include "Basalt/Trace.h"
 
+#include "transport/FakeLink.h"
 #include "transport/TransportTestUtil.h"
 
 #include <gtest/gtest.h>
@@ -26,10 +27,8 @@ namespace {
 // each line with processDovel2's answer.
 class FramingHandler : public Dovel::ConnectionHandler {
 public:
-    FramingHandler(Dovel::ConnectionThread& connection,
-                   std::shared_ptr<Dovel::BundleController> controller)
-        : Dovel::ConnectionHandler(connection), connection(connection),
-          controller(std::move(controller)) {}
+    FramingHandler(Dovel::ConnectionLink& link, std::shared_ptr<Dovel::BundleController> controller)
+        : Dovel::ConnectionHandler(link), controller(std::move(controller)) {}
 
     QStringList results() const {
         Basalt::Guard guard(mutex);
@@ -38,14 +37,13 @@ public:
 
 protected:
     bool parse(const QString& line) override {
-        const bool recognised = Dovel::processDovel2(controller, connection, line);
+        const bool recognised = Dovel::processDovel2(controller, link(), line);
         Basalt::Guard guard(mutex);
         answers.append(line + (recognised ? " -> true" : " -> false"));
         return recognised;
     }
 
 private:
-    Dovel::ConnectionThread& connection;
     std::shared_ptr<Dovel::BundleController> controller;
     mutable Basalt::Mutex mutex;
     QStringList answers;
@@ -57,12 +55,25 @@ const QByteArray first = QByteArray::fromHex("04000000 07000000 01000000 0000000
 const QByteArray second =
     QByteArray::fromHex("08000000 07000000 02000000 01000000 0100000002000000");
 
+std::shared_ptr<Dovel::BundleController>
+manualController(Dovel::RemoteNode& node, std::shared_ptr<Dovel::BundleCounters> counters) {
+    Dovel::BundleControllerParams params;
+    params.autoUpdate = false;
+    params.counters = std::move(counters);
+    return Dovel::BundleController::create(node, params);
+}
+
+// The framing over a fake link: the test's thread reads, nothing else runs.
+struct FakeFixture {
+    Dovel::RemoteNode node{nullptr, "n"};
+    std::shared_ptr<Dovel::BundleCounters> counters = std::make_shared<Dovel::BundleCounters>();
+    FakeLink link;
+    FramingHandler framing{link, manualController(node, counters)};
+};
+
 struct Fixture {
     Fixture() : node(nullptr, "n") {
-        Dovel::BundleControllerParams params;
-        params.autoUpdate = false;
-        params.counters = counters;
-        controller = Dovel::BundleController::create(node, params);
+        controller = manualController(node, counters);
         connection = Dovel::ConnectionThread::create<FramingHandler>(nullptr, false, controller);
         connection->setKeepRetrying(false);
         framing = Dovel::ConnectionThread::handlerOf<FramingHandler>(connection);
@@ -121,17 +132,15 @@ TEST(Framing, APeerWithoutBundleSupportIsSentNothing) {
 }
 
 TEST(Framing, BatchesAreReadAndScheduledAndOtherLinesAreNotRecognised) {
-    Fixture f;
-    ASSERT_TRUE(f.connect());
-    ASSERT_TRUE(f.peer->send("dovel2 many\ndovel2\nDOVEL2 1\n"));
-    ASSERT_TRUE(f.peer->send("dovel2 2\n" + first + second + "dovel2 0\n"));
-    // A batch is counted when it is scheduled, before parse() returns and notes it.
-    ASSERT_TRUE(waitUntil([&] { return f.framing->results().size() == 5; }));
-    EXPECT_EQ(f.framing->results(),
+    FakeFixture f;
+    f.link.feed("dovel2 many\ndovel2\nDOVEL2 1\n");
+    f.link.feed("dovel2 2\n" + first + second + "dovel2 0\n");
+    f.link.pump(f.framing);
+    EXPECT_EQ(f.framing.results(),
               QStringList({"dovel2 many -> false", "dovel2 -> false", "DOVEL2 1 -> false",
                            "dovel2 2 -> true", "dovel2 0 -> true"}));
     EXPECT_EQ(f.counters->batchesReceived.load(), 2u); // the lines above count for nothing
-    EXPECT_TRUE(f.connection->isConnected());
+    EXPECT_FALSE(f.link.ended);
 }
 
 TEST(Framing, ABatchWhoseSecondBundleIsCutShortIsDropped) {
@@ -162,11 +171,10 @@ TEST(Framing, ABundleOrABatchAboveItsLimitDisconnectsAtOnce) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.logged);
         Basalt::TraceCapture trace;
-        Fixture f;
-        ASSERT_TRUE(f.connect());
-        ASSERT_TRUE(f.peer->send(c.sent));
-        EXPECT_TRUE(f.peer->waitClosed());
-        EXPECT_TRUE(waitUntil([&] { return !f.connection->isConnected(); }));
+        FakeFixture f;
+        f.link.feed(c.sent);
+        f.link.pump(f.framing);
+        EXPECT_TRUE(f.link.ended);
         EXPECT_EQ(trace.count(c.logged), 1) << trace.dump().toStdString();
         EXPECT_EQ(f.counters->batchesReceived.load(), 0u);
     }

@@ -92,10 +92,17 @@ public:
     }
     int64_t bufferedDataSize() const override { return 0; }
     bool callWhenDrained(int64_t, std::function<void()>) override { return false; }
+    void removeFromBuffer(const QByteArray&) override {}
+    void ping(const QByteArray&) override {}
+    bool isPingSupported() const override { return false; }
+    void updateLastPacketTimestamp() override {}
 
     void stop() override { ended = true; }
     void abortConnection() override { ended = true; }
     bool isConnected() const override { return !ended; }
+    bool isLive() const override { return !ended; }
+    bool isServerSide() const override { return serverSide; }
+    bool isStopping() const override { return false; }
     double timeoutSeconds() const override { return timeout; }
     void setTimeoutSeconds(double seconds) override { timeout = seconds; }
     Dovel::PeerState& peer() override { return peer_; }
@@ -104,6 +111,7 @@ public:
 
     QStringList refused;
     bool ended = false;
+    bool serverSide = true;
 
 private:
     template <class T> T settle(T read) {
