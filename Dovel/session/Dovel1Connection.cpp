@@ -1,7 +1,6 @@
 #include "Dovel/session/Dovel1Connection.h"
 
 #include "Dovel/transport/ConnectionHandler.h"
-#include "Dovel/transport/WriterThread.h"
 
 #include "Basalt/Trace.h"
 

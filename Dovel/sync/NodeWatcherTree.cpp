@@ -1,11 +1,9 @@
 #include "Dovel/sync/NodeWatcherTree.h"
 
 #include "Dovel/sync/AttributeCache.h"
-#include "Dovel/sync/PendingAdditions.h"
 #include "Dovel/sync/RemoteNode.h"
 
 #include "Basalt/BinaryData.h"
-#include "Basalt/ListenerTable.h"
 #include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
 #include "Tessel/AttributeAlias.h"
@@ -15,10 +13,8 @@
 
 #include <QHash>
 
-#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <unordered_map>
 #include <vector>
 
