@@ -3,14 +3,16 @@
 # build-fuzz and runs each for SECONDS with a fixed seed over a scratch copy of its
 # corpus (fuzz/corpus/<name>/ is never written). Prints one summary line per target and
 # exits non-zero on a crash, leak, time-out or sanitizer report.
-# Usage: scripts/fuzz.sh SECONDS
+# Usage: scripts/fuzz.sh SECONDS [BUILD]
+#   BUILD: a build folder already configured with clang, DOVEL_BUILD_FUZZ and
+#   DOVEL_SANITIZE (scripts/test.sh's build-asan); its targets are used instead.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 
 seconds=${1:-}
 if ! [[ "$seconds" =~ ^[0-9]+$ ]] || [ "$seconds" -lt 1 ]; then
-  echo "usage: scripts/fuzz.sh SECONDS" >&2
+  echo "usage: scripts/fuzz.sh SECONDS [BUILD]" >&2
   exit 2
 fi
 if ! command -v clang++ >/dev/null 2>&1; then
@@ -18,7 +20,10 @@ if ! command -v clang++ >/dev/null 2>&1; then
   exit 0
 fi
 
-build="$root/build-fuzz"
+case "${2:-build-fuzz}" in
+  /*) build=$2 ;;
+  *) build="$root/${2:-build-fuzz}" ;;
+esac
 targets=()
 for src in "$root"/fuzz/fuzz_*.cpp; do
   [ -e "$src" ] || continue
@@ -29,10 +34,15 @@ if [ ${#targets[@]} -eq 0 ]; then
   exit 0
 fi
 
-echo "== configure $build"
-CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DDOVEL_BUILD_FUZZ=ON -DDOVEL_SANITIZE=ON -DDOVEL_BUILD_TESTS=OFF -DDOVEL_BUILD_BENCH=OFF \
-  >/dev/null
+if [ -z "${2:-}" ]; then
+  echo "== configure $build"
+  CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DDOVEL_BUILD_FUZZ=ON -DDOVEL_SANITIZE=ON -DDOVEL_BUILD_TESTS=OFF -DDOVEL_BUILD_BENCH=OFF \
+    >/dev/null
+elif ! grep -q "^DOVEL_BUILD_FUZZ:BOOL=ON" "$build/CMakeCache.txt" 2>/dev/null; then
+  echo "fuzz: $build is not a build folder configured with DOVEL_BUILD_FUZZ=ON" >&2
+  exit 2
+fi
 echo "== build ${targets[*]}"
 cmake --build "$build" -j "$(nproc 2>/dev/null || echo 2)" --target "${targets[@]}"
 

@@ -10,7 +10,7 @@
 
 namespace TestHeap {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef DOVEL_SANITIZED
 constexpr bool HeapIsVisible = false;
 #else
 constexpr bool HeapIsVisible = true;

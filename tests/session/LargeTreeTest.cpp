@@ -11,7 +11,7 @@
 using namespace SessionTest;
 
 namespace {
-#if defined(__SANITIZE_ADDRESS__)
+#ifdef DOVEL_SANITIZED
 constexpr int AttributeCount = 10000; // the sanitizers make every step several times slower
 #else
 constexpr int AttributeCount = 100000;

@@ -34,7 +34,7 @@ using TransportTest::clientLogin;
 using TransportTest::RawPeer;
 
 // Memory and descriptors are the sanitizers' too: figures of them hold for plain builds.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef DOVEL_SANITIZED
 constexpr bool Sanitized = true;
 #else
 constexpr bool Sanitized = false;
