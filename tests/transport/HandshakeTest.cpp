@@ -2,8 +2,6 @@
 // write the protocol bytes by hand.
 #include "TransportTestUtil.h"
 
-#include "Basalt/Trace.h"
-
 using namespace TransportTest;
 
 namespace {
@@ -83,18 +81,18 @@ TEST(Handshake, OldClientWithoutVersionLineGetsTextMaps) {
     EXPECT_EQ(hooks(accepted).lines(), (QStringList{"hello", "world"}));
 }
 
-TEST(Handshake, ClientSendsVersionLineOnlyToServersFrom191) {
-    struct Case {
+TEST(Handshake, ClientSendsVersionLineOnlyToServersFrom191AndRefusesMajor3) {
+    const struct {
         QByteArray greeting;
         bool versionLine;
-        QString remote;
-    };
-    const Case cases[] = {
+        QString remote; // empty: the client hangs up without a word
+    } cases[] = {
         {"Heliotrope 1.9.0", false, "1.9.0"},
         {"Heliotrope 1.9.1-beta", true, "1.9.1-beta"},
         {"Heliotrope 2.0.4-pellux", true, "2.0.4-pellux"},
+        {"Heliotrope 3.0.0", false, ""},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.greeting.constData());
         RawListener listener;
         ASSERT_TRUE(listener.isOpen());
@@ -102,37 +100,23 @@ TEST(Handshake, ClientSendsVersionLineOnlyToServersFrom191) {
         client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
         auto peer = listener.accept();
         ASSERT_TRUE(peer);
-        ASSERT_TRUE(serveLogin(*peer, c.greeting, c.versionLine));
-        ASSERT_TRUE(waitUntil([&] { return client->isConnected(); }));
-        EXPECT_EQ(client->remoteVersion(), c.remote);
-        EXPECT_EQ(peer->readLine(), QByteArray("ping initialized"));
+        if (c.remote.isEmpty()) {
+            peer->send(c.greeting + "\n" + fixedChallenge());
+            EXPECT_TRUE(peer->waitClosed());
+            EXPECT_EQ(peer->unread(), QByteArray());
+            EXPECT_EQ(hooks(client).connectedCount.load(), 0);
+        } else {
+            ASSERT_TRUE(serveLogin(*peer, c.greeting, c.versionLine));
+            ASSERT_TRUE(waitUntil([&] { return client->isConnected(); }));
+            EXPECT_EQ(client->remoteVersion(), c.remote);
+            EXPECT_EQ(peer->readLine(), QByteArray("ping initialized"));
+        }
         client->stop();
         EXPECT_TRUE(client->waitEnd(2000));
     }
 }
 
-TEST(Handshake, GreetingOfMajorVersion3IsRefused) {
-    Basalt::TraceCapture trace;
-    RawListener listener;
-    auto client = makeTestConnection(nullptr, false);
-    client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
-    auto peer = listener.accept();
-    ASSERT_TRUE(peer);
-    peer->send("Heliotrope 3.0.0\n" + fixedChallenge());
-
-    EXPECT_TRUE(peer->waitClosed());
-    EXPECT_TRUE(waitUntil([&] { return trace.contains("Handshake failed, closing connection"); }))
-        << trace.dump().toStdString();
-    EXPECT_EQ(trace.count("Unknown server version 'Heliotrope 3.0.0', expected \"Heliotrope "
-                          "(1|2).*.*\""),
-              1);
-    EXPECT_EQ(hooks(client).connectedCount.load(), 0);
-    client->stop();
-    EXPECT_TRUE(client->waitEnd(2000));
-}
-
 TEST(Handshake, ServerAnswersWrongLogin) {
-    Basalt::TraceCapture trace;
     TestServer server;
     ASSERT_TRUE(server.runOnLoopback());
 
@@ -159,7 +143,6 @@ TEST(Handshake, ServerAnswersWrongLogin) {
     // Connections that never connected are retired all the same.
     EXPECT_TRUE(waitUntil([&] { return server.removedTotal() == 4; }));
     EXPECT_TRUE(server.instances().isEmpty());
-    EXPECT_EQ(trace.count("Handshake failed, closing connection"), 4);
 }
 
 TEST(Handshake, ApplicationLoginKeyIsUsedByBothEnds) {
