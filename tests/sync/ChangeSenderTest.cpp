@@ -1,7 +1,6 @@
 // NodeChangeSender and its compressor: what one period of changes turns into on the
 // wire, byte for byte, and the ignore set.
-#include "SessionPair.h"
-#include "SyncTestUtil.h"
+#include "SessionHarness.h"
 
 #include "bundle/BundleTestUtil.h"
 
@@ -173,8 +172,37 @@ TEST(ChangeSender, IgnoreSetSwallowsExactlyOneEchoAndReportsDoubles) {
     a->set(3, L2); // sent
     EXPECT_EQ(session.output().size(), 1u);
     EXPECT_FALSE(session.sender->stopIgnoring(echo));
-    EXPECT_EQ(session.sender->messageType(Dovel::NodeWatcher::NodeAdded), 0xFFFFFFFFu);
-    EXPECT_TRUE(log.contains("NodeChangeSender::messageType # Found an invalid event type 3"));
+}
+
+// A value too large for any bundle a peer takes is announced without it and its changes
+// are dropped (logged): the rest of the tree keeps travelling in the same session, where
+// a bundle the peer refused would end the session, and every resync with it.
+TEST(ChangeSender, AValueTooLargeForABundleIsNotSentAndTheRestTravels) {
+    RemoteNode left(nullptr, "left");
+    RemoteNode right(nullptr, "right");
+    const QString huge(Dovel::Limits::MaxBundlePayloadBytes, QChar('x'));
+    auto* big = new AttributeT<QString>(nullptr, "", huge);
+    auto* small = new AttributeT<int>(nullptr, "", 1);
+    left.addDeepAttribute("big/text", big);
+    left.addDeepAttribute("small/v", small);
+    Session a(left, true, true);
+    Session b(right, false, true);
+    Basalt::TraceCapture log;
+    SyncTest::pump(a, b);
+    ASSERT_TRUE(SyncTest::typed<QString>(right, "big/text"));
+    EXPECT_TRUE(SyncTest::typed<QString>(right, "big/text")->value().isEmpty());
+    EXPECT_EQ(SyncTest::typed<int>(right, "small/v")->value(), 1);
+    EXPECT_EQ(log.count("", Basalt::Trace::Error), 1) << log.dump().left(2000).toStdString();
+
+    big->set(huge + "y", L2);
+    small->set(2, L2);
+    SyncTest::pump(a, b);
+    EXPECT_EQ(SyncTest::typed<int>(right, "small/v")->value(), 2);
+    EXPECT_EQ(log.count("", Basalt::Trace::Error), 2);
+    big->set(QStringLiteral("small again"), L2);
+    SyncTest::pump(a, b);
+    EXPECT_EQ(SyncTest::typed<QString>(right, "big/text")->value(), "small again");
+    EXPECT_EQ(log.count("Session::input"), 0);
 }
 
 TEST(ChangeSender, APassPastTheBundleSizeGoesOnInFurtherBundlesOfItsKind) {

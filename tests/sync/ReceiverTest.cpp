@@ -1,6 +1,6 @@
 // The receivers against hand-written bundles from the peer: removals, unknown symbols,
 // paths through value attributes, stale updates, events.
-#include "SessionPair.h"
+#include "SessionHarness.h"
 
 #include "bundle/BundleTestUtil.h"
 
@@ -47,12 +47,7 @@ struct Pair {
     void toRight(uint32_t type, const Bytes& payload, uint32_t acknowledged = 0) {
         b->input({Bundle(packet(type, sequence++, acknowledged, payload.data()))});
     }
-    Attribute* rightAt(const QByteArray& path) {
-        Attribute* at = &right;
-        for (const QByteArray& part : path.split('/'))
-            at = at ? at->attribute(part) : nullptr;
-        return at;
-    }
+    Attribute* rightAt(const QByteArray& path) { return SyncTest::at(right, path); }
 };
 
 } // namespace
@@ -126,24 +121,6 @@ TEST(Receivers, TheFirstCopyHoldsWhatAliasesShowUnderTheirOwnPaths) {
         ASSERT_TRUE(p.rightAt(path)) << path;
         EXPECT_EQ(p.rightAt(path)->asInt(), 8) << path;
     }
-}
-
-TEST(Receivers, CreatedAttributesShareTheNamesTheyHaveInCommon) {
-    Pair p;
-    // "x" and "y38" fall in the same set of the names the receiver keeps.
-    const QByteArray longName = "a-name-longer-than-thirty-two-bytes";
-    const QByteArrayList paths = {"n1/x", "n1/y38",         "n2/x",          "n2/y38",
-                                  "n3/x", "n3/" + longName, "n4/" + longName};
-    for (const QByteArray& path : paths)
-        p.left.addDeepAttribute(path, new AttributeT<int>(nullptr, "", 1));
-    p.left.processPendingAdditions();
-    p.start();
-    for (const QByteArray& path : paths) {
-        ASSERT_TRUE(p.rightAt(path)) << path.constData();
-        EXPECT_EQ(p.rightAt(path)->name(), path.mid(3)) << path.constData();
-    }
-    EXPECT_EQ(p.rightAt("n1/x")->name().constData(), p.rightAt("n3/x")->name().constData());
-    EXPECT_EQ(p.rightAt("n1/y38")->name().constData(), p.rightAt("n2/y38")->name().constData());
 }
 
 TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) {
@@ -335,39 +312,6 @@ TEST(Receivers, TheMasterReadsStaleUpdatesPastAndKeepsReading) {
     // Written after: applied.
     p.toRight(UpdateType, Bytes().word(t).str("newer"), sentSequence);
     EXPECT_EQ(text->asString(), "newer");
-}
-
-TEST(AttributeStorage, RecordsKeepTheirFirstReadSymbolBindingAndBindInOneStep) {
-    RemoteNode node(nullptr, "root");
-    Dovel::AttributeStorage storage(node);
-    Dovel::DovelSessionAttribute* a = storage.createByPath("a/x");
-    Dovel::DovelSessionAttribute* b = storage.createByPath("b");
-    EXPECT_EQ(storage.createByPath("a/x"), a);
-    EXPECT_TRUE(a->localOrigin);
-    EXPECT_EQ(a->readSymbol, 0u);
-    EXPECT_EQ(a->localSymbol, node.symbolRegistry().lookup("a/x"));
-    EXPECT_EQ(storage.findByLocalSymbol(a->localSymbol), a);
-
-    Basalt::TraceCapture log;
-    storage.indexByReadSymbol(40, a);
-    storage.indexByReadSymbol(40, b);
-    EXPECT_TRUE(log.contains("AttributeStorage::indexByReadSymbol # Symbol already points to some "
-                             "other session attribute"));
-    EXPECT_EQ(storage.findByReadSymbol(40), a);
-    EXPECT_EQ(storage.findByPath("b"), b);
-    EXPECT_EQ(storage.findByPath("c"), nullptr);
-
-    // Binding in one step: a bound symbol keeps its record whatever the path; an unbound
-    // one takes the path's record, existing or new.
-    EXPECT_EQ(storage.bindReadSymbol(40, "b"), a);
-    EXPECT_EQ(storage.bindReadSymbol(41, "b"), b);
-    EXPECT_EQ(storage.findByReadSymbol(41), b);
-    Dovel::DovelSessionAttribute* c = storage.bindReadSymbol(42, "c");
-    ASSERT_TRUE(c);
-    EXPECT_EQ(storage.findByPath("c"), c);
-    EXPECT_EQ(storage.findByReadSymbol(42), c);
-    EXPECT_EQ(storage.findByLocalSymbol(node.symbolRegistry().lookup("c")), c);
-    EXPECT_EQ(storage.size(), 3);
 }
 
 TEST(Receivers, ALocalOnlyAttributeRemovedHereNoLongerTakesThePeersValues) {

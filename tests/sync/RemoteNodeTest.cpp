@@ -1,6 +1,6 @@
 // RemoteNode: event routing both ways, sliced events and their reassembly, path-pattern
 // callbacks, building and walking trees.
-#include "SyncTestUtil.h"
+#include "SessionHarness.h"
 
 #include "Dovel/Limits.h"
 #include "Dovel/sync/RemoteNode.h"
@@ -247,19 +247,11 @@ TEST(RemoteNode, BuildsTreesAndRefusesValuesWhereNodesAreExpected) {
     ASSERT_NE(dynamic_cast<Node*>(x->attribute("y")), nullptr);
     EXPECT_EQ(x->attribute("y")->attribute("z"), z);
 
-    AttributeT<int> refused;
+    AttributeT<int> refused; // through a value, absolute, null, a name taken
     EXPECT_FALSE(node.addDeepAttribute("x/y/z/w", &refused));
-    EXPECT_EQ(capture.count("RemoteNode::addDeepAttribute # Failed to add attribute. An attribute "
-                            "already exists on the path where a node is expected.",
-                            Basalt::Trace::Error),
-              1);
     EXPECT_FALSE(node.addDeepAttribute("/x/q", &refused));
-    EXPECT_EQ(capture.count("RemoteNode::addDeepAttribute # full name shouldn't start with '/': "
-                            "/x/q"),
-              1);
     EXPECT_FALSE(node.addDeepAttribute("x/q", nullptr));
-    EXPECT_EQ(capture.count("RemoteNode::addDeepAttribute # got a null attribute. Ignoring"), 1);
-    EXPECT_FALSE(node.addDeepAttribute("x/y/z", &refused)); // name taken
+    EXPECT_FALSE(node.addDeepAttribute("x/y/z", &refused));
     EXPECT_EQ(refused.host(), nullptr);
 
     // Aliases to nodes are followed.
@@ -272,7 +264,6 @@ TEST(RemoteNode, BuildsTreesAndRefusesValuesWhereNodesAreExpected) {
     EXPECT_EQ(created.value("ax/y/k"), k);
     EXPECT_EQ(Dovel::findOrCreateNode({}, &node, nullptr, QByteArray()), &node);
     EXPECT_EQ(Dovel::findOrCreateNode({"x", "y", "z", "q"}, &node, nullptr, QByteArray()), nullptr);
-    EXPECT_EQ(capture.count("findOrCreateNode # 'x/y/z'' is not a node!", Basalt::Trace::Error), 1);
 
     // Walks: values only, aliases resolved, skip prunes a subtree.
     QList<QByteArray> paths;
@@ -297,13 +288,11 @@ TEST(RemoteNode, WatcherEventsReachChangeListenersAndDestroyedIsSent) {
         const long id = node.addAttributeChangeListener(recorder.callback());
         auto* a = new AttributeT<float>();
         node.addDeepAttribute("a", a);
-        node.processPendingAdditions();
-        const unsigned int sa = node.symbolRegistry().lookup(QByteArray("a"));
-        EXPECT_EQ(node.attributeCache().find(sa), a);
         a->setValue(2.0f, L3);
-        const std::vector<SyncTest::Event> expected = {{Dovel::NodeWatcher::AttributeAdded, sa},
-                                                       {Dovel::NodeWatcher::AttributeChanged, sa}};
-        EXPECT_EQ(recorder.take(), expected);
+        const unsigned int sa = node.symbolRegistry().lookup(QByteArray("a"));
+        EXPECT_EQ(recorder.take(),
+                  (std::vector<SyncTest::Event>{{Dovel::NodeWatcher::AttributeAdded, sa},
+                                                {Dovel::NodeWatcher::AttributeChanged, sa}}));
         node.removeAttributeChangeListener(id);
         a->setValue(3.0f, L3);
         EXPECT_TRUE(recorder.events.empty());
