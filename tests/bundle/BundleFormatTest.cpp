@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <thread>
 
 using namespace Dovel;
 using BundleTest::Bytes;
@@ -50,9 +49,6 @@ TEST(BundleFormat, EmptyBundleAndPacketValidation) {
     EXPECT_EQ(parsed.headerWord(3), 2u);
     EXPECT_EQ(BundleCore().headerWord(1), 0u); // too short: no header to read
 
-    EXPECT_EQ(Bundle::align4(0), 0u);
-    EXPECT_EQ(Bundle::align4(1), 4u);
-    EXPECT_EQ(Bundle::align4(4), 4u);
     EXPECT_EQ(Bundle::align4(5), 8u);
     EXPECT_EQ(Bundle::align4(0xFFFFFFFDu), 0u); // 32-bit arithmetic
 
@@ -295,10 +291,4 @@ TEST(BundleFormat, CopiesShareTheBytes) {
     output.add(out[0]);
     EXPECT_EQ(sequence, 7u);
     EXPECT_EQ(out[1].packet().constData(), bytes);
-
-    // Across threads: the vector's copy on another thread still shares the bytes.
-    const char* seen = nullptr;
-    std::thread t([copy = out, &seen] { seen = copy[1].packet().constData(); });
-    t.join();
-    EXPECT_EQ(seen, bytes);
 }
