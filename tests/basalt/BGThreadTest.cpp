@@ -93,24 +93,6 @@ private:
 
 } // namespace
 
-TEST(BGThread, RunNowWaitsForTheRunAndItsEnd) {
-    QStringList log;
-    std::mutex mutex;
-    auto probe = std::make_shared<Probe>("now", log, mutex);
-    probe->runNow(true);
-    EXPECT_EQ(probe->runs.load(), 1);
-    EXPECT_EQ(probe->initialized.load(), 1);
-    EXPECT_EQ(probe->finishedCount.load(), 1);
-    EXPECT_TRUE(probe->isDone());
-    EXPECT_FALSE(probe->isScheduled());
-
-    // Run again: initialize() is not repeated.
-    probe->runNow(true);
-    EXPECT_EQ(probe->runs.load(), 2);
-    EXPECT_EQ(probe->initialized.load(), 1);
-    EXPECT_EQ(log, QStringList({"now", "now:finished", "now", "now:finished"}));
-}
-
 TEST(BGThread, DueTasksRunByTimeThenPriorityThenArrival) {
     QStringList log;
     std::mutex mutex;

