@@ -1,5 +1,7 @@
 // The tree file format: round trips of every type code, the exact text of a dump, the
-// plain-form rules, exact numbers, errors, and single-value conversions.
+// plain-form rules, exact numbers, errors, and assigning one value by an attribute's
+// type. (Creating attributes from values and the text of one value are the `set` and
+// `get` commands', tested as processes.)
 #include "TreeJsonTestUtil.h"
 
 #include "dovel/JsonValueCodec.h"
@@ -448,38 +450,4 @@ TEST(TreeJson, AssignConvertsByTheAttributesType) {
         EXPECT_EQ(error.toStdString(), row.error);
     }
     EXPECT_EQ(u->value(), 4000000000u);
-}
-
-TEST(TreeJson, CreateAndValueText) {
-    const TreeJson format;
-    QString error;
-    std::unique_ptr<Attribute> size =
-        format.create(QJsonObject{{"@type", "sizei"}, {"value", QJsonArray{3, 4}}}, "a/s", &error);
-    ASSERT_NE(dynamic_cast<AttributeT<Quant::SizeI>*>(size.get()), nullptr) << qPrintable(error);
-    EXPECT_EQ(dynamic_cast<AttributeT<Quant::SizeI>*>(size.get())->value(), Quant::SizeI(3, 4));
-    EXPECT_FALSE(size->isChanged());
-    std::unique_ptr<Attribute> node =
-        format.create(QJsonObject{{"x", 1.5}, {"y", QJsonObject()}}, "a/n", &error);
-    ASSERT_NE(dynamic_cast<Node*>(node.get()), nullptr);
-    EXPECT_EQ(find<AttributeT<float>>(*dynamic_cast<Node*>(node.get()), "x")->value(), 1.5f);
-    EXPECT_EQ(format.create(QJsonValue(), "a/z", &error), nullptr);
-    EXPECT_EQ(error.toStdString(), "a/z: null is not a value");
-
-    Node root;
-    auto* f = new AttributeT<float>(&root, "f", 2.0f);
-    auto* s = new AttributeT<QString>(&root, "s", QStringLiteral("a \"b\""));
-    auto* i = new AttributeT<int>(&root, "i", -3);
-    auto* sub = new Node(&root, "sub");
-    new AttributeT<bool>(sub, "on", true);
-    QJsonValue value;
-    ASSERT_TRUE(format.toJson(*f, value));
-    EXPECT_EQ(TreeJson::valueText(value), R"({"@type":"float","value":2})");
-    ASSERT_TRUE(format.toJson(*s, value));
-    EXPECT_EQ(TreeJson::valueText(value), R"("a \"b\"")");
-    ASSERT_TRUE(format.toJson(*i, value));
-    EXPECT_EQ(TreeJson::valueText(value), "-3");
-    ASSERT_TRUE(format.toJson(*sub, value));
-    EXPECT_EQ(TreeJson::valueText(value), R"({"on":true})");
-    AttributeAlias dangling;
-    EXPECT_FALSE(format.toJson(dangling, value));
 }
