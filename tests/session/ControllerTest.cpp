@@ -245,27 +245,6 @@ TEST(Controller, AnEndedSessionAppliesWhatItHadQueuedAndSendsNothingUnlessItNeve
     EXPECT_TRUE(log.empty()); // not even the pass before the batch
 }
 
-TEST(Controller, QueuedWorkAndLocalChangesWakeTheTreeThread) {
-    RemoteNode node(nullptr, "n");
-    auto* value = new Tessel::AttributeT<float>();
-    ASSERT_TRUE(node.addDeepAttribute("value", value));
-    auto executor = std::make_shared<HandRunExecutor>();
-    std::atomic<int>& wakes = executor->wakes;
-    BundleControllerParams p = params(nullptr, false);
-    p.executor = executor;
-    auto controller = BundleController::create(node, p);
-    controller->scheduleProcess({});
-    EXPECT_EQ(wakes.load(), 1);
-    controller->update(); // initialises: from here local changes wake too
-    const int before = wakes.load();
-    value->setValue(1.0f, Tessel::Attribute::LayerRemote);
-    EXPECT_GT(wakes.load(), before);
-    const int afterChange = wakes.load();
-    Basalt::BinaryData data;
-    node.eventProcess("ping-event", data);
-    EXPECT_GT(wakes.load(), afterChange);
-}
-
 TEST(Controller, WhileThePeerIsBehindChangesAreFoldedAndLeaveOnceWithTheirNewestValues) {
     using Tessel::AttributeT;
     constexpr auto L2 = Tessel::Attribute::LayerRemote;

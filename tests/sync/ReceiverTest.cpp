@@ -7,7 +7,6 @@
 #include "Dovel/Limits.h"
 
 #include "Basalt/Trace.h"
-#include "Tessel/AttributeAlias.h"
 #include "Tessel/AttributeT.h"
 
 #include <QRegExp>
@@ -101,26 +100,6 @@ TEST(Receivers, RemovalDestroysPeerCreatedAttributesOnlyAndReadsLateUpdatesPast)
     pump(*p.a, *p.b);
     EXPECT_EQ(p.right.attribute("deep"), nullptr);
     EXPECT_EQ(p.rightAt("q/y"), localY);
-}
-
-TEST(Receivers, TheFirstCopyHoldsWhatAliasesShowUnderTheirOwnPaths) {
-    Pair p;
-    auto* x = new AttributeT<int>(nullptr, "", 7);
-    p.left.addDeepAttribute("n/x", x);
-    p.left.addDeepAttribute("n/s", new AttributeT<int>(nullptr, "", 8));
-    // The same attributes reached again: through an alias of one, and of their node.
-    new Tessel::AttributeAlias(&p.left, "v", x);
-    new Tessel::AttributeAlias(&p.left, "m", p.left.attribute("n"));
-    p.left.processPendingAdditions();
-    p.start();
-    for (const char* path : {"n/x", "v", "m/x"}) {
-        ASSERT_TRUE(p.rightAt(path)) << path;
-        EXPECT_EQ(p.rightAt(path)->asInt(), 7) << path;
-    }
-    for (const char* path : {"n/s", "m/s"}) {
-        ASSERT_TRUE(p.rightAt(path)) << path;
-        EXPECT_EQ(p.rightAt(path)->asInt(), 8) << path;
-    }
 }
 
 TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) {
