@@ -1,8 +1,7 @@
 // Who gets into the tool's servers, each run as its own process on loopback: the
 // default address, login keys, the warning for an open server, a folder server that
-// takes no uploads, a read-only tree server, the cap on clients, and a server out of
-// descriptors that still serves the clients it has. (What idle or flooding peers cost
-// a server is measured by the benchmarks.)
+// takes no uploads, a read-only tree server and the caps on clients. (What idle or
+// flooding peers cost a server is measured by the benchmarks.)
 #include "TestFiles.h"
 #include "ToolProcess.h"
 #include "transport/TransportTestUtil.h"
@@ -13,7 +12,6 @@
 #include <QJsonObject>
 
 #include <memory>
-#include <vector>
 
 namespace {
 
@@ -22,13 +20,6 @@ using TestFiles::readFile;
 using TestFiles::writeFile;
 using TransportTest::clientLogin;
 using TransportTest::RawPeer;
-
-// The sanitizers need descriptors of their own.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool Sanitized = true;
-#else
-constexpr bool Sanitized = false;
-#endif
 
 int portOf(const QString& address) {
     return address.section(QLatin1Char(':'), 1).toInt();
@@ -155,45 +146,6 @@ TEST(Access, AReadOnlyServerKeepsItsTreeAndCapsAndNetworksKeepClientsOut) {
         EXPECT_TRUE(refused->waitClosed());
         EXPECT_TRUE(endsCleanlyOn(limited, SIGTERM));
     }
-}
-
-TEST(Access, AServerOutOfDescriptorsIdlesAndServesTheClientsItHas) {
-    if (!toolBuilt())
-        GTEST_SKIP() << "dovel is not built";
-    // The sanitizers open pipes of their own to check memory: with no descriptor left
-    // they report sound pointers as invalid.
-    if (Sanitized)
-        GTEST_SKIP() << "a sanitized server cannot run out of descriptors";
-    QTemporaryDir folder;
-    DovelTool tool;
-    QProcess server;
-    server.setProcessEnvironment(tool.environment);
-    server.start("bash", {"-c", "ulimit -n 64 && exec \"$0\" files serve \"$1\" --listen 0",
-                          toolPath(), folder.path()});
-    ProcessOutput output(server);
-    ASSERT_TRUE(output.waitForOut("\n"));
-    const QRegularExpressionMatch listening =
-        QRegularExpression("listening on 127\\.0\\.0\\.1:(\\d+)").match(output.standardOutput());
-    ASSERT_TRUE(listening.hasMatch()) << output.standardOutput().constData();
-    const int port = listening.captured(1).toInt();
-    auto client = RawPeer::connect(port);
-    ASSERT_TRUE(client);
-    ASSERT_EQ(clientLogin(*client), QByteArray("ok"));
-
-    // More connections than descriptors: the server cannot accept them all.
-    std::vector<std::unique_ptr<RawPeer>> flood;
-    for (int i = 0; i < 200; ++i)
-        flood.push_back(RawPeer::connect(port));
-    // The one it has still answers, again and again.
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(client->send("ping flooded\n"));
-        QByteArray line = client->readLine(20000);
-        while (!line.isNull() && line != "pong flooded")
-            line = client->readLine(20000);
-        EXPECT_EQ(line, QByteArray("pong flooded")) << i;
-    }
-    flood.clear();
-    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
 }
 
 } // namespace

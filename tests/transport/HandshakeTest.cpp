@@ -4,14 +4,6 @@
 
 using namespace TransportTest;
 
-namespace {
-
-QStringList linesOf(const std::shared_ptr<TestConnection>& c) {
-    return c ? hooks(c).lines() : QStringList();
-}
-
-} // namespace
-
 TEST(Handshake, ClientAndServerExchangeLinesAfterLogin) {
     TestServer server;
     ASSERT_TRUE(server.runOnLoopback());
@@ -25,7 +17,7 @@ TEST(Handshake, ClientAndServerExchangeLinesAfterLogin) {
 
     ASSERT_TRUE(waitUntil([&] { return client->isConnected() && server.first(); }));
     const std::shared_ptr<TestConnection> accepted = server.first();
-    ASSERT_TRUE(waitUntil([&] { return linesOf(accepted).size() == 2; }));
+    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).lines().size() == 2; }));
     EXPECT_EQ(hooks(accepted).lines(), (QStringList{"first", "second"}));
 
     accepted->queue(QStringLiteral("reply one\n"));
@@ -45,14 +37,9 @@ TEST(Handshake, ClientAndServerExchangeLinesAfterLogin) {
     EXPECT_EQ(hooks(client).pongs(), QList<QByteArray>{"initialized"});
     EXPECT_EQ(hooks(accepted).pongs(), QList<QByteArray>{"initialized"});
     EXPECT_EQ(hooks(client).connectedCount.load(), 1);
-    EXPECT_EQ(server.connectedCount(accepted.get()), 1);
-
     client->stop();
     ASSERT_TRUE(client->waitEnd(2000));
     EXPECT_EQ(hooks(client).disconnectedCount.load(), 1);
-    ASSERT_TRUE(waitUntil([&] { return server.removedCount(accepted.get()) == 1; }));
-    EXPECT_TRUE(server.instances().isEmpty());
-    EXPECT_EQ(server.disconnectedCount(accepted.get()), 1);
 }
 
 TEST(Handshake, OldClientWithoutVersionLineGetsTextMaps) {
