@@ -75,7 +75,8 @@ TEST(Ping, VersionsThatSupportDovel15) {
 
 TEST(Ping, SilentPeerIsDroppedAfterTheTimeoutWhateverTheWallClockDoes) {
     // Pings and the time-out run on the monotonic clock: a wall clock stepped back an
-    // hour must not stop them, nor one stepped forward end the connection early.
+    // hour must not stop them, nor one stepped forward end the connection before it
+    // has pinged.
     for (const int64_t step : {int64_t(0), int64_t(-3600) * 1000000, int64_t(3600) * 1000000}) {
         SCOPED_TRACE(step);
         RawListener listener;
