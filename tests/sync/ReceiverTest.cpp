@@ -77,11 +77,9 @@ TEST(Receivers, RemovalDestroysPeerCreatedAttributesOnlyAndReadsLateUpdatesPast)
     EXPECT_EQ(localY->value(), 3);
     EXPECT_EQ(log.count("Session::input"), 0) << log.dump().toStdString();
 
-    p.toRight(RemoveType, Bytes().word(x).word(7777));
-    EXPECT_TRUE(log.contains(
-        QString("AttributeRemoveHandler::handleBundle # Attribute %1 already removed").arg(x)));
-    EXPECT_TRUE(log.contains(
-        "AttributeRemoveHandler::handleBundle # Failed to find attribute with symbol 7777"));
+    p.toRight(RemoveType, Bytes().word(x).word(7777)); // already gone, never known
+    EXPECT_EQ(p.rightAt("q/y"), localY);
+    EXPECT_EQ(log.count("Session::input"), 0);
 
     // Re-added on the left: announced again, created again, values flow again.
     p.left.addDeepAttribute("p/x", new AttributeT<int>(nullptr, "", 5));
@@ -161,19 +159,13 @@ TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
     news.word(9999).word(35).word(0).word(1).str("lost");
     news.word(500).word(9).word(4).word(1).word(6).word(502).word(9).word(4).word(1).word(8);
     p.toRight(NewType, news);
-    EXPECT_TRUE(log.contains("NewAttributeReceiver::handleBundle # Unknown symbol 9999 at message "
-                             "index 1. Will ignore the bundle"));
     ASSERT_TRUE(p.rightAt("fresh/v"));
     EXPECT_EQ(p.rightAt("fresh/v")->asInt(), 6);
-    // A path through a value attribute changes nothing.
-    EXPECT_TRUE(log.contains("NewAttributeReceiver::createOrFindAttribute # Found an existing "
-                             "attribute where a node was expected"));
-    EXPECT_EQ(p.rightAt("p/z")->asInt(), 2);
+    EXPECT_EQ(p.rightAt("p/z")->asInt(), 2); // a path through a value changes nothing
+    EXPECT_EQ(p.rightAt("p/z/deeper"), nullptr);
 
     // AttributeUpdate: an unbound symbol abandons the rest of the bundle.
     p.toRight(UpdateType, Bytes().word(500).word(60).word(9999).word(1).word(500).word(61));
-    EXPECT_TRUE(log.contains("AttributeUpdateHandler::handleBundle # BUG: unknown attribute with "
-                             "symbol 9999"));
     EXPECT_EQ(p.rightAt("fresh/v")->asInt(), 60);
 
     // OneWayEvent: an unknown name is a warning; the next event still arrives.
@@ -182,20 +174,16 @@ TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
         "note", [&](Basalt::BinaryData& data) { notes += data.size(); }, Node::Direct);
     p.toRight(EventType,
               Bytes().word(9999).word(1).hex("ff000000").word(501).word(3).hex("01020300"));
-    EXPECT_EQ(log.count("OneWayEventReceiver::handleBundle # Symbol 9999 not found",
-                        Basalt::Trace::Warning),
-              1);
     EXPECT_EQ(notes, 3);
     // An event that claims more bytes than the bundle holds throws from the reader.
     p.toRight(EventType, Bytes().word(501).word(1000).word(0));
-    EXPECT_TRUE(log.contains("BundleReader::read # tried to read past the end"));
+    EXPECT_EQ(log.count("Session::input"), 1);
     EXPECT_EQ(notes, 3);
 }
 
 TEST(Receivers, PathsWithAnEmptyComponentOrTooDeepAreSkippedWithTheirValues) {
     Pair p;
     p.start();
-    Basalt::TraceCapture log;
     const QByteArray bad[] = {"/lead", "trail/", "a//b", "/"};
     Bytes symbols;
     Bytes news; // symbol, type code (9: int32), value size, value count, value
@@ -214,21 +202,11 @@ TEST(Receivers, PathsWithAnEmptyComponentOrTooDeepAreSkippedWithTheirValues) {
     news.word(610).word(9).word(4).word(1).word(80);
     p.toRight(SymbolsType, symbols);
     p.toRight(NewType, news);
-    for (const QByteArray& path : bad)
-        EXPECT_TRUE(
-            log.contains("NewAttributeReceiver::handleBundle # Malformed path '" + path + "'"))
-            << path.constData();
     EXPECT_EQ(p.right.attribute(""), nullptr);
     EXPECT_EQ(p.rightAt("trail"), nullptr);
     ASSERT_TRUE(p.rightAt("a/b"));
     EXPECT_EQ(p.rightAt("a/b")->asInt(), 80);
     EXPECT_EQ(p.rightAt("a")->attribute(""), nullptr);
-    EXPECT_EQ(log.count(QStringLiteral("NewAttributeReceiver::handleBundle # A path of %1 "
-                                       "components is deeper than %2; '%3' is ignored")
-                            .arg(Dovel::Limits::MaxPeerPathDepth + 1)
-                            .arg(Dovel::Limits::MaxPeerPathDepth)
-                            .arg(QString::fromLatin1(tooDeep))),
-              1);
     EXPECT_EQ(p.rightAt("e"), nullptr); // no node of it was made
     ASSERT_TRUE(p.rightAt(deepest));
     EXPECT_EQ(p.rightAt(deepest)->asInt(), 78);

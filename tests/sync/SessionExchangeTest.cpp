@@ -1,7 +1,6 @@
 // Two sessions back to back: a tree of every type mirrored, creation of missing
-// attributes on and off, echo suppression, conflicting values at the start of a
-// session, and local-only paths. (Events, sliced ones too, are sent over a real
-// session in tests/session.)
+// attributes on and off, echo suppression, and conflicting values at the start of a
+// session. (Events, sliced ones too, are sent over a real session in tests/session.)
 #include "SessionHarness.h"
 
 #include "Dovel/types/MetaTypes.h"
@@ -184,26 +183,4 @@ TEST(SessionExchange, ConflictingStartValuesConvergeOnTheMaster) {
         EXPECT_EQ(mx->value(), 10);
         EXPECT_EQ(ox->value(), 10);
     }
-}
-
-TEST(SessionExchange, IdAttributesStayLocal) {
-    RemoteNode left(nullptr, "left");
-    RemoteNode right(nullptr, "right");
-    // Attributes named id are local without any rule of the application.
-    auto* leftId = new AttributeT<int>(nullptr, "", 1);
-    auto* rightId = new AttributeT<int>(nullptr, "", 2);
-    left.addDeepAttribute("obj/id", leftId);
-    left.addDeepAttribute("obj/name", new AttributeT<QString>(nullptr, "", "box"));
-    right.addDeepAttribute("obj/id", rightId);
-    Session a(left, true, true);
-    Session b(right, false, true);
-    pump(a, b);
-    leftId->set(5, L3);
-    rightId->set(6, L3);
-    pump(a, b);
-    EXPECT_EQ(leftId->value(), 5);
-    EXPECT_EQ(rightId->value(), 6);
-    EXPECT_EQ(right.attribute("obj")->attribute("name")->asString(), "box");
-    EXPECT_EQ(a.storage.findByPath("obj/id"), nullptr);
-    EXPECT_EQ(b.storage.findByPath("obj/id"), nullptr);
 }
