@@ -59,9 +59,7 @@ TEST(FlowControl, AClientThatStopsReadingIsSentFoldedChangesOnceItReadsAgain) {
     // The client reads nothing from here on: once the socket's buffers are full the
     // writer backs up and the server's passes fold.
     int round = 0;
-    const auto start = std::chrono::steady_clock::now();
-    while (server.stats().passesHeld.load() < 10 &&
-           std::chrono::steady_clock::now() - start < std::chrono::seconds(60))
+    while (server.stats().passesHeld.load() < 10 && round < 1000)
         changeAll(master, ++round);
     ASSERT_GE(server.stats().passesHeld.load(), 10u) << round << " rounds";
     Dovel::WriterThread* writer = server.sessions().front()->connection().writerThread();
