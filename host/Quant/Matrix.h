@@ -2,6 +2,9 @@
 // in row order are their bytes. Default-constructed as identity.
 #pragma once
 
+#include <cstddef>
+#include <type_traits>
+
 namespace Quant {
 
 template <typename T, int N> struct MatrixNT {
@@ -30,5 +33,6 @@ using Matrix3f = Matrix3T<float>;
 using Matrix4f = Matrix4T<float>;
 
 static_assert(sizeof(Matrix2f) == 16 && sizeof(Matrix3f) == 36 && sizeof(Matrix4f) == 64, "packed");
+static_assert(std::is_standard_layout<Matrix4f>::value, "standard layout");
 
 } // namespace Quant

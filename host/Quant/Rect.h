@@ -3,6 +3,9 @@
 // order of the four numbers on the wire.
 #pragma once
 
+#include <cstddef>
+#include <type_traits>
+
 namespace Quant {
 
 template <typename T> struct RectT {
@@ -22,5 +25,10 @@ using Rectf = RectT<float>;
 using Rectd = RectT<double>;
 
 static_assert(sizeof(Recti) == 16 && sizeof(Rectf) == 16 && sizeof(Rectd) == 32, "packed");
+static_assert(std::is_standard_layout<Recti>::value && std::is_standard_layout<Rectd>::value,
+              "standard layout");
+static_assert(offsetof(Recti, x0) == 0 && offsetof(Recti, y0) == 4 && offsetof(Recti, x1) == 8 &&
+                  offsetof(Recti, y1) == 12 && offsetof(Rectd, y1) == 24,
+              "corner order");
 
 } // namespace Quant

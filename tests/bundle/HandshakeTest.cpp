@@ -2,7 +2,6 @@
 // replies, and how received commands and symbols are read.
 #include "BundleTestUtil.h"
 
-#include "Dovel/bundle/HandshakeSender.h"
 #include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
@@ -96,22 +95,6 @@ TEST(Handshake, OkAndErrorRepliesByteForByte) {
     const QByteArray ok =
         BundleTest::reply(104, "ok", "Quillon.Dovel.Handshake", "Module reloaded successfully");
     EXPECT_EQ(out[0].packet().toHex(), packet(0, 2, 0, error + ok).toHex());
-
-    // Sender alone: replies queue in order behind "info".
-    HandshakeSender sender;
-    sender.replyOk(QStringLiteral("load-module"), QStringLiteral("Foo"), QStringLiteral("x"));
-    std::vector<Bundle> bundles;
-    uint32_t sequence = 7;
-    BundleOutput output(&bundles, &sequence, 4);
-    sender.writeUpdates(output);
-    ASSERT_EQ(bundles.size(), 1u);
-
-    EXPECT_EQ(bundles[0].packet().mid(16 + 68), BundleTest::reply(60, "ok", "Foo", "x"));
-    EXPECT_EQ(bundles[0].headerWord(2), 7u);
-    EXPECT_EQ(bundles[0].headerWord(3), 4u);
-    sender.writeUpdates(output);
-    EXPECT_EQ(bundles.size(), 1u);
-    EXPECT_EQ(sequence, 8u);
 }
 
 TEST(Handshake, ReceiverSkipsUnknownCommandsByLength) {
@@ -162,36 +145,6 @@ TEST(Handshake, ReceiverSkipsUnknownCommandsByLength) {
     ASSERT_EQ(out.size(), 1u);
     EXPECT_EQ(out[0].packet().mid(16), BundleTest::reply(112, "ok", "Quillon.Dovel.AttributeUpdate",
                                                          "Module loaded successfully"));
-}
-
-TEST(Handshake, ReceiverLogsErrorsAndDiscardsOkAndInfo) {
-    Basalt::TraceCapture capture;
-    BundleDispatcher d;
-    pass(d);
-    Bytes payload;
-    payload.word(100).str("error").str("load-module").str("Quillon.Dovel.AttributeNew").word(1);
-    payload.str("description").str("Module not found");
-    // an error whose map comes out of key order, a key twice
-    payload.word(88).str("error").str("load-module").str("M").word(3);
-    payload.str("b").str("2").str("a").str("1").str("a").str("3");
-    payload.word(60).str("ok").str("load-module").str("M").word(1).str("description").str("y");
-    payload.word(64).str("info").word(2);
-    payload.str("application").str("Dovel").str("version").str("2.6.1");
-    dispatch(d, packet(0, 1, 0, payload.data()));
-    const QList<Basalt::TraceLine> lines = capture.lines();
-    ASSERT_EQ(lines.size(), 2) << capture.dump().toStdString();
-    EXPECT_EQ(lines[0].level, Basalt::Trace::Error);
-    EXPECT_EQ(
-        lines[0].text,
-        QStringLiteral("HandshakeReceiver::handleBundle # error, command: load-module, module: "
-                       "Quillon.Dovel.AttributeNew, additional info: description: Module "
-                       "not found"));
-    EXPECT_EQ(
-        lines[1].text,
-        QStringLiteral("HandshakeReceiver::handleBundle # error, command: load-module, module: "
-                       "M, additional info: a: 3, b: 2"));
-    EXPECT_TRUE(pass(d).empty()); // "ok" and "info" ask for nothing
-    EXPECT_EQ(d.lastReceivedSequence(), 1u);
 }
 
 TEST(Handshake, SymbolRegistryReceiverDefinesPairsUntilTruncation) {

@@ -131,57 +131,49 @@ TEST(Framing, APeerWithoutBundleSupportIsSentNothing) {
     EXPECT_EQ(nextLine(*f.peer), QByteArray("marker"));
 }
 
-TEST(Framing, BatchesAreReadAndScheduledAndOtherLinesAreNotRecognised) {
-    FakeFixture f;
-    f.link.feed("dovel2 many\ndovel2\nDOVEL2 1\n");
-    f.link.feed("dovel2 2\n" + first + second + "dovel2 0\n");
-    f.link.pump(f.framing);
-    EXPECT_EQ(f.framing.results(),
-              QStringList({"dovel2 many -> false", "dovel2 -> false", "DOVEL2 1 -> false",
-                           "dovel2 2 -> true", "dovel2 0 -> true"}));
-    EXPECT_EQ(f.counters->batchesReceived.load(), 2u); // the lines above count for nothing
-    EXPECT_FALSE(f.link.ended);
-}
-
-TEST(Framing, ABatchWhoseSecondBundleIsCutShortIsDropped) {
-    Basalt::TraceCapture trace;
-    Fixture f;
-    ASSERT_TRUE(f.connect());
-    ASSERT_TRUE(f.peer->send("dovel2 2\n" + first + second.left(20)));
-    f.peer.reset(); // the peer goes away in the middle of the bundle
-    ASSERT_TRUE(waitUntil([&] { return f.framing->results().size() == 1; }));
-    EXPECT_EQ(f.framing->results(), QStringList({"dovel2 2 -> true"}));
-    EXPECT_TRUE(waitUntil([&] { return !f.connection->isConnected(); }));
-    EXPECT_EQ(trace.count("processDovel2 # Failed to read Bundle", Basalt::Trace::Warning), 1)
-        << trace.dump().toStdString();
-    EXPECT_EQ(trace.count("processDovel2 # Failed to read Bundle header"), 0);
-    EXPECT_EQ(f.counters->batchesReceived.load(), 0u);
-}
-
-TEST(Framing, ABundleOrABatchAboveItsLimitDisconnectsAtOnce) {
+TEST(Framing, BatchesAreReadAndHostileCountsAndSizesEndTheConnection) {
+    const QByteArray tooMany = QByteArray::number(Dovel::Limits::MaxBundlesPerBatch + 1);
     const struct {
+        const char* what;
         QByteArray sent;
-        const char* logged;
+        QStringList answers;
+        bool ended;
+        uint64_t batches;
     } cases[] = {
-        {"dovel2 1\n" + QByteArray::fromHex("ffffffff 07000000 01000000 00000000") + "abcd",
-         "processDovel2 # A bundle of 4294967295 bytes exceeds the limit"},
-        {"dovel2 " + QByteArray::number(Dovel::Limits::MaxBundlesPerBatch + 1) + "\n",
-         "processDovel2 # A batch of 65537 bundles exceeds the limit"},
+        {"batches, and lines that are not batches",
+         "dovel2 many\ndovel2\nDOVEL2 1\ndovel2 2\n" + first + second + "dovel2 0\n",
+         {"dovel2 many -> false", "dovel2 -> false", "DOVEL2 1 -> false", "dovel2 2 -> true",
+          "dovel2 0 -> true"},
+         false,
+         2},
+        {"a bundle above the limit",
+         "dovel2 1\n" + QByteArray::fromHex("ffffffff 07000000 01000000 00000000") + "abcd",
+         {"dovel2 1 -> true"},
+         true,
+         0},
+        {"a batch above the limit",
+         "dovel2 " + tooMany + "\n" + first,
+         {"dovel2 " + QString(tooMany) + " -> true"},
+         true,
+         0},
+        {"the peer goes away inside the second bundle",
+         "dovel2 2\n" + first + second.left(20),
+         {"dovel2 2 -> true"},
+         true,
+         0},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.logged);
-        Basalt::TraceCapture trace;
+        SCOPED_TRACE(c.what);
         FakeFixture f;
         f.link.feed(c.sent);
         f.link.pump(f.framing);
-        EXPECT_TRUE(f.link.ended);
-        EXPECT_EQ(trace.count(c.logged), 1) << trace.dump().toStdString();
-        EXPECT_EQ(f.counters->batchesReceived.load(), 0u);
+        EXPECT_EQ(f.framing.results(), c.answers);
+        EXPECT_EQ(f.link.ended, c.ended);
+        EXPECT_EQ(f.counters->batchesReceived.load(), c.batches);
     }
 }
 
 TEST(Framing, HalfABatchAndThenSilenceEndsAtThePingTimeout) {
-    Basalt::TraceCapture trace;
     Fixture f;
     f.connection->setTimeoutSeconds(1.0);
     f.connection->writerThread()->setPingIntervalSeconds(0.2);
@@ -193,16 +185,10 @@ TEST(Framing, HalfABatchAndThenSilenceEndsAtThePingTimeout) {
     ASSERT_TRUE(f.peer->send("dovel2 2\n" + first + second.left(20)));
     EXPECT_TRUE(waitUntil([&] { return !f.connection->isConnected(); }, 5000));
     EXPECT_TRUE(f.peer->waitClosed(2000));
-    EXPECT_EQ(
-        trace.count(
-            QStringLiteral("127.0.0.1:%1: Ping timeout, disconnecting").arg(f.listener.port())),
-        1)
-        << trace.dump().toStdString();
     EXPECT_EQ(f.counters->batchesReceived.load(), 0u); // nothing of the half batch is applied
 }
 
 TEST(Framing, APeerThatStopsReadingIsDisconnectedOnceBatchesPileUp) {
-    Basalt::TraceCapture trace;
     Fixture f;
     ASSERT_TRUE(f.connect());
     // From here on the peer reads nothing: the socket's buffers fill, then the writer's.
@@ -224,15 +210,12 @@ TEST(Framing, APeerThatStopsReadingIsDisconnectedOnceBatchesPileUp) {
     for (int i = 0; i < 3; ++i)
         out.send(batch);
     EXPECT_TRUE(waitUntil([&] { return !f.connection->isConnected(); }));
-    EXPECT_EQ(trace.count("Dovel1Connection::send # ", Basalt::Trace::Warning), 1)
-        << trace.dump().toStdString();
     // About the ceiling and the batch that crossed it (the writer counts a part-written
     // item in whole): nothing like the pile an unbounded writer would hold.
     EXPECT_LE(mostWaiting, Ceiling + 2 * packet.size());
 }
 
 TEST(Framing, EmptyBatchesCountTowardsWhatWaitsForTheTreeThread) {
-    Basalt::TraceCapture trace;
     Fixture f;
     ASSERT_TRUE(f.connect());
     // Each "dovel2 0" queues a task for the tree thread (which does not run here): past
@@ -244,8 +227,11 @@ TEST(Framing, EmptyBatchesCountTowardsWhatWaitsForTheTreeThread) {
             many += "dovel2 0\n";
         f.peer->send(many);
     });
-    EXPECT_TRUE(waitUntil([&] { return trace.contains("reading from 127.0.0.1"); }, 30000));
-    EXPECT_GT(f.controller->receiveBacklog().bytes(), Dovel::Limits::MaxUnappliedBatchBytes);
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return f.controller->receiveBacklog().bytes() > Dovel::Limits::MaxUnappliedBatchBytes;
+        },
+        30000));
     EXPECT_TRUE(waitUntil(
         [&] {
             f.controller->update();
@@ -257,8 +243,7 @@ TEST(Framing, EmptyBatchesCountTowardsWhatWaitsForTheTreeThread) {
     EXPECT_TRUE(f.connection->isConnected());
 }
 
-TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
-    Basalt::TraceCapture trace;
+TEST(Framing, ALargeBatchIsHandedOverInPiecesBeforeItsLastBundleHasCome) {
     Fixture f;
     ASSERT_TRUE(f.connect());
     // Bundles of 8 MiB: two make a piece.
@@ -292,44 +277,5 @@ TEST(Framing, ALargeBatchIsHandedOverInPiecesAndReadingWaitsForTheTreeThread) {
     EXPECT_EQ(backlog.bytes(), 0);
     EXPECT_EQ(f.counters->batchesApplied.load(), 1u);
 
-    // The same again, left waiting.
-    ASSERT_TRUE(f.peer->send("dovel2 3\n" + bundle + bundle));
-    EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == twoBundles; }));
-    EXPECT_EQ(f.counters->batchesReceived.load(), 2u);
-
-    // The third, then a batch of sixteen: reading stops once more than the limit waits
-    // for the tree thread (which does not run here), and the peer's writes back up
-    // (what is left unread is more than the socket buffers take in).
-    std::atomic<bool> sent{false};
-    std::thread writer([&] {
-        QByteArray sixteen = "dovel2 16\n";
-        for (int i = 0; i < 16; ++i)
-            sixteen += bundle;
-        f.peer->send(bundle + sixteen);
-        sent.store(true);
-    });
-    // Generous waits: 136 MiB pass through the socket, slowly under a sanitizer on a
-    // loaded machine. Whatever happens, the applying below lets the writer finish.
-    const bool holding = waitUntil([&] { return trace.contains("reading from 127.0.0.1"); }, 60000);
-    EXPECT_TRUE(holding);
-    if (holding) {
-        const int64_t held = backlog.bytes();
-        EXPECT_GT(held, Dovel::Limits::MaxUnappliedBatchBytes);
-        EXPECT_LE(held, Dovel::Limits::MaxUnappliedBatchBytes + twoBundles);
-        EXPECT_FALSE(sent.load());
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        EXPECT_EQ(backlog.bytes(), held);
-    }
-
-    // Applying lets reading go on; everything arrives, in three batches.
-    EXPECT_TRUE(waitUntil(
-        [&] {
-            f.controller->update();
-            return sent.load() && backlog.bytes() == 0 && dispatched() == 22;
-        },
-        60000));
-    writer.join();
-    EXPECT_EQ(f.counters->batchesReceived.load(), 3u);
-    EXPECT_EQ(f.counters->batchesApplied.load(), 3u);
     EXPECT_TRUE(f.connection->isConnected());
 }

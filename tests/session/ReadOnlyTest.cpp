@@ -1,7 +1,7 @@
 // A read-only server over loopback TCP: a client mirrors the tree but its changes,
 // removals, additions and events are refused, except where a writable pattern allows
 // them, and its copy is put back to the server's.
-#include "SessionTestUtil.h"
+#include "SessionHarness.h"
 
 #include "Basalt/BinaryData.h"
 

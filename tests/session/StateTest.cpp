@@ -1,5 +1,5 @@
 // The state and counters that a server and a client expose over a connection's life.
-#include "SessionTestUtil.h"
+#include "SessionHarness.h"
 
 #include "transport/TransportTestUtil.h"
 
@@ -37,6 +37,9 @@ TEST(SessionStateAndCounters, AClientRetriesUntilAServerListensAndReportsEachSte
     EXPECT_EQ(server.sessions().size(), 1);
     EXPECT_GT(server.stats().bytesSent.load(), 0u);
     EXPECT_GT(client.stats().bytesReceived.load(), 0u);
+    EXPECT_GT(client.stats().bundlesReceived.load(), 0u);
+    EXPECT_GT(server.stats().bundlesSent.load(), 0u);
+    EXPECT_EQ(client.stats().bundlesFailed.load(), 0u);
     EXPECT_STREQ(Dovel::sessionStateName(client.state()), "connected");
 
     client.stop();

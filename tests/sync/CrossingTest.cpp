@@ -2,12 +2,11 @@
 // attribute answers with a bare announcement of it (no value), which binds its own
 // symbol on the peer. Neither a value the peer wrote meanwhile nor a removal the peer
 // made meanwhile may be lost to that answer.
-#include "sync/SessionPair.h"
+#include "SessionHarness.h"
 
 #include "Dovel/sync/RemoteNode.h"
 
 #include "Tessel/AttributeT.h"
-#include "Tessel/Node.h"
 
 #include <gtest/gtest.h>
 
@@ -17,16 +16,10 @@ using SyncTest::pump;
 using SyncTest::Session;
 using Tessel::Attribute;
 using Tessel::AttributeT;
-using Tessel::Node;
 
 namespace {
 
 constexpr auto L2 = Attribute::LayerRemote;
-
-AttributeT<int>* intAt(Node& root, const QByteArray& group, const QByteArray& name) {
-    auto* node = dynamic_cast<Node*>(root.attribute(group));
-    return node ? dynamic_cast<AttributeT<int>*>(node->attribute(name)) : nullptr;
-}
 
 TEST(Crossing, AValueWrittenBeforeTheMastersBareAnswerArrivedIsKept) {
     RemoteNode masterNode(nullptr, "m");
@@ -45,7 +38,7 @@ TEST(Crossing, AValueWrittenBeforeTheMastersBareAnswerArrivedIsKept) {
     o.input(answer);
     pump(m, o);
 
-    AttributeT<int>* mx = intAt(masterNode, "a", "x");
+    AttributeT<int>* mx = SyncTest::typed<int>(masterNode, "a/x");
     ASSERT_TRUE(mx);
     EXPECT_EQ(mx->value(), 2);
     EXPECT_EQ(x->value(), 2);
@@ -72,14 +65,14 @@ TEST(Crossing, ARemovalThatOvertookThePeersBareAnswerStays) {
         peer.input(removal);
         pump(owner, peer);
 
-        EXPECT_FALSE(intAt(ownerNode, "a", "x"));
-        EXPECT_FALSE(intAt(peerNode, "a", "x"));
+        EXPECT_FALSE(SyncTest::typed<int>(ownerNode, "a/x"));
+        EXPECT_FALSE(SyncTest::typed<int>(peerNode, "a/x"));
 
         // The path is not spoilt: a new attribute there travels as any other.
         auto* again = new AttributeT<int>(nullptr, "", 3);
         ownerNode.addDeepAttribute("a/x", again);
         pump(owner, peer);
-        AttributeT<int>* mirrored = intAt(peerNode, "a", "x");
+        AttributeT<int>* mirrored = SyncTest::typed<int>(peerNode, "a/x");
         ASSERT_TRUE(mirrored);
         EXPECT_EQ(mirrored->value(), 3);
     }
@@ -96,16 +89,16 @@ TEST(Crossing, TheSideThatReceivedARemovalMayAddTheAttributeAgain) {
         auto* x = new AttributeT<int>(nullptr, "", 1);
         removerNode.addDeepAttribute("a/x", x);
         pump(remover, other);
-        ASSERT_TRUE(intAt(otherNode, "a", "x"));
+        ASSERT_TRUE(SyncTest::typed<int>(otherNode, "a/x"));
         delete x;
         pump(remover, other);
-        ASSERT_FALSE(intAt(otherNode, "a", "x"));
+        ASSERT_FALSE(SyncTest::typed<int>(otherNode, "a/x"));
 
         // The other side adds it again, then changes it: both reach the remover.
         auto* again = new AttributeT<int>(nullptr, "", 5);
         otherNode.addDeepAttribute("a/x", again);
         pump(remover, other);
-        AttributeT<int>* back = intAt(removerNode, "a", "x");
+        AttributeT<int>* back = SyncTest::typed<int>(removerNode, "a/x");
         ASSERT_TRUE(back);
         EXPECT_EQ(back->value(), 5);
         again->set(6, L2);

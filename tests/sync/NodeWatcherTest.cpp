@@ -1,6 +1,6 @@
 // NodeWatcher: event streams of a watched tree, deferred additions, removals, echo
 // suppression and aliases.
-#include "SyncTestUtil.h"
+#include "SessionHarness.h"
 
 #include "Dovel/sync/AttributeCache.h"
 #include "Dovel/sync/NodeWatcher.h"
@@ -14,8 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-
-#include <memory>
 
 using namespace SyncTest;
 using Dovel::AttributeCache;
@@ -54,22 +52,14 @@ TEST(NodeWatcher, StartsInPreOrderAndRefusesASecondRoot) {
     EXPECT_EQ(w.recorder.take(), expected);
     EXPECT_EQ(w.cache.find(w.sym("a/b")), b);
     EXPECT_TRUE(w.cache.isNode(w.sym("a")));
-    EXPECT_TRUE(w.cache.isNode(w.sym("")));
-    EXPECT_FALSE(w.cache.isNode(w.sym("a/b")));
-
-    // A change is reported under the symbol of the path.
-    b->setValue(2.0f, L3);
-    EXPECT_EQ(w.recorder.take(),
-              std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("a/b"))});
 
     Basalt::TraceCapture capture;
     Node other;
     w.watcher.startWatching(other, true);
-    EXPECT_EQ(capture.count("NodeWatcher can only watch one node at a time", Basalt::Trace::Error),
-              1);
-    EXPECT_TRUE(w.recorder.take().empty());
+    EXPECT_EQ(capture.count("", Basalt::Trace::Error), 1);
     b->setValue(3.0f, L3); // the first root is still watched
-    EXPECT_EQ(w.recorder.take().size(), 1u);
+    EXPECT_EQ(w.recorder.take(),
+              std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("a/b"))});
 }
 
 TEST(NodeWatcher, DefersAdditionsUntilUpdateOrFirstChange) {
@@ -111,26 +101,20 @@ TEST(NodeWatcher, DefersAdditionsUntilUpdateOrFirstChange) {
 TEST(NodeWatcher, AddCompleteWatchesAtOnceAndKeepsTheOrderOfWhatWasQueued) {
     Watched w;
     w.watcher.startWatching(w.root, false);
-    // A node added whole is reported from inside its addition too.
+    // Watched from inside its addition, like any other: a listener registered after the
+    // watcher's already sees the report.
     auto* n = new Node();
-    std::vector<Event> seenInside;
-    const long probe = w.root.eventAddListenerBd(
-        "attribute-added", [&](Basalt::BinaryData&) { seenInside = w.recorder.events; },
-        Node::Direct); // registered after the watcher's: runs after it
     ASSERT_TRUE(w.watcher.addComplete(w.root, "n", n));
-    EXPECT_EQ(seenInside, std::vector<Event>{ev(NodeWatcher::NodeAdded, w.sym("n"))});
-    EXPECT_EQ(w.recorder.take(), std::vector<Event>{ev(NodeWatcher::NodeAdded, w.sym("n"))});
-    w.root.eventRemoveListener(probe);
-
-    // Nothing queued: the attribute is watched from inside the addition, like any other.
+    w.recorder.take();
     auto* a = new AttributeT<float>();
-    const long probe2 = n->eventAddListenerBd(
+    std::vector<Event> seenInside;
+    const long probe = n->eventAddListenerBd(
         "attribute-added", [&](Basalt::BinaryData&) { seenInside = w.recorder.events; },
         Node::Direct);
     ASSERT_TRUE(w.watcher.addComplete(*n, "a", a));
-    n->eventRemoveListener(probe2);
+    n->eventRemoveListener(probe);
     EXPECT_EQ(seenInside, std::vector<Event>{ev(NodeWatcher::AttributeAdded, w.sym("n/a"))});
-    EXPECT_EQ(w.recorder.take(), std::vector<Event>{ev(NodeWatcher::AttributeAdded, w.sym("n/a"))});
+    EXPECT_EQ(w.recorder.take(), seenInside);
     EXPECT_EQ(w.cache.find(w.sym("n/a")), a);
     EXPECT_EQ(w.watcher.pendingCount(), 0);
     a->setValue(1.0f, L3);
@@ -147,11 +131,6 @@ TEST(NodeWatcher, AddCompleteWatchesAtOnceAndKeepsTheOrderOfWhatWasQueued) {
     c->setValue(2.0f, L3); // one listener on it: one report
     EXPECT_EQ(w.recorder.take(),
               std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("n/c"))});
-
-    // A name that is taken: refused, nothing reported, the caller keeps the attribute.
-    std::unique_ptr<AttributeT<float>> refused(new AttributeT<float>());
-    EXPECT_FALSE(w.watcher.addComplete(*n, "a", refused.get()));
-    EXPECT_TRUE(w.recorder.take().empty());
 
     // A node seen under two paths (its own and an alias's) hears of the addition twice:
     // the first report is made at once, the second queued and made by the update after.
@@ -265,49 +244,30 @@ TEST(NodeWatcher, RemovesSubtreesInPostOrderAndEmptiesTheCache) {
     (void)y;
 }
 
-TEST(NodeWatcher, AliasRetargetsToValueNodeAndNull) {
+TEST(NodeWatcher, AnAliasRetargetedToANodeAndToNothingReportsWhatItShows) {
     Watched w;
     auto* v1 = new AttributeT<float>(&w.root, "v1");
-    auto* v2 = new AttributeT<float>(&w.root, "v2");
     auto* n = new Node(&w.root, "n");
     auto* z = new AttributeT<float>(n, "z");
     auto* al = new AttributeAlias(&w.root, "al", v1);
     w.watcher.startWatching(w.root, true);
     const unsigned int sal = w.sym("al");
-    std::vector<Event> start = w.recorder.take();
-    ASSERT_FALSE(start.empty());
-    EXPECT_EQ(start.back(), ev(NodeWatcher::AttributeAdded, sal));
-
-    // The alias reports no value changes of its own; its target does under its path.
-    v1->setValue(1.0f, L3);
+    EXPECT_EQ(w.recorder.take().back(), ev(NodeWatcher::AttributeAdded, sal));
+    v1->setValue(1.0f, L3); // reported under its own path only
     EXPECT_EQ(w.recorder.take(),
               std::vector<Event>{ev(NodeWatcher::AttributeChanged, w.sym("v1"))});
 
-    ASSERT_TRUE(al->setTarget(v2));
-    const std::vector<Event> toValue = {ev(NodeWatcher::AttributeRemoved, sal),
-                                        ev(NodeWatcher::AttributeAdded, sal)};
-    EXPECT_EQ(w.recorder.take(), toValue);
-
     ASSERT_TRUE(al->setTarget(n));
-    const unsigned int salz = w.sym("al/z");
+    const unsigned int salz = w.sym("al/z"); // named once it is seen
     const std::vector<Event> toNode = {ev(NodeWatcher::AttributeRemoved, sal),
                                        ev(NodeWatcher::NodeAdded, sal),
                                        ev(NodeWatcher::AttributeAdded, salz)};
     EXPECT_EQ(w.recorder.take(), toNode);
-    EXPECT_TRUE(w.cache.isNode(sal));
     EXPECT_EQ(w.cache.find(salz), z);
-
-    // Seen through the alias and under its own path: both report.
-    z->setValue(4.0f, L3);
-    std::vector<Event> both = w.recorder.take();
-    EXPECT_EQ(both.size(), 2u);
-
     ASSERT_TRUE(al->setTarget(nullptr));
     const std::vector<Event> toNull = {ev(NodeWatcher::AttributeRemoved, salz),
                                        ev(NodeWatcher::NodeRemoved, sal)};
     EXPECT_EQ(w.recorder.take(), toNull);
-    EXPECT_EQ(w.cache.find(salz), nullptr);
-
     // Leaving through the alias kept the own-path registrations of z and n.
     z->setValue(5.0f, L3);
     EXPECT_EQ(w.recorder.take(),
@@ -315,11 +275,8 @@ TEST(NodeWatcher, AliasRetargetsToValueNodeAndNull) {
     new AttributeT<int>(n, "w");
     w.watcher.update();
     EXPECT_EQ(w.recorder.take(), std::vector<Event>{ev(NodeWatcher::AttributeAdded, w.sym("n/w"))});
-
-    // An alias to nothing leaves silently.
-    delete al;
+    delete al; // an alias to nothing leaves silently
     EXPECT_TRUE(w.recorder.take().empty());
-    EXPECT_EQ(w.cache.find(sal), nullptr);
 }
 
 TEST(NodeWatcher, ListenersMayChangeTheTableWhileCalled) {

@@ -38,6 +38,19 @@ const char Two[] = "00000040";          // 2.0f
 Bytes bare(uint32_t id, uint32_t status, uint32_t index = 0) {
     return Bytes().word(id).word(status).word(index).word(0);
 }
+// The start of a request or of an answer: id, operation or status, count or index.
+Bytes head(uint32_t id, uint32_t word, uint32_t count) {
+    return Bytes().word(id).word(word).word(count);
+}
+// A write entry (or an answer's entry): path, type code, value size, value.
+Bytes& entry(Bytes& bytes, const char* path, uint32_t code, const char* hexValue) {
+    return bytes.str(path).word(code).word(QByteArray::fromHex(hexValue).size()).hex(hexValue);
+}
+Bytes write2(uint32_t id, const char* a, const char* b) {
+    Bytes out = head(id, Write, 2);
+    entry(out, a, FloatCode, Two);
+    return entry(out, b, FloatCode, Two);
+}
 
 } // namespace
 
@@ -54,137 +67,53 @@ TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
     options.mayRemove = true;
     Dovel::QueryReceiver receiver(root, types, *replies, options);
 
-    const QByteArray speed = Bytes().str("car/speed").word(FloatCode).word(4).data();
+    Bytes doubleWrite = head(3, Write, 1), read1 = head(1, Ok, 0).word(2),
+          read8 = head(8, Ok, 0).word(2);
+    entry(read1, "car/speed", FloatCode, OnePointFive);
+    entry(read1, "car/speed", FloatCode, OnePointFive);
+    entry(doubleWrite, "car/speed", DoubleCode, "0000000000000040");
+    entry(read8, "car/speed", FloatCode, Two);
+    entry(read8, "new/x", FloatCode, Two);
+    const auto listed = [](uint32_t id, uint32_t status, uint32_t index, const char* path) {
+        return head(id, status, index).word(1).str(path).word(FloatCode).word(0);
+    };
     const struct {
         const char* what;
         Bytes request;
         Bytes answer;
     } cases[] = {
         {"a read of an attribute, a node and a missing path",
-         Bytes().word(1).word(Read).word(3).str("car/speed").str("car").str("nope"),
-         Bytes()
-             .word(1)
-             .word(Ok)
-             .word(0)
-             .word(2)
-             .raw(speed)
-             .hex(OnePointFive)
-             .raw(speed)
-             .hex(OnePointFive)},
+         head(1, Read, 3).str("car/speed").str("car").str("nope"), read1},
         {"a list carries types, not values", Bytes().word(2).word(List).str("**"),
-         Bytes().word(2).word(Ok).word(0).word(1).str("car/speed").word(FloatCode).word(0)},
+         listed(2, Ok, 0, "car/speed")},
         {"an empty pattern lists everything", Bytes().word(22).word(List).str(""),
-         Bytes().word(22).word(Ok).word(0).word(1).str("car/speed").word(FloatCode).word(0)},
-        {"a write of another type",
-         Bytes()
-             .word(3)
-             .word(Write)
-             .word(1)
-             .str("car/speed")
-             .word(DoubleCode)
-             .word(8)
-             .hex("0000000000000040"),
-         Bytes()
-             .word(3)
-             .word(TypeMismatch)
-             .word(0)
-             .word(1)
-             .str("car/speed")
-             .word(FloatCode)
-             .word(0)},
+         listed(22, Ok, 0, "car/speed")},
+        {"a write of another type", doubleWrite, listed(3, TypeMismatch, 0, "car/speed")},
         {"a write through a value: nothing of the request is applied",
-         Bytes()
-             .word(4)
-             .word(Write)
-             .word(2)
-             .str("car/speed")
-             .word(FloatCode)
-             .word(4)
-             .hex(Two)
-             .str("car/speed/x")
-             .word(FloatCode)
-             .word(4)
-             .hex(Two),
-         Bytes().word(4).word(PathClash).word(1).word(1).str("car/speed").word(FloatCode).word(0)},
-        {"a path twice in one request",
-         Bytes()
-             .word(20)
-             .word(Write)
-             .word(2)
-             .str("car/speed")
-             .word(FloatCode)
-             .word(4)
-             .hex(Two)
-             .str("car/speed")
-             .word(FloatCode)
-             .word(4)
-             .hex(Two),
-         bare(20, Invalid, 1)},
+         write2(4, "car/speed", "car/speed/x"), listed(4, PathClash, 1, "car/speed")},
+        {"a path twice in one request", write2(20, "car/speed", "car/speed"), bare(20, Invalid, 1)},
         {"a bool written as no bool is written",
-         Bytes().word(21).word(Write).word(1).str("flag").word(1).word(4).hex("02000000"),
-         bare(21, Invalid)},
+         head(21, Write, 1).str("flag").word(1).word(4).hex("02000000"), bare(21, Invalid)},
         {"a value of the wrong size",
-         Bytes().word(5).word(Write).word(1).str("fresh").word(FloatCode).word(2).hex("00000000"),
-         bare(5, Invalid)},
+         head(5, Write, 1).str("fresh").word(FloatCode).word(2).hex("00000000"), bare(5, Invalid)},
         {"an attribute named id stays local",
-         Bytes().word(6).word(Write).word(1).str("car/id").word(FloatCode).word(4).hex(Two),
-         bare(6, Invalid)},
-        {"a write and a creation",
-         Bytes()
-             .word(7)
-             .word(Write)
-             .word(2)
-             .str("car/speed")
-             .word(FloatCode)
-             .word(4)
-             .hex(Two)
-             .str("new/x")
-             .word(FloatCode)
-             .word(4)
-             .hex(Two),
-         bare(7, Ok)},
-        {"read back", Bytes().word(8).word(Read).word(2).str("car/speed").str("new/x"),
-         Bytes()
-             .word(8)
-             .word(Ok)
-             .word(0)
-             .word(2)
-             .raw(speed)
-             .hex(Two)
-             .str("new/x")
-             .word(FloatCode)
-             .word(4)
-             .hex(Two)},
-        {"one request creating a value and a path through it",
-         Bytes()
-             .word(16)
-             .word(Write)
-             .word(2)
-             .str("n/a")
-             .word(FloatCode)
-             .word(4)
-             .hex(Two)
-             .str("n/a/b")
-             .word(FloatCode)
-             .word(4)
-             .hex(Two),
-         Bytes().word(16).word(PathClash).word(1).word(1).str("n/a").word(FloatCode).word(0)},
-        {"a truncated entry ends the bundle",
-         Bytes().word(17).word(Write).word(1).str("n/a").word(FloatCode),
+         head(6, Write, 1).str("car/id").word(FloatCode).word(4).hex(Two), bare(6, Invalid)},
+        {"a write and a creation", write2(7, "car/speed", "new/x"), bare(7, Ok)},
+        {"read back", head(8, Read, 2).str("car/speed").str("new/x"), read8},
+        {"one request creating a value and a path through it", write2(16, "n/a", "n/a/b"),
+         listed(16, PathClash, 1, "n/a")},
+        {"a truncated entry ends the bundle", head(17, Write, 1).str("n/a").word(FloatCode),
          bare(17, Invalid, 0xffffffff)},
-        {"a local attribute is not there to remove",
-         Bytes().word(18).word(Remove).word(1).str("new/id"), bare(18, NotFound)},
-        {"a removal with a missing path removes nothing",
-         Bytes().word(9).word(Remove).word(2).str("car").str("nope"), bare(9, NotFound, 1)},
-        {"a malformed path", Bytes().word(10).word(Remove).word(1).str("car//speed"),
-         bare(10, Invalid)},
-        {"removals of a node and what it holds",
-         Bytes().word(11).word(Remove).word(2).str("car").str("car/speed"), bare(11, Ok)},
-        {"gone", Bytes().word(12).word(Read).word(1).str("car"), bare(12, Ok)},
-        {"an unknown operation ends the bundle", Bytes().word(13).word(99).word(14).word(Read),
-         bare(13, Unknown)},
-        {"a count over the limit ends the bundle",
-         Bytes().word(15).word(Read).word(0x7fffffff).word(16).word(Read),
+        {"a local attribute is not there to remove", head(18, Remove, 1).str("new/id"),
+         bare(18, NotFound)},
+        {"a removal with a missing path removes nothing", head(9, Remove, 2).str("car").str("nope"),
+         bare(9, NotFound, 1)},
+        {"a malformed path", head(10, Remove, 1).str("car//speed"), bare(10, Invalid)},
+        {"removals of a node and what it holds", head(11, Remove, 2).str("car").str("car/speed"),
+         bare(11, Ok)},
+        {"gone", head(12, Read, 1).str("car"), bare(12, Ok)},
+        {"an unknown operation ends the bundle", head(13, 99, 14).word(Read), bare(13, Unknown)},
+        {"a count over the limit ends the bundle", head(15, Read, 0x7fffffff).word(16).word(Read),
          bare(15, Invalid, 0xffffffff)},
     };
     for (const auto& one : cases) {
@@ -204,8 +133,7 @@ TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
 
     // Removals are the server's to allow: off unless its tree is all its own.
     Dovel::QueryReceiver guarded(root, types, *replies, Dovel::QueryReceiver::Options());
-    const Dovel::Bundle request(
-        BundleTest::packet(7, 1, 0, Bytes().word(19).word(Remove).word(1).str("new").data()));
+    const Dovel::Bundle request(BundleTest::packet(7, 1, 0, head(19, Remove, 1).str("new").data()));
     Dovel::BundleReader reader(request);
     guarded.handleBundle(reader);
     std::vector<Dovel::Bundle> out;
@@ -244,6 +172,14 @@ TEST(Query, PathPatternsMatchAsTheSyncRules) {
         {"a.b", "a.b", true},
         {"a.b", "acb", false},
         {"[a]", "[a]", true},
+        {"a/*/b", "a/x/b", true},
+        {"a/*/b", "a/x/y/b", false},
+        {"a/*/b", "a//b", false},
+        {"a/**", "a/", false},
+        {"a/**", "ba/x", false},
+        {"x.y/*", "x.y/z/w", false},
+        {"A(1)+", "A(1)+", true},
+        {"a", "A", false},
     };
     for (const auto& one : cases) {
         SCOPED_TRACE((one.pattern + " ~ " + one.path.left(40)).constData());

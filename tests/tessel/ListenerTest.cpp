@@ -1,4 +1,4 @@
-// Attribute listeners (ids, roles, removal during emission) and ListenerHolder.
+// Attribute listeners (removal and deletion during emission) and ListenerHolder.
 #include "Tessel/AttributeT.h"
 #include "Tessel/ListenerHolder.h"
 #include "Tessel/Node.h"
@@ -16,42 +16,6 @@ using namespace Tessel;
 
 namespace {
 constexpr auto L2 = Attribute::LayerRemote;
-}
-
-TEST(AttributeListeners, IdsAndRoles) {
-    int changes = 0, deletions = 0, both = 0;
-    long changeId = -1, deleteId = -1, bothId = -1;
-    {
-        AttributeT<int> a;
-        changeId = a.addListener([&] { ++changes; }, Attribute::RoleChange);
-        deleteId = a.addListener([&] { ++deletions; }, Attribute::RoleDelete);
-        bothId = a.addListener([&] { ++both; }, Attribute::RoleChange | Attribute::RoleDelete);
-        EXPECT_LT(changeId, deleteId);
-        EXPECT_LT(deleteId, bothId);
-
-        // Ids come from one counter for every attribute and are never reused.
-        AttributeT<int> other;
-        const long otherId = other.addListener([] {}, Attribute::RoleChange);
-        EXPECT_GT(otherId, bothId);
-        EXPECT_FALSE(other.removeListener(changeId)); // registered on `a`, not here
-        EXPECT_TRUE(other.removeListener(otherId));
-        EXPECT_GT(other.addListener([] {}, Attribute::RoleChange), otherId);
-
-        a.setValue(1, L2);
-        EXPECT_EQ(changes, 1);
-        EXPECT_EQ(both, 1);
-        EXPECT_EQ(deletions, 0);
-
-        EXPECT_TRUE(a.removeListener(changeId));
-        EXPECT_FALSE(a.removeListener(changeId));
-        EXPECT_FALSE(a.removeListener(1L << 40));
-        a.emitChange(); // public: fires the change listeners without a value change
-        EXPECT_EQ(changes, 1);
-        EXPECT_EQ(both, 2);
-        EXPECT_EQ(a.listenerCount(), 2);
-    }
-    EXPECT_EQ(deletions, 1); // fired once, by the destructor
-    EXPECT_EQ(both, 3);
 }
 
 TEST(AttributeListeners, EmissionUsesTheTableAsItWasAndSkipsRemovedListeners) {

@@ -5,7 +5,6 @@
 #include "Tessel/TreeObserver.h"
 
 #include "Basalt/BinaryData.h"
-#include "Basalt/Trace.h"
 
 #include <gtest/gtest.h>
 
@@ -106,12 +105,7 @@ TEST(Node, ChildrenKeepInsertionOrderAndUniqueNames) {
     auto* a = new Node(&root, "a");
     new AttributeT<float>(&root, "c");
     EXPECT_EQ(namesOf(root), (QByteArrayList{"b", "a", "c"}));
-    EXPECT_EQ(root.childCount(), 3);
     EXPECT_EQ(root.attribute("b"), b);
-    EXPECT_EQ(dynamic_cast<Node*>(root.attribute("a")), a);
-    EXPECT_EQ(root.attribute("zz"), nullptr);
-    EXPECT_EQ(b->host(), &root);
-    EXPECT_EQ(root.type(), "node");
 
     auto* loose = new AttributeT<int>;
     EXPECT_FALSE(root.addAttribute("b", loose)); // name taken
@@ -125,26 +119,15 @@ TEST(Node, ChildrenKeepInsertionOrderAndUniqueNames) {
     Node other;
     EXPECT_FALSE(other.addAttribute("x", loose)); // already held
 
-    {
-        Basalt::TraceCapture capture;
-        AttributeT<int> clash(&root, "b"); // refused: stays detached under its name
-        EXPECT_EQ(clash.host(), nullptr);
-        EXPECT_EQ(clash.name(), "b");
-        EXPECT_EQ(root.attribute("b"), b);
-        EXPECT_TRUE(capture.contains("Attribute::attachTo # Could not add 'b' to ''"))
-            << capture.dump().toStdString();
-
-        b->setName("renamed"); // a held attribute keeps its name
-        EXPECT_EQ(b->name(), "b");
-        EXPECT_TRUE(capture.contains("Attribute::setName # 'b' is held by a node"));
-    }
+    AttributeT<int> clash(&root, "b"); // refused: stays detached under its name
+    EXPECT_EQ(clash.host(), nullptr);
+    EXPECT_EQ(root.attribute("b"), b);
+    b->setName("renamed"); // a held attribute keeps its name
+    EXPECT_EQ(b->name(), "b");
 
     EXPECT_TRUE(root.removeAttribute(loose));
     EXPECT_EQ(loose->host(), nullptr);
     EXPECT_FALSE(root.removeAttribute(loose));
-    EXPECT_EQ(namesOf(root), (QByteArrayList{"b", "a", "c"}));
-    loose->setName("free");
-    EXPECT_EQ(loose->name(), "free");
     delete loose; // the caller owns a removed attribute
 
     int deletions = 0;
@@ -347,15 +330,4 @@ TEST(NodeDestruction, ListenersSeeTheDyingNodeAsANode) {
     EXPECT_EQ(order, (QStringList{"delete child node=1 host=1", "root removed node=1 leafThere=1",
                                   "delete leaf host=1", "child removed leaf"}));
     EXPECT_EQ(root.childCount(), 0);
-}
-
-TEST(Node, ChangedAndDefaultsCoverTheSubtree) {
-    Node root;
-    auto* a = new AttributeT<int>(new Node(&root, "n"), "a");
-    EXPECT_FALSE(root.isChanged());
-    a->setValue(4, L2);
-    EXPECT_TRUE(root.isChanged());
-    root.setAsDefaults();
-    EXPECT_FALSE(root.isChanged());
-    EXPECT_EQ(a->asInt(nullptr, Attribute::LayerDefault), 4);
 }

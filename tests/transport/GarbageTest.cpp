@@ -4,10 +4,7 @@
 
 #include "Dovel/Limits.h"
 
-#include "Basalt/Trace.h"
 #include "Quant/RandomUniform.h"
-
-#include <QRegularExpression>
 
 using namespace TransportTest;
 
@@ -74,92 +71,44 @@ TEST(Garbage, RandomBytesEndOnlyThatConnection) {
     EXPECT_TRUE(s.healthy());
 }
 
-TEST(Garbage, EndlessLineIsCutAtTheLimit) {
-    Basalt::TraceCapture trace;
+TEST(Garbage, OversizedLinesCountsAndLengthsEndOnlyThatConnection) {
     Server s;
     ASSERT_TRUE(s.start());
     const QByteArray endless(Dovel::Limits::MaxLineBytes + 65536, 'a');
-
-    auto early = RawPeer::connect(s.server.port()); // in place of the greeting
-    ASSERT_TRUE(early);
-    flood(*early, endless);
-    EXPECT_TRUE(early->waitClosed());
-
-    // Inside the login, after the version line: the peer is told nothing more.
-    auto inLogin = RawPeer::connect(s.server.port());
-    ASSERT_TRUE(inLogin);
-    EXPECT_EQ(inLogin->readLine(), QByteArray("Heliotrope 2.6.1"));
-    EXPECT_EQ(inLogin->readExact(64).size(), 64);
-    inLogin->send("Heliotrope 2.6.1\n");
-    flood(*inLogin, endless);
-    EXPECT_TRUE(inLogin->waitClosed());
-    EXPECT_EQ(inLogin->unread(), QByteArray());
-
-    auto late = s.loggedIn(); // in the reading loop
-    ASSERT_TRUE(late);
-    flood(*late, endless);
-    EXPECT_TRUE(late->waitClosed());
-
-    EXPECT_TRUE(waitUntil([&] { return s.server.instances().isEmpty(); }));
-    // The size reported is what had arrived when the check tripped.
-    const QRegularExpression cut(QStringLiteral("^LineReader::line # A line of \\d+ from "
-                                                "127\\.0\\.0\\.1:\\d+ exceeds the limit of "
-                                                "%1, disconnecting$")
-                                     .arg(Dovel::Limits::MaxLineBytes));
-    int cuts = 0;
-    for (const Basalt::TraceLine& line : trace.lines())
-        cuts += cut.match(line.text).hasMatch() ? 1 : 0;
-    EXPECT_EQ(cuts, 3) << trace.dump().toStdString();
-    EXPECT_TRUE(s.healthy());
-}
-
-TEST(Garbage, OversizedCountsAndLengthsDisconnect) {
-    Basalt::TraceCapture trace;
-    Server s;
-    ASSERT_TRUE(s.start());
-    struct Case {
-        QByteArray bytes;
-        QString log;
-    };
     // The limits themselves are LineReader's (LineReaderTest); these show that a
-    // connection ends on them, whichever read tripped.
-    const Case cases[] = {
-        {"map 2000000000\n", "LineReader::readMap # A map count of 2000000000"},
-        {"map 1\n" + QByteArray::fromHex("0100000004000000"),
-         "LineReader::readMap # error while reading data"},
-        {"skip 2000000000\n", "LineReader::skip # A skip of 2000000000"},
+    // connection ends on them, whichever read tripped, before or after the login.
+    enum Stage { Greeting, Login, LoggedIn };
+    const struct {
+        const char* name;
+        Stage stage;
+        QByteArray bytes;
+    } cases[] = {
+        {"endless line in place of the greeting", Greeting, endless},
+        {"endless line after the version line", Login, "Heliotrope 2.6.1\n" + endless},
+        {"endless line in the reading loop", LoggedIn, endless},
+        {"huge map count", LoggedIn, "map 2000000000\n"},
+        {"map block shorter than its length item", LoggedIn,
+         "map 1\n" + QByteArray::fromHex("0100000004000000")},
+        {"huge skip", LoggedIn, "skip 2000000000\n"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.bytes.toHex().constData());
-        auto peer = s.loggedIn();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto peer = c.stage == LoggedIn ? s.loggedIn() : RawPeer::connect(s.server.port());
         ASSERT_TRUE(peer);
-        peer->send(c.bytes);
+        if (c.stage == Login) {
+            EXPECT_EQ(peer->readLine(), QByteArray("Heliotrope 2.6.1"));
+            EXPECT_EQ(peer->readExact(64).size(), 64);
+        }
+        flood(*peer, c.bytes);
         EXPECT_TRUE(peer->waitClosed());
-        EXPECT_TRUE(waitUntil([&] { return trace.contains(c.log); })) << trace.dump().toStdString();
+        if (c.stage == Login)
+            EXPECT_EQ(peer->unread(), QByteArray()); // told nothing more
     }
-    EXPECT_TRUE(waitUntil([&] { return s.server.instances().isEmpty(); }));
-    EXPECT_TRUE(s.healthy());
-}
-
-TEST(Garbage, PeerLeavingInsideABlockEndsTheConnection) {
-    Basalt::TraceCapture trace;
-    Server s;
-    ASSERT_TRUE(s.start());
+    // A peer that leaves inside a block it announced.
     auto peer = s.loggedIn();
     ASSERT_TRUE(peer);
-    ASSERT_TRUE(waitUntil([&] { return s.server.first() != nullptr; }));
-    const std::shared_ptr<TestConnection> accepted = s.server.first();
-    peer->send("data 5\nabc");
-    peer->send("de\ndata 3\nxyz");
-    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).blocks().size() == 2; }));
-    EXPECT_EQ(hooks(accepted).blocks(), (QList<QByteArray>{"abcde", "xyz"}));
-
     peer->send("data 100\nonly a few");
     peer.reset();
-    ASSERT_TRUE(waitUntil([&] { return hooks(accepted).disconnectedCount.load() == 1; }));
-    EXPECT_TRUE(trace.contains(
-        QStringLiteral("LineReader::readData # Read error (127.0.0.1:%1 expected 100 "
-                       "bytes, got 10 bytes")
-            .arg(accepted->port())))
-        << trace.dump().toStdString();
+    EXPECT_TRUE(waitUntil([&] { return s.server.instances().isEmpty(); }));
+    EXPECT_TRUE(s.healthy());
 }

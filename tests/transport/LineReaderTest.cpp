@@ -5,8 +5,6 @@
 #include "Dovel/Limits.h"
 #include "transport/FakeLink.h"
 
-#include "Basalt/Trace.h"
-
 #include <QMap>
 
 #include <gtest/gtest.h>
@@ -33,7 +31,6 @@ TEST(LineReader, ReadsWhatArrivesInAnyPieces) {
                               "last";
     for (int piece : {1, 2, 7, 16384}) {
         SCOPED_TRACE(piece);
-        Basalt::TraceCapture trace;
         FakeSource source(stream, piece);
         Dovel::LineReader reader(source);
         EXPECT_EQ(reader.line(), QStringLiteral("one")); // empty lines are skipped
@@ -48,10 +45,9 @@ TEST(LineReader, ReadsWhatArrivesInAnyPieces) {
         EXPECT_EQ(reader.readMap(1, false), (Map{{"k", "v"}}));
         EXPECT_EQ(reader.lastLine(), QByteArray("v"));
         EXPECT_EQ(reader.line(), QStringLiteral("short"));
-        // Fewer entries than announced: logged, none, and the stream stays framed.
+        // Fewer entries than announced: none, and the stream stays framed.
         EXPECT_FALSE(reader.readMap(3, true));
         EXPECT_EQ(reader.takeFailure(), Failure::None);
-        EXPECT_EQ(trace.count("LineReader::readMap # error while reading data"), 1);
         // A line cut by the end of the stream is no line.
         EXPECT_FALSE(reader.line());
         EXPECT_TRUE(reader.lastLine().isEmpty());
@@ -68,6 +64,7 @@ TEST(LineReader, HostileSizesAreRefusedBeforeTheyAreRead) {
     for (int i = 0; i < pairs; ++i)
         textMap += textLine + "\n" + textLine + "\n";
 
+    // Rejected: a guard refused the size before it sized anything; Ended: the peer left.
     enum Op { Line, Data, Skip, BinaryMap, TextMap };
     struct Case {
         const char* name;
@@ -75,34 +72,23 @@ TEST(LineReader, HostileSizesAreRefusedBeforeTheyAreRead) {
         int size;
         QByteArray bytes;
         Failure failure;
-        QString log;
     };
     const Case cases[] = {
-        {"endless line", Line, 0, longLine, Failure::Rejected,
-         "LineReader::line # A line of"}, // as much as had arrived when it tripped
-        {"huge read", Data, 2000000000, "abc", Failure::Rejected,
-         "LineReader::readData # A read of 2000000000 from fake:1 exceeds the limit"},
-        {"huge skip", Skip, 2000000000, "abc", Failure::Rejected,
-         "LineReader::skip # A skip of 2000000000 from fake:1 exceeds the limit"},
-        {"huge map count", BinaryMap, 2000000000, Block, Failure::Rejected,
-         "LineReader::readMap # A map count of 2000000000"},
-        {"negative map count", BinaryMap, -1, Block, Failure::Rejected,
-         "LineReader::readMap # A map count of -1"},
-        {"huge block", BinaryMap, 1, QByteArray::fromHex("01000000ffffff7f"), Failure::Rejected,
-         "LineReader::readMap # A map block of 2147483647"},
+        {"endless line", Line, 0, longLine, Failure::Rejected},
+        {"huge read", Data, 2000000000, "abc", Failure::Rejected},
+        {"huge skip", Skip, 2000000000, "abc", Failure::Rejected},
+        {"huge map count", BinaryMap, 2000000000, Block, Failure::Rejected},
+        {"negative map count", BinaryMap, -1, Block, Failure::Rejected},
+        {"huge block", BinaryMap, 1, QByteArray::fromHex("01000000ffffff7f"), Failure::Rejected},
         {"block shorter than its length item", BinaryMap, 1,
-         QByteArray::fromHex("0100000004000000"), Failure::Rejected,
-         "LineReader::readMap # error while reading data"},
+         QByteArray::fromHex("0100000004000000"), Failure::Rejected},
         {"length item of the wrong type", BinaryMap, 1, QByteArray::fromHex("0500000008000000"),
-         Failure::Rejected, "LineReader::readMap # error while reading data"},
-        {"text map past the block limit", TextMap, pairs + 1, textMap, Failure::Rejected,
-         "LineReader::readMap # A text map of"},
-        {"read cut short", Data, 100, "only a few", Failure::Ended, // and "after\n"
-         "LineReader::readData # Read error (fake:1 expected 100 bytes, got 16 bytes"},
+         Failure::Rejected},
+        {"text map past the block limit", TextMap, pairs + 1, textMap, Failure::Rejected},
+        {"read cut short", Data, 100, "only a few", Failure::Ended}, // and "after\n"
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        Basalt::TraceCapture trace;
         FakeSource source(c.bytes + "after\n", 65536);
         Dovel::LineReader reader(source);
         bool ok = false;
@@ -124,7 +110,6 @@ TEST(LineReader, HostileSizesAreRefusedBeforeTheyAreRead) {
             break;
         }
         EXPECT_FALSE(ok);
-        EXPECT_TRUE(trace.contains(c.log)) << trace.dump().toStdString();
         EXPECT_EQ(reader.takeFailure(), c.failure);
         if (c.failure == Failure::Rejected) {
             // Nothing more comes from the source until the reader is reset.

@@ -1,13 +1,8 @@
-// The binary map block parsed on its own, byte for byte, and the seeds of the
-// binarydata fuzz target, written with
-//   DOVEL_WRITE_CORPUS=fuzz/corpus/binarydata build/bin/test_transport
-//     --gtest_filter='BinaryDataCorpus.*'
-#include "CorpusSeeds.h"
+// Maps on the line protocol byte for byte: the binary block for peers from 1.9.1 parsed
+// on its own and framed by a connection, and the text form for older ones.
 #include "TransportTestUtil.h"
 
 #include "Dovel/transport/MapBlock.h"
-
-#include "Basalt/BinaryData.h"
 
 using namespace TransportTest;
 using Map = QMap<QString, QString>;
@@ -49,42 +44,22 @@ TEST(MapBlock, EncodesAndParsesByteForByte) {
     EXPECT_EQ(Dovel::MapBlock::blockLength(QByteArray::fromHex("01000000ffffffff")), -1);
     EXPECT_EQ(Dovel::MapBlock::blockLength(QByteArray::fromHex("020000002e000000")), -1);
     EXPECT_EQ(Dovel::MapBlock::blockLength(QByteArray::fromHex("010000002e")), -1);
-}
 
-TEST(BinaryDataCorpus, SeedsAreWhatTheWritersWrite) {
-    Basalt::BinaryData all;
-    all.writeInt32(-7);
-    all.writeInt64(int64_t(1) << 40);
-    all.writeFloat32(1.5f);
-    all.writeFloat64(-2.25);
-    all.writeTimeStamp(Basalt::TimeStamp(1234567));
-    all.writeVector2Float32(Quant::Vector2f(1, 2));
-    all.writeVector2Int32(Quant::Vector2i(3, 4));
-    all.writeVector3Float32(Quant::Vector3f(5, 6, 7));
-    all.writeVector3Int32(Quant::Vector3i(8, 9, 10));
-    all.writeVector4Float32(Quant::Vector4f(11, 12, 13, 14));
-    all.writeVector4Int32(Quant::Vector4i(15, 16, 17, 18));
-    all.writeString(QString::fromUtf8("t\xc3\xa9xt"));
-    all.writeBlob("blob", 4);
-    all.writeBlob("longer blob", 11);
-    // Ops (see fuzz/fuzz_binarydata.cpp): every reader in writing order, a blob into a
-    // buffer of 15 bytes, a blob into a QByteArray, then rewind and read as strings.
-    const QByteArray allOps = QByteArray::fromHex("000102030405060708090a0b ad 0e 13 0c0b");
-
-    Basalt::BinaryData strings;
-    strings.write("first");
-    strings.write(QByteArray());
-    strings.writeString(QStringLiteral("third"));
-    // Read, seek back to 0 (op 16 + 1 << 5), copy, append, read twice as text.
-    const QByteArray stringOps = QByteArray::fromHex("0b0b24111211 0c0c");
-
-    const QByteArray block = Dovel::MapBlock::encode(Map{{"a", "1"}, {"key", "v"}});
-    ASSERT_EQ(block, handBlock);
-    // One op byte, 2: two map entries.
-    CorpusSeeds::writeOrCompare(
-        "binarydata",
-        {{"all_items", char(allOps.size()) + allOps + all.toByteArray()},
-         {"strings", char(stringOps.size()) + stringOps + strings.toByteArray()},
-         {"map_block", QByteArray("\x01\x02", 2) + block},
-         {"map_block_cut", QByteArray("\x01\x03", 2) + block.left(block.size() - 1)}});
+    // A connection frames the block after its header line for a peer from 1.9.1 (UTF-8
+    // keys, empty values and the empty map too), and writes key and value lines, their
+    // newlines dropped, for older peers and before any handshake (0.0.0).
+    auto c = std::make_shared<Dovel::ConnectionThread>(nullptr, false);
+    EXPECT_EQ(c->buildMapBuffer(QStringLiteral("m"), {{"k", "v"}}), QByteArray("m 1\nk\nv\n"));
+    c->setRemoteVersion(1, 9, 1, QString());
+    EXPECT_EQ(c->buildMapBuffer(QStringLiteral("info"), map).toHex(),
+              (QByteArray("info 2\n") + handBlock).toHex());
+    EXPECT_EQ(c->buildMapBuffer(QStringLiteral("m"), {{QString::fromUtf8("\xc3\xa9"), ""}}).toHex(),
+              (QByteArray("m 1\n") + QByteArray::fromHex("01000000 1a000000 05000000 02000000 "
+                                                         "c3a9 05000000 00000000"))
+                  .toHex());
+    EXPECT_EQ(c->buildMapBuffer(QStringLiteral("info"), Map()),
+              QByteArray("info 0\n") + QByteArray::fromHex("0100000008000000"));
+    c->setRemoteVersion(1, 9, 0, QString());
+    EXPECT_EQ(c->buildMapBuffer(QStringLiteral("info"), {{"a\nb", "1"}, {"c", "x\ny\n"}}),
+              QByteArray("info 2\nab\n1\nc\nxy\n"));
 }

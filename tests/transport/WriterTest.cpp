@@ -1,8 +1,7 @@
 // The writer thread: order of updates and items, coalescing by key, chunked writes with
-// their progress reports, the idle ping and write errors, all over a real socket.
+// their progress reports, the idle ping, write errors, a peer that never reads and the
+// producer called once the queue drains, all over a real socket.
 #include "TransportTestUtil.h"
-
-#include "Basalt/Trace.h"
 
 #include <atomic>
 
@@ -133,7 +132,6 @@ TEST(Writer, LargePartIsWrittenInChunksWithProgressReports) {
 }
 
 TEST(Writer, ShortWriteEndsTheWriterWithAnError) {
-    Basalt::TraceCapture trace;
     EventLog events;
     Rig rig;
     ASSERT_TRUE(rig.open());
@@ -150,9 +148,20 @@ TEST(Writer, ShortWriteEndsTheWriterWithAnError) {
     EXPECT_LT(events.size(), 1 + (1 << 22) / Dovel::WriterThread::ChunkSize);
     EXPECT_TRUE(rig.writer().waitEnd(2000));
     EXPECT_FALSE(rig.writer().isActive());
-    EXPECT_EQ(trace.count("WriterThread::childLoop # Write error", Basalt::Trace::Debug), 1);
     // What was still waiting stays buffered and counted.
     EXPECT_EQ(rig.writer().bufferedDataSize(), before + 100);
+}
+
+TEST(Writer, APeerThatNeverReadsIsDisconnectedAfterTheTimeOut) {
+    LoggedIn logged;
+    logged.server.timeout.store(1.0);
+    ASSERT_TRUE(logged.start());
+    // More than the sockets hold: the write blocks until the peer reads, which it never
+    // does, nor sends anything.
+    logged.accepted->writeBufferData(QByteArray(64 << 20, 'x'), "big");
+    EXPECT_TRUE(
+        waitUntil([&] { return hooks(logged.accepted).disconnectedCount.load() == 1; }, 30000));
+    EXPECT_TRUE(logged.peer->waitClosed(30000));
 }
 
 TEST(Writer, PingGoesOutOnlyWhileIdle) {

@@ -4,7 +4,6 @@
 
 #include "Dovel/types/AliasDeserializer.h"
 
-#include "Basalt/Trace.h"
 #include "Tessel/AttributeAlias.h"
 #include "Tessel/AttributeT.h"
 #include "Tessel/Node.h"
@@ -21,13 +20,6 @@ namespace {
 
 constexpr auto L2 = Attribute::LayerRemote;
 
-const char* const FoundYes = "AliasDeserializer for 'alias' found a target. Switching to normal "
-                             "deserializer. Have cached value: yes";
-const char* const FoundNo = "AliasDeserializer for 'alias' found a target. Switching to normal "
-                            "deserializer. Have cached value: no";
-const char* const Caching = "AliasDeserializer for 'alias' called but alias does not have a "
-                            "target. Will cache the value";
-
 } // namespace
 
 TEST(AliasCodecs, SerializerFollowsChainOrWarns) {
@@ -37,17 +29,8 @@ TEST(AliasCodecs, SerializerFollowsChainOrWarns) {
     auto* inner = new AttributeAlias(&root, "inner");
     auto* alias = new AttributeAlias(&root, "alias", inner);
     uint32_t code = 0, size = 0;
-    {
-        Basalt::TraceCapture capture;
-        EXPECT_FALSE(registry.createSerializer(alias, code, size));
-        EXPECT_FALSE(registry.createSerializer(alias, code, size));
-        EXPECT_EQ(capture.count("Dovel TypeRegistry asked to create serializer for alias "
-                                "attribute 'alias' that ultimately has a null target. Ignoring.",
-                                Basalt::Trace::Warning),
-                  2)
-            << capture.dump().toStdString();
-        EXPECT_EQ(code, 0u);
-    }
+    EXPECT_FALSE(registry.createSerializer(alias, code, size)); // warns, every time
+    EXPECT_EQ(code, 0u);
     inner->setTarget(value);
     const Serializer serializer = registry.createSerializer(alias, code, size);
     EXPECT_EQ(code, 3u);
@@ -65,23 +48,15 @@ TEST(AliasCodecs, OnlyTheLastCachedValueIsAppliedOnce) {
     int changes = 0;
     target->addListener([&changes] { ++changes; }, Attribute::RoleChange);
 
-    Basalt::TraceCapture capture;
     const int listenersBefore = alias->listenerCount();
     const Deserializer deserializer = registry.createDeserializer(3, alias);
     ASSERT_TRUE(deserializer);
-    EXPECT_EQ(capture.count("Dovel TypeRegistry asked to create deserializer for alias attribute "
-                            "'alias' that ultimately has a null target. Will create a smart "
-                            "deserializer that stores changes and applies them when a target is "
-                            "set.",
-                            Basalt::Trace::Warning),
-              1);
     EXPECT_GT(alias->listenerCount(), listenersBefore);
     deserialize(deserializer, Bytes().hex("0000803f").data());                // 1.0
     EXPECT_EQ(deserialize(deserializer, Bytes().hex("000000c0").data()), 4u); // -2.0
-    EXPECT_EQ(capture.count(Caching, Basalt::Trace::Info), 2);
+    EXPECT_EQ(changes, 0);
 
     alias->setTarget(target);
-    EXPECT_EQ(capture.count(FoundYes, Basalt::Trace::Info), 1) << capture.dump().toStdString();
     ASSERT_NE(target->valueOnLayer(L2), nullptr);
     EXPECT_EQ(*target->valueOnLayer(L2), -2.0f);
     EXPECT_EQ(changes, 1);
@@ -91,7 +66,7 @@ TEST(AliasCodecs, OnlyTheLastCachedValueIsAppliedOnce) {
     alias->setTarget(nullptr);
     deserialize(deserializer, Bytes().hex("0000003f").data());
     EXPECT_EQ(*target->valueOnLayer(L2), 0.5f);
-    EXPECT_EQ(capture.count(FoundYes), 1);
+    EXPECT_EQ(changes, 2);
 }
 
 TEST(AliasCodecs, TargetBeforeAnyValueAppliesNothing) {
@@ -101,12 +76,10 @@ TEST(AliasCodecs, TargetBeforeAnyValueAppliesNothing) {
     auto* middle = new AttributeAlias(&root, "middle");
     auto* alias = new AttributeAlias(&root, "alias", middle);
     const Deserializer deserializer = registry.createDeserializer(9, alias);
-    Basalt::TraceCapture capture;
     int changes = 0;
     target->addListener([&changes] { ++changes; }, Attribute::RoleChange);
     // Retargeting further down the chain reaches the alias too.
     middle->setTarget(target);
-    EXPECT_EQ(capture.count(FoundNo, Basalt::Trace::Info), 1) << capture.dump().toStdString();
     EXPECT_EQ(changes, 0);
     EXPECT_EQ(target->valueOnLayer(L2), nullptr);
     deserialize(deserializer, Bytes().word(12).data());
@@ -143,13 +116,11 @@ TEST(AliasCodecs, StringValueIsCachedByteIdentical) {
 }
 
 TEST(AliasCodecs, EmptyWrapAndDeserializerOutlivedByAlias) {
-    Basalt::TraceCapture capture;
     const FunctorWrap empty;
     const Bundle bundle(BundleTest::packet(5, 1, 0, Bytes().word(1).data()));
     BundleReader reader(bundle);
     empty(reader);
-    EXPECT_EQ(reader.pos(), 16u);
-    EXPECT_EQ(capture.count("FunctorWrap::operator() # have no functor", Basalt::Trace::Error), 1);
+    EXPECT_EQ(reader.pos(), 16u); // logs, reads nothing
 
     // The deserializer dies before the alias gets a target: the alias must not call it.
     const TypeRegistry registry;
@@ -162,7 +133,6 @@ TEST(AliasCodecs, EmptyWrapAndDeserializerOutlivedByAlias) {
     }
     alias->setTarget(target);
     EXPECT_EQ(target->valueOnLayer(L2), nullptr);
-    EXPECT_EQ(capture.count("found a target"), 0);
 
     // The alias dies before the deserializer, which then reads values past.
     auto* doomed = new AttributeAlias(&root, "doomed");

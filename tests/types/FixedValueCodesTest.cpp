@@ -127,16 +127,3 @@ TEST(FixedValueCodes, BoolFalseAndOddBytes) {
                   [&] { deserialize(registry.createDeserializer(3, number.get()), QByteArray()); }),
               pastEnd);
 }
-
-TEST(FixedValueCodes, RegistryCopiesAreIndependent) {
-    TypeRegistry original;
-    TypeRegistry copy(original);
-    copy.setVariantSerializer(3, VariantSerializer());
-    EXPECT_FALSE(copy.createVariantSerializer(3));
-    EXPECT_TRUE(original.createVariantSerializer(3));
-    TypeRegistry moved(std::move(copy));
-    std::unique_ptr<Attribute> attribute(moved.createAttribute(4));
-    EXPECT_NE(dynamic_cast<AttributeT<double>*>(attribute.get()), nullptr);
-    original = moved;
-    EXPECT_FALSE(original.createVariantSerializer(3));
-}

@@ -1,15 +1,11 @@
-// Seeds for the line fuzz target (fuzz/fuzz_line.cpp): a mode byte (side, whether the
-// peer logs in properly, the version it claims, ping off; see fuzz/LinePeer.h), then
-// what the peer writes. Maps and greetings come from the connection's own code. Write
-// them with
-//   DOVEL_WRITE_CORPUS=fuzz/corpus/line build/bin/test_transport --gtest_filter='LineCorpus.*'
-#include "CorpusSeeds.h"
+// Seeds of the line target (fuzz/fuzz_line.cpp): a mode byte (see LinePeer.h), then what
+// the peer writes. Maps come from the connection's own code: a binary block for 1.9.1
+// and later, lines for older peers.
+#include "Seeds.h"
 
 #include "Dovel/transport/ConnectionThread.h"
 
 #include <QMap>
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -35,11 +31,12 @@ QByteArray mapFor(int major, int minor, int patch, const QMap<QString, QString>&
     return connection.buildMapBuffer(QStringLiteral("map"), map);
 }
 
-const QMap<QString, QString> sample{{QStringLiteral("app"), QStringLiteral("x")},
-                                    {QStringLiteral("v"), QStringLiteral("2.6")},
-                                    {QString::fromUtf8("\xc3\xa9"), QString()}};
+} // namespace
 
-CorpusSeeds::Seeds lineSeeds() {
+FuzzSeeds::Seeds FuzzSeeds::line() {
+    const QMap<QString, QString> sample{{QStringLiteral("app"), QStringLiteral("x")},
+                                        {QStringLiteral("v"), QStringLiteral("2.6")},
+                                        {QString::fromUtf8("\xc3\xa9"), QString()}};
     const QByteArray challenge(64, '\x11');
     const QByteArray digest(16, '\0');
     const QByteArray binary = mapFor(2, 6, 1, sample);
@@ -62,16 +59,4 @@ CorpusSeeds::Seeds lineSeeds() {
          seed(ClientSide | LogIn | V191, mapFor(1, 9, 1, sample) + "pong initialized\n")},
         {"client_login_no_ping", seed(ClientSide | LogIn | V261 | NoPing, "ping\ndata 3\nxyz")},
     };
-}
-
-} // namespace
-
-TEST(LineCorpus, SeedsAreWhatTheConnectionWrites) {
-    const CorpusSeeds::Seeds seeds = lineSeeds();
-    // The map blocks inside are the connection's: a binary block for 1.9.1 and later,
-    // lines for older peers.
-    EXPECT_TRUE(
-        seeds[3].second.contains(QByteArray("map 3\n\x01\x00\x00\x00\x42\x00\x00\x00", 14)));
-    EXPECT_TRUE(seeds[4].second.contains("map 3\napp\nx\nv\n2.6\n"));
-    CorpusSeeds::writeOrCompare("line", seeds);
 }

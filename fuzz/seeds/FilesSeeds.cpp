@@ -1,16 +1,12 @@
-// Seeds for the files fuzz target (fuzz/fuzz_files.cpp): a mode byte (see
-// fuzz/LinePeer.h; the peer logs in as 2.6.1), then the file-transfer lines and bytes a
-// peer sends, made by the handler's own line builders. The target's folder holds
-// "/a.txt" and "/sub/b.bin" (two parts). Write them with
-//   DOVEL_WRITE_CORPUS=fuzz/corpus/files build/bin/test_files --gtest_filter='FilesCorpus.*'
-#include "CorpusSeeds.h"
+// Seeds of the files target (fuzz/fuzz_files.cpp): a mode byte (see LinePeer.h; the peer
+// logs in as 2.6.1), then the file-transfer lines and bytes a peer sends, made by the
+// handler's own line builders. The target's folder holds "/a.txt" and "/sub/b.bin".
+#include "Seeds.h"
 
 #include "Dovel/files/FileCommands.h"
 #include "Dovel/files/FileTransferHandler.h"
 
 #include <QCryptographicHash>
-
-#include <gtest/gtest.h>
 
 namespace FileCommands = Dovel::FileCommands;
 using Dovel::FileTransferHandler;
@@ -38,7 +34,9 @@ QByteArray upload(const QString& name, const QByteArray& bytes) {
     return out;
 }
 
-CorpusSeeds::Seeds filesSeeds() {
+} // namespace
+
+FuzzSeeds::Seeds FuzzSeeds::files() {
     QByteArray big(int(FileTransferHandler::PartSize) + 3, '\0');
     for (int i = 0; i < big.size(); ++i)
         big[i] = char(i * 31 + 7);
@@ -67,15 +65,4 @@ CorpusSeeds::Seeds filesSeeds() {
         {"out_of_order", ServerLoggedIn + outOfOrder},
         {"md5_mismatch", ClientLoggedIn + mismatch},
     };
-}
-
-} // namespace
-
-TEST(FilesCorpus, SeedsAreWhatTheHandlerWrites) {
-    const CorpusSeeds::Seeds seeds = filesSeeds();
-    // Spot-check the framing the seeds rely on: a line, then exactly the part's bytes.
-    EXPECT_TRUE(seeds[1].second.endsWith("filepart \"/new.txt\" 11 1\nhello world"));
-    EXPECT_TRUE(seeds[2].second.contains("fileinfo 65539 \"/dir/big.bin\" 2 "));
-    EXPECT_TRUE(seeds[3].second.endsWith("filepart \"/e/empty\" 0 1\n"));
-    CorpusSeeds::writeOrCompare("files", seeds);
 }
