@@ -590,7 +590,7 @@ TEST(FileProtocol, APullAnswersWhileItsFolderIsListedAndComparesOnceBothListsAre
     ASSERT_TRUE(waitUntil([&] { return held.hasEntered(); }));
 
     RawListener listener;
-    auto pull = Dovel::FolderPullConnection::create(asset, false);
+    auto pull = Dovel::FolderPull::create(asset, false);
     pull->start("127.0.0.1", listener.port(), generation);
     auto server = listener.accept();
     ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));
