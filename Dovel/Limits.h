@@ -149,7 +149,7 @@ constexpr int64_t UploadEntryBytes = 64;
 constexpr int64_t MaxUnreadReplyBytes = int64_t(256) << 20;
 // Most entries a serving peer may announce in its whole file list, over all its
 // "filelist" maps, and most bytes they may take, each charged FileListEntryBytes beside
-// its name's UTF-8 bytes (FolderPullConnection::receiveList).
+// its name's UTF-8 bytes (FolderPullHandler::receiveList).
 constexpr int MaxFileListEntries = 1 << 20;
 constexpr int64_t MaxFileListBytes = int64_t(512) << 20;
 constexpr int64_t FileListEntryBytes = 128;

@@ -1,9 +1,9 @@
 // Folder mirroring over loopback against the machine's MD5 speed: a FolderServer and a
-// FolderPullConnection in one process, each run pulling into an empty folder. Reported
+// FolderPull in one process, each run pulling into an empty folder. Reported
 // as bytes per second. The case of 4 files of 256 MiB runs only with DOVEL_BENCH_BIG=1,
 // so that a default run stays short.
 #include "Dovel/files/AssetBase.h"
-#include "Dovel/files/FolderPullConnection.h"
+#include "Dovel/files/FolderPull.h"
 #include "Dovel/files/FolderServer.h"
 
 #include <QCryptographicHash>
@@ -80,7 +80,7 @@ void runMirror(benchmark::State& state, int files, int64_t size) {
         QTemporaryDir target;
         state.ResumeTiming();
         Dovel::AssetBase asset(target.path());
-        auto pull = Dovel::FolderPullConnection::create(asset, false);
+        auto pull = Dovel::FolderPull::create(asset, false);
         pull->start(QStringLiteral("127.0.0.1"), source.server->port());
         pull->waitFinished(-1);
         pull->shutdown();

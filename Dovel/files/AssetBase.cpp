@@ -1,7 +1,7 @@
 #include "Dovel/files/AssetBase.h"
 
 #include "Dovel/files/PathPolicy.h"
-#include "Dovel/transport/ConnectionThread.h"
+#include "Dovel/transport/ConnectionHandler.h"
 
 #include "Basalt/Trace.h"
 
@@ -85,13 +85,13 @@ bool AssetBase::lockForWriting(QString& error) {
 }
 
 void AssetBase::addFileToRemoveQueue(const QString& path,
-                                     std::shared_ptr<ConnectionThread> connection) {
+                                     std::shared_ptr<ConnectionLink> connection) {
     Basalt::Guard guard(removeMutex);
     removeQueue[path].append(std::move(connection));
 }
 
 int AssetBase::drainRemoveQueue() {
-    QMap<QString, QList<std::shared_ptr<ConnectionThread>>> taken;
+    QMap<QString, QList<std::shared_ptr<ConnectionLink>>> taken;
     {
         Basalt::Guard guard(removeMutex);
         taken.swap(removeQueue);

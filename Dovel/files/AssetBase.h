@@ -27,7 +27,7 @@
 
 namespace Dovel {
 
-class ConnectionThread;
+class ConnectionLink;
 class ProgressSender;
 
 class AssetBase {
@@ -53,7 +53,7 @@ public:
     bool endDownload(const QString& name, bool success);
 
     // Files that a peer no longer has, removed by drainRemoveQueue().
-    void addFileToRemoveQueue(const QString& path, std::shared_ptr<ConnectionThread> connection);
+    void addFileToRemoveQueue(const QString& path, std::shared_ptr<ConnectionLink> connection);
     // Removes every queued file and the folders that it leaves empty; returns the number
     // of files removed. Calls transferFinished() when anything was queued.
     int drainRemoveQueue();
@@ -74,7 +74,7 @@ private:
     DownloadLedger ledger;
 
     Basalt::Mutex removeMutex;
-    QMap<QString, QList<std::shared_ptr<ConnectionThread>>> removeQueue; // guarded by it
+    QMap<QString, QList<std::shared_ptr<ConnectionLink>>> removeQueue; // guarded by it
     int lockFd = -1;
 };
 

@@ -29,15 +29,12 @@ constexpr int OpenMarginMs = 1000;
 
 } // namespace
 
-// The client's end of a session over the connection that owns it: a dispatcher with the
-// query module's two ends, used under `mutex` by the connection's thread (answers) and
-// the caller's (requests).
+// The client's end of a session, spoken over its ConnectionLink only: a dispatcher with
+// the query module's two ends, used under `mutex` by the link's reading thread (answers)
+// and the caller's (requests), which waits on `changed` for its answer.
 class QueryClient::Link : public ConnectionHandler {
 public:
-    explicit Link(ConnectionThread& connection)
-        : ConnectionHandler(connection), connection_(connection) {
-        connection.setKeepRetrying(false);
-        connection.setVersionSuffix(QString::fromLatin1(Query::ClientSuffix));
+    explicit Link(ConnectionLink& link) : ConnectionHandler(link) {
         dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(symbols, MaxClientSymbols));
         dispatcher.addModule(std::make_shared<Replies>(*this));
         // A server that takes us for an ordinary client binds the attribute modules
@@ -51,8 +48,6 @@ public:
                 unsupported = true; // under `mutex`: called from dispatch
         });
     }
-    ConnectionThread& connection() const { return connection_; }
-
     // Caller's thread: sends one request and waits for its answer.
     Outcome ask(uint32_t operation, const std::function<void(BundleWriterCore&)>& arguments,
                 Query::Reply& reply, int ms) {
@@ -70,7 +65,7 @@ public:
             arguments(writer);
             dispatcher.writeUpdates(out);
         }
-        Dovel1Connection(connection_.weak_from_this()).send(out);
+        Dovel1Connection(link().weakLink()).send(out);
         std::unique_lock<std::mutex> lock(mutex);
         const bool done = changed.wait_for(lock, std::chrono::milliseconds(ms), [&] {
             return answers.count(id) != 0 || unsupported || ended;
@@ -101,8 +96,8 @@ public:
 protected:
     bool parse(const QString& line) override {
         if (PeerFailure::isFolderListing(line)) {
-            connection_.notePeerFailure({PeerFailure::FolderServer, 0, QString()});
-            connection_.abortConnection();
+            link().notePeerFailure({PeerFailure::FolderServer, 0, QString()});
+            link().abortConnection();
             return true;
         }
         return processDovel2(
@@ -115,13 +110,13 @@ protected:
                     } catch (const std::exception& e) {
                         Basalt::Trace::warning("QueryClient::parse # %s:%d sent a bundle that "
                                                "does not read: %s",
-                                               connection_.hostName().toUtf8().constData(),
-                                               connection_.port(), e.what());
+                                               link().hostName().toUtf8().constData(),
+                                               link().port(), e.what());
                     }
                 }
                 changed.notify_all();
             },
-            connection_, line);
+            link(), line);
     }
     void loginFailed() override { end(); }
     void connected() override {
@@ -169,7 +164,6 @@ private:
         changed.notify_all();
     }
 
-    ConnectionThread& connection_; // owns this link
     mutable std::mutex mutex;
     std::condition_variable changed;
     PeerSymbols symbols;
@@ -184,9 +178,12 @@ private:
 };
 
 QueryClient::QueryClient(const QByteArray& loginKey, double timeoutSeconds)
-    : link(ConnectionThread::handlerOf<Link>(ConnectionThread::create<Link>(nullptr, false))) {
-    link->connection().setLoginKey(loginKey);
-    link->connection().setTimeoutSeconds(timeoutSeconds);
+    : connection(ConnectionThread::create<Link>(nullptr, false)),
+      link(static_cast<Link*>(connection->handler())) {
+    connection->setKeepRetrying(false);
+    connection->setVersionSuffix(QString::fromLatin1(Query::ClientSuffix));
+    connection->setLoginKey(loginKey);
+    connection->setTimeoutSeconds(timeoutSeconds);
 }
 
 QueryClient::~QueryClient() {
@@ -194,26 +191,26 @@ QueryClient::~QueryClient() {
 }
 
 bool QueryClient::open(const QString& host, int port, int ms) {
-    link->connection().connectToHost(host, port);
+    connection->connectToHost(host, port);
     // The connection's own time-out (the login's) ends a silent peer first, with the
     // reason; this wait only backs it up.
     if (link->waitOpen(ms + OpenMarginMs))
         return true;
-    const PeerFailure why = link->connection().lastFailure();
+    const PeerFailure why = connection->lastFailure();
     failure = why.isSet() ? why.text() : QStringLiteral("no answer");
     failedBy = why.kind;
     return false;
 }
 
 void QueryClient::close() {
-    link->connection().shutdown();
+    connection->shutdown();
 }
 
 QueryClient::Outcome QueryClient::ask(uint32_t operation,
                                       const std::function<void(BundleWriterCore&)>& arguments,
                                       Query::Reply& reply, int ms) {
     const Outcome outcome = link->ask(operation, arguments, reply, ms);
-    const PeerFailure why = link->connection().lastFailure();
+    const PeerFailure why = connection->lastFailure();
     if (outcome == Failed)
         failure = why.isSet()        ? why.text()
                   : link->hasEnded() ? QStringLiteral("the connection ended before the answer")

@@ -5,8 +5,10 @@
 // says "Module not found", and every request then returns Unsupported: the caller falls
 // back to an ordinary client.
 //
-// One connection, no retries, no tree thread: the answers are read and dispatched on
-// the connection's thread, and the requests wait for them.
+// One connection, no retries, no tree thread. The client owns the connection and does
+// its connecting, login settings and closing; the protocol's end is a handler that
+// speaks through the ConnectionLink only: it reads and dispatches the answers on the
+// connection's thread and hands each to the request waiting for it.
 //
 // Usage:
 //     Dovel::QueryClient client;
@@ -14,7 +16,8 @@
 //     Dovel::Query::Reply reply;
 //     if (client.read({"scene/speed"}, reply, 10000) == Dovel::QueryClient::Answered) ...
 //
-// Threads: the operations are called from one thread at a time.
+// Threads: the operations are called from one thread at a time (never the connection's).
+// The destructor closes the connection, joining its threads before the handler goes.
 #pragma once
 
 #include "Dovel/sync/QueryWire.h"
@@ -29,6 +32,8 @@
 #include <vector>
 
 namespace Dovel {
+
+class ConnectionThread;
 
 class QueryClient {
 public:
@@ -73,8 +78,10 @@ private:
     Outcome ask(uint32_t operation, const std::function<void(BundleWriterCore&)>& arguments,
                 Query::Reply& reply, int ms);
 
-    // The protocol's end; shares the ownership of the connection that owns it.
-    std::shared_ptr<Link> link;
+    // The connection, with its login settings; it owns the protocol's end, `link`, and
+    // joins its threads (close) before the link goes.
+    std::shared_ptr<ConnectionThread> connection;
+    Link* link; // the connection's
     QString failure;
     PeerFailure::Kind failedBy = PeerFailure::None;
 };

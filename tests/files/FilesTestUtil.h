@@ -5,7 +5,7 @@
 #pragma once
 
 #include "Dovel/files/AssetBase.h"
-#include "Dovel/files/FolderPullConnection.h"
+#include "Dovel/files/FolderPull.h"
 #include "Dovel/files/FolderServer.h"
 
 #include "TestFiles.h"
@@ -82,14 +82,14 @@ private:
 };
 
 // One pull of `folder` from the server at `port`; fails the test on a time-out.
-inline Dovel::FolderPullConnection::Result pull(const QString& folder, int port, bool deleteExtra,
-                                                int ms = 30000) {
+inline Dovel::FolderPull::Result pull(const QString& folder, int port, bool deleteExtra,
+                                      int ms = 30000) {
     Dovel::AssetBase asset(folder);
-    auto connection = Dovel::FolderPullConnection::create(asset, deleteExtra);
-    connection->start(QStringLiteral("127.0.0.1"), port);
-    EXPECT_TRUE(connection->waitFinished(ms)) << "the pull did not finish in time";
-    const Dovel::FolderPullConnection::Result result = connection->result();
-    connection->shutdown();
+    auto puller = Dovel::FolderPull::create(asset, deleteExtra);
+    puller->start(QStringLiteral("127.0.0.1"), port);
+    EXPECT_TRUE(puller->waitFinished(ms)) << "the pull did not finish in time";
+    const Dovel::FolderPull::Result result = puller->result();
+    puller->shutdown();
     return result;
 }
 

@@ -233,34 +233,6 @@ private:
     QStringList ends;
 };
 
-// A hand-driven server with a RecordingHandler's connection logged in to it.
-struct FedHandler {
-    QTemporaryDir base;
-    QString folder;
-    std::unique_ptr<Dovel::AssetBase> asset;
-    std::shared_ptr<Dovel::ConnectionThread> connection;
-    std::shared_ptr<RecordingHandler> handler;
-    std::unique_ptr<RawPeer> server;
-    RawListener listener;
-
-    bool start() {
-        if (!base.isValid())
-            return false;
-        folder = base.path() + "/mine";
-        asset = std::make_unique<Dovel::AssetBase>(folder);
-        connection = Dovel::ConnectionThread::create<RecordingHandler>(nullptr, false, *asset);
-        connection->setKeepRetrying(false);
-        handler = Dovel::ConnectionThread::handlerOf<RecordingHandler>(connection);
-        connection->connectToHost("127.0.0.1", listener.port());
-        server = listener.accept();
-        return server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true) &&
-               waitUntil([this] { return connection->isConnected(); });
-    }
-    bool ended(const QString& entry) {
-        return waitUntil([&] { return handler->finished().contains(entry); });
-    }
-};
-
 // The receiving side over a fake link, without sockets or threads of the connection: a
 // RecordingHandler that logged in, fed by hand, its lines read back by hand.
 struct FakeFed {
@@ -271,7 +243,9 @@ struct FakeFed {
     RecordingHandler handler{link, asset};
 
     FakeFed() { static_cast<Dovel::ConnectionHandler&>(handler).connected(); }
-    ~FakeFed() { static_cast<Dovel::ConnectionHandler&>(handler).disconnected(); }
+    ~FakeFed() { drop(); }
+    // The link ends (again, at the end).
+    void drop() { static_cast<Dovel::ConnectionHandler&>(handler).disconnected(); }
 
     // Reads what was fed, then lets the handler finish what it may while the peer is
     // quiet, as the connection does, until `entry` has ended.
@@ -358,9 +332,7 @@ TEST(FileProtocol, ReceiverRefusesBadNamesAndFailsPartsOutOfOrder) {
 
 TEST(FileProtocol, HashedBesideTheReaderAMismatchStillFailsAndARetryStartsClean) {
     Basalt::TraceCapture capture;
-    FedHandler fed;
-    ASSERT_TRUE(fed.start());
-    RawPeer& server = *fed.server;
+    FakeFed fed;
     const QByteArray bytes = patternBytes(5 * 65536 + 100, 11);
     const QByteArray md5 = QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex();
     const QByteArray info =
@@ -370,34 +342,31 @@ TEST(FileProtocol, HashedBesideTheReaderAMismatchStillFailsAndARetryStartsClean)
         return "filepart \"/m/multi\" " + QByteArray::number(piece.size()) + " " +
                QByteArray::number(n) + "\n" + piece;
     };
-    auto failures = [&] { return fed.handler->finished().count("/m/multi failed"); };
+    const QByteArray asked = "sendparts \"/m/multi\"\n";
 
     // One wrong byte in the third of six parts: all are written, the hash tells at the end.
     QByteArray wrong = bytes;
     wrong[2 * 65536 + 7] = char(wrong[2 * 65536 + 7] ^ 1);
-    ASSERT_TRUE(server.send(info));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/m/multi\""));
+    EXPECT_EQ(fed.answer(info), asked);
     QByteArray all;
     for (int n = 1; n <= 6; ++n)
         all += part(n, wrong);
-    ASSERT_TRUE(server.send(all));
-    ASSERT_TRUE(waitUntil([&] { return failures() == 1; }));
+    fed.link.feed(all);
+    ASSERT_TRUE(fed.ended("/m/multi failed"));
     EXPECT_TRUE(capture.contains("md5 mismatch for '" + fed.folder + "/m/multi.filesync.part'"));
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
     EXPECT_FALSE(QFileInfo::exists(fed.folder + "/m/multi"));
 
     // Begun again and failed after two parts, then begun once more and sent whole: the
     // parts of the failed attempts must not reach the last attempt's checksum.
-    ASSERT_TRUE(server.send(info));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/m/multi\""));
-    ASSERT_TRUE(server.send(part(1, bytes) + part(2, bytes) + part(4, bytes)));
-    ASSERT_TRUE(waitUntil([&] { return failures() == 2; }));
-    ASSERT_TRUE(server.send(info));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/m/multi\""));
+    EXPECT_EQ(fed.answer(info), asked);
+    fed.answer(part(1, bytes) + part(2, bytes) + part(4, bytes));
+    EXPECT_EQ(fed.handler.finished().count("/m/multi failed"), 2);
+    EXPECT_EQ(fed.answer(info), asked);
     all.clear();
     for (int n = 1; n <= 6; ++n)
         all += part(n, bytes);
-    ASSERT_TRUE(server.send(all));
+    fed.link.feed(all);
     ASSERT_TRUE(fed.ended("/m/multi ok"));
     EXPECT_EQ(readFile(fed.folder + "/m/multi"), bytes);
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
@@ -426,85 +395,71 @@ struct BigFile {
 
 TEST(FileProtocol, AFileWhoseHashRunsOnEndsBeforeItsNameIsUsedAgainAndInTheOrderItCame) {
     Basalt::TraceCapture capture;
-    FedHandler fed;
-    ASSERT_TRUE(fed.start());
-    RawPeer& server = *fed.server;
+    FakeFed fed;
     const BigFile big(5);
     const QByteArray& a = big.bytes;
     const QByteArray aInfo = big.info("/a");
     auto partsOf = [&](const QByteArray& name) { return big.parts(name); };
-    ASSERT_TRUE(server.send(aInfo + "fileinfo 3 \"/b\" 1 " + EmptyMd5 + "\nfileinfo 3 \"/c\" 1 " +
-                            AbcMd5 + "\n"));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/a\""));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/b\""));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/c\""));
+    EXPECT_EQ(fed.answer(aInfo + "fileinfo 3 \"/b\" 1 " + EmptyMd5 + "\nfileinfo 3 \"/c\" 1 " +
+                         AbcMd5 + "\n"),
+              QByteArray("sendparts \"/a\"\nsendparts \"/b\"\nsendparts \"/c\"\n"));
 
     // /b and /c are still to come, so /a's hash may run on while the next lines are
     // read; a line about the same name ends that download before it is looked at, so
     // that the second description starts a new download instead of being refused.
-    ASSERT_TRUE(server.send(partsOf("/a") + aInfo));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/a\""));
-    EXPECT_EQ(fed.handler->finished(), QStringList{"/a ok"});
+    EXPECT_EQ(fed.answer(partsOf("/a") + aInfo), QByteArray("sendparts \"/a\"\n"));
+    EXPECT_EQ(fed.handler.finished(), QStringList{"/a ok"});
     EXPECT_EQ(readFile(fed.folder + "/a"), a);
     EXPECT_FALSE(capture.contains("being downloaded already"));
 
     // The last file expected waits for every hash; downloads end in the order they came.
-    ASSERT_TRUE(
-        server.send("filepart \"/b\" 3 1\nabc" + partsOf("/a") + "filepart \"/c\" 3 1\nabc"));
+    fed.link.feed("filepart \"/b\" 3 1\nabc" + partsOf("/a") + "filepart \"/c\" 3 1\nabc");
     ASSERT_TRUE(fed.ended("/c ok"));
-    EXPECT_EQ(fed.handler->finished(), (QStringList{"/a ok", "/b failed", "/a ok", "/c ok"}));
+    EXPECT_EQ(fed.handler.finished(), (QStringList{"/a ok", "/b failed", "/a ok", "/c ok"}));
     EXPECT_TRUE(capture.contains("md5 mismatch for '" + fed.folder + "/b.filesync.part'"));
     EXPECT_EQ(readFile(fed.folder + "/c"), QByteArray("abc"));
-    EXPECT_EQ(fed.asset->downloads().count(), 0);
+    EXPECT_EQ(fed.asset.downloads().count(), 0);
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
 
     // A download whose parts have all come is finished even when the peer goes away
     // while its hash runs.
-    ASSERT_TRUE(server.send(aInfo + "fileinfo 3 \"/e\" 1 " + AbcMd5 + "\n"));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/a\""));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/e\""));
+    EXPECT_EQ(fed.answer(aInfo + "fileinfo 3 \"/e\" 1 " + AbcMd5 + "\n"),
+              QByteArray("sendparts \"/a\"\nsendparts \"/e\"\n"));
     QFile::remove(fed.folder + "/a");
-    ASSERT_TRUE(server.send(partsOf("/a")));
-    fed.server.reset();
-    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloads().count() == 0; }));
-    EXPECT_EQ(fed.handler->finished().mid(4), QStringList{"/a ok"});
+    fed.answer(partsOf("/a"));
+    fed.drop();
+    EXPECT_EQ(fed.asset.downloads().count(), 0);
+    EXPECT_EQ(fed.handler.finished().mid(4), QStringList{"/a ok"});
     EXPECT_EQ(readFile(fed.folder + "/a"), a);
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
 }
 
 TEST(FileProtocol, ADownloadWholeWhileAnotherIsExpectedEndsWhenThePeerFallsQuiet) {
-    FedHandler fed;
-    ASSERT_TRUE(fed.start());
-    RawPeer& server = *fed.server;
+    FakeFed fed;
     const BigFile a(9);
-    ASSERT_TRUE(server.send(a.info("/a") + "fileinfo 3 \"/b\" 1 " + AbcMd5 + "\n"));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/a\""));
-    EXPECT_EQ(nextLine(server), QByteArray("sendparts \"/b\""));
+    EXPECT_EQ(fed.answer(a.info("/a") + "fileinfo 3 \"/b\" 1 " + AbcMd5 + "\n"),
+              QByteArray("sendparts \"/a\"\nsendparts \"/b\"\n"));
     // /b never comes, and nothing else either.
-    ASSERT_TRUE(server.send(a.parts("/a")));
+    fed.link.feed(a.parts("/a"));
     ASSERT_TRUE(fed.ended("/a ok"));
     EXPECT_EQ(readFile(fed.folder + "/a"), a.bytes);
-    EXPECT_TRUE(fed.asset->downloads().isDownloading("/b"));
+    EXPECT_TRUE(fed.asset.downloads().isDownloading("/b"));
 }
 
 TEST(FileProtocol, DroppedConnectionClearsItsDownloads) {
-    FedHandler fed;
-    ASSERT_TRUE(fed.start());
+    FakeFed fed;
     const QByteArray big = patternBytes(2 * 65536, 3);
     const QByteArray md5 = QCryptographicHash::hash(big, QCryptographicHash::Md5).toHex();
-    ASSERT_TRUE(fed.server->send("fileinfo 131072 \"/a/half\" 2 " + md5 +
-                                 "\n"
-                                 "fileinfo 131072 \"/none\" 2 " +
-                                 md5 + "\n"));
-    EXPECT_EQ(nextLine(*fed.server), QByteArray("sendparts \"/a/half\""));
-    EXPECT_EQ(nextLine(*fed.server), QByteArray("sendparts \"/none\""));
-    ASSERT_TRUE(fed.server->send("filepart \"/a/half\" 65536 1\n" + big.left(65536)));
-    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloads().currentParts("/a/half") == 1; }));
-    EXPECT_EQ(fed.asset->downloads().count(), 2);
+    EXPECT_EQ(fed.answer("fileinfo 131072 \"/a/half\" 2 " + md5 + "\nfileinfo 131072 \"/none\" 2 " +
+                         md5 + "\n"),
+              QByteArray("sendparts \"/a/half\"\nsendparts \"/none\"\n"));
+    fed.answer("filepart \"/a/half\" 65536 1\n" + big.left(65536));
+    EXPECT_EQ(fed.asset.downloads().currentParts("/a/half"), 1);
+    EXPECT_EQ(fed.asset.downloads().count(), 2);
     EXPECT_EQ(tempFiles(fed.folder).size(), 1);
 
-    fed.server.reset(); // the peer goes away mid-transfer
-    ASSERT_TRUE(waitUntil([&] { return fed.asset->downloads().count() == 0; }));
+    fed.drop(); // the peer goes away mid-transfer
+    EXPECT_EQ(fed.asset.downloads().count(), 0);
     EXPECT_TRUE(tempFiles(fed.folder).isEmpty());
     EXPECT_FALSE(QFileInfo::exists(fed.folder + "/a/half"));
 }
@@ -590,7 +545,7 @@ TEST(FileProtocol, APullAnswersWhileItsFolderIsListedAndComparesOnceBothListsAre
     ASSERT_TRUE(waitUntil([&] { return held.hasEntered(); }));
 
     RawListener listener;
-    auto pull = Dovel::FolderPullConnection::create(asset, false);
+    auto pull = Dovel::FolderPull::create(asset, false);
     pull->start("127.0.0.1", listener.port(), generation);
     auto server = listener.accept();
     ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));

@@ -3,7 +3,10 @@
 #include "files/FilesTestUtil.h"
 
 #include "Dovel/Limits.h"
+#include "Dovel/files/FolderPullHandler.h"
 #include "Dovel/transport/MapBlock.h"
+
+#include "transport/FakeLink.h"
 
 #include <QCryptographicHash>
 
@@ -73,89 +76,105 @@ TEST(PullSafety, LinksInThePulledFolderAreNeitherFollowedNorRemoved) {
     EXPECT_TRUE(QFileInfo(target.filePath("v")).isSymLink());
 }
 
-TEST(PullSafety, OnlyWhatWasAskedForIsTakenAndFewDownloadsRunAtOnce) {
-    constexpr int Files = 100;
+// A pull's protocol over a fake link, logged in, its owner's reports kept.
+struct FakePull : Dovel::FolderPullHandler::Owner {
+    QTemporaryDir target;
+    Dovel::AssetBase asset{target.path()};
+    TransportTest::FakeLink link;
+    Dovel::FolderPullHandler handler{link, asset, false, *this};
+    Dovel::FolderPull::Result result;
+
+    FakePull() { hooks().connected(); }
+    ~FakePull() override { hooks().disconnected(); }
+    Dovel::ConnectionHandler& hooks() { return handler; }
+    void pullProgress(const Dovel::FolderPull::Progress&) override {}
+    void pullFinished(const Dovel::FolderPull::Result& finished) override { result = finished; }
+    QByteArray answer(const QByteArray& bytes) {
+        link.feed(bytes);
+        link.pump(handler);
+        return link.takeWritten();
+    }
+};
+
+TEST(PullSafety, OnlyWhatWasAskedForIsTakenFewDownloadsRunAtOnceAndLinesOutOfPlaceEndIt) {
     const QByteArray content = patternBytes(65537, 3); // two parts
     const QByteArray md5 = QCryptographicHash::hash(content, QCryptographicHash::Md5).toHex();
-    QTemporaryDir target;
-    TransportTest::RawListener listener;
-    Dovel::AssetBase asset(target.path());
-    auto puller = Dovel::FolderPullConnection::create(asset, false);
-    puller->start(QStringLiteral("127.0.0.1"), listener.port());
-    auto server = listener.accept();
-    ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));
+    FakePull pull;
     QMap<QString, QString> list;
-    for (int i = 0; i < Files; ++i)
-        list.insert(QStringLiteral("/f%1").arg(i, 3, 10, QLatin1Char('0')),
-                    "65537 " + QString::fromLatin1(md5));
-    server->send("filelist 100\n" + Dovel::MapBlock::encode(list) + "filelistend 100\n");
-    QStringList asked;
-    for (QByteArray line = nextLine(*server); line != "sendfilesync"; line = nextLine(*server)) {
-        ASSERT_TRUE(line.startsWith("sendfileinfo ")) << line.constData();
-        asked.append(QString::fromUtf8(line.mid(14).chopped(1)));
+    QByteArray asked, described, first;
+    for (int i = 0; i < 100; ++i) {
+        const QByteArray name = "/f" + QByteArray::number(i).rightJustified(3, '0');
+        list.insert(QString::fromLatin1(name), "65537 " + QString::fromLatin1(md5));
+        asked += "sendfileinfo \"" + name + "\"\n";
+        described += "fileinfo 65537 \"" + name + "\" 2 " + md5 + "\n";
+        if (i < Dovel::Limits::MaxDownloadsPerConnection)
+            first += "sendparts \"" + name + "\"\n";
     }
-    ASSERT_EQ(asked.size(), Files);
-    QByteArray described;
-    for (const QString& name : asked + QStringList{"/planted"})
-        described += "fileinfo 65537 \"" + name.toUtf8() + "\" 2 " + md5 + "\n";
-    server->send(described + "filesync\n");
-
-    auto askedForParts = [&] {
-        QStringList names;
-        for (QByteArray line = nextLine(*server, 500); !line.isNull();
-             line = nextLine(*server, 500))
-            if (line.startsWith("sendparts "))
-                names.append(QString::fromUtf8(line.mid(11).chopped(1)));
-        return names;
-    };
-    const QStringList first = askedForParts();
-    ASSERT_EQ(first.size(), Dovel::Limits::MaxDownloadsPerConnection);
-    // A part nobody asked for fails its download and opens no file.
-    server->send("filepart \"" + asked.last().toUtf8() + "\" 1 1\nx");
+    // Nothing is asked for before the local list is in.
+    EXPECT_EQ(pull.answer("filelist 100\n" + Dovel::MapBlock::encode(list) + "filelistend 100\n"),
+              QByteArray());
+    pull.handler.localListReady({});
+    EXPECT_EQ(pull.link.takeWritten(), asked + "sendfilesync\n");
+    // A description of a file not asked for is ignored; a part nobody asked for fails its
+    // download and opens no file.
+    EXPECT_EQ(pull.answer(described + "fileinfo 65537 \"/planted\" 2 " + md5 + "\nfilesync\n"),
+              first);
+    EXPECT_EQ(pull.answer("filepart \"/f099\" 1 1\nx"), QByteArray());
     // One download ends: the next one is asked for.
-    const QByteArray name = first.first().toUtf8();
-    server->send("filepart \"" + name + "\" 65536 1\n" + content.left(65536) + "filepart \"" +
-                 name + "\" 1 2\n" + content.right(1));
-    EXPECT_EQ(askedForParts().size(), 1);
-    EXPECT_EQ(readFile(target.path() + first.first()), content);
-    EXPECT_FALSE(QFile::exists(target.filePath("planted")));
-    EXPECT_TRUE(tempFiles(target.path()).size() <= 1);
-    puller->shutdown();
+    EXPECT_EQ(pull.answer("filepart \"/f000\" 65536 1\n" + content.left(65536) +
+                          "filepart \"/f000\" 1 2\n" + content.right(1)),
+              "sendparts \"/f064\"\n");
+    ASSERT_TRUE(waitUntil([&] {
+        if (pull.hooks().wantsIdle())
+            pull.hooks().idle();
+        return QFile::exists(pull.target.filePath("f000"));
+    }));
+    EXPECT_EQ(readFile(pull.target.filePath("f000")), content);
+    EXPECT_FALSE(QFile::exists(pull.target.filePath("planted")));
+    EXPECT_TRUE(tempFiles(pull.target.path()).isEmpty());
+
+    // Lines a pull does not take from a server: the ones out of place end it, unknown ones
+    // are refused, a "filesync" that answers nothing is ignored.
+    const std::vector<std::pair<QByteArray, QString>> hostile{
+        {"sendparts \"/f000\"\n", "the server asked for our files, which a pull never sends"},
+        {"filelist " + QByteArray::number(Dovel::Limits::MaxFileListEntries + 1) + "\n",
+         "the server's file list is too long or out of place"},
+        {"filelist 2\n" + Dovel::MapBlock::encode({{"/a", "1 " + md5}}),
+         "the server's file list could not be read"},
+        {"filesync\nmystery\n", QString()}};
+    for (const auto& [line, error] : hostile) {
+        FakePull fed;
+        EXPECT_EQ(fed.answer(line), QByteArray()) << line.constData();
+        EXPECT_EQ(fed.result.error, error) << line.constData();
+        EXPECT_EQ(fed.link.ended && fed.result.finished, !error.isEmpty()) << line.constData();
+        EXPECT_EQ(fed.link.refused, error.isEmpty() ? QStringList{"mystery"} : QStringList());
+    }
 }
 
 TEST(PullSafety, AFileWhosePartsStopComingFailsAfterOneMoreTry) {
     // The server's file shrank while it was sent: its last parts never come.
     const QByteArray content = patternBytes(200000, 4);
     const QByteArray md5 = QCryptographicHash::hash(content, QCryptographicHash::Md5).toHex();
-    QTemporaryDir target;
-    TransportTest::RawListener listener;
-    Dovel::AssetBase asset(target.path());
-    auto puller = Dovel::FolderPullConnection::create(asset, false);
-    puller->connection().setTimeoutSeconds(0.5);
-    puller->start(QStringLiteral("127.0.0.1"), listener.port());
-    auto server = listener.accept();
-    ASSERT_TRUE(server && TransportTest::serveLogin(*server, "Heliotrope 2.6.1", true));
-    server->send("filelist 1\n" +
-                 Dovel::MapBlock::encode({{"/t.bin", "200000 " + QString::fromLatin1(md5)}}) +
-                 "filelistend 1\n");
-    int asked = 0;
-    for (QByteArray line = nextLine(*server, 2000); !line.isNull();
-         line = nextLine(*server, 2000)) {
-        if (line == "sendfileinfo \"/t.bin\"") {
-            ++asked;
-            server->send("fileinfo 200000 \"/t.bin\" 4 " + md5 + "\nfilesync\n");
-        } else if (line == "sendparts \"/t.bin\"") {
-            server->send("filepart \"/t.bin\" 65536 1\n" + content.left(65536));
-        }
-        if (puller->waitFinished(0))
-            break;
+    FakePull pull;
+    pull.link.setTimeoutSeconds(0.5);
+    pull.answer("filelist 1\n" +
+                Dovel::MapBlock::encode({{"/t.bin", "200000 " + QString::fromLatin1(md5)}}) +
+                "filelistend 1\n");
+    pull.handler.localListReady({});
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_EQ(pull.link.takeWritten(), "sendfileinfo \"/t.bin\"\nsendfilesync\n");
+        EXPECT_EQ(pull.answer("fileinfo 200000 \"/t.bin\" 4 " + md5 + "\nfilesync\n" +
+                              "filepart \"/t.bin\" 65536 1\n" + content.left(65536)),
+                  "sendparts \"/t.bin\"\n");
+        ASSERT_TRUE(waitUntil([&] {
+            pull.hooks().idle(); // the download's parts time out while the peer is quiet
+            return !pull.asset.downloads().isDownloading("/t.bin");
+        }));
     }
-    ASSERT_TRUE(puller->waitFinished(10000));
-    EXPECT_EQ(asked, 2);
-    EXPECT_EQ(puller->result().failed, QStringList{"/t.bin"});
-    EXPECT_FALSE(QFile::exists(target.filePath("t.bin")));
-    EXPECT_TRUE(tempFiles(target.path()).isEmpty());
-    puller->shutdown();
+    EXPECT_EQ(pull.link.takeWritten(), QByteArray());
+    EXPECT_EQ(pull.result.failed, QStringList{"/t.bin"});
+    EXPECT_FALSE(QFile::exists(pull.target.filePath("t.bin")));
+    EXPECT_TRUE(tempFiles(pull.target.path()).isEmpty());
 }
 
 } // namespace

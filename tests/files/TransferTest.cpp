@@ -1,4 +1,4 @@
-// Whole transfers over loopback between a FolderServer and FolderPullConnections on
+// Whole transfers over loopback between a FolderServer and FolderPulls on
 // real folders: part boundaries, a file of several MiB, nested folders, repeated pulls
 // and the checksum cache.
 #include "files/FilesTestUtil.h"

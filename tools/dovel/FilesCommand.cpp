@@ -4,7 +4,7 @@
 #include "CommandLine.h"
 
 #include "Dovel/files/AssetBase.h"
-#include "Dovel/files/FolderPullConnection.h"
+#include "Dovel/files/FolderPull.h"
 #include "Dovel/files/FolderServer.h"
 
 #include "Basalt/SocketError.h"
@@ -87,7 +87,7 @@ class ProgressPrinter {
 public:
     explicit ProgressPrinter(bool terminal) : terminal(terminal) { timer.start(); }
 
-    void show(const Dovel::FolderPullConnection::Progress& p) {
+    void show(const Dovel::FolderPull::Progress& p) {
         const bool last = p.filesFetched == p.filesToFetch;
         if (!terminal && !last && printed && timer.elapsed() < 1000)
             return;
@@ -166,18 +166,17 @@ int pull(const QStringList& args) {
     clock.start();
     Dovel::AssetBase asset(folder);
     ProgressPrinter printer(isatty(STDOUT_FILENO) == 1);
-    auto connection =
-        Dovel::FolderPullConnection::create(asset, line.isSet(QStringLiteral("delete")));
-    connection->connection().setLoginKey(key);
-    connection->connection().setTimeoutSeconds(timeout);
-    connection->setProgressCallback(
-        [&printer](const Dovel::FolderPullConnection::Progress& p) { printer.show(p); });
-    connection->start(host, port);
-    connection->waitFinished(-1);
-    connection->shutdown();
+    auto pull = Dovel::FolderPull::create(asset, line.isSet(QStringLiteral("delete")));
+    pull->connection().setLoginKey(key);
+    pull->connection().setTimeoutSeconds(timeout);
+    pull->setProgressCallback(
+        [&printer](const Dovel::FolderPull::Progress& p) { printer.show(p); });
+    pull->start(host, port);
+    pull->waitFinished(-1);
+    pull->shutdown();
     printer.end();
 
-    const Dovel::FolderPullConnection::Result result = connection->result();
+    const Dovel::FolderPull::Result result = pull->result();
     const double seconds = clock.elapsed() / 1000.0;
     if (result.success) {
         const double rate = seconds > 0 ? result.bytesTransferred / 1e6 / seconds : 0.0;

@@ -1,16 +1,12 @@
-#include "Dovel/files/FolderPullConnection.h"
-
-#include "Dovel/files/FileListThread.h"
+#include "Dovel/files/FolderPullHandler.h"
 
 #include "Dovel/Limits.h"
 #include "Dovel/files/AssetBase.h"
 #include "Dovel/files/PathPolicy.h"
 
-#include "Basalt/Stopwatch.h"
 #include "Basalt/Trace.h"
 
 #include <algorithm>
-#include <exception>
 #include <limits>
 #include <memory>
 
@@ -41,97 +37,20 @@ bool parseDescription(const QString& text, int64_t& size, QString& md5) {
 
 } // namespace
 
-std::shared_ptr<FolderPullConnection> FolderPullConnection::create(AssetBase& asset,
-                                                                   bool deleteExtra) {
-    return ConnectionThread::handlerOf<FolderPullConnection>(
-        ConnectionThread::create<FolderPullConnection>(nullptr, false, asset, deleteExtra));
-}
-
-FolderPullConnection::FolderPullConnection(ConnectionThread& connection, AssetBase& asset,
-                                           bool deleteExtra)
-    : FileTransferHandler(connection, asset), connection_(connection), deleteExtra(deleteExtra) {
-    connection.setKeepRetrying(false);
+FolderPullHandler::FolderPullHandler(ConnectionLink& link, AssetBase& asset, bool deleteExtra,
+                                     Owner& owner)
+    : FileTransferHandler(link, asset), owner(owner), deleteExtra(deleteExtra) {
     asset.index().leaveLinksAlone(); // a pull writes and removes only the paths names name
 }
 
-FolderPullConnection::~FolderPullConnection() {
-    // The connection has stopped and ended its threads by now, so the listing thread
-    // compares nothing any more. On the listing thread (it let go of the last reference)
-    // the lister is not waited for: it does nothing more with this object.
-    if (lister)
-        lister->waitEnd(-1);
-}
-
-void FolderPullConnection::setProgressCallback(std::function<void(const Progress&)> callback) {
-    progressCallback = std::move(callback);
-}
-
-void FolderPullConnection::start(const QString& host, int port) {
-    start(host, port, asset().index().generation());
-}
-
-void FolderPullConnection::start(const QString& host, int port, uint64_t generation) {
-    if (lister || result().finished)
-        return; // one attempt per connection
-    // One pull at a time writes into a folder: two would trip over each other's files.
-    QString locked;
-    if (!asset().lockForWriting(locked)) {
-        Basalt::Guard guard(protocolMutex);
-        finish(false, locked);
-        return;
-    }
-    asset().downloads().removeLeftoverParts(); // of an earlier pull that did not finish
-    // The comparison may need the connection's shared pointer (the remove queue holds
-    // it), so the listing thread holds one while it compares, unless the connection is
-    // being destroyed by then.
-    const std::weak_ptr<ConnectionThread> weak = connection_.weak_from_this();
-    const bool shared = !weak.expired();
-    lister = std::make_unique<FileListThread>(
-        asset().index(), generation,
-        [this, weak, shared](const FileList& list, const QString& error) {
-            if (!error.isEmpty()) {
-                Basalt::Guard guard(protocolMutex);
-                finish(false, error);
-                return;
-            }
-            const std::shared_ptr<ConnectionThread> self = weak.lock();
-            if (self || !shared)
-                localListReady(list);
-        });
-    lister->run();
-    connection_.connectToHost(host, port);
-}
-
-void FolderPullConnection::shutdown() {
-    connection_.shutdown();
-    if (lister)
-        lister->waitEnd(-1); // returns at once on the listing thread itself
-}
-
-bool FolderPullConnection::waitFinished(int ms) {
-    const Basalt::Stopwatch start;
-    Basalt::Guard guard(resultMutex);
-    while (!result_.finished) {
-        unsigned long slice = 1000;
-        if (ms >= 0) {
-            const double left = ms / 1000.0 - start.elapsedSeconds();
-            if (left <= 0.0)
-                break;
-            slice = static_cast<unsigned long>(left * 1000.0) + 1;
-        }
-        finishedCondition.wait(resultMutex, slice);
-    }
-    return result_.finished;
-}
-
-FolderPullConnection::Result FolderPullConnection::result() const {
-    Basalt::Guard guard(resultMutex);
-    return result_;
+void FolderPullHandler::fail(const QString& error) {
+    Basalt::Guard guard(protocolMutex);
+    finish(false, error);
 }
 
 // ---- the protocol ----
 
-bool FolderPullConnection::parse(const QString& line) {
+bool FolderPullHandler::parse(const QString& line) {
     Basalt::Guard guard(protocolMutex);
     if (line.startsWith(QLatin1String("filelist "))) {
         return receiveList(line.mid(9));
@@ -154,7 +73,7 @@ bool FolderPullConnection::parse(const QString& line) {
     }
     // A tree server's first batch: there is no folder to pull here.
     if (line.startsWith(QLatin1String("dovel2 "))) {
-        Basalt::Trace::warning("FolderPullConnection::parse # %s:%d serves a tree, not a folder; "
+        Basalt::Trace::warning("FolderPullHandler::parse # %s:%d serves a tree, not a folder; "
                                "disconnecting",
                                link().hostName().toUtf8().constData(), link().port());
         link().notePeerFailure({PeerFailure::TreeServer, 0, QString()});
@@ -165,7 +84,7 @@ bool FolderPullConnection::parse(const QString& line) {
     // A pull only receives: the server has no business reading our files.
     if (line.startsWith(QLatin1String("sendfileinfo ")) ||
         line.startsWith(QLatin1String("sendparts "))) {
-        Basalt::Trace::warning("FolderPullConnection::parse # The server %s:%d asked for a file "
+        Basalt::Trace::warning("FolderPullHandler::parse # The server %s:%d asked for a file "
                                "of ours ('%s'); a pull sends none, disconnecting",
                                link().hostName().toUtf8().constData(), link().port(),
                                line.section(QLatin1Char(' '), 0, 0).toUtf8().constData());
@@ -176,7 +95,7 @@ bool FolderPullConnection::parse(const QString& line) {
     return FileTransferHandler::parse(line);
 }
 
-bool FolderPullConnection::receiveList(const QString& countText) {
+bool FolderPullHandler::receiveList(const QString& countText) {
     bool ok = false;
     const int count = countText.toInt(&ok);
     if (!ok || count < 0)
@@ -198,7 +117,7 @@ bool FolderPullConnection::receiveList(const QString& countText) {
         QString md5;
         const bool described = parseDescription(it.value(), size, md5);
         if (!PathPolicy::isCarriableName(it.key()) || !described) {
-            Basalt::Trace::warning("FolderPullConnection::receiveList # Skipping '%s': not a "
+            Basalt::Trace::warning("FolderPullHandler::receiveList # Skipping '%s': not a "
                                    "name and description the file protocol can carry",
                                    it.key().toUtf8().constData());
             continue;
@@ -214,7 +133,7 @@ bool FolderPullConnection::receiveList(const QString& countText) {
     return true;
 }
 
-void FolderPullConnection::receiveListEnd(const QString& totalText) {
+void FolderPullHandler::receiveListEnd(const QString& totalText) {
     bool ok = false;
     const int total = totalText.toInt(&ok);
     if (!ok || total != listEntriesSeen || listDone) {
@@ -222,30 +141,28 @@ void FolderPullConnection::receiveListEnd(const QString& totalText) {
         return;
     }
     listDone = true;
-    if (localListed && !result().finished && !connection_.isStopping())
+    if (localListed && !finished && !link().isStopping())
         compareAndRequest();
 }
 
-void FolderPullConnection::localListReady(const FileList& list) {
+void FolderPullHandler::localListReady(const FileList& list) {
     Basalt::Guard guard(protocolMutex);
     compared = list;
     localListed = true;
     // A stopped pull changes nothing here any more (with --delete it would remove files).
-    if (listDone && !result().finished && !connection_.isStopping())
+    if (listDone && !finished && !link().isStopping())
         compareAndRequest();
 }
 
-void FolderPullConnection::compareAndRequest() {
+void FolderPullHandler::compareAndRequest() {
     const FileList& local = compared;
     requested = true;
 
-    // Null when the owner let go of the pull without stopping it: nothing is removed then.
-    const std::shared_ptr<ConnectionThread> self = connection_.weak_from_this().lock();
-    if (deleteExtra && self) {
+    if (deleteExtra) {
         bool any = false;
         for (auto it = local.constBegin(); it != local.constEnd(); ++it) {
             if (!serverList.contains(it.key())) {
-                asset().addFileToRemoveQueue(it.key(), self);
+                asset().addFileToRemoveQueue(it.key(), link().weakLink().lock());
                 any = true;
             }
         }
@@ -277,11 +194,11 @@ void FolderPullConnection::compareAndRequest() {
     report(QString());
 }
 
-void FolderPullConnection::receiveSync() {
+void FolderPullHandler::receiveSync() {
     if (!requested) {
         // Only an answer to our "sendfilesync" means anything: before the comparison
         // nothing was asked for, and finishing now would check an unlisted folder.
-        Basalt::Trace::warning("FolderPullConnection::receiveSync # 'filesync' before any "
+        Basalt::Trace::warning("FolderPullHandler::receiveSync # 'filesync' before any "
                                "request; ignored");
         return;
     }
@@ -293,7 +210,7 @@ void FolderPullConnection::receiveSync() {
             ++it;
             continue;
         }
-        Basalt::Trace::warning("FolderPullConnection::receiveSync # The server did not describe "
+        Basalt::Trace::warning("FolderPullHandler::receiveSync # The server did not describe "
                                "'%s'",
                                it->toUtf8().constData());
         failedNames.append(*it);
@@ -303,28 +220,28 @@ void FolderPullConnection::receiveSync() {
     checkDone();
 }
 
-void FolderPullConnection::progress(int64_t bytes, const QString& name) {
+void FolderPullHandler::progress(int64_t bytes, const QString& name) {
     bytesDone += bytes;
     progressState.bytesFetched = bytesDone;
     report(name);
 }
 
-bool FolderPullConnection::wantsDownload(const QString& name) {
+bool FolderPullHandler::wantsDownload(const QString& name) {
     return pending.contains(name) && !announced.contains(name);
 }
 
-void FolderPullConnection::downloadStarted(const QString& name, int64_t) {
+void FolderPullHandler::downloadStarted(const QString& name, int64_t) {
     announced.insert(name);
 }
 
-void FolderPullConnection::downloadFinished(const QString& name, bool success) {
+void FolderPullHandler::downloadFinished(const QString& name, bool success) {
     announced.remove(name);
     if (!pending.contains(name))
         return;
     // A file that changed while it was sent, or arrived damaged, is asked for once more.
-    if (!success && !retried.contains(name) && connection_.isLive() && !connection_.isStopping()) {
+    if (!success && !retried.contains(name) && link().isLive() && !link().isStopping()) {
         retried.insert(name);
-        Basalt::Trace::info("FolderPullConnection::downloadFinished # Asking for '%s' again",
+        Basalt::Trace::info("FolderPullHandler::downloadFinished # Asking for '%s' again",
                             name.toUtf8().constData());
         requestFileInfo(name);
         link().writeBuffer(QStringLiteral("sendfilesync\n"), QByteArray());
@@ -341,18 +258,17 @@ void FolderPullConnection::downloadFinished(const QString& name, bool success) {
     checkDone();
 }
 
-void FolderPullConnection::report(const QString& name) {
+void FolderPullHandler::report(const QString& name) {
     progressState.current = name;
-    if (progressCallback)
-        progressCallback(progressState);
+    owner.pullProgress(progressState);
 }
 
-void FolderPullConnection::checkDone() {
+void FolderPullHandler::checkDone() {
     if (listDone && syncReceived && pending.isEmpty())
         verifyAndFinish();
 }
 
-void FolderPullConnection::verifyAndFinish() {
+void FolderPullHandler::verifyAndFinish() {
     // When nothing was fetched or removed, the list just compared is the folder's state.
     const FileList local = changedHere ? asset().buildFileList(nullptr) : compared;
     QSet<QString> failedSet(failedNames.begin(), failedNames.end());
@@ -370,28 +286,27 @@ void FolderPullConnection::verifyAndFinish() {
     finish(failedNames.isEmpty() && uncarried.isEmpty(), QString());
 }
 
-void FolderPullConnection::finish(bool success, const QString& error) {
-    {
-        Basalt::Guard guard(resultMutex);
-        if (result_.finished)
-            return;
-        result_.finished = true;
-        result_.success = success;
-        result_.error = error;
-        result_.failed = failedNames;
-        result_.uncarried = uncarried;
-        result_.filesChecked = serverList.size();
-        result_.filesTransferred = transferred;
-        result_.filesDeleted = deleted;
-        result_.bytesTransferred = bytesDone;
-        finishedCondition.wakeAll(resultMutex);
-    }
+void FolderPullHandler::finish(bool success, const QString& error) {
+    if (finished)
+        return;
+    finished = true;
+    Result result;
+    result.finished = true;
+    result.success = success;
+    result.error = error;
+    result.failed = failedNames;
+    result.uncarried = uncarried;
+    result.filesChecked = serverList.size();
+    result.filesTransferred = transferred;
+    result.filesDeleted = deleted;
+    result.bytesTransferred = bytesDone;
+    owner.pullFinished(result);
     link().stop();
 }
 
 // ---- the connection's end ----
 
-void FolderPullConnection::attemptEnded() {
+void FolderPullHandler::attemptEnded() {
     Basalt::Guard guard(protocolMutex);
     // Whatever was still under way is lost with the connection.
     for (const QString& name : pending)
@@ -403,22 +318,22 @@ void FolderPullConnection::attemptEnded() {
                       : QStringLiteral("the connection ended before the folder was up to date"));
 }
 
-void FolderPullConnection::disconnected() {
+void FolderPullHandler::disconnected() {
     Basalt::Guard guard(protocolMutex);
     FileTransferHandler::disconnected();
 }
 
-void FolderPullConnection::idle() {
+void FolderPullHandler::idle() {
     Basalt::Guard guard(protocolMutex);
     FileTransferHandler::idle();
 }
 
-void FolderPullConnection::connectionFailed() {
+void FolderPullHandler::connectionFailed() {
     Basalt::Guard guard(protocolMutex);
     finish(false, describeFailure());
 }
 
-QString FolderPullConnection::describeFailure() const {
+QString FolderPullHandler::describeFailure() const {
     const PeerFailure failure = link().lastFailure();
     if (!failure.isSet())
         return QStringLiteral("cannot connect to %1:%2").arg(link().hostName()).arg(link().port());
