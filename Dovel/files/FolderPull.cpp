@@ -48,8 +48,10 @@ void FolderPull::start(const QString& host, int port, uint64_t generation) {
                                                   else
                                                       handler->localListReady(list);
                                               });
-    lister->run();
+    // Connecting first: a listing that fails at once then stops a connection that is
+    // really under way, instead of one that connectToHost would start afterwards.
     connection_->connectToHost(host, port);
+    lister->run();
 }
 
 void FolderPull::shutdown() {

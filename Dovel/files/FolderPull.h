@@ -3,7 +3,8 @@
 // the connection logs in and the server lists its folder (so that the two walks overlap
 // and the connection's thread keeps answering the server: a folder whose checksums must
 // be computed can take minutes), and the result that the handler reports. One attempt,
-// no reconnection. It locks its folder: a second pull into it fails at once.
+// no reconnection. It locks its folder: a pull into it from another AssetBase or process
+// fails at once (pulls sharing one AssetBase must not overlap).
 //
 // Threads: start, waitFinished, result and shutdown may be called from any thread but
 // the listing thread and the connection's. The progress callback runs on the
