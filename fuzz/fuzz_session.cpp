@@ -6,7 +6,7 @@
 // header's size word says (clamped to what is left). Only the documented
 // std::invalid_argument and std::out_of_range may leave a dispatch.
 #include "FuzzSupport.h"
-#include "sync/SessionPair.h"
+#include "SessionHarness.h"
 
 #include "Dovel/bundle/Bundle.h"
 
@@ -41,7 +41,7 @@ void populate(Dovel::RemoteNode& node) {
     node.setSyncFlags(QRegExp(".*/id"), Dovel::SyncFlags::Local);
 }
 
-void dispatchChecked(SyncTest::Session& session, const Dovel::Bundle& bundle) {
+void dispatchChecked(SessionHarness::Session& session, const Dovel::Bundle& bundle) {
     Dovel::BundleReader reader(bundle);
     try {
         session.dispatcher.dispatchBundle(reader);
@@ -59,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     Dovel::RemoteNode node(nullptr, "fuzz");
     populate(node);
-    SyncTest::Session session(node, (data[0] & 1) != 0, (data[0] & 2) != 0);
+    SessionHarness::Session session(node, (data[0] & 1) != 0, (data[0] & 2) != 0);
     session.output();
     size_t at = 1;
     int count = 0;

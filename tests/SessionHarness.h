@@ -191,6 +191,19 @@ struct Side {
     }
 };
 
+// The bytes a serializer writes for the attribute's current value, and its type code.
+inline QByteArray encoded(const Dovel::TypeRegistry& types, Tessel::Attribute& attribute,
+                          uint32_t* code) {
+    uint32_t size = 0;
+    const Dovel::Serializer serializer = types.createSerializer(&attribute, *code, size);
+    if (!serializer)
+        return QByteArray("<none>");
+    Dovel::Bundle bundle;
+    Dovel::BundleWriterCore writer(bundle);
+    serializer(writer);
+    return bundle.packet();
+}
+
 // path -> type code and encoded value of every attribute under the node, read on its
 // tree thread.
 inline QMap<QByteArray, QByteArray> snapshot(Side& side) {
@@ -199,25 +212,11 @@ inline QMap<QByteArray, QByteArray> snapshot(Side& side) {
         Dovel::TypeRegistry types;
         Dovel::walkAttributesWithPath(
             side.node, [&](Tessel::Attribute& attribute, const QByteArray& path) {
-                uint32_t code = 0, size = 0;
-                const Dovel::Serializer serializer = types.createSerializer(&attribute, code, size);
-                if (!serializer) {
-                    out.insert(path, "<none>");
-                    return;
-                }
-                Dovel::Bundle bundle;
-                Dovel::BundleWriterCore writer(bundle);
-                serializer(writer);
-                out.insert(path, QByteArray::number(code) + ":" + bundle.packet().toHex());
+                uint32_t code = 0;
+                const QByteArray bytes = encoded(types, attribute, &code);
+                out.insert(path, QByteArray::number(code) + ":" + bytes.toHex());
             });
     });
-    return out;
-}
-
-inline QByteArray describe(const QMap<QByteArray, QByteArray>& snap) {
-    QByteArray out;
-    for (auto it = snap.constBegin(); it != snap.constEnd(); ++it)
-        out += it.key() + "=" + it.value().left(60) + "\n";
     return out;
 }
 
@@ -263,7 +262,3 @@ inline int attributeCount(Side& side) {
 }
 
 } // namespace SessionHarness
-
-// The names the tests used before the harness was one.
-namespace SyncTest = SessionHarness;
-namespace SessionTest = SessionHarness;

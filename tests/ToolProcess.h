@@ -28,6 +28,13 @@ inline bool toolBuilt() {
     return QFileInfo(toolPath()).isExecutable();
 }
 
+// Skips the running test when the tool has not been built next to the test executable.
+#define DOVEL_REQUIRE_TOOL()                                                                       \
+    do {                                                                                           \
+        if (!ToolTest::toolBuilt())                                                                \
+            GTEST_SKIP() << "the dovel tool is not built";                                         \
+    } while (false)
+
 struct ToolRun {
     int exitCode = -1; // -1: crashed, killed or timed out
     QByteArray out;

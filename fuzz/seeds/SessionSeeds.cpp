@@ -2,8 +2,8 @@
 // packets a real session sends over a few periods: the first announcement of a tree of
 // every type, updates, a removal, an addition, and on request a plain and a sliced event.
 #include "Seeds.h"
+#include "SessionHarness.h"
 #include "TypeSamples.h"
-#include "sync/SessionPair.h"
 
 #include "Tessel/AttributeT.h"
 
@@ -28,7 +28,7 @@ QByteArray peerStream(bool withEvents) {
     auto* text = new AttributeT<QString>(nullptr, "", "one");
     node.addDeepAttribute("obj/count", count);
     node.addDeepAttribute("obj/text", text);
-    SyncTest::Session session(node, false, true);
+    SessionHarness::Session session(node, false, true);
     QByteArray stream;
     append(stream, session.output());
     count->set(2, Attribute::LayerRemote);

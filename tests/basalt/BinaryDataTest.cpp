@@ -1,5 +1,5 @@
-// BinaryData: the bytes of every item, reads that fail without moving, counts from a
-// peer refused before they size anything, and memory linked or viewed in place.
+// BinaryData: the bytes of every item, reads that fail without moving, and counts from
+// a peer refused before they size anything.
 #include "Basalt/BinaryData.h"
 
 #include <gtest/gtest.h>
@@ -123,64 +123,4 @@ TEST(BinaryData, HostileCountsAreRefusedBeforeAllocating) {
     EXPECT_TRUE(d.readBlob(big, 8));
     EXPECT_EQ(d.lastBlobSize(), 6);
     EXPECT_EQ(std::memcmp(big, "abcdef", 6), 0);
-}
-
-TEST(BinaryData, LinkedMemoryIsReadInPlaceAndCopiedOnWrite) {
-    BinaryData source;
-    source.writeInt32(77);
-    QByteArray external = source.toByteArray();
-    char* memory = external.data();
-
-    BinaryData linked;
-    linked.linkTo(memory, external.size());
-    EXPECT_EQ(linked.constData(), memory); // no copy
-    BinaryData copy(linked);
-    EXPECT_NE(copy.constData(), memory); // copies own their bytes
-
-    bool ok = false;
-    EXPECT_EQ(linked.readInt32(&ok), 77);
-    EXPECT_TRUE(ok);
-
-    linked.writeInt32(1);
-    EXPECT_NE(linked.constData(), memory);
-    EXPECT_EQ(external, source.toByteArray()); // the external memory was not written
-    EXPECT_EQ(linked.size(), 16);
-    EXPECT_EQ(linked.position(), 8);
-    EXPECT_EQ(linked.readInt32(&ok), 1);
-
-    // The copy survives changes to the memory it came from.
-    memory[4] = 0;
-    EXPECT_EQ(copy.readInt32(&ok), 77);
-}
-
-TEST(BinaryData, AStringLaidOutInPlaceIsViewedWithoutACopy) {
-    char out[16];
-    std::memset(out, 0x7e, sizeof out);
-    EXPECT_EQ(BinaryData::encodeString(QByteArray("abc"), out, 11), 11);
-    EXPECT_EQ(QByteArray(out, 12).toHex(), hex("05000000 03000000 616263 7e").toHex());
-    EXPECT_EQ(BinaryData::encodeString(QByteArray(), out, 8), 8);
-    EXPECT_EQ(QByteArray(out, 8).toHex(), hex("05000000 00000000").toHex());
-    // Too small: nothing is written.
-    std::memset(out, 0x7e, sizeof out);
-    EXPECT_EQ(BinaryData::encodeString(QByteArray("abcd"), out, 11), 0);
-    EXPECT_EQ(BinaryData::encodeString(QByteArray(), out, 7), 0);
-    EXPECT_EQ(out[0], 0x7e);
-
-    const int size = BinaryData::encodeString(QByteArray("name"), out, int(sizeof out));
-    BinaryData linked;
-    linked.linkTo(out, size);
-    QByteArray view;
-    ASSERT_TRUE(linked.viewString(view));
-    EXPECT_EQ(view, QByteArray("name"));
-    EXPECT_EQ(view.constData(), out + 8); // the bytes in place
-    EXPECT_TRUE(linked.atEnd());
-    // Another item, or a count past the end, fails and keeps the position.
-    linked.rewind();
-    out[8 - 4] = 5; // count 5 of 4 bytes present
-    EXPECT_FALSE(linked.viewString(view));
-    EXPECT_EQ(linked.position(), 0);
-    BinaryData number;
-    number.writeInt32(1);
-    EXPECT_FALSE(number.viewString(view));
-    EXPECT_EQ(number.position(), 0);
 }

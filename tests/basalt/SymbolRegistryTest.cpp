@@ -8,7 +8,6 @@
 #include <QVector>
 
 #include <algorithm>
-#include <map>
 #include <random>
 #include <thread>
 
@@ -73,46 +72,4 @@ TEST(SymbolRegistry, TwoThreadsDefiningTheSameNamesAgree) {
     }
     EXPECT_EQ(distinct.size(), count);
     EXPECT_EQ(r.size(), count);
-}
-
-// Rebinding names and symbols at random (with removals in the middle of probe runs)
-// keeps both directions equal to a plain two-way map.
-TEST(SymbolRegistry, RandomRebindingAgreesWithAPlainTwoWayMap) {
-    SymbolRegistry r;
-    std::map<QByteArray, uint32_t> byName;
-    std::map<uint32_t, QByteArray> bySymbol;
-    std::mt19937 random(11);
-    for (int step = 0; step < 30000; ++step) {
-        const QByteArray name = "n" + QByteArray::number(int(random() % 600));
-        if (random() % 4 == 0) {
-            const uint32_t symbol = byName.count(name) ? byName[name] : 0;
-            const uint32_t got = r.lookupOrDefine(name);
-            if (symbol) {
-                ASSERT_EQ(got, symbol);
-            } else {
-                byName[name] = got;
-                bySymbol[got] = name;
-            }
-        } else {
-            // Mostly low symbols so that names and symbols move; now and then a far one.
-            const uint32_t symbol =
-                random() % 50 == 0 ? 0x7FFFFF00u + random() % 256 : 1 + random() % 700;
-            const bool changes = !byName.count(name) || byName[name] != symbol;
-            ASSERT_EQ(r.define(name, symbol), changes);
-            if (byName.count(name))
-                bySymbol.erase(byName[name]);
-            if (bySymbol.count(symbol))
-                byName.erase(bySymbol[symbol]);
-            byName[name] = symbol;
-            bySymbol[symbol] = name;
-        }
-        const QByteArray probe = "n" + QByteArray::number(int(random() % 600));
-        ASSERT_EQ(r.lookup(probe), byName.count(probe) ? byName[probe] : 0u) << probe.constData();
-        ASSERT_EQ(r.size(), int(byName.size()));
-    }
-    for (const auto& entry : byName) {
-        EXPECT_EQ(r.lookup(entry.first), entry.second);
-        EXPECT_EQ(r.lookup(entry.second), entry.first);
-        EXPECT_EQ(r.sharedName(entry.first).constData(), r.lookup(entry.second).constData());
-    }
 }

@@ -5,7 +5,6 @@
 #include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
-#include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
 
 #include <gtest/gtest.h>
@@ -79,22 +78,6 @@ TEST(Handshake, FreshSessionFirstOutputPass) {
         later[0].packet(),
         packet(0, 2, 0,
                Bytes().word(40).str("load-module").word(6).str("Other.Module").word(0).data()));
-}
-
-TEST(Handshake, OkAndErrorRepliesByteForByte) {
-    BundleDispatcher d;
-    pass(d); // the "info" bundle
-    d.loadModule(9, QStringLiteral("Foo"), {});
-    d.loadModule(0, QStringLiteral("Quillon.Dovel.Handshake"), {});
-    const std::vector<Bundle> out = pass(d);
-    ASSERT_EQ(out.size(), 1u);
-    // error, load-module, Foo, {description: Module not found}
-    const QByteArray error = QByteArray::fromHex(
-        "4c000000 05000000 6572726f72000000 0b000000 6c6f61642d6d6f64756c6500 03000000 466f6f00"
-        "01000000 0b000000 6465736372697074696f6e00 10000000 4d6f64756c65206e6f7420666f756e64");
-    const QByteArray ok =
-        BundleTest::reply(104, "ok", "Quillon.Dovel.Handshake", "Module reloaded successfully");
-    EXPECT_EQ(out[0].packet().toHex(), packet(0, 2, 0, error + ok).toHex());
 }
 
 TEST(Handshake, ReceiverSkipsUnknownCommandsByLength) {

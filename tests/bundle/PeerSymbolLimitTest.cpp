@@ -9,7 +9,6 @@
 #include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
-#include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
 
 #include <gtest/gtest.h>
@@ -67,18 +66,4 @@ TEST(PeerSymbolLimit, ANameLongerThanAnyPathStaysUndefined) {
                             .arg(QString(80, 'n')),
                         Basalt::Trace::Error),
               1);
-}
-
-TEST(PeerSymbolLimit, NamesThisSideHoldsAreKeptOnceForBothRegistries) {
-    Basalt::SymbolRegistry local;
-    local.lookupOrDefine("tree/a");
-    PeerSymbols peer;
-    SymbolRegistryReceiver receiver(peer, Limits::MaxPeerSymbols, &local);
-    const Bundle bundle(packet(1, 1, 0, Bytes().word(9).str("tree/a").word(8).str("new").data()));
-    BundleReader reader(bundle);
-    receiver.handleBundle(reader);
-    EXPECT_EQ(peer.lookup(9u), QByteArray("tree/a"));
-    EXPECT_EQ(peer.lookup(9u).constData(), local.lookup(1u).constData()); // shared bytes
-    EXPECT_EQ(peer.lookup(8u), QByteArray("new"));
-    EXPECT_EQ(local.lookup(QByteArray("new")), 0u); // looked up, never defined here
 }

@@ -1,7 +1,6 @@
-// The bundle controller on its own: automatic and manual mode, tasks, the order of node
-// updates and output flushes, work for a core that is gone or whose session ended, a
-// failing bundle inside a batch, and the wake-up of the tree thread.
-#include "Dovel/bundle/ModuleNames.h"
+// The bundle controller on its own: automatic and manual mode, work for a core whose
+// node is gone or whose session ended, folding while the peer is behind, and where a
+// core is destroyed.
 #include "Dovel/session/BundleController.h"
 #include "Dovel/session/Connection.h"
 #include "Dovel/session/TreeExecutor.h"
@@ -17,7 +16,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -56,16 +54,6 @@ struct SlowPeer : Recorder {
     std::function<void()> wake;
 };
 
-// A node that logs its updates.
-struct CountingNode : RemoteNode {
-    CountingNode(Log* log) : RemoteNode(nullptr, "counting"), log(log) {}
-    void update() override {
-        log->push_back("update");
-        RemoteNode::update();
-    }
-    Log* log;
-};
-
 BundleControllerParams params(std::shared_ptr<Dovel::Connection> connection, bool autoUpdate) {
     BundleControllerParams p;
     p.connection = std::move(connection);
@@ -91,21 +79,6 @@ struct HandRunExecutor : Dovel::TreeExecutor {
     }
 };
 
-// A tree holding a/value = 3.5 and the bundles of its first output pass (handshake,
-// symbols, the new attribute), with the controller that sent them.
-struct FirstBatch {
-    RemoteNode source{nullptr, "source"};
-    std::shared_ptr<Recorder> out = std::make_shared<Recorder>(nullptr, "source");
-    std::shared_ptr<BundleController> sender;
-    FirstBatch() {
-        auto* value = new Tessel::AttributeT<float>();
-        value->setValue(3.5f, Tessel::Attribute::LayerRemote);
-        EXPECT_TRUE(source.addDeepAttribute("a/value", value));
-        sender = BundleController::create(source, params(out, false));
-        sender->update();
-    }
-};
-
 // The float at a/value of `node`; -1 when there is none.
 float valueAt(RemoteNode& node) {
     auto* copy = dynamic_cast<Tessel::AttributeT<float>*>(
@@ -125,25 +98,6 @@ void drainAutomaticCores() {
 }
 
 } // namespace
-
-TEST(Controller, WithTwoCoresOnOneNodeTheHookUpdatesThreeTimesAndFlushesBeforeTheThird) {
-    Log log;
-    {
-        CountingNode node(&log);
-        auto a =
-            BundleController::create(node, params(std::make_shared<Recorder>(&log, "a"), true));
-        auto b =
-            BundleController::create(node, params(std::make_shared<Recorder>(&log, "b"), true));
-        EXPECT_EQ(BundleController::automaticCoreCount(), 2);
-        Tessel::UpdateLoop::runOnce(); // initialises both cores
-        log.clear();
-        Tessel::UpdateLoop::runOnce();
-        EXPECT_EQ(log, (Log{"update", "update", "flush a", "flush b", "update"}));
-        a.reset();
-        b.reset();
-        drainAutomaticCores();
-    }
-}
 
 TEST(Controller, ScheduleProcessAfterTheNodeIsDestroyedIsDropped) {
     Basalt::TraceCapture trace;
@@ -170,53 +124,14 @@ TEST(Controller, ScheduleProcessAfterTheNodeIsDestroyedIsDropped) {
     EXPECT_EQ(trace.count("", Basalt::Trace::Warning), 0) << trace.dump().toStdString();
 }
 
-TEST(Controller, ATaskThatAddsATaskHasItRunInTheSameUpdateEvenWithOutputOff) {
-    Log log;
-    RemoteNode node(nullptr, "n");
-    auto controller =
-        BundleController::create(node, params(std::make_shared<Recorder>(&log, "a"), false));
-    controller->update();
-    ASSERT_EQ(log, (Log{"flush a"}));
-    controller->setEnabled(false);
-    log.clear();
-    std::vector<int> order;
-    controller->addTask([&](BundleController::Core&) {
-        order.push_back(1);
-        controller->addTask([&](BundleController::Core&) { order.push_back(2); });
-    });
-    controller->update();
-    EXPECT_EQ(order, (std::vector<int>{1, 2}));
-    EXPECT_TRUE(log.empty());
-}
-
-TEST(Controller, AThrowingBundleDoesNotStopTheRestOfItsBatch) {
-    FirstBatch first;
-    ASSERT_GE(first.out->sent.size(), 2u);
-    const uint32_t symbolType = first.sender->lockCore()->bundleDispatcher().resolveMessageType(
-        Dovel::ModuleNames::SymbolRegistry);
-
-    // A symbol-registry bundle that ends inside its first pair, right after the handshake.
-    Bundle broken;
-    broken.mutablePacket().append(QByteArray(4, '\x07'));
-    broken.setHeader(4, symbolType, 99, 0);
-    std::vector<Bundle> batch = first.out->sent;
-    batch.insert(batch.begin() + 1, broken);
-
-    RemoteNode target(nullptr, "target");
-    auto counters = std::make_shared<Dovel::BundleCounters>();
-    BundleControllerParams p = params(nullptr, false);
-    p.counters = counters;
-    auto receiver = BundleController::create(target, p);
-    Basalt::TraceCapture trace;
-    receiver->process(batch);
-    EXPECT_EQ(trace.count("", Basalt::Trace::Warning), 1) << trace.dump().toStdString();
-    EXPECT_EQ(counters->bundlesFailed.load(), 1u);
-    EXPECT_EQ(counters->bundlesReceived.load(), uint64_t(batch.size() - 1));
-    EXPECT_EQ(valueAt(target), 3.5f);
-}
-
 TEST(Controller, AnEndedSessionAppliesWhatItHadQueuedAndSendsNothingUnlessItNeverRan) {
-    const std::vector<Bundle> batch = FirstBatch().out->sent;
+    // A first output pass (handshake, symbols, a/value = 3.5) from another tree.
+    RemoteNode source(nullptr, "source");
+    ASSERT_TRUE(
+        source.addDeepAttribute("a/value", new Tessel::AttributeT<float>(nullptr, "", 3.5f)));
+    auto out = std::make_shared<Recorder>(nullptr, "source");
+    BundleController::create(source, params(out, false))->update();
+    const std::vector<Bundle> batch = out->sent;
 
     // A session that never ran is dropped with what it had queued: announcing the tree
     // (a walk of all of it) and listening to it only to stop at once would be waste.
@@ -310,27 +225,6 @@ TEST(Controller, WhileThePeerIsBehindChangesAreFoldedAndLeaveOnceWithTheirNewest
     EXPECT_EQ(copyC->value(), 8);
     EXPECT_EQ(target.attribute("n")->attribute("b"), nullptr);
     EXPECT_EQ(target.attribute("n")->attribute("d"), nullptr);
-}
-
-TEST(Controller, ThrowingTasksStopNeitherTheirBatchNorTheAutomaticHook) {
-    Basalt::TraceCapture trace;
-    RemoteNode node(nullptr, "n");
-    auto controller = BundleController::create(node, params(nullptr, true));
-    int ran = 0;
-    controller->addTask([](BundleController::Core&) { throw std::runtime_error("task failed"); });
-    controller->addTask([&](BundleController::Core&) { ++ran; });
-    Tessel::UpdateLoop::runOnce();
-    EXPECT_EQ(ran, 1);
-    EXPECT_EQ(trace.count("task failed", Basalt::Trace::Error), 1);
-    // What escapes the session reaches the host's loop, and the hook comes back.
-    controller->addTask([](BundleController::Core&) { throw 42; });
-    Tessel::UpdateLoop::runOnce();
-    controller->addTask([&](BundleController::Core&) { ++ran; });
-    for (int i = 0; i < 3 && ran < 2; ++i)
-        Tessel::UpdateLoop::runOnce();
-    EXPECT_EQ(ran, 2);
-    controller.reset();
-    drainAutomaticCores();
 }
 
 TEST(Controller, ACoreIsDestroyedOnItsTreeThreadWhereverItsLastReferenceGoes) {

@@ -1,26 +1,13 @@
-// A server and clients over loopback TCP, each side with its own RemoteNode and its own
-// tree thread: changes both ways, additions and removals, events, a client that hangs
-// up right after sending (another kept in step), an observer across a server restart,
-// and sessions run by the host's update loop.
+// A server and a client over loopback TCP, each side with its own RemoteNode and its own
+// tree thread: changes, additions and removals both ways, and an observer that reconnects
+// across a server restart and resyncs to the new server tree.
 #include "SessionHarness.h"
-
-#include "Basalt/BinaryData.h"
-#include "Basalt/Trace.h"
-#include "Dovel/session/BundleController.h"
-#include "Dovel/session/SessionConnection.h"
-#include "Tessel/UpdateLoop.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <functional>
-#include <future>
-#include <limits>
-#include <mutex>
-#include <thread>
 #include <tuple>
 
-using namespace SessionTest;
+using namespace SessionHarness;
 using Dovel::SessionClient;
 using Dovel::SessionServer;
 using Tessel::AttributeT;
@@ -35,51 +22,6 @@ void addScene(Side& side, int count) {
             a->setValue(float(i) + 0.5f, L2);
             side.node.addDeepAttribute("scene/v" + QByteArray::number(i), a);
         }
-    });
-}
-
-// The host's tree thread for trees without a driver: it waits a minute unless woken,
-// so every change that arrives shows that queued work and local changes wake it.
-class HostLoop {
-public:
-    HostLoop()
-        : thread([this] {
-              while (!stop.load())
-                  Tessel::UpdateLoop::waitAndRun(60000);
-          }) {}
-    ~HostLoop() {
-        stop.store(true);
-        Tessel::UpdateLoop::wake();
-        thread.join();
-    }
-    // Runs `f` on the host's tree thread and waits.
-    void run(const std::function<void()>& f) {
-        std::atomic<bool> done{false};
-        Tessel::UpdateLoop::post([&] {
-            f();
-            done.store(true);
-        });
-        ASSERT_TRUE(waitUntil([&] { return done.load(); }));
-    }
-    float floatAt(Dovel::RemoteNode& node, const QByteArray& path) {
-        float value = std::numeric_limits<float>::quiet_NaN();
-        run([&] {
-            if (auto* a = typed<float>(node, path))
-                value = a->value();
-        });
-        return value;
-    }
-
-private:
-    std::atomic<bool> stop{false};
-    std::thread thread;
-};
-
-// True once the update-loop hook has dropped every closed automatic core.
-bool automaticCoresDropped() {
-    return waitUntil([&] {
-        Tessel::UpdateLoop::wake();
-        return Dovel::BundleController::automaticCoreCount() == 0;
     });
 }
 
@@ -99,22 +41,15 @@ TEST(EndToEnd, ChangesAdditionsAndRemovalsTravelBothWays) {
     EXPECT_TRUE(waitUntil([&] { return floatAt(mirror, "scene/v1") == 42.0f; }));
     setFloat(mirror, "scene/v2", -7.0f);
     EXPECT_TRUE(waitUntil([&] { return floatAt(master, "scene/v2") == -7.0f; }));
-    // A burst of changes ends with the last value on both sides.
-    for (int i = 0; i < 50; ++i)
-        setFloat(mirror, "scene/v0", float(i));
-    EXPECT_TRUE(waitUntil([&] { return floatAt(master, "scene/v0") == 49.0f; }));
 
     // Added on the server, then on the client.
     master.run([&] {
-        auto* a = new AttributeT<QString>();
-        a->setValue(QStringLiteral("from server"), L2);
-        master.node.addDeepAttribute("extra/fromServer", a);
+        master.node.addDeepAttribute("extra/fromServer",
+                                     new AttributeT<QString>(nullptr, "", "from server"));
     });
     ASSERT_TRUE(waitUntil([&] { return hasPath(mirror, "extra/fromServer"); }));
     mirror.run([&] {
-        auto* a = new AttributeT<int32_t>();
-        a->setValue(17, L2);
-        mirror.node.addDeepAttribute("extra/fromClient", a);
+        mirror.node.addDeepAttribute("extra/fromClient", new AttributeT<int32_t>(nullptr, "", 17));
     });
     ASSERT_TRUE(waitUntil([&] { return hasPath(master, "extra/fromClient"); }));
     ASSERT_TRUE(waitSame(master, mirror));
@@ -125,103 +60,7 @@ TEST(EndToEnd, ChangesAdditionsAndRemovalsTravelBothWays) {
         side->run([&] { delete at(side->node, QByteArray("extra/") + name); });
         EXPECT_TRUE(waitUntil([&] { return !hasPath(*peer, QByteArray("extra/") + name); }));
     }
-    EXPECT_TRUE(waitSame(master, mirror)) << describe(snapshot(master)).constData() << "--\n"
-                                          << describe(snapshot(mirror)).constData();
-}
-
-TEST(EndToEnd, OneWayAndSlicedEventsArriveOnceAndInOrder) {
-    Side master("master");
-    Side mirror("mirror");
-    SessionServer server(master.node, &master.driver);
-    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
-    SessionClient client(mirror.node, &mirror.driver);
-    client.connectToHost("127.0.0.1", server.port());
-    ASSERT_TRUE(waitUntil([&] { return client.isConnected() && server.clientCount() == 1; }));
-
-    std::mutex mutex;
-    std::vector<QByteArray> received; // name: bytes
-    for (const char* name : {"first", "big", "second"})
-        mirror.node.eventAddListenerBd(
-            name,
-            [&, name](Basalt::BinaryData& data) {
-                std::lock_guard<std::mutex> lock(mutex);
-                received.push_back(name + (":" + data.toByteArray()));
-            },
-            Tessel::Node::Direct);
-    // Events go out once the session has announced itself: wait for the first pass.
-    ASSERT_TRUE(waitUntil([&] { return server.stats().bundlesSent.load() > 0; }));
-    QByteArray big(1 << 20, '\0');
-    for (int i = 0; i < big.size(); ++i)
-        big[i] = char(i * 7);
-    master.run([&] {
-        Basalt::BinaryData first = Basalt::BinaryData::fromByteArray("1");
-        master.node.eventProcess("first", first);
-        Basalt::BinaryData bigData = Basalt::BinaryData::fromByteArray(big);
-        master.node.eventProcessSlice("big", bigData, 64 * 1024);
-        Basalt::BinaryData second = Basalt::BinaryData::fromByteArray("2");
-        master.node.eventProcess("second", second);
-    });
-    ASSERT_TRUE(waitUntil([&] {
-        std::lock_guard<std::mutex> lock(mutex);
-        return received.size() >= 3;
-    }));
-    int unfinished = -1;
-    mirror.driver.call([&] { unfinished = mirror.node.sliceReassemblyCount(); });
-    EXPECT_EQ(unfinished, 0);
-    std::lock_guard<std::mutex> lock(mutex);
-    EXPECT_EQ(received, (std::vector<QByteArray>{"first:1", "big:" + big, "second:2"}));
-}
-
-TEST(EndToEnd, WhatAClientSendsJustBeforeItHangsUpReachesTheServerAndTheOtherClients) {
-    Side master("master");
-    Side leaving("leaving");
-    Side staying("staying");
-    addScene(master, 3);
-    SessionServer server(master.node, &master.driver);
-    ASSERT_TRUE(server.listen(0, "127.0.0.1"));
-    auto leaves = std::make_unique<SessionClient>(leaving.node, &leaving.driver);
-    leaves->connectToHost("127.0.0.1", server.port());
-    ASSERT_TRUE(waitUntil([&] { return server.clientCount() == 1; }));
-    std::shared_ptr<Dovel::BundleController> leavingSession =
-        server.sessions().front()->controller();
-    SessionClient stays(staying.node, &staying.driver);
-    stays.connectToHost("127.0.0.1", server.port());
-    ASSERT_TRUE(waitSame(master, leaving));
-    ASSERT_TRUE(waitSame(master, staying));
-    ASSERT_TRUE(waitUntil([&] { return server.clientCount() == 2; }));
-    std::shared_ptr<Dovel::BundleController> stayingSession;
-    for (const auto& session : server.sessions())
-        if (session->controller() != leavingSession)
-            stayingSession = session->controller();
-    ASSERT_TRUE(leavingSession && stayingSession);
-
-    // The server's tree thread stops in a pass after it has run the leaving session's
-    // tasks, and goes on once the batch has arrived and the session has ended: the next
-    // pass finds the batch in a session that is over.
-    std::promise<void> stopped;
-    std::promise<void> gate;
-    stayingSession->addTask([&stopped, open = gate.get_future().share()](auto&) {
-        stopped.set_value();
-        open.wait();
-    });
-    stopped.get_future().wait();
-    leaving.run([&] { // one batch
-        typed<float>(leaving.node, "scene/v1")->setValue(42.0f, L2);
-        auto* a = new AttributeT<int32_t>();
-        a->setValue(5, L2);
-        leaving.node.addDeepAttribute("added/last", a);
-    });
-    EXPECT_TRUE(waitUntil([&] { return leavingSession->receiveBacklog().bytes() > 0; }));
-    leaves.reset();
-    EXPECT_TRUE(waitUntil([&] { return server.stats().sessionsEnded.load() == 1; }));
-    leavingSession.reset(); // controllers are released on the tree thread
-    stayingSession.reset();
-    gate.set_value();
-
-    EXPECT_TRUE(waitUntil([&] { return floatAt(staying, "scene/v1") == 42.0f; }));
-    EXPECT_TRUE(waitUntil([&] { return hasPath(staying, "added/last"); }));
-    EXPECT_TRUE(waitSame(master, staying));
-    EXPECT_EQ(floatAt(master, "scene/v1"), 42.0f);
+    EXPECT_TRUE(waitSame(master, mirror));
 }
 
 TEST(EndToEnd, AnObserverNeverWritesAndEachSessionMakesItTheServersCopy) {
@@ -279,28 +118,6 @@ TEST(EndToEnd, AnObserverNeverWritesAndEachSessionMakesItTheServersCopy) {
     ASSERT_TRUE(server->listen(port, "127.0.0.1"));
     ASSERT_TRUE(waitUntil([&] { return client.stats().sessionsStarted.load() == 2; }, 15000));
     ASSERT_TRUE(waitUntil([&] { return client.stats().batchesApplied.load() >= 2; }));
-    ASSERT_TRUE(waitSame(master, observer)) << describe(snapshot(master)).constData() << "--\n"
-                                            << describe(snapshot(observer)).constData();
+    ASSERT_TRUE(waitSame(master, observer));
     EXPECT_EQ(attributeCount(master), 5);
-}
-
-TEST(EndToEnd, AServerAndAClientWithoutDriversShareTheHostUpdateLoop) {
-    // Both trees live on the one host tree thread; the hook runs both sessions.
-    Dovel::RemoteNode shared(nullptr, "shared");
-    Dovel::RemoteNode mirror(nullptr, "mirror");
-    auto* value = new AttributeT<float>();
-    value->setValue(1.0f, L2);
-    ASSERT_TRUE(shared.addDeepAttribute("scene/value", value));
-    HostLoop host;
-    {
-        SessionServer server(shared, nullptr);
-        ASSERT_TRUE(server.listen(0, "127.0.0.1"));
-        SessionClient client(mirror, nullptr);
-        client.connectToHost("127.0.0.1", server.port());
-        EXPECT_TRUE(waitUntil([&] { return host.floatAt(mirror, "scene/value") == 1.0f; }));
-        EXPECT_EQ(Dovel::BundleController::automaticCoreCount(), 2);
-        host.run([&] { typed<float>(mirror, "scene/value")->setValue(8.0f, L2); });
-        EXPECT_TRUE(waitUntil([&] { return host.floatAt(shared, "scene/value") == 8.0f; }));
-    }
-    EXPECT_TRUE(automaticCoresDropped());
 }

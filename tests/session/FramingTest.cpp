@@ -15,8 +15,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <thread>
 
 using namespace TransportTest;
 using Dovel::Bundle;
@@ -173,21 +171,6 @@ TEST(Framing, BatchesAreReadAndHostileCountsAndSizesEndTheConnection) {
     }
 }
 
-TEST(Framing, HalfABatchAndThenSilenceEndsAtThePingTimeout) {
-    Fixture f;
-    f.connection->setTimeoutSeconds(1.0);
-    f.connection->writerThread()->setPingIntervalSeconds(0.2);
-    ASSERT_TRUE(f.connect());
-    ASSERT_EQ(f.peer->readLine(), QByteArray("ping initialized"));
-    ASSERT_TRUE(f.peer->send("pong initialized\n"));
-    ASSERT_TRUE(waitUntil([&] { return f.connection->isPingSupported(); }));
-    // One bundle and a part of the second, then nothing more, with the socket open.
-    ASSERT_TRUE(f.peer->send("dovel2 2\n" + first + second.left(20)));
-    EXPECT_TRUE(waitUntil([&] { return !f.connection->isConnected(); }, 5000));
-    EXPECT_TRUE(f.peer->waitClosed(2000));
-    EXPECT_EQ(f.counters->batchesReceived.load(), 0u); // nothing of the half batch is applied
-}
-
 TEST(Framing, APeerThatStopsReadingIsDisconnectedOnceBatchesPileUp) {
     Fixture f;
     ASSERT_TRUE(f.connect());
@@ -213,69 +196,4 @@ TEST(Framing, APeerThatStopsReadingIsDisconnectedOnceBatchesPileUp) {
     // About the ceiling and the batch that crossed it (the writer counts a part-written
     // item in whole): nothing like the pile an unbounded writer would hold.
     EXPECT_LE(mostWaiting, Ceiling + 2 * packet.size());
-}
-
-TEST(Framing, EmptyBatchesCountTowardsWhatWaitsForTheTreeThread) {
-    Fixture f;
-    ASSERT_TRUE(f.connect());
-    // Each "dovel2 0" queues a task for the tree thread (which does not run here): past
-    // the limit's worth of tasks, reading stops as for bundles.
-    const int lines = int(Dovel::Limits::MaxUnappliedBatchBytes / Dovel::ReceiveBacklog::TaskBytes);
-    std::thread writer([&] {
-        QByteArray many;
-        for (int i = 0; i < lines + 1000; ++i)
-            many += "dovel2 0\n";
-        f.peer->send(many);
-    });
-    EXPECT_TRUE(waitUntil(
-        [&] {
-            return f.controller->receiveBacklog().bytes() > Dovel::Limits::MaxUnappliedBatchBytes;
-        },
-        30000));
-    EXPECT_TRUE(waitUntil(
-        [&] {
-            f.controller->update();
-            return f.counters->batchesReceived.load() == uint64_t(lines + 1000) &&
-                   f.controller->receiveBacklog().bytes() == 0;
-        },
-        30000));
-    writer.join();
-    EXPECT_TRUE(f.connection->isConnected());
-}
-
-TEST(Framing, ALargeBatchIsHandedOverInPiecesBeforeItsLastBundleHasCome) {
-    Fixture f;
-    ASSERT_TRUE(f.connect());
-    // Bundles of 8 MiB: two make a piece.
-    constexpr int Payload = 8 << 20;
-    QByteArray bundle = QByteArray::fromHex("00008000 07000000 01000000 00000000");
-    bundle.append(QByteArray(Payload, '\0'));
-    const int64_t bundleBytes = bundle.size();
-    const int64_t twoBundles = Dovel::ReceiveBacklog::chargeOf(2, 2 * bundleBytes);
-    const Dovel::ReceiveBacklog& backlog = f.controller->receiveBacklog();
-
-    const auto dispatched = [&] {
-        return f.counters->bundlesReceived.load() + f.counters->bundlesFailed.load();
-    };
-
-    // The first two bundles of three are scheduled, and may be applied, before the third
-    // has come; the batch counts as applied after its last piece. (A piece is charged to
-    // the backlog just before its task is queued: updates are repeated until it ran.)
-    ASSERT_TRUE(f.peer->send("dovel2 3\n" + bundle + bundle));
-    EXPECT_TRUE(waitUntil([&] { return backlog.bytes() == twoBundles; }));
-    EXPECT_EQ(f.counters->batchesReceived.load(), 1u);
-    EXPECT_TRUE(waitUntil([&] {
-        f.controller->update();
-        return dispatched() == 2u;
-    }));
-    EXPECT_EQ(f.counters->batchesApplied.load(), 0u);
-    ASSERT_TRUE(f.peer->send(bundle));
-    EXPECT_TRUE(waitUntil([&] {
-        f.controller->update();
-        return dispatched() == 3u;
-    }));
-    EXPECT_EQ(backlog.bytes(), 0);
-    EXPECT_EQ(f.counters->batchesApplied.load(), 1u);
-
-    EXPECT_TRUE(f.connection->isConnected());
 }

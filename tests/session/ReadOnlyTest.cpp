@@ -9,7 +9,7 @@
 
 #include <atomic>
 
-using namespace SessionTest;
+using namespace SessionHarness;
 using Dovel::SessionClient;
 using Dovel::SessionServer;
 using Tessel::AttributeT;

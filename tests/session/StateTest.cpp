@@ -1,11 +1,11 @@
-// The state and counters that a server and a client expose over a connection's life.
+// A client retries until a server listens, and stop() ends its session on both sides.
 #include "SessionHarness.h"
 
 #include "transport/TransportTestUtil.h"
 
 #include <gtest/gtest.h>
 
-using namespace SessionTest;
+using namespace SessionHarness;
 using Dovel::SessionState;
 
 TEST(SessionStateAndCounters, AClientRetriesUntilAServerListensAndReportsEachStep) {
@@ -34,13 +34,6 @@ TEST(SessionStateAndCounters, AClientRetriesUntilAServerListensAndReportsEachSte
     ASSERT_TRUE(waitSame(master, mirror));
     EXPECT_EQ(client.stats().sessionsStarted.load(), 1u);
     EXPECT_EQ(server.stats().sessionsStarted.load(), 1u);
-    EXPECT_EQ(server.sessions().size(), 1);
-    EXPECT_GT(server.stats().bytesSent.load(), 0u);
-    EXPECT_GT(client.stats().bytesReceived.load(), 0u);
-    EXPECT_GT(client.stats().bundlesReceived.load(), 0u);
-    EXPECT_GT(server.stats().bundlesSent.load(), 0u);
-    EXPECT_EQ(client.stats().bundlesFailed.load(), 0u);
-    EXPECT_STREQ(Dovel::sessionStateName(client.state()), "connected");
 
     client.stop();
     EXPECT_EQ(client.state(), SessionState::Idle);

@@ -1,5 +1,5 @@
 // NodeChangeSender and its compressor: what one period of changes turns into on the
-// wire, byte for byte, and the ignore set.
+// wire, byte for byte, and where a pass past the bundle size is cut.
 #include "SessionHarness.h"
 
 #include "bundle/BundleTestUtil.h"
@@ -21,8 +21,8 @@ using Dovel::AttributeChangeCompressor;
 using Dovel::Bundle;
 using Dovel::ChangeData;
 using Dovel::RemoteNode;
-using SyncTest::ev;
-using SyncTest::Session;
+using SessionHarness::ev;
+using SessionHarness::Session;
 using Tessel::Attribute;
 using Tessel::AttributeT;
 
@@ -70,24 +70,6 @@ TEST(ChangeCompressor, KeepsOneEntryPerAttributeAndKind) {
     // The same addition reported twice is announced once.
     EXPECT_EQ(compress({ev(Added, 1), ev(Added, 2), ev(Added, 1)}),
               (V{{Added, 2, 0}, {Added, 1, 0}}));
-}
-
-TEST(ChangeCompressor, EachPeriodStartsFromNothing) {
-    // A compressor kept across periods answers as a new one would: nothing of a period
-    // (dense symbols or one far above them) is left in its sets for the next.
-    AttributeChangeCompressor reused;
-    const uint32_t far = 1u << 30;
-    const std::vector<std::vector<Dovel::NodeWatcher::Event>> periods = {
-        {ev(Added, 1), ev(Changed, 1), ev(Removed, 2), ev(Changed, far)},
-        {ev(Changed, 1), ev(Added, 2), ev(Changed, far)},
-        {ev(Added, 1), ev(Changed, 2), ev(Removed, far)},
-        {ev(Changed, 1), ev(Changed, 2), ev(Added, far)},
-    };
-    for (const auto& period : periods) {
-        std::vector<ChangeData> out;
-        reused.compress(period, out);
-        EXPECT_EQ(out, compress(period));
-    }
 }
 
 TEST(ChangeSender, WritesSymbolsThenRunsOfEqualKindByteForByte) {
@@ -147,57 +129,6 @@ TEST(ChangeSender, WritesSymbolsThenRunsOfEqualKindByteForByte) {
     EXPECT_EQ(out[0].packet(),
               packet(EventType, 11, 0, Bytes().word(symGo).word(5).hex("3132333435000000").data()));
     EXPECT_EQ(log.count("", Basalt::Trace::Error), 1);
-}
-
-TEST(ChangeSender, IgnoreSetSwallowsExactlyOneEchoAndReportsDoubles) {
-    RemoteNode node(nullptr, "root");
-    auto* a = new AttributeT<int>(nullptr, "", 1);
-    node.addDeepAttribute("a", a);
-    Session session(node, false, true);
-    session.output();
-    const Dovel::NodeWatcher::Event echo{Changed, node.symbolRegistry().lookup("a")};
-
-    Basalt::TraceCapture log;
-    session.sender->ignoreOne(echo);
-    session.sender->ignoreOne(echo);
-    EXPECT_EQ(log.count("", Basalt::Trace::Error), 1);
-    EXPECT_EQ(session.sender->ignoredCount(), 1);
-    a->set(2, L2); // swallowed
-    EXPECT_TRUE(session.output().empty());
-    a->set(3, L2); // sent
-    EXPECT_EQ(session.output().size(), 1u);
-    EXPECT_FALSE(session.sender->stopIgnoring(echo));
-}
-
-// A value too large for any bundle a peer takes is announced without it and its changes
-// are dropped (logged): the rest of the tree keeps travelling in the same session, where
-// a bundle the peer refused would end the session, and every resync with it.
-TEST(ChangeSender, AValueTooLargeForABundleIsNotSentAndTheRestTravels) {
-    RemoteNode left(nullptr, "left");
-    RemoteNode right(nullptr, "right");
-    const QString huge(Dovel::Limits::MaxBundlePayloadBytes, QChar('x'));
-    auto* big = new AttributeT<QString>(nullptr, "", huge);
-    auto* small = new AttributeT<int>(nullptr, "", 1);
-    left.addDeepAttribute("big/text", big);
-    left.addDeepAttribute("small/v", small);
-    Session a(left, true, true);
-    Session b(right, false, true);
-    Basalt::TraceCapture log;
-    SyncTest::pump(a, b);
-    ASSERT_TRUE(SyncTest::typed<QString>(right, "big/text"));
-    EXPECT_TRUE(SyncTest::typed<QString>(right, "big/text")->value().isEmpty());
-    EXPECT_EQ(SyncTest::typed<int>(right, "small/v")->value(), 1);
-    EXPECT_EQ(log.count("", Basalt::Trace::Error), 1) << log.dump().left(2000).toStdString();
-
-    big->set(huge + "y", L2);
-    small->set(2, L2);
-    SyncTest::pump(a, b);
-    EXPECT_EQ(SyncTest::typed<int>(right, "small/v")->value(), 2);
-    EXPECT_EQ(log.count("", Basalt::Trace::Error), 2);
-    big->set(QStringLiteral("small again"), L2);
-    SyncTest::pump(a, b);
-    EXPECT_EQ(SyncTest::typed<QString>(right, "big/text")->value(), "small again");
-    EXPECT_EQ(log.count("Session::input"), 0);
 }
 
 TEST(ChangeSender, APassPastTheBundleSizeGoesOnInFurtherBundlesOfItsKind) {
@@ -266,7 +197,7 @@ TEST(ChangeSender, APassPastTheBundleSizeGoesOnInFurtherBundlesOfItsKind) {
     const std::vector<Bundle> back = b.output();
     b.input(out);
     a.input(back);
-    SyncTest::pump(a, b);
+    SessionHarness::pump(a, b);
     EXPECT_EQ(rightHolds("value-"), Count);
 
     for (int i = 0; i < Count; ++i)

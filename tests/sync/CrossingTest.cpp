@@ -12,8 +12,8 @@
 
 using Dovel::Bundle;
 using Dovel::RemoteNode;
-using SyncTest::pump;
-using SyncTest::Session;
+using SessionHarness::pump;
+using SessionHarness::Session;
 using Tessel::Attribute;
 using Tessel::AttributeT;
 
@@ -38,7 +38,7 @@ TEST(Crossing, AValueWrittenBeforeTheMastersBareAnswerArrivedIsKept) {
     o.input(answer);
     pump(m, o);
 
-    AttributeT<int>* mx = SyncTest::typed<int>(masterNode, "a/x");
+    AttributeT<int>* mx = SessionHarness::typed<int>(masterNode, "a/x");
     ASSERT_TRUE(mx);
     EXPECT_EQ(mx->value(), 2);
     EXPECT_EQ(x->value(), 2);
@@ -65,14 +65,14 @@ TEST(Crossing, ARemovalThatOvertookThePeersBareAnswerStays) {
         peer.input(removal);
         pump(owner, peer);
 
-        EXPECT_FALSE(SyncTest::typed<int>(ownerNode, "a/x"));
-        EXPECT_FALSE(SyncTest::typed<int>(peerNode, "a/x"));
+        EXPECT_FALSE(SessionHarness::typed<int>(ownerNode, "a/x"));
+        EXPECT_FALSE(SessionHarness::typed<int>(peerNode, "a/x"));
 
         // The path is not spoilt: a new attribute there travels as any other.
         auto* again = new AttributeT<int>(nullptr, "", 3);
         ownerNode.addDeepAttribute("a/x", again);
         pump(owner, peer);
-        AttributeT<int>* mirrored = SyncTest::typed<int>(peerNode, "a/x");
+        AttributeT<int>* mirrored = SessionHarness::typed<int>(peerNode, "a/x");
         ASSERT_TRUE(mirrored);
         EXPECT_EQ(mirrored->value(), 3);
     }
@@ -89,16 +89,16 @@ TEST(Crossing, TheSideThatReceivedARemovalMayAddTheAttributeAgain) {
         auto* x = new AttributeT<int>(nullptr, "", 1);
         removerNode.addDeepAttribute("a/x", x);
         pump(remover, other);
-        ASSERT_TRUE(SyncTest::typed<int>(otherNode, "a/x"));
+        ASSERT_TRUE(SessionHarness::typed<int>(otherNode, "a/x"));
         delete x;
         pump(remover, other);
-        ASSERT_FALSE(SyncTest::typed<int>(otherNode, "a/x"));
+        ASSERT_FALSE(SessionHarness::typed<int>(otherNode, "a/x"));
 
         // The other side adds it again, then changes it: both reach the remover.
         auto* again = new AttributeT<int>(nullptr, "", 5);
         otherNode.addDeepAttribute("a/x", again);
         pump(remover, other);
-        AttributeT<int>* back = SyncTest::typed<int>(removerNode, "a/x");
+        AttributeT<int>* back = SessionHarness::typed<int>(removerNode, "a/x");
         ASSERT_TRUE(back);
         EXPECT_EQ(back->value(), 5);
         again->set(6, L2);

@@ -17,8 +17,8 @@ using BundleTest::Bytes;
 using BundleTest::packet;
 using Dovel::Bundle;
 using Dovel::RemoteNode;
-using SyncTest::pump;
-using SyncTest::Session;
+using SessionHarness::pump;
+using SessionHarness::Session;
 using Tessel::Attribute;
 using Tessel::AttributeT;
 using Tessel::Node;
@@ -46,7 +46,7 @@ struct Pair {
     void toRight(uint32_t type, const Bytes& payload, uint32_t acknowledged = 0) {
         b->input({Bundle(packet(type, sequence++, acknowledged, payload.data()))});
     }
-    Attribute* rightAt(const QByteArray& path) { return SyncTest::at(right, path); }
+    Attribute* rightAt(const QByteArray& path) { return SessionHarness::at(right, path); }
 };
 
 } // namespace
@@ -210,41 +210,6 @@ TEST(Receivers, PathsWithAnEmptyComponentOrTooDeepAreSkippedWithTheirValues) {
     EXPECT_EQ(p.rightAt("e"), nullptr); // no node of it was made
     ASSERT_TRUE(p.rightAt(deepest));
     EXPECT_EQ(p.rightAt(deepest)->asInt(), 78);
-}
-
-TEST(Receivers, AnAttributeAnnouncedUnderARepurposedSymbolIsWatchedUnderItsOwnPath) {
-    Pair p;
-    p.start();
-    // The peer binds 700 to a/x, announces it, binds 700 anew to b/y and announces that:
-    // the record found by 700 is a/x's, whose symbol must not be taken for b/y.
-    p.toRight(SymbolsType, Bytes().word(700).str("a/x"));
-    p.toRight(NewType, Bytes().word(700).word(9).word(4).word(1).word(5));
-    p.toRight(SymbolsType, Bytes().word(700).str("b/y"));
-    p.toRight(NewType, Bytes().word(700).word(9).word(4).word(1).word(6));
-    Attribute* x = p.rightAt("a/x");
-    Attribute* y = p.rightAt("b/y");
-    ASSERT_TRUE(x && y);
-    const Dovel::AttributeCache& cache = p.right.attributeCache();
-    const Basalt::SymbolRegistry& symbols = p.right.symbolRegistry();
-    EXPECT_EQ(cache.find(symbols.lookup(QByteArray("a/x"))), x);
-    EXPECT_EQ(cache.find(symbols.lookup(QByteArray("b/y"))), y);
-    EXPECT_EQ(cache.symbolOf(y), symbols.lookup(QByteArray("b/y")));
-}
-
-TEST(Receivers, NodesAreMadeUnderANodeWhoseOwnAdditionIsStillQueued) {
-    Pair p;
-    p.start();
-    // Added here, and not watched before the next update: the receiver's node made
-    // under it is watched with it, by that update.
-    auto* local = new Node(&p.right, "a");
-    ASSERT_TRUE(p.right.watcher().isPendingUpdate(p.right.symbolRegistry().lookup("a")));
-    p.toRight(SymbolsType, Bytes().word(720).str("a/b/x"));
-    p.toRight(NewType, Bytes().word(720).word(9).word(4).word(1).word(11));
-    ASSERT_TRUE(p.rightAt("a/b/x"));
-    EXPECT_EQ(p.rightAt("a"), local);
-    EXPECT_EQ(p.rightAt("a/b/x")->asInt(), 11);
-    const Basalt::SymbolRegistry& symbols = p.right.symbolRegistry();
-    EXPECT_EQ(p.right.attributeCache().find(symbols.lookup(QByteArray("a/b"))), p.rightAt("a/b"));
 }
 
 TEST(Receivers, TheMasterReadsStaleUpdatesPastAndKeepsReading) {

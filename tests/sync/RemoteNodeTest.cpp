@@ -1,5 +1,5 @@
-// RemoteNode: event routing both ways, sliced events and their reassembly, the bounds on
-// what a peer announces, and path-pattern callbacks.
+// RemoteNode: event routing both ways, sliced events and their reassembly, and the
+// bounds on what a peer announces.
 #include "SessionHarness.h"
 
 #include "Dovel/Limits.h"
@@ -7,26 +7,16 @@
 
 #include "Basalt/BinaryData.h"
 #include "Basalt/Trace.h"
-#include "Tessel/AttributeAlias.h"
 #include "Tessel/AttributeT.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstring>
-#include <mutex>
-#include <set>
-#include <thread>
-
 using Basalt::BinaryData;
 using Dovel::RemoteNode;
-using Tessel::Attribute;
 using Tessel::AttributeT;
 using Tessel::Node;
 
 namespace {
-
-constexpr auto L3 = Attribute::LayerUser;
 
 // Events raised locally on a node, with their names.
 struct Outbox {
@@ -54,9 +44,6 @@ TEST(RemoteNode, LocalEventsGoOutAndReceivedEventsGoToLocalListeners) {
     std::vector<int> local;
     node.eventAddListenerBd(
         "ping", [&](BinaryData& data) { local.push_back(data.readInt32()); }, Node::Direct);
-    bool initialized = false;
-    node.eventAddListener(
-        "initialized", [&] { initialized = true; }, Node::Direct);
 
     BinaryData data;
     data.writeInt32(41);
@@ -80,11 +67,6 @@ TEST(RemoteNode, LocalEventsGoOutAndReceivedEventsGoToLocalListeners) {
     node.handleRemoteEvent("ping", received, 1);
     ASSERT_EQ(out.events.size(), 2u);
     EXPECT_EQ(out.events[1].first, QByteArray("pong"));
-
-    BinaryData none;
-    node.handleRemoteEvent("initialized", none, 1);
-    EXPECT_TRUE(initialized);
-    EXPECT_EQ(out.events.size(), 2u);
 }
 
 TEST(RemoteNode, SlicedEventIsReassembledInAnyOrder) {
@@ -102,7 +84,7 @@ TEST(RemoteNode, SlicedEventIsReassembledInAnyOrder) {
     const int32_t id = out.events[0].second.readInt32();
     out.events[0].second.rewind();
     EXPECT_EQ(out.events[0].second.toByteArray(),
-              SyncTest::sliceBegin(id, "big", 4, 10).toByteArray());
+              SessionHarness::sliceBegin(id, "big", 4, 10).toByteArray());
     const QByteArray whole = payload.toByteArray();
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(out.events[1 + i].first, QByteArray("event-slice"));
@@ -147,10 +129,10 @@ TEST(RemoteNode, BadSlicesAreRefusedAndPeerSizesBoundedBeforeAllocating) {
     node.eventAddListenerBd(
         "ev", [&](BinaryData&) { ++delivered; }, Node::Direct);
     const auto slice = [](int32_t id, int32_t index, int bytes) {
-        return SyncTest::slicePart(id, index, QByteArray(bytes, 'x'));
+        return SessionHarness::slicePart(id, index, QByteArray(bytes, 'x'));
     };
     const auto begin = [](int32_t id, int32_t sliceSize, int64_t total) {
-        return SyncTest::sliceBegin(id, "ev", sliceSize, total);
+        return SessionHarness::sliceBegin(id, "ev", sliceSize, total);
     };
     BinaryData open = begin(5, 4, 10);
     node.handleRemoteEvent("event-slice-begin", open, 1);
@@ -186,78 +168,4 @@ TEST(RemoteNode, BadSlicesAreRefusedAndPeerSizesBoundedBeforeAllocating) {
         EXPECT_EQ(node.sliceReassemblyCount(), 1);
     }
     EXPECT_EQ(delivered, 0);
-}
-
-TEST(RemoteNode, PathCallbacksRunOncePerUpdate) {
-    RemoteNode node(nullptr, "root");
-    auto* x = new AttributeT<float>();
-    ASSERT_TRUE(node.addDeepAttribute("scene/one/x", x));
-    x->setValue(1.5f, L3);
-    node.update();
-
-    std::vector<float> seen;
-    node.onChange<float>("scene/*/x", [&](float v) { seen.push_back(v); });
-    std::vector<Attribute*> all;
-    node.onChangeAttribute("scene/**", [&](Attribute* a) { all.push_back(a); });
-    node.update(); // existing matches run once with the current value
-    EXPECT_EQ(seen, std::vector<float>{1.5f});
-    EXPECT_EQ(all, std::vector<Attribute*>{x});
-
-    x->setValue(2.0f, L3);
-    x->setValue(3.0f, L3);
-    x->setValue(4.0f, L3);
-    node.update();
-    EXPECT_EQ(seen, (std::vector<float>{1.5f, 4.0f}));
-    node.update();
-    EXPECT_EQ(seen.size(), 2u);
-
-    // Attributes added later are matched too; non-matching ones are not.
-    auto* y = new AttributeT<float>();
-    ASSERT_TRUE(node.addDeepAttribute("scene/two/x", y));
-    ASSERT_TRUE(node.addDeepAttribute("scene/two/deep/x", new AttributeT<float>()));
-    y->setValue(7.0f, L3);
-    node.update();
-    EXPECT_EQ(seen, (std::vector<float>{1.5f, 4.0f, 7.0f}));
-    EXPECT_EQ(all.size(), 4u);
-}
-
-TEST(RemoteNode, SlicedEventsFromSeveralThreadsGetDistinctIds) {
-    RemoteNode node(nullptr, "root");
-    std::mutex mutex;
-    std::set<int32_t> ids;
-    int slices = 0;
-    node.addEventListener([&](const RemoteNode::Event& event) {
-        BinaryData data = event.data;
-        bool ok = false;
-        const int32_t id = data.readInt32(&ok);
-        ASSERT_TRUE(ok);
-        std::lock_guard<std::mutex> locker(mutex);
-        if (event.symbol == node.symbolRegistry().lookup(QByteArray("event-slice-begin")))
-            EXPECT_TRUE(ids.insert(id).second);
-        else
-            ++slices;
-    });
-    constexpr int PerThread = 200;
-    std::atomic<bool> stop{false};
-    // Listeners come and go meanwhile; emissions use the table as it was when they began.
-    std::thread churn([&] {
-        while (!stop.load())
-            node.removeEventLIstener(node.addEventListener([](const RemoteNode::Event&) {}));
-    });
-    std::vector<std::thread> senders;
-    for (int t = 0; t < 2; ++t) {
-        senders.emplace_back([&] {
-            BinaryData payload;
-            const QByteArray bytes(9, 'q');
-            payload.writeBlob(bytes.constData(), bytes.size()); // 17 bytes: 5 slices of 4
-            for (int i = 0; i < PerThread; ++i)
-                node.eventProcessSlice("big", payload, 4);
-        });
-    }
-    for (auto& sender : senders)
-        sender.join();
-    stop = true;
-    churn.join();
-    EXPECT_EQ(int(ids.size()), 2 * PerThread);
-    EXPECT_EQ(slices, 2 * PerThread * 5);
 }

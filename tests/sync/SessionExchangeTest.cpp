@@ -1,6 +1,6 @@
 // Two sessions back to back: a tree of every type mirrored, creation of missing
 // attributes on and off, echo suppression, and conflicting values at the start of a
-// session. (Events, sliced ones too, are sent over a real session in tests/session.)
+// session (the master's win).
 #include "SessionHarness.h"
 
 #include "Dovel/types/MetaTypes.h"
@@ -9,46 +9,23 @@
 #include "Tessel/AttributeEnum.h"
 #include "Tessel/AttributeT.h"
 
-#include <QRegExp>
-#include <QStringList>
-#include <QVariant>
-#include <QVector>
-
 #include <gtest/gtest.h>
 
 #include <typeinfo>
 
 using Dovel::Bundle;
 using Dovel::RemoteNode;
-using SyncTest::pump;
-using SyncTest::Session;
+using SessionHarness::pump;
+using SessionHarness::Session;
 using Tessel::Attribute;
 using Tessel::AttributeT;
 using Tessel::Node;
 
-namespace {
-
-constexpr auto L3 = Attribute::LayerUser;
-// Values that travel both ways are set on the layer that received values use: a
-// higher layer would hide every later value of the peer.
-constexpr auto L2 = Attribute::LayerRemote;
-
 using SessionHarness::allCodes;
+using SessionHarness::encoded;
 using SessionHarness::fill;
-
-// The bytes a serializer writes for the attribute's current value.
-QByteArray encoded(const Dovel::TypeRegistry& types, Attribute* attribute, uint32_t* code) {
-    uint32_t size = 0;
-    const Dovel::Serializer serializer = types.createSerializer(attribute, *code, size);
-    if (!serializer)
-        return QByteArray("<no serializer>");
-    Bundle bundle;
-    Dovel::BundleWriterCore writer(bundle);
-    serializer(writer);
-    return bundle.packet();
-}
-
-} // namespace
+using SessionHarness::L2;
+constexpr auto L3 = Attribute::LayerUser;
 
 TEST(SessionExchange, EveryTypeIsMirroredWithItsValueAndMissingNodesAreCreated) {
     RemoteNode master(nullptr, "master");
@@ -77,7 +54,7 @@ TEST(SessionExchange, EveryTypeIsMirroredWithItsValueAndMissingNodesAreCreated) 
         Attribute* copy = types1->attribute(name);
         ASSERT_TRUE(copy);
         uint32_t sourceCode = 0, copyCode = 0;
-        EXPECT_EQ(encoded(types, copy, &copyCode), encoded(types, source, &sourceCode));
+        EXPECT_EQ(encoded(types, *copy, &copyCode), encoded(types, *source, &sourceCode));
         EXPECT_EQ(sourceCode, code);
         // A remote enumeration arrives as an integer attribute.
         EXPECT_EQ(copyCode, code == 47 ? 9u : code);
@@ -115,12 +92,10 @@ TEST(SessionExchange, WithoutCreationOnlyExistingAttributesTakeValues) {
 
     // Later updates of the attributes that were not created are read past as well.
     master.attribute("a")->attribute("missing")->set(QStringLiteral("still skipped"), L3);
-    master.attribute("b")->attribute("y")->set(2.5f, L3);
     master.attribute("a")->attribute("x")->set(43, L3);
     pump(a, b);
     EXPECT_EQ(x->value(), 43);
-    EXPECT_EQ(log.count("Session::input"), 0) << log.dump().toStdString();
-    EXPECT_EQ(log.count("BUG"), 0);
+    EXPECT_EQ(log.count("", Basalt::Trace::Warning), 0) << log.dump().toStdString();
 }
 
 TEST(SessionExchange, AppliedValuesAreNotEchoedButLaterChangesAre) {

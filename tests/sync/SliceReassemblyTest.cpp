@@ -1,7 +1,7 @@
 // The bound on unfinished reassemblies of sliced events: by count and by bytes (each
 // slice charged its bookkeeping), the oldest make room for the newest, and a begin that
 // could never fit is refused before anything is computed from its total.
-#include "SyncTestUtil.h"
+#include "SessionHarness.h"
 
 #include "Dovel/Limits.h"
 #include "Dovel/sync/RemoteNode.h"
@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <limits>
 #include <vector>
 
@@ -18,77 +17,61 @@ using Basalt::BinaryData;
 using Dovel::RemoteNode;
 
 TEST(SliceReassembly, UnfinishedEventsMakeRoomOldestFirst) {
+    Basalt::TraceCapture trace;
+    const auto errors = [&] { return trace.count("", Basalt::Trace::Error); };
     RemoteNode node(nullptr, "r");
     std::vector<QByteArray> delivered;
     node.eventAddListenerBd(
         "ev", [&](BinaryData& data) { delivered.push_back(data.toByteArray()); },
         Tessel::Node::Direct);
-    Basalt::TraceCapture trace;
-    auto begin = [&](int32_t id, int64_t total) {
-        BinaryData data =
-            SyncTest::sliceBegin(id, "ev", int32_t(std::min<int64_t>(total, 1 << 20)), total);
-        node.handleRemoteEvent("event-slice-begin", data, 1);
+    const auto begin = [](RemoteNode& to, int32_t id, const QByteArray& name, int32_t sliceSize,
+                          int64_t total) {
+        BinaryData data = SessionHarness::sliceBegin(id, name, sliceSize, total);
+        to.handleRemoteEvent("event-slice-begin", data, 1);
     };
-    auto slice = [&](int32_t id, int32_t index, const QByteArray& bytes) {
-        BinaryData data = SyncTest::slicePart(id, index, bytes);
-        node.handleRemoteEvent("event-slice", data, 1);
+    const auto slice = [](RemoteNode& to, int32_t id, const QByteArray& bytes) {
+        BinaryData data = SessionHarness::slicePart(id, 0, bytes);
+        to.handleRemoteEvent("event-slice", data, 1);
     };
 
     // By count: one begin beyond the limit evicts the first, whose slice then finds
     // nothing; the newest still completes.
     const int limit = Dovel::Limits::MaxSliceReassemblies;
     for (int id = 0; id <= limit; ++id)
-        begin(id, 2);
+        begin(node, id, "ev", 2, 2);
     EXPECT_EQ(node.sliceReassemblyCount(), limit);
-    EXPECT_EQ(trace.count("RemoteNode::handleRemoteEvent # Too many sliced events in progress, "
-                          "evicted unfinished 'ev' (2 bytes) for 'ev'",
-                          Basalt::Trace::Error),
-              1);
-    slice(0, 0, "no");
-    EXPECT_EQ(trace.count("RemoteNode::handleSlicedEvent # Unknown event-slice 0"), 1);
-    slice(limit, 0, "ok");
+    EXPECT_EQ(errors(), 1);
+    slice(node, 0, "no");
+    EXPECT_EQ(errors(), 2);
+    slice(node, limit, "ok");
     EXPECT_EQ(delivered, std::vector<QByteArray>{"ok"});
     EXPECT_EQ(node.sliceReassemblyCount(), limit - 1);
 
     // By bytes: two events of 48 MiB fit the budget; a third begin evicts the oldest of
     // them, not the newest.
     RemoteNode fresh(nullptr, "f");
-    trace.clear();
-    auto beginBig = [&](int32_t id, int32_t sliceSize, int64_t total) {
-        BinaryData data = SyncTest::sliceBegin(id, "big", sliceSize, total);
-        fresh.handleRemoteEvent("event-slice-begin", data, 1);
-    };
     for (int id = 0; id < 3; ++id)
-        beginBig(id, 1 << 20, 48 << 20);
+        begin(fresh, id, "big", 1 << 20, 48 << 20);
     EXPECT_EQ(fresh.sliceReassemblyCount(), 2);
-    EXPECT_EQ(trace.count("evicted unfinished 'big'"), 1);
-    BinaryData late = SyncTest::slicePart(0, 0, "x");
-    fresh.handleRemoteEvent("event-slice", late, 1);
-    EXPECT_EQ(trace.count("Unknown event-slice 0"), 1);
+    EXPECT_EQ(errors(), 3);
+    slice(fresh, 0, "x");
+    EXPECT_EQ(errors(), 4);
 
     // Each slice is charged its bookkeeping too: the largest event in slices of 64 bytes
     // just fits the whole budget (and evicts everything else); in slices of 63 it is
-    // refused outright.
+    // refused outright. So are a name longer than any name a peer may define and a total
+    // far beyond any limit (before anything is computed from it).
     const int64_t largest = Dovel::Limits::MaxSlicedEventBytes;
     ASSERT_EQ(largest + largest / 64 * Dovel::Limits::SliceBookkeepingBytes,
               int64_t(Dovel::Limits::MaxSliceReassemblyBytes));
-    beginBig(10, 63, largest);
-    EXPECT_EQ(trace.count("Refused event-slice-begin of 'big' (slice size 63, total 67108864)",
-                          Basalt::Trace::Error),
-              1);
+    begin(fresh, 10, "big", 63, largest);
+    EXPECT_EQ(errors(), 5);
     EXPECT_EQ(fresh.sliceReassemblyCount(), 2);
-    beginBig(11, 64, largest);
+    begin(fresh, 11, "big", 64, largest);
     EXPECT_EQ(fresh.sliceReassemblyCount(), 1);
-    // So is a name longer than any name a peer may define.
-    const QByteArray longName(Dovel::Limits::MaxPeerNameBytes + 1, 'n');
-    BinaryData named = SyncTest::sliceBegin(13, longName, 64, 64);
-    fresh.handleRemoteEvent("event-slice-begin", named, 1);
-    EXPECT_EQ(trace.count("Refused event-slice-begin of '" + longName.left(80)), 1);
-    EXPECT_EQ(fresh.sliceReassemblyCount(), 1);
-    // A total far beyond any limit is refused before anything is computed from it.
-    beginBig(12, 1, std::numeric_limits<int64_t>::max());
-    EXPECT_EQ(trace.count("Refused event-slice-begin of 'big' (slice size 1, total "
-                          "9223372036854775807)"),
-              1);
+    const int evictions = errors();
+    begin(fresh, 13, QByteArray(Dovel::Limits::MaxPeerNameBytes + 1, 'n'), 64, 64);
+    begin(fresh, 12, "big", 1, std::numeric_limits<int64_t>::max());
+    EXPECT_EQ(errors(), evictions + 2);
     EXPECT_EQ(fresh.sliceReassemblyCount(), 1);
 }

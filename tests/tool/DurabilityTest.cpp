@@ -19,8 +19,7 @@ using TestFiles::readFile;
 using TestFiles::writeFile;
 
 TEST(Durability, AServedTreeIsSavedWhileItChangesAndASaveThatFailsSaysWhy) {
-    if (!toolBuilt())
-        GTEST_SKIP() << "dovel is not built";
+    DOVEL_REQUIRE_TOOL();
     QTemporaryDir dir;
     const QString save = dir.filePath("later/tree.json"); // its folder comes later
     DovelTool tool;
@@ -51,8 +50,7 @@ TEST(Durability, AServedTreeIsSavedWhileItChangesAndASaveThatFailsSaysWhy) {
 }
 
 TEST(Durability, OnePullAtATimeAndAPullSaysWhatItCouldNotBring) {
-    if (!toolBuilt())
-        GTEST_SKIP() << "dovel is not built";
+    DOVEL_REQUIRE_TOOL();
     QTemporaryDir source;
     QTemporaryDir target;
     ASSERT_TRUE(writeFile(source.filePath("ok.txt"), "fine"));

@@ -42,8 +42,7 @@ const QByteArray SceneJson = R"({
 })";
 
 TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
-    if (!toolBuilt())
-        GTEST_SKIP() << "dovel is not built";
+    DOVEL_REQUIRE_TOOL();
     QTemporaryDir folder;
     ASSERT_TRUE(folder.isValid());
     const QString treeFile = folder.filePath("scene.json");
@@ -66,17 +65,6 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
     ProcessOutput watched(watch);
     ASSERT_TRUE(watched.waitForErr("watching " + address.toUtf8() + " (5 attributes)\n"))
         << watched.standardError().toStdString();
-    // One part of the tree, as JSON lines, starting with what it holds.
-    QProcess jsonWatch;
-    tool.start(jsonWatch, {"watch", address, "scene/camera/**", "--json", "--initial"});
-    ProcessOutput jsonWatched(jsonWatch);
-    const QByteArray position = R"({"event":"%1","path":"scene/camera/position",)"
-                                R"("value":{"@type":"vec3f","value":[%2]}})"
-                                "\n";
-    ASSERT_TRUE(
-        jsonWatched.waitForOut(QString::fromUtf8(position).arg("added", "0,1.5,4").toUtf8()))
-        << jsonWatched.standardOutput().toStdString();
-    ASSERT_TRUE(jsonWatched.waitForErr("watching " + address.toUtf8() + " (1 attribute)\n"));
 
     // set from one process, seen by dump from another and by watch. The int attribute
     // keeps its type: 7 stays an int, 2 becomes the float 2.
@@ -101,10 +89,6 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
           QByteArray("scene/speed = {\"@type\":\"float\",\"value\":2}\n")})
         EXPECT_TRUE(watched.waitForOut(line)) << watched.standardOutput().toStdString();
     EXPECT_EQ(watched.standardOutput().count('\n'), 4) << watched.standardOutput().toStdString();
-    EXPECT_TRUE(jsonWatched.waitForOut(QString::fromUtf8(position).arg("set", "1,2,3").toUtf8()))
-        << jsonWatched.standardOutput().toStdString();
-    EXPECT_EQ(jsonWatched.standardOutput().count('\n'), 2);
-    EXPECT_TRUE(endsCleanlyOn(jsonWatch, SIGTERM));
 
     // A value that does not fit the attribute's type: exit 2, the path named, and
     // nothing sent, not even the values before it that did fit.
@@ -118,9 +102,6 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
     // A second change reaches watch as one line.
     ASSERT_EQ(tool.run({"set", address, "scene/on=false"}).exitCode, 0);
     EXPECT_TRUE(watched.waitForOut("scene/on = false\n")) << watched.standardOutput().toStdString();
-    // The same value again changes nothing and sends nothing: done at once.
-    ToolRun same = tool.run({"set", address, "scene/on=false"});
-    EXPECT_EQ(same.exitCode, 0) << same.err.toStdString();
 
     // serve exits 0 on SIGTERM and saves the tree with the clients' changes; watch says
     // it lost the server and keeps trying.
@@ -154,8 +135,7 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
 }
 
 TEST(SessionCommands, GetLsAndDumpOfOnePath) {
-    if (!toolBuilt())
-        GTEST_SKIP() << "dovel is not built";
+    DOVEL_REQUIRE_TOOL();
     QTemporaryDir folder;
     ASSERT_TRUE(writeFile(folder.filePath("tree.json"),
                           R"({"scene": {"a": 1, "v": {"@type": "vec3f", "value": [1, 2, 3]}},
@@ -199,29 +179,20 @@ TEST(SessionCommands, GetLsAndDumpOfOnePath) {
                                " holds no such attribute\n");
     }
 
-    // rm: all or none, and every client sees the removal.
-    QProcess watch;
-    tool.start(watch, {"watch", address});
-    ProcessOutput watched(watch);
-    ASSERT_TRUE(watched.waitForErr("watching " + address.toUtf8() + " (4 attributes)\n"));
+    // rm: all or none.
     const ToolRun none = tool.run({"rm", address, "note", "nope"});
     EXPECT_EQ(none.exitCode, 1);
     EXPECT_EQ(none.err, "dovel: nope: " + address.toUtf8() + " holds no such attribute\n");
     const ToolRun removed = tool.run({"rm", address, "scene", "note"});
     EXPECT_EQ(removed.exitCode, 0) << removed.err.constData();
-    for (const QByteArray line : {"- scene/a\n", "- scene/v\n", "- note\n"})
-        EXPECT_TRUE(watched.waitForOut(line)) << watched.standardOutput().constData();
     EXPECT_EQ(tool.run({"ls", address}).out, "\"sp ace\" float\n");
-    EXPECT_TRUE(endsCleanlyOn(watch, SIGTERM));
-
     EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
 }
 
 // A server that answers no queries is read and changed the ordinary way, through a copy
 // of its tree; only rm, which an ordinary client cannot do, says so.
 TEST(SessionCommands, WithoutQueriesTheCommandsTakeACopy) {
-    if (!toolBuilt())
-        GTEST_SKIP() << "dovel is not built";
+    DOVEL_REQUIRE_TOOL();
     Dovel::RemoteNode root(nullptr, "root");
     Dovel::SessionDriver driver;
     Dovel::SessionServer::Options options;
@@ -234,15 +205,8 @@ TEST(SessionCommands, WithoutQueriesTheCommandsTakeACopy) {
     ToolTest::DovelTool tool;
     const ToolRun set = tool.run({"set", address, "car/speed=2.5", "car/name=\"blue\""});
     EXPECT_EQ(set.exitCode, 0) << set.err.constData();
-    const QList<QPair<QStringList, QByteArray>> reads = {
-        {{"get", address, "car/speed", "car/name"}, "2.5\n\"blue\"\n"},
-        {{"ls", address, "car/*"}, "car/speed float\ncar/name string\n"},
-    };
-    for (const auto& read : reads) {
-        const ToolRun run = tool.run(read.first);
-        EXPECT_EQ(run.exitCode, 0) << read.first.join(' ').toStdString() << run.err.constData();
-        EXPECT_EQ(run.out, read.second) << read.first.join(' ').toStdString();
-    }
+    EXPECT_EQ(tool.run({"get", address, "car/speed", "car/name"}).out, "2.5\n\"blue\"\n");
+    EXPECT_EQ(tool.run({"ls", address, "car/*"}).out, "car/speed float\ncar/name string\n");
     const ToolRun rm = tool.run({"rm", address, "car"});
     EXPECT_EQ(rm.exitCode, 1);
     EXPECT_EQ(rm.err, "dovel: " + address.toUtf8() +
@@ -252,8 +216,7 @@ TEST(SessionCommands, WithoutQueriesTheCommandsTakeACopy) {
 }
 
 TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
-    if (!toolBuilt())
-        GTEST_SKIP() << "dovel is not built";
+    DOVEL_REQUIRE_TOOL();
     QTemporaryDir folder;
     ASSERT_TRUE(folder.isValid());
     ToolTest::DovelTool tool;
@@ -263,7 +226,7 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
     // another protocol, a server of the other kind, a port a server cannot take.
     const QString refused = QStringLiteral("127.0.0.1:%1").arg(TransportTest::unusedPort());
     TransportTest::RawListener stranger;
-    ASSERT_TRUE(stranger.isOpen());
+    ASSERT_NE(stranger.port(), 0);
     const QString strangerAddress = QStringLiteral("127.0.0.1:%1").arg(stranger.port());
     std::atomic<bool> strangerDone{false};
     std::thread greeter([&] {
@@ -317,23 +280,17 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
 
     // A server that takes the connection and says nothing: the time-out ends the wait.
     TransportTest::RawListener silent;
-    ASSERT_TRUE(silent.isOpen());
+    ASSERT_NE(silent.port(), 0);
     const QByteArray silentAddress = QByteArray("127.0.0.1:") + QByteArray::number(silent.port());
     const ToolRun quiet = tool.run({"dump", silentAddress, "--timeout", "0.5"});
     EXPECT_EQ(quiet.exitCode, 1);
     EXPECT_EQ(quiet.err, "dovel: no session with " + silentAddress + " within 0.5 s (no answer)\n");
 
-    // A malformed tree file: its line and column.
-    ASSERT_TRUE(writeFile(folder.filePath("bad.json"), "{\n  \"a\": 1,\n  \"b\": [1 2]\n}\n"));
-    ToolRun malformed =
-        tool.run({"serve", "--listen", "127.0.0.1:0", "--tree", folder.filePath("bad.json")});
-    EXPECT_EQ(malformed.exitCode, 2);
-    EXPECT_TRUE(malformed.out.isEmpty());
-    EXPECT_EQ(malformed.err.count('\n'), 1) << malformed.err.toStdString();
-    EXPECT_TRUE(malformed.err.contains("line 3, column")) << malformed.err.toStdString();
-    ToolRun missing = tool.run({"serve", "--tree", folder.filePath("none.json")});
+    // A tree file that is missing exits 1, one that is malformed 2 (with the usage errors).
+    const ToolRun missing = tool.run({"serve", "--tree", folder.filePath("none.json")});
     EXPECT_EQ(missing.exitCode, 1);
     EXPECT_EQ(missing.err.count('\n'), 1) << missing.err.toStdString();
+    ASSERT_TRUE(writeFile(folder.filePath("bad.json"), "{\n  \"a\": 1,\n  \"b\": [1 2]\n}\n"));
 
     // Usage errors, found before anything connects: exit 2 and one line.
     for (const QStringList& args :
@@ -345,7 +302,6 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
           QStringList{"dump", refused, "a", "extra"},
           QStringList{"get", refused, "a//b"},
           QStringList{"set", refused},
-          QStringList{"set", refused, "novalue"},
           QStringList{"set", refused, "a=not json"},
           QStringList{"set", refused, "a=1", "a=2"},
           QStringList{"set", refused, "a/id=1"},
@@ -355,6 +311,7 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
           QStringList{"watch", "nohost"},
           QStringList{"serve", "--listen", "nohost"},
           QStringList{"serve", "stray"},
+          QStringList{"serve", "--listen", "127.0.0.1:0", "--tree", folder.filePath("bad.json")},
           QStringList{"demo", "--seconds", "0"},
           QStringList{"frobnicate"},
           QStringList{}}) {
@@ -364,21 +321,10 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
             << args.join(' ').toStdString() << ": " << run.err.toStdString();
         EXPECT_TRUE(args.isEmpty() || run.err.startsWith("dovel")) << run.err.toStdString();
     }
-
-    // Help: every command is described, and each command's help is its usage.
-    ToolRun help = tool.run({"--help"});
-    EXPECT_EQ(help.exitCode, 0);
-    for (const char* command : {"demo", "serve", "dump", "set", "watch", "files"}) {
-        EXPECT_TRUE(help.out.contains(QByteArray("  ") + command + " ")) << command;
-        ToolRun commandHelp = tool.run({command, "--help"});
-        EXPECT_EQ(commandHelp.exitCode, 0) << command;
-        EXPECT_TRUE(commandHelp.out.startsWith(QByteArray("usage: dovel ") + command)) << command;
-    }
 }
 
 TEST(SessionCommands, DemoShowsTheClientFollowing) {
-    if (!toolBuilt())
-        GTEST_SKIP() << "dovel is not built";
+    DOVEL_REQUIRE_TOOL();
     ToolTest::DovelTool tool;
     ToolRun demo = tool.run({"demo", "--seconds", "1"});
     EXPECT_EQ(demo.exitCode, 0) << demo.err.toStdString() << demo.out.toStdString();

@@ -13,23 +13,16 @@
 #include "basalt/WaitUtil.h"
 
 #include <QCryptographicHash>
-#include <QMap>
 #include <QStringList>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <functional>
 #include <memory>
-#include <thread>
 
 namespace TransportTest {
 
 using BasaltTest::waitUntil;
-
-inline double secondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 // An element-wise copy of a list shared with another thread, so that no implicitly
 // shared array crosses threads.
@@ -58,66 +51,57 @@ public:
 
     // One line without its "\n"; a null array when none came within `ms`.
     QByteArray readLine(int ms = 5000) {
-        const auto start = std::chrono::steady_clock::now();
-        for (;;) {
-            const int end = pending.indexOf('\n');
-            if (end >= 0) {
-                const QByteArray line = pending.left(end);
-                pending.remove(0, end + 1);
-                return line;
-            }
-            if (!fill(start, ms))
-                return QByteArray();
-        }
+        return take([this] { return pending.indexOf('\n'); }, 1, ms);
     }
-
     // Exactly `size` bytes; a null array when they did not come within `ms`.
     QByteArray readExact(int size, int ms = 5000) {
-        const auto start = std::chrono::steady_clock::now();
-        while (pending.size() < size)
-            if (!fill(start, ms))
-                return QByteArray();
-        const QByteArray out = pending.left(size);
-        pending.remove(0, size);
-        return out;
+        return take([this, size] { return pending.size() >= size ? size : -1; }, 0, ms);
     }
-
-    // True when the other end closed the connection within `ms` (bytes still arriving
-    // before the end are dropped).
+    // True when the other end closed the connection within `ms` (what still arrives before
+    // the end is kept for unread()).
     bool waitClosed(int ms = 5000) {
         const auto start = std::chrono::steady_clock::now();
-        for (;;) {
-            const double left = ms / 1000.0 - secondsSince(start);
-            if (left <= 0.0)
-                return false;
-            if (!sock->isPendingInput(static_cast<unsigned>(left * 1000.0) + 1))
-                continue;
-            char scratch[4096];
-            const int got = sock->read(scratch, sizeof scratch, false);
-            if (got <= 0)
-                return true;
-            pending.append(scratch, got); // for unread()
+        int got;
+        while ((got = fill(start, ms)) > 0) {
         }
+        return got == 0;
     }
-    // What came and was not read (waitClosed keeps what it drains).
+    // What came and was not read.
     const QByteArray& unread() const { return pending; }
 
     // True when nothing arrives within `ms`.
     bool quietFor(int ms) { return pending.isEmpty() && !sock->isPendingInput(ms); }
 
-    Basalt::TCPSocket& socket() { return *sock; }
-
 private:
-    bool fill(std::chrono::steady_clock::time_point start, int ms) {
-        const double left = ms / 1000.0 - secondsSince(start);
-        if (left <= 0.0 || !sock->isPendingInput(static_cast<unsigned>(left * 1000.0) + 1))
-            return false;
-        char chunk[16384];
-        const int n = sock->read(chunk, sizeof chunk, false);
-        if (n <= 0)
-            return false;
-        pending.append(chunk, n);
-        return true;
+    // The first `end()` bytes once `end()` is not negative, dropping `extra` more after
+    // them; a null array when that did not happen within `ms`.
+    template <typename End> QByteArray take(End end, int extra, int ms) {
+        const auto start = std::chrono::steady_clock::now();
+        while (end() < 0)
+            if (fill(start, ms) <= 0)
+                return QByteArray();
+        const int size = end();
+        const QByteArray out = pending.left(size);
+        pending.remove(0, size + extra);
+        return out;
+    }
+    // Waits for bytes within what is left of `ms`: 1 when some came, 0 when the other end
+    // closed, -1 when the time ran out.
+    int fill(std::chrono::steady_clock::time_point start, int ms) {
+        for (;;) {
+            const std::chrono::duration<double> gone = std::chrono::steady_clock::now() - start;
+            const double left = ms / 1000.0 - gone.count();
+            if (left <= 0.0)
+                return -1;
+            if (!sock->isPendingInput(static_cast<unsigned>(left * 1000.0) + 1))
+                continue;
+            char chunk[16384];
+            const int n = sock->read(chunk, sizeof chunk, false);
+            if (n <= 0)
+                return 0;
+            pending.append(chunk, n);
+            return 1;
+        }
     }
 
     std::unique_ptr<Basalt::TCPSocket> sock;
@@ -136,9 +120,8 @@ inline QByteArray nextLine(RawPeer& peer, int ms = 5000) {
 // A listening socket on 127.0.0.1 with an ephemeral port, for fake servers.
 class RawListener {
 public:
-    RawListener() { ok = server.open("127.0.0.1", 0, 4) == 0; }
+    RawListener() { server.open("127.0.0.1", 0, 4); } // a failure shows as port 0
     int port() const { return server.port(); }
-    bool isOpen() const { return ok; }
     std::unique_ptr<RawPeer> accept(int ms = 5000) {
         if (!server.isPendingConnection(static_cast<unsigned>(ms)))
             return nullptr;
@@ -148,7 +131,6 @@ public:
 
 private:
     Basalt::TCPServerSocket server;
-    bool ok = false;
 };
 
 // A port that nothing listens on right now.
@@ -217,9 +199,8 @@ inline QByteArray clientLogin(RawPeer& peer,
     return peer.readLine();
 }
 
-// A handler that records what reaches its hooks. Lines "map N", "data N" and "skip N"
-// make it read (and drop) a map, N raw bytes or skip N bytes; lines starting with "bad"
-// are not understood.
+// A handler that records what reaches its hooks. Lines "map N" and "skip N" make it
+// read (and drop) a map or skip N bytes.
 class TestHandler : public Dovel::ConnectionHandler {
 public:
     explicit TestHandler(Dovel::ConnectionLink& link) : Dovel::ConnectionHandler(link) {}
@@ -232,18 +213,11 @@ public:
         Basalt::Guard guard(mutex);
         return copyOf(receivedPongs);
     }
-    QList<double> retryLefts() const {
-        Basalt::Guard guard(mutex);
-        return copyOf(retries);
-    }
 
     std::atomic<int> connectedCount{0};
     std::atomic<int> disconnectedCount{0};
-    // idle() calls still wanted, and made.
-    std::atomic<int> idleWanted{0};
-    std::atomic<int> idleCount{0};
     std::atomic<int> failedCount{0};
-    std::atomic<int> failedLogins{0};
+    std::atomic<int> retryPauses{0}; // progress reports while waiting to retry
 
     bool parse(const QString& line) override {
         const QStringList words = line.split(QLatin1Char(' '));
@@ -252,16 +226,10 @@ public:
             link().readMap(words[1].toInt());
             return true;
         }
-        if (words.size() == 2 && words[0] == QLatin1String("data")) {
-            link().readData(words[1].toInt());
-            return true;
-        }
         if (words.size() == 2 && words[0] == QLatin1String("skip")) {
             link().skip(words[1].toInt());
             return true;
         }
-        if (line.startsWith(QLatin1String("bad")))
-            return false;
         Basalt::Guard guard(mutex);
         received.append(line);
         return true;
@@ -270,25 +238,15 @@ public:
         Basalt::Guard guard(mutex);
         receivedPongs.append(payload);
     }
-    bool wantsIdle() override { return idleWanted.load() > 0; }
-    void idle() override {
-        --idleWanted;
-        ++idleCount;
-    }
     void connected() override { ++connectedCount; }
     void disconnected() override { ++disconnectedCount; }
     void connectionFailed() override { ++failedCount; }
-    void loginFailed() override { ++failedLogins; }
-    void retryProgress(double secondsLeft) override {
-        Basalt::Guard guard(mutex);
-        retries.append(secondsLeft);
-    }
+    void retryProgress(double) override { ++retryPauses; }
 
 private:
     mutable Basalt::Mutex mutex;
     QStringList received;
     QList<QByteArray> receivedPongs;
-    QList<double> retries;
 };
 
 // A connection whose handler is a TestHandler.
@@ -298,78 +256,41 @@ inline std::shared_ptr<TestConnection> makeTestConnection(Basalt::TCPSocket* soc
     return Dovel::ConnectionThread::create<TestHandler>(socket, serverSide);
 }
 // The recorder of a connection made by makeTestConnection.
-inline TestHandler& hooks(const TestConnection& connection) {
-    return *dynamic_cast<TestHandler*>(connection.handler());
-}
 inline TestHandler& hooks(const std::shared_ptr<TestConnection>& connection) {
-    return hooks(*connection);
+    return *dynamic_cast<TestHandler*>(connection->handler());
 }
 
-// A server of TestConnections that counts its hooks per connection.
+// A server of TestConnections that counts its hooks.
 class TestServer : public Dovel::ServerBase {
 public:
     ~TestServer() override { shutdown(); }
 
-    // Refuse every accepted socket.
-    std::atomic<bool> refuse{false};
     // The time-out of the connections made from now on (0: the default).
     std::atomic<double> timeout{0.0};
+    std::atomic<int> removedTotal{0};
+    std::atomic<int> connectedTotal{0};
+    std::atomic<int> disconnectedTotal{0};
 
     // Listens on 127.0.0.1 with an ephemeral port; true once it does.
     bool runOnLoopback() {
         run(QStringLiteral("127.0.0.1"), 0);
         return waitListening(5000);
     }
-
-    int removedCount(const Dovel::ConnectionThread* c) const { return count(removed, c); }
-    int connectedCount(const Dovel::ConnectionThread* c) const { return count(connects, c); }
-    int disconnectedCount(const Dovel::ConnectionThread* c) const { return count(disconnects, c); }
-    int removedTotal() const {
-        Basalt::Guard guard(mutex);
-        int total = 0;
-        for (int n : removed)
-            total += n;
-        return total;
-    }
     std::shared_ptr<TestConnection> first() const {
         const auto all = instances();
         return all.isEmpty() ? nullptr : all.first();
     }
 
-    using Dovel::ServerBase::closeConnections;
-
 protected:
     std::shared_ptr<Dovel::ConnectionThread> createConnection(Basalt::TCPSocket* socket) override {
-        if (refuse.load())
-            return nullptr;
         auto connection = makeTestConnection(socket, true);
         if (timeout.load() > 0.0)
             connection->setTimeoutSeconds(timeout.load());
         return connection;
     }
-    void removedInstance(std::shared_ptr<Dovel::ConnectionThread> c) override {
-        bump(removed, c.get());
-    }
-    void connected(std::shared_ptr<Dovel::ConnectionThread> c) override { bump(connects, c.get()); }
-    void disconnected(std::shared_ptr<Dovel::ConnectionThread> c) override {
-        bump(disconnects, c.get());
-    }
-
-private:
-    using Counts = QMap<const Dovel::ConnectionThread*, int>;
-    void bump(Counts& counts, const Dovel::ConnectionThread* c) {
-        Basalt::Guard guard(mutex);
-        ++counts[c];
-    }
-    int count(const Counts& counts, const Dovel::ConnectionThread* c) const {
-        Basalt::Guard guard(mutex);
-        return counts.value(c);
-    }
-
-    mutable Basalt::Mutex mutex;
-    Counts removed;
-    Counts connects;
-    Counts disconnects;
+    void removedInstance(std::shared_ptr<Dovel::ConnectionThread>) override { ++removedTotal; }
+    void connected(std::shared_ptr<Dovel::ConnectionThread>) override { ++connectedTotal; }
+    void disconnected(std::shared_ptr<Dovel::ConnectionThread>) override { ++disconnectedTotal; }
 };
 
 // A server whose first connection finished the login with a hand-played client that

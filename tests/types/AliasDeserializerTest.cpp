@@ -1,5 +1,5 @@
-// Aliases: serializers follow the chain, and an alias without a target caches the
-// latest value until it gets one.
+// Aliases: an alias without a target caches the latest value until it gets one, and
+// outlives or is outlived by its deserializer.
 #include "TypesTestUtil.h"
 
 #include "Dovel/types/AliasDeserializer.h"
@@ -21,24 +21,6 @@ namespace {
 constexpr auto L2 = Attribute::LayerRemote;
 
 } // namespace
-
-TEST(AliasCodecs, SerializerFollowsChainOrWarns) {
-    const TypeRegistry registry;
-    Tessel::Node root;
-    auto* value = new AttributeT<float>(&root, "value", 0.5f);
-    auto* inner = new AttributeAlias(&root, "inner");
-    auto* alias = new AttributeAlias(&root, "alias", inner);
-    uint32_t code = 0, size = 0;
-    EXPECT_FALSE(registry.createSerializer(alias, code, size)); // warns, every time
-    EXPECT_EQ(code, 0u);
-    inner->setTarget(value);
-    const Serializer serializer = registry.createSerializer(alias, code, size);
-    EXPECT_EQ(code, 3u);
-    EXPECT_EQ(serialize(serializer), Bytes().hex("0000003f").data());
-    // Bound to the target, not to the alias.
-    inner->setTarget(nullptr);
-    EXPECT_EQ(serialize(serializer), Bytes().hex("0000003f").data());
-}
 
 TEST(AliasCodecs, OnlyTheLastCachedValueIsAppliedOnce) {
     const TypeRegistry registry;
@@ -67,23 +49,6 @@ TEST(AliasCodecs, OnlyTheLastCachedValueIsAppliedOnce) {
     deserialize(deserializer, Bytes().hex("0000003f").data());
     EXPECT_EQ(*target->valueOnLayer(L2), 0.5f);
     EXPECT_EQ(changes, 2);
-}
-
-TEST(AliasCodecs, TargetBeforeAnyValueAppliesNothing) {
-    const TypeRegistry registry;
-    Tessel::Node root;
-    auto* target = new AttributeT<int>(&root, "target");
-    auto* middle = new AttributeAlias(&root, "middle");
-    auto* alias = new AttributeAlias(&root, "alias", middle);
-    const Deserializer deserializer = registry.createDeserializer(9, alias);
-    int changes = 0;
-    target->addListener([&changes] { ++changes; }, Attribute::RoleChange);
-    // Retargeting further down the chain reaches the alias too.
-    middle->setTarget(target);
-    EXPECT_EQ(changes, 0);
-    EXPECT_EQ(target->valueOnLayer(L2), nullptr);
-    deserialize(deserializer, Bytes().word(12).data());
-    EXPECT_EQ(*target->valueOnLayer(L2), 12);
 }
 
 TEST(AliasCodecs, StringValueIsCachedByteIdentical) {
@@ -145,23 +110,4 @@ TEST(AliasCodecs, EmptyWrapAndDeserializerOutlivedByAlias) {
     EXPECT_EQ(deserialize(survivor, Bytes().hex("000000c0").data()), 4u);
     EXPECT_TRUE(held->cachedValue().isEmpty());
     EXPECT_FALSE(held->isBound());
-}
-
-TEST(AliasCodecs, ATargetThatCannotTakeTheTypeIsWaitedPast) {
-    const TypeRegistry registry;
-    Tessel::Node root;
-    auto* text = new AttributeT<QString>(&root, "text");
-    auto* number = new AttributeT<float>(&root, "number");
-    auto* alias = new AttributeAlias(&root, "alias");
-    const Deserializer deserializer = registry.createDeserializer(3, alias);
-    deserialize(deserializer, Bytes().hex("0000803f").data()); // 1.0, cached
-    alias->setTarget(text);
-    const FunctorWrap* wrap = deserializer.target<FunctorWrap>();
-    EXPECT_FALSE(wrap->aliasDeserializer()->isBound());
-    deserialize(deserializer, Bytes().hex("000000c0").data()); // -2.0, cached instead
-    alias->setTarget(number);
-    EXPECT_TRUE(wrap->aliasDeserializer()->isBound());
-    ASSERT_NE(number->valueOnLayer(L2), nullptr);
-    EXPECT_EQ(*number->valueOnLayer(L2), -2.0f);
-    EXPECT_EQ(text->valueOnLayer(L2), nullptr);
 }

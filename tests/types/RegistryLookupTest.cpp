@@ -1,5 +1,5 @@
-// Lookups of the registry: the integer pair of codes 9 and 47, host subclasses,
-// unassigned codes, and the variant codecs' conversions.
+// Lookups of the registry: the integer pair of codes 9 and 47, host subclasses and
+// unassigned codes.
 #include "TypesTestUtil.h"
 
 #include "Dovel/types/MetaTypes.h"
@@ -9,13 +9,9 @@
 #include "Tessel/AttributeT.h"
 #include "Tessel/Node.h"
 
-#include <QPoint>
-
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
-#include <stdexcept>
 #include <typeinfo>
 
 using namespace Dovel;
@@ -119,75 +115,4 @@ TEST(RegistryLookup, UnassignedCodes) {
         EXPECT_TRUE(registry.createSerializer(attribute.get(), sent, size));
         EXPECT_EQ(sent, code == 47 ? 9u : code);
     }
-}
-
-TEST(RegistryLookup, VariantConversions) {
-    const TypeRegistry registry;
-    // Not convertible at all: the exception names the type.
-    const struct {
-        uint32_t code;
-        const char* message;
-    } refusals[] = {
-        {9, "Given QVariant can't be converted to int"},
-        {47, "Given QVariant can't be converted to int32_t"},
-        {2, "Given QVariant can't be converted to Basalt::Color"},
-        {17, "Given QVariant can't be converted to Quant::Vector2f"},
-        {50, "Given QVariant can't be converted to Quant::SizeF"},
-        {45, "Given QVariant can't be converted to Basalt::MemGrid8u"},
-        {41, "Given QVariant can't be converted to QVector<Quant::Vector2f>"},
-        {3, "Given QVariant can't be converted to float"},
-        {35, "Given QVariant can't be converted to QString"},
-    };
-    for (const auto& refusal : refusals)
-        EXPECT_EQ(failure<std::invalid_argument>([&] {
-                      serializeVariant(registry.createVariantSerializer(refusal.code),
-                                       QVariant(QPoint(1, 2)));
-                  }),
-                  refusal.message)
-            << "type code " << refusal.code;
-
-    // Convertible type, failed conversion: the zero value.
-    EXPECT_EQ(serializeVariant(registry.createVariantSerializer(9), QVariant(QString("abc"))),
-              Bytes().word(0).data());
-    EXPECT_EQ(serializeVariant(registry.createVariantSerializer(3), QVariant(QString("x"))),
-              Bytes().word(0).data());
-    // Converted values.
-    EXPECT_EQ(serializeVariant(registry.createVariantSerializer(9), QVariant(QString("42"))),
-              Bytes().word(42).data());
-    EXPECT_EQ(serializeVariant(registry.createVariantSerializer(35), QVariant(12)),
-              Bytes().str("12").data());
-    EXPECT_EQ(serializeVariant(registry.createVariantSerializer(1), QVariant(2)),
-              Bytes().word(1).data());
-    EXPECT_EQ(deserializeVariant(registry.createVariantDeserializer(47), Bytes().word(9).data()),
-              QVariant(9));
-}
-
-TEST(Codecs, KeptInPlaceOrSharedInABox) {
-    static_assert(sizeof(Deserializer) == 16, "a session keeps two per attribute");
-    int calls = 0;
-    int* counter = &calls;
-    // A pointer's worth of trivially copyable capture is kept in place.
-    Codec<int> inPlace([counter](int& value) { *counter += value; });
-    EXPECT_EQ(inPlace.target<decltype(counter)>(), nullptr);
-    // Anything else is boxed, shared by the copies, and freed with the last of them.
-    auto shared = std::make_shared<int>(0);
-    Codec<int> boxed([shared, counter](int& value) { *shared += value; });
-    const std::weak_ptr<int> watch = shared;
-    shared.reset();
-    {
-        const Codec<int> copy = boxed;
-        Codec<int> moved = std::move(boxed);
-        EXPECT_FALSE(boxed);
-        int one = 1;
-        copy(one);
-        moved(one);
-        inPlace(one);
-        EXPECT_EQ(*watch.lock(), 2);
-        moved = inPlace; // the box's last references go: copy's and this one's
-        moved(one);
-    }
-    EXPECT_EQ(calls, 2);
-    EXPECT_TRUE(watch.expired());
-    EXPECT_FALSE(Codec<int>());
-    EXPECT_FALSE(Codec<int>(std::function<void(int&)>())); // empty stays empty
 }
