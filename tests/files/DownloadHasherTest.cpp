@@ -1,6 +1,5 @@
 // Hashing downloads from their files: bytes fed in order as they are written, two files
-// at once, nothing of a cancelled download fed afterwards, and a file that cannot be
-// read back whole reported as such.
+// at once, and nothing of a cancelled download fed afterwards.
 #include "files/FilesTestUtil.h"
 
 #include "Dovel/files/DownloadHasher.h"
@@ -37,18 +36,15 @@ struct Recorder {
         }
         fed[name] += bytes;
     }
+    // Holds the feeds of `name` from now on, or releases them when it is empty.
     void hold(const QString& name) {
         std::lock_guard<std::mutex> lock(mutex);
         held = name;
+        changed.notify_all();
     }
     bool waitHolding() {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(10), [&] { return holding; });
-    }
-    void release() {
-        std::lock_guard<std::mutex> lock(mutex);
-        held.clear();
-        changed.notify_all();
     }
     QByteArray of(const QString& name) {
         std::lock_guard<std::mutex> lock(mutex);
@@ -68,12 +64,12 @@ class DownloadHasher : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(dir.isValid()); }
 
-    std::unique_ptr<Dovel::DownloadHasher>
-    hasherOf(int threads, int64_t maxLagBytes = Dovel::DownloadHasher::DefaultMaxLagBytes) {
-        return std::make_unique<Dovel::DownloadHasher>(
+    Dovel::DownloadHasher& start(int threads) {
+        owned = std::make_unique<Dovel::DownloadHasher>(
             threads,
             [this](const QString& name, const QByteArray& bytes) { recorder.feed(name, bytes); },
-            maxLagBytes);
+            Dovel::DownloadHasher::DefaultMaxLagBytes);
+        return *owned;
     }
     // A new file of the folder, open as the connection writes it, and its download begun.
     std::unique_ptr<QFile> begun(Dovel::DownloadHasher& hasher, const QString& name) {
@@ -85,11 +81,11 @@ protected:
 
     QTemporaryDir dir;
     Recorder recorder;
+    std::unique_ptr<Dovel::DownloadHasher> owned; // goes first: it feeds the recorder
 };
 
 TEST_F(DownloadHasher, TwoFilesHashAtOnceEachInTheOrderOfItsBytes) {
-    const auto owned = hasherOf(2);
-    Dovel::DownloadHasher& hasher = *owned;
+    Dovel::DownloadHasher& hasher = start(2);
     const QByteArray a = patternBytes(3 * int(Dovel::DownloadHasher::ChunkBytes) + 17, 1);
     const QByteArray b = patternBytes(100000, 2);
 
@@ -106,7 +102,7 @@ TEST_F(DownloadHasher, TwoFilesHashAtOnceEachInTheOrderOfItsBytes) {
     EXPECT_FALSE(hasher.isDone("/a"));
 
     // The rest of /a is written in pieces larger and smaller than a chunk.
-    recorder.release();
+    recorder.hold(QString());
     append(hasher, "/a", fileA, a.mid(1000, int(Dovel::DownloadHasher::ChunkBytes) * 2), false);
     append(hasher, "/a", fileA, a.mid(1000 + int(Dovel::DownloadHasher::ChunkBytes) * 2), true);
     ASSERT_TRUE(waitUntil([&] { return hasher.isDone("/a"); }));
@@ -116,8 +112,7 @@ TEST_F(DownloadHasher, TwoFilesHashAtOnceEachInTheOrderOfItsBytes) {
 }
 
 TEST_F(DownloadHasher, ACancelWaitsForTheFeedAndNothingOfTheDownloadIsFedAfter) {
-    const auto owned = hasherOf(1);
-    Dovel::DownloadHasher& hasher = *owned;
+    Dovel::DownloadHasher& hasher = start(1);
     const QByteArray first = patternBytes(5000, 3);
     const QByteArray second = patternBytes(7000, 4);
 
@@ -126,7 +121,6 @@ TEST_F(DownloadHasher, ACancelWaitsForTheFeedAndNothingOfTheDownloadIsFedAfter) 
     QFile& file = *open;
     append(hasher, "/x", file, first, false);
     ASSERT_TRUE(recorder.waitHolding());
-
     std::atomic<pid_t> cancelling{0};
     std::atomic<bool> cancelled{false};
     std::thread owner([&] {
@@ -138,7 +132,7 @@ TEST_F(DownloadHasher, ACancelWaitsForTheFeedAndNothingOfTheDownloadIsFedAfter) 
     EXPECT_TRUE(waitUntil([&] { return cancelling.load() != 0; }) &&
                 waitUntilBlocked(cancelling.load()));
     EXPECT_FALSE(cancelled.load());
-    recorder.release(); // the feed under way ends; the cancel returns
+    recorder.hold(QString()); // the feed under way ends; the cancel returns
     owner.join();
     EXPECT_EQ(hasher.count(), 0);
     EXPECT_TRUE(hasher.isDone("/x")); // forgotten: nothing to wait for
@@ -151,71 +145,6 @@ TEST_F(DownloadHasher, ACancelWaitsForTheFeedAndNothingOfTheDownloadIsFedAfter) 
     append(hasher, "/x", file, second, true);
     EXPECT_TRUE(hasher.finish("/x"));
     EXPECT_EQ(recorder.of("/x"), first + second);
-}
-
-TEST_F(DownloadHasher, DownloadsStillArrivingKeepNoThreadFromAWholeOne) {
-    const auto owned = hasherOf(2);
-    Dovel::DownloadHasher& hasher = *owned;
-    // Two downloads with a part each, as many as there are threads, then a whole one.
-    const auto x = begun(hasher, "/x");
-    append(hasher, "/x", *x, "x part", false);
-    append(hasher, "/y", *begun(hasher, "/y"), "y part", false);
-    ASSERT_TRUE(
-        waitUntil([&] { return recorder.of("/x").size() + recorder.of("/y").size() == 12; }));
-    append(hasher, "/z", *begun(hasher, "/z"), "all of z", true);
-    EXPECT_TRUE(hasher.finish("/z"));
-    EXPECT_EQ(recorder.of("/z"), QByteArray("all of z"));
-    EXPECT_FALSE(hasher.isDone("/x"));
-    append(hasher, "/x", *x, ", the end", true);
-    EXPECT_TRUE(hasher.finish("/x"));
-    EXPECT_EQ(recorder.of("/x"), QByteArray("x part, the end"));
-}
-
-TEST_F(DownloadHasher, TheWriterWaitsWhileTooMuchWaitsForItsHash) {
-    const auto owned = hasherOf(1, 1000);
-    Dovel::DownloadHasher& hasher = *owned;
-    recorder.hold("/lag");
-    const auto open = begun(hasher, "/lag");
-    QFile& file = *open;
-    append(hasher, "/lag", file, patternBytes(600, 1), false); // under the limit
-    ASSERT_TRUE(recorder.waitHolding());
-
-    std::atomic<pid_t> writer{0};
-    std::atomic<bool> returned{false};
-    const QByteArray more = patternBytes(900, 2);
-    std::thread owner([&] {
-        writer.store(currentTid());
-        ASSERT_EQ(file.write(more), more.size());
-        hasher.written("/lag", 1500, true); // over the limit until the 600 being fed are done
-        returned.store(true);
-    });
-    // Checked without returning early: the thread must be released and joined.
-    EXPECT_TRUE(waitUntil([&] { return writer.load() != 0; }) && waitUntilBlocked(writer.load()));
-    EXPECT_FALSE(returned.load());
-    recorder.release();
-    owner.join();
-    EXPECT_TRUE(hasher.finish("/lag"));
-    EXPECT_EQ(recorder.of("/lag"), patternBytes(600, 1) + more);
-}
-
-TEST_F(DownloadHasher, AFileShorterThanWhatWasWrittenFails) {
-    const auto owned = hasherOf(2);
-    Dovel::DownloadHasher& hasher = *owned;
-    ASSERT_TRUE(TestFiles::writeFile(dir.path() + "/short", "12345"));
-    hasher.begin("/short", dir.path() + "/short");
-    hasher.written("/short", 10, true);
-    EXPECT_FALSE(hasher.finish("/short"));
-
-    hasher.begin("/gone", dir.path() + "/missing");
-    hasher.written("/gone", 10, true);
-    EXPECT_FALSE(hasher.finish("/gone"));
-    // Nothing to read back of an empty file: it is not even opened.
-    hasher.begin("/empty", dir.path() + "/missing");
-    hasher.written("/empty", 0, true);
-    EXPECT_TRUE(hasher.finish("/empty"));
-    // A name never begun is nothing to wait for, and has no hash.
-    EXPECT_TRUE(hasher.isDone("/never-begun"));
-    EXPECT_FALSE(hasher.finish("/never-begun"));
 }
 
 } // namespace

@@ -12,6 +12,7 @@
 #include "basalt/WaitUtil.h"
 #include "transport/TransportTestUtil.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -42,6 +43,10 @@ inline QByteArray patternBytes(int size, int seed) {
     return bytes;
 }
 
+inline QByteArray md5Of(const QByteArray& bytes) {
+    return QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex();
+}
+
 // Every file below `root` (links not followed), by name relative to the root.
 inline QMap<QString, QByteArray> snapshot(const QString& root) {
     QMap<QString, QByteArray> files;
@@ -70,24 +75,21 @@ public:
     explicit ServedFolder(const QString& folder)
         : server(std::make_unique<Dovel::FolderServer>(folder)) {
         server->run(QStringLiteral("127.0.0.1"), 0);
-        listening = server->waitListening(5000);
+        EXPECT_TRUE(server->waitListening(5000)) << "the server does not listen";
     }
     int port() const { return server->port(); }
-    bool isListening() const { return listening; }
     Dovel::FolderServer& get() { return *server; }
 
 private:
     std::unique_ptr<Dovel::FolderServer> server;
-    bool listening = false;
 };
 
 // One pull of `folder` from the server at `port`; fails the test on a time-out.
-inline Dovel::FolderPull::Result pull(const QString& folder, int port, bool deleteExtra,
-                                      int ms = 30000) {
+inline Dovel::FolderPull::Result pull(const QString& folder, int port, bool deleteExtra) {
     Dovel::AssetBase asset(folder);
     auto puller = Dovel::FolderPull::create(asset, deleteExtra);
     puller->start(QStringLiteral("127.0.0.1"), port);
-    EXPECT_TRUE(puller->waitFinished(ms)) << "the pull did not finish in time";
+    EXPECT_TRUE(puller->waitFinished(30000)) << "the pull did not finish in time";
     const Dovel::FolderPull::Result result = puller->result();
     puller->shutdown();
     return result;

@@ -1,18 +1,30 @@
-// Whole transfers over loopback between a FolderServer and FolderPulls on
-// real folders: part boundaries, a file of several MiB, nested folders, repeated pulls
-// and the checksum cache.
+// Whole transfers over loopback between a FolderServer and FolderPulls on real folders:
+// part boundaries, nested folders, names that cannot be carried, what a killed pull
+// leaves behind, repeated pulls that follow exactly the changes, and the checksum cache.
 #include "files/FilesTestUtil.h"
 
-#include "Dovel/files/FileListThread.h"
-#include "Dovel/files/ProgressSender.h"
-
-#include "Basalt/Trace.h"
+#include <sys/inotify.h>
+#include <unistd.h>
 
 namespace {
 
 using namespace FilesTest;
 
-TEST(FileTransfer, FilesOfEverySizeArriveByteIdentical) {
+// The names in `dir` that were deleted, read from an inotify descriptor without waiting.
+QStringList deletedNames(int fd) {
+    QStringList names;
+    alignas(inotify_event) char buffer[64 << 10];
+    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;)
+        for (char* at = buffer; at < buffer + n;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(at);
+            if ((event->mask & IN_DELETE) != 0 && event->len > 0)
+                names.append(QString::fromUtf8(event->name));
+            at += sizeof(inotify_event) + event->len;
+        }
+    return names;
+}
+
+TEST(FileTransfer, AFolderIsMirroredThenExactlyItsChangesFollow) {
     QTemporaryDir source;
     QTemporaryDir target;
     ASSERT_TRUE(source.isValid() && target.isValid());
@@ -20,166 +32,107 @@ TEST(FileTransfer, FilesOfEverySizeArriveByteIdentical) {
     for (int size : sizes)
         ASSERT_TRUE(writeFile(source.path() + QStringLiteral("/sizes/f%1.bin").arg(size),
                               patternBytes(size, size)));
-    ASSERT_TRUE(writeFile(source.path() + "/deep/er/still/leaf.txt", "leaf"));
-
-    ServedFolder served(source.path());
-    ASSERT_TRUE(served.isListening());
-    const auto first = pull(target.path(), served.port(), false);
-    EXPECT_TRUE(first.success) << first.error.toStdString() << first.failed.join(' ').toStdString();
-    EXPECT_EQ(first.filesChecked, sizes.size() + 1);
-    EXPECT_EQ(first.filesTransferred, sizes.size() + 1);
-    int64_t total = 4;
-    for (int size : sizes)
-        total += size;
-    EXPECT_EQ(first.bytesTransferred, total);
-    EXPECT_EQ(snapshot(target.path()), snapshot(source.path()));
-    EXPECT_TRUE(tempFiles(target.path()).isEmpty());
-
-    // Nothing changed: the second pull checks everything and moves nothing.
-    const auto second = pull(target.path(), served.port(), true);
-    EXPECT_TRUE(second.success);
-    EXPECT_EQ(second.filesChecked, sizes.size() + 1);
-    EXPECT_EQ(second.filesTransferred, 0);
-    EXPECT_EQ(second.filesDeleted, 0);
-    EXPECT_EQ(second.bytesTransferred, 0);
-}
-
-TEST(FileTransfer, ThousandFilesMirroredThenExactlyTheChangesFollow) {
-    QTemporaryDir source;
-    QTemporaryDir target;
-    ASSERT_TRUE(source.isValid() && target.isValid());
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < 200; ++i) {
         const QString name = QStringLiteral("/d%1/e%2/file%3.dat").arg(i % 10).arg(i % 7).arg(i);
         ASSERT_TRUE(writeFile(source.path() + name, patternBytes(100 + i % 300, i)));
     }
     ASSERT_TRUE(writeFile(source.path() + "/solo/only.txt", "alone"));
+    ASSERT_TRUE(writeFile(source.path() + "/data.bin", patternBytes(100000, 1)));
+    const int files = sizes.size() + 202;
+    // Names the protocol cannot carry, and a download of the server's own, stay behind.
+    const QStringList uncarried{"/back\\slash", "/odd:name.txt", "/two..dots"};
+    for (const QString& name : uncarried + QStringList{"/left.filesync.part"})
+        ASSERT_TRUE(writeFile(source.path() + name, "stays behind"));
+    auto mirrored = [&] {
+        auto expected = snapshot(source.path());
+        for (const QString& name : uncarried + QStringList{"/left.filesync.part"})
+            expected.remove(name);
+        return expected;
+    };
+
+    // What a pull killed in the middle leaves: its lock file, no longer held, a part of a
+    // download, and one of a file the server no longer has.
+    ASSERT_TRUE(writeFile(target.path() + "/.filesync.lock", ""));
+    ASSERT_TRUE(writeFile(target.path() + "/sizes/f4194304.bin.filesync.part",
+                          patternBytes(4 << 20, 4 << 20).left(100000)));
+    ASSERT_TRUE(writeFile(target.path() + "/d1/gone.bin.filesync.part", "stale"));
 
     ServedFolder served(source.path());
-    ASSERT_TRUE(served.isListening());
-    const auto first = pull(target.path(), served.port(), true);
-    EXPECT_TRUE(first.success) << first.error.toStdString();
-    EXPECT_EQ(first.filesTransferred, 1001);
-    EXPECT_EQ(snapshot(target.path()), snapshot(source.path()));
+    const auto first = pull(target.path(), served.port(), false);
+    // The mirror is not complete, and the pull says which files it could not bring.
+    EXPECT_FALSE(first.success);
+    QStringList left = first.uncarried;
+    left.sort();
+    EXPECT_EQ(left, uncarried);
+    EXPECT_TRUE(first.error.isEmpty() && first.failed.isEmpty()) << first.error.toStdString();
+    EXPECT_EQ(first.filesChecked, files);
+    EXPECT_EQ(first.filesTransferred, files);
+    // The snapshot holds hidden and temporary files too: equality means none is left.
+    EXPECT_EQ(snapshot(target.path()), mirrored());
 
     // A file that only the target has stays without --delete and goes with it.
     ASSERT_TRUE(writeFile(target.path() + "/d1/stray.txt", "stray"));
-    const auto keep = pull(target.path(), served.port(), false);
-    EXPECT_TRUE(keep.success);
+    EXPECT_TRUE(pull(target.path(), served.port(), false).failed.isEmpty());
     EXPECT_TRUE(QFile::exists(target.path() + "/d1/stray.txt"));
 
     // One changed (a new size, so that the change shows whatever the clock), one added,
     // one deleted, the last one alone in its folder.
     const int64_t computedBefore = served.get().asset().index().checksumsComputed();
-    ASSERT_TRUE(writeFile(source.path() + "/d3/e3/file3.dat", "changed"));
+    ASSERT_TRUE(writeFile(source.path() + "/data.bin", patternBytes(100001, 2)));
     ASSERT_TRUE(writeFile(source.path() + "/new/added.txt", "added"));
     ASSERT_TRUE(QFile::remove(source.path() + "/solo/only.txt"));
     ASSERT_TRUE(QDir(source.path()).rmdir("solo"));
+    const int watch = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    ASSERT_GE(watch, 0);
+    ASSERT_GE(::inotify_add_watch(watch, QFile::encodeName(target.path()).constData(), IN_DELETE),
+              0);
 
     const auto second = pull(target.path(), served.port(), true);
-    EXPECT_TRUE(second.success) << second.failed.join(' ').toStdString();
-    EXPECT_EQ(second.filesChecked, 1001);
+    EXPECT_TRUE(second.failed.isEmpty()) << second.failed.join(' ').toStdString();
+    EXPECT_EQ(second.filesChecked, files);
     EXPECT_EQ(second.filesTransferred, 2);
     EXPECT_EQ(second.filesDeleted, 2); // the stray file and the deleted one
-    EXPECT_EQ(snapshot(target.path()), snapshot(source.path()));
+    EXPECT_EQ(snapshot(target.path()), mirrored());
     EXPECT_FALSE(QFileInfo::exists(target.path() + "/solo")); // emptied, so removed
     EXPECT_TRUE(QFileInfo::exists(target.path() + "/d1"));
+    // Killed at any moment, the pull leaves the old file or the new one, never none.
+    EXPECT_FALSE(deletedNames(watch).contains("data.bin"));
+    ::close(watch);
     // The server reread only the changed and the added file.
     EXPECT_EQ(served.get().asset().index().checksumsComputed() - computedBefore, 2);
 }
 
-class RecordingProgress : public Dovel::ProgressSender {
-public:
-    void transferInfo(const QString& text) override {
-        Basalt::Guard guard(mutex);
-        texts.append(text);
-    }
-    QStringList all() const {
-        Basalt::Guard guard(mutex);
-        return TransportTest::copyOf(texts);
-    }
-
-private:
-    mutable Basalt::Mutex mutex;
-    QStringList texts;
-};
-
 TEST(FileTransfer, ChecksumCacheSurvivesTheAssetAndNoticesChanges) {
-    QTemporaryDir folder;
-    ASSERT_TRUE(folder.isValid());
-    for (int i = 0; i < 20; ++i)
-        ASSERT_TRUE(
-            writeFile(folder.path() + QStringLiteral("/c/f%1").arg(i), patternBytes(50, i)));
-    QString firstSum;
+    QTemporaryDir parent;
+    ASSERT_TRUE(parent.isValid());
+    // A root that the settings file escapes, and names that it quotes or escapes.
+    const QString root = parent.path() + QStringLiteral("/r\u00f6\u00f6t 50%");
+    const QStringList names{QStringLiteral("/plain.bin"),         QStringLiteral("/a, b"),
+                            QStringLiteral("/\u00e9t\u00e9/x y"), QStringLiteral("/@at"),
+                            QStringLiteral("/resized"),           QStringLiteral("/touched")};
+    for (int i = 0; i < names.size(); ++i)
+        ASSERT_TRUE(writeFile(root + names[i], patternBytes(40 + i, i)));
+    Dovel::FileList first;
     {
-        // The first list is built on a FileListThread, reporting as it goes.
-        Dovel::AssetBase asset(folder.path());
-        RecordingProgress texts;
-        Dovel::FileListThread thread(asset.index(), &texts);
-        thread.run();
-        ASSERT_TRUE(thread.waitEnd(10000));
-        const auto list = thread.result();
-        EXPECT_EQ(texts.all(), (QStringList{"Scanning directory tree...", "Generated checksums: 20",
-                                            "Checksum list generated"}));
-        EXPECT_EQ(list.size(), 20);
-        EXPECT_EQ(asset.index().checksumsComputed(), 20);
-        firstSum = list.value("/c/f0").md5;
-        EXPECT_EQ(
-            firstSum,
-            QString(
-                QCryptographicHash::hash(patternBytes(50, 0), QCryptographicHash::Md5).toHex()));
+        Dovel::AssetBase asset(root);
+        first = asset.buildFileList();
+        EXPECT_EQ(asset.index().checksumsComputed(), names.size());
+        EXPECT_EQ(first.value("/plain.bin").md5, QString(md5Of(patternBytes(40, 0))));
     }
-    // A new asset of the same folder reads the cache: nothing is reread...
-    ASSERT_TRUE(writeFile(folder.path() + "/c/f1", patternBytes(51, 1)));
-    Basalt::TraceCapture capture;
-    Dovel::AssetBase again(folder.path());
-    const auto list = again.buildFileList();
-    // ...except the file whose size changed.
-    EXPECT_EQ(again.index().checksumsComputed(), 1);
-    EXPECT_EQ(again.index().checksumsReused(), 19);
-    EXPECT_TRUE(capture.contains("19 checksums reused, 1 computed"))
-        << capture.dump().toStdString();
-    EXPECT_EQ(list.value("/c/f0").md5, firstSum);
-    EXPECT_EQ(list.value("/c/f1").size, 51);
-
-    // A new modification time alone is a change too.
-    QFile touched(folder.path() + "/c/f2");
+    // A new size, or a new modification time alone, is a change; the rest is reused.
+    ASSERT_TRUE(writeFile(root + "/resized", patternBytes(99, 4)));
+    QFile touched(root + "/touched");
     ASSERT_TRUE(touched.open(QIODevice::ReadWrite));
     ASSERT_TRUE(touched.setFileTime(QDateTime::currentDateTime().addSecs(-3600),
                                     QFileDevice::FileModificationTime));
     touched.close();
-    again.buildFileList();
+    Dovel::AssetBase again(root);
+    const auto list = again.buildFileList();
     EXPECT_EQ(again.index().checksumsComputed(), 2);
-}
-
-} // namespace
-
-namespace {
-
-TEST(FileTransfer, NamesTheProtocolCannotCarryStayBehindAndThePullSaysSo) {
-    QTemporaryDir source;
-    QTemporaryDir target;
-    ASSERT_TRUE(source.isValid() && target.isValid());
-    ASSERT_TRUE(writeFile(source.path() + "/plain.txt", "plain"));
-    ASSERT_TRUE(writeFile(source.path() + "/odd:name.txt", "colon"));
-    ASSERT_TRUE(writeFile(source.path() + "/two..dots", "dots"));
-    ASSERT_TRUE(writeFile(source.path() + "/back\\slash", "backslash"));
-    ASSERT_TRUE(writeFile(source.path() + "/left.filesync.part", "a download under way"));
-
-    Basalt::TraceCapture capture;
-    ServedFolder served(source.path());
-    ASSERT_TRUE(served.isListening());
-    const auto result = pull(target.path(), served.port(), true);
-    // The mirror is not complete, and the pull says which files it could not bring.
-    EXPECT_FALSE(result.success);
-    QStringList uncarried = result.uncarried;
-    uncarried.sort();
-    EXPECT_EQ(uncarried, (QStringList{"/back\\slash", "/odd:name.txt", "/two..dots"}));
-    EXPECT_EQ(result.filesChecked, 1);
-    EXPECT_EQ(snapshot(target.path()).keys(), QStringList{"/plain.txt"});
-    EXPECT_TRUE(capture.contains("Skipping '/odd:name.txt'"));
-    EXPECT_TRUE(capture.contains("Skipping '/two..dots'"));
-    EXPECT_TRUE(capture.contains("Skipping '/back\\slash'"));
-    EXPECT_FALSE(capture.contains("left.filesync.part"));
+    EXPECT_EQ(again.index().checksumsReused(), names.size() - 2);
+    EXPECT_EQ(list.keys(), first.keys());
+    EXPECT_EQ(list.value("/plain.bin").md5, first.value("/plain.bin").md5);
+    EXPECT_EQ(list.value("/resized").size, 99);
 }
 
 } // namespace
