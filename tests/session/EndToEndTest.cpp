@@ -55,11 +55,12 @@ TEST(EndToEnd, ChangesAdditionsAndRemovalsTravelBothWays) {
     ASSERT_TRUE(waitSame(master, mirror));
 
     // Each side removes what it added; the peer's copy goes too.
-    for (auto [side, peer, name] : {std::make_tuple(&master, &mirror, "fromServer"),
-                                    std::make_tuple(&mirror, &master, "fromClient")}) {
-        side->run([&] { delete at(side->node, QByteArray("extra/") + name); });
-        EXPECT_TRUE(waitUntil([&] { return !hasPath(*peer, QByteArray("extra/") + name); }));
-    }
+    const auto removeAndWait = [&](Side& side, Side& peer, const QByteArray& path) {
+        side.run([&] { delete at(side.node, path); });
+        EXPECT_TRUE(waitUntil([&] { return !hasPath(peer, path); }));
+    };
+    removeAndWait(master, mirror, "extra/fromServer");
+    removeAndWait(mirror, master, "extra/fromClient");
     EXPECT_TRUE(waitSame(master, mirror));
 }
 
