@@ -56,6 +56,10 @@ using TypeSamples::fill;
 // Values that travel both ways are set on the layer that received values use: a
 // higher layer would hide every later value of the peer.
 constexpr auto L2 = Tessel::Attribute::LayerRemote;
+constexpr auto L3 = Tessel::Attribute::LayerUser; // above what a peer sets
+
+// The message types of the tree modules, as the handshake binds them in a Session.
+enum MessageType : uint32_t { SymbolsType = 1, NewType, UpdateType, RemoveType, EventType };
 
 struct Session {
     Session(Dovel::RemoteNode& node, bool master, bool createMissing)

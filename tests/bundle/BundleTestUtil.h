@@ -65,6 +65,13 @@ template <typename E, typename F> std::string failure(F&& f) {
 }
 
 // A whole packet: header words, then the payload.
+// One output pass of a dispatcher: the bundles it writes.
+inline std::vector<Dovel::Bundle> pass(Dovel::BundleDispatcher& d) {
+    std::vector<Dovel::Bundle> out;
+    d.writeUpdates(out);
+    return out;
+}
+
 inline QByteArray packet(uint32_t type, uint32_t sequence, uint32_t acknowledged,
                          const QByteArray& payload) {
     return Bytes()

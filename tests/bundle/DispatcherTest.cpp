@@ -13,6 +13,7 @@
 using namespace Dovel;
 using BundleTest::Bytes;
 using BundleTest::packet;
+using BundleTest::pass;
 using BundleTest::RecordingReceiver;
 using BundleTest::TestSender;
 
@@ -21,12 +22,6 @@ namespace {
 void dispatch(BundleDispatcher& d, const Bundle& b) {
     BundleReader r(b);
     d.dispatchBundle(r);
-}
-
-std::vector<Bundle> pass(BundleDispatcher& d) {
-    std::vector<Bundle> out;
-    d.writeUpdates(out);
-    return out;
 }
 
 } // namespace

@@ -15,6 +15,7 @@ using namespace Dovel;
 using BundleTest::Bytes;
 using BundleTest::failure;
 using BundleTest::packet;
+using BundleTest::pass;
 using BundleTest::pastEnd;
 using BundleTest::RecordingReceiver;
 using BundleTest::TestSender;
@@ -25,12 +26,6 @@ void dispatch(BundleDispatcher& d, const QByteArray& bytes) {
     const Bundle b(bytes);
     BundleReader r(b);
     d.dispatchBundle(r);
-}
-
-std::vector<Bundle> pass(BundleDispatcher& d) {
-    std::vector<Bundle> out;
-    d.writeUpdates(out);
-    return out;
 }
 
 } // namespace

@@ -31,10 +31,14 @@ namespace {
 constexpr auto Added = Dovel::NodeWatcher::AttributeAdded;
 constexpr auto Removed = Dovel::NodeWatcher::AttributeRemoved;
 constexpr auto Changed = Dovel::NodeWatcher::AttributeChanged;
-constexpr auto L2 = Attribute::LayerRemote;
+using SessionHarness::L2;
 
 // The outgoing numbers a session binds, in the order its sender asks for them.
-enum : uint32_t { SymbolsType = 1, NewType = 2, UpdateType = 3, RemoveType = 4, EventType = 5 };
+using SessionHarness::EventType;
+using SessionHarness::NewType;
+using SessionHarness::RemoveType;
+using SessionHarness::SymbolsType;
+using SessionHarness::UpdateType;
 
 std::vector<ChangeData> compress(const std::vector<Dovel::NodeWatcher::Event>& events) {
     AttributeChangeCompressor compressor;

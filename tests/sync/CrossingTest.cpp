@@ -19,7 +19,7 @@ using Tessel::AttributeT;
 
 namespace {
 
-constexpr auto L2 = Attribute::LayerRemote;
+using SessionHarness::L2;
 
 TEST(Crossing, AValueWrittenBeforeTheMastersBareAnswerArrivedIsKept) {
     RemoteNode masterNode(nullptr, "m");

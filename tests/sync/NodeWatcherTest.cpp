@@ -20,8 +20,6 @@ using Tessel::Node;
 
 namespace {
 
-constexpr auto L3 = Tessel::Attribute::LayerUser;
-
 // A root with a watcher on it; the watcher goes before the tree.
 struct Watched {
     Node root;

@@ -25,9 +25,13 @@ using Tessel::Node;
 
 namespace {
 
-constexpr auto L2 = Attribute::LayerRemote;
+using SessionHarness::L2;
 // The numbers under which the left session's messages reach the right one.
-enum : uint32_t { SymbolsType = 1, NewType = 2, UpdateType = 3, RemoveType = 4, EventType = 5 };
+using SessionHarness::EventType;
+using SessionHarness::NewType;
+using SessionHarness::RemoveType;
+using SessionHarness::SymbolsType;
+using SessionHarness::UpdateType;
 
 // A left and a right tree in session; the right side receives the hand-written bundles.
 struct Pair {

@@ -25,7 +25,7 @@ using SessionHarness::allCodes;
 using SessionHarness::encoded;
 using SessionHarness::fill;
 using SessionHarness::L2;
-constexpr auto L3 = Attribute::LayerUser;
+using SessionHarness::L3;
 
 TEST(SessionExchange, EveryTypeIsMirroredWithItsValueAndMissingNodesAreCreated) {
     RemoteNode master(nullptr, "master");

@@ -2,6 +2,8 @@
 #include "Tessel/AttributeT.h"
 #include "Tessel/Node.h"
 
+#include "TesselTestUtil.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -11,23 +13,7 @@
 #include <string>
 
 using namespace Tessel;
-
-namespace {
-
-constexpr auto L0 = Attribute::LayerDefault;
-constexpr auto L2 = Attribute::LayerRemote;
-constexpr auto L3 = Attribute::LayerUser;
-constexpr auto Current = Attribute::LayerCurrent;
-
-// Counts the change notifications of one attribute.
-struct Changes {
-    explicit Changes(Attribute& attribute) {
-        attribute.addListener([this] { ++count; }, Attribute::RoleChange);
-    }
-    int count = 0;
-};
-
-} // namespace
+using namespace TesselTest;
 
 TEST(AttributeLayers, HighestDefinedLayerWinsAndFiresOnlyEffectiveChanges) {
     Node root;

@@ -4,24 +4,14 @@
 #include "Tessel/AttributeT.h"
 #include "Tessel/Node.h"
 
+#include "TesselTestUtil.h"
+
 #include <gtest/gtest.h>
 
 #include <vector>
 
 using namespace Tessel;
-
-namespace {
-
-constexpr auto L2 = Attribute::LayerRemote;
-
-struct Changes {
-    explicit Changes(Attribute& attribute) {
-        attribute.addListener([this] { ++count; }, Attribute::RoleChange);
-    }
-    int count = 0;
-};
-
-} // namespace
+using namespace TesselTest;
 
 TEST(AttributeAlias, ReportsRetargetsButNotValueChanges) {
     Node root;

@@ -5,15 +5,14 @@
 
 #include "Basalt/BinaryData.h"
 
+#include "TesselTestUtil.h"
+
 #include <gtest/gtest.h>
 
 #include <vector>
 
 using namespace Tessel;
-
-namespace {
-constexpr auto L2 = Attribute::LayerRemote;
-}
+using namespace TesselTest;
 
 TEST(AttributeListeners, EmissionUsesTheTableAsItWasAndSkipsRemovedListeners) {
     AttributeT<int> a;

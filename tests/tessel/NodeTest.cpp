@@ -6,6 +6,8 @@
 
 #include "Basalt/BinaryData.h"
 
+#include "TesselTestUtil.h"
+
 #include <gtest/gtest.h>
 
 #include <QStringList>
@@ -15,10 +17,9 @@
 #include <vector>
 
 using namespace Tessel;
+using namespace TesselTest;
 
 namespace {
-
-constexpr auto L2 = Attribute::LayerRemote;
 
 QByteArrayList namesOf(const Node& node) {
     QByteArrayList names;

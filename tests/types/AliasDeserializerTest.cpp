@@ -16,11 +16,7 @@ using Tessel::Attribute;
 using Tessel::AttributeAlias;
 using Tessel::AttributeT;
 
-namespace {
-
-constexpr auto L2 = Attribute::LayerRemote;
-
-} // namespace
+namespace {} // namespace
 
 TEST(AliasCodecs, OnlyTheLastCachedValueIsAppliedOnce) {
     const TypeRegistry registry;

@@ -21,8 +21,6 @@ using Tessel::AttributeT;
 
 namespace {
 
-constexpr auto L2 = Attribute::LayerRemote;
-
 // A host class derived from a registered one.
 class Opacity : public AttributeT<float> {
 public:

@@ -7,12 +7,17 @@
 #include "Dovel/bundle/Bundle.h"
 #include "Dovel/types/TypeRegistry.h"
 
+#include "Tessel/Attribute.h"
+
 #include <QByteArray>
 #include <QVariant>
 
 #include <cstring>
 
 namespace TypesTest {
+
+// The layer received values are set on.
+constexpr auto L2 = Tessel::Attribute::LayerRemote;
 
 using BundleTest::Bytes;
 using BundleTest::failure;
