@@ -35,11 +35,11 @@ run_suite() {
     ! grep -q "^CMAKE_CXX_COMPILER:[A-Z]*=.*$(basename "$cxx")\$" "$root/$dir/CMakeCache.txt"; then
     rm -rf "${root:?}/$dir"
   fi
-  echo "== configure $dir"
+  echo "== configure $dir (${SECONDS} s in)"
   cmake -S "$root" -B "$root/$dir" -G Ninja -DDOVEL_UNITY_BUILD=ON "$@" >/dev/null
-  echo "== build $dir"
+  echo "== build $dir (${SECONDS} s in)"
   cmake --build "$root/$dir" -j "$jobs"
-  echo "== test $dir"
+  echo "== test $dir (${SECONDS} s in)"
   (cd "$root/$dir" && ctest --output-on-failure -j "$jobs" --timeout 300)
 }
 
@@ -59,7 +59,7 @@ fi
 
 run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=$lines_release"
 
-echo "== soak (a server and three clients, 20 seconds)"
+echo "== soak, a server and three clients for 20 seconds (${SECONDS} s in)"
 bash scripts/soak.sh 20 "$root/build"
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
@@ -70,7 +70,7 @@ CC=clang CXX=clang++ run_suite build-asan -DCMAKE_BUILD_TYPE=Debug "-DCMAKE_CXX_
 
 run_tsan_suite
 
-echo "== fuzz (a few seconds per target)"
+echo "== fuzz, a few seconds per target (${SECONDS} s in)"
 bash scripts/fuzz.sh 5 build-asan
 
-echo "== all tests passed (plain, address-, undefined- and thread-sanitized, fuzzed)"
+echo "== all tests passed (plain, address-, undefined- and thread-sanitized, fuzzed) in ${SECONDS} s"
