@@ -59,7 +59,9 @@ constexpr auto L2 = Tessel::Attribute::LayerRemote;
 constexpr auto L3 = Tessel::Attribute::LayerUser; // above what a peer sets
 
 // The message types of the tree modules, as the handshake binds them in a Session.
-enum MessageType : uint32_t { SymbolsType = 1, NewType, UpdateType, RemoveType, EventType };
+namespace MessageTypes {
+enum : uint32_t { SymbolsType = 1, NewType, UpdateType, RemoveType, EventType };
+} // namespace MessageTypes
 
 struct Session {
     Session(Dovel::RemoteNode& node, bool master, bool createMissing)

@@ -1,6 +1,6 @@
 // Runs the dovel tool as a separate process for the tests that need one: short commands
 // run to their end, and servers that announce "listening on HOST:PORT" and run until a
-// signal. The tool is the one built next to the test executable; each DovelTool gives
+// signal. The tool is the one built next to the test executable; each ToolRunner gives
 // its processes their own settings and data folders.
 #pragma once
 
@@ -41,9 +41,9 @@ struct ToolRun {
     QByteArray err;
 };
 
-class DovelTool {
+class ToolRunner {
 public:
-    DovelTool() {
+    ToolRunner() {
         environment = QProcessEnvironment::systemEnvironment();
         environment.insert("XDG_CONFIG_HOME", home.path());
         environment.insert("XDG_DATA_HOME", home.path());

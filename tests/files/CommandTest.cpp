@@ -18,7 +18,7 @@ TEST(FilesCommand, ServeAndPullThroughTheTool) {
     ASSERT_TRUE(writeFile(source.path() + "/a.txt", "alpha"));
     ASSERT_TRUE(writeFile(source.path() + "/x", "a file here"));
     ASSERT_TRUE(writeFile(source.path() + "/sub/b.bin", patternBytes(70000, 1)));
-    DovelTool tool;
+    ToolRunner tool;
 
     QProcess server;
     const QString address =

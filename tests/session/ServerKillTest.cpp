@@ -26,7 +26,7 @@ TEST(ServerKill, ClientsReconnectToTheRestartedServerAndNothingIsLost) {
     const QString treeFile = folder.path() + "/tree.json";
     ASSERT_TRUE(TestFiles::writeFile(
         treeFile, R"({"scene": {"light": {"power": 2.5, "name": "key"}, "frame": 7}})"));
-    DovelTool tool;
+    ToolRunner tool;
     QProcess server;
     const QString address =
         tool.startServer(server, {"serve", "--listen", "127.0.0.1:0", "--tree", treeFile});

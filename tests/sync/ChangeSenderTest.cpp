@@ -34,11 +34,7 @@ constexpr auto Changed = Dovel::NodeWatcher::AttributeChanged;
 using SessionHarness::L2;
 
 // The outgoing numbers a session binds, in the order its sender asks for them.
-using SessionHarness::EventType;
-using SessionHarness::NewType;
-using SessionHarness::RemoveType;
-using SessionHarness::SymbolsType;
-using SessionHarness::UpdateType;
+using namespace SessionHarness::MessageTypes;
 
 std::vector<ChangeData> compress(const std::vector<Dovel::NodeWatcher::Event>& events) {
     AttributeChangeCompressor compressor;

@@ -27,11 +27,7 @@ namespace {
 
 using SessionHarness::L2;
 // The numbers under which the left session's messages reach the right one.
-using SessionHarness::EventType;
-using SessionHarness::NewType;
-using SessionHarness::RemoveType;
-using SessionHarness::SymbolsType;
-using SessionHarness::UpdateType;
+using namespace SessionHarness::MessageTypes;
 
 // A left and a right tree in session; the right side receives the hand-written bundles.
 struct Pair {

@@ -27,7 +27,7 @@ int portOf(const QString& address) {
 TEST(Access, KeysTheDefaultAddressAndTheWarningForAnOpenServer) {
     DOVEL_REQUIRE_TOOL();
     QTemporaryDir dir;
-    DovelTool tool;
+    ToolRunner tool;
     const QString key = dir.filePath("key");
     QProcess keygen;
     keygen.setStandardOutputFile(key);
@@ -74,7 +74,7 @@ TEST(Access, AFolderServerTakesNoUploads) {
     QTemporaryDir source;
     QTemporaryDir target;
     ASSERT_TRUE(writeFile(source.filePath("normal.txt"), "what the server serves\n"));
-    DovelTool tool;
+    ToolRunner tool;
     QProcess server;
     const QString address =
         tool.startServer(server, {"files", "serve", source.path(), "--listen", "0"});
@@ -102,7 +102,7 @@ TEST(Access, AReadOnlyServerKeepsItsTree) {
     DOVEL_REQUIRE_TOOL();
     QTemporaryDir dir;
     ASSERT_TRUE(writeFile(dir.filePath("tree.json"), R"({"car": {"speed": 1.5}})"));
-    DovelTool tool;
+    ToolRunner tool;
     QProcess server;
     const QString address = tool.startServer(
         server, {"serve", "--listen", "0", "--tree", dir.filePath("tree.json"), "--read-only"});

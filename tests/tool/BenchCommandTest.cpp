@@ -9,15 +9,15 @@
 
 namespace {
 
-using ToolTest::DovelTool;
+using ToolTest::ToolRunner;
 
 TEST(BenchCommand, AShortRunPrintsItsFiguresAndUsageErrorsExit2) {
     DOVEL_REQUIRE_TOOL();
-    DovelTool tool;
+    ToolRunner tool;
     const ToolTest::ToolRun run = tool.run({"bench", "latency", "--trips", "20", "--json"}, 120000);
     ASSERT_EQ(run.exitCode, 0) << run.err.constData();
     // Every line is a figure object: {"workload", "metric", "value", "unit"}.
-    ::DovelTool::BenchReport report;
+    DovelTool::BenchReport report;
     EXPECT_EQ(report.readJsonLines(run.out), run.out.trimmed().split('\n').size())
         << run.out.constData();
     EXPECT_EQ(report.value("latency", "trips"), 20);

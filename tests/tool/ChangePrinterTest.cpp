@@ -11,7 +11,7 @@
 
 namespace {
 
-using ::DovelTool::ChangePrinter;
+using DovelTool::ChangePrinter;
 
 TEST(ChangePrinter, LinesFollowTheTree) {
     Dovel::RemoteNode scratch(nullptr, "scratch");

@@ -22,7 +22,7 @@ TEST(Durability, AServedTreeIsSavedWhileItChangesAndASaveThatFailsSaysWhy) {
     DOVEL_REQUIRE_TOOL();
     QTemporaryDir dir;
     const QString save = dir.filePath("later/tree.json"); // its folder comes later
-    DovelTool tool;
+    ToolRunner tool;
     QProcess server;
     const QString address = tool.startServer(
         server, {"serve", "--listen", "0", "--save", save, "--save-interval", "0.2"});
@@ -55,7 +55,7 @@ TEST(Durability, OnePullAtATimeAndAPullSaysWhatItCouldNotBring) {
     QTemporaryDir target;
     ASSERT_TRUE(writeFile(source.filePath("ok.txt"), "fine"));
     ASSERT_TRUE(writeFile(source.filePath("a..b.txt"), "no name for it on the wire"));
-    DovelTool tool;
+    ToolRunner tool;
     QProcess server;
     const QString address =
         tool.startServer(server, {"files", "serve", source.path(), "--listen", "0"});

@@ -13,8 +13,8 @@
 
 namespace {
 
-using ::DovelTool::PathValues;
-using ::DovelTool::TreeJson;
+using DovelTool::PathValues;
+using DovelTool::TreeJson;
 
 TEST(PathValues, ParseChecksEveryWord) {
     PathValues values;

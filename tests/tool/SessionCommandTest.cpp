@@ -48,7 +48,7 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
     const QString treeFile = folder.filePath("scene.json");
     const QString savedFile = folder.filePath("saved.json");
     ASSERT_TRUE(writeFile(treeFile, SceneJson));
-    ToolTest::DovelTool tool;
+    ToolTest::ToolRunner tool;
 
     QProcess server;
     const QString address = tool.startServer(
@@ -140,7 +140,7 @@ TEST(SessionCommands, GetLsAndDumpOfOnePath) {
     ASSERT_TRUE(writeFile(folder.filePath("tree.json"),
                           R"({"scene": {"a": 1, "v": {"@type": "vec3f", "value": [1, 2, 3]}},
                               "sp ace": 1.5})"));
-    ToolTest::DovelTool tool;
+    ToolTest::ToolRunner tool;
     QProcess server;
     const QString address = tool.startServer(
         server, {"serve", "--listen", "0", "--tree", folder.filePath("tree.json")});
@@ -202,7 +202,7 @@ TEST(SessionCommands, WithoutQueriesTheCommandsTakeACopy) {
     driver.call(
         [&] { new Tessel::AttributeT<float>(new Tessel::Node(&root, "car"), "speed", 1.5f); });
     const QString address = QStringLiteral("127.0.0.1:%1").arg(server.port());
-    ToolTest::DovelTool tool;
+    ToolTest::ToolRunner tool;
     const ToolRun set = tool.run({"set", address, "car/speed=2.5", "car/name=\"blue\""});
     EXPECT_EQ(set.exitCode, 0) << set.err.constData();
     EXPECT_EQ(tool.run({"get", address, "car/speed", "car/name"}).out, "2.5\n\"blue\"\n");
@@ -219,7 +219,7 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
     DOVEL_REQUIRE_TOOL();
     QTemporaryDir folder;
     ASSERT_TRUE(folder.isValid());
-    ToolTest::DovelTool tool;
+    ToolTest::ToolRunner tool;
 
     // Whatever stands at the address, a client ends at once (well inside its time-out
     // of a minute) with exit 1 and one line that says why: nobody listens, a server of
@@ -325,7 +325,7 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
 
 TEST(SessionCommands, DemoShowsTheClientFollowing) {
     DOVEL_REQUIRE_TOOL();
-    ToolTest::DovelTool tool;
+    ToolTest::ToolRunner tool;
     ToolRun demo = tool.run({"demo", "--seconds", "1"});
     EXPECT_EQ(demo.exitCode, 0) << demo.err.toStdString() << demo.out.toStdString();
     for (const char* text :
