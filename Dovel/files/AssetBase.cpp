@@ -1,7 +1,6 @@
 #include "Dovel/files/AssetBase.h"
 
 #include "Dovel/files/PathPolicy.h"
-#include "Dovel/transport/ConnectionHandler.h"
 
 #include "Basalt/Trace.h"
 
@@ -84,24 +83,23 @@ bool AssetBase::lockForWriting(QString& error) {
     return true;
 }
 
-void AssetBase::addFileToRemoveQueue(const QString& path,
-                                     std::shared_ptr<ConnectionLink> connection) {
+void AssetBase::addFileToRemoveQueue(const QString& path) {
     Basalt::Guard guard(removeMutex);
-    removeQueue[path].append(std::move(connection));
+    removeQueue.insert(path);
 }
 
 int AssetBase::drainRemoveQueue() {
-    QMap<QString, QList<std::shared_ptr<ConnectionLink>>> taken;
+    QSet<QString> taken;
     {
         Basalt::Guard guard(removeMutex);
         taken.swap(removeQueue);
     }
     int removed = 0;
-    for (auto it = taken.constBegin(); it != taken.constEnd(); ++it)
-        if (removeFileAndEmptyFolders(it.key()))
+    for (const QString& path : taken)
+        if (removeFileAndEmptyFolders(path))
             ++removed;
     if (!taken.isEmpty()) {
-        index_.forgetFiles(taken.keys());
+        index_.forgetFiles(taken.values());
         transferFinished();
     }
     return removed;

@@ -19,15 +19,11 @@
 
 #include "Basalt/Mutex.h"
 
-#include <QList>
-#include <QMap>
+#include <QSet>
 #include <QString>
-
-#include <memory>
 
 namespace Dovel {
 
-class ConnectionLink;
 class ProgressSender;
 
 class AssetBase {
@@ -53,7 +49,7 @@ public:
     bool endDownload(const QString& name, bool success);
 
     // Files that a peer no longer has, removed by drainRemoveQueue().
-    void addFileToRemoveQueue(const QString& path, std::shared_ptr<ConnectionLink> connection);
+    void addFileToRemoveQueue(const QString& path);
     // Removes every queued file and the folders that it leaves empty; returns the number
     // of files removed. Calls transferFinished() when anything was queued.
     int drainRemoveQueue();
@@ -74,7 +70,7 @@ private:
     DownloadLedger ledger;
 
     Basalt::Mutex removeMutex;
-    QMap<QString, QList<std::shared_ptr<ConnectionLink>>> removeQueue; // guarded by it
+    QSet<QString> removeQueue; // guarded by it
     int lockFd = -1;
 };
 

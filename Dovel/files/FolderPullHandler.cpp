@@ -162,7 +162,7 @@ void FolderPullHandler::compareAndRequest() {
         bool any = false;
         for (auto it = local.constBegin(); it != local.constEnd(); ++it) {
             if (!serverList.contains(it.key())) {
-                asset().addFileToRemoveQueue(it.key(), link().weakLink().lock());
+                asset().addFileToRemoveQueue(it.key());
                 any = true;
             }
         }
