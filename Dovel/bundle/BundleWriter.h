@@ -38,6 +38,8 @@ public:
     void writeDataAt(uint32_t pos, const void* data, uint32_t n);
     // The packet size: where the next item goes.
     uint32_t pos() const { return target->size(); }
+    // Drops what was written from `size` on.
+    void cutBack(uint32_t size) { target->mutablePacket().resize(int(size)); }
     // Empties the packet, header included.
     void rewind() { target->mutablePacket().resize(0); }
 
@@ -56,6 +58,25 @@ public:
     void writeBytes(const QByteArray& bytes) {
         writeUInt32(uint32_t(bytes.size()));
         writeData(bytes.constData(), uint32_t(bytes.size()));
+    }
+    // The same for the bytes that `append(packet)` adds to the packet, without a copy of
+    // their own. When it returns false (having added nothing) nothing is written.
+    template <typename Append> bool writeBytesFrom(Append append) {
+        const uint32_t start = pos();
+        writeUInt32(0);
+        QByteArray& bytes = target->mutablePacket();
+        if (!append(bytes)) {
+            cutBack(start);
+            return false;
+        }
+        const uint32_t n = pos() - start - 4;
+        const uint32_t padded = Bundle::align4(n);
+        if (padded != n)
+            bytes.resize(int(start + 4 + padded));
+        char* at = bytes.data() + start;
+        std::memcpy(at, &n, 4);
+        std::memset(at + 4 + n, 0, padded - n);
+        return true;
     }
     // The UTF-8 form of `text` as writeBytes does.
     void writeString(const QString& text) { writeBytes(text.toUtf8()); }

@@ -1,16 +1,45 @@
 #include "Dovel/bundle/PeerSymbols.h"
 
+#include "Basalt/SymbolRegistry.h"
+
 namespace Dovel {
 
 bool PeerSymbols::define(const QByteArray& name, uint32_t symbol) {
     if (symbol == 0)
         return false;
-    const QByteArray* const current = names.find(symbol);
+    const bool look = localNames && (misses < LookupEvery || misses % LookupEvery == 0);
+    // A pair already kept as this side's symbol is no new definition, looked up or not.
+    const uint32_t settled = local.value(symbol);
+    if (!look && settled != 0 && localNames->isNameOf(settled, name))
+        return false;
+    const uint32_t known = look ? localNames->lookup(name) : 0;
+    misses = known ? 0 : misses + 1;
+    if (known) {
+        if (local.value(symbol) == known)
+            return false;
+        pending.remove(symbol);
+        local.insert(symbol, known);
+        return true;
+    }
+    const QByteArray* const current = pending.find(symbol);
     if (current && *current == name)
         return false;
+    local.remove(symbol);
     // The empty name is stored non-null, so that lookup tells it from an unknown symbol.
-    names.insert(symbol, name.isNull() ? QByteArray("") : name);
+    pending.insert(symbol, name.isNull() ? QByteArray("") : name);
     return true;
+}
+
+QByteArray PeerSymbols::lookup(uint32_t symbol) const {
+    if (const QByteArray* name = pending.find(symbol))
+        return *name;
+    const uint32_t known = local.value(symbol);
+    return known ? localNames->lookup(known) : QByteArray();
+}
+
+void PeerSymbols::settle(uint32_t symbol, uint32_t localSymbol) {
+    if (localNames && localSymbol != 0 && pending.remove(symbol))
+        local.insert(symbol, localSymbol);
 }
 
 } // namespace Dovel

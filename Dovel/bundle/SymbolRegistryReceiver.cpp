@@ -3,7 +3,6 @@
 #include "Dovel/bundle/ModuleNames.h"
 #include "Dovel/bundle/PeerSymbols.h"
 
-#include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
 
 #include <stdexcept>
@@ -11,25 +10,22 @@
 
 namespace Dovel {
 
-SymbolRegistryReceiver::SymbolRegistryReceiver(PeerSymbols& registry, int maxSymbols,
-                                               const Basalt::SymbolRegistry* localNames)
-    : BundleReceiver(ModuleNames::SymbolRegistry), registry(registry), maxSymbols(maxSymbols),
-      localNames(localNames) {}
+SymbolRegistryReceiver::SymbolRegistryReceiver(PeerSymbols& registry, int maxSymbols)
+    : BundleReceiver(ModuleNames::SymbolRegistry), registry(registry), maxSymbols(maxSymbols) {}
 
 SymbolRegistryReceiver::~SymbolRegistryReceiver() = default;
 
 void SymbolRegistryReceiver::handleBundle(BundleReader& reader) {
     while (!reader.atEnd()) {
         const uint32_t symbol = reader.readUInt32();
-        const QByteArray read = reader.readBytes();
-        if (read.size() > Limits::MaxPeerNameBytes) {
+        const QByteArray name = reader.readBytes();
+        if (name.size() > Limits::MaxPeerNameBytes) {
             Basalt::Trace::error("SymbolRegistryReceiver::handleBundle # A name of %d bytes is "
                                  "longer than %d; symbol %u stays undefined ('%s...')",
-                                 read.size(), Limits::MaxPeerNameBytes, symbol,
-                                 read.left(80).constData());
+                                 name.size(), Limits::MaxPeerNameBytes, symbol,
+                                 name.left(80).constData());
             continue;
         }
-        const QByteArray name = localNames ? localNames->sharedName(read) : read;
         // A rebinding grows the table no more than a new pair, but each may make the
         // receiver create another attribute, so both count; a repeated pair does not.
         // Below the limit every definition may count, so the lookup that tells is made

@@ -6,10 +6,6 @@
 #include "Dovel/Limits.h"
 #include "Dovel/bundle/BundleReceiver.h"
 
-namespace Basalt {
-class SymbolRegistry;
-}
-
 namespace Dovel {
 
 class PeerSymbols;
@@ -17,11 +13,8 @@ class PeerSymbols;
 class SymbolRegistryReceiver : public BundleReceiver {
 public:
     // `maxSymbols` bounds the definitions that change the table (new pairs and
-    // rebindings); only tests pass another value. Names that `localNames` (this side's
-    // registry, when given) already holds are stored sharing its bytes: the peer names
-    // nearly every path that this side has.
-    explicit SymbolRegistryReceiver(PeerSymbols& registry, int maxSymbols = Limits::MaxPeerSymbols,
-                                    const Basalt::SymbolRegistry* localNames = nullptr);
+    // rebindings); only tests pass another value.
+    explicit SymbolRegistryReceiver(PeerSymbols& registry, int maxSymbols = Limits::MaxPeerSymbols);
     ~SymbolRegistryReceiver() override;
 
     // Defines each (u32 symbol, string name) pair of the bundle in order. A name longer
@@ -34,7 +27,6 @@ public:
 private:
     PeerSymbols& registry;
     const int maxSymbols;
-    const Basalt::SymbolRegistry* const localNames;
     int definitions = 0; // definitions that changed the registry
 };
 

@@ -105,8 +105,8 @@ void SessionCore::ensureIsInitialized() {
     }
     attributeStorage = std::make_shared<AttributeStorage>(remoteNode);
     enabled.store(params->enabled);
-    dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(
-        symbolRegistry, Limits::MaxPeerSymbols, &remoteNode.symbolRegistry()));
+    symbolRegistry.shareWith(remoteNode.symbolRegistry());
+    dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(symbolRegistry));
     mirrorOnly = params->mirrorOnly;
     nodeChangeSender =
         std::make_shared<NodeChangeSender>(remoteNode, *attributeStorage, typeRegistry, mirrorOnly);
@@ -246,11 +246,11 @@ void SessionCore::flush(bool mayHoldBack) {
         connection->send(out);
 }
 
-void SessionCore::process(const std::vector<Bundle>& bundles) {
+void SessionCore::process(const std::vector<Bundle>& bundles, bool batchStarts) {
     ensureIsInitialized();
     if (nodeGone->load() || !isInitialized())
         return;
-    if (!bundles.empty() && enabled.load()) {
+    if (batchStarts && !bundles.empty() && enabled.load()) {
         // Local changes made before the batch came leave before it is applied.
         remoteNode.update();
         if (enabled.load())

@@ -33,12 +33,15 @@ DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path, ui
     return createLocked(path, symbol);
 }
 
-DovelSessionAttribute* AttributeStorage::bindReadSymbol(uint32_t readSymbol,
-                                                        const QByteArray& path) {
+DovelSessionAttribute* AttributeStorage::bindReadSymbol(uint32_t readSymbol, const QByteArray& path,
+                                                        uint32_t localSymbol, bool* boundNow) {
     std::unique_lock<std::shared_mutex> locker(lock);
-    if (DovelSessionAttribute* bound = byReadSymbol.value(readSymbol, nullptr))
+    DovelSessionAttribute* bound = byReadSymbol.value(readSymbol, nullptr);
+    if (boundNow)
+        *boundNow = bound == nullptr;
+    if (bound)
         return bound;
-    DovelSessionAttribute* record = createLocked(path, 0);
+    DovelSessionAttribute* record = createLocked(path, localSymbol);
     byReadSymbol.insert(readSymbol, record);
     return record;
 }

@@ -55,7 +55,12 @@ public:
     // The record bound to the peer's `readSymbol`; when there is none, the record of
     // `path` (made as createByPath makes it), bound to it. What findByReadSymbol,
     // createByPath and indexByReadSymbol do in turn, under one write lock.
-    DovelSessionAttribute* bindReadSymbol(uint32_t readSymbol, const QByteArray& path);
+    // `localSymbol`, when not 0, is the path's local symbol, which the caller knows.
+    // `*boundNow`, when given, tells whether the symbol was bound by this call (the record
+    // is then the path's; one bound earlier may be another path's, once the peer has
+    // bound the symbol anew).
+    DovelSessionAttribute* bindReadSymbol(uint32_t readSymbol, const QByteArray& path,
+                                          uint32_t localSymbol = 0, bool* boundNow = nullptr);
 
     // Logs every record with its attribute's current value.
     void debugDump() const;

@@ -17,6 +17,7 @@
 #include "Tessel/Node.h"
 #include "Tessel/SharedNames.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -51,7 +52,7 @@ void skipValue(BundleReader& reader, uint32_t fixedSize) {
 } // namespace
 
 NewAttributeReceiver::NewAttributeReceiver(RemoteNode& node, AttributeStorage& storage,
-                                           const PeerSymbols& peerSymbols, TypeRegistry& types,
+                                           PeerSymbols& peerSymbols, TypeRegistry& types,
                                            NodeChangeSender& sender)
     : BundleReceiver(ModuleNames::AttributeNew), node(node), storage(storage),
       peerSymbols(peerSymbols), types(types), sender(sender) {}
@@ -78,8 +79,9 @@ void NewAttributeReceiver::handleBundle(BundleReader& reader) {
             const uint32_t fixedSize = ahead.readUInt32();
             if ((ahead.readUInt32() & 1u) != 0)
                 skipValue(ahead, fixedSize);
-            if (const QByteArray* path = peerSymbols.find(symbol))
-                node.symbolRegistry().prefetch(*path);
+            // A name already settled is this side's: its record is there to be found.
+            if (const QByteArray* path = peerSymbols.pendingName(symbol))
+                prefetchRecord(*path);
         } catch (const std::exception&) {
             aheadValid = false;
         }
@@ -127,9 +129,22 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     }
     const int leafStart = path.lastIndexOf('/') + 1;
 
+    // A peer that may not write here adds nothing and changes no value; an
+    // announcement without a value of what this side removed is no addition (below).
+    const bool writable = !writeRules || writeRules->mayWrite(path);
+    // The parent first: the record's symbol then follows from the parent's and the leaf.
+    Tessel::Node* parent = findParent(path, leafStart, createMissing && writable);
+
     // The record bound to the symbol, or the record of this path (made when there is
     // none), bound to it.
-    DovelSessionAttribute* sa = storage.bindReadSymbol(symbol, path);
+    bool boundNow = false;
+    DovelSessionAttribute* sa =
+        storage.bindReadSymbol(symbol, path, localSymbolOf(path, leafStart), &boundNow);
+    // Whether the record's symbol is this path's: then this side's registry holds the
+    // path, and the peer's symbol need not keep a copy of it.
+    const bool ownPath = boundNow || node.symbolRegistry().isNameOf(sa->localSymbol, path);
+    if (ownPath)
+        peerSymbols.settle(symbol, sa->localSymbol);
     sa->readSymbol = symbol;
     sa->typeCode = typeCode;
     sa->fixedSize = fixedSize;
@@ -147,16 +162,12 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             skipValue(reader, fixedSize);
     };
 
-    // A peer that may not write here adds nothing and changes no value; an
-    // announcement without a value of what this side removed is no addition (below).
-    const bool writable = !writeRules || writeRules->mayWrite(path);
     auto refuseAddition = [&] {
         if (!writable && (hasValue || !sa->removedLocally))
             writeRules->refuse(path);
         skipAll();
     };
 
-    Tessel::Node* parent = findParent(path, leafStart, createMissing && writable);
     if (!parent) {
         refuseAddition();
         return;
@@ -220,7 +231,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         // Watched and cached at once, so that the next entries and updates find it.
         if (!node.watcher().addComplete(
                 *parent, Tessel::sharedName(path.constData() + leafStart, path.size() - leafStart),
-                created.get(), path, sa->localSymbol)) {
+                created.get(), path, ownPath ? sa->localSymbol : 0)) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
             sa->deserializer = skippingDeserializer(fixedSize);
@@ -254,6 +265,40 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     }
     sa->lastReceivedSequence = sequence;
     sender.applyWithoutEcho(sa->localSymbol, [&] { sa->deserializer(reader); });
+}
+
+void NewAttributeReceiver::prefetchRecord(const QByteArray& path) {
+    const Basalt::SymbolRegistry& registry = node.symbolRegistry();
+    const char* const bytes = path.constData();
+    const int parentBytes = path.lastIndexOf('/');
+    if (parentBytes <= 0) {
+        registry.prefetch(path);
+        return;
+    }
+    if (!aheadParent.holds(bytes, parentBytes)) {
+        const int grandparentBytes = path.lastIndexOf('/', parentBytes - 1);
+        if (grandparentBytes > 0 && aheadGrandparent.holds(bytes, grandparentBytes)) {
+            aheadParent.hash =
+                registry.hashChild(aheadGrandparent.hash, bytes + grandparentBytes + 1,
+                                   parentBytes - grandparentBytes - 1);
+        } else {
+            aheadParent.hash = registry.hashOf(bytes, parentBytes, &aheadGrandparent.hash);
+            aheadGrandparent.path.assign(bytes, size_t(std::max(grandparentBytes, 0)));
+        }
+        aheadParent.path.assign(bytes, size_t(parentBytes));
+    }
+    registry.prefetchHashed(registry.hashChild(aheadParent.hash, bytes + parentBytes + 1,
+                                               path.size() - parentBytes - 1));
+}
+
+uint32_t NewAttributeReceiver::localSymbolOf(const QByteArray& path, int leafStart) {
+    const int parentBytes = leafStart - 1;
+    if (parentBytes <= 0 || parentSymbol == 0 || parentBytes != parentPathBytes ||
+        std::memcmp(path.constData(), parentPathOwner.constData(), size_t(parentBytes)) != 0)
+        return 0;
+    // The registry keeps the leaf: the one copy the attribute's name shares as well.
+    return node.symbolRegistry().lookupOrDefineChild(
+        parentSymbol, Tessel::sharedName(path.constData() + leafStart, path.size() - leafStart));
 }
 
 Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart, bool create) {

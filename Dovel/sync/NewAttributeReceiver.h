@@ -12,6 +12,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <string>
 
 namespace Tessel {
 class Attribute;
@@ -31,9 +33,8 @@ struct DovelSessionAttribute;
 
 class NewAttributeReceiver : public BundleReceiver {
 public:
-    NewAttributeReceiver(RemoteNode& node, AttributeStorage& storage,
-                         const PeerSymbols& peerSymbols, TypeRegistry& types,
-                         NodeChangeSender& sender);
+    NewAttributeReceiver(RemoteNode& node, AttributeStorage& storage, PeerSymbols& peerSymbols,
+                         TypeRegistry& types, NodeChangeSender& sender);
     ~NewAttributeReceiver() override;
 
     void handleBundle(BundleReader& reader) override;
@@ -62,6 +63,11 @@ private:
     void handleEntry(BundleReader& reader, uint32_t symbol, uint32_t typeCode, uint32_t fixedSize,
                      bool hasValue, uint32_t acknowledged, uint32_t sequence,
                      uint32_t messageIndex);
+    // Starts loading where the local symbol of `path` is looked up.
+    void prefetchRecord(const QByteArray& path);
+    // The local symbol of `path` (its leaf at `leafStart`) from the parent found last,
+    // when that is the path's parent: no path to hash. 0 otherwise.
+    uint32_t localSymbolOf(const QByteArray& path, int leafStart);
     // The node that holds the attribute at `path`, whose last component starts at
     // `leafStart`; missing nodes are made with `create`. Null when there is none (the
     // entry is to be skipped).
@@ -72,7 +78,7 @@ private:
 
     RemoteNode& node;
     AttributeStorage& storage;
-    const PeerSymbols& peerSymbols;
+    PeerSymbols& peerSymbols;
     TypeRegistry& types;
     NodeChangeSender& sender;
     bool createMissing = false;
@@ -83,7 +89,6 @@ private:
     bool footprintSaid = false; // the refusal is logged once
     // False (logged once) when the footprint cannot take a creation at `path`.
     bool mayCreate(bool node, const QByteArray& path, int pathBytes);
-    // Recent leaf names: two for each set of hashes, and which of the two was used last.
     // The parent found last, as its path (the first `parentPathBytes` bytes of
     // `parentPathOwner`, which shares a peer path's bytes) and the symbol under which the
     // attribute cache holds it: consecutive entries mostly share a parent, and the cache
@@ -92,6 +97,19 @@ private:
     QByteArray parentPathOwner;
     int parentPathBytes = -1;
     unsigned int parentSymbol = 0;
+    // The parent and grandparent paths that prefetchRecord hashed last, with their
+    // hashes: the entries looked ahead at are mostly siblings or cousins, so most cost
+    // one hash of a leaf.
+    struct HashedPath {
+        std::string path;
+        uint64_t hash = 0;
+        bool holds(const char* bytes, int size) const {
+            return path.size() == size_t(size) &&
+                   std::memcmp(path.data(), bytes, size_t(size)) == 0;
+        }
+    };
+    HashedPath aheadParent;
+    HashedPath aheadGrandparent;
 };
 
 } // namespace Dovel

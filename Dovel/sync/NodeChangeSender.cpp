@@ -109,11 +109,12 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
     Basalt::Guard guard(changeMutex);
     if (!sa)
         sa = storage.findByLocalSymbol(event.symbol);
-    if (!sa && event.type == NodeWatcher::AttributeAdded) {
-        const QByteArray path = node.symbolRegistry().lookup(uint32_t(event.symbol));
-        if (!path.isEmpty())
-            sa = storage.createByPath(path, uint32_t(event.symbol));
-    }
+    // A record for a symbol of some path other than the root's; the symbol is all it
+    // needs, so no path is built.
+    const Basalt::SymbolRegistry& registry = node.symbolRegistry();
+    if (!sa && event.type == NodeWatcher::AttributeAdded &&
+        registry.namesBelowRoot(uint32_t(event.symbol)))
+        sa = storage.createByPath(QByteArray(), uint32_t(event.symbol));
     if (!sa) {
         Basalt::Trace::error("NodeChangeSender::onAttributeChange # Could not find a session "
                              "attribute for the given change");
@@ -154,16 +155,21 @@ void NodeChangeSender::sendInitialValues() {
     walkAttributesUnder(
         node, [&](Tessel::Attribute& found, Tessel::Attribute&, const QByteArray& parent) {
             // What the watcher observes carries its own path's symbol: taken when the walk
-            // came by that path (its host's own), not through an alias.
+            // came by that path (its host's own, which the registry names without a
+            // hash), not through an alias.
             unsigned int symbol = cache.observedSymbolOf(found);
             if (symbol) {
-                if (parent != lastParent || lastParentSymbol == 0) {
-                    lastParent = parent;
-                    lastParentSymbol = registry.lookup(parent);
-                }
                 const Tessel::Node* host = found.host();
-                if (!host || !lastParentSymbol || cache.observedSymbolOf(*host) != lastParentSymbol)
+                const unsigned int hostSymbol = host ? cache.observedSymbolOf(*host) : 0;
+                if (hostSymbol == 0) {
                     symbol = 0;
+                } else if (hostSymbol != lastParentSymbol || parent != lastParent) {
+                    const bool byOwnPath = registry.isNameOf(hostSymbol, parent);
+                    lastParent = parent;
+                    lastParentSymbol = byOwnPath ? hostSymbol : 0;
+                    if (!byOwnPath)
+                        symbol = 0;
+                }
             }
             // Others may be indexed under their path's symbol: taken when the registry
             // names that path, it spares building and hashing a path per attribute (one
@@ -261,14 +267,21 @@ QByteArray NodeChangeSender::pathOf(const DovelSessionAttribute& sa) {
 void NodeChangeSender::announceSymbol(uint32_t symbol, BundleWriterCore& writer) {
     if (announced.contains(symbol))
         return;
-    const QByteArray name = node.symbolRegistry().lookup(symbol);
-    if (name.isEmpty()) {
+    // The name goes from the registry straight into the bundle.
+    const uint32_t start = writer.pos();
+    writer.writeUInt32(symbol);
+    const bool named = writer.writeBytesFrom([&](QByteArray& packet) {
+        const int before = packet.size();
+        if (!node.symbolRegistry().appendName(symbol, packet))
+            return false;
+        return packet.size() > before; // the root's empty name is no attribute's
+    });
+    if (!named) {
+        writer.cutBack(start);
         Basalt::Trace::error(
             "NodeChangeSender # found an AttributeChange that points to an unknown symbol");
         return;
     }
-    writer.writeUInt32(symbol);
-    writer.writeBytes(name);
     announced.insert(symbol);
 }
 

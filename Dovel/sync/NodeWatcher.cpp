@@ -100,10 +100,7 @@ bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* a
             const Scope scope{*tree};
             tree->completeChild = attribute;
             tree->completePath = path;
-            // Taken only when it names that path: a record found by the peer's symbol may
-            // be another path's, once the peer has bound that symbol anew.
-            tree->completeSymbol =
-                symbol && !path.isEmpty() && tree->registry.lookup(symbol) == path ? symbol : 0;
+            tree->completeSymbol = path.isEmpty() ? 0 : symbol;
             added = parent.addAttribute(name, attribute);
         }
         // A parent whose own addition is still queued reports nothing to onAdded: this

@@ -118,7 +118,10 @@ void NodeWatcher::Tree::watchNode(Node& node, const QByteArray& path, unsigned i
             continue;
         checkName(child->name());
         const QByteArray path2 = childPath(path, child->name());
-        const unsigned int symbol2 = registry.lookupOrDefine(path2);
+        // The child's symbol from the node's own and its name: no path to hash.
+        unsigned int symbol2 = registry.lookupOrDefineChild(symbol, child->name());
+        if (symbol2 == 0)
+            symbol2 = registry.lookupOrDefine(path2);
         if (!cache.find(symbol2))
             cache.add(symbol2, child);
         watchAttribute(*child, path2, symbol2, notify, holder);
@@ -227,8 +230,23 @@ void NodeWatcher::Tree::attributeChanged(Attribute& attribute) {
 }
 
 void NodeWatcher::Tree::childAdded(Node& node, Attribute& child) {
-    if (node.observer() == this)
-        onAdded(registry.lookup(node.observedAs()), child.name(), &child, rootHolder);
+    if (node.observer() != this)
+        return;
+    // What addComplete adds, under the parent its path names: the child's symbol follows
+    // from the parent's and its name, and no path is built.
+    if (&child == completeChild && !completePath.isEmpty()) {
+        checkName(child.name());
+        if (completeSymbol && registry.isChildOf(completeSymbol, node.observedAs(), child.name())) {
+            admit(child, completePath, completeSymbol, rootHolder);
+            return;
+        }
+        const unsigned int symbol = registry.lookupOrDefineChild(node.observedAs(), child.name());
+        if (symbol && registry.isNameOf(symbol, completePath)) {
+            admit(child, completePath, symbol, rootHolder);
+            return;
+        }
+    }
+    onAdded(registry.lookup(node.observedAs()), child.name(), &child, rootHolder);
 }
 
 void NodeWatcher::Tree::childRemoved(Node& node, Attribute& child) {
@@ -245,20 +263,25 @@ void NodeWatcher::Tree::onAdded(const QByteArray& path, const QByteArray& name, 
     const QByteArray path2 = asCalled ? completePath : childPathOfView(path, name);
     const unsigned int symbol =
         asCalled && completeSymbol ? completeSymbol : registry.lookupOrDefine(path2);
-    if (child == completeChild)
+    admit(*child, path2, symbol, holder);
+}
+
+void NodeWatcher::Tree::admit(Attribute& child, const QByteArray& path, unsigned int symbol,
+                              Tessel::ListenerHolder& holder) {
+    if (&child == completeChild)
         completeWatched = symbol;
-    Attribute* const cached = cache.findOrAdd(symbol, child);
-    if (child == completeChild && pending.size() == 0) {
+    Attribute* const cached = cache.findOrAdd(symbol, &child);
+    if (&child == completeChild && pending.size() == 0) {
         // Nothing queued before it, so watching it now keeps the order of the reports.
         completeChild = nullptr;
-        watchAttribute(*cached, path2, symbol, true, holder);
+        watchAttribute(*cached, path, symbol, true, holder);
         return;
     }
-    auto record = std::make_shared<PendingAddition>(symbol, child, true);
+    auto record = std::make_shared<PendingAddition>(symbol, &child, true);
     record->holder = &holder;
     // The child is still being constructed: only its base may be touched here.
     record->listenerId =
-        child->addListener([this, symbol] { firstChange(symbol); }, Attribute::RoleChange);
+        child.addListener([this, symbol] { firstChange(symbol); }, Attribute::RoleChange);
     pending.push(record);
 }
 

@@ -60,6 +60,10 @@ struct NodeWatcher::Tree : Tessel::TreeObserver {
                  Tessel::ListenerHolder& holder);
     void onRemoved(const QByteArray& path, const QByteArray& name, Tessel::Attribute* child,
                    Tessel::ListenerHolder& holder);
+    // Caches a child just added under `path` and `symbol`, and watches it now or once
+    // what was queued before it is.
+    void admit(Tessel::Attribute& child, const QByteArray& path, unsigned int symbol,
+               Tessel::ListenerHolder& holder);
     void firstChange(unsigned int symbol);
     void process(const PendingAddition& record);
     void unwatchAttribute(Tessel::Attribute& attribute, const QByteArray& path, unsigned int symbol,

@@ -35,14 +35,6 @@ bool matches(const QRegExp& expression, const QByteArray& path) {
     return expression.indexIn(QString::fromUtf8(path.constData(), path.size()), 0) >= 0;
 }
 
-// Rules are matched against every attribute added to the tree: the id rule is matched on
-// the bytes, without a conversion to text and the expression engine.
-bool matches(const RemoteNode::SyncFlagRule& rule, const QByteArray& path) {
-    if (rule.isIdRule)
-        return path == "id" || path.endsWith("/id");
-    return matches(rule.pattern, path);
-}
-
 void walkUnder(Node& node, const QByteArray& prefix,
                const std::function<void(Attribute&, Attribute&, const QByteArray&)>& visit) {
     for (Attribute* child : node.children()) {
@@ -126,9 +118,15 @@ void RemoteNode::checkForPendingListeners(unsigned int symbol) {
 void RemoteNode::checkForSyncFlags(unsigned int symbol) {
     if (syncFlagRules.empty())
         return;
-    const QByteArray path = registry->lookup(symbol);
+    // Rules are matched against every attribute added to the tree: the id rule reads the
+    // leaf alone, without the path, the conversion to text and the expression engine; the
+    // path is built only for a rule that needs it.
+    const QByteArray leaf = registry->leaf(symbol);
+    QByteArray path;
     for (const SyncFlagRule& rule : syncFlagRules) {
-        if (matches(rule, path))
+        if (!rule.isIdRule && path.isNull())
+            path = registry->lookup(symbol);
+        if (rule.isIdRule ? leaf == "id" : matches(rule.pattern, path))
             flags->setFlags(symbol, rule.flag);
     }
 }

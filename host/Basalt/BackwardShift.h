@@ -1,7 +1,7 @@
 // Removal from an open-addressing table with linear probing, without tombstones: each
 // entry after the hole moves back into it unless its home slot lies cyclically in
 // (hole, its slot], so that no probe sequence is broken. Shared by the flat tables that
-// remove entries (SymbolRegistry's names, PointerMap).
+// remove entries (PointerMap).
 #pragma once
 
 #include <cstddef>

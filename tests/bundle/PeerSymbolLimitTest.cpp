@@ -9,6 +9,7 @@
 #include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/bundle/SymbolRegistryReceiver.h"
 
+#include "Basalt/SymbolRegistry.h"
 #include "Basalt/Trace.h"
 
 #include <gtest/gtest.h>
@@ -66,4 +67,27 @@ TEST(PeerSymbolLimit, ANameLongerThanAnyPathStaysUndefined) {
                             .arg(QString(80, 'n')),
                         Basalt::Trace::Error),
               1);
+}
+
+// A peer's name that this side's registry holds is kept as this side's symbol; one it
+// does not is kept whole until settled. Either way it reads back the same,
+// and a symbol bound anew reads its new name.
+TEST(PeerSymbolLimit, NamesThisSideHoldsAreKeptAsItsSymbols) {
+    Basalt::SymbolRegistry local;
+    Dovel::PeerSymbols registry;
+    registry.shareWith(local);
+    const uint32_t known = local.lookupOrDefine("scene/a");
+    EXPECT_TRUE(registry.define("scene/a", 7));
+    EXPECT_FALSE(registry.define("scene/a", 7));
+    EXPECT_TRUE(registry.define("scene/b", 8));
+    registry.settle(8, local.lookupOrDefine("scene/b"));
+    EXPECT_EQ(registry.lookup(7u), QByteArray("scene/a"));
+    EXPECT_EQ(registry.lookup(8u), QByteArray("scene/b"));
+    EXPECT_FALSE(registry.define("scene/b", 8));
+    EXPECT_TRUE(registry.define("elsewhere", 7));
+    EXPECT_EQ(registry.lookup(7u), QByteArray("elsewhere"));
+    EXPECT_TRUE(registry.define("scene/a", 7));
+    EXPECT_EQ(registry.lookup(7u), QByteArray("scene/a"));
+    EXPECT_EQ(local.lookup(QByteArray("scene/a")), known);
+    EXPECT_EQ(registry.size(), 2);
 }

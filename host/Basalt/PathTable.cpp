@@ -1,0 +1,310 @@
+#include "Basalt/PathTable.h"
+
+#include <QRandomGenerator>
+
+#include <algorithm>
+#include <cstring>
+
+namespace Basalt {
+
+namespace {
+
+constexpr uint64_t HighHalf = ~uint64_t(0xffffffffu);
+
+// SipHash-1-3 of the eight bytes of `first` followed by `size` bytes, under a 128-bit
+// key: its outputs cannot be steered without the key, so a peer cannot choose names that
+// share a hash (a multiply-fold hash, whose data meets only public constants, lets whole
+// families of leaves hash alike under every key).
+uint64_t keyedHash(uint64_t first, const char* bytes, size_t size, const uint64_t key[2]) {
+    const auto rotate = [](uint64_t x, int bits) { return (x << bits) | (x >> (64 - bits)); };
+    uint64_t v0 = 0x736f6d6570736575ull ^ key[0];
+    uint64_t v1 = 0x646f72616e646f6dull ^ key[1];
+    uint64_t v2 = 0x6c7967656e657261ull ^ key[0];
+    uint64_t v3 = 0x7465646279746573ull ^ key[1];
+    const auto round = [&] {
+        v0 += v1;
+        v1 = rotate(v1, 13);
+        v1 ^= v0;
+        v0 = rotate(v0, 32);
+        v2 += v3;
+        v3 = rotate(v3, 16);
+        v3 ^= v2;
+        v0 += v3;
+        v3 = rotate(v3, 21);
+        v3 ^= v0;
+        v2 += v1;
+        v1 = rotate(v1, 17);
+        v1 ^= v2;
+        v2 = rotate(v2, 32);
+    };
+    const auto block = [&](uint64_t word) {
+        v3 ^= word;
+        round();
+        v0 ^= word;
+    };
+    block(first);
+    const char* const whole = bytes + (size & ~size_t(7));
+    for (; bytes != whole; bytes += 8) {
+        uint64_t word;
+        std::memcpy(&word, bytes, 8);
+        block(word);
+    }
+    uint64_t last = uint64_t(size + 8) << 56;
+    for (size_t i = 0; i < (size & 7); ++i)
+        last |= uint64_t(uint8_t(bytes[i])) << (8 * i);
+    block(last);
+    v2 ^= 0xff;
+    round();
+    round();
+    round();
+    return v0 ^ v1 ^ v2 ^ v3;
+}
+
+} // namespace
+
+PathTable::PathTable() {
+    key[0] = QRandomGenerator::system()->generate64();
+    key[1] = QRandomGenerator::system()->generate64();
+}
+
+PathTable::~PathTable() = default;
+
+uint64_t PathTable::hashOf(const QByteArray& name) const {
+    uint64_t prefixHash = 0;
+    int prefixSize = 0;
+    return hashName(name.constData(), name.size(), &prefixHash, &prefixSize);
+}
+
+uint64_t PathTable::hashOf(const char* bytes, int size, uint64_t* prefixHash) const {
+    int prefixSize = 0;
+    return hashName(bytes, size, prefixHash, &prefixSize);
+}
+
+uint64_t PathTable::hashChild(uint64_t parent, const char* leaf, int size) const {
+    return keyedHash(parent, leaf, size_t(size), key);
+}
+
+uint64_t PathTable::hashName(const char* bytes, int size, uint64_t* prefixHash,
+                             int* prefixSize) const {
+    uint64_t hash = Root;
+    int start = 0;
+    *prefixHash = Root;
+    *prefixSize = -1;
+    for (const char* at = static_cast<const char*>(std::memchr(bytes, '/', size_t(size))); at;
+         at = static_cast<const char*>(std::memchr(at + 1, '/', size_t(bytes + size - at - 1)))) {
+        const int i = int(at - bytes);
+        hash = hashChild(hash, bytes + start, i - start);
+        start = i + 1;
+        *prefixHash = hash;
+        *prefixSize = i;
+    }
+    return hashChild(hash, bytes + start, size - start);
+}
+
+bool PathTable::matches(uint32_t id, const char* bytes, int size) const {
+    int end = size;
+    for (uint32_t at = id;;) {
+        const Entry& e = entry(at);
+        const int n = e.tail.size();
+        if (e.parent == 0)
+            return n == end && std::memcmp(bytes, e.tail.constData(), size_t(n)) == 0;
+        if (end < n + 1 || bytes[end - n - 1] != '/' ||
+            std::memcmp(bytes + end - n, e.tail.constData(), size_t(n)) != 0)
+            return false;
+        end -= n + 1;
+        at = e.parent;
+    }
+}
+
+template <typename Same> uint32_t PathTable::probe(uint64_t hash, Same same) const {
+    if (hashSlots.empty())
+        return 0;
+    const size_t mask = hashSlots.size() - 1;
+    for (size_t i = homeOf(hash);; i = (i + 1) & mask) {
+        const uint64_t slot = hashSlots[i];
+        if (slot == 0)
+            return 0;
+        const uint32_t id = uint32_t(slot);
+        if ((slot & HighHalf) == (hash & HighHalf) && entry(id).hash == hash && same(id))
+            return id;
+    }
+}
+
+uint32_t PathTable::findHashed(const char* bytes, int size, uint64_t hash) const {
+    return probe(hash, [&](uint32_t id) { return matches(id, bytes, size); });
+}
+
+uint32_t PathTable::findChildHashed(uint32_t parent, const QByteArray& leaf, uint64_t hash) const {
+    if (isTop(parent))
+        return findHashed(leaf.constData(), leaf.size(), hash);
+    return probe(hash, [&](uint32_t id) {
+        const Entry& e = entry(id);
+        if (e.parent == parent)
+            return e.tail == leaf;
+        // Added whole before its parent was: compare the whole name (rare).
+        const QByteArray whole = name(parent) + '/' + leaf;
+        return matches(id, whole.constData(), whole.size());
+    });
+}
+
+uint32_t PathTable::find(const QByteArray& name) const {
+    uint64_t prefixHash = 0;
+    int prefixSize = 0;
+    const uint64_t hash = hashName(name.constData(), name.size(), &prefixHash, &prefixSize);
+    return findHashed(name.constData(), name.size(), hash);
+}
+
+uint32_t PathTable::insert(const QByteArray& name) {
+    uint64_t prefixHash = 0;
+    int prefixSize = 0;
+    const char* const bytes = name.constData();
+    const uint64_t hash = hashName(bytes, name.size(), &prefixHash, &prefixSize);
+    if (const uint32_t known = findHashed(bytes, name.size(), hash))
+        return known;
+    const uint32_t parent = prefixSize > 0 ? findHashed(bytes, prefixSize, prefixHash) : 0;
+    if (parent != 0)
+        return add(tails.share(bytes + prefixSize + 1, name.size() - prefixSize - 1), parent, hash);
+    // The empty name is a name: keep it non-null, as every name handed out.
+    return add(name.isNull() ? QByteArray("") : tails.share(name), 0, hash);
+}
+
+uint64_t PathTable::childHash(uint32_t parent, const QByteArray& leaf) const {
+    return hashChild(isTop(parent) ? Root : entry(parent).hash, leaf.constData(), leaf.size());
+}
+
+uint32_t PathTable::findChild(uint32_t parent, const QByteArray& leaf) const {
+    if (!known(parent))
+        return 0;
+    if (leaf.contains('/'))
+        return find(isTop(parent) ? leaf : name(parent) + '/' + leaf);
+    return findChildHashed(parent, leaf, childHash(parent, leaf));
+}
+
+uint32_t PathTable::insertChild(uint32_t parent, const QByteArray& leaf) {
+    if (!known(parent))
+        return 0;
+    if (leaf.contains('/'))
+        return insert(isTop(parent) ? leaf : name(parent) + '/' + leaf);
+    const uint64_t hash = childHash(parent, leaf);
+    if (const uint32_t found = findChildHashed(parent, leaf, hash))
+        return found;
+    return add(leaf.isNull() ? QByteArray("") : tails.share(leaf), isTop(parent) ? 0 : parent,
+               hash);
+}
+
+bool PathTable::isChildOf(uint32_t id, uint32_t parent, const QByteArray& leaf) const {
+    if (!known(id) || !known(parent))
+        return false;
+    const Entry& e = entry(id);
+    return e.parent == (isTop(parent) ? 0 : parent) && e.tail == leaf;
+}
+
+int PathTable::nameSize(uint32_t id) const {
+    if (!known(id))
+        return -1;
+    int size = 0;
+    for (uint32_t at = id; at != 0;) {
+        const Entry& e = entry(at);
+        size += e.tail.size() + (e.parent != 0);
+        at = e.parent;
+    }
+    return size;
+}
+
+QByteArray PathTable::name(uint32_t id) const {
+    if (!known(id))
+        return QByteArray();
+    QByteArray out(nameSize(id), Qt::Uninitialized);
+    fillName(id, out.data() + out.size());
+    return out;
+}
+
+void PathTable::appendName(uint32_t id, QByteArray& out) {
+    const Entry& e = entry(id);
+    if (e.parent == 0) {
+        out.append(e.tail);
+        return;
+    }
+    // Siblings are named one after the other: their parent's name is built once.
+    if (e.parent != namedParent) {
+        parentName.resize(nameSize(e.parent));
+        fillName(e.parent, parentName.data() + parentName.size());
+        namedParent = e.parent;
+    }
+    const int at = out.size();
+    out.resize(at + parentName.size() + 1 + e.tail.size());
+    char* to = out.data() + at;
+    std::memcpy(to, parentName.constData(), size_t(parentName.size()));
+    to += parentName.size();
+    *to++ = '/';
+    std::memcpy(to, e.tail.constData(), size_t(e.tail.size()));
+}
+
+void PathTable::fillName(uint32_t id, char* end) const {
+    for (uint32_t at = id; at != 0;) {
+        const Entry& e = entry(at);
+        end -= e.tail.size();
+        std::memcpy(end, e.tail.constData(), size_t(e.tail.size()));
+        if (e.parent != 0)
+            *--end = '/';
+        at = e.parent;
+    }
+}
+
+QByteArray PathTable::leaf(uint32_t id) const {
+    if (!known(id))
+        return QByteArray();
+    const Entry& e = entry(id);
+    const int slash = e.parent == 0 ? e.tail.lastIndexOf('/') : -1;
+    return slash < 0 ? e.tail : e.tail.mid(slash + 1);
+}
+
+void PathTable::prefetch(const QByteArray& name) const {
+    if (hashSlots.empty())
+        return;
+    uint64_t prefixHash = 0;
+    int prefixSize = 0;
+    const uint64_t hash = hashName(name.constData(), name.size(), &prefixHash, &prefixSize);
+    __builtin_prefetch(&hashSlots[homeOf(hash)]);
+}
+
+void PathTable::prefetchHashed(uint64_t hash) const {
+    if (!hashSlots.empty())
+        __builtin_prefetch(&hashSlots[homeOf(hash)]);
+}
+
+uint32_t PathTable::add(const QByteArray& tail, uint32_t parent, uint64_t hash) {
+    if (count == UINT32_MAX)
+        return 0;
+    if ((size_t(count) + 1) * 3 > hashSlots.size() * 2)
+        rehash(std::max(4, slotBits + 1));
+    const uint32_t id = count + 1;
+    if ((count & (ChunkSize - 1)) == 0)
+        chunks.emplace_back(new Entry[ChunkSize]);
+    Entry& e = entry(id);
+    e.tail = tail;
+    e.parent = parent;
+    e.hash = hash;
+    count = id;
+    placeSlot((hash & HighHalf) | id);
+    return id;
+}
+
+void PathTable::placeSlot(uint64_t slot) {
+    const size_t mask = hashSlots.size() - 1;
+    size_t i = homeOf(slot);
+    while (hashSlots[i] != 0)
+        i = (i + 1) & mask;
+    hashSlots[i] = slot;
+}
+
+void PathTable::rehash(int bits) {
+    std::vector<uint64_t> old(size_t(1) << bits, 0);
+    old.swap(hashSlots);
+    slotBits = bits;
+    for (const uint64_t slot : old)
+        if (slot != 0)
+            placeSlot(slot);
+}
+
+} // namespace Basalt
