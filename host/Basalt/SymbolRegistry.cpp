@@ -20,6 +20,7 @@ bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {
     const uint32_t current = names.value(id);
     if (current == symbol)
         return false;
+    leaveSameAsIds();
     // Unbind the name's old symbol and the symbol's old name, so that both directions
     // always agree. The old name stays in the table, bound to nothing.
     if (current != 0)
@@ -41,54 +42,67 @@ uint32_t SymbolRegistry::lookup(const QByteArray& name) const {
 
 QByteArray SymbolRegistry::lookup(uint32_t symbol) const {
     std::lock_guard<std::mutex> lock(mutex);
-    const uint32_t* id = bySymbol.find(symbol);
-    return id ? names.name(*id) : QByteArray();
+    const uint32_t id = idOf(symbol);
+    return id ? names.name(id) : QByteArray();
 }
 
 bool SymbolRegistry::appendName(uint32_t symbol, QByteArray& out) {
     std::lock_guard<std::mutex> lock(mutex);
-    const uint32_t* id = bySymbol.find(symbol);
+    const uint32_t id = idOf(symbol);
     if (!id)
         return false;
-    names.appendName(*id, out);
+    names.appendName(id, out);
     return true;
 }
 
 QByteArray SymbolRegistry::leaf(uint32_t symbol) const {
     std::lock_guard<std::mutex> lock(mutex);
-    const uint32_t* id = bySymbol.find(symbol);
-    return id ? names.leaf(*id) : QByteArray();
+    const uint32_t id = idOf(symbol);
+    return id ? names.leaf(id) : QByteArray();
 }
 
 bool SymbolRegistry::namesBelowRoot(uint32_t symbol) const {
     std::lock_guard<std::mutex> lock(mutex);
-    const uint32_t* id = bySymbol.find(symbol);
-    return id && !names.isNameOf(*id, QByteArray());
+    const uint32_t id = idOf(symbol);
+    return id && !names.isNameOf(id, QByteArray());
 }
 
 bool SymbolRegistry::isChildOf(uint32_t symbol, uint32_t parent, const QByteArray& leaf) const {
     std::lock_guard<std::mutex> lock(mutex);
-    const uint32_t* id = bySymbol.find(symbol);
-    const uint32_t* parentId = bySymbol.find(parent);
-    return id && parentId && names.isChildOf(*id, *parentId, leaf);
+    const uint32_t id = idOf(symbol);
+    const uint32_t parentId = idOf(parent);
+    return id && parentId && names.isChildOf(id, parentId, leaf);
 }
 
 bool SymbolRegistry::isNameOf(uint32_t symbol, const QByteArray& name) const {
     std::lock_guard<std::mutex> lock(mutex);
-    const uint32_t* id = bySymbol.find(symbol);
-    return id && names.isNameOf(*id, name);
+    const uint32_t id = idOf(symbol);
+    return id && names.isNameOf(id, name);
+}
+
+void SymbolRegistry::leaveSameAsIds() {
+    if (!sameAsIds)
+        return;
+    sameAsIds = false;
+    for (uint32_t id = 1; id <= uint32_t(names.size()); ++id)
+        if (const uint32_t symbol = names.value(id))
+            bySymbol.insert(symbol, id);
 }
 
 uint32_t SymbolRegistry::defineNext(uint32_t id, const QByteArray& name) {
+    // Every name so far came with the next symbol; should one not, they part here.
+    if (id != 0 && id != next)
+        leaveSameAsIds();
     // `next` is above every defined symbol unless the top of the range was defined.
-    if (id == 0 || bySymbol.contains(next)) {
+    if (id == 0 || (!sameAsIds && bySymbol.contains(next))) {
         Trace::error("SymbolRegistry::lookupOrDefine # No %s left for '%s'",
                      id == 0 ? "room" : "symbol", name.constData());
         return 0;
     }
     const uint32_t symbol = next;
     names.setValue(id, symbol);
-    bySymbol.insert(symbol, id);
+    if (!sameAsIds)
+        bySymbol.insert(symbol, id);
     if (next != std::numeric_limits<uint32_t>::max())
         ++next;
     return symbol;
@@ -104,17 +118,17 @@ uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name) {
 
 uint32_t SymbolRegistry::lookupChild(uint32_t parent, const QByteArray& leaf) const {
     std::lock_guard<std::mutex> lock(mutex);
-    const uint32_t* parentId = bySymbol.find(parent);
-    const uint32_t id = parentId ? names.findChild(*parentId, leaf) : 0;
+    const uint32_t parentId = idOf(parent);
+    const uint32_t id = parentId ? names.findChild(parentId, leaf) : 0;
     return id ? names.value(id) : 0;
 }
 
 uint32_t SymbolRegistry::lookupOrDefineChild(uint32_t parent, const QByteArray& leaf) {
     std::lock_guard<std::mutex> lock(mutex);
-    const uint32_t* parentId = bySymbol.find(parent);
+    const uint32_t parentId = idOf(parent);
     if (!parentId)
         return 0;
-    const uint32_t id = names.insertChild(*parentId, leaf);
+    const uint32_t id = names.insertChild(parentId, leaf);
     if (id != 0 && names.value(id) != 0)
         return names.value(id);
     return defineNext(id, leaf);
@@ -132,7 +146,7 @@ void SymbolRegistry::prefetchHashed(uint64_t hash) const {
 
 int SymbolRegistry::size() const {
     std::lock_guard<std::mutex> lock(mutex);
-    return bySymbol.size();
+    return sameAsIds ? names.size() : bySymbol.size();
 }
 
 } // namespace Basalt

@@ -73,11 +73,24 @@ public:
 private:
     // Binds a fresh symbol to the name of `id`; 0 when none is left.
     uint32_t defineNext(uint32_t id, const QByteArray& name);
+    // Fills bySymbol from the entries' values and clears sameAsIds (once).
+    void leaveSameAsIds();
+    // The id in `names` of the name bound to `symbol`, 0 when none.
+    uint32_t idOf(uint32_t symbol) const {
+        if (sameAsIds)
+            return symbol <= uint32_t(names.size()) ? symbol : 0;
+        return bySymbol.value(symbol, 0);
+    }
 
     mutable std::mutex mutex;
     // Every name ever bound, each entry's value its symbol (0 once unbound).
     PathTable names;
-    // From symbol to the id of its name in `names`.
+    // While only lookupOrDefine has bound names, each name came with the next symbol,
+    // which is then also its id in `names`: a tree's registry needs neither the map
+    // below nor the cache miss of reading it for every symbol it turns into a name. The
+    // first define fills the map and clears the flag for good.
+    bool sameAsIds = true;
+    // From symbol to the id of its name in `names` (empty while sameAsIds).
     SymbolMap<uint32_t> bySymbol;
     uint32_t next = 1;
 };

@@ -40,6 +40,23 @@ TEST(SymbolRegistry, DefineReplacesBothDirectionsAndRaisesTheNextSymbol) {
     EXPECT_TRUE(r.define(QByteArray(), 5));
     EXPECT_FALSE(r.lookup(5u).isNull());
     EXPECT_EQ(r.lookup(QByteArray("")), 5u);
+
+    // Names handed out one by one first (a tree's registry), then a definition: what
+    // was handed out keeps its symbols, both ways, and the counter goes on above all.
+    SymbolRegistry t;
+    EXPECT_EQ(t.lookupOrDefine("a"), 1u);
+    EXPECT_EQ(t.lookupOrDefineChild(1, "b"), 2u);
+    EXPECT_EQ(t.lookupOrDefine("c"), 3u);
+    EXPECT_TRUE(t.lookup(4u).isNull());
+    EXPECT_EQ(t.lookupChild(9, "b"), 0u); // unknown parent
+    EXPECT_TRUE(t.define("a/b", 7));      // a bound name moves to another symbol
+    EXPECT_TRUE(t.lookup(2u).isNull());
+    EXPECT_EQ(t.lookup(7u), QByteArray("a/b"));
+    EXPECT_EQ(t.lookupChild(1, "b"), 7u);
+    EXPECT_EQ(t.lookup(3u), QByteArray("c"));
+    EXPECT_TRUE(t.isNameOf(1, "a"));
+    EXPECT_EQ(t.size(), 3);
+    EXPECT_EQ(t.lookupOrDefine("d"), 8u);
 }
 
 // Names are kept as their parent's entry and a leaf when the parent is known, else
