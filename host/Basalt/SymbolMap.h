@@ -1,8 +1,11 @@
-// A map from u32 symbols to values that costs a vector slot per entry where symbols are
-// dense, as those handed out by a SymbolRegistry are, and a hash entry otherwise.
-// Symbols below a bound that follows the number of entries (twice it, plus a little)
-// live in a vector indexed by symbol; others, such as large symbols a peer chose, in a
-// hash, so that no symbol value can make the vector outgrow the entries it holds.
+// A map from u32 symbols to values that costs a slot per entry where symbols are dense,
+// as those handed out by a SymbolRegistry are, and a hash entry otherwise. Symbols below
+// a bound that follows the number of entries (twice it, plus a little) live in pages of
+// slots indexed by symbol; others, such as large symbols a peer chose, in a hash, so
+// that no symbol value can make the pages outgrow the entries they hold. Pages are
+// allocated as symbols reach them and never move: a map of a million symbols touches
+// the memory it uses once, where a vector grown by doubling copied it and briefly held
+// half as much again.
 //
 // A default-constructed T stands for "absent" (a null pointer, a null byte array; an
 // empty but non-null byte array is a value): stored values must not be absent. Not
@@ -13,6 +16,7 @@
 #include <QHash>
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace Basalt {
@@ -28,8 +32,8 @@ template <typename T> class SymbolMap {
 public:
     // The value of `symbol`, or null when it has none; valid until the map changes.
     const T* find(uint32_t symbol) const {
-        if (symbol < dense.size() && !absent(dense[symbol]))
-            return &dense[symbol];
+        if (const T* slot = denseSlot(symbol); slot && !absent(*slot))
+            return slot;
         if (!sparse.isEmpty()) {
             const auto it = sparse.constFind(symbol);
             if (it != sparse.constEnd())
@@ -46,14 +50,15 @@ public:
 
     // Binds `symbol` to `value` (not absent), replacing an earlier value.
     void insert(uint32_t symbol, const T& value) {
-        if (symbol >= dense.size() && uint64_t(symbol) < denseBound(count + 1))
-            dense.resize(size_t(symbol) + 1);
-        if (symbol < dense.size()) {
-            // A symbol hashed while the vector was shorter moves into it.
+        T* slot = denseSlot(symbol);
+        if (!slot && uint64_t(symbol) < denseBound(count + 1))
+            slot = addPage(symbol);
+        if (slot) {
+            // A symbol hashed while its page was beyond the bound moves into it.
             const bool hashed = !sparse.isEmpty() && sparse.remove(symbol) > 0;
-            if (absent(dense[symbol]) && !hashed)
+            if (absent(*slot) && !hashed)
                 ++count;
-            dense[symbol] = value;
+            *slot = value;
             return;
         }
         const int before = sparse.size();
@@ -63,8 +68,8 @@ public:
 
     // True when `symbol` had a value.
     bool remove(uint32_t symbol) {
-        if (symbol < dense.size() && !absent(dense[symbol])) {
-            dense[symbol] = T();
+        if (T* slot = denseSlot(symbol); slot && !absent(*slot)) {
+            *slot = T();
             --count;
             return true;
         }
@@ -78,7 +83,7 @@ public:
     int size() const { return count; }
 
     void clear() {
-        std::vector<T>().swap(dense);
+        std::vector<std::unique_ptr<T[]>>().swap(pages);
         sparse.clear();
         count = 0;
     }
@@ -87,7 +92,27 @@ private:
     static bool absent(const T& value) { return SymbolMapAbsent<T>::test(value); }
     static uint64_t denseBound(int entries) { return 2 * uint64_t(entries) + 64; }
 
-    std::vector<T> dense;
+    // 1,024 slots: 8 KiB of pointers, small beside a map that needs a second page.
+    static constexpr int PageBits = 10;
+    static constexpr uint32_t PageSize = 1u << PageBits;
+
+    const T* denseSlot(uint32_t symbol) const {
+        const size_t page = symbol >> PageBits;
+        return page < pages.size() && pages[page] ? &pages[page][symbol & (PageSize - 1)] : nullptr;
+    }
+    T* denseSlot(uint32_t symbol) {
+        return const_cast<T*>(static_cast<const SymbolMap*>(this)->denseSlot(symbol));
+    }
+    T* addPage(uint32_t symbol) {
+        const size_t page = symbol >> PageBits;
+        if (page >= pages.size())
+            pages.resize(page + 1);
+        pages[page].reset(new T[PageSize]());
+        return &pages[page][symbol & (PageSize - 1)];
+    }
+
+    // Pages of slots by symbol; a page no symbol has reached is null.
+    std::vector<std::unique_ptr<T[]>> pages;
     QHash<uint32_t, T> sparse;
     int count = 0;
 };
