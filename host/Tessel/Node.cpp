@@ -57,23 +57,23 @@ Attribute* Node::attribute(const QByteArray& name) const {
 
 Attribute* Node::findChild(const QByteArray& name) const {
     if (!childIndex.isEmpty())
-        return childIndex.value(name, nullptr);
+        return childIndex.find(name);
     for (Attribute* child = firstChild; child; child = child->nextSibling)
         if (child->attributeName == name)
             return child;
     return nullptr;
 }
 
-void Node::indexChild(const QByteArray& name, Attribute* child) {
+void Node::indexChild(Attribute* child) {
     if (!childIndex.isEmpty()) {
-        childIndex.insert(name, child);
+        childIndex.insert(child);
         return;
     }
     if (listedChildren <= UnindexedChildren)
         return;
-    childIndex.reserve(int(listedChildren) * 2);
+    childIndex.reserve(listedChildren);
     for (Attribute* listed = firstChild; listed; listed = listed->nextSibling)
-        childIndex.insert(listed->attributeName, listed);
+        childIndex.insert(listed);
 }
 
 void Node::listChild(Attribute* child) {
@@ -107,7 +107,7 @@ bool Node::addAttribute(const QByteArray& name, Attribute* attribute) {
     attribute->attributeName = sharedName(name);
     attribute->hostNode = this;
     listChild(attribute);
-    indexChild(attribute->attributeName, attribute); // the key shares the kept name's bytes
+    indexChild(attribute);
     attributeAdded(attribute);
     if (TreeObserver* observer = this->observer()) {
         // What the observer reports may delete the child (whose own name `name` may be)

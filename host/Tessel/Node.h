@@ -25,9 +25,9 @@
 #pragma once
 
 #include "Tessel/Attribute.h"
+#include "Tessel/ChildIndex.h"
 
 #include <QByteArray>
-#include <QHash>
 #include <QList>
 
 #include <atomic>
@@ -149,7 +149,7 @@ private:
     // The listed child of that name, or null.
     Attribute* findChild(const QByteArray& name) const;
     // Indexes a child just listed, or every child once there are too many to scan.
-    void indexChild(const QByteArray& name, Attribute* child);
+    void indexChild(Attribute* child);
     // Puts `child` last in the list, or takes it out.
     void listChild(Attribute* child);
     void unlistChild(Attribute* child);
@@ -164,7 +164,7 @@ private:
     Attribute* firstChild = nullptr;
     Attribute* lastChild = nullptr;
     std::size_t listedChildren = 0;
-    QHash<QByteArray, Attribute*> childIndex;
+    ChildIndex childIndex;
     std::atomic<NodeEventTable*> eventTable{nullptr};
     // Owns the table; shared with queued deliveries, which may run after the node is gone.
     std::shared_ptr<NodeEventTable> events;

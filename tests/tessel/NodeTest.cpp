@@ -133,6 +133,41 @@ TEST(Node, ChildrenKeepInsertionOrderAndUniqueNames) {
     // Names come free again once their child is gone.
     EXPECT_TRUE(root.addAttribute("c", new AttributeT<int>));
     EXPECT_EQ(namesOf(root), (QByteArrayList{"b", "a", "c"}));
+
+    // A node with many children finds them through an index: every name still finds
+    // its own child, and no other, as children come and go in any order.
+    Node wide;
+    std::map<QByteArray, Attribute*> model;
+    const auto check = [&] {
+        ASSERT_EQ(namesOf(wide).size(), int(model.size()));
+        for (int i = 0; i < 400; ++i) {
+            const QByteArray name = "n" + QByteArray::number(i);
+            const auto it = model.find(name);
+            ASSERT_EQ(wide.attribute(name), it == model.end() ? nullptr : it->second)
+                << name.constData();
+        }
+    };
+    for (int i = 0; i < 300; ++i) {
+        const QByteArray name = "n" + QByteArray::number(i);
+        model[name] = new AttributeT<int>(&wide, name);
+    }
+    check();
+    for (int i = 0; i < 300; i += 1 + i % 3) {
+        const QByteArray name = "n" + QByteArray::number(i);
+        EXPECT_TRUE(wide.deleteAttribute(model[name]));
+        model.erase(name);
+    }
+    for (int i = 350; i < 400; ++i) {
+        const QByteArray name = "n" + QByteArray::number(i);
+        model[name] = new AttributeT<int>(&wide, name);
+    }
+    check();
+    while (!model.empty()) {
+        EXPECT_TRUE(wide.deleteAttribute(model.begin()->second));
+        model.erase(model.begin());
+    }
+    model["n7"] = new AttributeT<int>(&wide, "n7");
+    check();
 }
 
 TEST(Node, ChildNotificationsCarryTheNameAndBracketTheList) {

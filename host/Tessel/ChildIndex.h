@@ -1,0 +1,52 @@
+// The children of a node that has many, found by name: an open-addressing table of the
+// children themselves, whose names are the keys, probed linearly from a seeded hash of
+// the name and kept at most half full. A slot is one pointer; a hash of byte arrays
+// spent a heap node per child (about 56 bytes with its bucket), and a tree of a million
+// attributes indexes a quarter of a million children (its items under their groups).
+//
+// The seed is the process's QHash seed, so names a peer chooses cannot be aimed at one
+// run of slots any more than at a QHash. Children's names must not change while they are
+// indexed and must differ from each other (a node's children do, and keep theirs).
+//
+// Not thread-safe; the node's owner uses it on one thread.
+#pragma once
+
+#include <QByteArray>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace Tessel {
+
+class Attribute;
+
+class ChildIndex {
+public:
+    ChildIndex() = default;
+    ChildIndex(const ChildIndex&) = delete;
+    ChildIndex& operator=(const ChildIndex&) = delete;
+
+    bool isEmpty() const { return count == 0; }
+    std::size_t size() const { return count; }
+    // The indexed child named `name`, or null.
+    Attribute* find(const QByteArray& name) const;
+    // Indexes `child` under its name, which no indexed child has.
+    void insert(Attribute* child);
+    // Forgets the child named `name`; false when none is indexed. The table goes with
+    // the last child.
+    bool remove(const QByteArray& name);
+    // Room for `children` without growing.
+    void reserve(std::size_t children);
+
+private:
+    std::size_t homeOf(const QByteArray& name) const;
+    std::size_t capacity() const { return std::size_t(mask) + 1; }
+    void rehash(std::size_t size);
+
+    std::unique_ptr<Attribute*[]> table;
+    uint32_t mask = 0;
+    uint32_t count = 0;
+};
+
+} // namespace Tessel
