@@ -13,6 +13,12 @@ void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& 
     const std::size_t expected = events.size();
     clearAndTrim(out, expected);
     clearAndTrim(scratch, expected);
+    if (std::all_of(events.begin(), events.end(), [](const NodeWatcher::Event& e) {
+            return e.type == NodeWatcher::AttributeAdded;
+        })) {
+        compressAdditions(events, out);
+        return;
+    }
     const bool removals =
         std::any_of(events.begin(), events.end(), [](const NodeWatcher::Event& e) {
             return e.type == NodeWatcher::AttributeRemoved;
@@ -96,6 +102,28 @@ void AttributeChangeCompressor::compress(const std::vector<NodeWatcher::Event>& 
             continue;
         out.push_back(change);
     }
+}
+
+void AttributeChangeCompressor::compressAdditions(const std::vector<NodeWatcher::Event>& events,
+                                                  std::vector<ChangeData>& out) {
+    // Only additions (a session's first announcement is a whole tree of them): the last
+    // addition of each symbol stands, none carries a value, and nothing else is dropped.
+    // Written straight into `out`, without the general walk's second list.
+    struct Emptier {
+        SymbolBits& set;
+        const std::vector<NodeWatcher::Event>& events;
+        ~Emptier() {
+            for (const NodeWatcher::Event& e : events)
+                set.remove(e.symbol);
+        }
+    } emptier{laterAdded, events};
+    out.reserve(events.size());
+    for (auto it = events.rbegin(); it != events.rend(); ++it)
+        if (!laterAdded.contains(it->symbol)) {
+            laterAdded.insert(it->symbol);
+            out.push_back({NodeWatcher::AttributeAdded, it->symbol, 0});
+        }
+    std::reverse(out.begin(), out.end());
 }
 
 } // namespace Dovel

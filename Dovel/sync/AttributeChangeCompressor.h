@@ -30,6 +30,9 @@ public:
     void compress(const std::vector<NodeWatcher::Event>& events, std::vector<ChangeData>& out);
 
 private:
+    void compressAdditions(const std::vector<NodeWatcher::Event>& events,
+                           std::vector<ChangeData>& out);
+
     // Kept between calls so that steady traffic does not reallocate.
     std::vector<ChangeData> scratch;
     // Empty between calls.

@@ -70,6 +70,16 @@ TEST(ChangeCompressor, KeepsOneEntryPerAttributeAndKind) {
     // The same addition reported twice is announced once.
     EXPECT_EQ(compress({ev(Added, 1), ev(Added, 2), ev(Added, 1)}),
               (V{{Added, 2, 0}, {Added, 1, 0}}));
+
+    // One compressor, period after period: nothing of one period stays for the next.
+    AttributeChangeCompressor reused;
+    V out;
+    for (int period = 0; period < 2; ++period) {
+        reused.compress({ev(Added, 3), ev(Added, 4), ev(Added, 3)}, out);
+        EXPECT_EQ(out, (V{{Added, 4, 0}, {Added, 3, 0}}));
+        reused.compress({ev(Added, 3), ev(Changed, 3), ev(Changed, 4)}, out);
+        EXPECT_EQ(out, (V{{Added, 3, 1}, {Changed, 4, 0}}));
+    }
 }
 
 TEST(ChangeSender, WritesSymbolsThenRunsOfEqualKindByteForByte) {
