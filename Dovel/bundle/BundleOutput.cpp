@@ -8,7 +8,12 @@ bool BundleOutput::finish(Bundle& bundle, uint32_t messageType) {
         return false;
     bundle.setHeader(size - BundleCore::HeaderSize, messageType, sequence(), acknowledged());
     add(bundle);
-    bundle.mutablePacket().resize(int(BundleCore::HeaderSize));
+    // The output shares the finished bytes; the sender goes on in a packet of its own.
+    // One that filled a large bundle is likely to fill another: its room is taken at
+    // once, instead of doubling up from the header and copying at each step.
+    bundle = Bundle();
+    if (size >= LargeBundleBytes)
+        bundle.mutablePacket().reserve(int(size));
     return true;
 }
 

@@ -29,11 +29,14 @@ public:
 
     // The common ending of a sender's bundle: when `bundle` holds more than its header,
     // fills the header (payload size, messageType, sequence(), acknowledged()), adds it
-    // and cuts `bundle` back to its 16 header bytes for reuse. Returns whether a bundle
-    // was added.
+    // and makes `bundle` a fresh one (16 zero header bytes) for the sender to go on in.
+    // Returns whether a bundle was added.
     bool finish(Bundle& bundle, uint32_t messageType);
 
 private:
+    // From this size on, the fresh bundle reserves as much as the finished one held.
+    static constexpr uint32_t LargeBundleBytes = 64 * 1024;
+
     std::vector<Bundle>* bundles; // not owned
     uint32_t* counter;            // not owned
     uint32_t acked;

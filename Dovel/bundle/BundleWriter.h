@@ -24,11 +24,8 @@ public:
     void writeData(const void* data, uint32_t n) {
         if (n == 0)
             return;
-        QByteArray& bytes = target->mutablePacket();
-        const int old = bytes.size();
         const uint32_t padded = Bundle::align4(n);
-        bytes.resize(old + int(padded));
-        char* at = bytes.data() + old;
+        char* at = extend(padded);
         std::memcpy(at, data, n);
         for (uint32_t i = n; i < padded; ++i)
             at[i] = 0;
@@ -44,12 +41,16 @@ public:
     void rewind() { target->mutablePacket().resize(0); }
 
     // Typed items. Words are little-endian; a 64-bit value is 8 bytes.
-    void writeUInt32(uint32_t v) { appendRaw(&v, 4); }
+    void writeUInt32(uint32_t v) { std::memcpy(extend(4), &v, 4); }
+    // Several words at once: an entry's fixed fields cost one growth of the packet.
+    template <std::size_t N> void writeUInt32s(const uint32_t (&words)[N]) {
+        std::memcpy(extend(uint32_t(4 * N)), words, 4 * N);
+    }
     void writeInt32(int32_t v) { writeUInt32(uint32_t(v)); }
-    void writeUInt64(uint64_t v) { appendRaw(&v, 8); }
+    void writeUInt64(uint64_t v) { std::memcpy(extend(8), &v, 8); }
     void writeInt64(int64_t v) { writeUInt64(uint64_t(v)); }
-    void writeFloat(float v) { appendRaw(&v, 4); }
-    void writeDouble(double v) { appendRaw(&v, 8); }
+    void writeFloat(float v) { std::memcpy(extend(4), &v, 4); }
+    void writeDouble(double v) { std::memcpy(extend(8), &v, 8); }
     // A data block of sizeof(T) bytes, padded to 4. T must be trivially copyable.
     template <typename T> void writeValue(const T& v) {
         writeData(static_cast<const void*>(&v), uint32_t(sizeof(T)));
@@ -94,8 +95,12 @@ public:
     }
 
 private:
-    void appendRaw(const void* data, int n) {
-        target->mutablePacket().append(static_cast<const char*>(data), n);
+    // Grows the packet by `n` bytes and returns where they start, for the caller to fill.
+    char* extend(uint32_t n) {
+        QByteArray& bytes = target->mutablePacket();
+        const int old = bytes.size();
+        bytes.resize(old + int(n));
+        return bytes.data() + old;
     }
 
     BundleCore* target; // not owned

@@ -394,10 +394,7 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* a
     sa.removedByPeer = false;
     const bool hasValue = withValue || sa.removedLocally || peerLacksIt ||
                           (sa.localOrigin && sa.lastReceivedSequence == 0);
-    writer.writeUInt32(sa.localSymbol);
-    writer.writeUInt32(typeCode);
-    writer.writeUInt32(fixedSize);
-    writer.writeUInt32(hasValue ? 1u : 0u);
+    writer.writeUInt32s({sa.localSymbol, typeCode, fixedSize, hasValue ? 1u : 0u});
     if (hasValue) {
         const uint32_t valueStart = writer.pos();
         sa.serializer(writer);
