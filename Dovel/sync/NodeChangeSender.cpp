@@ -264,7 +264,7 @@ QByteArray NodeChangeSender::pathOf(const DovelSessionAttribute& sa) {
     return node.symbolRegistry().lookup(sa.localSymbol);
 }
 
-void NodeChangeSender::announceSymbol(uint32_t symbol, BundleWriterCore& writer) {
+void NodeChangeSender::announceSymbol(uint32_t symbol, BundleWriterCore& writer, uint32_t ahead) {
     if (announced.contains(symbol))
         return;
     // The name goes from the registry straight into the bundle.
@@ -272,7 +272,7 @@ void NodeChangeSender::announceSymbol(uint32_t symbol, BundleWriterCore& writer)
     writer.writeUInt32(symbol);
     const bool named = writer.writeBytesFrom([&](QByteArray& packet) {
         const int before = packet.size();
-        if (!node.symbolRegistry().appendName(symbol, packet))
+        if (!node.symbolRegistry().appendName(symbol, packet, ahead))
             return false;
         return packet.size() > before; // the root's empty name is no attribute's
     });
@@ -304,20 +304,23 @@ void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes,
                                    BundleOutput& output) {
     Bundle bundle;
     BundleWriter writer(bundle);
-    const auto announce = [&](uint32_t symbol) {
-        announceSymbol(symbol, writer);
+    const auto announce = [&](uint32_t symbol, uint32_t ahead) {
+        announceSymbol(symbol, writer, ahead);
         if (isFull(bundle))
             output.finish(bundle, symbolMessageType);
     };
+    // A first pass names a whole tree, each node's leaf bytes cold: loaded this many
+    // names ahead.
+    constexpr size_t Ahead = 8;
     for (size_t i = 0; i < changes.size(); ++i) {
         if (!records[i]) {
             logMissingSessionAttribute();
             continue;
         }
-        announce(changes[i].symbol);
+        announce(changes[i].symbol, i + Ahead < changes.size() ? changes[i + Ahead].symbol : 0);
     }
     for (const RemoteNode::Event& event : events)
-        announce(event.symbol);
+        announce(event.symbol, 0);
     output.finish(bundle, symbolMessageType);
 }
 

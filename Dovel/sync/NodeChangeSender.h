@@ -105,7 +105,8 @@ private:
                      uint32_t valueStart, const char* operation);
     void sendEvents(const std::vector<RemoteNode::Event>& events, BundleOutput& output);
     // Appends the symbol's name to the symbol bundle unless the peer already knows it.
-    void announceSymbol(uint32_t symbol, BundleWriterCore& writer);
+    // `ahead`: a symbol to be announced a few places on, whose name starts loading now.
+    void announceSymbol(uint32_t symbol, BundleWriterCore& writer, uint32_t ahead = 0);
 
     RemoteNode& node;
     AttributeStorage& storage;

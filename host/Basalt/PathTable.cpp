@@ -240,6 +240,15 @@ void PathTable::appendName(uint32_t id, QByteArray& out) {
     std::memcpy(to, e.tail.constData(), size_t(e.tail.size()));
 }
 
+void PathTable::prefetchName(uint32_t id) const {
+    if (!known(id))
+        return;
+    const uint32_t parent = entry(id).parent;
+    if (parent != 0)
+        // The header of the parent's leaf bytes, which holds them too when they are short.
+        __builtin_prefetch(const_cast<QByteArray&>(entry(parent).tail).data_ptr());
+}
+
 void PathTable::fillName(uint32_t id, char* end) const {
     for (uint32_t at = id; at != 0;) {
         const Entry& e = entry(at);

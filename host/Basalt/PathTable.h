@@ -45,6 +45,10 @@ public:
     QByteArray name(uint32_t id) const;
     // Appends the name of a known id to `out`, without a copy of its own.
     void appendName(uint32_t id, QByteArray& out);
+    // Starts loading what appendName(id) will read beyond the entries themselves: the
+    // leaf bytes of the entry's parent, which a first pass over a large tree finds cold
+    // (one per node). Changes nothing; an unknown id is ignored.
+    void prefetchName(uint32_t id) const;
     // The last component of the name of an id (null for an unknown id): the bytes after
     // its last '/', or the whole name.
     QByteArray leaf(uint32_t id) const;

@@ -47,7 +47,14 @@ QByteArray SymbolRegistry::lookup(uint32_t symbol) const {
 }
 
 bool SymbolRegistry::appendName(uint32_t symbol, QByteArray& out) {
+    return appendName(symbol, out, 0);
+}
+
+bool SymbolRegistry::appendName(uint32_t symbol, QByteArray& out, uint32_t ahead) {
     std::lock_guard<std::mutex> lock(mutex);
+    if (ahead != 0)
+        if (const uint32_t aheadId = idOf(ahead))
+            names.prefetchName(aheadId);
     const uint32_t id = idOf(symbol);
     if (!id)
         return false;

@@ -38,6 +38,9 @@ public:
     // Appends the name of a symbol to `out` (without a copy of its own on the way); false,
     // appending nothing, when the symbol is unknown.
     bool appendName(uint32_t symbol, QByteArray& out);
+    // The same, and starts loading what naming `ahead` next will need (a caller naming
+    // many symbols in a row passes one a few places on; 0 for none).
+    bool appendName(uint32_t symbol, QByteArray& out, uint32_t ahead);
     // The last component of the name of a symbol (the bytes after its last '/'), without
     // building the name; null when unknown.
     QByteArray leaf(uint32_t symbol) const;
