@@ -193,8 +193,8 @@ void BundleController::scheduleProcess(const std::vector<Bundle>& bundles, bool 
     // The charge goes with the task: released once the batch is applied, or when the
     // task is dropped with its core.
     const int64_t charged = ReceiveBacklog::chargeOf(int64_t(bundles.size()), bytes);
-    addTask([bundles, batchStarts, batchEnds, charge = backlog->charge(charged)](Core& c) mutable {
-        c.process(bundles, batchStarts);
+    addTask([bundles, batchEnds, charge = backlog->charge(charged)](Core& c) mutable {
+        c.process(bundles);
         if (batchEnds)
             c.batchApplied();
         charge.reset();

@@ -246,11 +246,11 @@ void SessionCore::flush(bool mayHoldBack) {
         connection->send(out);
 }
 
-void SessionCore::process(const std::vector<Bundle>& bundles, bool batchStarts) {
+void SessionCore::process(const std::vector<Bundle>& bundles) {
     ensureIsInitialized();
     if (nodeGone->load() || !isInitialized())
         return;
-    if (batchStarts && !bundles.empty() && enabled.load()) {
+    if (!bundles.empty() && enabled.load()) {
         // Local changes made before the batch came leave before it is applied.
         remoteNode.update();
         if (enabled.load())

@@ -112,11 +112,11 @@ public:
     // thread. The pass before an incoming batch is applied never holds back: local
     // changes must leave before the peer's, for the stale-value rules.
     void flush(bool mayHoldBack = false);
-    // Applies received bundles. Only a batch's first piece (`batchStarts`) flushes first:
-    // the later pieces are the same batch, which the peer wrote before anything this
-    // side sends meanwhile, and flushing between them would put the announcement of what
-    // the earlier pieces created on the path of the rest of the copy.
-    void process(const std::vector<Bundle>& bundles, bool batchStarts = true);
+    // Applies received bundles, each piece of a batch after a flush: a local change made
+    // between two pieces (by a listener, or on the tree thread between passes) is newer
+    // than the rest of the batch and leaves before it is applied, for the stale-value
+    // rules.
+    void process(const std::vector<Bundle>& bundles);
     // The last piece of a received batch has been applied: counted, and for a mirror,
     // after its first batch, what the peer did not announce in it is removed.
     void batchApplied();
