@@ -1,5 +1,9 @@
 #include "Dovel/bundle/BundleOutput.h"
 
+#include "Dovel/Limits.h"
+
+#include <algorithm>
+
 namespace Dovel {
 
 bool BundleOutput::finish(Bundle& bundle, uint32_t messageType) {
@@ -12,8 +16,11 @@ bool BundleOutput::finish(Bundle& bundle, uint32_t messageType) {
     // One that filled a large bundle is likely to fill another: its room is taken at
     // once, instead of doubling up from the header and copying at each step.
     bundle = Bundle();
+    // (Not beyond what a sender fills before it starts another: a bundle made large by
+    // one big value says nothing of the next.)
     if (size >= LargeBundleBytes)
-        bundle.mutablePacket().reserve(int(size));
+        bundle.mutablePacket().reserve(
+            int(std::min<uint32_t>(size, BundleCore::HeaderSize + Limits::SentBundleBytes)));
     return true;
 }
 
