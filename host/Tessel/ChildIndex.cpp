@@ -2,21 +2,14 @@
 
 #include "Tessel/Attribute.h"
 
-#include <QHash>
+#include "Basalt/KeyedHash.h"
 
 namespace Tessel {
 
-namespace {
-
-uint hashSeed() {
-    static const uint seed = uint(qGlobalQHashSeed());
-    return seed;
-}
-
-} // namespace
-
 std::size_t ChildIndex::homeOf(const QByteArray& name) const {
-    return std::size_t(qHash(name, hashSeed())) & mask;
+    static const uint64_t* const key = Basalt::processHashKey();
+    return std::size_t(Basalt::keyedHash(0, name.constData(), size_t(name.size()), key) >> 32) &
+           mask;
 }
 
 Attribute* ChildIndex::find(const QByteArray& name) const {

@@ -1,12 +1,14 @@
 // The children of a node that has many, found by name: an open-addressing table of the
-// children themselves, whose names are the keys, probed linearly from a seeded hash of
+// children themselves, whose names are the keys, probed linearly from a keyed hash of
 // the name and kept at most half full. A slot is one pointer; a hash of byte arrays
 // spent a heap node per child (about 56 bytes with its bucket), and a tree of a million
 // attributes indexes a quarter of a million children (its items under their groups).
 //
-// The seed is the process's QHash seed, so names a peer chooses cannot be aimed at one
-// run of slots any more than at a QHash. Children's names must not change while they are
-// indexed and must differ from each other (a node's children do, and keep theirs).
+// The key is drawn once per process (Basalt::keyedHash), so names a peer chooses cannot
+// be aimed at one run of slots: a QHash, which this replaces, hashed with a seed that
+// whole families of names collide under whatever its value. Children's names must not
+// change while they are indexed and must differ from each other (a node's children do,
+// and keep theirs).
 //
 // Not thread-safe; the node's owner uses it on one thread.
 #pragma once
