@@ -48,7 +48,8 @@ private:
         set = hash % Sets;
         for (std::size_t way = 0; way < 2; ++way) {
             const QByteArray& kept = names[2 * set + way];
-            if (kept.size() == size &&
+            // An unfilled way is null: the empty name must not come back as one.
+            if (kept.size() == size && !kept.isNull() &&
                 std::memcmp(kept.constData(), bytes, std::size_t(size)) == 0) {
                 usedLast[set] = uint8_t(way);
                 return &kept;

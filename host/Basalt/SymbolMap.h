@@ -92,7 +92,8 @@ private:
     static bool absent(const T& value) { return SymbolMapAbsent<T>::test(value); }
     static uint64_t denseBound(int entries) { return 2 * uint64_t(entries) + 64; }
 
-    // 1,024 slots: 8 KiB of pointers, small beside a map that needs a second page.
+    // 1,024 slots (8 KiB of pointers, 4 KiB of 32-bit values): small beside a map that
+    // needs a second page.
     static constexpr int PageBits = 10;
     static constexpr uint32_t PageSize = 1u << PageBits;
 
