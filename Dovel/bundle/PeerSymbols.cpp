@@ -17,9 +17,13 @@ bool PeerSymbols::define(const QByteArray& name, uint32_t symbol) {
     if (known) {
         if (local.value(symbol) == known)
             return false;
+        // The same pair again, its name created here meanwhile: kept in its short form
+        // now, but no new definition.
+        const QByteArray* const waiting = pending.find(symbol);
+        const bool repeated = waiting && *waiting == name;
         pending.remove(symbol);
         local.insert(symbol, known);
-        return true;
+        return !repeated;
     }
     const QByteArray* const current = pending.find(symbol);
     if (current && *current == name)

@@ -90,4 +90,12 @@ TEST(PeerSymbolLimit, NamesThisSideHoldsAreKeptAsItsSymbols) {
     EXPECT_EQ(registry.lookup(7u), QByteArray("scene/a"));
     EXPECT_EQ(local.lookup(QByteArray("scene/a")), known);
     EXPECT_EQ(registry.size(), 2);
+
+    // A pair still waiting for its name to be created here, repeated once it was: the
+    // same definition, not a new one (the limit counts new ones).
+    EXPECT_TRUE(registry.define("scene/c", 9));
+    local.lookupOrDefine("scene/c");
+    EXPECT_FALSE(registry.define("scene/c", 9));
+    EXPECT_EQ(registry.lookup(9u), QByteArray("scene/c"));
+    EXPECT_EQ(registry.size(), 3);
 }
