@@ -2,6 +2,7 @@
 
 #include "Tessel/Attribute.h"
 
+#include "Basalt/BackwardShift.h"
 #include "Basalt/KeyedHash.h"
 
 namespace Tessel {
@@ -35,27 +36,18 @@ void ChildIndex::insert(Attribute* child) {
 bool ChildIndex::remove(const QByteArray& name) {
     if (count == 0)
         return false;
-    std::size_t hole = homeOf(name);
-    while (table[hole] && table[hole]->name() != name)
-        hole = (hole + 1) & mask;
-    if (!table[hole])
+    std::size_t at = homeOf(name);
+    while (table[at] && table[at]->name() != name)
+        at = (at + 1) & mask;
+    if (!table[at])
         return false;
     if (--count == 0) {
         table.reset();
         mask = 0;
         return true;
     }
-    // Backward shift: each child after the hole moves into it unless its home lies
-    // cyclically in (hole, its slot], so that no probe from a home is cut short.
-    for (std::size_t j = (hole + 1) & mask; table[j]; j = (j + 1) & mask) {
-        const std::size_t home = homeOf(table[j]->name());
-        const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
-        if (!stays) {
-            table[hole] = table[j];
-            hole = j;
-        }
-    }
-    table[hole] = nullptr;
+    Basalt::removeByBackwardShift(table.get(), capacity(), at,
+                                  [this](Attribute* child) { return homeOf(child->name()); });
     return true;
 }
 
