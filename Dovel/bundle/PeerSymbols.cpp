@@ -7,24 +7,10 @@ namespace Dovel {
 bool PeerSymbols::define(const QByteArray& name, uint32_t symbol) {
     if (symbol == 0)
         return false;
-    const bool look = localNames && (misses < LookupEvery || misses % LookupEvery == 0);
-    // A pair already kept as this side's symbol is no new definition, looked up or not.
+    // A pair already kept as this side's symbol is no new definition.
     const uint32_t settled = local.value(symbol);
-    if (!look && settled != 0 && localNames->isNameOf(settled, name))
+    if (settled != 0 && localNames && localNames->isNameOf(settled, name))
         return false;
-    const uint32_t known = look ? localNames->lookup(name) : 0;
-    misses = known ? 0 : misses + 1;
-    if (known) {
-        if (local.value(symbol) == known)
-            return false;
-        // The same pair again, its name created here meanwhile: kept in its short form
-        // now, but no new definition.
-        const QByteArray* const waiting = pending.find(symbol);
-        const bool repeated = waiting && *waiting == name;
-        pending.remove(symbol);
-        local.insert(symbol, known);
-        return !repeated;
-    }
     const QByteArray* const current = pending.find(symbol);
     if (current && *current == name)
         return false;

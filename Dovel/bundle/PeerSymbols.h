@@ -2,9 +2,12 @@
 //
 // Only that direction is kept. The receivers turn the peer's symbols into names; nothing
 // asks which symbol the peer gave a name, so a name bound anew leaves its older symbol
-// bound too (the peer's own registry never does that). A name that this side's registry
-// holds (the peer names back nearly every path it was sent, and what it sends first is
-// soon created here) is kept as this side's symbol, four bytes instead of a path. The peer
+// bound too (the peer's own registry never does that). A name waits whole until the
+// new-attribute receiver, which finds or creates its attribute by the name anyway (one
+// hash of the leaf under a parent it has just looked up), tells this side's symbol for it
+// (settle); from then on it is kept as that symbol, four bytes instead of a path. Looking
+// each name up as it is defined hashed and compared a whole path per symbol, on the
+// receiving side of every reconnect and of every echo of a first copy. The peer
 // numbers its symbols from 1 upward, so they sit in a vector indexed by symbol; sparse or
 // hostile numbers go to a hash (Basalt::SymbolMap), and Limits::MaxPeerSymbols bounds
 // what a peer may define.
@@ -26,7 +29,7 @@ namespace Dovel {
 
 class PeerSymbols {
 public:
-    // Names that `local` holds are kept as its symbols from now on; it must outlive this
+    // Settled names are kept as symbols of `local` from now on; it must outlive this
     // table.
     void shareWith(const Basalt::SymbolRegistry& local) { localNames = &local; }
     // Binds `symbol` to `name`, replacing its earlier name. Symbol 0 is refused. True when
@@ -35,8 +38,8 @@ public:
     // The name of a symbol, built from its parts; a null array when unknown (the empty
     // name is a name).
     QByteArray lookup(uint32_t symbol) const;
-    // The name of a symbol that this side's registry did not hold when it was defined,
-    // without a copy; null otherwise. Valid until the next definition or settle.
+    // The name of a symbol not settled yet, without a copy; null otherwise. Valid until
+    // the next definition or settle.
     const QByteArray* pendingName(uint32_t symbol) const { return pending.find(symbol); }
     // Keeps `localSymbol`, which this side's registry binds to the name of `symbol`, and
     // lets the copy of the name go.
@@ -46,15 +49,9 @@ public:
 private:
     // From the peer's symbol to this side's symbol of the same name.
     Basalt::SymbolMap<uint32_t> local;
-    // The names not known to this side's registry when they were defined.
+    // The names not settled yet.
     Basalt::SymbolMap<QByteArray> pending;
     const Basalt::SymbolRegistry* localNames = nullptr;
-    // Definitions in a row whose names this side's registry did not hold. A first copy
-    // names nothing this side has: past a run of them only one in every LookupEvery is
-    // looked up, and a name found there resumes looking every one up. A name not looked
-    // up waits whole for settle.
-    static constexpr uint32_t LookupEvery = 16;
-    uint32_t misses = 0;
 };
 
 } // namespace Dovel

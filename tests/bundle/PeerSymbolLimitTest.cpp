@@ -72,7 +72,7 @@ TEST(PeerSymbolLimit, ANameLongerThanAnyPathStaysUndefined) {
 // A peer's name that this side's registry holds is kept as this side's symbol; one it
 // does not is kept whole until settled. Either way it reads back the same,
 // and a symbol bound anew reads its new name.
-TEST(PeerSymbolLimit, NamesThisSideHoldsAreKeptAsItsSymbols) {
+TEST(PeerSymbolLimit, SettledNamesAreKeptAsThisSidesSymbols) {
     Basalt::SymbolRegistry local;
     Dovel::PeerSymbols registry;
     registry.shareWith(local);
@@ -91,7 +91,7 @@ TEST(PeerSymbolLimit, NamesThisSideHoldsAreKeptAsItsSymbols) {
     EXPECT_EQ(local.lookup(QByteArray("scene/a")), known);
     EXPECT_EQ(registry.size(), 2);
 
-    // A pair still waiting for its name to be created here, repeated once it was: the
+    // A pair still waiting to be settled, repeated after its name was created here: the
     // same definition, not a new one (the limit counts new ones).
     EXPECT_TRUE(registry.define("scene/c", 9));
     local.lookupOrDefine("scene/c");
