@@ -16,7 +16,9 @@ bool PeerSymbols::define(const QByteArray& name, uint32_t symbol) {
         return false;
     local.remove(symbol);
     // The empty name is stored non-null, so that lookup tells it from an unknown symbol.
-    pending.insert(symbol, name.isNull() ? QByteArray("") : name);
+    // Names wait here only until settled, so this map alone stays small while a copy's
+    // symbols climb: the pages' reach follows every entry the table holds.
+    pending.insert(symbol, name.isNull() ? QByteArray("") : name, size() + 1);
     return true;
 }
 

@@ -15,6 +15,7 @@
 #include <QByteArray>
 #include <QHash>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -49,9 +50,14 @@ public:
     bool contains(uint32_t symbol) const { return find(symbol) != nullptr; }
 
     // Binds `symbol` to `value` (not absent), replacing an earlier value.
-    void insert(uint32_t symbol, const T& value) {
+    void insert(uint32_t symbol, const T& value) { insert(symbol, value, count + 1); }
+    // The same, with the reach of the pages set by `entries` rather than this map's own
+    // count: for an owner whose entries move on to another map (names waiting to be
+    // settled), every entry it holds, so that this map's symbols stay in pages while
+    // its own count stays small. Memory stays bounded by the entries the owner holds.
+    void insert(uint32_t symbol, const T& value, int entries) {
         T* slot = denseSlot(symbol);
-        if (!slot && uint64_t(symbol) < denseBound(count + 1))
+        if (!slot && uint64_t(symbol) < denseBound(std::max(entries, count + 1)))
             slot = addPage(symbol);
         if (slot) {
             // A symbol hashed while its page was beyond the bound moves into it.
@@ -66,15 +72,17 @@ public:
         count += sparse.size() - before;
     }
 
-    // True when `symbol` had a value.
+    // True when `symbol` had a value. A map emptied after it reached past its first
+    // page lets its pages go (a table of names waiting to be settled empties after each
+    // copy).
     bool remove(uint32_t symbol) {
         if (T* slot = denseSlot(symbol); slot && !absent(*slot)) {
             *slot = T();
-            --count;
+            dropOne();
             return true;
         }
         if (!sparse.isEmpty() && sparse.remove(symbol) > 0) {
-            --count;
+            dropOne();
             return true;
         }
         return false;
@@ -91,6 +99,11 @@ public:
 private:
     static bool absent(const T& value) { return SymbolMapAbsent<T>::test(value); }
     static uint64_t denseBound(int entries) { return 2 * uint64_t(entries) + 64; }
+
+    void dropOne() {
+        if (--count == 0 && pages.size() > 1)
+            clear();
+    }
 
     // 1,024 slots (8 KiB of pointers, 4 KiB of 32-bit values): small beside a map that
     // needs a second page.

@@ -43,6 +43,17 @@ TEST(SymbolMap, AnswersAsAPlainMapForDenseSparseAndHostileSymbols) {
         }
     }
     check();
+    // Emptied by removals (its pages go), then filled again.
+    while (!model.empty()) {
+        EXPECT_TRUE(map.remove(model.begin()->first));
+        model.erase(model.begin());
+    }
+    check();
+    for (uint32_t symbol : edges) {
+        map.insert(symbol, next);
+        model[symbol] = next++;
+    }
+    check();
     map.clear();
     EXPECT_EQ(map.size(), 0);
     EXPECT_EQ(map.find(1), nullptr);
