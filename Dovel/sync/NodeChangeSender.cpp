@@ -188,8 +188,12 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
     resolveChanges();
     std::vector<RemoteNode::Event> events;
     getEvents(events);
-    sendSymbols(changes, events, output);
-    sendChanges(changes, output);
+    constexpr size_t RunChanges = 1 << 16;
+    for (size_t begin = 0; begin == 0 || begin < changes.size(); begin += RunChanges) {
+        const size_t end = std::min(changes.size(), begin + RunChanges);
+        sendSymbols(changes, begin, end, end == changes.size() ? &events : nullptr, output);
+        sendChanges(changes, begin, end, output);
+    }
     sendEvents(events, output);
 }
 
@@ -299,8 +303,8 @@ bool isFull(const Bundle& bundle) {
 
 } // namespace
 
-void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes,
-                                   const std::vector<RemoteNode::Event>& events,
+void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes, size_t begin, size_t end,
+                                   const std::vector<RemoteNode::Event>* events,
                                    BundleOutput& output) {
     Bundle bundle;
     BundleWriter writer(bundle);
@@ -312,24 +316,26 @@ void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes,
     // A first pass names a whole tree, each node's leaf bytes cold: loaded this many
     // names ahead.
     constexpr size_t Ahead = 8;
-    for (size_t i = 0; i < changes.size(); ++i) {
+    for (size_t i = begin; i < end; ++i) {
         if (!records[i]) {
             logMissingSessionAttribute();
             continue;
         }
-        announce(changes[i].symbol, i + Ahead < changes.size() ? changes[i + Ahead].symbol : 0);
+        announce(changes[i].symbol, i + Ahead < end ? changes[i + Ahead].symbol : 0);
     }
-    for (const RemoteNode::Event& event : events)
-        announce(event.symbol, 0);
+    if (events)
+        for (const RemoteNode::Event& event : *events)
+            announce(event.symbol, 0);
     output.finish(bundle, symbolMessageType);
 }
 
-void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, BundleOutput& output) {
+void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, size_t begin, size_t end,
+                                   BundleOutput& output) {
     Bundle bundle;
     BundleWriter writer(bundle);
     uint32_t openType = NodeWatcher::AttributeAdded;
     bool open = false;
-    for (size_t i = 0; i < changes.size(); ++i) {
+    for (size_t i = begin; i < end; ++i) {
         const ChangeData& change = changes[i];
         DovelSessionAttribute* sa = records[i];
         if (!sa) {

@@ -91,9 +91,10 @@ private:
     void getEvents(std::vector<RemoteNode::Event>& out);
     // Finds the records and attributes of `changes` (into `records`, `attributes`).
     void resolveChanges();
-    void sendSymbols(const std::vector<ChangeData>& changes,
-                     const std::vector<RemoteNode::Event>& events, BundleOutput& output);
-    void sendChanges(const std::vector<ChangeData>& changes, BundleOutput& output);
+    void sendSymbols(const std::vector<ChangeData>& changes, size_t begin, size_t end,
+                     const std::vector<RemoteNode::Event>* events, BundleOutput& output);
+    void sendChanges(const std::vector<ChangeData>& changes, size_t begin, size_t end,
+                     BundleOutput& output);
     void sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* attribute, bool withValue,
                    BundleWriterCore& writer);
     void sendChanged(DovelSessionAttribute& sa, Tessel::Attribute* attribute,
