@@ -188,6 +188,9 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
     resolveChanges();
     std::vector<RemoteNode::Event> events;
     getEvents(events);
+    // A large pass (a session's first) goes out in runs, each its names and then its
+    // changes: the peer holds a name whole only until the change that uses it comes. A
+    // pass of one run is laid out as it always was, all names first.
     constexpr size_t RunChanges = 1 << 16;
     for (size_t begin = 0; begin == 0 || begin < changes.size(); begin += RunChanges) {
         const size_t end = std::min(changes.size(), begin + RunChanges);

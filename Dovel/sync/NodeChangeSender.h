@@ -91,6 +91,8 @@ private:
     void getEvents(std::vector<RemoteNode::Event>& out);
     // Finds the records and attributes of `changes` (into `records`, `attributes`).
     void resolveChanges();
+    // The names of changes [begin, end) not announced yet, then those of `events` when
+    // given.
     void sendSymbols(const std::vector<ChangeData>& changes, size_t begin, size_t end,
                      const std::vector<RemoteNode::Event>* events, BundleOutput& output);
     void sendChanges(const std::vector<ChangeData>& changes, size_t begin, size_t end,
