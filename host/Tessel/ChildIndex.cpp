@@ -26,11 +26,15 @@ Attribute* ChildIndex::find(const QByteArray& name) const {
 void ChildIndex::insert(Attribute* child) {
     if (2 * (std::size_t(count) + 1) > (table ? capacity() : 0))
         reserve(std::size_t(count) + 1);
+    place(child);
+    ++count;
+}
+
+void ChildIndex::place(Attribute* child) {
     std::size_t i = homeOf(child->name());
     while (table[i])
         i = (i + 1) & mask;
     table[i] = child;
-    ++count;
 }
 
 bool ChildIndex::remove(const QByteArray& name) {
@@ -65,12 +69,8 @@ void ChildIndex::rehash(std::size_t size) {
     table.reset(new Attribute*[size]());
     mask = uint32_t(size - 1);
     for (std::size_t k = 0; k < oldSize; ++k)
-        if (Attribute* child = old[k]) {
-            std::size_t i = homeOf(child->name());
-            while (table[i])
-                i = (i + 1) & mask;
-            table[i] = child;
-        }
+        if (Attribute* child = old[k])
+            place(child);
 }
 
 } // namespace Tessel

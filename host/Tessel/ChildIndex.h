@@ -45,6 +45,8 @@ private:
     std::size_t homeOf(const QByteArray& name) const;
     std::size_t capacity() const { return std::size_t(mask) + 1; }
     void rehash(std::size_t size);
+    // Puts `child` in the first free slot from its home; the table has room.
+    void place(Attribute* child);
 
     std::unique_ptr<Attribute*[]> table;
     uint32_t mask = 0;
