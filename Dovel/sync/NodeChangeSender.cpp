@@ -185,7 +185,6 @@ void NodeChangeSender::sendInitialValues() {
 
 void NodeChangeSender::writeUpdates(BundleOutput& output) {
     collapseChanges();
-    resolveChanges();
     std::vector<RemoteNode::Event> events;
     getEvents(events);
     // A large pass (a session's first) goes out in runs, each its names and then its
@@ -194,10 +193,12 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
     constexpr size_t RunChanges = 1 << 16;
     for (size_t begin = 0; begin == 0 || begin < changes.size(); begin += RunChanges) {
         const size_t end = std::min(changes.size(), begin + RunChanges);
+        resolveChanges(begin, end);
         sendSymbols(changes, begin, end, end == changes.size() ? &events : nullptr, output);
         sendChanges(changes, begin, end, output);
     }
     sendEvents(events, output);
+    clearAndTrim(changes, std::min(changes.size(), TrimEntries));
 }
 
 void NodeChangeSender::holdChanges() {
@@ -239,17 +240,17 @@ void NodeChangeSender::collapseChanges() {
         heldCompressed = 0;
     }
     compressor.compress(takenChanges, changes);
-    // Cleared, not freed: the next swap hands its capacity back to pendingChanges (unless
-    // a burst left far more than this period needed).
-    clearAndTrim(takenChanges, takenChanges.size());
+    // Cleared, not freed: the next swap hands its capacity back to pendingChanges. A
+    // burst such as a first announcement is freed before its bundles are written.
+    clearAndTrim(takenChanges, std::min(takenChanges.size(), TrimEntries));
 }
 
-void NodeChangeSender::resolveChanges() {
-    const auto symbolAt = [this](size_t i) { return changes[i].symbol; };
-    clearAndTrim(records, changes.size());
-    clearAndTrim(attributes, changes.size());
-    storage.findByLocalSymbols(changes.size(), symbolAt, records);
-    node.attributeCache().findAll(changes.size(), symbolAt, attributes);
+void NodeChangeSender::resolveChanges(size_t begin, size_t end) {
+    const auto symbolAt = [this, begin](size_t i) { return changes[begin + i].symbol; };
+    clearAndTrim(records, end - begin);
+    clearAndTrim(attributes, end - begin);
+    storage.findByLocalSymbols(end - begin, symbolAt, records);
+    node.attributeCache().findAll(end - begin, symbolAt, attributes);
 }
 
 void NodeChangeSender::getEvents(std::vector<RemoteNode::Event>& out) {
@@ -320,7 +321,7 @@ void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes, size_
     // names ahead.
     constexpr size_t Ahead = 8;
     for (size_t i = begin; i < end; ++i) {
-        if (!records[i]) {
+        if (!records[i - begin]) {
             logMissingSessionAttribute();
             continue;
         }
@@ -340,7 +341,7 @@ void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, size_
     bool open = false;
     for (size_t i = begin; i < end; ++i) {
         const ChangeData& change = changes[i];
-        DovelSessionAttribute* sa = records[i];
+        DovelSessionAttribute* sa = records[i - begin];
         if (!sa) {
             logMissingSessionAttribute();
             continue;
@@ -361,10 +362,10 @@ void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, size_
         }
         switch (change.type) {
         case NodeWatcher::AttributeAdded:
-            sendAdded(*sa, attributes[i], change.withValue != 0, writer);
+            sendAdded(*sa, attributes[i - begin], change.withValue != 0, writer);
             break;
         case NodeWatcher::AttributeChanged:
-            sendChanged(*sa, attributes[i], writer);
+            sendChanged(*sa, attributes[i - begin], writer);
             break;
         default:
             sendRemoved(*sa, writer);

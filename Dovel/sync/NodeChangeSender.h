@@ -89,8 +89,10 @@ private:
     void forgetLocalAttribute(DovelSessionAttribute& sa);
     void collapseChanges();
     void getEvents(std::vector<RemoteNode::Event>& out);
-    // Finds the records and attributes of `changes` (into `records`, `attributes`).
-    void resolveChanges();
+    // Finds the records and attributes of changes [begin, end) (into `records` and
+    // `attributes`, from their index 0): a run at a time, so that a first pass does not
+    // hold two pointers per attribute of the tree.
+    void resolveChanges(size_t begin, size_t end);
     // The names of changes [begin, end) not announced yet, then those of `events` when
     // given.
     void sendSymbols(const std::vector<ChangeData>& changes, size_t begin, size_t end,
@@ -124,7 +126,7 @@ private:
     std::vector<NodeWatcher::Event> heldChanges;
     std::size_t heldCompressed = 0;
     std::vector<ChangeData> changes;
-    // Per entry of `changes` in the pass being written: its record and its attribute,
+    // Per entry of `changes` in the run being written: its record and its attribute,
     // looked up in one batch each.
     std::vector<DovelSessionAttribute*> records;
     std::vector<Tessel::Attribute*> attributes;
