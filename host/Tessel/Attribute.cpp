@@ -13,10 +13,23 @@
 
 namespace Tessel {
 
-Attribute::Attribute() = default;
+// Trees hold millions: a value attribute with its value fits an 80-byte heap block.
+static_assert(sizeof(void*) != 8 || sizeof(Attribute) <= 56,
+              "an attribute should stay in 56 bytes");
 
-Attribute::Attribute(Node* host, const QByteArray& name) {
+Attribute::Attribute() : destroying(false), detaching(false), isAlias(false) {}
+
+Attribute::Attribute(Node* host, const QByteArray& name) : Attribute() {
     attachTo(host, name);
+}
+
+TreeObserver* Attribute::observer() const {
+    return observerSlot ? TreeObserver::inSlot(observerSlot) : nullptr;
+}
+
+void Attribute::setObserver(TreeObserver* observer, uint32_t number) {
+    observerSlot = observer ? observer->slot() : 0;
+    observedNumber = number;
 }
 
 void Attribute::attachTo(Node* host, const QByteArray& name) {
@@ -27,8 +40,16 @@ void Attribute::attachTo(Node* host, const QByteArray& name) {
                                host->name().constData());
 }
 
-Attribute::ListenerSnapshot::ListenerSnapshot(std::shared_ptr<const ListenerBlock> entries)
-    : entries(std::move(entries)) {}
+Attribute::BlockRef::~BlockRef() {
+    if (!block || block->owners.fetch_sub(1, std::memory_order_acq_rel) != 1)
+        return;
+    if (block->isTable)
+        delete static_cast<ListenerTable*>(block);
+    else
+        delete static_cast<Listener*>(block);
+}
+
+Attribute::ListenerSnapshot::ListenerSnapshot(BlockRef entries) : entries(std::move(entries)) {}
 
 std::size_t Attribute::ListenerSnapshot::size() const {
     if (!entries)
@@ -38,15 +59,14 @@ std::size_t Attribute::ListenerSnapshot::size() const {
 
 Attribute::Listener& Attribute::ListenerSnapshot::at(std::size_t index) const {
     if (entries->isTable)
-        return *table().entries[index];
-    // Made as a mutable Listener by addListener; only its `removed` flag ever changes.
-    return const_cast<Listener&>(static_cast<const Listener&>(*entries));
+        return *static_cast<Listener*>(table().entries[index].get());
+    return *static_cast<Listener*>(entries.get());
 }
 
-std::shared_ptr<Attribute::Listener> Attribute::ListenerSnapshot::share(std::size_t index) const {
+Attribute::BlockRef Attribute::ListenerSnapshot::share(std::size_t index) const {
     if (entries->isTable)
         return table().entries[index];
-    return std::shared_ptr<Listener>(entries, &at(0));
+    return entries;
 }
 
 Attribute::~Attribute() {
@@ -158,8 +178,9 @@ void Attribute::copyValueFromLayer(Layer, Layer) {}
 void Attribute::setAsDefaults() {}
 
 void Attribute::emitChange() {
-    if (treeObserver)
-        treeObserver->attributeChanged(*this);
+    if (observerSlot)
+        if (TreeObserver* observer = TreeObserver::inSlot(observerSlot))
+            observer->attributeChanged(*this);
     emitRole(RoleChange);
 }
 
@@ -185,23 +206,25 @@ long Attribute::addListener(std::function<void()> callback, int roleMask) {
 }
 
 long Attribute::addListener(std::function<void()> callback, int roleMask, ListenerHolder* holder) {
-    auto listener = std::make_shared<Listener>();
-    listener->id = issueListenerId();
-    listener->callback = std::move(callback);
-    listener->holder = holder;
-    listener->roles = roleMask;
-    const long id = listener->id;
+    auto* made = new Listener;
+    BlockRef listener(made);
+    made->id = issueListenerId();
+    made->callback = std::move(callback);
+    made->holder = holder;
+    made->roles = roleMask;
+    const long id = made->id;
     if (!listeners) {
         listeners = ListenerSnapshot(std::move(listener));
         return id;
     }
     // Ids only grow, so the new one goes last.
-    auto table = std::make_shared<ListenerTable>();
+    auto* table = new ListenerTable;
+    BlockRef tableRef(table);
     table->entries.reserve(listeners.size() + 1);
     for (std::size_t i = 0; i < listeners.size(); ++i)
         table->entries.push_back(listeners.share(i));
     table->entries.push_back(std::move(listener));
-    listeners = ListenerSnapshot(std::move(table));
+    listeners = ListenerSnapshot(std::move(tableRef));
     return id;
 }
 
@@ -209,10 +232,11 @@ template <typename Keep> void Attribute::replaceListeners(Keep keep) {
     std::size_t kept = 0;
     for (std::size_t i = 0; i < listeners.size(); ++i)
         kept += keep(listeners.at(i));
-    auto table = kept > 1 ? std::make_shared<ListenerTable>() : nullptr;
+    auto* table = kept > 1 ? new ListenerTable : nullptr;
+    BlockRef tableRef(table);
     if (table)
         table->entries.reserve(kept);
-    std::shared_ptr<Listener> only;
+    BlockRef only;
     for (std::size_t i = 0; i < listeners.size(); ++i) {
         if (!keep(listeners.at(i)))
             listeners.at(i).removed = true;
@@ -222,7 +246,7 @@ template <typename Keep> void Attribute::replaceListeners(Keep keep) {
             only = listeners.share(i);
     }
     if (table)
-        listeners = ListenerSnapshot(std::move(table));
+        listeners = ListenerSnapshot(std::move(tableRef));
     else if (only)
         listeners = ListenerSnapshot(std::move(only));
     else

@@ -34,6 +34,7 @@
 #include <QList>
 #include <QString>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -135,12 +136,9 @@ public:
     // The one observer that hears this attribute's changes (and, for a node, its
     // children coming and going; see TreeObserver), with the number it knows the
     // attribute by. Null when none: setObserver(nullptr, 0) lets it go.
-    TreeObserver* observer() const { return treeObserver; }
+    TreeObserver* observer() const;
     uint32_t observedAs() const { return observedNumber; }
-    void setObserver(TreeObserver* observer, uint32_t number) {
-        treeObserver = observer;
-        observedNumber = number;
-    }
+    void setObserver(TreeObserver* observer, uint32_t number);
 
 protected:
     // Calls the RoleDelete listeners.
@@ -164,6 +162,32 @@ private:
     struct ListenerBlock {
         explicit ListenerBlock(bool table) : isTable(table) {}
         bool isTable;
+        // The snapshots, tables and emissions that hold the block.
+        mutable std::atomic<int> owners{1};
+    };
+    // Shared ownership of a block in one pointer, where a shared_ptr takes two: every
+    // attribute of a tree carries one.
+    class BlockRef {
+    public:
+        BlockRef() = default;
+        // Takes over the block's first owner (a block is made with one).
+        explicit BlockRef(ListenerBlock* made) : block(made) {}
+        BlockRef(const BlockRef& other) : block(other.block) {
+            if (block)
+                block->owners.fetch_add(1, std::memory_order_relaxed);
+        }
+        BlockRef(BlockRef&& other) noexcept : block(other.block) { other.block = nullptr; }
+        BlockRef& operator=(BlockRef other) noexcept {
+            std::swap(block, other.block);
+            return *this;
+        }
+        ~BlockRef();
+        ListenerBlock* get() const { return block; }
+        ListenerBlock* operator->() const { return block; }
+        explicit operator bool() const { return block != nullptr; }
+
+    private:
+        ListenerBlock* block = nullptr;
     };
     struct Listener : ListenerBlock {
         Listener() : ListenerBlock(false) {}
@@ -176,7 +200,7 @@ private:
     };
     struct ListenerTable : ListenerBlock {
         ListenerTable() : ListenerBlock(true) {}
-        std::vector<std::shared_ptr<Listener>> entries;
+        std::vector<BlockRef> entries; // each a Listener
     };
     // The listeners as an immutable snapshot in ascending id order, replaced whole when
     // one comes or goes: an emission holds the snapshot it started with, so it neither
@@ -185,18 +209,18 @@ private:
     class ListenerSnapshot {
     public:
         ListenerSnapshot() = default;
-        explicit ListenerSnapshot(std::shared_ptr<const ListenerBlock> entries);
+        explicit ListenerSnapshot(BlockRef entries);
         explicit operator bool() const { return bool(entries); }
         std::size_t size() const;
         Listener& at(std::size_t index) const;
         // The entry itself, sharing its ownership.
-        std::shared_ptr<Listener> share(std::size_t index) const;
+        BlockRef share(std::size_t index) const;
 
     private:
         const ListenerTable& table() const {
             return *static_cast<const ListenerTable*>(entries.get());
         }
-        std::shared_ptr<const ListenerBlock> entries;
+        BlockRef entries;
     };
     // Tells a caller up the stack whether the attribute began to be destroyed while it
     // lived (by a callback the caller made). Attributes live on one thread, so the
@@ -225,17 +249,17 @@ private:
     // Replaces the table by its entries that `keep` accepts (null when none is left).
     template <typename Keep> void replaceListeners(Keep keep);
 
-    // The flags come first so that they fill the padding after Serializable's own flag:
-    // a tree holds millions of attributes.
-    bool destroying = false;
-    bool detaching = false; // the host is notifying its removal
+    // The flags and the observer's slot come first so that they fill the padding after
+    // Serializable's own flag: a tree holds millions of attributes.
+    bool destroying : 1;
+    bool detaching : 1; // the host is notifying its removal
     // Set while an AttributeAlias part exists (its constructor body to its destructor's
     // end), as a dynamic_cast would find it: resolving aliases is on every path lookup.
-    bool isAlias = false;
-    uint32_t observedNumber = 0; // in the padding after the flags
+    bool isAlias : 1;
+    uint16_t observerSlot = 0; // TreeObserver::inSlot; 0: none
+    uint32_t observedNumber = 0;
     QByteArray attributeName;
     Node* hostNode = nullptr;
-    TreeObserver* treeObserver = nullptr;
     // The host's children form a list through their own links, in insertion order: a
     // node per child in a separate list would cost an allocation and 32 bytes each.
     Attribute* previousSibling = nullptr;

@@ -246,6 +246,15 @@ TEST(Node, ChildNotificationsCarryTheNameAndBracketTheList) {
                                          "observer removed y listed=1",
                                          "attribute-removed y listed=1"}));
     observed.setObserver(nullptr, 0);
+
+    // An attribute left naming an observer that has ended finds none.
+    AttributeT<int> orphan;
+    {
+        LoggingObserver gone(observed.log);
+        orphan.setObserver(&gone, 3);
+        EXPECT_EQ(orphan.observer(), &gone);
+    }
+    EXPECT_EQ(orphan.observer(), nullptr);
 }
 
 TEST(NodeDestruction, MemberAndNewedAttributesAreEachDestroyedOnce) {
