@@ -11,6 +11,13 @@
 namespace Dovel {
 
 struct DovelSessionAttribute {
+    // A fixed size beyond any bundle is kept as this one, which no bundle holds either:
+    // skipping a value of either size fails alike.
+    static constexpr uint32_t MaxFixedSize = (1u << 29) - 1;
+
+    DovelSessionAttribute()
+        : fixedSize(0), localOrigin(true), removedByPeer(false), removedLocally(false) {}
+
     // Reads one value of the peer's type and applies it to the local attribute.
     Deserializer deserializer;
     // Writes the local attribute's current value.
@@ -19,25 +26,25 @@ struct DovelSessionAttribute {
     uint32_t readSymbol = 0;
     // The peer's type code; 0 when unknown or after a removal by the peer.
     uint32_t typeCode = 0;
-    // The peer's fixed value size; 0 for length-prefixed values.
-    uint32_t fixedSize = 0;
     // Sequence number of the peer's bundle whose value was last applied; 0 when none.
     uint32_t lastReceivedSequence = 0;
     // Symbol of the path in the remote node's registry.
     uint32_t localSymbol = 0;
     // Sequence number of the bundle that carried this side's last value.
     uint32_t lastSentSequence = 0;
+    // The peer's fixed value size (at most MaxFixedSize); 0 for length-prefixed values.
+    uint32_t fixedSize : 29;
     // The attribute existed on this side when the record was made or completed.
-    bool localOrigin = true;
+    uint32_t localOrigin : 1;
     // The peer removed the attribute: its changes and removal are no longer sent.
-    bool removedByPeer = false;
+    uint32_t removedByPeer : 1;
     // Removed on this side and not announced again since.
-    bool removedLocally = false;
+    uint32_t removedLocally : 1;
 };
-// A session holds one per attribute on each side: a cache line each. What this side
+// A session holds one per attribute on each side, side by side. What this side
 // announces (type code and size) is the serializer's to know, not the record's.
-static_assert(sizeof(void*) != 8 || sizeof(DovelSessionAttribute) <= 64,
-              "a session record should stay within 64 bytes");
+static_assert(sizeof(void*) != 8 || sizeof(DovelSessionAttribute) <= 56,
+              "a session record should stay within 56 bytes");
 
 // A deserializer that reads past one value without applying it: `fixedSize` bytes, or
 // a length word and that many bytes when `fixedSize` is 0 (padded to 4 either way).

@@ -23,6 +23,9 @@
 
 namespace Dovel {
 
+static_assert(DovelSessionAttribute::MaxFixedSize > uint32_t(Limits::MaxBundlePayloadBytes),
+              "a fixed size a record cannot keep must be one no bundle holds");
+
 namespace {
 
 // The number of components of a path, or -1 when one is empty (a leading, trailing or
@@ -147,7 +150,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         peerSymbols.settle(symbol, sa->localSymbol);
     sa->readSymbol = symbol;
     sa->typeCode = typeCode;
-    sa->fixedSize = fixedSize;
+    sa->fixedSize = std::min(fixedSize, DovelSessionAttribute::MaxFixedSize);
     sa->removedByPeer = false;
 
     bool apply = hasValue;

@@ -179,6 +179,16 @@ TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
     p.toRight(EventType, Bytes().word(501).word(1000).word(0));
     EXPECT_EQ(log.count("Session::input"), 1);
     EXPECT_EQ(notes, 3);
+
+    // A type this side does not know, of a fixed size beyond any bundle: its values are
+    // read past as that size, which ends the bundle they came in.
+    p.toRight(SymbolsType, Bytes().word(503).str("fresh/big"));
+    p.toRight(NewType, Bytes().word(503).word(0x7777).word(0x20000004u).word(0));
+    p.toRight(UpdateType, Bytes().word(503).word(1).word(500).word(62));
+    EXPECT_EQ(log.count("Session::input"), 2);
+    EXPECT_EQ(p.rightAt("fresh/v")->asInt(), 60);
+    p.toRight(UpdateType, Bytes().word(500).word(63));
+    EXPECT_EQ(p.rightAt("fresh/v")->asInt(), 63);
 }
 
 TEST(Receivers, PathsWithAnEmptyComponentOrTooDeepAreSkippedWithTheirValues) {
