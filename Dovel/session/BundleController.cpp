@@ -190,11 +190,12 @@ void BundleController::scheduleProcess(const std::vector<Bundle>& bundles, bool 
     int64_t bytes = 0;
     for (const Bundle& bundle : bundles)
         bytes += bundle.size();
-    // The charge goes with the task: released once the batch is applied, or when the
-    // task is dropped with its core.
+    // The charge goes with the task: released once the piece is applied and its bytes
+    // freed (the backlog stands for memory), or when the task is dropped with its core.
     const int64_t charged = ReceiveBacklog::chargeOf(int64_t(bundles.size()), bytes);
-    addTask([bundles, batchEnds, charge = backlog->charge(charged)](Core& c) mutable {
-        c.process(bundles);
+    addTask([piece = bundles, batchEnds, charge = backlog->charge(charged)](Core& c) mutable {
+        c.process(piece);
+        std::vector<Bundle>().swap(piece);
         if (batchEnds)
             c.batchApplied();
         charge.reset();

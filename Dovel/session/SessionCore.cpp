@@ -196,12 +196,14 @@ void SessionCore::runTasks() {
     }
     // A task that throws (an application's own, through addTask) is logged; the rest
     // of the batch and the session go on.
-    for (const SessionTask& task : batch) {
+    for (SessionTask& task : batch) {
         try {
             task(*this);
         } catch (const std::exception& e) {
             Basalt::Trace::error("SessionCore::runTasks # A task threw: %s", e.what());
         }
+        // What a task holds (a piece of a batch) goes once it ran, not with the last task.
+        task = nullptr;
     }
 }
 
