@@ -49,6 +49,19 @@ public:
     // `symbol`, when the caller knows it already). An existing record of the path is
     // returned as it is.
     DovelSessionAttribute* createByPath(const QByteArray& path, uint32_t symbol = 0);
+    // For each symbolAt(i): its record, else a new one when mayCreate(symbol), else null
+    // (out[i]); what findByLocalSymbol and createByPath do, under one write lock.
+    template <typename SymbolAt, typename MayCreate>
+    void findOrCreateByLocalSymbols(size_t count, SymbolAt symbolAt, MayCreate mayCreate,
+                                    std::vector<DovelSessionAttribute*>& out) {
+        std::unique_lock<std::shared_mutex> locker(lock);
+        out.resize(count);
+        for (size_t i = 0; i < count; ++i) {
+            const uint32_t symbol = symbolAt(i);
+            DovelSessionAttribute* record = byLocalSymbol.value(symbol, nullptr);
+            out[i] = record || !mayCreate(symbol) ? record : createLocked(QByteArray(), symbol);
+        }
+    }
     // Binds the peer's symbol to `record`; a symbol already bound to another record keeps
     // its binding (logged).
     void indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record);

@@ -149,6 +149,7 @@ void NodeChangeSender::sendInitialValues() {
         return;
     Basalt::SymbolRegistry& registry = node.symbolRegistry();
     const AttributeCache& cache = node.attributeCache();
+    std::vector<uint32_t> added;
     // The walk lists each node's children one after the other under one parent path.
     QByteArray lastParent;
     unsigned int lastParentSymbol = 0;
@@ -179,8 +180,50 @@ void NodeChangeSender::sendInitialValues() {
                 if (!symbol || !isChildPath(registry.lookup(symbol), parent, found.name()))
                     symbol = registry.lookup(childPath(parent, found.name()));
             }
-            onAttributeChange({NodeWatcher::AttributeAdded, symbol});
+            added.push_back(symbol);
         });
+    announceAdded(added);
+}
+
+void NodeChangeSender::announceAdded(std::vector<uint32_t>& symbols) {
+    if (!ignored.empty()) {
+        for (uint32_t symbol : symbols)
+            onAttributeChange({NodeWatcher::AttributeAdded, symbol});
+        clearAndTrim(symbols, 0);
+        return;
+    }
+    // What onAttributeChange does for each addition, each table locked once for all.
+    std::vector<SyncFlags::Flag> flags;
+    node.syncFlags().getFlagsAll(
+        symbols.size(), [&](size_t i) { return symbols[i]; }, flags);
+    size_t kept = 0;
+    for (size_t i = 0; i < symbols.size(); ++i)
+        if (flags[i] & SyncFlags::Sync)
+            symbols[kept++] = symbols[i];
+    symbols.resize(kept);
+    std::vector<SyncFlags::Flag>().swap(flags);
+    node.attributeCache().findAll(
+        symbols.size(), [&](size_t i) { return symbols[i]; }, attributes);
+    const Basalt::SymbolRegistry& registry = node.symbolRegistry();
+    Basalt::Guard guard(changeMutex);
+    storage.findOrCreateByLocalSymbols(
+        symbols.size(), [&](size_t i) { return attributes[i] ? symbols[i] : 0u; },
+        [&](uint32_t symbol) { return symbol && registry.namesBelowRoot(symbol); }, records);
+    pendingChanges.reserve(pendingChanges.size() + symbols.size());
+    for (size_t i = 0; i < symbols.size(); ++i) {
+        if (!attributes[i]) {
+            Basalt::Trace::error("NodeChangeSender::onAttributeChange # Got an attribute change "
+                                 "event but can't find the actual attribute");
+        } else if (!records[i]) {
+            Basalt::Trace::error("NodeChangeSender::onAttributeChange # Could not find a session "
+                                 "attribute for the given change");
+        } else {
+            pendingChanges.push_back({NodeWatcher::AttributeAdded, symbols[i]});
+        }
+    }
+    clearAndTrim(records, 0);
+    clearAndTrim(attributes, 0);
+    clearAndTrim(symbols, 0);
 }
 
 void NodeChangeSender::writeUpdates(BundleOutput& output) {

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <mutex>
 #include <shared_mutex>
+#include <vector>
 
 namespace Dovel {
 
@@ -28,6 +29,14 @@ public:
 
     // The stored flag, or Sync when none is stored.
     Flag getFlags(unsigned int symbol) const;
+    // getFlags of symbolAt(i) for i below count, into out[i], under one lock.
+    template <typename SymbolAt>
+    void getFlagsAll(size_t count, SymbolAt symbolAt, std::vector<Flag>& out) const {
+        std::shared_lock<std::shared_mutex> locker(lock);
+        out.resize(count);
+        for (size_t i = 0; i < count; ++i)
+            out[i] = flags.value(symbolAt(i), Sync);
+    }
     // Sync erases the entry; any other value is stored.
     void setFlags(unsigned int symbol, Flag flag);
     // Takes the lock and changes nothing: flags, once set, survive a clear.
