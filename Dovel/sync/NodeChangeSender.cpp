@@ -204,11 +204,12 @@ void NodeChangeSender::announceAdded(std::vector<uint32_t>& symbols) {
     std::vector<SyncFlags::Flag>().swap(flags);
     node.attributeCache().findAll(
         symbols.size(), [&](size_t i) { return symbols[i]; }, attributes);
-    const Basalt::SymbolRegistry& registry = node.symbolRegistry();
+    // The symbols name paths (the walk's own); a record is made for any but the root's.
+    const uint32_t root = node.symbolRegistry().lookup(QByteArray());
     Basalt::Guard guard(changeMutex);
     storage.findOrCreateByLocalSymbols(
         symbols.size(), [&](size_t i) { return attributes[i] ? symbols[i] : 0u; },
-        [&](uint32_t symbol) { return symbol && registry.namesBelowRoot(symbol); }, records);
+        [root](uint32_t symbol) { return symbol != 0 && symbol != root; }, records);
     pendingChanges.reserve(pendingChanges.size() + symbols.size());
     for (size_t i = 0; i < symbols.size(); ++i) {
         if (!attributes[i]) {

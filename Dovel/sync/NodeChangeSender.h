@@ -85,8 +85,9 @@ protected:
 
 private:
     void onAttributeChange(const NodeWatcher::Event& event);
-    // onAttributeChange for an addition of each of `symbols` (emptied), with each table
-    // locked once: a session's first announcement names the whole tree.
+    // onAttributeChange for an addition of each of `symbols` (emptied; symbols the
+    // registry names), with each table locked once: a session's first announcement
+    // names the whole tree.
     void announceAdded(std::vector<uint32_t>& symbols);
     void onEvent(const RemoteNode::Event& event);
     void forgetLocalAttribute(DovelSessionAttribute& sa);
