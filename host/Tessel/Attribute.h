@@ -157,8 +157,7 @@ private:
     friend class AttributeAlias;
     friend class Node;
     friend class ListenerHolder;
-    // What a snapshot points to: one listener, or a table of two or more. (A base with
-    // a constructor lends its tail padding to the derived members.)
+    // What a snapshot points to: one listener, or a table of two or more.
     struct ListenerBlock {
         explicit ListenerBlock(bool table) : isTable(table) {}
         bool isTable;

@@ -1,21 +1,21 @@
 #include "Tessel/TreeObserver.h"
 
 #include <atomic>
+#include <deque>
 #include <mutex>
 #include <stdexcept>
-#include <vector>
 
 namespace Tessel {
 
 namespace {
 
 // Zero until taken: the pages of slots that no observer ever took stay untouched.
-std::atomic<TreeObserver*> slots[TreeObserver::MaxObservers + 1];
+std::atomic<TreeObserver*> observerSlots[TreeObserver::MaxObservers + 1];
 
 struct SlotPool {
     std::mutex mutex;
-    int used = 0;                // slots 1..used were taken at some time
-    std::vector<uint16_t> freed; // of those, the ones free again
+    int used = 0;               // slots 1..used were taken at some time
+    std::deque<uint16_t> freed; // of those, the ones free again, longest free first
 };
 
 SlotPool& pool() {
@@ -27,27 +27,28 @@ SlotPool& pool() {
 } // namespace
 
 TreeObserver* TreeObserver::inSlot(uint16_t slot) {
-    return slots[slot].load(std::memory_order_acquire);
+    return observerSlots[slot].load(std::memory_order_acquire);
 }
 
 TreeObserver::TreeObserver() {
     SlotPool& taken = pool();
     std::lock_guard<std::mutex> locker(taken.mutex);
-    // A slot is given again only once all were taken: an attribute that an observer
-    // failed to let go then finds no observer rather than another one.
+    // A slot is given again only once all were taken, and then the one free longest: an
+    // attribute that an observer failed to let go finds no observer rather than another
+    // one, unless tens of thousands of observers came and went since.
     if (taken.used < MaxObservers) {
         ownSlot = uint16_t(++taken.used);
     } else if (!taken.freed.empty()) {
-        ownSlot = taken.freed.back();
-        taken.freed.pop_back();
+        ownSlot = taken.freed.front();
+        taken.freed.pop_front();
     } else {
         throw std::length_error("TreeObserver # Too many tree observers alive at once");
     }
-    slots[ownSlot].store(this, std::memory_order_release);
+    observerSlots[ownSlot].store(this, std::memory_order_release);
 }
 
 TreeObserver::~TreeObserver() {
-    slots[ownSlot].store(nullptr, std::memory_order_release);
+    observerSlots[ownSlot].store(nullptr, std::memory_order_release);
     SlotPool& taken = pool();
     std::lock_guard<std::mutex> locker(taken.mutex);
     taken.freed.push_back(ownSlot);

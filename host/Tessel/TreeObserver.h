@@ -16,7 +16,9 @@
 // Slots: an attribute names its observer by a 16-bit slot in a process-wide table
 // rather than by a pointer, which saves a word in every attribute. An observer takes a
 // slot for its lifetime; constructing one while MaxObservers live throws
-// std::length_error. Construction and destruction are thread-safe.
+// std::length_error. A freed slot is given again only once every slot was taken, the
+// one free longest first, so an attribute an observer failed to let go finds none.
+// Construction and destruction are thread-safe.
 #pragma once
 
 #include <cstdint>
