@@ -192,34 +192,37 @@ void NodeChangeSender::announceAdded(std::vector<uint32_t>& symbols) {
         clearAndTrim(symbols, 0);
         return;
     }
-    // What onAttributeChange does for each addition, each table locked once for all.
-    std::vector<SyncFlags::Flag> flags;
-    node.syncFlags().getFlagsAll(
-        symbols.size(), [&](size_t i) { return symbols[i]; }, flags);
-    size_t kept = 0;
-    for (size_t i = 0; i < symbols.size(); ++i)
-        if (flags[i] & SyncFlags::Sync)
-            symbols[kept++] = symbols[i];
-    symbols.resize(kept);
-    std::vector<SyncFlags::Flag>().swap(flags);
-    node.attributeCache().findAll(
-        symbols.size(), [&](size_t i) { return symbols[i]; }, attributes);
+    // What onAttributeChange does for each addition, with each table locked once a run:
+    // the scratch of a run is held, not that of the whole tree.
+    constexpr size_t Run = 1 << 16;
     // The symbols name paths (the walk's own); a record is made for any but the root's.
     const uint32_t root = node.symbolRegistry().lookup(QByteArray());
-    Basalt::Guard guard(changeMutex);
-    storage.findOrCreateByLocalSymbols(
-        symbols.size(), [&](size_t i) { return attributes[i] ? symbols[i] : 0u; },
-        [root](uint32_t symbol) { return symbol != 0 && symbol != root; }, records);
-    pendingChanges.reserve(pendingChanges.size() + symbols.size());
-    for (size_t i = 0; i < symbols.size(); ++i) {
-        if (!attributes[i]) {
-            Basalt::Trace::error("NodeChangeSender::onAttributeChange # Got an attribute change "
-                                 "event but can't find the actual attribute");
-        } else if (!records[i]) {
-            Basalt::Trace::error("NodeChangeSender::onAttributeChange # Could not find a session "
-                                 "attribute for the given change");
-        } else {
-            pendingChanges.push_back({NodeWatcher::AttributeAdded, symbols[i]});
+    std::vector<SyncFlags::Flag> flags;
+    std::vector<uint32_t> run;
+    for (size_t begin = 0; begin < symbols.size(); begin += Run) {
+        const size_t end = std::min(symbols.size(), begin + Run);
+        node.syncFlags().getFlagsAll(
+            end - begin, [&](size_t i) { return symbols[begin + i]; }, flags);
+        run.clear();
+        for (size_t i = begin; i < end; ++i)
+            if (flags[i - begin] & SyncFlags::Sync)
+                run.push_back(symbols[i]);
+        node.attributeCache().findAll(
+            run.size(), [&](size_t i) { return run[i]; }, attributes);
+        Basalt::Guard guard(changeMutex);
+        storage.findOrCreateByLocalSymbols(
+            run.size(), [&](size_t i) { return attributes[i] ? run[i] : 0u; },
+            [root](uint32_t symbol) { return symbol != 0 && symbol != root; }, records);
+        for (size_t i = 0; i < run.size(); ++i) {
+            if (!attributes[i]) {
+                Basalt::Trace::error("NodeChangeSender::onAttributeChange # Got an attribute "
+                                     "change event but can't find the actual attribute");
+            } else if (!records[i]) {
+                Basalt::Trace::error("NodeChangeSender::onAttributeChange # Could not find a "
+                                     "session attribute for the given change");
+            } else {
+                pendingChanges.push_back({NodeWatcher::AttributeAdded, run[i]});
+            }
         }
     }
     clearAndTrim(records, 0);

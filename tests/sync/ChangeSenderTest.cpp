@@ -87,6 +87,7 @@ TEST(ChangeSender, WritesSymbolsThenRunsOfEqualKindByteForByte) {
     auto* a = new AttributeT<int>(nullptr, "", 7);
     auto* b = new AttributeT<QString>(nullptr, "", "hi");
     node.addDeepAttribute("n/a", a);
+    node.addDeepAttribute("n/id", new AttributeT<int>(nullptr, "", 5)); // this side's own
     node.addDeepAttribute("n/b", b);
     Session session(node, false, true);
     const uint32_t symA = node.symbolRegistry().lookup("n/a");
