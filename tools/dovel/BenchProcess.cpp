@@ -26,16 +26,16 @@ BenchPeers::~BenchPeers() {
 bool BenchPeers::start(int count) {
     for (int i = 0; i < count; ++i) {
         auto process = std::make_unique<QProcess>();
-        // DOVEL_BENCH_WRAP_PEER=heaptrack (or perf, valgrind ...) runs each peer under
-        // that program, to see where a client's time and memory go.
-        const QString wrap = qEnvironmentVariable("DOVEL_BENCH_WRAP_PEER");
+        // DOVEL_BENCH_WRAP_PEER="heaptrack" (or "perf record -g", "valgrind ...") runs
+        // each peer under that command, to see where a client's time and memory go.
+        QStringList wrap = QProcess::splitCommand(qEnvironmentVariable("DOVEL_BENCH_WRAP_PEER"));
         if (wrap.isEmpty()) {
             process->setProgram(QCoreApplication::applicationFilePath());
             process->setArguments(options.peerArguments(port, int(processes.size())));
         } else {
-            process->setProgram(wrap);
-            process->setArguments(QStringList{QCoreApplication::applicationFilePath()} +
-                                  options.peerArguments(port, int(processes.size())));
+            process->setProgram(wrap.takeFirst());
+            process->setArguments(wrap << QCoreApplication::applicationFilePath()
+                                       << options.peerArguments(port, int(processes.size())));
         }
         process->start();
         if (!process->waitForStarted(10000)) {
