@@ -25,7 +25,7 @@ constexpr double HoldPingSeconds = 1.0;
 
 // A batch is handed to the tree thread in pieces of about this size as they arrive, so
 // that a batch of any size waits in memory only a piece at a time beyond the backlog.
-constexpr int64_t PieceBytes = Limits::MaxUnappliedBatchBytes / 4;
+constexpr int64_t PieceBytes = Limits::MaxUnappliedBatchBytes / 8;
 
 bool readBundle(ConnectionLink& connection, Bundle& bundle) {
     QByteArray& bytes = bundle.mutablePacket();
