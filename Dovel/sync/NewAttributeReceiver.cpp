@@ -175,7 +175,6 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         refuseAddition();
         return;
     }
-    QByteArray leafView; // the leaf component in place, for the lookup
     leafView.setRawData(path.constData() + leafStart, uint(path.size() - leafStart));
     Tessel::Attribute* leaf = parent->attribute(leafView);
     if (leaf && replaceMismatched && createMissing && writable &&
@@ -318,7 +317,7 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
     }
     Tessel::Node* parent = &node;
     bool throughAlias = false;
-    QByteArray name; // views each component in place: looking up a child copies nothing
+    QByteArray& name = componentView; // looking up a child copies nothing
     for (int start = 0; start < leafStart;) {
         const int end = path.indexOf('/', start);
         name.setRawData(path.constData() + start, uint(end - start));

@@ -97,6 +97,12 @@ private:
     QByteArray parentPathOwner;
     int parentPathBytes = -1;
     unsigned int parentSymbol = 0;
+    // Views of a path's leaf and of its components for the lookups (setRawData). Kept
+    // from entry to entry: a view made anew costs Qt a heap block for its header, one
+    // kept unshared is pointed elsewhere in place. Between uses they may point to bytes
+    // that are gone; nothing reads them then.
+    QByteArray leafView;
+    QByteArray componentView;
     // The parent and grandparent paths that prefetchRecord hashed last, with their
     // hashes: the entries looked ahead at are mostly siblings or cousins, so most cost
     // one hash of a leaf.
