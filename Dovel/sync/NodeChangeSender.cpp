@@ -80,6 +80,20 @@ bool NodeChangeSender::stopIgnoring(const NodeWatcher::Event& event) {
     return true;
 }
 
+namespace {
+
+void logNoAttribute() {
+    Basalt::Trace::error("NodeChangeSender::onAttributeChange # Got an attribute change event "
+                         "but can't find the actual attribute");
+}
+
+void logNoRecord() {
+    Basalt::Trace::error("NodeChangeSender::onAttributeChange # Could not find a session "
+                         "attribute for the given change");
+}
+
+} // namespace
+
 void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
     if (stopIgnoring(event))
         return; // the echo of a change a receiver applied
@@ -101,8 +115,7 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
                                     ? storage.findByLocalSymbol(event.symbol)
                                     : nullptr;
     if (!sa && !node.attributeCache().find(event.symbol)) {
-        Basalt::Trace::error("NodeChangeSender::onAttributeChange # Got an attribute change "
-                             "event but can't find the actual attribute");
+        logNoAttribute();
         return;
     }
 
@@ -116,8 +129,7 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
         registry.namesBelowRoot(uint32_t(event.symbol)))
         sa = storage.createByPath(QByteArray(), uint32_t(event.symbol));
     if (!sa) {
-        Basalt::Trace::error("NodeChangeSender::onAttributeChange # Could not find a session "
-                             "attribute for the given change");
+        logNoRecord();
         return;
     }
     if (event.type == NodeWatcher::AttributeRemoved)
@@ -192,15 +204,13 @@ void NodeChangeSender::announceAdded(std::vector<uint32_t>& symbols) {
         clearAndTrim(symbols, 0);
         return;
     }
-    // What onAttributeChange does for each addition, with each table locked once a run:
-    // the scratch of a run is held, not that of the whole tree.
-    constexpr size_t Run = 1 << 16;
-    // The symbols name paths (the walk's own); a record is made for any but the root's.
+    // What onAttributeChange does for each addition, with each table locked once a run.
+    // The symbols name paths (the walk's own): a record is made for any but the root's.
     const uint32_t root = node.symbolRegistry().lookup(QByteArray());
     std::vector<SyncFlags::Flag> flags;
     std::vector<uint32_t> run;
-    for (size_t begin = 0; begin < symbols.size(); begin += Run) {
-        const size_t end = std::min(symbols.size(), begin + Run);
+    for (size_t begin = 0; begin < symbols.size(); begin += RunEntries) {
+        const size_t end = std::min(symbols.size(), begin + RunEntries);
         node.syncFlags().getFlagsAll(
             end - begin, [&](size_t i) { return symbols[begin + i]; }, flags);
         run.clear();
@@ -214,15 +224,12 @@ void NodeChangeSender::announceAdded(std::vector<uint32_t>& symbols) {
             run.size(), [&](size_t i) { return attributes[i] ? run[i] : 0u; },
             [root](uint32_t symbol) { return symbol != 0 && symbol != root; }, records);
         for (size_t i = 0; i < run.size(); ++i) {
-            if (!attributes[i]) {
-                Basalt::Trace::error("NodeChangeSender::onAttributeChange # Got an attribute "
-                                     "change event but can't find the actual attribute");
-            } else if (!records[i]) {
-                Basalt::Trace::error("NodeChangeSender::onAttributeChange # Could not find a "
-                                     "session attribute for the given change");
-            } else {
+            if (!attributes[i])
+                logNoAttribute();
+            else if (!records[i])
+                logNoRecord();
+            else
                 pendingChanges.push_back({NodeWatcher::AttributeAdded, run[i]});
-            }
         }
     }
     clearAndTrim(records, 0);
@@ -237,9 +244,8 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
     // A large pass (a session's first) goes out in runs, each its names and then its
     // changes: the peer holds a name whole only until the change that uses it comes. A
     // pass of one run is laid out as it always was, all names first.
-    constexpr size_t RunChanges = 1 << 16;
-    for (size_t begin = 0; begin == 0 || begin < changes.size(); begin += RunChanges) {
-        const size_t end = std::min(changes.size(), begin + RunChanges);
+    for (size_t begin = 0; begin == 0 || begin < changes.size(); begin += RunEntries) {
+        const size_t end = std::min(changes.size(), begin + RunEntries);
         resolveChanges(begin, end);
         sendSymbols(changes, begin, end, end == changes.size() ? &events : nullptr, output);
         sendChanges(changes, begin, end, output);

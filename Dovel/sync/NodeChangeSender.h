@@ -84,6 +84,11 @@ protected:
     void initialize(BundleDispatcher& dispatcher) override;
 
 private:
+    // A large pass, and a first announcement, are worked through in runs of this many
+    // entries: what is held for a run (records, attributes, pending names on the peer's
+    // side) stays bounded by it, not by the tree.
+    static constexpr size_t RunEntries = 1 << 16;
+
     void onAttributeChange(const NodeWatcher::Event& event);
     // onAttributeChange for an addition of each of `symbols` (emptied; symbols the
     // registry names), with each table locked once: a session's first announcement

@@ -46,10 +46,6 @@ QByteArray SymbolRegistry::lookup(uint32_t symbol) const {
     return id ? names.name(id) : QByteArray();
 }
 
-bool SymbolRegistry::appendName(uint32_t symbol, QByteArray& out) {
-    return appendName(symbol, out, 0);
-}
-
 bool SymbolRegistry::appendName(uint32_t symbol, QByteArray& out, uint32_t ahead) {
     std::lock_guard<std::mutex> lock(mutex);
     if (ahead != 0)

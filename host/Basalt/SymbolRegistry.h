@@ -36,11 +36,9 @@ public:
     // The name of a symbol; a null array when unknown.
     QByteArray lookup(uint32_t symbol) const;
     // Appends the name of a symbol to `out` (without a copy of its own on the way); false,
-    // appending nothing, when the symbol is unknown.
-    bool appendName(uint32_t symbol, QByteArray& out);
-    // The same, and starts loading what naming `ahead` next will need (a caller naming
-    // many symbols in a row passes one a few places on; 0 for none).
-    bool appendName(uint32_t symbol, QByteArray& out, uint32_t ahead);
+    // appending nothing, when the symbol is unknown. `ahead`, when not 0, is a symbol to
+    // be named a few places on: what naming it will need starts loading now.
+    bool appendName(uint32_t symbol, QByteArray& out, uint32_t ahead = 0);
     // The last component of the name of a symbol (the bytes after its last '/'), without
     // building the name; null when unknown.
     QByteArray leaf(uint32_t symbol) const;
