@@ -121,12 +121,12 @@ void RemoteNode::checkForSyncFlags(unsigned int symbol) {
     // Rules are matched against every attribute added to the tree: the id rule reads the
     // leaf alone, without the path, the conversion to text and the expression engine; the
     // path is built only for a rule that needs it.
-    const QByteArray leaf = registry->leaf(symbol);
+    static const QByteArray Id = QByteArrayLiteral("id");
     QByteArray path;
     for (const SyncFlagRule& rule : syncFlagRules) {
         if (!rule.isIdRule && path.isNull())
             path = registry->lookup(symbol);
-        if (rule.isIdRule ? leaf == "id" : matches(rule.pattern, path))
+        if (rule.isIdRule ? registry->hasLeaf(symbol, Id) : matches(rule.pattern, path))
             flags->setFlags(symbol, rule.flag);
     }
 }

@@ -213,12 +213,13 @@ void PathTable::fillName(uint32_t id, char* end) const {
     }
 }
 
-QByteArray PathTable::leaf(uint32_t id) const {
+bool PathTable::hasLeaf(uint32_t id, const QByteArray& leaf) const {
     if (!known(id))
-        return QByteArray();
+        return false;
     const Entry& e = entry(id);
-    const int slash = e.parent == 0 ? e.tail.lastIndexOf('/') : -1;
-    return slash < 0 ? e.tail : e.tail.mid(slash + 1);
+    const int start = e.parent == 0 ? e.tail.lastIndexOf('/') + 1 : 0;
+    return e.tail.size() - start == leaf.size() &&
+           std::memcmp(e.tail.constData() + start, leaf.constData(), size_t(leaf.size())) == 0;
 }
 
 void PathTable::prefetch(const QByteArray& name) const {

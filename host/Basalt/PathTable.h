@@ -49,9 +49,9 @@ public:
     // leaf bytes of the entry's parent, which a first pass over a large tree finds cold
     // (one per node). Changes nothing; an unknown id is ignored.
     void prefetchName(uint32_t id) const;
-    // The last component of the name of an id (null for an unknown id): the bytes after
-    // its last '/', or the whole name.
-    QByteArray leaf(uint32_t id) const;
+    // Whether the last component of the name of an id (the bytes after its last '/', or
+    // the whole name) is `leaf`; false for an unknown id.
+    bool hasLeaf(uint32_t id, const QByteArray& leaf) const;
     // The hash a name is kept under; for checks that no name can choose it.
     uint64_t hashOf(const QByteArray& name) const;
     // The hash of the `size` bytes at `bytes` as a name, and in `prefixHash` that of the

@@ -58,10 +58,10 @@ bool SymbolRegistry::appendName(uint32_t symbol, QByteArray& out, uint32_t ahead
     return true;
 }
 
-QByteArray SymbolRegistry::leaf(uint32_t symbol) const {
+bool SymbolRegistry::hasLeaf(uint32_t symbol, const QByteArray& leaf) const {
     std::lock_guard<std::mutex> lock(mutex);
     const uint32_t id = idOf(symbol);
-    return id ? names.leaf(id) : QByteArray();
+    return id && names.hasLeaf(id, leaf);
 }
 
 bool SymbolRegistry::namesBelowRoot(uint32_t symbol) const {

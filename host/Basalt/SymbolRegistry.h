@@ -39,9 +39,9 @@ public:
     // appending nothing, when the symbol is unknown. `ahead`, when not 0, is a symbol to
     // be named a few places on: what naming it will need starts loading now.
     bool appendName(uint32_t symbol, QByteArray& out, uint32_t ahead = 0);
-    // The last component of the name of a symbol (the bytes after its last '/'), without
-    // building the name; null when unknown.
-    QByteArray leaf(uint32_t symbol) const;
+    // Whether the last component of the name of a symbol (the bytes after its last '/')
+    // is `leaf`, without building or copying anything; false for an unknown symbol.
+    bool hasLeaf(uint32_t symbol, const QByteArray& leaf) const;
     // Whether a name other than the empty one (the root's) is bound to `symbol`.
     bool namesBelowRoot(uint32_t symbol) const;
     // Whether `symbol` is bound to the child `leaf` of the name bound to `parent`, as

@@ -88,8 +88,10 @@ TEST(SymbolRegistry, NamesReadBackWholeHoweverTheyWereStored) {
         EXPECT_EQ(r.lookup(symbols[i]), names[i]);
         EXPECT_EQ(r.lookup(names[i]), symbols[i]);
         EXPECT_TRUE(r.isNameOf(symbols[i], names[i]));
-        EXPECT_EQ(r.leaf(symbols[i]), names[i].mid(names[i].lastIndexOf('/') + 1));
-        EXPECT_FALSE(r.leaf(symbols[i]).isNull()); // null means unknown, "" is a name
+        const QByteArray leaf = names[i].mid(names[i].lastIndexOf('/') + 1);
+        EXPECT_TRUE(r.hasLeaf(symbols[i], leaf));
+        EXPECT_FALSE(r.hasLeaf(symbols[i], leaf + "x"));
+        EXPECT_EQ(r.hasLeaf(symbols[i], leaf.mid(1)), leaf.isEmpty());
         QByteArray appended("before:");
         EXPECT_TRUE(r.appendName(symbols[i], appended));
         EXPECT_EQ(appended, "before:" + names[i]);
