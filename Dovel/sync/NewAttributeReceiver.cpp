@@ -140,9 +140,12 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
 
     // The record bound to the symbol, or the record of this path (made when there is
     // none), bound to it.
+    // The leaf as the tree and the registry keep it: shared once for both.
+    const QByteArray leafName =
+        Tessel::sharedName(path.constData() + leafStart, path.size() - leafStart);
     bool boundNow = false;
     DovelSessionAttribute* sa =
-        storage.bindReadSymbol(symbol, path, localSymbolOf(path, leafStart), &boundNow);
+        storage.bindReadSymbol(symbol, path, localSymbolOf(path, leafStart, leafName), &boundNow);
     // Whether the record's symbol is this path's: then this side's registry holds the
     // path, and the peer's symbol need not keep a copy of it.
     const bool ownPath = boundNow || node.symbolRegistry().isNameOf(sa->localSymbol, path);
@@ -175,15 +178,14 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         refuseAddition();
         return;
     }
-    leafView.setRawData(path.constData() + leafStart, uint(path.size() - leafStart));
-    Tessel::Attribute* leaf = parent->attribute(leafView);
+    Tessel::Attribute* leaf = parent->attribute(leafName);
     if (leaf && replaceMismatched && createMissing && writable &&
         !types.isMadeFor(typeCode, *leaf)) {
         // A mirror takes the peer's type: what stands here as another class (or a node)
         // is made again.
         parent->deleteAttribute(leaf);
         sa->removedLocally = false; // replaced, not removed: what comes now is created
-        leaf = parent->attribute(leafView);
+        leaf = parent->attribute(leafName);
     }
     Deserializer deserializer = leaf ? types.createDeserializer(typeCode, leaf) : Deserializer();
     sa->localOrigin = leaf != nullptr;
@@ -231,9 +233,9 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         // skipping deserializer back.
         sa->deserializer = deserializer;
         // Watched and cached at once, so that the next entries and updates find it.
-        if (!node.watcher().addComplete(
-                *parent, Tessel::sharedName(path.constData() + leafStart, path.size() - leafStart),
-                created.get(), path, ownPath ? sa->localSymbol : 0)) {
+        unsigned int watchedAs = 0;
+        if (!node.watcher().addComplete(*parent, leafName, created.get(), path,
+                                        ownPath ? sa->localSymbol : 0, &watchedAs)) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
             sa->deserializer = skippingDeserializer(fixedSize);
@@ -241,7 +243,9 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         }
         // Owned by its host now; or a listener of the report deleted it, or its parent.
         Tessel::Attribute* const added = created.release();
-        if (node.attributeCache().find(sa->localSymbol) != added)
+        // Still watched under the record's symbol: then the cache holds it there (a
+        // listener's removal would have ended the watching).
+        if (watchedAs != sa->localSymbol && node.attributeCache().find(sa->localSymbol) != added)
             sa->deserializer = skippingDeserializer(fixedSize);
         return;
     }
@@ -293,14 +297,14 @@ void NewAttributeReceiver::prefetchRecord(const QByteArray& path) {
                                                path.size() - parentBytes - 1));
 }
 
-uint32_t NewAttributeReceiver::localSymbolOf(const QByteArray& path, int leafStart) {
+uint32_t NewAttributeReceiver::localSymbolOf(const QByteArray& path, int leafStart,
+                                             const QByteArray& leafName) {
     const int parentBytes = leafStart - 1;
     if (parentBytes <= 0 || parentSymbol == 0 || parentBytes != parentPathBytes ||
         std::memcmp(path.constData(), parentPathOwner.constData(), size_t(parentBytes)) != 0)
         return 0;
     // The registry keeps the leaf: the one copy the attribute's name shares as well.
-    return node.symbolRegistry().lookupOrDefineChild(
-        parentSymbol, Tessel::sharedName(path.constData() + leafStart, path.size() - leafStart));
+    return node.symbolRegistry().lookupOrDefineChild(parentSymbol, leafName);
 }
 
 Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart, bool create) {

@@ -66,8 +66,9 @@ private:
     // Starts loading where the local symbol of `path` is looked up.
     void prefetchRecord(const QByteArray& path);
     // The local symbol of `path` (its leaf at `leafStart`) from the parent found last,
-    // when that is the path's parent: no path to hash. 0 otherwise.
-    uint32_t localSymbolOf(const QByteArray& path, int leafStart);
+    // when that is the path's parent: no path to hash. 0 otherwise. `leafName` is the
+    // leaf's bytes, shared (the registry keeps them).
+    uint32_t localSymbolOf(const QByteArray& path, int leafStart, const QByteArray& leafName);
     // The node that holds the attribute at `path`, whose last component starts at
     // `leafStart`; missing nodes are made with `create`. Null when there is none (the
     // entry is to be skipped).
@@ -97,11 +98,10 @@ private:
     QByteArray parentPathOwner;
     int parentPathBytes = -1;
     unsigned int parentSymbol = 0;
-    // Views of a path's leaf and of its components for the lookups (setRawData). Kept
-    // from entry to entry: a view made anew costs Qt a heap block for its header, one
-    // kept unshared is pointed elsewhere in place. Between uses they may point to bytes
-    // that are gone; nothing reads them then.
-    QByteArray leafView;
+    // A view of a path's components for the lookups (setRawData). Kept from entry to
+    // entry: a view made anew costs Qt a heap block for its header, one kept unshared is
+    // pointed elsewhere in place. Between uses it may point to bytes that are gone;
+    // nothing reads it then.
     QByteArray componentView;
     // The parent and grandparent paths that prefetchRecord hashed last, with their
     // hashes: the entries looked ahead at are mostly siblings or cousins, so most cost
