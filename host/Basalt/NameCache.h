@@ -20,7 +20,9 @@ public:
     static constexpr int MaxBytes = 32;
 
     // A byte array equal to `name`: the cached one when held, else `name`, then kept.
-    QByteArray share(const QByteArray& name) {
+    // The reference stays valid until the next call (or, for a long name, as long as
+    // `name`): copy it.
+    const QByteArray& share(const QByteArray& name) {
         if (name.size() > MaxBytes)
             return name;
         std::size_t set = 0;

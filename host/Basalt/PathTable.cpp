@@ -118,7 +118,9 @@ uint32_t PathTable::insert(const QByteArray& name) {
     if (parent != 0)
         return add(tails.share(bytes + prefixSize + 1, name.size() - prefixSize - 1), parent, hash);
     // The empty name is a name: keep it non-null, as every name handed out.
-    return add(name.isNull() ? QByteArray("") : tails.share(name), 0, hash);
+    if (name.isNull())
+        return add(QByteArray(""), 0, hash);
+    return add(tails.share(name), 0, hash);
 }
 
 uint64_t PathTable::childHash(uint32_t parent, const QByteArray& leaf) const {
@@ -141,8 +143,10 @@ uint32_t PathTable::insertChild(uint32_t parent, const QByteArray& leaf) {
     const uint64_t hash = childHash(parent, leaf);
     if (const uint32_t found = findChildHashed(parent, leaf, hash))
         return found;
-    return add(leaf.isNull() ? QByteArray("") : tails.share(leaf), isTop(parent) ? 0 : parent,
-               hash);
+    const uint32_t kept = isTop(parent) ? 0 : parent;
+    if (leaf.isNull())
+        return add(QByteArray(""), kept, hash);
+    return add(tails.share(leaf), kept, hash);
 }
 
 bool PathTable::isChildOf(uint32_t id, uint32_t parent, const QByteArray& leaf) const {
