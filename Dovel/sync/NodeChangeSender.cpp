@@ -110,10 +110,14 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
         return;
     }
     // A value change comes from a live attribute that has a record once it was
-    // announced; only other events need the cache to tell that the attribute is there.
-    DovelSessionAttribute* sa = event.type == NodeWatcher::AttributeChanged
+    // announced, and so does an addition whose record is not marked removed (its
+    // removal would have come first and marked it). Only other events need the cache
+    // to tell that the attribute is there.
+    DovelSessionAttribute* sa = event.type != NodeWatcher::AttributeRemoved
                                     ? storage.findByLocalSymbol(event.symbol)
                                     : nullptr;
+    if (sa && event.type == NodeWatcher::AttributeAdded && sa->removedLocally)
+        sa = nullptr;
     if (!sa && !node.attributeCache().find(event.symbol)) {
         logNoAttribute();
         return;
