@@ -5,6 +5,7 @@
 #include <QRandomGenerator>
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 namespace Basalt {
@@ -140,7 +141,17 @@ uint32_t PathTable::insertChild(uint32_t parent, const QByteArray& leaf) {
         return 0;
     if (leaf.contains('/'))
         return insert(isTop(parent) ? leaf : name(parent) + '/' + leaf);
-    const uint64_t hash = childHash(parent, leaf);
+    return addChild(parent, leaf, childHash(parent, leaf));
+}
+
+uint32_t PathTable::insertChild(uint32_t parent, const QByteArray& leaf, uint64_t hash) {
+    if (!known(parent) || isTop(parent) || leaf.contains('/'))
+        return insertChild(parent, leaf);
+    assert(hash == childHash(parent, leaf));
+    return addChild(parent, leaf, hash);
+}
+
+uint32_t PathTable::addChild(uint32_t parent, const QByteArray& leaf, uint64_t hash) {
     if (const uint32_t found = findChildHashed(parent, leaf, hash))
         return found;
     const uint32_t kept = isTop(parent) ? 0 : parent;

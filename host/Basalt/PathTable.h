@@ -40,6 +40,9 @@ public:
     // 0 for an unknown parent.
     uint32_t findChild(uint32_t parent, const QByteArray& leaf) const;
     uint32_t insertChild(uint32_t parent, const QByteArray& leaf);
+    // insertChild for a caller that has hashed the child already: `hash` must be
+    // hashChild(hash of the parent's name, leaf) for a parent that is not the empty name.
+    uint32_t insertChild(uint32_t parent, const QByteArray& leaf, uint64_t hash);
 
     // The name of an id (a null array for an unknown id), built from its parts.
     QByteArray name(uint32_t id) const;
@@ -115,6 +118,8 @@ private:
     }
     // Whether the entry's name is those bytes.
     bool matches(uint32_t id, const char* bytes, int size) const;
+    // insertChild for a known parent and a leaf without '/', hashed `hash`.
+    uint32_t addChild(uint32_t parent, const QByteArray& leaf, uint64_t hash);
     // Adds an entry that is known to be absent.
     uint32_t add(const QByteArray& tail, uint32_t parent, uint64_t hash);
     void placeSlot(uint64_t slot);

@@ -131,7 +131,19 @@ uint32_t SymbolRegistry::lookupOrDefineChild(uint32_t parent, const QByteArray& 
     const uint32_t parentId = idOf(parent);
     if (!parentId)
         return 0;
-    const uint32_t id = names.insertChild(parentId, leaf);
+    return symbolOfChild(names.insertChild(parentId, leaf), leaf);
+}
+
+uint32_t SymbolRegistry::lookupOrDefineChild(uint32_t parent, const QByteArray& leaf,
+                                             uint64_t hash) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const uint32_t parentId = idOf(parent);
+    if (!parentId)
+        return 0;
+    return symbolOfChild(names.insertChild(parentId, leaf, hash), leaf);
+}
+
+uint32_t SymbolRegistry::symbolOfChild(uint32_t id, const QByteArray& leaf) {
     if (id != 0 && names.value(id) != 0)
         return names.value(id);
     return defineNext(id, leaf);

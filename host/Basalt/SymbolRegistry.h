@@ -55,6 +55,11 @@ public:
     // the leaf alone), without building its path; 0 when `parent` is unknown.
     uint32_t lookupChild(uint32_t parent, const QByteArray& leaf) const;
     uint32_t lookupOrDefineChild(uint32_t parent, const QByteArray& leaf);
+    // The same for a caller that has hashed the child's name already (hashOf and
+    // hashChild): `hash` must be that of the parent's name followed by '/' and `leaf`,
+    // under a parent other than the empty name. A wrong hash files the name where no
+    // lookup finds it.
+    uint32_t lookupOrDefineChild(uint32_t parent, const QByteArray& leaf, uint64_t hash);
     // Starts loading the slot where `name` is looked up, so that doing so a few steps
     // later need not wait for memory. Changes nothing.
     void prefetch(const QByteArray& name) const;
@@ -74,6 +79,8 @@ public:
 private:
     // Binds a fresh symbol to the name of `id`; 0 when none is left.
     uint32_t defineNext(uint32_t id, const QByteArray& name);
+    // The symbol of the child entry `id` (0: no room), defined when it has none.
+    uint32_t symbolOfChild(uint32_t id, const QByteArray& leaf);
     // Fills bySymbol from the entries' values and clears sameAsIds (once).
     void leaveSameAsIds();
     // The id in `names` of the name bound to `symbol`, 0 when none.
