@@ -47,6 +47,20 @@ int componentCount(const QByteArray& path) {
     return count;
 }
 
+// The length of the leading whole components that the path of `aSize` bytes at `a`
+// and that of `bSize` bytes at `b` share (without the '/' after them), 0 when none.
+int commonParent(const char* a, int aSize, const char* b, int bSize) {
+    const int both = std::min(aSize, bSize);
+    int same = 0;
+    while (same < both && a[same] == b[same])
+        ++same;
+    if ((same == aSize || a[same] == '/') && (same == bSize || b[same] == '/'))
+        return same;
+    while (same > 0 && a[same - 1] != '/')
+        --same;
+    return same > 0 ? same - 1 : 0;
+}
+
 // Reads past one value of the announced size.
 void skipValue(BundleReader& reader, uint32_t fixedSize) {
     reader.read(fixedSize != 0 ? fixedSize : reader.readUInt32());
@@ -70,7 +84,12 @@ void NewAttributeReceiver::handleBundle(BundleReader& reader) {
     // path's local symbol is looked up: in a large tree that probe would otherwise wait
     // on memory for every entry. A malformed entry ahead ends the looking ahead; the
     // entry itself is reported when it is applied.
+    // The hash of each path looked ahead at is kept for when its entry is applied (by
+    // the entry's place in the bundle), so that the leaf is hashed once.
     constexpr int LookAhead = 4;
+    constexpr uint32_t Kept = 8; // a power of two above LookAhead
+    uint64_t aheadHashes[Kept] = {};
+    uint32_t aheadCount = 0; // entries looked ahead at
     BundleReader ahead = reader;
     bool aheadValid = true;
     const auto prefetchNext = [&] {
@@ -83,8 +102,8 @@ void NewAttributeReceiver::handleBundle(BundleReader& reader) {
             if ((ahead.readUInt32() & 1u) != 0)
                 skipValue(ahead, fixedSize);
             // A name already settled is this side's: its record is there to be found.
-            if (const QByteArray* path = peerSymbols.pendingName(symbol))
-                prefetchRecord(*path);
+            const QByteArray* path = peerSymbols.pendingName(symbol);
+            aheadHashes[aheadCount++ % Kept] = path ? prefetchRecord(*path) : 0;
         } catch (const std::exception&) {
             aheadValid = false;
         }
@@ -97,13 +116,16 @@ void NewAttributeReceiver::handleBundle(BundleReader& reader) {
         const uint32_t typeCode = reader.readUInt32();
         const uint32_t fixedSize = reader.readUInt32();
         const bool hasValue = (reader.readUInt32() & 1u) != 0;
-        handleEntry(reader, symbol, typeCode, fixedSize, hasValue, acknowledged, sequence, index);
+        const uint64_t pathHash = index <= aheadCount ? aheadHashes[(index - 1) % Kept] : 0;
+        handleEntry(reader, symbol, typeCode, fixedSize, hasValue, acknowledged, sequence, index,
+                    pathHash);
     }
 }
 
 void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, uint32_t typeCode,
                                        uint32_t fixedSize, bool hasValue, uint32_t acknowledged,
-                                       uint32_t sequence, uint32_t messageIndex) {
+                                       uint32_t sequence, uint32_t messageIndex,
+                                       uint64_t pathHash) {
     const QByteArray path = peerSymbols.lookup(symbol);
     if (path.isEmpty()) {
         // Despite its wording, only this entry is skipped.
@@ -144,8 +166,8 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     const QByteArray leafName =
         Tessel::sharedName(path.constData() + leafStart, path.size() - leafStart);
     bool boundNow = false;
-    DovelSessionAttribute* sa =
-        storage.bindReadSymbol(symbol, path, localSymbolOf(path, leafStart, leafName), &boundNow);
+    DovelSessionAttribute* sa = storage.bindReadSymbol(
+        symbol, path, localSymbolOf(path, leafStart, leafName, pathHash), &boundNow);
     // Whether the record's symbol is this path's: then this side's registry holds the
     // path, and the peer's symbol need not keep a copy of it.
     const bool ownPath = boundNow || node.symbolRegistry().isNameOf(sa->localSymbol, path);
@@ -273,13 +295,13 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     sender.applyWithoutEcho(sa->localSymbol, [&] { sa->deserializer(reader); });
 }
 
-void NewAttributeReceiver::prefetchRecord(const QByteArray& path) {
+uint64_t NewAttributeReceiver::prefetchRecord(const QByteArray& path) {
     const Basalt::SymbolRegistry& registry = node.symbolRegistry();
     const char* const bytes = path.constData();
     const int parentBytes = path.lastIndexOf('/');
     if (parentBytes <= 0) {
         registry.prefetch(path);
-        return;
+        return 0;
     }
     if (!aheadParent.holds(bytes, parentBytes)) {
         const int grandparentBytes = path.lastIndexOf('/', parentBytes - 1);
@@ -293,36 +315,62 @@ void NewAttributeReceiver::prefetchRecord(const QByteArray& path) {
         }
         aheadParent.path.assign(bytes, size_t(parentBytes));
     }
-    registry.prefetchHashed(registry.hashChild(aheadParent.hash, bytes + parentBytes + 1,
-                                               path.size() - parentBytes - 1));
+    const uint64_t hash = registry.hashChild(aheadParent.hash, bytes + parentBytes + 1,
+                                             path.size() - parentBytes - 1);
+    registry.prefetchHashed(hash);
+    return hash;
 }
 
 uint32_t NewAttributeReceiver::localSymbolOf(const QByteArray& path, int leafStart,
-                                             const QByteArray& leafName) {
+                                             const QByteArray& leafName, uint64_t pathHash) {
     const int parentBytes = leafStart - 1;
     if (parentBytes <= 0 || parentSymbol == 0 || parentBytes != parentPathBytes ||
         std::memcmp(path.constData(), parentPathOwner.constData(), size_t(parentBytes)) != 0)
         return 0;
     // The registry keeps the leaf: the one copy the attribute's name shares as well.
-    return node.symbolRegistry().lookupOrDefineChild(parentSymbol, leafName);
+    // The parent's symbol names the bytes before the leaf, from which the hash looked
+    // ahead was chained.
+    Basalt::SymbolRegistry& registry = node.symbolRegistry();
+    return pathHash ? registry.lookupOrDefineChild(parentSymbol, leafName, pathHash)
+                    : registry.lookupOrDefineChild(parentSymbol, leafName);
 }
 
 Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart, bool create) {
     if (leafStart == 0)
         return &node;
     const int parentBytes = leafStart - 1;
-    if (parentBytes == parentPathBytes &&
-        std::memcmp(path.constData(), parentPathOwner.constData(), size_t(parentBytes)) == 0) {
-        // Whatever the cache holds at that path now: the node found last, another node
-        // put there since, or nothing (then the walk below tells what to do).
-        Tessel::Attribute* const held = node.attributeCache().find(parentSymbol);
-        if (Tessel::Node* const parent = held ? held->asNode() : nullptr)
-            return parent;
-    }
     Tessel::Node* parent = &node;
+    int start = 0;
+    if (parentSymbol != 0) {
+        // Whatever the cache holds at the last parent's path now: the node found last,
+        // another node put there since, or nothing (then the walk below tells what to do).
+        Tessel::Attribute* const held = node.attributeCache().find(parentSymbol);
+        Tessel::Node* const last = held ? held->asNode() : nullptr;
+        const char* const lastPath = parentPathOwner.constData();
+        if (parentBytes == parentPathBytes &&
+            std::memcmp(path.constData(), lastPath, size_t(parentBytes)) == 0) {
+            if (last)
+                return last;
+        } else if (last) {
+            // A node at its own path has the nodes of that path's prefixes above it: the
+            // walk goes on from the deepest one this path shares.
+            const int common =
+                commonParent(path.constData(), parentBytes, lastPath, parentPathBytes);
+            Tessel::Node* shared = common > 0 ? last : nullptr;
+            for (const char* at = lastPath + common;
+                 shared && (at = static_cast<const char*>(
+                                std::memchr(at, '/', size_t(lastPath + parentPathBytes - at))));
+                 ++at)
+                shared = shared->host();
+            if (shared) {
+                parent = shared;
+                start = common + 1;
+            }
+        }
+    }
     bool throughAlias = false;
     QByteArray& name = componentView; // looking up a child copies nothing
-    for (int start = 0; start < leafStart;) {
+    while (start < leafStart) {
         const int end = path.indexOf('/', start);
         name.setRawData(path.constData() + start, uint(end - start));
         Tessel::Attribute* raw = parent->attribute(name);

@@ -61,14 +61,17 @@ public:
 private:
     // Handles one entry after its four words; `reader` stands at its value (if any).
     void handleEntry(BundleReader& reader, uint32_t symbol, uint32_t typeCode, uint32_t fixedSize,
-                     bool hasValue, uint32_t acknowledged, uint32_t sequence,
-                     uint32_t messageIndex);
-    // Starts loading where the local symbol of `path` is looked up.
-    void prefetchRecord(const QByteArray& path);
+                     bool hasValue, uint32_t acknowledged, uint32_t sequence, uint32_t messageIndex,
+                     uint64_t pathHash);
+    // Starts loading where the local symbol of `path` is looked up; returns the hash of
+    // the path as the registry keeps it, or 0 for a path of one component.
+    uint64_t prefetchRecord(const QByteArray& path);
     // The local symbol of `path` (its leaf at `leafStart`) from the parent found last,
     // when that is the path's parent: no path to hash. 0 otherwise. `leafName` is the
-    // leaf's bytes, shared (the registry keeps them).
-    uint32_t localSymbolOf(const QByteArray& path, int leafStart, const QByteArray& leafName);
+    // leaf's bytes, shared (the registry keeps them); `pathHash`, when not 0, the
+    // path's hash from prefetchRecord.
+    uint32_t localSymbolOf(const QByteArray& path, int leafStart, const QByteArray& leafName,
+                           uint64_t pathHash);
     // The node that holds the attribute at `path`, whose last component starts at
     // `leafStart`; missing nodes are made with `create`. Null when there is none (the
     // entry is to be skipped).

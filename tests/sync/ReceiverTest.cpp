@@ -107,6 +107,13 @@ TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) 
     p.left.addDeepAttribute("n/x", new AttributeT<int>(nullptr, "", 3));
     p.left.addDeepAttribute("n/y", new AttributeT<int>(nullptr, "", 4));
     p.left.addDeepAttribute("g/h/v", new AttributeT<int>(nullptr, "", 5));
+    // Siblings and cousins one after the other: the receiver goes on from the nodes the
+    // last path shares with the next, unless they are gone (d/a/c is, with d/a).
+    const char* const kept[] = {"r/a/b/x", "r/a/b/v/u", "r/a/c/y", "r/e/z", "t"};
+    for (const char* path : {"d/a/b/x", "d/a/b/v/u", "d/a/c/y", "d/e/z"})
+        p.left.addDeepAttribute(path, new AttributeT<int>(nullptr, "", 6));
+    for (const char* path : kept)
+        p.left.addDeepAttribute(path, new AttributeT<int>(nullptr, "", 6));
     // The right side's application drops p/x as soon as it hears of it, the node n the
     // first time it hears of it (with n/x, the attribute that brought it), and g, the
     // node above, when it hears of g/h: the receiver must not go on from either.
@@ -124,6 +131,9 @@ TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) 
         if (event.type == Dovel::NodeWatcher::NodeAdded &&
             event.symbol == symbols.lookup(QByteArray("g/h")))
             delete p.rightAt("g");
+        if (event.type == Dovel::NodeWatcher::AttributeAdded &&
+            event.symbol == symbols.lookup(QByteArray("d/a/c/y")))
+            delete p.rightAt("d/a");
     });
     p.start();
     ASSERT_TRUE(nodeDropped);
@@ -133,6 +143,18 @@ TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) 
     ASSERT_TRUE(p.rightAt("p/z"));
     ASSERT_TRUE(p.rightAt("n/y")); // the next entry made the node again
     EXPECT_EQ(p.rightAt("n/y")->asInt(), 4);
+    EXPECT_EQ(p.rightAt("d/a"), nullptr);
+    ASSERT_TRUE(p.rightAt("d/e/z"));
+    EXPECT_EQ(p.rightAt("d/e/z")->host(), p.rightAt("d/e"));
+    for (const char* path : kept) {
+        const Attribute* const made = p.rightAt(path);
+        ASSERT_TRUE(made) << path;
+        EXPECT_EQ(made->asInt(), 6);
+        // Where the path says: each node's host is the node of the path before it.
+        const QByteArray whole(path);
+        const int slash = whole.lastIndexOf('/');
+        EXPECT_EQ(made->host(), slash < 0 ? &p.right : p.rightAt(whole.left(slash))) << path;
+    }
 
     // Later values for the deleted ones are read past (a deserializer bound to a deleted
     // attribute would write into freed memory); the entries after them still apply.
