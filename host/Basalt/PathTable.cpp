@@ -247,8 +247,12 @@ void PathTable::prefetch(const QByteArray& name) const {
 }
 
 void PathTable::prefetchHashed(uint64_t hash) const {
-    if (!hashSlots.empty())
-        __builtin_prefetch(&hashSlots[homeOf(hash)]);
+    // The two may come from different tables: the line is then merely of no use.
+    const uintptr_t slots = publishedSlots.load(std::memory_order_relaxed);
+    const int bits = publishedBits.load(std::memory_order_relaxed);
+    if (slots != 0 && bits > 0)
+        __builtin_prefetch(reinterpret_cast<const void*>(slots + uintptr_t(hash >> (64 - bits)) *
+                                                                     sizeof(uint64_t)));
 }
 
 uint32_t PathTable::add(const QByteArray& tail, uint32_t parent, uint64_t hash) {
@@ -280,6 +284,8 @@ void PathTable::rehash(int bits) {
     std::vector<uint64_t> old(size_t(1) << bits, 0);
     old.swap(hashSlots);
     slotBits = bits;
+    publishedSlots.store(reinterpret_cast<uintptr_t>(hashSlots.data()), std::memory_order_relaxed);
+    publishedBits.store(bits, std::memory_order_relaxed);
     for (const uint64_t slot : old)
         if (slot != 0)
             placeSlot(slot);

@@ -18,6 +18,8 @@
 
 #include <QByteArray>
 
+#include <atomic>
+
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -78,7 +80,9 @@ public:
     // Starts loading the slot where `name` is looked up: in a table of a million names
     // nearly every probe misses the cache. Changes nothing.
     void prefetch(const QByteArray& name) const;
-    // The same for a name of hash `hash`.
+    // The same for a name of hash `hash`. Needs no lock: it reads where the slots were
+    // last published, and loading a line of a table since replaced is harmless (a
+    // prefetch never faults).
     void prefetchHashed(uint64_t hash) const;
 
 private:
@@ -137,6 +141,9 @@ private:
     // entries (a cache miss each).
     std::vector<uint64_t> hashSlots;
     int slotBits = 0;
+    // hashSlots and slotBits as prefetchHashed reads them, without the owner's lock.
+    std::atomic<uintptr_t> publishedSlots{0};
+    std::atomic<int> publishedBits{0};
     uint64_t key[2];
     // The short tails a tree repeats ("a", "pos"), kept once.
     NameCache tails;

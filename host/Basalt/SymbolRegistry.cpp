@@ -155,8 +155,7 @@ void SymbolRegistry::prefetch(const QByteArray& name) const {
 }
 
 void SymbolRegistry::prefetchHashed(uint64_t hash) const {
-    std::lock_guard<std::mutex> lock(mutex);
-    names.prefetchHashed(hash);
+    names.prefetchHashed(hash); // lock-free by design: a hint, read from atomics
 }
 
 int SymbolRegistry::size() const {

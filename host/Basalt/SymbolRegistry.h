@@ -72,7 +72,7 @@ public:
     uint64_t hashChild(uint64_t parent, const char* leaf, int size) const {
         return names.hashChild(parent, leaf, size);
     }
-    // prefetch for a name of hash `hash`.
+    // prefetch for a name of hash `hash`; takes no lock.
     void prefetchHashed(uint64_t hash) const;
     int size() const;
 
