@@ -7,11 +7,13 @@
 // Thread-safe. Ids are handed out from 0 up; callbacks run in the order they were added.
 #pragma once
 
+#include <algorithm>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <utility>
+#include <vector>
 
 namespace Basalt {
 
@@ -27,17 +29,18 @@ public:
         std::unique_lock<std::shared_mutex> locker(lock);
         auto copy = std::make_shared<Table>(*table);
         const long id = nextId++;
-        copy->emplace(id, callback);
+        copy->emplace_back(id, callback); // ids grow: the table stays in their order
         table = std::move(copy);
         return id;
     }
     // Does nothing for an unknown id.
     void remove(long id) {
         std::unique_lock<std::shared_mutex> locker(lock);
-        if (!table->count(id))
+        const auto byId = [id](const Entry& entry) { return entry.first == id; };
+        if (std::none_of(table->begin(), table->end(), byId))
             return;
         auto copy = std::make_shared<Table>(*table);
-        copy->erase(id);
+        copy->erase(std::find_if(copy->begin(), copy->end(), byId));
         table = std::move(copy);
     }
     void call(Args... args) const {
@@ -51,7 +54,9 @@ public:
     }
 
 private:
-    using Table = std::map<long, Callback>;
+    // In the order of the ids, one block: a call walks it for every event.
+    using Entry = std::pair<long, Callback>;
+    using Table = std::vector<Entry>;
     mutable std::shared_mutex lock;
     std::shared_ptr<const Table> table;
     long nextId = 0;
