@@ -76,7 +76,8 @@ Attribute::~Attribute() {
         listeners.at(i).removed = true;
 }
 
-thread_local Attribute::EndWatch* Attribute::endWatches = nullptr;
+thread_local Attribute::EndWatch* Attribute::endWatches __attribute__((tls_model("initial-exec"))) =
+    nullptr;
 
 Attribute::EndWatch::EndWatch(const Attribute* attribute) : watched(attribute), next(endWatches) {
     endWatches = this;

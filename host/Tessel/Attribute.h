@@ -238,7 +238,9 @@ private:
         bool hasEnded = false;
         EndWatch* const next;
     };
-    static thread_local EndWatch* endWatches;
+    // Initial-exec: the library is loaded with the program (or has the few bytes of
+    // static TLS it needs), and every addition reads this without a call to find it.
+    static thread_local EndWatch* endWatches __attribute__((tls_model("initial-exec")));
 
     void emitRole(int role);
     long addListener(std::function<void()> callback, int roleMask, ListenerHolder* holder);
