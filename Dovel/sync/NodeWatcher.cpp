@@ -73,11 +73,12 @@ bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* a
     struct Scope {
         Tree& tree;
         Attribute* const child = tree.completeChild;
-        const QByteArray path = tree.completePath;
+        QByteArray path; // the outer call's, swapped out and back (no reference counting)
         const unsigned int symbol = tree.completeSymbol;
+        explicit Scope(Tree& tree) : tree(tree) { path.swap(tree.completePath); }
         ~Scope() {
             tree.completeChild = child;
-            tree.completePath = path;
+            tree.completePath.swap(path);
             tree.completeSymbol = symbol;
         }
     };
@@ -97,7 +98,7 @@ bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* a
         tree->completeTarget = attribute;
         tree->completeWatched = 0;
         {
-            const Scope scope{*tree};
+            const Scope scope(*tree);
             tree->completeChild = attribute;
             tree->completePath = path;
             tree->completeSymbol = path.isEmpty() ? 0 : symbol;
