@@ -14,11 +14,15 @@ bool PeerSymbols::define(const QByteArray& name, uint32_t symbol) {
     const QByteArray* const current = pending.find(symbol);
     if (current && *current == name)
         return false;
-    local.remove(symbol);
+    if (settled != 0)
+        local.remove(symbol);
     // The empty name is stored non-null, so that lookup tells it from an unknown symbol.
     // Names wait here only until settled, so this map alone stays small while a copy's
     // symbols climb: the pages' reach follows every entry the table holds.
-    pending.insert(symbol, name.isNull() ? QByteArray("") : name, size() + 1);
+    if (name.isNull())
+        pending.insert(symbol, QByteArray(""), size() + 1);
+    else
+        pending.insert(symbol, name, size() + 1);
     return true;
 }
 
