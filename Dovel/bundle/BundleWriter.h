@@ -27,8 +27,7 @@ public:
         const uint32_t padded = Bundle::align4(n);
         char* at = extend(padded);
         std::memcpy(at, data, n);
-        for (uint32_t i = n; i < padded; ++i)
-            at[i] = 0;
+        zeroPadding(at, n);
     }
     // Overwrites n bytes at `pos` inside the packet; never grows it, never pads. Throws
     // std::out_of_range when pos + n passes the packet size.
@@ -57,30 +56,48 @@ public:
     }
     // A u32 byte count, then the bytes, padded to 4.
     void writeBytes(const QByteArray& bytes) {
-        writeUInt32(uint32_t(bytes.size()));
-        writeData(bytes.constData(), uint32_t(bytes.size()));
+        const uint32_t n = uint32_t(bytes.size());
+        char* at = extend(4 + Bundle::align4(n));
+        std::memcpy(at, &n, 4);
+        std::memcpy(at + 4, bytes.constData(), n);
+        zeroPadding(at + 4, n);
     }
-    // The same for the bytes that `append(packet)` adds to the packet, without a copy of
-    // their own. When it returns false (having added nothing) nothing is written.
-    template <typename Append> bool writeBytesFrom(Append append) {
+    // The word `word`, then as writeBytes the bytes that `append(packet)` adds to the
+    // packet, without a copy of their own. When it returns false (having added nothing)
+    // nothing is written.
+    template <typename Append> bool writeWordAndBytesFrom(uint32_t word, Append append) {
         const uint32_t start = pos();
-        writeUInt32(0);
+        const uint32_t words[2] = {word, 0};
+        writeUInt32s(words);
         QByteArray& bytes = target->mutablePacket();
         if (!append(bytes)) {
             cutBack(start);
             return false;
         }
-        const uint32_t n = pos() - start - 4;
+        const uint32_t n = pos() - start - 8;
         const uint32_t padded = Bundle::align4(n);
         if (padded != n)
-            bytes.resize(int(start + 4 + padded));
-        char* at = bytes.data() + start;
+            bytes.resize(int(start + 8 + padded));
+        char* at = bytes.data() + start + 4;
         std::memcpy(at, &n, 4);
-        std::memset(at + 4 + n, 0, padded - n);
+        zeroPadding(at + 4, n);
         return true;
     }
-    // The UTF-8 form of `text` as writeBytes does.
-    void writeString(const QString& text) { writeBytes(text.toUtf8()); }
+    // The UTF-8 form of `text` as writeBytes does; text in ASCII goes straight in.
+    void writeString(const QString& text) {
+        const QChar* const units = text.constData();
+        const uint32_t n = uint32_t(text.size());
+        for (uint32_t i = 0; i < n; ++i)
+            if (units[i].unicode() >= 0x80) {
+                writeBytes(text.toUtf8());
+                return;
+            }
+        char* at = extend(4 + Bundle::align4(n));
+        std::memcpy(at, &n, 4);
+        for (uint32_t i = 0; i < n; ++i)
+            at[4 + i] = char(units[i].unicode());
+        zeroPadding(at + 4, n);
+    }
 
     // A length-prefixed section: beginSection() appends a placeholder word and returns
     // its position; endSection(start) stores there the byte count written after it.
@@ -95,6 +112,11 @@ public:
     }
 
 private:
+    // Zeroes the padding after the `n` bytes at `data`, up to align4(n).
+    static void zeroPadding(char* data, uint32_t n) {
+        for (uint32_t i = n; i < Bundle::align4(n); ++i)
+            data[i] = 0;
+    }
     // Grows the packet by `n` bytes and returns where they start, for the caller to fill.
     char* extend(uint32_t n) {
         QByteArray& bytes = target->mutablePacket();

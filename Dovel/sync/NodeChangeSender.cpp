@@ -333,16 +333,13 @@ void NodeChangeSender::announceSymbol(uint32_t symbol, BundleWriterCore& writer,
     if (announced.contains(symbol))
         return;
     // The name goes from the registry straight into the bundle.
-    const uint32_t start = writer.pos();
-    writer.writeUInt32(symbol);
-    const bool named = writer.writeBytesFrom([&](QByteArray& packet) {
+    const bool named = writer.writeWordAndBytesFrom(symbol, [&](QByteArray& packet) {
         const int before = packet.size();
         if (!node.symbolRegistry().appendName(symbol, packet, ahead))
             return false;
         return packet.size() > before; // the root's empty name is no attribute's
     });
     if (!named) {
-        writer.cutBack(start);
         Basalt::Trace::error(
             "NodeChangeSender # found an AttributeChange that points to an unknown symbol");
         return;
