@@ -256,8 +256,10 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         sa->deserializer = deserializer;
         // Watched and cached at once, so that the next entries and updates find it.
         unsigned int watchedAs = 0;
+        // After findParent, parentSymbol is 0 or the symbol of this path's parent.
         if (!node.watcher().addComplete(*parent, leafName, created.get(), path,
-                                        ownPath ? sa->localSymbol : 0, &watchedAs)) {
+                                        ownPath ? sa->localSymbol : 0, &watchedAs,
+                                        ownPath ? parentSymbol : 0)) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
             sa->deserializer = skippingDeserializer(fixedSize);

@@ -66,8 +66,8 @@ void NodeWatcher::update() {
 }
 
 bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* attribute,
-                              const QByteArray& path, unsigned int symbol,
-                              unsigned int* watchedAs) {
+                              const QByteArray& path, unsigned int symbol, unsigned int* watchedAs,
+                              unsigned int parentSymbol) {
     // A listener of the report may add another attribute this way: the outer call's
     // state comes back when the inner one ends (also on a throw).
     struct Scope {
@@ -75,11 +75,13 @@ bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* a
         Attribute* const child = tree.completeChild;
         QByteArray path; // the outer call's, swapped out and back (no reference counting)
         const unsigned int symbol = tree.completeSymbol;
+        const unsigned int parent = tree.completeParent;
         explicit Scope(Tree& tree) : tree(tree) { path.swap(tree.completePath); }
         ~Scope() {
             tree.completeChild = child;
             tree.completePath.swap(path);
             tree.completeSymbol = symbol;
+            tree.completeParent = parent;
         }
     };
     struct TargetScope {
@@ -102,6 +104,7 @@ bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* a
             tree->completeChild = attribute;
             tree->completePath = path;
             tree->completeSymbol = path.isEmpty() ? 0 : symbol;
+            tree->completeParent = tree->completeSymbol ? parentSymbol : 0;
             added = parent.addAttribute(name, attribute);
         }
         // A parent whose own addition is still queued reports nothing to onAdded: this

@@ -82,11 +82,14 @@ public:
     // do, without queueing the record that an attribute still being constructed needs.
     // False when the node refuses it (tree thread). `path`, when the caller holds the
     // attribute's whole path, spares building it again, and `symbol`, when the caller
-    // knows that path's symbol (it must be that path's), spares looking it up. `*watchedAs`, when
-    // given, is the symbol the watcher keeps the attribute under, 0 when it does not watch it.
+    // knows that path's symbol (it must be that path's), spares looking it up;
+    // `parentSymbol`, when the caller knows the symbol of the path before the name (it
+    // must be that one's), spares checking that `parent` is watched at that path.
+    // `*watchedAs`, when given, is the symbol the watcher keeps the attribute under, 0
+    // when it does not watch it.
     bool addComplete(Tessel::Node& parent, const QByteArray& name, Tessel::Attribute* attribute,
                      const QByteArray& path = QByteArray(), unsigned int symbol = 0,
-                     unsigned int* watchedAs = nullptr);
+                     unsigned int* watchedAs = nullptr, unsigned int parentSymbol = 0);
 
 private:
     struct Tree;

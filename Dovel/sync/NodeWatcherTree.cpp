@@ -236,7 +236,13 @@ void NodeWatcher::Tree::childAdded(Node& node, Attribute& child) {
     // from the parent's and its name, and no path is built.
     if (&child == completeChild && !completePath.isEmpty()) {
         checkName(child.name());
-        if (completeSymbol && registry.isChildOf(completeSymbol, node.observedAs(), child.name())) {
+        // The node is watched at the path before the child's name: then the child's path
+        // is the one the caller named. The caller's word for the parent's symbol spares
+        // asking the registry.
+        const unsigned int under = node.observedAs();
+        if (completeSymbol &&
+            (completeParent ? completeParent == under
+                            : registry.isChildOf(completeSymbol, under, child.name()))) {
             admit(child, completePath, completeSymbol, rootHolder);
             return;
         }
