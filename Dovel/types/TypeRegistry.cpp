@@ -51,6 +51,10 @@ void TypeRegistry::add(Entry entry) {
     if (entry.create)
         if (const std::unique_ptr<Attribute> sample{entry.create()})
             madeClasses.emplace(entry.code, std::type_index(typeid(*sample)));
+    if (entry.code >= attributeFactories.size()) {
+        attributeFactories.resize(entry.code + 1);
+        deserializerFactories.resize(entry.code + 1);
+    }
     attributeFactories[entry.code] = std::move(entry.create);
     deserializerFactories[entry.code] = std::move(entry.deserializer);
     const std::type_index type(*entry.type);
@@ -201,8 +205,9 @@ void TypeRegistry::initEnumAndIntTypes() {
 }
 
 Attribute* TypeRegistry::createAttribute(uint32_t typeCode) const {
-    const auto it = attributeFactories.find(typeCode);
-    return it == attributeFactories.end() ? nullptr : it->second();
+    if (typeCode >= attributeFactories.size() || !attributeFactories[typeCode])
+        return nullptr;
+    return attributeFactories[typeCode]();
 }
 
 bool TypeRegistry::isMadeFor(uint32_t typeCode, const Attribute& attribute) const {
@@ -241,24 +246,27 @@ Serializer TypeRegistry::createSerializer(Attribute* attribute, uint32_t& typeCo
 }
 
 Deserializer TypeRegistry::createDeserializer(uint32_t typeCode, Attribute* attribute) const {
-    const auto it = deserializerFactories.find(typeCode);
-    if (it == deserializerFactories.end()) {
+    const DeserializerFactory* const factory =
+        typeCode < deserializerFactories.size() && deserializerFactories[typeCode]
+            ? &deserializerFactories[typeCode]
+            : nullptr;
+    if (!factory) {
         Basalt::Trace::error("Dovel TypeRegistry - cound not find deserializer factory for type %u",
                              typeCode);
         return Deserializer();
     }
     Attribute* target = Tessel::AttributeAlias::resolve(attribute);
     if (!attribute || target)
-        return it->second(target);
+        return (*factory)(target);
     auto* alias = dynamic_cast<Tessel::AttributeAlias*>(attribute);
     if (!alias)
-        return it->second(target);
+        return (*factory)(target);
     Basalt::Trace::warning("Dovel TypeRegistry asked to create deserializer for alias attribute "
                            "'%s' that ultimately has a null target. Will create a smart "
                            "deserializer that stores changes and applies them when a target is "
                            "set.",
                            alias->name().constData());
-    return FunctorWrap(AliasDeserializer::create(alias, it->second, valueSize(typeCode)));
+    return FunctorWrap(AliasDeserializer::create(alias, *factory, valueSize(typeCode)));
 }
 
 VariantSerializer TypeRegistry::createVariantSerializer(uint32_t typeCode) const {

@@ -90,8 +90,10 @@ private:
     void initSpline();
     void initEnumAndIntTypes();
 
-    std::map<uint32_t, AttributeFactory> attributeFactories;
-    std::map<uint32_t, DeserializerFactory> deserializerFactories;
+    // By type code (a code without a factory holds an empty one): every attribute a peer
+    // announces looks both up.
+    std::vector<AttributeFactory> attributeFactories;
+    std::vector<DeserializerFactory> deserializerFactories;
     std::unordered_map<std::type_index, TypeMatcher> typeMatchers;
     // The keys of typeMatchers in registration order: the order of the subclass
     // fallback in createSerializer.
