@@ -83,12 +83,14 @@ void NewAttributeReceiver::handleBundle(BundleReader& reader) {
     // A few entries ahead of the one applied, the registry starts loading where each
     // path's local symbol is looked up: in a large tree that probe would otherwise wait
     // on memory for every entry. A malformed entry ahead ends the looking ahead; the
-    // entry itself is reported when it is applied.
-    // The hash of each path looked ahead at is kept for when its entry is applied (by
-    // the entry's place in the bundle), so that the leaf is hashed once.
+    // entry itself is reported when it is applied. What was hashed for each path looked
+    // ahead at serves its entry when applied, so that the leaf is hashed once; but only
+    // for the very same name: an entry whose value takes other than the bytes announced
+    // puts the look-ahead out of step with the entries applied.
     constexpr int LookAhead = 4;
-    constexpr uint32_t Kept = 8; // a power of two above LookAhead
-    uint64_t aheadHashes[Kept] = {};
+    constexpr uint32_t Kept = 8;
+    static_assert((Kept & (Kept - 1)) == 0 && Kept > LookAhead, "a ring of the entries ahead");
+    AheadHash aheadHashes[Kept] = {};
     uint32_t aheadCount = 0; // entries looked ahead at
     BundleReader ahead = reader;
     bool aheadValid = true;
@@ -102,8 +104,12 @@ void NewAttributeReceiver::handleBundle(BundleReader& reader) {
             if ((ahead.readUInt32() & 1u) != 0)
                 skipValue(ahead, fixedSize);
             // A name already settled is this side's: its record is there to be found.
-            const QByteArray* path = peerSymbols.pendingName(symbol);
-            aheadHashes[aheadCount++ % Kept] = path ? prefetchRecord(*path) : 0;
+            AheadHash& kept = aheadHashes[aheadCount++ % Kept];
+            kept = AheadHash{symbol, nullptr, 0, 0};
+            if (const QByteArray* path = peerSymbols.pendingName(symbol)) {
+                kept.name = path->constData();
+                prefetchRecord(*path, kept);
+            }
         } catch (const std::exception&) {
             aheadValid = false;
         }
@@ -116,16 +122,16 @@ void NewAttributeReceiver::handleBundle(BundleReader& reader) {
         const uint32_t typeCode = reader.readUInt32();
         const uint32_t fixedSize = reader.readUInt32();
         const bool hasValue = (reader.readUInt32() & 1u) != 0;
-        const uint64_t pathHash = index <= aheadCount ? aheadHashes[(index - 1) % Kept] : 0;
+        const AheadHash* hashed = index <= aheadCount ? &aheadHashes[(index - 1) % Kept] : nullptr;
         handleEntry(reader, symbol, typeCode, fixedSize, hasValue, acknowledged, sequence, index,
-                    pathHash);
+                    hashed && hashed->symbol == symbol ? hashed : nullptr);
     }
 }
 
 void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, uint32_t typeCode,
                                        uint32_t fixedSize, bool hasValue, uint32_t acknowledged,
                                        uint32_t sequence, uint32_t messageIndex,
-                                       uint64_t pathHash) {
+                                       const AheadHash* hashed) {
     const QByteArray path = peerSymbols.lookup(symbol);
     if (path.isEmpty()) {
         // Despite its wording, only this entry is skipped.
@@ -160,14 +166,17 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     // The parent first: the record's symbol then follows from the parent's and the leaf.
     Tessel::Node* parent = findParent(path, leafStart, createMissing && writable);
 
-    // The record bound to the symbol, or the record of this path (made when there is
-    // none), bound to it.
     // The leaf as the tree and the registry keep it: shared once for both.
     const QByteArray leafName =
         Tessel::sharedName(path.constData() + leafStart, path.size() - leafStart);
+    // The record bound to the symbol, or the record of this path (made when there is
+    // none), bound to it.
+    // The pending name is shared, not copied: the same bytes are the same name.
+    if (hashed && hashed->name != path.constData())
+        hashed = nullptr;
     bool boundNow = false;
     DovelSessionAttribute* sa = storage.bindReadSymbol(
-        symbol, path, localSymbolOf(path, leafStart, leafName, pathHash), &boundNow);
+        symbol, path, localSymbolOf(path, leafStart, leafName, hashed), &boundNow);
     // Whether the record's symbol is this path's: then this side's registry holds the
     // path, and the peer's symbol need not keep a copy of it.
     const bool ownPath = boundNow || node.symbolRegistry().isNameOf(sa->localSymbol, path);
@@ -256,10 +265,11 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         sa->deserializer = deserializer;
         // Watched and cached at once, so that the next entries and updates find it.
         unsigned int watchedAs = 0;
-        // After findParent, parentSymbol is 0 or the symbol of this path's parent.
+        // After findParent, for a path of more than one component, parentSymbol is 0 or
+        // the symbol of this path's parent.
         if (!node.watcher().addComplete(*parent, leafName, created.get(), path,
                                         ownPath ? sa->localSymbol : 0, &watchedAs,
-                                        ownPath ? parentSymbol : 0)) {
+                                        ownPath && leafStart > 0 ? parentSymbol : 0)) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
             sa->deserializer = skippingDeserializer(fixedSize);
@@ -267,9 +277,10 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         }
         // Owned by its host now; or a listener of the report deleted it, or its parent.
         Tessel::Attribute* const added = created.release();
-        // Still watched under the record's symbol: then the cache holds it there (a
-        // listener's removal would have ended the watching).
-        if (watchedAs != sa->localSymbol && node.attributeCache().find(sa->localSymbol) != added)
+        // Watched under the record's symbol: then the cache holds it there (a listener's
+        // removal would have ended the watching).
+        const bool watched = watchedAs != 0 && watchedAs == sa->localSymbol;
+        if (!watched && node.attributeCache().find(sa->localSymbol) != added)
             sa->deserializer = skippingDeserializer(fixedSize);
         return;
     }
@@ -297,13 +308,13 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     sender.applyWithoutEcho(sa->localSymbol, [&] { sa->deserializer(reader); });
 }
 
-uint64_t NewAttributeReceiver::prefetchRecord(const QByteArray& path) {
+void NewAttributeReceiver::prefetchRecord(const QByteArray& path, AheadHash& hashed) {
     const Basalt::SymbolRegistry& registry = node.symbolRegistry();
     const char* const bytes = path.constData();
     const int parentBytes = path.lastIndexOf('/');
     if (parentBytes <= 0) {
         registry.prefetch(path);
-        return 0;
+        return;
     }
     if (!aheadParent.holds(bytes, parentBytes)) {
         const int grandparentBytes = path.lastIndexOf('/', parentBytes - 1);
@@ -317,24 +328,25 @@ uint64_t NewAttributeReceiver::prefetchRecord(const QByteArray& path) {
         }
         aheadParent.path.assign(bytes, size_t(parentBytes));
     }
-    const uint64_t hash = registry.hashChild(aheadParent.hash, bytes + parentBytes + 1,
-                                             path.size() - parentBytes - 1);
-    registry.prefetchHashed(hash);
-    return hash;
+    hashed.parent = aheadParent.hash;
+    hashed.path = registry.hashChild(aheadParent.hash, bytes + parentBytes + 1,
+                                     path.size() - parentBytes - 1);
+    registry.prefetchHashed(hashed.path);
 }
 
 uint32_t NewAttributeReceiver::localSymbolOf(const QByteArray& path, int leafStart,
-                                             const QByteArray& leafName, uint64_t pathHash) {
+                                             const QByteArray& leafName, const AheadHash* hashed) {
     const int parentBytes = leafStart - 1;
     if (parentBytes <= 0 || parentSymbol == 0 || parentBytes != parentPathBytes ||
         std::memcmp(path.constData(), parentPathOwner.constData(), size_t(parentBytes)) != 0)
         return 0;
     // The registry keeps the leaf: the one copy the attribute's name shares as well.
-    // The parent's symbol names the bytes before the leaf, from which the hash looked
-    // ahead was chained.
+    // The registry takes the hashes looked ahead at when the parent's name is the one
+    // they were chained from.
     Basalt::SymbolRegistry& registry = node.symbolRegistry();
-    return pathHash ? registry.lookupOrDefineChild(parentSymbol, leafName, pathHash)
-                    : registry.lookupOrDefineChild(parentSymbol, leafName);
+    return hashed && hashed->path != 0
+               ? registry.lookupOrDefineChild(parentSymbol, leafName, hashed->parent, hashed->path)
+               : registry.lookupOrDefineChild(parentSymbol, leafName);
 }
 
 Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart, bool create) {
@@ -353,9 +365,10 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
             std::memcmp(path.constData(), lastPath, size_t(parentBytes)) == 0) {
             if (last)
                 return last;
-        } else if (last) {
-            // A node at its own path has the nodes of that path's prefixes above it: the
-            // walk goes on from the deepest one this path shares.
+        } else if (last && node.attributeCache().observedSymbolOf(*last) == parentSymbol) {
+            // A node watched at its own path (not one an alias shows there) has the nodes
+            // of that path's prefixes above it: the walk goes on from the deepest one this
+            // path shares.
             const int common =
                 commonParent(path.constData(), parentBytes, lastPath, parentPathBytes);
             Tessel::Node* shared = common > 0 ? last : nullptr;

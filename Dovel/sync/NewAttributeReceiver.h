@@ -59,19 +59,28 @@ public:
     void setFootprint(PeerFootprint* footprint) { this->footprint = footprint; }
 
 private:
+    // What the look-ahead hashed for the entry of a peer's symbol: its pending name's
+    // bytes (the name it hashed), the hash of the path before the leaf and of the whole
+    // path (0: none).
+    struct AheadHash {
+        uint32_t symbol;
+        const char* name;
+        uint64_t parent;
+        uint64_t path;
+    };
     // Handles one entry after its four words; `reader` stands at its value (if any).
     void handleEntry(BundleReader& reader, uint32_t symbol, uint32_t typeCode, uint32_t fixedSize,
                      bool hasValue, uint32_t acknowledged, uint32_t sequence, uint32_t messageIndex,
-                     uint64_t pathHash);
-    // Starts loading where the local symbol of `path` is looked up; returns the hash of
-    // the path as the registry keeps it, or 0 for a path of one component.
-    uint64_t prefetchRecord(const QByteArray& path);
+                     const AheadHash* hashed);
+    // Starts loading where the local symbol of `path` is looked up, and keeps the hashes
+    // that took in `hashed` (none for a path of one component).
+    void prefetchRecord(const QByteArray& path, AheadHash& hashed);
     // The local symbol of `path` (its leaf at `leafStart`) from the parent found last,
     // when that is the path's parent: no path to hash. 0 otherwise. `leafName` is the
-    // leaf's bytes, shared (the registry keeps them); `pathHash`, when not 0, the
-    // path's hash from prefetchRecord.
+    // leaf's bytes, shared (the registry keeps them); `hashed`, when not null, what the
+    // look-ahead hashed for this very name.
     uint32_t localSymbolOf(const QByteArray& path, int leafStart, const QByteArray& leafName,
-                           uint64_t pathHash);
+                           const AheadHash* hashed);
     // The node that holds the attribute at `path`, whose last component starts at
     // `leafStart`; missing nodes are made with `create`. Null when there is none (the
     // entry is to be skipped).
@@ -97,7 +106,8 @@ private:
     // `parentPathOwner`, which shares a peer path's bytes) and the symbol under which the
     // attribute cache holds it: consecutive entries mostly share a parent, and the cache
     // is kept in step with the tree, so one comparison and one lookup replace a walk
-    // from the root (a hash probe per component).
+    // from the root (a hash probe per component). A path that shares only some of the
+    // parent's components is walked from the deepest shared node above it.
     QByteArray parentPathOwner;
     int parentPathBytes = -1;
     unsigned int parentSymbol = 0;

@@ -73,7 +73,7 @@ bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* a
     struct Scope {
         Tree& tree;
         Attribute* const child = tree.completeChild;
-        QByteArray path; // the outer call's, swapped out and back (no reference counting)
+        QByteArray path; // the outer call's: swapped out and back, as it runs per addition
         const unsigned int symbol = tree.completeSymbol;
         const unsigned int parent = tree.completeParent;
         explicit Scope(Tree& tree) : tree(tree) { path.swap(tree.completePath); }

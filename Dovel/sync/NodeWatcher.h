@@ -84,7 +84,8 @@ public:
     // attribute's whole path, spares building it again, and `symbol`, when the caller
     // knows that path's symbol (it must be that path's), spares looking it up;
     // `parentSymbol`, when the caller knows the symbol of the path before the name (it
-    // must be that one's), spares checking that `parent` is watched at that path.
+    // must be that one's), spares asking the registry whether `symbol` is the child
+    // `name` of the symbol `parent` is watched under (their symbols are compared).
     // `*watchedAs`, when given, is the symbol the watcher keeps the attribute under, 0
     // when it does not watch it.
     bool addComplete(Tessel::Node& parent, const QByteArray& name, Tessel::Attribute* attribute,

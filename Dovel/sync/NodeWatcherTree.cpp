@@ -274,9 +274,10 @@ void NodeWatcher::Tree::onAdded(const QByteArray& path, const QByteArray& name, 
 
 void NodeWatcher::Tree::admit(Attribute& child, const QByteArray& path, unsigned int symbol,
                               Tessel::ListenerHolder& holder) {
-    if (&child == completeChild)
-        completeWatched = symbol;
     Attribute* const cached = cache.findOrAdd(symbol, &child);
+    // Another attribute cached there already is what the symbol goes on to stand for.
+    if (&child == completeChild && cached == &child)
+        completeWatched = symbol;
     if (&child == completeChild && pending.size() == 0) {
         // Nothing queued before it, so watching it now keeps the order of the reports.
         completeChild = nullptr;

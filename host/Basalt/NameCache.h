@@ -51,7 +51,7 @@ private:
         for (std::size_t way = 0; way < 2; ++way) {
             const QByteArray& kept = names[2 * set + way];
             // An unfilled way is null: the empty name must not come back as one.
-            // A name handed out before compares by its address.
+            // The same bytes need no comparison (a name handed out before).
             if (kept.size() == size && !kept.isNull() &&
                 (kept.constData() == bytes ||
                  std::memcmp(kept.constData(), bytes, std::size_t(size)) == 0)) {

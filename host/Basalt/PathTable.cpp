@@ -144,8 +144,9 @@ uint32_t PathTable::insertChild(uint32_t parent, const QByteArray& leaf) {
     return addChild(parent, leaf, childHash(parent, leaf));
 }
 
-uint32_t PathTable::insertChild(uint32_t parent, const QByteArray& leaf, uint64_t hash) {
-    if (!known(parent) || isTop(parent) || leaf.contains('/'))
+uint32_t PathTable::insertChild(uint32_t parent, const QByteArray& leaf, uint64_t parentHash,
+                                uint64_t hash) {
+    if (!known(parent) || isTop(parent) || entry(parent).hash != parentHash || leaf.contains('/'))
         return insertChild(parent, leaf);
     assert(hash == childHash(parent, leaf));
     return addChild(parent, leaf, hash);

@@ -11,7 +11,8 @@
 // over its components, so that a child's hash follows from its parent's and its leaf,
 // and a peer cannot choose names that crowd one run of slots (SipHash-1-3, keyed).
 //
-// Not thread-safe; the owner guards it.
+// Not thread-safe, the owner guards it; except hashOf, hashChild and prefetchHashed,
+// which read only what never changes or what is published for them.
 #pragma once
 
 #include "Basalt/NameCache.h"
@@ -19,7 +20,6 @@
 #include <QByteArray>
 
 #include <atomic>
-
 #include <cstdint>
 #include <memory>
 #include <utility>
@@ -43,8 +43,10 @@ public:
     uint32_t findChild(uint32_t parent, const QByteArray& leaf) const;
     uint32_t insertChild(uint32_t parent, const QByteArray& leaf);
     // insertChild for a caller that has hashed the child already: `hash` must be
-    // hashChild(hash of the parent's name, leaf) for a parent that is not the empty name.
-    uint32_t insertChild(uint32_t parent, const QByteArray& leaf, uint64_t hash);
+    // hashChild(parentHash, leaf). Taken when `parentHash` is the hash of the parent's
+    // name (and the parent is not the empty name); otherwise the child is hashed anew.
+    uint32_t insertChild(uint32_t parent, const QByteArray& leaf, uint64_t parentHash,
+                         uint64_t hash);
 
     // The name of an id (a null array for an unknown id), built from its parts.
     QByteArray name(uint32_t id) const;

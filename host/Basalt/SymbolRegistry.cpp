@@ -135,12 +135,12 @@ uint32_t SymbolRegistry::lookupOrDefineChild(uint32_t parent, const QByteArray& 
 }
 
 uint32_t SymbolRegistry::lookupOrDefineChild(uint32_t parent, const QByteArray& leaf,
-                                             uint64_t hash) {
+                                             uint64_t parentHash, uint64_t hash) {
     std::lock_guard<std::mutex> lock(mutex);
     const uint32_t parentId = idOf(parent);
     if (!parentId)
         return 0;
-    return symbolOfChild(names.insertChild(parentId, leaf, hash), leaf);
+    return symbolOfChild(names.insertChild(parentId, leaf, parentHash, hash), leaf);
 }
 
 uint32_t SymbolRegistry::symbolOfChild(uint32_t id, const QByteArray& leaf) {
@@ -155,7 +155,7 @@ void SymbolRegistry::prefetch(const QByteArray& name) const {
 }
 
 void SymbolRegistry::prefetchHashed(uint64_t hash) const {
-    names.prefetchHashed(hash); // lock-free by design: a hint, read from atomics
+    names.prefetchHashed(hash); // a hint, from what the table publishes for it: no lock
 }
 
 int SymbolRegistry::size() const {

@@ -55,11 +55,11 @@ public:
     // the leaf alone), without building its path; 0 when `parent` is unknown.
     uint32_t lookupChild(uint32_t parent, const QByteArray& leaf) const;
     uint32_t lookupOrDefineChild(uint32_t parent, const QByteArray& leaf);
-    // The same for a caller that has hashed the child's name already (hashOf and
-    // hashChild): `hash` must be that of the parent's name followed by '/' and `leaf`,
-    // under a parent other than the empty name. A wrong hash files the name where no
-    // lookup finds it.
-    uint32_t lookupOrDefineChild(uint32_t parent, const QByteArray& leaf, uint64_t hash);
+    // The same for a caller that has hashed the child's name already: `hash` must be
+    // hashChild(parentHash, leaf). It is taken when `parentHash` is the hash of the
+    // parent's name (hashOf); otherwise the child is hashed anew.
+    uint32_t lookupOrDefineChild(uint32_t parent, const QByteArray& leaf, uint64_t parentHash,
+                                 uint64_t hash);
     // Starts loading the slot where `name` is looked up, so that doing so a few steps
     // later need not wait for memory. Changes nothing.
     void prefetch(const QByteArray& name) const;

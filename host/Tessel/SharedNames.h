@@ -13,7 +13,8 @@ namespace Tessel {
 
 // A byte array equal to `name`: the cached one when this thread's cache holds it, else
 // `name` itself, which the cache then keeps. Names longer than 32 bytes are seldom
-// shared and are returned as they are.
+// shared and are returned as they are, and so is every name once the thread's cache
+// has been destroyed (while the thread ends).
 QByteArray sharedName(const QByteArray& name);
 // The same for `size` bytes at `bytes`, copied only when not cached.
 QByteArray sharedName(const char* bytes, int size);

@@ -7,6 +7,7 @@
 #include "Dovel/Limits.h"
 
 #include "Basalt/Trace.h"
+#include "Tessel/AttributeAlias.h"
 #include "Tessel/AttributeT.h"
 
 #include <QRegExp>
@@ -168,6 +169,30 @@ TEST(Receivers, WhatAListenerDeletesWhenItsArrivalIsReportedTakesNoLaterValues) 
     EXPECT_EQ(uint32_t(p.rightAt("n/y")->asInt()), p.leftSymbol("n/y") * 10);
 }
 
+TEST(Receivers, ANodeTheApplicationTurnsIntoAnAliasIsReachedThroughIt) {
+    Pair p;
+    p.right.addDeepAttribute("q/a/c/k", new AttributeT<int>(nullptr, "", 1));
+    p.start();
+    p.toRight(SymbolsType, Bytes().word(520).str("d/a/c/y").word(521).str("d/a/z"));
+    p.toRight(NewType, Bytes().word(520).word(9).word(4).word(1).word(7));
+    ASSERT_TRUE(p.rightAt("d/a/c/y"));
+    // Between two bundles the application puts an alias of q where d was: what was
+    // found last at d/a/c is now q's node, shown there through the alias.
+    delete p.rightAt("d");
+    new Tessel::AttributeAlias(&p.right, "d", p.rightAt("q"));
+    p.right.processPendingAdditions();
+    p.toRight(NewType, Bytes().word(521).word(9).word(4).word(1).word(8));
+    ASSERT_TRUE(p.rightAt("q/a/z"));
+    EXPECT_EQ(p.rightAt("q/a/z")->asInt(), 8);
+    // The peer's path is bound to this side's symbol of that path, not to the one of the
+    // node the alias shows there.
+    const Dovel::DovelSessionAttribute* const record = p.b->storage.findByReadSymbol(521);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(p.right.symbolRegistry().lookup(record->localSymbol), QByteArray("d/a/z"));
+    p.toRight(UpdateType, Bytes().word(521).word(9));
+    EXPECT_EQ(p.rightAt("q/a/z")->asInt(), 9);
+}
+
 TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
     Pair p;
     p.left.addDeepAttribute("p/z", new AttributeT<int>(nullptr, "", 2));
@@ -201,6 +226,27 @@ TEST(Receivers, UnknownSymbolsSkipAnEntryAbandonAnUpdateOrWarn) {
     p.toRight(EventType, Bytes().word(501).word(1000).word(0));
     EXPECT_EQ(log.count("Session::input"), 1);
     EXPECT_EQ(notes, 3);
+
+    // An int announced as of variable size: its value takes four bytes, not the count
+    // its first word would give, so whatever looks ahead by the announced sizes goes out
+    // of step with the entries applied. Each path still gets one symbol of its own.
+    p.toRight(SymbolsType,
+              Bytes().word(510).str("s/i").word(511).str("s/x").word(512).str("s/y").word(513).str(
+                  "s/w"));
+    Bytes stray;
+    stray.word(510).word(9).word(0).word(1).word(16);
+    for (uint32_t symbol : {511u, 512u, 513u})
+        stray.word(symbol).word(9).word(4).word(0);
+    p.toRight(NewType, stray);
+    const Basalt::SymbolRegistry& names = p.right.symbolRegistry();
+    for (const char* path : {"s/i", "s/x", "s/y", "s/w"}) {
+        ASSERT_TRUE(p.rightAt(path)) << path;
+        const uint32_t symbol = names.lookup(QByteArray(path));
+        EXPECT_NE(symbol, 0u) << path;
+        EXPECT_EQ(names.lookup(symbol), QByteArray(path));
+        EXPECT_EQ(p.right.attributeCache().find(symbol), p.rightAt(path)) << path;
+    }
+    EXPECT_EQ(p.rightAt("s/i")->asInt(), 16);
 
     // A type this side does not know, of a fixed size beyond any bundle: its values are
     // read past as that size, which ends the bundle they came in.
