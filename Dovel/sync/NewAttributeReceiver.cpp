@@ -371,11 +371,11 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
             // path shares.
             const int common =
                 commonParent(path.constData(), parentBytes, lastPath, parentPathBytes);
+            int levels = 0; // the last parent's components below the shared ones
+            for (int at = common; at < parentPathBytes; ++at)
+                levels += lastPath[at] == '/';
             Tessel::Node* shared = common > 0 ? last : nullptr;
-            for (const char* at = lastPath + common;
-                 shared && (at = static_cast<const char*>(
-                                std::memchr(at, '/', size_t(lastPath + parentPathBytes - at))));
-                 ++at)
+            for (; shared && levels > 0; --levels)
                 shared = shared->host();
             if (shared) {
                 parent = shared;
