@@ -112,20 +112,17 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
     // A value change comes from a live attribute that has a record once it was
     // announced, and so does an addition whose record is not marked removed (its
     // removal would have come first and marked it). Only other events need the cache
-    // to tell that the attribute is there.
-    DovelSessionAttribute* sa = event.type != NodeWatcher::AttributeRemoved
-                                    ? storage.findByLocalSymbol(event.symbol)
-                                    : nullptr;
-    if (sa && event.type == NodeWatcher::AttributeAdded && sa->removedLocally)
-        sa = nullptr;
-    if (!sa && !node.attributeCache().find(event.symbol)) {
+    // to tell that the attribute is there. Records are made on the tree thread alone,
+    // where this runs: the lookup stands until the lock below.
+    DovelSessionAttribute* sa = storage.findByLocalSymbol(event.symbol);
+    const bool live = sa && (event.type == NodeWatcher::AttributeChanged ||
+                             (event.type == NodeWatcher::AttributeAdded && !sa->removedLocally));
+    if (!live && !node.attributeCache().find(event.symbol)) {
         logNoAttribute();
         return;
     }
 
     Basalt::Guard guard(changeMutex);
-    if (!sa)
-        sa = storage.findByLocalSymbol(event.symbol);
     // A record for a symbol of some path other than the root's; the symbol is all it
     // needs, so no path is built.
     const Basalt::SymbolRegistry& registry = node.symbolRegistry();
