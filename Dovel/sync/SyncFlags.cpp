@@ -5,6 +5,8 @@ namespace Dovel {
 SyncFlags::SyncFlags() = default;
 
 SyncFlags::Flag SyncFlags::getFlags(unsigned int symbol) const {
+    if (stored.load(std::memory_order_acquire) == 0)
+        return Sync;
     std::shared_lock<std::shared_mutex> locker(lock);
     return flags.value(symbol, Sync);
 }
@@ -15,6 +17,7 @@ void SyncFlags::setFlags(unsigned int symbol, Flag flag) {
         flags.remove(symbol);
     else
         flags.insert(symbol, flag);
+    stored.store(flags.size(), std::memory_order_release);
 }
 
 void SyncFlags::clear() {

@@ -2,11 +2,14 @@
 // change of an attribute whose flag has bit 0 clear is never sent to the peer. Only
 // values other than the default 1 are stored, so the common case costs an empty map.
 //
-// Thread-safe: the map is guarded by `lock`.
+// Thread-safe: the map is guarded by `lock`. Whether it holds anything at all is also
+// kept outside the lock: every attribute added or changed asks, and most trees store no
+// flag, so the common answer costs one atomic load.
 #pragma once
 
 #include <QHash>
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <shared_mutex>
@@ -32,6 +35,10 @@ public:
     // getFlags of symbolAt(i) for i below count, into out[i], under one lock.
     template <typename SymbolAt>
     void getFlagsAll(size_t count, SymbolAt symbolAt, std::vector<Flag>& out) const {
+        if (stored.load(std::memory_order_acquire) == 0) {
+            out.assign(count, Sync);
+            return;
+        }
         std::shared_lock<std::shared_mutex> locker(lock);
         out.resize(count);
         for (size_t i = 0; i < count; ++i)
@@ -46,6 +53,7 @@ public:
 
 private:
     QHash<unsigned int, Flag> flags;
+    std::atomic<int> stored{0}; // flags.size(), written under the lock
     mutable std::shared_mutex lock;
 };
 
