@@ -75,6 +75,7 @@ bool AttributeCache::remove(unsigned int symbol) {
         byAttribute.erase(attribute);
     bySymbol.remove(symbol);
     nodes.remove(symbol);
+    removed.fetch_add(1, std::memory_order_release);
     return true;
 }
 

@@ -17,6 +17,7 @@
 #include "Basalt/SymbolMap.h"
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <shared_mutex>
 #include <vector>
@@ -63,6 +64,10 @@ public:
     unsigned int observedSymbolOf(const Tessel::Attribute& attribute) const;
     // Drops the symbol from both maps and the node set; false (logged) when unknown.
     bool remove(unsigned int symbol);
+    // How many symbols were removed so far. Nothing else changes what a symbol finds, so
+    // while this stands still an attribute found earlier is still what its symbol finds:
+    // a caller may keep it instead of asking again.
+    uint64_t removals() const { return removed.load(std::memory_order_acquire); }
     bool isNode(unsigned int symbol) const;
     void setIsNode(unsigned int symbol, bool isNode);
     int size() const;
@@ -74,6 +79,7 @@ private:
     Basalt::SymbolMap<Tessel::Attribute*> bySymbol;
     Basalt::PointerMap<Tessel::Attribute, unsigned int> byAttribute; // indexed ones only
     std::atomic<const Tessel::TreeObserver*> observer{nullptr};
+    std::atomic<uint64_t> removed{0};
 };
 
 } // namespace Dovel

@@ -105,7 +105,7 @@ void NewAttributeReceiver::handleBundle(BundleReader& reader) {
                 skipValue(ahead, fixedSize);
             // A name already settled is this side's: its record is there to be found.
             AheadHash& kept = aheadHashes[aheadCount++ % Kept];
-            kept = AheadHash{symbol, nullptr, 0, 0};
+            kept = AheadHash{symbol, nullptr, 0, 0, 0};
             if (const QByteArray* path = peerSymbols.pendingName(symbol)) {
                 kept.name = path->constData();
                 prefetchRecord(*path, kept);
@@ -163,17 +163,17 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     // A peer that may not write here adds nothing and changes no value; an
     // announcement without a value of what this side removed is no addition (below).
     const bool writable = !writeRules || writeRules->mayWrite(path);
+    // The pending name is shared, not copied: the same bytes are the same name.
+    if (hashed && hashed->name != path.constData())
+        hashed = nullptr;
     // The parent first: the record's symbol then follows from the parent's and the leaf.
-    Tessel::Node* parent = findParent(path, leafStart, createMissing && writable);
+    Tessel::Node* parent = findParent(path, leafStart, createMissing && writable, hashed);
 
     // The leaf as the tree and the registry keep it: shared once for both.
     const QByteArray leafName =
         Tessel::sharedName(path.constData() + leafStart, path.size() - leafStart);
     // The record bound to the symbol, or the record of this path (made when there is
     // none), bound to it.
-    // The pending name is shared, not copied: the same bytes are the same name.
-    if (hashed && hashed->name != path.constData())
-        hashed = nullptr;
     bool boundNow = false;
     DovelSessionAttribute* sa = storage.bindReadSymbol(
         symbol, path, localSymbolOf(path, leafStart, leafName, hashed), &boundNow);
@@ -329,6 +329,7 @@ void NewAttributeReceiver::prefetchRecord(const QByteArray& path, AheadHash& has
         aheadParent.path.assign(bytes, size_t(parentBytes));
     }
     hashed.parent = aheadParent.hash;
+    hashed.grandparent = aheadGrandparent.hash;
     hashed.path = registry.hashChild(aheadParent.hash, bytes + parentBytes + 1,
                                      path.size() - parentBytes - 1);
     registry.prefetchHashed(hashed.path);
@@ -349,7 +350,8 @@ uint32_t NewAttributeReceiver::localSymbolOf(const QByteArray& path, int leafSta
                : registry.lookupOrDefineChild(parentSymbol, leafName);
 }
 
-Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart, bool create) {
+Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafStart, bool create,
+                                               const AheadHash* hashed) {
     if (leafStart == 0)
         return &node;
     const int parentBytes = leafStart - 1;
@@ -358,7 +360,13 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
     if (parentSymbol != 0) {
         // Whatever the cache holds at the last parent's path now: the node found last,
         // another node put there since, or nothing (then the walk below tells what to do).
-        Tessel::Attribute* const held = node.attributeCache().find(parentSymbol);
+        const AttributeCache& cache = node.attributeCache();
+        const uint64_t removals = cache.removals();
+        if (removals != parentHeldRemovals) {
+            parentHeld = cache.find(parentSymbol);
+            parentHeldRemovals = removals;
+        }
+        Tessel::Attribute* const held = parentHeld;
         Tessel::Node* const last = held ? held->asNode() : nullptr;
         const char* const lastPath = parentPathOwner.constData();
         if (parentBytes == parentPathBytes &&
@@ -390,7 +398,8 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
         name.setRawData(path.constData() + start, uint(end - start));
         Tessel::Attribute* raw = parent->attribute(name);
         if (!raw) {
-            if (!create || !(parent = addNode(*parent, path, start, end)))
+            if (!create || !(parent = addNode(*parent, path, start, end, !throughAlias,
+                                              end == parentBytes ? hashed : nullptr)))
                 return nullptr;
             start = end + 1;
             continue;
@@ -401,7 +410,8 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
             // A mirror takes the peer's shape: a value where the peer has a node goes.
             Tessel::Node* const host = parent;
             host->deleteAttribute(raw);
-            if (host->attribute(name) || !(parent = addNode(*host, path, start, end)))
+            if (host->attribute(name) || !(parent = addNode(*host, path, start, end, !throughAlias,
+                                                            end == parentBytes ? hashed : nullptr)))
                 return nullptr;
             start = end + 1;
             continue;
@@ -419,6 +429,8 @@ Tessel::Node* NewAttributeReceiver::findParent(const QByteArray& path, int leafS
     parentPathOwner = symbol ? path : QByteArray();
     parentPathBytes = symbol ? parentBytes : -1;
     parentSymbol = symbol;
+    parentHeldRemovals = node.attributeCache().removals();
+    parentHeld = symbol ? node.attributeCache().find(symbol) : nullptr;
     return parent;
 }
 
@@ -440,15 +452,25 @@ bool NewAttributeReceiver::mayCreate(bool node, const QByteArray& path, int path
 }
 
 Tessel::Node* NewAttributeReceiver::addNode(Tessel::Node& parent, const QByteArray& path, int start,
-                                            int end) {
+                                            int end, bool atOwnPath, const AheadHash* hashes) {
     if (!mayCreate(true, path, end))
         return nullptr;
     const QByteArray name(path.constData() + start, end - start);
     auto created = std::make_unique<Tessel::Node>(nullptr, name);
+    // A parent observed at its own path names the node's symbol by its own and the name,
+    // which spares the watcher finding it again and checking it against the path.
+    const unsigned int under = atOwnPath ? node.attributeCache().observedSymbolOf(parent) : 0;
+    unsigned int symbol = 0;
+    if (under) {
+        Basalt::SymbolRegistry& registry = node.symbolRegistry();
+        symbol =
+            hashes ? registry.lookupOrDefineChild(under, name, hashes->grandparent, hashes->parent)
+                   : registry.lookupOrDefineChild(under, name);
+    }
     // Watched at once, which reports it (before the attribute that brought it exists): a
     // listener of the report may delete it again, and then the walk must not go on.
-    unsigned int symbol = 0;
-    if (!node.watcher().addComplete(parent, name, created.get(), path.left(end), 0, &symbol))
+    if (!node.watcher().addComplete(parent, name, created.get(), path.left(end), symbol, &symbol,
+                                    symbol ? under : 0))
         return nullptr;
     const Tessel::Attribute* const added = created.release(); // owned by its host, or gone
     Tessel::Attribute* const now = symbol ? node.attributeCache().find(symbol) : nullptr;

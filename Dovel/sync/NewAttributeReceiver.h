@@ -61,12 +61,14 @@ public:
 private:
     // What the look-ahead hashed for the entry of a peer's symbol: its pending name's
     // bytes (the name it hashed), the hash of the path before the leaf and of the whole
-    // path (0: none).
+    // path (0: none), and of the path before the parent's last component (the parent's
+    // parent, which a new parent node is defined under).
     struct AheadHash {
         uint32_t symbol;
         const char* name;
         uint64_t parent;
         uint64_t path;
+        uint64_t grandparent;
     };
     // Handles one entry after its four words; `reader` stands at its value (if any).
     void handleEntry(BundleReader& reader, uint32_t symbol, uint32_t typeCode, uint32_t fixedSize,
@@ -83,11 +85,17 @@ private:
                            const AheadHash* hashed);
     // The node that holds the attribute at `path`, whose last component starts at
     // `leafStart`; missing nodes are made with `create`. Null when there is none (the
-    // entry is to be skipped).
-    Tessel::Node* findParent(const QByteArray& path, int leafStart, bool create);
+    // entry is to be skipped). `hashed`, when not null, what the look-ahead hashed for
+    // this very name.
+    Tessel::Node* findParent(const QByteArray& path, int leafStart, bool create,
+                             const AheadHash* hashed);
     // A new plain node under `parent` for the component of `path` in [start, end),
-    // watched at once; null when a listener of its report took it away again.
-    Tessel::Node* addNode(Tessel::Node& parent, const QByteArray& path, int start, int end);
+    // watched at once; null when a listener of its report took it away again. When
+    // `parent` stands at its own path, the first `start - 1` bytes of `path` (no alias on
+    // the way), `atOwnPath` tells so: the node's symbol then follows from the parent's;
+    // `hashes`, when not null, hashed the node's path and its parent's.
+    Tessel::Node* addNode(Tessel::Node& parent, const QByteArray& path, int start, int end,
+                          bool atOwnPath, const AheadHash* hashes);
 
     RemoteNode& node;
     AttributeStorage& storage;
@@ -107,10 +115,13 @@ private:
     // attribute cache holds it: consecutive entries mostly share a parent, and the cache
     // is kept in step with the tree, so one comparison and one lookup replace a walk
     // from the root (a hash probe per component). A path that shares only some of the
-    // parent's components is walked from the deepest shared node above it.
+    // parent's components is walked from the deepest shared node above it. The lookup's
+    // answer is kept too, and stands while the cache has removed nothing since.
     QByteArray parentPathOwner;
     int parentPathBytes = -1;
     unsigned int parentSymbol = 0;
+    Tessel::Attribute* parentHeld = nullptr;
+    uint64_t parentHeldRemovals = 0;
     // A view of a path's components for the lookups (setRawData). Kept from entry to
     // entry: a view made anew costs Qt a heap block for its header, one kept unshared is
     // pointed elsewhere in place. Between uses it may point to bytes that are gone;
