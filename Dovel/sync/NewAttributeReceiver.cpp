@@ -29,10 +29,12 @@ static_assert(DovelSessionAttribute::MaxFixedSize > uint32_t(Limits::MaxBundlePa
 namespace {
 
 // The number of components of a path, or -1 when one is empty (a leading, trailing or
-// doubled slash). One pass over the bytes: it runs for every entry.
-int componentCount(const QByteArray& path) {
+// doubled slash), and in `leafStart` where its last component starts. One pass over the
+// bytes: it runs for every entry.
+int componentCount(const QByteArray& path, int* leafStart) {
     const char* const begin = path.constData();
     const char* const end = begin + path.size();
+    *leafStart = 0;
     if (begin == end)
         return 1;
     if (*begin == '/' || end[-1] == '/')
@@ -43,6 +45,7 @@ int componentCount(const QByteArray& path) {
          ++slash, ++count) {
         if (slash[1] == '/')
             return -1;
+        *leafStart = int(slash - begin) + 1;
     }
     return count;
 }
@@ -142,7 +145,8 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             skipValue(reader, fixedSize);
         return;
     }
-    const int components = componentCount(path);
+    int leafStart = 0;
+    const int components = componentCount(path, &leafStart);
     if (components < 0) {
         Basalt::Trace::error("NewAttributeReceiver::handleBundle # Malformed path '%s'",
                              path.constData());
@@ -158,7 +162,6 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             skipValue(reader, fixedSize);
         return;
     }
-    const int leafStart = path.lastIndexOf('/') + 1;
 
     // A peer that may not write here adds nothing and changes no value; an
     // announcement without a value of what this side removed is no addition (below).
@@ -267,9 +270,11 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         unsigned int watchedAs = 0;
         // After findParent, for a path of more than one component, parentSymbol is 0 or
         // the symbol of this path's parent.
-        if (!node.watcher().addComplete(*parent, leafName, created.get(), path,
-                                        ownPath ? sa->localSymbol : 0, &watchedAs,
-                                        ownPath && leafStart > 0 ? parentSymbol : 0)) {
+        if (!sender.addingFor(*sa, [&] {
+                return node.watcher().addComplete(*parent, leafName, created.get(), path,
+                                                  ownPath ? sa->localSymbol : 0, &watchedAs,
+                                                  ownPath && leafStart > 0 ? parentSymbol : 0);
+            })) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
             sa->deserializer = skippingDeserializer(fixedSize);

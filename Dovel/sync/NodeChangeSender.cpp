@@ -113,8 +113,11 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
     // announced, and so does an addition whose record is not marked removed (its
     // removal would have come first and marked it). Only other events need the cache
     // to tell that the attribute is there. Records are made on the tree thread alone,
-    // where this runs: the lookup stands until the lock below.
-    DovelSessionAttribute* sa = storage.findByLocalSymbol(event.symbol);
+    // where this runs: the lookup stands until the lock below. A record is the only one
+    // of its local symbol, so that of an addition under way is the one to find.
+    DovelSessionAttribute* sa = adding && adding->localSymbol == event.symbol
+                                    ? adding
+                                    : storage.findByLocalSymbol(event.symbol);
     const bool live = sa && (event.type == NodeWatcher::AttributeChanged ||
                              (event.type == NodeWatcher::AttributeAdded && !sa->removedLocally));
     if (!live && !node.attributeCache().find(event.symbol)) {

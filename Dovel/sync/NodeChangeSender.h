@@ -66,6 +66,18 @@ public:
         }
         stopIgnoring(echo);
     }
+    // Runs `add`, which adds the attribute of `record` to the tree (a receiver creating
+    // what the peer announced): the addition's report then takes the record as it is
+    // instead of looking it up. Tree thread.
+    template <typename Add> decltype(auto) addingFor(DovelSessionAttribute& record, Add&& add) {
+        struct Scope {
+            DovelSessionAttribute*& slot;
+            DovelSessionAttribute* const outer;
+            ~Scope() { slot = outer; }
+        } scope{adding, adding};
+        adding = &record;
+        return add();
+    }
     // The outgoing message type that carries events of `type` (0 new, 1 remove, 2
     // update); 0xFFFFFFFF for any other type.
     unsigned messageType(NodeWatcher::EventType type);
@@ -154,6 +166,8 @@ private:
     // Echoes to drop: at most the one or two a receiver is applying right now, so a
     // short vector (scanned per change, empty nearly always) beats a tree.
     std::vector<NodeWatcher::Event> ignored;
+    // The record whose attribute a receiver is adding (addingFor), else null.
+    DovelSessionAttribute* adding = nullptr;
 
     long changeListenerId = -1;
     long eventListenerId = -1;
