@@ -332,6 +332,8 @@ void NewAttributeReceiver::prefetchRecord(const QByteArray& path, AheadHash& has
             aheadGrandparent.path.assign(bytes, size_t(std::max(grandparentBytes, 0)));
         }
         aheadParent.path.assign(bytes, size_t(parentBytes));
+        // A parent seen first may be a node still to be made, under that hash.
+        registry.prefetchHashed(aheadParent.hash);
     }
     hashed.parent = aheadParent.hash;
     hashed.grandparent = aheadGrandparent.hash;

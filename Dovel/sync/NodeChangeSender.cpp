@@ -393,7 +393,13 @@ void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, size_
     BundleWriter writer(bundle);
     uint32_t openType = NodeWatcher::AttributeAdded;
     bool open = false;
+    // The attributes of a large pass were made or last touched long before: each is
+    // loaded this many entries before its serializer is made from it.
+    constexpr size_t Ahead = 8;
     for (size_t i = begin; i < end; ++i) {
+        if (i + Ahead < end)
+            if (const Tessel::Attribute* later = attributes[i + Ahead - begin])
+                __builtin_prefetch(later);
         const ChangeData& change = changes[i];
         DovelSessionAttribute* sa = records[i - begin];
         if (!sa) {
