@@ -6,6 +6,8 @@
 
 #include "Dovel/bundle/Bundle.h"
 
+#include "Basalt/ByteGrowth.h"
+
 #include <QString>
 
 #include <cstdint>
@@ -77,7 +79,7 @@ public:
         const uint32_t n = pos() - start - 8;
         const uint32_t padded = Bundle::align4(n);
         if (padded != n)
-            bytes.resize(int(start + 8 + padded));
+            Basalt::growBy(bytes, int(padded - n));
         char* at = bytes.data() + start + 4;
         std::memcpy(at, &n, 4);
         zeroPadding(at + 4, n);
@@ -118,12 +120,7 @@ private:
             data[i] = 0;
     }
     // Grows the packet by `n` bytes and returns where they start, for the caller to fill.
-    char* extend(uint32_t n) {
-        QByteArray& bytes = target->mutablePacket();
-        const int old = bytes.size();
-        bytes.resize(old + int(n));
-        return bytes.data() + old;
-    }
+    char* extend(uint32_t n) { return Basalt::growBy(target->mutablePacket(), int(n)); }
 
     BundleCore* target; // not owned
 };

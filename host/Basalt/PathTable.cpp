@@ -1,5 +1,6 @@
 #include "Basalt/PathTable.h"
 
+#include "Basalt/ByteGrowth.h"
 #include "Basalt/KeyedHash.h"
 
 #include <QRandomGenerator>
@@ -200,9 +201,7 @@ void PathTable::appendName(uint32_t id, QByteArray& out) {
         fillName(e.parent, parentName.data() + parentName.size());
         namedParent = e.parent;
     }
-    const int at = out.size();
-    out.resize(at + parentName.size() + 1 + e.tail.size());
-    char* to = out.data() + at;
+    char* to = growBy(out, parentName.size() + 1 + e.tail.size());
     std::memcpy(to, parentName.constData(), size_t(parentName.size()));
     to += parentName.size();
     *to++ = '/';
