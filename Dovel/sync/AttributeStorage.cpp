@@ -7,6 +7,8 @@
 
 #include <QRegExp>
 
+#include <algorithm>
+
 namespace Dovel {
 
 AttributeStorage::AttributeStorage(RemoteNode& node) : node(node) {}
@@ -54,7 +56,9 @@ DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, ui
     records.emplace_back();
     DovelSessionAttribute* record = &records.back();
     record->localSymbol = symbol;
-    byLocalSymbol.insert(symbol, record);
+    if (!byLocalSymbol.inPagesWith(symbol, localSymbols))
+        localSymbols = node.symbolRegistry().size();
+    byLocalSymbol.insert(symbol, record, std::max(localSymbols, byLocalSymbol.size() + 1));
     return record;
 }
 

@@ -89,6 +89,10 @@ private:
     std::deque<DovelSessionAttribute> records;
     // Local symbols are dense; the peer's nearly always are too.
     Basalt::SymbolMap<DovelSessionAttribute*> byLocalSymbol;
+    // The size of the local registry when last asked: local symbols stay below it, so
+    // records made in another order than their symbols (a first pass walks the tree
+    // in its own order) are kept in pages up to it rather than hashed first.
+    int localSymbols = 0;
     Basalt::SymbolMap<DovelSessionAttribute*> byReadSymbol;
 };
 

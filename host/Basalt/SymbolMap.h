@@ -89,6 +89,10 @@ public:
     }
 
     int size() const { return count; }
+    // Whether `symbol` would be kept in a page were it inserted now with `entries`.
+    bool inPagesWith(uint32_t symbol, int entries) const {
+        return uint64_t(symbol) < denseBound(std::max(entries, count + 1));
+    }
 
     void clear() {
         std::vector<std::unique_ptr<T[]>>().swap(pages);
