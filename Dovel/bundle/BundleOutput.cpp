@@ -24,4 +24,13 @@ bool BundleOutput::finish(Bundle& bundle, uint32_t messageType) {
     return true;
 }
 
+bool BundleOutput::finishWritten(Bundle bundle, uint32_t messageType) {
+    const uint32_t size = bundle.size();
+    if (size <= BundleCore::HeaderSize)
+        return false;
+    bundle.setHeader(size - BundleCore::HeaderSize, messageType, sequence(), acknowledged());
+    add(bundle);
+    return true;
+}
+
 } // namespace Dovel

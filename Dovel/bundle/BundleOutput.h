@@ -32,6 +32,9 @@ public:
     // and makes `bundle` a fresh one (16 zero header bytes) for the sender to go on in.
     // Returns whether a bundle was added.
     bool finish(Bundle& bundle, uint32_t messageType);
+    // The same for a bundle written elsewhere and handed over whole: nothing is made
+    // for the sender to go on in.
+    bool finishWritten(Bundle bundle, uint32_t messageType);
 
 private:
     // From this size on, the fresh bundle reserves as much as the finished one held.

@@ -12,6 +12,8 @@
 #include "Basalt/Trace.h"
 
 #include <algorithm>
+#include <future>
+#include <system_error>
 #include <utility>
 
 namespace Dovel {
@@ -247,13 +249,44 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
     getEvents(events);
     // A large pass (a session's first) goes out in runs, each its names and then its
     // changes: the peer holds a name whole only until the change that uses it comes. A
-    // pass of one run is laid out as it always was, all names first.
-    for (size_t begin = 0; begin == 0 || begin < changes.size(); begin += RunEntries) {
-        const size_t end = std::min(changes.size(), begin + RunEntries);
-        resolveChanges(begin, end);
-        sendSymbols(changes, begin, end, end == changes.size() ? &events : nullptr, output);
-        sendChanges(changes, begin, end, output);
+    // pass of one run is laid out as it always was, all names first. The names of the
+    // next run are written on another thread meanwhile: they read only the registry and
+    // the announced set, which no other part of the pass touches. A first copy waits
+    // on this pass, so it takes both cores.
+    const size_t runs = std::max<size_t>(1, (changes.size() + RunEntries - 1) / RunEntries);
+    const auto runEnd = [&](size_t k) { return std::min(changes.size(), (k + 1) * RunEntries); };
+    const auto eventsOf = [&](size_t k) { return k + 1 == runs ? &events : nullptr; };
+    NamedRun current;
+    std::future<NamedRun> next; // joined before anything it reads goes (declared after)
+    nameRun(0, runEnd(0), eventsOf(0), current);
+    for (size_t k = 0; k < runs; ++k) {
+        if (k > 0) {
+            if (next.valid()) {
+                current = next.get();
+            } else { // no thread to be had: named here
+                current = NamedRun();
+                nameRun(k * RunEntries, runEnd(k), eventsOf(k), current);
+            }
+        }
+        if (k + 1 < runs) {
+            try {
+                next = std::async(std::launch::async, [this, k, &runEnd, &eventsOf] {
+                    NamedRun run;
+                    nameRun((k + 1) * RunEntries, runEnd(k + 1), eventsOf(k + 1), run);
+                    return run;
+                });
+            } catch (const std::system_error&) {
+                next = std::future<NamedRun>();
+            }
+        }
+        for (Bundle& names : current.names)
+            output.finishWritten(std::move(names), symbolMessageType);
+        records.swap(current.records);
+        attributes.swap(current.attributes);
+        sendChanges(changes, k * RunEntries, runEnd(k), output);
     }
+    clearAndTrim(records, 0);
+    clearAndTrim(attributes, 0);
     sendEvents(events, output);
     clearAndTrim(changes, std::min(changes.size(), TrimEntries));
 }
@@ -300,14 +333,6 @@ void NodeChangeSender::collapseChanges() {
     // Cleared, not freed: the next swap hands its capacity back to pendingChanges. A
     // burst such as a first announcement is freed before its bundles are written.
     clearAndTrim(takenChanges, std::min(takenChanges.size(), TrimEntries));
-}
-
-void NodeChangeSender::resolveChanges(size_t begin, size_t end) {
-    const auto symbolAt = [this, begin](size_t i) { return changes[begin + i].symbol; };
-    clearAndTrim(records, end - begin);
-    clearAndTrim(attributes, end - begin);
-    storage.findByLocalSymbols(end - begin, symbolAt, records);
-    node.attributeCache().findAll(end - begin, symbolAt, attributes);
 }
 
 void NodeChangeSender::getEvents(std::vector<RemoteNode::Event>& out) {
@@ -361,21 +386,28 @@ bool isFull(const Bundle& bundle) {
 
 } // namespace
 
-void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes, size_t begin, size_t end,
-                                   const std::vector<RemoteNode::Event>* events,
-                                   BundleOutput& output) {
+void NodeChangeSender::nameRun(size_t begin, size_t end,
+                               const std::vector<RemoteNode::Event>* events, NamedRun& run) {
+    const auto symbolAt = [this, begin](size_t i) { return changes[begin + i].symbol; };
+    storage.findByLocalSymbols(end - begin, symbolAt, run.records);
+    node.attributeCache().findAll(end - begin, symbolAt, run.attributes);
     Bundle bundle;
     BundleWriter writer(bundle);
     const auto announce = [&](uint32_t symbol, uint32_t ahead) {
         announceSymbol(symbol, writer, ahead);
-        if (isFull(bundle))
-            output.finish(bundle, symbolMessageType);
+        if (isFull(bundle)) {
+            run.names.push_back(std::move(bundle));
+            // One full bundle is likely followed by another: its room is taken at once.
+            bundle = Bundle();
+            bundle.mutablePacket().reserve(
+                int(BundleCore::HeaderSize + uint32_t(Limits::SentBundleBytes)));
+        }
     };
     // A first pass names a whole tree, each node's leaf bytes cold: loaded this many
     // names ahead.
     constexpr size_t Ahead = 8;
     for (size_t i = begin; i < end; ++i) {
-        if (!records[i - begin]) {
+        if (!run.records[i - begin]) {
             logMissingSessionAttribute();
             continue;
         }
@@ -384,7 +416,7 @@ void NodeChangeSender::sendSymbols(const std::vector<ChangeData>& changes, size_
     if (events)
         for (const RemoteNode::Event& event : *events)
             announce(event.symbol, 0);
-    output.finish(bundle, symbolMessageType);
+    run.names.push_back(std::move(bundle));
 }
 
 void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, size_t begin, size_t end,

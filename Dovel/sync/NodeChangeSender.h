@@ -110,14 +110,20 @@ private:
     void forgetLocalAttribute(DovelSessionAttribute& sa);
     void collapseChanges();
     void getEvents(std::vector<RemoteNode::Event>& out);
-    // Finds the records and attributes of changes [begin, end) (into `records` and
-    // `attributes`, from their index 0): a run at a time, so that a first pass does not
-    // hold two pointers per attribute of the tree.
-    void resolveChanges(size_t begin, size_t end);
-    // The names of changes [begin, end) not announced yet, then those of `events` when
-    // given.
-    void sendSymbols(const std::vector<ChangeData>& changes, size_t begin, size_t end,
-                     const std::vector<RemoteNode::Event>* events, BundleOutput& output);
+    // One run of a pass made ready for its changes to be written: the records and the
+    // attributes of its changes, and the bundles that name what the peer does not know
+    // yet (payloads only: numbered when they go out, before the run's changes).
+    struct NamedRun {
+        std::vector<DovelSessionAttribute*> records;
+        std::vector<Tessel::Attribute*> attributes;
+        std::vector<Bundle> names;
+    };
+    // Makes `run` ready for changes [begin, end) and then, when given, `events`. Reads
+    // only what is thread-safe or the sender's alone while a pass runs (the announced
+    // set, which one run at a time extends): a large pass names its next run on another
+    // thread while this one writes the changes of the run before.
+    void nameRun(size_t begin, size_t end, const std::vector<RemoteNode::Event>* events,
+                 NamedRun& run);
     void sendChanges(const std::vector<ChangeData>& changes, size_t begin, size_t end,
                      BundleOutput& output);
     void sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* attribute, bool withValue,
@@ -148,7 +154,7 @@ private:
     std::size_t heldCompressed = 0;
     std::vector<ChangeData> changes;
     // Per entry of `changes` in the run being written: its record and its attribute,
-    // looked up in one batch each.
+    // looked up in one batch each (announceAdded and sendChanges use them).
     std::vector<DovelSessionAttribute*> records;
     std::vector<Tessel::Attribute*> attributes;
 

@@ -222,3 +222,41 @@ TEST(ChangeSender, APassPastTheBundleSizeGoesOnInFurtherBundlesOfItsKind) {
     b.input(out);
     EXPECT_EQ(rightHolds("later-"), Count);
 }
+
+TEST(ChangeSender, ALargePassNamesEachRunJustBeforeItsChanges) {
+    // More additions than one run of a pass takes (65,536): each run goes out as its
+    // names and then its changes, numbered one after another, although the names of a
+    // run are written while the changes of the run before are; and the peer, which
+    // holds a name only once announced, takes every attribute.
+    constexpr int Count = 2 * 65536 + 100;
+    RemoteNode left(nullptr, "left");
+    for (int i = 0; i < Count; ++i)
+        left.addDeepAttribute("g" + QByteArray::number(i / 1000) + "/a" + QByteArray::number(i),
+                              new AttributeT<int32_t>(nullptr, "", i));
+    Session a(left, true, true);
+    RemoteNode right(nullptr, "right");
+    Session b(right, false, true);
+
+    const std::vector<Bundle> out = a.output();
+    std::vector<uint32_t> kinds;
+    for (size_t i = 0; i < out.size(); ++i) {
+        if (i > 0) {
+            EXPECT_EQ(out[i].sequenceNumber(), out[i - 1].sequenceNumber() + 1);
+        }
+        const uint32_t kind = out[i].messageType();
+        if (kind != 0 && (kinds.empty() || kinds.back() != kind)) // 0: the handshake's
+            kinds.push_back(kind);
+    }
+    EXPECT_EQ(kinds, (std::vector<uint32_t>{SymbolsType, NewType, SymbolsType, NewType, SymbolsType,
+                                            NewType}));
+    Basalt::TraceCapture log;
+    b.core->process(out); // as a connection hands them over: what the peer sent is counted
+    EXPECT_EQ(log.count("", Basalt::Trace::Error), 0);
+    int held = 0;
+    for (int i = 0; i < Count; i += 997) {
+        auto* copy = dynamic_cast<AttributeT<int32_t>*>(Dovel::attributeAt(
+            right, "g" + QByteArray::number(i / 1000) + "/a" + QByteArray::number(i)));
+        held += copy && copy->value() == i;
+    }
+    EXPECT_EQ(held, (Count + 996) / 997);
+}
