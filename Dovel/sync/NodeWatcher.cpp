@@ -52,6 +52,10 @@ bool NodeWatcher::isPendingUpdate(unsigned int symbol) const {
     return tree->pending.contains(symbol);
 }
 
+const Tessel::Attribute* NodeWatcher::reportedAddition(unsigned int symbol) const {
+    return tree->reporting && tree->reportingSymbol == symbol ? tree->reporting : nullptr;
+}
+
 int NodeWatcher::pendingCount() const {
     return tree->pending.size();
 }

@@ -74,6 +74,11 @@ public:
 
     // Whether an addition of that symbol is queued and not yet reported.
     bool isPendingUpdate(unsigned int symbol) const;
+    // While the addition of `symbol` is reported to the listeners, the attribute added
+    // there, else null: a listener that needs only its name reads it there instead of
+    // asking the registry. Tree thread; the attribute may be deleted by any listener, so
+    // ask before anything that may.
+    const Tessel::Attribute* reportedAddition(unsigned int symbol) const;
     int pendingCount() const;
     // Reports every queued addition (tree thread).
     void update();

@@ -160,8 +160,21 @@ void NodeWatcher::Tree::watchAttribute(Attribute& attribute, const QByteArray& p
         holder.add(
             &attribute, [this, symbol] { emit(AttributeChanged, symbol); }, Attribute::RoleChange);
     }
-    if (notify)
-        emit(AttributeAdded, symbol);
+    if (!notify)
+        return;
+    // A listener may add another attribute meanwhile: the outer report comes back after.
+    struct Reporting {
+        Tree& tree;
+        const Attribute* const attribute = tree.reporting;
+        const unsigned int symbol = tree.reportingSymbol;
+        ~Reporting() {
+            tree.reporting = attribute;
+            tree.reportingSymbol = symbol;
+        }
+    } outer{*this};
+    reporting = &attribute;
+    reportingSymbol = symbol;
+    emit(AttributeAdded, symbol);
 }
 
 void NodeWatcher::Tree::retarget(AttributeAlias* alias, const QByteArray& path,

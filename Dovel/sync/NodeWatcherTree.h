@@ -101,6 +101,10 @@ struct NodeWatcher::Tree : Tessel::TreeObserver {
     // ends the call) and its unwatching set and clear completeWatched, so that the call
     // never has to look at an attribute a listener may have deleted meanwhile.
     Tessel::Attribute* completeTarget = nullptr;
+    // The attribute whose addition is being reported, with the symbol it is reported
+    // under, while its listeners run (tree thread); else null.
+    const Tessel::Attribute* reporting = nullptr;
+    unsigned int reportingSymbol = 0;
 };
 
 } // namespace Dovel

@@ -121,12 +121,18 @@ void RemoteNode::checkForSyncFlags(unsigned int symbol) {
     // Rules are matched against every attribute added to the tree: the id rule reads the
     // leaf alone, without the path, the conversion to text and the expression engine; the
     // path is built only for a rule that needs it.
+    // The attribute being reported, when this is a report of its addition, carries the
+    // leaf as its name.
     static const QByteArray Id = QByteArrayLiteral("id");
+    const Attribute* const added = nodeWatcher->reportedAddition(symbol);
     QByteArray path;
     for (const SyncFlagRule& rule : syncFlagRules) {
         if (!rule.isIdRule && path.isNull())
             path = registry->lookup(symbol);
-        if (rule.isIdRule ? registry->hasLeaf(symbol, Id) : matches(rule.pattern, path))
+        const bool hit = !rule.isIdRule ? matches(rule.pattern, path)
+                         : added        ? added->name() == Id
+                                        : registry->hasLeaf(symbol, Id);
+        if (hit)
             flags->setFlags(symbol, rule.flag);
     }
 }
