@@ -168,6 +168,25 @@ void NodeChangeSender::sendInitialValues() {
     Basalt::SymbolRegistry& registry = node.symbolRegistry();
     const AttributeCache& cache = node.attributeCache();
     std::vector<uint32_t> added;
+    // A tree's worth of records is made on another thread, a run at a time, while the
+    // walk goes on: announceAdded reads and fills only tables with locks of their own
+    // (and the sender's scratch vectors, which nothing else uses meanwhile). The runs
+    // are announced in the walk's order; while receivers suppress echoes, announceAdded
+    // asks onAttributeChange (tree thread), and the walk announces once at its end.
+    const bool inRuns = ignored.empty();
+    std::future<void> announcing; // waited on before the walk's state goes
+    const auto announceRun = [&] {
+        if (announcing.valid())
+            announcing.get();
+        std::vector<uint32_t> run;
+        run.swap(added);
+        try {
+            announcing = std::async(std::launch::async,
+                                    [this, run = std::move(run)]() mutable { announceAdded(run); });
+        } catch (const std::system_error&) {
+            announceAdded(run); // no thread to be had: made here
+        }
+    };
     // The walk lists each node's children one after the other under one parent path.
     QByteArray lastParent;
     unsigned int lastParentSymbol = 0;
@@ -199,7 +218,11 @@ void NodeChangeSender::sendInitialValues() {
                     symbol = registry.lookup(childPath(parent, found.name()));
             }
             added.push_back(symbol);
+            if (inRuns && added.size() == RunEntries)
+                announceRun();
         });
+    if (announcing.valid())
+        announcing.get();
     announceAdded(added);
 }
 
