@@ -3,16 +3,16 @@
 #include "Dovel/Limits.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Dovel {
 
 bool BundleOutput::finish(Bundle& bundle, uint32_t messageType) {
     const uint32_t size = bundle.size();
     if (size <= BundleCore::HeaderSize)
-        return false;
-    bundle.setHeader(size - BundleCore::HeaderSize, messageType, sequence(), acknowledged());
-    add(bundle);
-    // The output shares the finished bytes; the sender goes on in a packet of its own.
+        return false; // the sender goes on in it
+    finishWritten(std::move(bundle), messageType);
+    // The output holds the finished bytes; the sender goes on in a packet of its own.
     // One that filled a large bundle is likely to fill another: its room is taken at
     // once, instead of doubling up from the header and copying at each step.
     bundle = Bundle();
