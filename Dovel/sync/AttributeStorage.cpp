@@ -56,9 +56,12 @@ DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, ui
     records.emplace_back();
     DovelSessionAttribute* record = &records.back();
     record->localSymbol = symbol;
+    // The registry's reach only for a session that holds records for a good part of it:
+    // pages follow what the records hold, not every name this side ever had.
     if (!byLocalSymbol.inPagesWith(symbol, localSymbols))
         localSymbols = node.symbolRegistry().size();
-    byLocalSymbol.insert(symbol, record, std::max(localSymbols, byLocalSymbol.size() + 1));
+    const int held = byLocalSymbol.size() + 1;
+    byLocalSymbol.insert(symbol, record, held >= localSymbols / 8 ? localSymbols : held);
     return record;
 }
 

@@ -90,8 +90,9 @@ private:
     // Local symbols are dense; the peer's nearly always are too.
     Basalt::SymbolMap<DovelSessionAttribute*> byLocalSymbol;
     // The size of the local registry when last asked: local symbols stay below it, so
-    // records made in another order than their symbols (a first pass walks the tree
-    // in its own order) are kept in pages up to it rather than hashed first.
+    // once the records are an eighth of it, those made in another order than their
+    // symbols (a first pass walks the tree in its own order) are kept in pages up to it
+    // rather than hashed first.
     int localSymbols = 0;
     Basalt::SymbolMap<DovelSessionAttribute*> byReadSymbol;
 };

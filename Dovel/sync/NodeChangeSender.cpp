@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <future>
+#include <memory>
 #include <system_error>
 #include <utility>
 
@@ -178,13 +179,13 @@ void NodeChangeSender::sendInitialValues() {
     const auto announceRun = [&] {
         if (announcing.valid())
             announcing.get();
-        std::vector<uint32_t> run;
-        run.swap(added);
+        // Shared, so that it is still here should no thread be had.
+        auto run = std::make_shared<std::vector<uint32_t>>();
+        run->swap(added);
         try {
-            announcing = std::async(std::launch::async,
-                                    [this, run = std::move(run)]() mutable { announceAdded(run); });
+            announcing = std::async(std::launch::async, [this, run] { announceAdded(*run); });
         } catch (const std::system_error&) {
-            announceAdded(run); // no thread to be had: made here
+            announceAdded(*run); // made here
         }
     };
     // The walk lists each node's children one after the other under one parent path.
@@ -279,34 +280,49 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
     const size_t runs = std::max<size_t>(1, (changes.size() + RunEntries - 1) / RunEntries);
     const auto runEnd = [&](size_t k) { return std::min(changes.size(), (k + 1) * RunEntries); };
     const auto eventsOf = [&](size_t k) { return k + 1 == runs ? &events : nullptr; };
-    NamedRun current;
+    // A run named but not put out (the pass failed on the way) is not announced: the
+    // peer is told those names again with their next use.
+    const auto unname = [this](const NamedRun& run) {
+        for (const uint32_t symbol : run.named)
+            announced.remove(symbol);
+    };
+    const auto name = [this, &runEnd, &eventsOf, &unname](size_t k) {
+        NamedRun run;
+        try {
+            nameRun(k * RunEntries, runEnd(k), eventsOf(k), run);
+        } catch (...) {
+            unname(run);
+            throw;
+        }
+        return run;
+    };
+    NamedRun current = name(0);
     std::future<NamedRun> next; // joined before anything it reads goes (declared after)
-    nameRun(0, runEnd(0), eventsOf(0), current);
-    for (size_t k = 0; k < runs; ++k) {
-        if (k > 0) {
-            if (next.valid()) {
-                current = next.get();
-            } else { // no thread to be had: named here
-                current = NamedRun();
-                nameRun(k * RunEntries, runEnd(k), eventsOf(k), current);
+    try {
+        for (size_t k = 0; k < runs; ++k) {
+            if (k > 0)
+                current = next.valid() ? next.get() : name(k); // none: no thread to be had
+            if (k + 1 < runs) {
+                try {
+                    next = std::async(std::launch::async, name, k + 1);
+                } catch (const std::system_error&) {
+                    next = std::future<NamedRun>();
+                }
             }
+            for (Bundle& names : current.names)
+                output.finishWritten(std::move(names), symbolMessageType);
+            records.swap(current.records);
+            attributes.swap(current.attributes);
+            sendChanges(changes, k * RunEntries, runEnd(k), output);
         }
-        if (k + 1 < runs) {
+    } catch (...) {
+        if (next.valid()) {
             try {
-                next = std::async(std::launch::async, [this, k, &runEnd, &eventsOf] {
-                    NamedRun run;
-                    nameRun((k + 1) * RunEntries, runEnd(k + 1), eventsOf(k + 1), run);
-                    return run;
-                });
-            } catch (const std::system_error&) {
-                next = std::future<NamedRun>();
+                unname(next.get());
+            } catch (...) { // unnamed as it failed
             }
         }
-        for (Bundle& names : current.names)
-            output.finishWritten(std::move(names), symbolMessageType);
-        records.swap(current.records);
-        attributes.swap(current.attributes);
-        sendChanges(changes, k * RunEntries, runEnd(k), output);
+        throw;
     }
     clearAndTrim(records, 0);
     clearAndTrim(attributes, 0);
@@ -377,9 +393,9 @@ QByteArray NodeChangeSender::pathOf(const DovelSessionAttribute& sa) {
     return node.symbolRegistry().lookup(sa.localSymbol);
 }
 
-void NodeChangeSender::announceSymbol(uint32_t symbol, BundleWriterCore& writer, uint32_t ahead) {
+bool NodeChangeSender::announceSymbol(uint32_t symbol, BundleWriterCore& writer, uint32_t ahead) {
     if (announced.contains(symbol))
-        return;
+        return false;
     // The name goes from the registry straight into the bundle.
     const bool named = writer.writeWordAndBytesFrom(symbol, [&](QByteArray& packet) {
         const int before = packet.size();
@@ -390,9 +406,10 @@ void NodeChangeSender::announceSymbol(uint32_t symbol, BundleWriterCore& writer,
     if (!named) {
         Basalt::Trace::error(
             "NodeChangeSender # found an AttributeChange that points to an unknown symbol");
-        return;
+        return false;
     }
     announced.insert(symbol);
+    return true;
 }
 
 static void logMissingSessionAttribute() {
@@ -417,7 +434,8 @@ void NodeChangeSender::nameRun(size_t begin, size_t end,
     Bundle bundle;
     BundleWriter writer(bundle);
     const auto announce = [&](uint32_t symbol, uint32_t ahead) {
-        announceSymbol(symbol, writer, ahead);
+        if (announceSymbol(symbol, writer, ahead))
+            run.named.push_back(symbol);
         if (isFull(bundle)) {
             run.names.push_back(std::move(bundle));
             // One full bundle is likely followed by another: its room is taken at once.

@@ -117,6 +117,7 @@ private:
         std::vector<DovelSessionAttribute*> records;
         std::vector<Tessel::Attribute*> attributes;
         std::vector<Bundle> names;
+        std::vector<uint32_t> named; // the symbols those name, now in the announced set
     };
     // Makes `run` ready for changes [begin, end) and then, when given, `events`. Reads
     // only what is thread-safe or the sender's alone while a pass runs (the announced
@@ -138,7 +139,8 @@ private:
     void sendEvents(const std::vector<RemoteNode::Event>& events, BundleOutput& output);
     // Appends the symbol's name to the symbol bundle unless the peer already knows it.
     // `ahead`: a symbol to be announced a few places on, whose name starts loading now.
-    void announceSymbol(uint32_t symbol, BundleWriterCore& writer, uint32_t ahead = 0);
+    // True when it appended it.
+    bool announceSymbol(uint32_t symbol, BundleWriterCore& writer, uint32_t ahead = 0);
 
     RemoteNode& node;
     AttributeStorage& storage;
