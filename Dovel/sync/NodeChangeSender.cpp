@@ -286,8 +286,7 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
         for (const uint32_t symbol : run.named)
             announced.remove(symbol);
     };
-    const auto name = [this, &runEnd, &eventsOf, &unname](size_t k) {
-        NamedRun run;
+    const auto name = [this, &runEnd, &eventsOf, &unname](size_t k, NamedRun run) {
         try {
             nameRun(k * RunEntries, runEnd(k), eventsOf(k), run);
         } catch (...) {
@@ -296,15 +295,20 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
         }
         return run;
     };
-    NamedRun current = name(0);
+    // The first run fills the vectors the last pass left, so that a pass of one run
+    // allocates nothing for them once they have grown.
+    NamedRun first;
+    first.records.swap(records);
+    first.attributes.swap(attributes);
+    NamedRun current = name(0, std::move(first));
     std::future<NamedRun> next; // joined before anything it reads goes (declared after)
     try {
         for (size_t k = 0; k < runs; ++k) {
             if (k > 0)
-                current = next.valid() ? next.get() : name(k); // none: no thread to be had
+                current = next.valid() ? next.get() : name(k, NamedRun()); // no thread was had
             if (k + 1 < runs) {
                 try {
-                    next = std::async(std::launch::async, name, k + 1);
+                    next = std::async(std::launch::async, name, k + 1, NamedRun());
                 } catch (const std::system_error&) {
                     next = std::future<NamedRun>();
                 }
