@@ -119,10 +119,9 @@ void RemoteNode::checkForSyncFlags(unsigned int symbol) {
     if (syncFlagRules.empty())
         return;
     // Rules are matched against every attribute added to the tree: the id rule reads the
-    // leaf alone, without the path, the conversion to text and the expression engine; the
-    // path is built only for a rule that needs it.
-    // The attribute being reported, when this is a report of its addition, carries the
-    // leaf as its name.
+    // leaf alone (the name of the attribute whose addition is being reported, else the
+    // registry's), without the path, the conversion to text and the expression engine;
+    // the path is built only for a rule that needs it.
     static const QByteArray Id = QByteArrayLiteral("id");
     const Attribute* const added = nodeWatcher->reportedAddition(symbol);
     QByteArray path;
