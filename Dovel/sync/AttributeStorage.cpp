@@ -17,12 +17,12 @@ AttributeStorage::~AttributeStorage() = default;
 
 DovelSessionAttribute* AttributeStorage::findByLocalSymbol(uint32_t symbol) const {
     std::shared_lock<std::shared_mutex> locker(lock);
-    return byLocalSymbol.value(symbol, nullptr);
+    return at(byLocalSymbol.value(symbol));
 }
 
 DovelSessionAttribute* AttributeStorage::findByReadSymbol(uint32_t symbol) const {
     std::shared_lock<std::shared_mutex> locker(lock);
-    return byReadSymbol.value(symbol, nullptr);
+    return at(byReadSymbol.value(symbol));
 }
 
 DovelSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) const {
@@ -38,36 +38,39 @@ DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path, ui
 DovelSessionAttribute* AttributeStorage::bindReadSymbol(uint32_t readSymbol, const QByteArray& path,
                                                         uint32_t localSymbol, bool* boundNow) {
     std::unique_lock<std::shared_mutex> locker(lock);
-    DovelSessionAttribute* bound = byReadSymbol.value(readSymbol, nullptr);
-    if (boundNow)
-        *boundNow = bound == nullptr;
-    if (bound)
+    if (DovelSessionAttribute* bound = at(byReadSymbol.value(readSymbol))) {
+        if (boundNow)
+            *boundNow = false;
         return bound;
+    }
+    if (boundNow)
+        *boundNow = true;
     DovelSessionAttribute* record = createLocked(path, localSymbol);
-    byReadSymbol.insert(readSymbol, record);
+    byReadSymbol.insert(readSymbol, heldAs(record));
     return record;
 }
 
 DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, uint32_t symbol) {
     if (!symbol)
         symbol = node.symbolRegistry().lookupOrDefine(path);
-    if (DovelSessionAttribute* existing = byLocalSymbol.value(symbol, nullptr))
+    if (DovelSessionAttribute* existing = at(byLocalSymbol.value(symbol)))
         return existing;
     records.emplace_back();
     DovelSessionAttribute* record = &records.back();
+    const uint32_t held = uint32_t(records.size());
     record->localSymbol = symbol;
     // The registry's reach only for a session that holds records for a good part of it:
     // pages follow what the records hold, not every name this side ever had.
     if (!byLocalSymbol.inPagesWith(symbol, localSymbols))
         localSymbols = node.symbolRegistry().size();
-    const int held = byLocalSymbol.size() + 1;
-    byLocalSymbol.insert(symbol, record, held >= localSymbols / 8 ? localSymbols : held);
+    const int indexed = byLocalSymbol.size() + 1;
+    byLocalSymbol.insert(symbol, held, indexed >= localSymbols / 8 ? localSymbols : indexed);
     return record;
 }
 
 void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record) {
     std::unique_lock<std::shared_mutex> locker(lock);
-    DovelSessionAttribute* const bound = byReadSymbol.value(readSymbol);
+    DovelSessionAttribute* const bound = at(byReadSymbol.value(readSymbol));
     if (bound && bound != record) {
         Basalt::Trace::error(
             "AttributeStorage::indexByReadSymbol # Symbol already points to some other "
@@ -75,7 +78,7 @@ void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttrib
         return;
     }
     if (record)
-        byReadSymbol.insert(readSymbol, record);
+        byReadSymbol.insert(readSymbol, heldAs(record));
 }
 
 void AttributeStorage::debugDump() const {

@@ -43,7 +43,7 @@ public:
         std::shared_lock<std::shared_mutex> locker(lock);
         out.resize(count);
         for (size_t i = 0; i < count; ++i)
-            out[i] = byLocalSymbol.value(symbolAt(i), nullptr);
+            out[i] = at(byLocalSymbol.value(symbolAt(i)));
     }
     // A new record for the path, with the path's local symbol (defined when new; or
     // `symbol`, when the caller knows it already). An existing record of the path is
@@ -58,7 +58,7 @@ public:
         out.resize(count);
         for (size_t i = 0; i < count; ++i) {
             const uint32_t symbol = symbolAt(i);
-            DovelSessionAttribute* record = byLocalSymbol.value(symbol, nullptr);
+            DovelSessionAttribute* record = at(byLocalSymbol.value(symbol));
             out[i] = record || !mayCreate(symbol) ? record : createLocked(QByteArray(), symbol);
         }
     }
@@ -82,19 +82,29 @@ public:
 private:
     // createByPath with the write lock held.
     DovelSessionAttribute* createLocked(const QByteArray& path, uint32_t symbol);
+    // The record a map holds as `held` (its index in `records` plus one); null for 0.
+    DovelSessionAttribute* at(uint32_t held) const {
+        return held ? const_cast<DovelSessionAttribute*>(&records[held - 1]) : nullptr;
+    }
+    // How the maps hold `record`: every record is indexed by its local symbol.
+    uint32_t heldAs(const DovelSessionAttribute* record) const {
+        return byLocalSymbol.value(record->localSymbol);
+    }
 
     RemoteNode& node;
     mutable std::shared_mutex lock;
     // Owns the records, which never move.
     std::deque<DovelSessionAttribute> records;
-    // Local symbols are dense; the peer's nearly always are too.
-    Basalt::SymbolMap<DovelSessionAttribute*> byLocalSymbol;
+    // Local symbols are dense; the peer's nearly always are too. Both maps hold a
+    // record as its index in `records` plus one: four bytes a slot where a pointer took
+    // eight, for a million slots each.
+    Basalt::SymbolMap<uint32_t> byLocalSymbol;
     // The size of the local registry when last asked: local symbols stay below it, so
     // once the records are an eighth of it, those made in another order than their
     // symbols (a first pass walks the tree in its own order) are kept in pages up to it
     // rather than hashed first.
     int localSymbols = 0;
-    Basalt::SymbolMap<DovelSessionAttribute*> byReadSymbol;
+    Basalt::SymbolMap<uint32_t> byReadSymbol;
 };
 
 } // namespace Dovel
