@@ -52,7 +52,7 @@ void AttributeRemoveReceiver::handleBundle(BundleReader& reader) {
         }
         sa->lastReceivedSequence = 0;
         sa->typeCode = 0;
-        sa->deserializer = skippingDeserializer(sa->fixedSize);
+        sa->codecs.setDeserializer(skippingDeserializer(sa->fixedSize));
         sa->removedByPeer = true;
         sa->lastSentSequence = 0;
     }

@@ -31,7 +31,7 @@ void AttributeUpdateReceiver::handleBundle(BundleReader& reader) {
         const bool refused = writeRules && !writeRules->allowsEverything() &&
                              !writeRules->mayWrite(sender.pathOf(*sa));
         if (!refused && (!skipStale || acknowledged >= sa->lastSentSequence)) {
-            sender.applyWithoutEcho(sa->localSymbol, [&] { sa->deserializer(reader); });
+            sender.applyWithoutEcho(sa->localSymbol, [&] { sa->codecs.deserialize(reader); });
         } else {
             // The peer had not seen this side's latest value, or may not change it: read
             // its value past.

@@ -4,7 +4,7 @@
 // on the tree thread.
 #pragma once
 
-#include "Dovel/types/AttributeCodecs.h"
+#include "Dovel/types/CodecPair.h"
 
 #include <cstdint>
 
@@ -18,10 +18,9 @@ struct DovelSessionAttribute {
     DovelSessionAttribute()
         : fixedSize(0), localOrigin(true), removedByPeer(false), removedLocally(false) {}
 
-    // Reads one value of the peer's type and applies it to the local attribute.
-    Deserializer deserializer;
-    // Writes the local attribute's current value.
-    Serializer serializer;
+    // The deserializer reads one value of the peer's type and applies it to the local
+    // attribute; the serializer writes the local attribute's current value.
+    CodecPair codecs;
     // The peer's symbol of the path; 0 until the peer announces the attribute.
     uint32_t readSymbol = 0;
     // The peer's type code; 0 when unknown or after a removal by the peer.
@@ -43,8 +42,8 @@ struct DovelSessionAttribute {
 };
 // A session holds one per attribute on each side, side by side. What this side
 // announces (type code and size) is the serializer's to know, not the record's.
-static_assert(sizeof(void*) != 8 || sizeof(DovelSessionAttribute) <= 56,
-              "a session record should stay within 56 bytes");
+static_assert(sizeof(void*) != 8 || sizeof(DovelSessionAttribute) <= 48,
+              "a session record should stay within 48 bytes");
 
 // A deserializer that reads past one value without applying it: `fixedSize` bytes, or
 // a length word and that many bytes when `fixedSize` is 0 (padded to 4 either way).

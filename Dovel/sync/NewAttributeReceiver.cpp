@@ -197,7 +197,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
 
     // Until a local attribute takes the values, later updates are read past.
     auto skipAll = [&] {
-        sa->deserializer = skippingDeserializer(fixedSize);
+        sa->codecs.setDeserializer(skippingDeserializer(fixedSize));
         if (hasValue)
             skipValue(reader, fixedSize);
     };
@@ -252,7 +252,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         }
         // The record takes the deserializer only once the attribute is in the tree: a
         // value cut short throws, and then the attribute dies with this scope.
-        sa->deserializer = skippingDeserializer(fixedSize);
+        sa->codecs.setDeserializer(skippingDeserializer(fixedSize));
         if (hasValue) {
             if (apply) {
                 sa->lastReceivedSequence = sequence;
@@ -265,7 +265,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         // The record takes the deserializer before the attribute is reported: a listener
         // of that report may remove the attribute again, and its removal then puts a
         // skipping deserializer back.
-        sa->deserializer = deserializer;
+        sa->codecs.setDeserializer(deserializer);
         // Watched and cached at once, so that the next entries and updates find it.
         unsigned int watchedAs = 0;
         // After findParent, for a path of more than one component, parentSymbol is 0 or
@@ -277,7 +277,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             })) {
             Basalt::Trace::error("NewAttributeReceiver::handleBundle # Could not add '%s'",
                                  path.constData());
-            sa->deserializer = skippingDeserializer(fixedSize);
+            sa->codecs.setDeserializer(skippingDeserializer(fixedSize));
             return;
         }
         // Owned by its host now; or a listener of the report deleted it, or its parent.
@@ -286,12 +286,12 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         // removal would have ended the watching).
         const bool watched = watchedAs != 0 && watchedAs == sa->localSymbol;
         if (!watched && node.attributeCache().find(sa->localSymbol) != added)
-            sa->deserializer = skippingDeserializer(fixedSize);
+            sa->codecs.setDeserializer(skippingDeserializer(fixedSize));
         return;
     }
 
-    sa->deserializer = std::move(deserializer);
-    if (!sa->deserializer) {
+    sa->codecs.setDeserializer(std::move(deserializer));
+    if (!sa->codecs.hasDeserializer()) {
         Basalt::Trace::error("NewAttributeReceiver::createDeserializer # Found an attribute that "
                              "we don't know how to deserialize at '%s'",
                              path.constData());
@@ -310,7 +310,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         return;
     }
     sa->lastReceivedSequence = sequence;
-    sender.applyWithoutEcho(sa->localSymbol, [&] { sa->deserializer(reader); });
+    sender.applyWithoutEcho(sa->localSymbol, [&] { sa->codecs.deserialize(reader); });
 }
 
 void NewAttributeReceiver::prefetchRecord(const QByteArray& path, AheadHash& hashed) {

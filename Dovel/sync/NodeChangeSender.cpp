@@ -148,8 +148,7 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
 
 // Values of the peer still under way must be read past, not applied to a dead object.
 void NodeChangeSender::forgetLocalAttribute(DovelSessionAttribute& sa) {
-    sa.deserializer = skippingDeserializer(sa.fixedSize);
-    sa.serializer = Serializer();
+    sa.codecs.assign(Serializer(), skippingDeserializer(sa.fixedSize));
     sa.lastReceivedSequence = 0;
     sa.removedLocally = true;
 }
@@ -522,17 +521,17 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* a
         return;
     }
     if (sa.removedLocally && sa.typeCode != 0) {
-        sa.deserializer = types.createDeserializer(sa.typeCode, attribute);
-        if (!sa.deserializer) {
+        sa.codecs.setDeserializer(types.createDeserializer(sa.typeCode, attribute));
+        if (!sa.codecs.hasDeserializer()) {
             Basalt::Trace::error("NodeChangeSender::sendAdded # Tried to recreate a deserializer "
                                  "but failed. Will set it to null deserializer");
-            sa.deserializer = skippingDeserializer(sa.fixedSize);
+            sa.codecs.setDeserializer(skippingDeserializer(sa.fixedSize));
         }
     }
     uint32_t typeCode = 0;
     uint32_t fixedSize = 0;
-    sa.serializer = types.createSerializer(attribute, typeCode, fixedSize);
-    if (!sa.serializer) {
+    sa.codecs.setSerializer(types.createSerializer(attribute, typeCode, fixedSize));
+    if (!sa.codecs.hasSerializer()) {
         Basalt::Trace::error("NodeChangeSender::sendAdded # Found an attribute that we can't "
                              "serialize at '%s'. Ignoring",
                              pathOf(sa).constData());
@@ -547,7 +546,7 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* a
     writer.writeUInt32s({sa.localSymbol, typeCode, fixedSize, hasValue ? 1u : 0u});
     if (hasValue) {
         const uint32_t valueStart = writer.pos();
-        sa.serializer(writer);
+        sa.codecs.serialize(writer);
         if (!fitsABundle(sa, writer, valueStart, "sendAdded")) {
             // Announced without it, as an attribute whose value the peer keeps.
             writer.bundle().mutablePacket().resize(int(valueStart));
@@ -575,7 +574,7 @@ void NodeChangeSender::sendChanged(DovelSessionAttribute& sa, Tessel::Attribute*
         return;
     }
     // Without a serializer the value's bytes are unknown, so not even the symbol may go.
-    if (!sa.serializer) {
+    if (!sa.codecs.hasSerializer()) {
         Basalt::Trace::error("NodeChangeSender::sendChanged # Found an attribute that we can't "
                              "serialize at '%s'. Ignoring",
                              pathOf(sa).constData());
@@ -583,7 +582,7 @@ void NodeChangeSender::sendChanged(DovelSessionAttribute& sa, Tessel::Attribute*
     }
     const uint32_t entryStart = writer.pos();
     writer.writeUInt32(sa.localSymbol);
-    sa.serializer(writer);
+    sa.codecs.serialize(writer);
     if (!fitsABundle(sa, writer, entryStart + 4, "sendChanged")) {
         writer.bundle().mutablePacket().resize(int(entryStart)); // the whole entry goes
         sa.lastSentSequence = lastSent;

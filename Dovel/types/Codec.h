@@ -73,8 +73,21 @@ public:
     }
     void operator()(Arg& arg) const { invoke(storage, arg); }
 
-private:
+    // How a codec that keeps its callable in place is called: with the bytes it keeps.
     using Invoke = void (*)(const void* held, Arg& arg);
+    // For a holder that keeps the bytes of two codecs once (CodecPair): the call of a
+    // codec kept in place, else null (empty or boxed); the bytes it keeps.
+    Invoke inlineCall() const { return isBoxed() ? nullptr : invoke; }
+    const void* heldBytes() const { return storage; }
+    // A codec kept in place, from what inlineCall and heldBytes gave.
+    static Codec fromInline(Invoke call, const void* bytes) {
+        Codec codec;
+        codec.invoke = call;
+        std::memcpy(codec.storage, bytes, sizeof codec.storage);
+        return codec;
+    }
+
+private:
     template <typename T> struct IsFunction : std::false_type {};
     template <typename S> struct IsFunction<std::function<S>> : std::true_type {};
     struct Box {

@@ -1,0 +1,95 @@
+// The two codecs of a session record kept together: whatever bytes and boxes the two
+// keep, each still writes and reads what it did alone, also in a copy that outlives
+// the original and after the other one is replaced.
+#include "TypesTestUtil.h"
+
+#include "Dovel/types/CodecPair.h"
+
+#include "Tessel/AttributeT.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+using namespace Dovel;
+using namespace TypesTest;
+using Tessel::Attribute;
+using Tessel::AttributeT;
+
+TEST(CodecPair, EachCodecBehavesAsItDidAlone) {
+    TypeRegistry registry;
+    AttributeT<float> source(nullptr, "source", 1.5f);
+    AttributeT<float> target(nullptr, "target", 0.0f);
+    AttributeT<float> other(nullptr, "other", 0.0f);
+    uint32_t code = 0, size = 0;
+    const Serializer write = registry.createSerializer(&source, code, size);
+    const QByteArray onePointFive = Bytes().hex("0000c03f").data();
+    const QByteArray twoPointFive = Bytes().hex("00002040").data();
+    std::string tag = "boxed"; // a capture that cannot be kept in place
+    int boxedReads = 0;
+    const Deserializer boxed = [tag, &boxedReads](BundleReaderCore& reader) {
+        reader.readUInt32();
+        boxedReads += tag == "boxed";
+    };
+    struct Case {
+        const char* name;
+        Serializer serializer;
+        Deserializer deserializer;
+        Attribute* readInto; // null: the boxed reader, which counts
+    };
+    const Case cases[] = {
+        {"both capture the same attribute", registry.createSerializer(&target, code, size),
+         registry.createDeserializer(code, &target), &target},
+        {"they capture different attributes", write, registry.createDeserializer(code, &other),
+         &other},
+        {"the deserializer is boxed", write, boxed, nullptr},
+        {"no serializer", Serializer(), registry.createDeserializer(code, &other), &other},
+        {"no deserializer", write, Deserializer(), nullptr},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        for (bool together : {false, true}) {
+            auto original = std::make_unique<CodecPair>();
+            if (together) {
+                original->assign(c.serializer, c.deserializer);
+            } else {
+                original->setSerializer(c.serializer);
+                original->setDeserializer(c.deserializer);
+            }
+            const CodecPair pair = *original;
+            original.reset();
+            ASSERT_EQ(pair.hasSerializer(), bool(c.serializer));
+            ASSERT_EQ(pair.hasDeserializer(), bool(c.deserializer));
+            if (c.serializer) {
+                const QByteArray expected = serialize(c.serializer);
+                EXPECT_EQ(serialize(pair.serializer()).toHex(), expected.toHex());
+                Bundle bundle;
+                BundleWriterCore writer(bundle);
+                pair.serialize(writer);
+                EXPECT_EQ(bundle.packet().mid(int(BundleCore::HeaderSize)).toHex(),
+                          expected.toHex());
+            }
+            if (!c.deserializer)
+                continue;
+            const int readsBefore = boxedReads;
+            EXPECT_EQ(deserialize(pair.deserializer(), onePointFive), 4u);
+            if (c.readInto) {
+                EXPECT_EQ(c.readInto->asFloat(), 1.5f);
+            }
+            // The deserializer stays what it was when the serializer goes.
+            CodecPair withoutWriter = pair;
+            withoutWriter.setSerializer(Serializer());
+            EXPECT_FALSE(withoutWriter.hasSerializer());
+            const Bundle bundle(BundleTest::packet(5, 1, 0, twoPointFive));
+            BundleReader reader(bundle);
+            withoutWriter.deserialize(reader);
+            EXPECT_EQ(reader.pos(), BundleCore::HeaderSize + 4);
+            if (c.readInto) {
+                EXPECT_EQ(c.readInto->asFloat(), 2.5f);
+            } else {
+                EXPECT_EQ(boxedReads, readsBefore + 2);
+            }
+        }
+    }
+}
