@@ -13,7 +13,8 @@
 
 namespace Tessel {
 
-// Trees hold millions: a value attribute with its value fits an 80-byte heap block.
+// Trees hold millions: a value attribute with a value of up to 12 bytes (a vector of
+// three floats, a string's pointer) fits an 80-byte heap block (AttributeT.cpp).
 static_assert(sizeof(void*) != 8 || sizeof(Attribute) <= 56,
               "an attribute should stay in 56 bytes");
 
@@ -71,9 +72,35 @@ Attribute::BlockRef Attribute::ListenerSnapshot::share(std::size_t index) const 
 
 Attribute::~Attribute() {
     aboutToBeDestroyed();
+    if (!extras)
+        return;
     // Emissions still running over this attribute (a listener deleted it) skip the rest.
+    const ListenerSnapshot& listeners = extras->listeners;
     for (std::size_t i = 0; i < listeners.size(); ++i)
         listeners.at(i).removed = true;
+    delete extras;
+}
+
+Attribute::ListenerSnapshot& Attribute::listenerList() {
+    if (!extras)
+        extras = new Extras;
+    return extras->listeners;
+}
+
+void Attribute::releaseEmptyExtras() {
+    if (extras && !extras->listeners && !extras->side) {
+        delete extras;
+        extras = nullptr;
+    }
+}
+
+void Attribute::setSideTable(void* table) {
+    if (!extras && !table)
+        return;
+    if (!extras)
+        extras = new Extras;
+    extras->side = table;
+    releaseEmptyExtras();
 }
 
 thread_local Attribute::EndWatch* Attribute::endWatches __attribute__((tls_model("initial-exec"))) =
@@ -96,8 +123,9 @@ void Attribute::aboutToBeDestroyed() {
             watch->hasEnded = true;
     emitDelete();
     // Holders forget this attribute now, the way a deletion listener of theirs would.
-    for (std::size_t i = 0; i < listeners.size(); ++i)
-        if (ListenerHolder* holder = listeners.at(i).holder)
+    // A deletion listener may have changed the listeners: they are read again.
+    for (std::size_t i = 0; extras && i < extras->listeners.size(); ++i)
+        if (ListenerHolder* holder = extras->listeners.at(i).holder)
             holder->forget(this);
     if (Node* node = asNode())
         node->forgetEventHolders();
@@ -190,11 +218,11 @@ void Attribute::emitDelete() {
 }
 
 void Attribute::emitRole(int role) {
-    if (!listeners)
+    if (!extras || !extras->listeners)
         return;
     // The snapshot keeps each entry (and its callback) alive while it runs, even if the
     // callback removes it or destroys this attribute; `removed` tells the rest to skip.
-    const ListenerSnapshot snapshot = listeners;
+    const ListenerSnapshot snapshot = extras->listeners;
     for (std::size_t i = 0, count = snapshot.size(); i < count; ++i) {
         Listener& listener = snapshot.at(i);
         if ((listener.roles & role) && !listener.removed)
@@ -214,6 +242,7 @@ long Attribute::addListener(std::function<void()> callback, int roleMask, Listen
     made->holder = holder;
     made->roles = roleMask;
     const long id = made->id;
+    ListenerSnapshot& listeners = listenerList();
     if (!listeners) {
         listeners = ListenerSnapshot(std::move(listener));
         return id;
@@ -230,6 +259,9 @@ long Attribute::addListener(std::function<void()> callback, int roleMask, Listen
 }
 
 template <typename Keep> void Attribute::replaceListeners(Keep keep) {
+    if (!extras)
+        return;
+    ListenerSnapshot& listeners = extras->listeners;
     std::size_t kept = 0;
     for (std::size_t i = 0; i < listeners.size(); ++i)
         kept += keep(listeners.at(i));
@@ -252,9 +284,13 @@ template <typename Keep> void Attribute::replaceListeners(Keep keep) {
         listeners = ListenerSnapshot(std::move(only));
     else
         listeners = ListenerSnapshot();
+    releaseEmptyExtras();
 }
 
 bool Attribute::removeListener(long id) {
+    if (!extras)
+        return false;
+    const ListenerSnapshot& listeners = extras->listeners;
     std::size_t found = 0;
     while (found < listeners.size() && listeners.at(found).id != id)
         ++found;
@@ -272,6 +308,9 @@ bool Attribute::removeListener(long id) {
 }
 
 bool Attribute::hasListenersOf(const ListenerHolder* holder) const {
+    if (!extras)
+        return false;
+    const ListenerSnapshot& listeners = extras->listeners;
     for (std::size_t i = 0; i < listeners.size(); ++i)
         if (listeners.at(i).holder == holder)
             return true;

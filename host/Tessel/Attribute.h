@@ -131,7 +131,7 @@ public:
     long addListener(std::function<void()> callback, int roleMask);
     // False when the id is not registered on this attribute.
     bool removeListener(long id);
-    int listenerCount() const { return int(listeners.size()); }
+    int listenerCount() const { return extras ? int(extras->listeners.size()) : 0; }
 
     // The one observer that hears this attribute's changes (and, for a node, its
     // children coming and going; see TreeObserver), with the number it knows the
@@ -148,6 +148,12 @@ protected:
     // delete its remaining children.
     virtual void aboutToBeDestroyed();
     bool isBeingDestroyed() const { return destroying; }
+    // A table a subclass keeps for the few attributes that need one (the value of each
+    // layer, once two hold one), in the block that holds the listeners: most attributes
+    // have neither, and one pointer serves both. Null until set; the subclass deletes
+    // what it set before it is destroyed, and sets null again when it lets it go.
+    void* sideTable() const { return extras ? extras->side : nullptr; }
+    void setSideTable(void* table);
     // For classes that join their host only once fully constructed (constructed with
     // Attribute()): sets the name and adds itself to `host` (when not null), logging a
     // warning if the host refuses.
@@ -249,6 +255,10 @@ private:
     bool hasListenersOf(const ListenerHolder* holder) const;
     // Replaces the table by its entries that `keep` accepts (null when none is left).
     template <typename Keep> void replaceListeners(Keep keep);
+    // The listeners, made when there are none yet.
+    ListenerSnapshot& listenerList();
+    // Lets the extras go once they hold nothing.
+    void releaseEmptyExtras();
 
     // The flags and the observer's slot come first so that they fill the padding after
     // Serializable's own flag: a tree holds millions of attributes.
@@ -265,7 +275,13 @@ private:
     // node per child in a separate list would cost an allocation and 32 bytes each.
     Attribute* previousSibling = nullptr;
     Attribute* nextSibling = nullptr;
-    ListenerSnapshot listeners;
+    // What few attributes have: listeners, a subclass's side table. Owned; null when
+    // neither is there.
+    struct Extras {
+        ListenerSnapshot listeners;
+        void* side = nullptr;
+    };
+    Extras* extras = nullptr;
 };
 
 } // namespace Tessel

@@ -57,7 +57,10 @@ public:
     // The default value is stored on layer 0 without firing a change.
     AttributeBaseT(Node* host, const QByteArray& name, const T& defaultValue)
         : Attribute(host, name), current(defaultValue), defined(bit(LayerDefault)) {}
-    ~AttributeBaseT() override { aboutToBeDestroyed(); }
+    ~AttributeBaseT() override {
+        aboutToBeDestroyed();
+        dropLayers();
+    }
 
     // The effective value; what serializers read.
     const T& value() const { return current; }
@@ -69,7 +72,7 @@ public:
             return &current;
         if (!isStorageLayer(layer) || !(defined & bit(layer)))
             return nullptr;
-        return layers ? &*(*layers)[size_t(layer)] : &current;
+        return spilled ? &*(*layers())[size_t(layer)] : &current;
     }
 
     // Stores `value` on a storage layer; LayerCurrent or an invalid layer is refused
@@ -81,7 +84,7 @@ public:
                                    int(layer), name().constData());
             return;
         }
-        if (!layers && (defined == 0 || defined == bit(layer))) {
+        if (!spilled && (defined == 0 || defined == bit(layer))) {
             // The only layer with a value: it is the effective value. An equal value that
             // is not the same (which changes nothing) is kept as written, in the table.
             if (Detail::identicalValue(value, current)) {
@@ -95,9 +98,9 @@ public:
                 return;
             }
         }
-        if (!layers)
+        if (!spilled)
             spill();
-        (*layers)[size_t(layer)] = value;
+        (*layers())[size_t(layer)] = value;
         defined |= bit(layer);
         refresh();
     }
@@ -114,8 +117,8 @@ public:
         if (!isStorageLayer(layer) || !(defined & bit(layer)))
             return;
         defined &= uint8_t(~bit(layer));
-        if (layers)
-            (*layers)[size_t(layer)].reset();
+        if (spilled)
+            (*layers())[size_t(layer)].reset();
         refresh();
     }
 
@@ -131,7 +134,7 @@ public:
     }
 
     void setAsDefaults() override {
-        layers.reset();
+        dropLayers();
         defined = bit(LayerDefault);
     }
 
@@ -143,13 +146,28 @@ private:
 
     static uint8_t bit(Layer layer) { return uint8_t(1u << unsigned(layer)); }
 
+    // The table of every layer, once spilled: the attribute's side table.
+    Layers* layers() const { return static_cast<Layers*>(sideTable()); }
+
     // Moves the one stored value (kept as `current`) into a table of every layer, from
     // where a second layer on the same attribute is stored.
     void spill() {
-        layers = std::make_unique<Layers>();
+        auto table = std::make_unique<Layers>();
         for (int layer = LayerDefault; layer < LayerCount; ++layer)
             if (defined & bit(Layer(layer)))
-                (*layers)[size_t(layer)] = current;
+                (*table)[size_t(layer)] = current;
+        setSideTable(table.get());
+        table.release();
+        spilled = true;
+    }
+
+    void dropLayers() {
+        if (!spilled)
+            return;
+        Layers* table = layers();
+        spilled = false;
+        setSideTable(nullptr);
+        delete table;
     }
 
     // Recomputes the effective value and fires a change when it moved.
@@ -157,19 +175,20 @@ private:
         const T* top = nullptr;
         for (int layer = LayerCount - 1; layer >= LayerDefault && !top; --layer)
             if (defined & bit(Layer(layer)))
-                top = layers ? &*(*layers)[size_t(layer)] : &current;
+                top = spilled ? &*(*layers())[size_t(layer)] : &current;
         if (top ? Detail::sameValue(*top, current) : Detail::sameValue(T{}, current))
             return;
         current = top ? *top : T{};
         emitChange();
     }
 
-    // One bit per storage layer holding a value. With no `layers` table, at most one bit
-    // is set and that layer's value is exactly `current`: most attributes hold a value on
-    // one layer only, and a table of every layer would double or triple their size.
-    std::unique_ptr<Layers> layers;
+    // One bit per storage layer holding a value. Until `spilled` (a table of every layer
+    // kept as the side table), at most one bit is set and that layer's value is exactly
+    // `current`: most attributes hold a value on one layer only, and a table of every
+    // layer would double or triple their size.
     T current{};
     uint8_t defined = 0;
+    bool spilled = false;
 };
 
 } // namespace Tessel

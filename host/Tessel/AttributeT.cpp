@@ -5,6 +5,11 @@
 
 namespace Tessel {
 
+// A tree's usual values fit an 80-byte heap block with malloc's header: 72 bytes.
+static_assert(sizeof(void*) != 8 ||
+                  (sizeof(AttributeT<Quant::Vector3f>) <= 72 && sizeof(AttributeT<QString>) <= 72),
+              "a vector or string attribute should stay in 72 bytes");
+
 #define TESSEL_INSTANTIATE(T)                                                                      \
     template class AttributeBaseT<T>;                                                              \
     template class AttributeT<T>;
