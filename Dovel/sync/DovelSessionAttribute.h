@@ -42,8 +42,8 @@ struct DovelSessionAttribute {
 };
 // A session holds one per attribute on each side, side by side. What this side
 // announces (type code and size) is the serializer's to know, not the record's.
-static_assert(sizeof(void*) != 8 || sizeof(DovelSessionAttribute) <= 48,
-              "a session record should stay within 48 bytes");
+static_assert(sizeof(void*) != 8 || sizeof(DovelSessionAttribute) <= 40,
+              "a session record should stay within 40 bytes");
 
 // A deserializer that reads past one value without applying it: `fixedSize` bytes, or
 // a length word and that many bytes when `fixedSize` is 0 (padded to 4 either way).

@@ -19,6 +19,12 @@ CodecPair::~CodecPair() {
     release();
 }
 
+void CodecPair::anchor() {}
+
+bool CodecPair::isSplit() const {
+    return writeAt == distanceOf(&splitWrite) || readAt == distanceOf(&splitRead);
+}
+
 CodecPair::Split* CodecPair::split() const {
     Split* held = nullptr;
     std::memcpy(&held, storage, sizeof held);
@@ -40,13 +46,14 @@ void CodecPair::splitRead(const void* held, BundleReaderCore& reader) {
 Serializer CodecPair::serializer() const {
     if (isSplit())
         return split()->serializer;
-    return write ? Serializer::fromInline(write, storage) : Serializer();
+    return writeAt ? Serializer::fromInline(callAt<Serializer>(writeAt), storage) : Serializer();
 }
 
 Deserializer CodecPair::deserializer() const {
     if (isSplit())
         return split()->deserializer;
-    return read ? Deserializer::fromInline(read, storage) : Deserializer();
+    return readAt ? Deserializer::fromInline(callAt<Deserializer>(readAt), storage)
+                  : Deserializer();
 }
 
 void CodecPair::setSerializer(Serializer serializer) {
@@ -59,30 +66,30 @@ void CodecPair::setDeserializer(Deserializer deserializer) {
 
 void CodecPair::assign(Serializer serializer, Deserializer deserializer) {
     release();
-    const auto writeCall = serializer.inlineCall();
-    const auto readCall = deserializer.inlineCall();
+    const int32_t writeCall = distanceOf(serializer.inlineCall());
+    const int32_t readCall = distanceOf(deserializer.inlineCall());
     const bool inPlace = (writeCall || !serializer) && (readCall || !deserializer);
     const bool sameBytes =
         !serializer || !deserializer ||
         std::memcmp(serializer.heldBytes(), deserializer.heldBytes(), sizeof storage) == 0;
     if (inPlace && sameBytes) {
-        write = writeCall;
-        read = readCall;
+        writeAt = writeCall;
+        readAt = readCall;
         std::memcpy(storage, serializer ? serializer.heldBytes() : deserializer.heldBytes(),
                     sizeof storage);
         return;
     }
     Split* held = new Split{std::move(serializer), std::move(deserializer)};
     std::memcpy(storage, &held, sizeof held);
-    write = held->serializer ? &splitWrite : nullptr;
-    read = held->deserializer ? &splitRead : nullptr;
+    writeAt = held->serializer ? distanceOf(&splitWrite) : 0;
+    readAt = held->deserializer ? distanceOf(&splitRead) : 0;
 }
 
 void CodecPair::release() {
     if (isSplit())
         delete split();
-    write = nullptr;
-    read = nullptr;
+    writeAt = 0;
+    readAt = 0;
     std::memset(storage, 0, sizeof storage);
 }
 

@@ -44,6 +44,10 @@ TEST(CodecPair, EachCodecBehavesAsItDidAlone) {
         {"they capture different attributes", write, registry.createDeserializer(code, &other),
          &other},
         {"the deserializer is boxed", write, boxed, nullptr},
+        // Made here, in the test's own binary: far from the library's calls.
+        {"a call made in another binary",
+         [at = &other](BundleWriterCore& w) { w.writeFloat(at->value()); },
+         [at = &other](BundleReaderCore& r) { at->set(r.readFloat(), L2); }, &other},
         {"no serializer", Serializer(), registry.createDeserializer(code, &other), &other},
         {"no deserializer", write, Deserializer(), nullptr},
     };
