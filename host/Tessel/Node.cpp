@@ -23,9 +23,9 @@ NodeEventTable& Node::ensureEvents() {
     std::lock_guard<std::mutex> lock(creation);
     if (NodeEventTable* table = eventTable.load(std::memory_order_relaxed))
         return *table;
-    events = std::make_shared<NodeEventTable>();
-    eventTable.store(events.get(), std::memory_order_release);
-    return *events;
+    NodeEventTable* made = NodeEventTable::makeForNode();
+    eventTable.store(made, std::memory_order_release);
+    return *made;
 }
 
 Node::Node(Node* host, const QByteArray& name) : Node() {
@@ -34,6 +34,8 @@ Node::Node(Node* host, const QByteArray& name) : Node() {
 
 Node::~Node() {
     aboutToBeDestroyed();
+    if (NodeEventTable* table = eventTable.load(std::memory_order_acquire))
+        table->releaseNode();
 }
 
 void Node::aboutToBeDestroyed() {

@@ -165,9 +165,9 @@ private:
     Attribute* lastChild = nullptr;
     std::size_t listedChildren = 0;
     ChildIndex childIndex;
+    // Owned through the table itself (NodeEventTable::makeForNode), and shared with
+    // queued deliveries, which may run after the node is gone.
     std::atomic<NodeEventTable*> eventTable{nullptr};
-    // Owns the table; shared with queued deliveries, which may run after the node is gone.
-    std::shared_ptr<NodeEventTable> events;
 };
 
 // The node that `attribute` is, or null (also for null); see Attribute::asNode.

@@ -250,4 +250,20 @@ void NodeEventTable::run(Listener& listener, Basalt::BinaryData* data) {
     std::visit(Invoke{data}, listener.callback);
 }
 
+NodeEventTable* NodeEventTable::makeForNode() {
+    auto table = std::make_shared<NodeEventTable>();
+    table->nodeReference = table;
+    return table.get();
+}
+
+void NodeEventTable::releaseNode() {
+    // The last reference may be this one: the table then ends with `held`, after the
+    // last use of its members here.
+    std::shared_ptr<NodeEventTable> held;
+    {
+        std::lock_guard<std::mutex> locker(mutex);
+        held = std::move(nodeReference);
+    }
+}
+
 } // namespace Tessel

@@ -98,6 +98,17 @@ private:
     // name costs less than an index per name, in time and in memory.
     using Batch = std::vector<std::shared_ptr<Listener>>;
     std::shared_ptr<const Batch> all;
+
+public:
+    // A table its node holds through the table itself: a node keeps one pointer where a
+    // shared_ptr beside it took two more words, in every node of a tree.
+    static NodeEventTable* makeForNode();
+    // The node lets go of its table (after clear()): it lives on while a delivery or a
+    // dispatch still holds it.
+    void releaseNode();
+
+private:
+    std::shared_ptr<NodeEventTable> nodeReference;
 };
 
 } // namespace Tessel
