@@ -36,7 +36,8 @@ uint64_t PathTable::hashOf(const char* bytes, int size, uint64_t* prefixHash) co
 }
 
 uint64_t PathTable::hashChild(uint64_t parent, const char* leaf, int size) const {
-    return keyedHash(parent, leaf, size_t(size), key);
+    // Entries keep the low half of their hash alone: a child is hashed from that.
+    return keyedHash(parent & ~HighHalf, leaf, size_t(size), key);
 }
 
 uint64_t PathTable::hashName(const char* bytes, int size, uint64_t* prefixHash,
@@ -80,7 +81,8 @@ template <typename Same> uint32_t PathTable::probe(uint64_t hash, Same same) con
         if (slot == 0)
             return 0;
         const uint32_t id = uint32_t(slot);
-        if ((slot & HighHalf) == (hash & HighHalf) && entry(id).hash == hash && same(id))
+        if ((slot & HighHalf) == (hash & HighHalf) && entry(id).lowHash == uint32_t(hash) &&
+            same(id))
             return id;
     }
 }
@@ -126,7 +128,7 @@ uint32_t PathTable::insert(const QByteArray& name) {
 }
 
 uint64_t PathTable::childHash(uint32_t parent, const QByteArray& leaf) const {
-    return hashChild(isTop(parent) ? Root : entry(parent).hash, leaf.constData(), leaf.size());
+    return hashChild(isTop(parent) ? Root : entry(parent).lowHash, leaf.constData(), leaf.size());
 }
 
 uint32_t PathTable::findChild(uint32_t parent, const QByteArray& leaf) const {
@@ -147,7 +149,9 @@ uint32_t PathTable::insertChild(uint32_t parent, const QByteArray& leaf) {
 
 uint32_t PathTable::insertChild(uint32_t parent, const QByteArray& leaf, uint64_t parentHash,
                                 uint64_t hash) {
-    if (!known(parent) || isTop(parent) || entry(parent).hash != parentHash || leaf.contains('/'))
+    // The child's hash follows from the low half of its parent's, which is what is kept.
+    if (!known(parent) || isTop(parent) || entry(parent).lowHash != uint32_t(parentHash) ||
+        leaf.contains('/'))
         return insertChild(parent, leaf);
     assert(hash == childHash(parent, leaf));
     return addChild(parent, leaf, hash);
@@ -266,7 +270,7 @@ uint32_t PathTable::add(const QByteArray& tail, uint32_t parent, uint64_t hash) 
     Entry& e = entry(id);
     e.tail = tail;
     e.parent = parent;
-    e.hash = hash;
+    e.lowHash = uint32_t(hash);
     count = id;
     placeSlot((hash & HighHalf) | id);
     return id;

@@ -6,10 +6,11 @@
 // used to cost more than everything else the tables keep. Under an empty name the child
 // is the leaf alone, as paths under a root read ("a", not "/a").
 //
-// Ids start at 1 and are never reused: nothing is removed. Each entry carries a 32-bit
-// value for the owner (0 until set). A name's hash is keyed by a random key and chained
-// over its components, so that a child's hash follows from its parent's and its leaf,
-// and a peer cannot choose names that crowd one run of slots (SipHash-1-3, keyed).
+// Ids start at 1 and are never reused: nothing is removed. A name's hash is keyed by a
+// random key and chained over its components, so that a child's hash follows from the
+// low half of its parent's and its leaf, and a peer cannot choose names that crowd one
+// run of slots (SipHash-1-3, keyed). An entry keeps the low half of its hash and its
+// slot the high half: 16 bytes an entry, for the millions of names of a tree.
 //
 // Not thread-safe, the owner guards it; except hashOf, hashChild and prefetchHashed,
 // which read only what never changes or what is published for them.
@@ -65,7 +66,7 @@ public:
     // name before its last '/' (the seed of the chain when it has none).
     uint64_t hashOf(const char* bytes, int size, uint64_t* prefixHash) const;
     // The hash of the child `leaf` of a name hashed `parent`: a name's hash follows from
-    // its parent's. Reads only the key, which never changes.
+    // the low half of its parent's. Reads only the key, which never changes.
     uint64_t hashChild(uint64_t parent, const char* leaf, int size) const;
     // Whether `id` is the child `leaf` of `parent` as stored: true only for a name kept
     // under its parent, so a false answer leaves the question open. Builds and hashes
@@ -75,8 +76,6 @@ public:
     bool isNameOf(uint32_t id, const QByteArray& name) const {
         return known(id) && matches(id, name.constData(), name.size());
     }
-    uint32_t value(uint32_t id) const { return entry(id).value; }
-    void setValue(uint32_t id, uint32_t value) { entry(id).value = value; }
     int size() const { return int(count); }
 
     // Starts loading the slot where `name` is looked up: in a table of a million names
@@ -89,11 +88,11 @@ public:
 
 private:
     struct Entry {
-        QByteArray tail;     // the bytes after the parent's name and '/', or the whole name
-        uint32_t parent = 0; // 0: `tail` is the whole name
-        uint32_t value = 0;  // the owner's
-        uint64_t hash = 0;   // of the whole name
+        QByteArray tail;      // the bytes after the parent's name and '/', or the whole name
+        uint32_t parent = 0;  // 0: `tail` is the whole name
+        uint32_t lowHash = 0; // the low half of the whole name's hash
     };
+    static_assert(sizeof(void*) != 8 || sizeof(Entry) == 16, "an entry in 16 bytes");
     static constexpr int ChunkBits = 12;
     static constexpr uint32_t ChunkSize = 1u << ChunkBits;
 

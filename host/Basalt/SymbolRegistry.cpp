@@ -17,7 +17,7 @@ bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {
     const uint32_t id = names.insert(name);
     if (id == 0)
         return false;
-    const uint32_t current = names.value(id);
+    const uint32_t current = symbolOf(id);
     if (current == symbol)
         return false;
     leaveSameAsIds();
@@ -26,8 +26,8 @@ bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {
     if (current != 0)
         bySymbol.remove(current);
     if (const uint32_t* old = bySymbol.find(symbol))
-        names.setValue(*old, 0);
-    names.setValue(id, symbol);
+        setSymbolOf(*old, 0);
+    setSymbolOf(id, symbol);
     bySymbol.insert(symbol, id);
     if (symbol >= next)
         next = symbol == std::numeric_limits<uint32_t>::max() ? symbol : symbol + 1;
@@ -37,7 +37,7 @@ bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {
 uint32_t SymbolRegistry::lookup(const QByteArray& name) const {
     std::lock_guard<std::mutex> lock(mutex);
     const uint32_t id = names.find(name);
-    return id ? names.value(id) : 0;
+    return id ? symbolOf(id) : 0;
 }
 
 QByteArray SymbolRegistry::lookup(uint32_t symbol) const {
@@ -86,10 +86,12 @@ bool SymbolRegistry::isNameOf(uint32_t symbol, const QByteArray& name) const {
 void SymbolRegistry::leaveSameAsIds() {
     if (!sameAsIds)
         return;
+    // Ids and symbols are the same below `next`: both maps fill alike.
+    for (uint32_t id = 1; id < next; ++id) {
+        bySymbol.insert(id, id);
+        byId.insert(id, id);
+    }
     sameAsIds = false;
-    for (uint32_t id = 1; id <= uint32_t(names.size()); ++id)
-        if (const uint32_t symbol = names.value(id))
-            bySymbol.insert(symbol, id);
 }
 
 uint32_t SymbolRegistry::defineNext(uint32_t id, const QByteArray& name) {
@@ -103,9 +105,10 @@ uint32_t SymbolRegistry::defineNext(uint32_t id, const QByteArray& name) {
         return 0;
     }
     const uint32_t symbol = next;
-    names.setValue(id, symbol);
-    if (!sameAsIds)
+    if (!sameAsIds) {
+        setSymbolOf(id, symbol);
         bySymbol.insert(symbol, id);
+    }
     if (next != std::numeric_limits<uint32_t>::max())
         ++next;
     return symbol;
@@ -114,8 +117,8 @@ uint32_t SymbolRegistry::defineNext(uint32_t id, const QByteArray& name) {
 uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name) {
     std::lock_guard<std::mutex> lock(mutex);
     const uint32_t id = names.insert(name);
-    if (id != 0 && names.value(id) != 0)
-        return names.value(id);
+    if (const uint32_t symbol = id ? symbolOf(id) : 0)
+        return symbol;
     return defineNext(id, name);
 }
 
@@ -123,7 +126,7 @@ uint32_t SymbolRegistry::lookupChild(uint32_t parent, const QByteArray& leaf) co
     std::lock_guard<std::mutex> lock(mutex);
     const uint32_t parentId = idOf(parent);
     const uint32_t id = parentId ? names.findChild(parentId, leaf) : 0;
-    return id ? names.value(id) : 0;
+    return id ? symbolOf(id) : 0;
 }
 
 uint32_t SymbolRegistry::lookupOrDefineChild(uint32_t parent, const QByteArray& leaf) {
@@ -144,8 +147,8 @@ uint32_t SymbolRegistry::lookupOrDefineChild(uint32_t parent, const QByteArray& 
 }
 
 uint32_t SymbolRegistry::symbolOfChild(uint32_t id, const QByteArray& leaf) {
-    if (id != 0 && names.value(id) != 0)
-        return names.value(id);
+    if (const uint32_t symbol = id ? symbolOf(id) : 0)
+        return symbol;
     return defineNext(id, leaf);
 }
 

@@ -86,20 +86,35 @@ private:
     // The id in `names` of the name bound to `symbol`, 0 when none.
     uint32_t idOf(uint32_t symbol) const {
         if (sameAsIds)
-            return symbol <= uint32_t(names.size()) ? symbol : 0;
+            return symbol < next ? symbol : 0;
         return bySymbol.value(symbol, 0);
+    }
+    // The symbol bound to the name of `id`, 0 when none.
+    uint32_t symbolOf(uint32_t id) const {
+        if (sameAsIds)
+            return id < next ? id : 0;
+        return byId.value(id, 0);
+    }
+    // Binds (or with 0 unbinds) the name of `id` to `symbol`; once not sameAsIds.
+    void setSymbolOf(uint32_t id, uint32_t symbol) {
+        if (symbol)
+            byId.insert(id, symbol);
+        else
+            byId.remove(id);
     }
 
     mutable std::mutex mutex;
-    // Every name ever bound, each entry's value its symbol (0 once unbound).
+    // Every name ever bound.
     PathTable names;
     // While only lookupOrDefine has bound names, each name came with the next symbol,
-    // which is then also its id in `names`: a tree's registry needs neither the map
-    // below nor the cache miss of reading it for every symbol it turns into a name. The
-    // first define fills the map and clears the flag for good.
+    // which is then also its id in `names` (the ids below `next` are bound): a tree's
+    // registry needs neither of the maps below nor the cache miss of reading one for
+    // every symbol it turns into a name. The first define fills them and clears the flag
+    // for good.
     bool sameAsIds = true;
-    // From symbol to the id of its name in `names` (empty while sameAsIds).
+    // From symbol to the id of its name in `names`, and back (empty while sameAsIds).
     SymbolMap<uint32_t> bySymbol;
+    SymbolMap<uint32_t> byId;
     uint32_t next = 1;
 };
 
