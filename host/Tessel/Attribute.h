@@ -272,7 +272,8 @@ private:
     QByteArray attributeName;
     Node* hostNode = nullptr;
     // The host's children form a list through their own links, in insertion order: a
-    // node per child in a separate list would cost an allocation and 32 bytes each.
+    // node per child in a separate list would cost an allocation and 32 bytes each. The
+    // first child's previousSibling is the last child (Node keeps no pointer to it).
     Attribute* previousSibling = nullptr;
     Attribute* nextSibling = nullptr;
     // What few attributes have: listeners, a subclass's side table. Owned; null when

@@ -14,7 +14,7 @@ std::size_t ChildIndex::homeOf(const QByteArray& name) const {
 }
 
 Attribute* ChildIndex::find(const QByteArray& name) const {
-    if (count == 0)
+    if (!table)
         return nullptr;
     for (std::size_t i = homeOf(name);; i = (i + 1) & mask) {
         Attribute* child = table[i];
@@ -24,10 +24,9 @@ Attribute* ChildIndex::find(const QByteArray& name) const {
 }
 
 void ChildIndex::insert(Attribute* child) {
-    if (2 * (std::size_t(count) + 1) > (table ? capacity() : 0))
-        reserve(std::size_t(count) + 1);
+    if (2 * std::size_t(listed) > (table ? capacity() : 0))
+        reserve(listed);
     place(child);
-    ++count;
 }
 
 void ChildIndex::place(Attribute* child) {
@@ -38,14 +37,14 @@ void ChildIndex::place(Attribute* child) {
 }
 
 bool ChildIndex::remove(const QByteArray& name) {
-    if (count == 0)
+    if (!table)
         return false;
     std::size_t at = homeOf(name);
     while (table[at] && table[at]->name() != name)
         at = (at + 1) & mask;
     if (!table[at])
         return false;
-    if (--count == 0) {
+    if (listed == 0) {
         table.reset();
         mask = 0;
         return true;

@@ -10,6 +10,9 @@
 // change while they are indexed and must differ from each other (a node's children do,
 // and keep theirs).
 //
+// It also counts the node's children, indexed or not: once the index exists it holds
+// every one of them, so one counter serves both, in every node of a tree.
+//
 // Not thread-safe; the node's owner uses it on one thread.
 #pragma once
 
@@ -29,14 +32,18 @@ public:
     ChildIndex(const ChildIndex&) = delete;
     ChildIndex& operator=(const ChildIndex&) = delete;
 
-    bool isEmpty() const { return count == 0; }
-    std::size_t size() const { return count; }
+    // Whether there is no index (a node with few children scans them).
+    bool isEmpty() const { return !table; }
+    // The node's children, indexed or not.
+    uint32_t children() const { return listed; }
+    void childListed() { ++listed; }
+    void childUnlisted() { --listed; }
     // The indexed child named `name`, or null.
     Attribute* find(const QByteArray& name) const;
-    // Indexes `child` under its name, which no indexed child has.
+    // Indexes `child`, counted already, under its name, which no indexed child has.
     void insert(Attribute* child);
-    // Forgets the child named `name`; false when none is indexed. The table goes with
-    // the last child.
+    // Forgets the child named `name`, uncounted already; false when none is indexed.
+    // The table goes with the last child.
     bool remove(const QByteArray& name);
     // Room for `children` without growing.
     void reserve(std::size_t children);
@@ -50,7 +57,7 @@ private:
 
     std::unique_ptr<Attribute*[]> table;
     uint32_t mask = 0;
-    uint32_t count = 0;
+    uint32_t listed = 0;
 };
 
 } // namespace Tessel

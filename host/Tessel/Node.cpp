@@ -13,6 +13,9 @@
 
 namespace Tessel {
 
+// A tree holds a node per handful of attributes: 88 bytes fit a 96-byte heap block.
+static_assert(sizeof(void*) != 8 || sizeof(Node) <= 88, "a node should stay in 88 bytes");
+
 Node::Node() = default;
 
 NodeEventTable& Node::ensureEvents() {
@@ -71,28 +74,41 @@ void Node::indexChild(Attribute* child) {
         childIndex.insert(child);
         return;
     }
-    if (listedChildren <= UnindexedChildren)
+    if (childIndex.children() <= UnindexedChildren)
         return;
-    childIndex.reserve(listedChildren);
+    childIndex.reserve(childIndex.children());
     for (Attribute* listed = firstChild; listed; listed = listed->nextSibling)
         childIndex.insert(listed);
 }
 
 void Node::listChild(Attribute* child) {
-    child->previousSibling = lastChild;
     child->nextSibling = nullptr;
-    (lastChild ? lastChild->nextSibling : firstChild) = child;
-    lastChild = child;
-    ++listedChildren;
+    if (!firstChild) {
+        firstChild = child;
+        child->previousSibling = child;
+    } else {
+        Attribute* const last = firstChild->previousSibling;
+        last->nextSibling = child;
+        child->previousSibling = last;
+        firstChild->previousSibling = child;
+    }
+    childIndex.childListed();
 }
 
 void Node::unlistChild(Attribute* child) {
-    (child->previousSibling ? child->previousSibling->nextSibling : firstChild) =
-        child->nextSibling;
-    (child->nextSibling ? child->nextSibling->previousSibling : lastChild) = child->previousSibling;
+    Attribute* const previous = child->previousSibling;
+    Attribute* const next = child->nextSibling;
+    if (child == firstChild) {
+        firstChild = next;
+        if (next)
+            next->previousSibling = previous; // the last child
+    } else {
+        previous->nextSibling = next;
+        (next ? next : firstChild)->previousSibling = previous;
+    }
     child->previousSibling = nullptr;
     child->nextSibling = nullptr;
-    --listedChildren;
+    childIndex.childUnlisted();
 }
 
 bool Node::isSelfOrAncestor(const Attribute* attribute) const {
@@ -180,7 +196,7 @@ void Node::sendChildEvent(const QByteArray& event, const QByteArray& childName) 
 
 std::vector<Attribute*> Node::children() const {
     std::vector<Attribute*> copy;
-    copy.reserve(listedChildren);
+    copy.reserve(childIndex.children());
     for (Attribute* child = firstChild; child; child = child->nextSibling)
         copy.push_back(child);
     return copy;

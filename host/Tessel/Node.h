@@ -70,7 +70,7 @@ public:
     bool deleteAttribute(Attribute* attribute);
     // A copy of the children in insertion order.
     std::vector<Attribute*> children() const;
-    int childCount() const { return int(listedChildren); }
+    int childCount() const { return int(childIndex.children()); }
 
     // True when any child reports a change from its defaults.
     bool isChanged() const override;
@@ -161,9 +161,9 @@ private:
     // tree never get one): `eventTable` is null until then, and set once.
     NodeEventTable& ensureEvents();
 
+    // The children in order; the first one's previousSibling is the last one.
     Attribute* firstChild = nullptr;
-    Attribute* lastChild = nullptr;
-    std::size_t listedChildren = 0;
+    // Counts the children, and finds them by name once they are many.
     ChildIndex childIndex;
     // Owned through the table itself (NodeEventTable::makeForNode), and shared with
     // queued deliveries, which may run after the node is gone.

@@ -133,13 +133,22 @@ TEST(Node, ChildrenKeepInsertionOrderAndUniqueNames) {
     // Names come free again once their child is gone.
     EXPECT_TRUE(root.addAttribute("c", new AttributeT<int>));
     EXPECT_EQ(namesOf(root), (QByteArrayList{"b", "a", "c"}));
+    // Taking out the first or the last child leaves the rest in order for what follows.
+    EXPECT_TRUE(root.deleteAttribute(root.attribute("b")));
+    new AttributeT<int>(&root, "e");
+    EXPECT_TRUE(root.deleteAttribute(root.attribute("e")));
+    new AttributeT<int>(&root, "f");
+    EXPECT_EQ(namesOf(root), (QByteArrayList{"a", "c", "f"}));
+    EXPECT_EQ(root.childCount(), 3);
 
     // A node with many children finds them through an index: every name still finds
     // its own child, and no other, as children come and go in any order.
     Node wide;
     std::map<QByteArray, Attribute*> model;
+    QByteArrayList order; // the names in the order their children were added
     const auto check = [&] {
-        ASSERT_EQ(namesOf(wide).size(), int(model.size()));
+        ASSERT_EQ(namesOf(wide), order);
+        ASSERT_EQ(wide.childCount(), int(model.size()));
         for (int i = 0; i < 400; ++i) {
             const QByteArray name = "n" + QByteArray::number(i);
             const auto it = model.find(name);
@@ -150,23 +159,28 @@ TEST(Node, ChildrenKeepInsertionOrderAndUniqueNames) {
     for (int i = 0; i < 300; ++i) {
         const QByteArray name = "n" + QByteArray::number(i);
         model[name] = new AttributeT<int>(&wide, name);
+        order.append(name);
     }
     check();
     for (int i = 0; i < 300; i += 1 + i % 3) {
         const QByteArray name = "n" + QByteArray::number(i);
         EXPECT_TRUE(wide.deleteAttribute(model[name]));
         model.erase(name);
+        order.removeOne(name);
     }
     for (int i = 350; i < 400; ++i) {
         const QByteArray name = "n" + QByteArray::number(i);
         model[name] = new AttributeT<int>(&wide, name);
+        order.append(name);
     }
     check();
     while (!model.empty()) {
         EXPECT_TRUE(wide.deleteAttribute(model.begin()->second));
+        order.removeOne(model.begin()->first);
         model.erase(model.begin());
     }
     model["n7"] = new AttributeT<int>(&wide, "n7");
+    order.append("n7");
     check();
 }
 
