@@ -1,9 +1,32 @@
 #include "Dovel/types/CodecPair.h"
 
 #include <cstring>
+#include <stdexcept>
 #include <utility>
 
 namespace Dovel {
+
+namespace {
+
+// What the distances are taken from; never a codec's call, so 0 stands for none. Both
+// ways between calls and distances are taken here, in this library, so that they agree
+// on where it lies.
+void anchor() {}
+
+// The distance of `call` from the anchor; 0 when null or too far for 32 bits.
+template <typename Call> int32_t distanceOf(Call call) {
+    if (!call)
+        return 0;
+    const int64_t distance =
+        int64_t(reinterpret_cast<intptr_t>(call)) - int64_t(reinterpret_cast<intptr_t>(&anchor));
+    return distance >= INT32_MIN && distance <= INT32_MAX ? int32_t(distance) : 0;
+}
+
+template <typename C> typename C::Invoke callAt(int32_t distance) {
+    return reinterpret_cast<typename C::Invoke>(reinterpret_cast<intptr_t>(&anchor) + distance);
+}
+
+} // namespace
 
 CodecPair::CodecPair(const CodecPair& other) {
     assign(other.serializer(), other.deserializer());
@@ -16,10 +39,9 @@ CodecPair& CodecPair::operator=(const CodecPair& other) {
 }
 
 CodecPair::~CodecPair() {
-    release();
+    if (isSplit())
+        delete split();
 }
-
-void CodecPair::anchor() {}
 
 bool CodecPair::isSplit() const {
     return writeAt == distanceOf(&splitWrite) || readAt == distanceOf(&splitRead);
@@ -31,16 +53,32 @@ CodecPair::Split* CodecPair::split() const {
     return held;
 }
 
+// The codec is called through a copy of its own (a box's count, or its bytes): what it
+// sets off may replace the pair's codecs, and with them the box, while it runs.
 void CodecPair::splitWrite(const void* held, BundleWriterCore& writer) {
     Split* pair = nullptr;
     std::memcpy(&pair, held, sizeof pair);
-    pair->serializer(writer);
+    const Serializer serializer = pair->serializer;
+    serializer(writer);
 }
 
 void CodecPair::splitRead(const void* held, BundleReaderCore& reader) {
     Split* pair = nullptr;
     std::memcpy(&pair, held, sizeof pair);
-    pair->deserializer(reader);
+    const Deserializer deserializer = pair->deserializer;
+    deserializer(reader);
+}
+
+void CodecPair::serialize(BundleWriterCore& writer) const {
+    if (!writeAt)
+        throw std::logic_error("CodecPair: no serializer");
+    callAt<Serializer>(writeAt)(storage, writer);
+}
+
+void CodecPair::deserialize(BundleReaderCore& reader) const {
+    if (!readAt)
+        throw std::logic_error("CodecPair: no deserializer");
+    callAt<Deserializer>(readAt)(storage, reader);
 }
 
 Serializer CodecPair::serializer() const {
@@ -65,32 +103,29 @@ void CodecPair::setDeserializer(Deserializer deserializer) {
 }
 
 void CodecPair::assign(Serializer serializer, Deserializer deserializer) {
-    release();
-    const int32_t writeCall = distanceOf(serializer.inlineCall());
-    const int32_t readCall = distanceOf(deserializer.inlineCall());
-    const bool inPlace = (writeCall || !serializer) && (readCall || !deserializer);
+    // The new state is made whole before the old one goes: a failed allocation leaves
+    // the pair as it was.
+    int32_t newWrite = distanceOf(serializer.inlineCall());
+    int32_t newRead = distanceOf(deserializer.inlineCall());
+    const bool inPlace = (newWrite || !serializer) && (newRead || !deserializer);
     const bool sameBytes =
         !serializer || !deserializer ||
         std::memcmp(serializer.heldBytes(), deserializer.heldBytes(), sizeof storage) == 0;
+    unsigned char newStorage[sizeof storage];
     if (inPlace && sameBytes) {
-        writeAt = writeCall;
-        readAt = readCall;
-        std::memcpy(storage, serializer ? serializer.heldBytes() : deserializer.heldBytes(),
-                    sizeof storage);
-        return;
+        std::memcpy(newStorage, serializer ? serializer.heldBytes() : deserializer.heldBytes(),
+                    sizeof newStorage);
+    } else {
+        Split* held = new Split{std::move(serializer), std::move(deserializer)};
+        std::memcpy(newStorage, &held, sizeof held);
+        newWrite = held->serializer ? distanceOf(&splitWrite) : 0;
+        newRead = held->deserializer ? distanceOf(&splitRead) : 0;
     }
-    Split* held = new Split{std::move(serializer), std::move(deserializer)};
-    std::memcpy(storage, &held, sizeof held);
-    writeAt = held->serializer ? distanceOf(&splitWrite) : 0;
-    readAt = held->deserializer ? distanceOf(&splitRead) : 0;
-}
-
-void CodecPair::release() {
-    if (isSplit())
-        delete split();
-    writeAt = 0;
-    readAt = 0;
-    std::memset(storage, 0, sizeof storage);
+    Split* const old = isSplit() ? split() : nullptr;
+    writeAt = newWrite;
+    readAt = newRead;
+    std::memcpy(storage, newStorage, sizeof storage);
+    delete old;
 }
 
 } // namespace Dovel

@@ -24,11 +24,10 @@ public:
 
     bool hasSerializer() const { return writeAt != 0; }
     bool hasDeserializer() const { return readAt != 0; }
-    // Calls the codec, which must be there.
-    void serialize(BundleWriterCore& writer) const { callAt<Serializer>(writeAt)(storage, writer); }
-    void deserialize(BundleReaderCore& reader) const {
-        callAt<Deserializer>(readAt)(storage, reader);
-    }
+    // Calls the codec; throws std::logic_error when there is none, which ends the
+    // bundle being read or written as a malformed value would.
+    void serialize(BundleWriterCore& writer) const;
+    void deserialize(BundleReaderCore& reader) const;
 
     Serializer serializer() const;
     Deserializer deserializer() const;
@@ -45,22 +44,8 @@ private:
     };
     static void splitWrite(const void* held, BundleWriterCore& writer);
     static void splitRead(const void* held, BundleReaderCore& reader);
-    // What the distances are taken from; never a codec's call, so 0 stands for none.
-    static void anchor();
-    // The distance of `call` from the anchor; 0 when null or too far for 32 bits.
-    template <typename Call> static int32_t distanceOf(Call call) {
-        if (!call)
-            return 0;
-        const int64_t distance = int64_t(reinterpret_cast<intptr_t>(call)) -
-                                 int64_t(reinterpret_cast<intptr_t>(&anchor));
-        return distance >= INT32_MIN && distance <= INT32_MAX ? int32_t(distance) : 0;
-    }
-    template <typename C> static typename C::Invoke callAt(int32_t distance) {
-        return reinterpret_cast<typename C::Invoke>(reinterpret_cast<intptr_t>(&anchor) + distance);
-    }
     bool isSplit() const;
     Split* split() const;
-    void release();
 
     int32_t writeAt = 0;
     int32_t readAt = 0;

@@ -81,7 +81,7 @@ private:
     uint32_t defineNext(uint32_t id, const QByteArray& name);
     // The symbol of the child entry `id` (0: no room), defined when it has none.
     uint32_t symbolOfChild(uint32_t id, const QByteArray& leaf);
-    // Fills bySymbol from the entries' values and clears sameAsIds (once).
+    // Binds each id below `next` to itself in both maps and clears sameAsIds (once).
     void leaveSameAsIds();
     // The id in `names` of the name bound to `symbol`, 0 when none.
     uint32_t idOf(uint32_t symbol) const {
@@ -109,8 +109,8 @@ private:
     // While only lookupOrDefine has bound names, each name came with the next symbol,
     // which is then also its id in `names` (the ids below `next` are bound): a tree's
     // registry needs neither of the maps below nor the cache miss of reading one for
-    // every symbol it turns into a name. The first define fills them and clears the flag
-    // for good.
+    // every symbol it turns into a name. The first define, or the first name that does
+    // not come with the next symbol, fills them and clears the flag for good.
     bool sameAsIds = true;
     // From symbol to the id of its name in `names`, and back (empty while sameAsIds).
     SymbolMap<uint32_t> bySymbol;

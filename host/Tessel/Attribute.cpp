@@ -9,6 +9,7 @@
 #include "Basalt/Trace.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 namespace Tessel {
@@ -78,7 +79,8 @@ Attribute::~Attribute() {
     const ListenerSnapshot& listeners = extras->listeners;
     for (std::size_t i = 0; i < listeners.size(); ++i)
         listeners.at(i).removed = true;
-    delete extras;
+    // Cleared first: what a dying listener lets go of may come back to this attribute.
+    delete std::exchange(extras, nullptr);
 }
 
 Attribute::ListenerSnapshot& Attribute::listenerList() {
@@ -88,10 +90,8 @@ Attribute::ListenerSnapshot& Attribute::listenerList() {
 }
 
 void Attribute::releaseEmptyExtras() {
-    if (extras && !extras->listeners && !extras->side) {
-        delete extras;
-        extras = nullptr;
-    }
+    if (extras && !extras->listeners && !extras->side)
+        delete std::exchange(extras, nullptr);
 }
 
 void Attribute::setSideTable(void* table) {

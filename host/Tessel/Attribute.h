@@ -148,18 +148,19 @@ protected:
     // delete its remaining children.
     virtual void aboutToBeDestroyed();
     bool isBeingDestroyed() const { return destroying; }
-    // A table a subclass keeps for the few attributes that need one (the value of each
-    // layer, once two hold one), in the block that holds the listeners: most attributes
-    // have neither, and one pointer serves both. Null until set; the subclass deletes
-    // what it set before it is destroyed, and sets null again when it lets it go.
-    void* sideTable() const { return extras ? extras->side : nullptr; }
-    void setSideTable(void* table);
     // For classes that join their host only once fully constructed (constructed with
     // Attribute()): sets the name and adds itself to `host` (when not null), logging a
     // warning if the host refuses.
     void attachTo(Node* host, const QByteArray& name);
 
 private:
+    template <typename T> friend class AttributeBaseT;
+    // The table of every layer of an AttributeBaseT (its one user), once two layers
+    // hold a value, in the block that holds the listeners: most attributes have
+    // neither, and one pointer serves both. Null until set; the owner deletes what it
+    // set before it is destroyed, and sets null again when it lets it go.
+    void* sideTable() const { return extras ? extras->side : nullptr; }
+    void setSideTable(void* table);
     friend class AttributeAlias;
     friend class Node;
     friend class ListenerHolder;

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <vector>
 
 using namespace Tessel;
@@ -76,6 +77,25 @@ TEST(AttributeListeners, AListenerMayDeleteItsAttribute) {
     auto* b = new AttributeT<int>;
     b->addListener([&] { delete b; }, Attribute::RoleChange);
     b->setValue(1, L2);
+
+    // What a listener holds may, as it goes with its dying attribute, reach back to it
+    // (and find nothing left to remove); a spilled value goes with it too.
+    struct ReachesBack {
+        Attribute* attribute = nullptr;
+        long id = 0;
+        bool removed = true;
+        ~ReachesBack() { removed = attribute->removeListener(id); }
+    };
+    auto* c = new AttributeT<int>;
+    c->setValue(1, Attribute::LayerDefault);
+    c->setValue(2, L2);
+    auto reach = std::make_shared<ReachesBack>();
+    reach->attribute = c;
+    reach->id = c->addListener([held = reach] {}, Attribute::RoleChange);
+    const std::weak_ptr<ReachesBack> watch = reach;
+    reach.reset();
+    delete c;
+    EXPECT_TRUE(watch.expired());
 }
 
 TEST(ListenerHolder, RemovesItsRegistrationsPerAttributeAndWhenDestroyed) {

@@ -97,3 +97,24 @@ TEST(CodecPair, EachCodecBehavesAsItDidAlone) {
         }
     }
 }
+
+// A deserializer may set off what replaces the pair's codecs while it runs (a listener
+// that deletes the attribute); it runs on with what it holds, and reads its value whole.
+TEST(CodecPair, ACodecMayReplaceThePairWhileItRuns) {
+    CodecPair pair;
+    int calls = 0;
+    const Deserializer skipping = [](BundleReaderCore& reader) { reader.readUInt32(); };
+    // Two pointers: kept in a box, which the pair keeps in a split of its own.
+    pair.setDeserializer([&pair, &skipping, calls = &calls](BundleReaderCore& reader) {
+        pair.assign(Serializer(), skipping);
+        reader.readUInt32();
+        ++*calls;
+    });
+    for (int round = 1; round <= 2; ++round) {
+        const Bundle bundle(BundleTest::packet(5, 1, 0, Bytes().word(7).data()));
+        BundleReader reader(bundle);
+        pair.deserialize(reader);
+        EXPECT_EQ(reader.pos(), BundleCore::HeaderSize + 4);
+    }
+    EXPECT_EQ(calls, 1); // the second round read past with the skipping one
+}
