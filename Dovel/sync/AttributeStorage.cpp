@@ -45,19 +45,26 @@ DovelSessionAttribute* AttributeStorage::bindReadSymbol(uint32_t readSymbol, con
     }
     if (boundNow)
         *boundNow = true;
-    DovelSessionAttribute* record = createLocked(path, localSymbol);
-    byReadSymbol.insert(readSymbol, heldAs(record));
+    uint32_t held = 0;
+    DovelSessionAttribute* record = createLocked(path, localSymbol, &held);
+    byReadSymbol.insert(readSymbol, held);
     return record;
 }
 
-DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, uint32_t symbol) {
+DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, uint32_t symbol,
+                                                      uint32_t* heldOut) {
     if (!symbol)
         symbol = node.symbolRegistry().lookupOrDefine(path);
-    if (DovelSessionAttribute* existing = at(byLocalSymbol.value(symbol)))
-        return existing;
+    if (const uint32_t known = byLocalSymbol.value(symbol)) {
+        if (heldOut)
+            *heldOut = known;
+        return at(known);
+    }
     records.emplace_back();
     DovelSessionAttribute* record = &records.back();
     const uint32_t held = uint32_t(records.size());
+    if (heldOut)
+        *heldOut = held;
     record->localSymbol = symbol;
     // The registry's reach only for a session that holds records for a good part of it:
     // pages follow what the records hold, not every name this side ever had.

@@ -80,8 +80,10 @@ public:
     int size() const;
 
 private:
-    // createByPath with the write lock held.
-    DovelSessionAttribute* createLocked(const QByteArray& path, uint32_t symbol);
+    // createByPath with the write lock held; `held`, when given, takes how the maps hold
+    // the record.
+    DovelSessionAttribute* createLocked(const QByteArray& path, uint32_t symbol,
+                                        uint32_t* held = nullptr);
     // The record a map holds as `held` (its index in `records` plus one); null for 0.
     DovelSessionAttribute* at(uint32_t held) const {
         return held ? const_cast<DovelSessionAttribute*>(&records[held - 1]) : nullptr;
