@@ -9,17 +9,162 @@
 #include "Basalt/Trace.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <thread>
 #include <utility>
 #include <vector>
 
 namespace Tessel {
 
-// Trees hold millions: a value attribute with a value of up to 12 bytes (a vector of
-// three floats, a string's pointer) fits an 80-byte heap block (AttributeT.cpp).
-static_assert(sizeof(void*) != 8 || sizeof(Attribute) <= 56,
-              "an attribute should stay in 56 bytes");
+// Trees hold millions: a value attribute with a value of up to 8 bytes (a float, a
+// string's pointer) fits a 64-byte heap block, one of up to 24 (a vector of three
+// floats) an 80-byte one (AttributeT.cpp).
+static_assert(sizeof(void*) != 8 || sizeof(Attribute) <= 48,
+              "an attribute should stay in 48 bytes");
 
-Attribute::Attribute() : destroying(false), detaching(false), isAlias(false) {}
+// One part of the listener table: the entries of the attributes whose address falls
+// to it, by open addressing at most half full, behind a spin lock held for a probe and
+// a copy. An entry moves when others come and go, so it is read by copying it out.
+struct Attribute::ListenerShard {
+    struct Slot {
+        const Attribute* key = nullptr; // null: free
+        ListenerSnapshot listeners;
+    };
+
+    void lock() {
+        while (locked.exchange(true, std::memory_order_acquire))
+            while (locked.load(std::memory_order_relaxed))
+                std::this_thread::yield();
+    }
+    void unlock() { locked.store(false, std::memory_order_release); }
+
+    std::size_t home(const Attribute* key) const {
+        const auto address = reinterpret_cast<std::uintptr_t>(key);
+        return std::size_t((address >> 4) * 0x9E3779B97F4A7C15ull >> 20) & (slots.size() - 1);
+    }
+    // The slot of `key`, or null (locked).
+    Slot* find(const Attribute* key) {
+        if (slots.empty())
+            return nullptr;
+        for (std::size_t at = home(key);; at = (at + 1) & (slots.size() - 1)) {
+            if (slots[at].key == key)
+                return &slots[at];
+            if (!slots[at].key)
+                return nullptr;
+        }
+    }
+    // Puts `next` as the entry of `key` (none when it is empty) and gives back what
+    // was there (locked; the caller lets it go unlocked).
+    ListenerSnapshot exchange(const Attribute* key, ListenerSnapshot next) {
+        if (Slot* slot = find(key)) {
+            std::swap(slot->listeners, next);
+            if (!slot->listeners)
+                erase(std::size_t(slot - slots.data()));
+            return next;
+        }
+        if (!next)
+            return next;
+        if (2 * (count + 1) > slots.size())
+            grow();
+        std::size_t at = home(key);
+        while (slots[at].key)
+            at = (at + 1) & (slots.size() - 1);
+        slots[at].key = key;
+        slots[at].listeners = std::move(next);
+        ++count;
+        return ListenerSnapshot();
+    }
+
+private:
+    // Frees slot `at`, moving back the entries after it that may not skip it
+    // (backward-shift deletion: no tombstones).
+    void erase(std::size_t at) {
+        const std::size_t mask = slots.size() - 1;
+        for (std::size_t next = (at + 1) & mask; slots[next].key; next = (next + 1) & mask) {
+            const std::size_t wanted = home(slots[next].key);
+            // Whether `wanted` lies cyclically in (at, next]: then it stays.
+            if (((next - wanted) & mask) < ((next - at) & mask))
+                continue;
+            slots[at] = std::move(slots[next]);
+            at = next;
+        }
+        slots[at] = Slot();
+        --count;
+    }
+    void grow() {
+        std::vector<Slot> old(std::max<std::size_t>(16, 2 * slots.size()));
+        old.swap(slots);
+        for (Slot& slot : old) {
+            if (!slot.key)
+                continue;
+            std::size_t at = home(slot.key);
+            while (slots[at].key)
+                at = (at + 1) & (slots.size() - 1);
+            slots[at] = std::move(slot);
+        }
+    }
+
+    std::atomic<bool> locked{false};
+    std::vector<Slot> slots;
+    std::size_t count = 0;
+};
+
+Attribute::ListenerShard& Attribute::listenerShard(const Attribute* attribute) {
+    // Apart, so that trees on different threads seldom wait for each other; never
+    // destroyed, since attributes may outlive static destruction.
+    constexpr std::size_t Shards = 64;
+    static ListenerShard* const shards = new ListenerShard[Shards];
+    const auto address = reinterpret_cast<std::uintptr_t>(attribute);
+    return shards[(address >> 4) * 0x9E3779B97F4A7C15ull >> 58];
+}
+
+Attribute::ListenerSnapshot* Attribute::listenerHome(bool) {
+    return nullptr;
+}
+
+Attribute::ListenerSnapshot Attribute::listeners() const {
+    if (!hasListeners)
+        return ListenerSnapshot();
+    if (!listenersInTable)
+        if (const ListenerSnapshot* home = const_cast<Attribute*>(this)->listenerHome(false))
+            return *home;
+    ListenerShard& shard = listenerShard(this);
+    shard.lock();
+    const ListenerShard::Slot* const slot = shard.find(this);
+    ListenerSnapshot copy = slot ? slot->listeners : ListenerSnapshot();
+    shard.unlock();
+    return copy;
+}
+
+Attribute::ListenerSnapshot Attribute::exchangeListeners(ListenerSnapshot next) {
+    if (!hasListeners && !next)
+        return next;
+    const bool any = bool(next);
+    if (!listenersInTable)
+        if (ListenerSnapshot* home = listenerHome(any)) {
+            std::swap(*home, next);
+            hasListeners = any;
+            return next;
+        }
+    ListenerShard& shard = listenerShard(this);
+    shard.lock();
+    ListenerSnapshot old;
+    try {
+        old = shard.exchange(this, std::move(next));
+    } catch (...) {
+        shard.unlock();
+        throw;
+    }
+    shard.unlock();
+    hasListeners = any;
+    listenersInTable = any;
+    return old;
+}
+
+Attribute::Attribute()
+    : serializable(true), destroying(false), detaching(false), isAlias(false), hasListeners(false),
+      listenersInTable(false), layersDefined(0), layersSpilled(false) {}
 
 Attribute::Attribute(Node* host, const QByteArray& name) : Attribute() {
     attachTo(host, name);
@@ -73,34 +218,18 @@ Attribute::BlockRef Attribute::ListenerSnapshot::share(std::size_t index) const 
 
 Attribute::~Attribute() {
     aboutToBeDestroyed();
-    if (!extras)
+    const ListenerSnapshot listeners = this->listeners();
+    if (!listeners)
         return;
     // Emissions still running over this attribute (a listener deleted it) skip the rest.
-    const ListenerSnapshot& listeners = extras->listeners;
     for (std::size_t i = 0; i < listeners.size(); ++i)
         listeners.at(i).removed = true;
-    // Cleared first: what a dying listener lets go of may come back to this attribute.
-    delete std::exchange(extras, nullptr);
+    // Taken out first: what a dying listener lets go of may come back to this attribute.
+    const ListenerSnapshot dying = exchangeListeners(ListenerSnapshot());
 }
 
-Attribute::ListenerSnapshot& Attribute::listenerList() {
-    if (!extras)
-        extras = new Extras;
-    return extras->listeners;
-}
-
-void Attribute::releaseEmptyExtras() {
-    if (extras && !extras->listeners && !extras->side)
-        delete std::exchange(extras, nullptr);
-}
-
-void Attribute::setSideTable(void* table) {
-    if (!extras && !table)
-        return;
-    if (!extras)
-        extras = new Extras;
-    extras->side = table;
-    releaseEmptyExtras();
+int Attribute::listenerCount() const {
+    return int(listeners().size());
 }
 
 thread_local Attribute::EndWatch* Attribute::endWatches __attribute__((tls_model("initial-exec"))) =
@@ -124,9 +253,13 @@ void Attribute::aboutToBeDestroyed() {
     emitDelete();
     // Holders forget this attribute now, the way a deletion listener of theirs would.
     // A deletion listener may have changed the listeners: they are read again.
-    for (std::size_t i = 0; extras && i < extras->listeners.size(); ++i)
-        if (ListenerHolder* holder = extras->listeners.at(i).holder)
+    for (std::size_t i = 0;; ++i) {
+        const ListenerSnapshot now = listeners();
+        if (i >= now.size())
+            break;
+        if (ListenerHolder* holder = now.at(i).holder)
             holder->forget(this);
+    }
     if (Node* node = asNode())
         node->forgetEventHolders();
     if (hostNode)
@@ -218,11 +351,11 @@ void Attribute::emitDelete() {
 }
 
 void Attribute::emitRole(int role) {
-    if (!extras || !extras->listeners)
-        return;
     // The snapshot keeps each entry (and its callback) alive while it runs, even if the
     // callback removes it or destroys this attribute; `removed` tells the rest to skip.
-    const ListenerSnapshot snapshot = extras->listeners;
+    const ListenerSnapshot snapshot = listeners();
+    if (!snapshot)
+        return;
     for (std::size_t i = 0, count = snapshot.size(); i < count; ++i) {
         Listener& listener = snapshot.at(i);
         if ((listener.roles & role) && !listener.removed)
@@ -242,9 +375,9 @@ long Attribute::addListener(std::function<void()> callback, int roleMask, Listen
     made->holder = holder;
     made->roles = roleMask;
     const long id = made->id;
-    ListenerSnapshot& listeners = listenerList();
+    const ListenerSnapshot listeners = this->listeners();
     if (!listeners) {
-        listeners = ListenerSnapshot(std::move(listener));
+        exchangeListeners(ListenerSnapshot(std::move(listener)));
         return id;
     }
     // Ids only grow, so the new one goes last.
@@ -254,14 +387,14 @@ long Attribute::addListener(std::function<void()> callback, int roleMask, Listen
     for (std::size_t i = 0; i < listeners.size(); ++i)
         table->entries.push_back(listeners.share(i));
     table->entries.push_back(std::move(listener));
-    listeners = ListenerSnapshot(std::move(tableRef));
+    exchangeListeners(ListenerSnapshot(std::move(tableRef)));
     return id;
 }
 
 template <typename Keep> void Attribute::replaceListeners(Keep keep) {
-    if (!extras)
+    const ListenerSnapshot listeners = this->listeners();
+    if (!listeners)
         return;
-    ListenerSnapshot& listeners = extras->listeners;
     std::size_t kept = 0;
     for (std::size_t i = 0; i < listeners.size(); ++i)
         kept += keep(listeners.at(i));
@@ -279,18 +412,15 @@ template <typename Keep> void Attribute::replaceListeners(Keep keep) {
             only = listeners.share(i);
     }
     if (table)
-        listeners = ListenerSnapshot(std::move(tableRef));
+        exchangeListeners(ListenerSnapshot(std::move(tableRef)));
     else if (only)
-        listeners = ListenerSnapshot(std::move(only));
+        exchangeListeners(ListenerSnapshot(std::move(only)));
     else
-        listeners = ListenerSnapshot();
-    releaseEmptyExtras();
+        exchangeListeners(ListenerSnapshot());
 }
 
 bool Attribute::removeListener(long id) {
-    if (!extras)
-        return false;
-    const ListenerSnapshot& listeners = extras->listeners;
+    const ListenerSnapshot listeners = this->listeners();
     std::size_t found = 0;
     while (found < listeners.size() && listeners.at(found).id != id)
         ++found;
@@ -308,9 +438,7 @@ bool Attribute::removeListener(long id) {
 }
 
 bool Attribute::hasListenersOf(const ListenerHolder* holder) const {
-    if (!extras)
-        return false;
-    const ListenerSnapshot& listeners = extras->listeners;
+    const ListenerSnapshot listeners = this->listeners();
     for (std::size_t i = 0; i < listeners.size(); ++i)
         if (listeners.at(i).holder == holder)
             return true;

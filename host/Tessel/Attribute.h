@@ -131,7 +131,10 @@ public:
     long addListener(std::function<void()> callback, int roleMask);
     // False when the id is not registered on this attribute.
     bool removeListener(long id);
-    int listenerCount() const { return extras ? int(extras->listeners.size()) : 0; }
+    int listenerCount() const;
+
+    void setSerializable(bool serializable) override { this->serializable = serializable; }
+    bool isSerializable() const override { return serializable; }
 
     // The one observer that hears this attribute's changes (and, for a node, its
     // children coming and going; see TreeObserver), with the number it knows the
@@ -154,13 +157,8 @@ protected:
     void attachTo(Node* host, const QByteArray& name);
 
 private:
+    // Keeps its layer bits here (layersDefined, layersSpilled).
     template <typename T> friend class AttributeBaseT;
-    // The table of every layer of an AttributeBaseT (its one user), once two layers
-    // hold a value, in the block that holds the listeners: most attributes have
-    // neither, and one pointer serves both. Null until set; the owner deletes what it
-    // set before it is destroyed, and sets null again when it lets it go.
-    void* sideTable() const { return extras ? extras->side : nullptr; }
-    void setSideTable(void* table);
     friend class AttributeAlias;
     friend class Node;
     friend class ListenerHolder;
@@ -228,6 +226,10 @@ private:
         }
         BlockRef entries;
     };
+    // Where the class keeps this attribute's listeners when it has room for them (made
+    // when `make`, else null when there is none); null: in the process's table. Asked
+    // only while listeners come, go or run.
+    virtual ListenerSnapshot* listenerHome(bool make);
     // Tells a caller up the stack whether the attribute began to be destroyed while it
     // lived (by a callback the caller made). Attributes live on one thread, so the
     // thread's chain of these is all a dying attribute has to check.
@@ -256,18 +258,35 @@ private:
     bool hasListenersOf(const ListenerHolder* holder) const;
     // Replaces the table by its entries that `keep` accepts (null when none is left).
     template <typename Keep> void replaceListeners(Keep keep);
-    // The listeners, made when there are none yet.
-    ListenerSnapshot& listenerList();
-    // Lets the extras go once they hold nothing.
-    void releaseEmptyExtras();
+    // Listeners are kept out of the attribute: few attributes of a large tree have any,
+    // and a pointer in each would cost them all 8 bytes (a float attribute would no
+    // longer fit a 64-byte heap block). A value attribute keeps them in the block that
+    // holds its layers (listenerHome); others, and those that got listeners while
+    // being constructed, in a table by address shared by the process (ListenerShard,
+    // one of several locked apart). Either is read by a copy of the snapshot, and
+    // replaced whole.
+    struct ListenerShard;
+    static ListenerShard& listenerShard(const Attribute* attribute);
+    // The listeners (an empty snapshot when there are none).
+    ListenerSnapshot listeners() const;
+    // Makes `next` the listeners (an empty one: none) and gives back the snapshot
+    // that was, for the caller to let go with no lock held.
+    ListenerSnapshot exchangeListeners(ListenerSnapshot next);
 
-    // The flags and the observer's slot come first so that they fill the padding after
-    // Serializable's own flag: a tree holds millions of attributes.
-    bool destroying : 1;
-    bool detaching : 1; // the host is notifying its removal
+    // Every flag in the two bytes after the vtable pointer, beside the observer's slot
+    // and number: a tree holds millions of attributes.
+    uint16_t serializable : 1;
+    uint16_t destroying : 1;
+    uint16_t detaching : 1; // the host is notifying its removal
     // Set while an AttributeAlias part exists (its constructor body to its destructor's
     // end), as a dynamic_cast would find it: resolving aliases is on every path lookup.
-    bool isAlias : 1;
+    uint16_t isAlias : 1;
+    uint16_t hasListeners : 1;
+    uint16_t listenersInTable : 1; // in the process's table rather than a listenerHome
+    // AttributeBaseT's: which storage layers hold a value, and whether they are kept
+    // in a table of every layer.
+    uint16_t layersDefined : 6;
+    uint16_t layersSpilled : 1;
     uint16_t observerSlot = 0; // TreeObserver::inSlot; 0: none
     uint32_t observedNumber = 0;
     QByteArray attributeName;
@@ -277,13 +296,6 @@ private:
     // first child's previousSibling is the last child (Node keeps no pointer to it).
     Attribute* previousSibling = nullptr;
     Attribute* nextSibling = nullptr;
-    // What few attributes have: listeners, a subclass's side table. Owned; null when
-    // neither is there.
-    struct Extras {
-        ListenerSnapshot listeners;
-        void* side = nullptr;
-    };
-    Extras* extras = nullptr;
 };
 
 } // namespace Tessel

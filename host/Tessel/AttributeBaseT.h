@@ -20,8 +20,10 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <optional>
 #include <type_traits>
+#include <utility>
 
 namespace Tessel {
 
@@ -56,23 +58,37 @@ public:
     AttributeBaseT(Node* host, const QByteArray& name) : Attribute(host, name) {}
     // The default value is stored on layer 0 without firing a change.
     AttributeBaseT(Node* host, const QByteArray& name, const T& defaultValue)
-        : Attribute(host, name), current(defaultValue), defined(bit(LayerDefault)) {}
+        : Attribute(host, name), store(defaultValue) {
+        setDefined(bit(LayerDefault));
+    }
     ~AttributeBaseT() override {
         aboutToBeDestroyed();
-        dropLayers();
+        if (layersSpilled && hasListeners && !listenersInTable) {
+            // Emissions still running over this attribute (a listener deleted it) skip
+            // the rest; what a dying listener lets go of may come back to it, and finds
+            // it without listeners and with its value.
+            const ListenerSnapshot dying = std::move(store.table->listeners);
+            hasListeners = false;
+            for (std::size_t i = 0; i < dying.size(); ++i)
+                dying.at(i).removed = true;
+        }
+        if (layersSpilled)
+            delete store.table;
+        else
+            store.current.~T();
     }
 
     // The effective value; what serializers read.
-    const T& value() const { return current; }
+    const T& value() const { return layersSpilled ? store.table->current : store.current; }
 
     // The value stored on `layer` (LayerCurrent: the effective value); null when the
     // layer holds none.
     const T* valueOnLayer(Layer layer) const {
         if (layer == LayerCurrent)
-            return &current;
-        if (!isStorageLayer(layer) || !(defined & bit(layer)))
+            return &value();
+        if (!isStorageLayer(layer) || !(defined() & bit(layer)))
             return nullptr;
-        return spilled ? &*(*layers())[size_t(layer)] : &current;
+        return layersSpilled ? &*store.table->layers[size_t(layer)] : &store.current;
     }
 
     // Stores `value` on a storage layer; LayerCurrent or an invalid layer is refused
@@ -84,41 +100,41 @@ public:
                                    int(layer), name().constData());
             return;
         }
-        if (!spilled && (defined == 0 || defined == bit(layer))) {
+        if (!layersSpilled && (defined() == 0 || defined() == bit(layer))) {
             // The only layer with a value: it is the effective value. An equal value that
             // is not the same (which changes nothing) is kept as written, in the table.
-            if (Detail::identicalValue(value, current)) {
-                defined = bit(layer);
+            if (Detail::identicalValue(value, store.current)) {
+                setDefined(bit(layer));
                 return;
             }
-            if (!Detail::sameValue(value, current)) {
-                defined = bit(layer);
-                current = value;
+            if (!Detail::sameValue(value, store.current)) {
+                setDefined(bit(layer));
+                store.current = value;
                 emitChange();
                 return;
             }
         }
-        if (!spilled)
+        if (!layersSpilled)
             spill();
-        (*layers())[size_t(layer)] = value;
-        defined |= bit(layer);
+        store.table->layers[size_t(layer)] = value;
+        setDefined(defined() | bit(layer));
         refresh();
     }
 
-    bool isChanged() const override { return (defined & ~bit(LayerDefault)) != 0; }
+    bool isChanged() const override { return (defined() & ~bit(LayerDefault)) != 0; }
 
     bool isValueDefinedOnLayer(Layer layer) const override {
         if (layer == LayerCurrent)
-            return defined != 0;
-        return isStorageLayer(layer) && (defined & bit(layer));
+            return defined() != 0;
+        return isStorageLayer(layer) && (defined() & bit(layer));
     }
 
     void clearValue(Layer layer) override {
-        if (!isStorageLayer(layer) || !(defined & bit(layer)))
+        if (!isStorageLayer(layer) || !(defined() & bit(layer)))
             return;
-        defined &= uint8_t(~bit(layer));
-        if (spilled)
-            (*layers())[size_t(layer)].reset();
+        setDefined(defined() & uint8_t(~bit(layer)));
+        if (layersSpilled)
+            store.table->layers[size_t(layer)].reset();
         refresh();
     }
 
@@ -134,8 +150,16 @@ public:
     }
 
     void setAsDefaults() override {
-        dropLayers();
-        defined = bit(LayerDefault);
+        if (layersSpilled && hasListeners && !listenersInTable) {
+            // The block stays for its listeners, with the one layer.
+            Spilled& table = *store.table;
+            for (std::optional<T>& layer : table.layers)
+                layer.reset();
+            table.layers[size_t(LayerDefault)] = table.current;
+        } else {
+            dropLayers();
+        }
+        setDefined(bit(LayerDefault));
     }
 
 protected:
@@ -143,30 +167,66 @@ protected:
 
 private:
     using Layers = std::array<std::optional<T>, LayerCount>;
+    // Once two layers hold a value, or a listener comes: every layer's value, the
+    // effective value and the listeners.
+    struct Spilled {
+        Layers layers;
+        T current{};
+        ListenerSnapshot listeners;
+    };
+    // Until spilled (Attribute::layersSpilled), the effective value itself, which is
+    // then also the one stored value: at most one layer bit is set, and that layer
+    // holds exactly this, and there are no listeners. Most attributes hold a value on one layer
+    // only, and a table of every layer would double or triple their size; a table kept where the
+    // value was costs the attribute no pointer of its own.
+    union Store {
+        Store() : current() {}
+        explicit Store(const T& value) : current(value) {}
+        ~Store() {}
+        T current;
+        Spilled* table;
+    };
 
     static uint8_t bit(Layer layer) { return uint8_t(1u << unsigned(layer)); }
+    // One bit per storage layer holding a value (kept in Attribute's flags).
+    uint8_t defined() const { return uint8_t(layersDefined); }
+    void setDefined(uint8_t bits) { layersDefined = bits & ((1u << LayerCount) - 1); }
 
-    // The table of every layer, once spilled: the attribute's side table.
-    Layers* layers() const { return static_cast<Layers*>(sideTable()); }
-
-    // Moves the one stored value (kept as `current`) into a table of every layer, from
-    // where a second layer on the same attribute is stored.
+    // Moves the one stored value into a table of every layer, from where a second layer
+    // on the same attribute is stored.
     void spill() {
-        auto table = std::make_unique<Layers>();
+        auto table = std::make_unique<Spilled>();
         for (int layer = LayerDefault; layer < LayerCount; ++layer)
-            if (defined & bit(Layer(layer)))
-                (*table)[size_t(layer)] = current;
-        setSideTable(table.get());
-        table.release();
-        spilled = true;
+            if (defined() & bit(Layer(layer)))
+                table->layers[size_t(layer)] = store.current;
+        table->current = std::move(store.current);
+        store.current.~T();
+        store.table = table.release();
+        layersSpilled = true;
     }
 
+    ListenerSnapshot* listenerHome(bool make) override {
+        if (!layersSpilled) {
+            if (!make)
+                return nullptr;
+            spill();
+        }
+        return &store.table->listeners;
+    }
+
+    // Back to the effective value alone (the layer bits are the caller's to set); not
+    // while the block holds listeners.
     void dropLayers() {
-        if (!spilled)
+        if (!layersSpilled)
             return;
-        Layers* table = layers();
-        spilled = false;
-        setSideTable(nullptr);
+        Spilled* const table = store.table;
+        try {
+            new (&store.current) T(std::move_if_noexcept(table->current));
+        } catch (...) {
+            store.table = table;
+            throw;
+        }
+        layersSpilled = false;
         delete table;
     }
 
@@ -174,21 +234,16 @@ private:
     void refresh() {
         const T* top = nullptr;
         for (int layer = LayerCount - 1; layer >= LayerDefault && !top; --layer)
-            if (defined & bit(Layer(layer)))
-                top = spilled ? &*(*layers())[size_t(layer)] : &current;
-        if (top ? Detail::sameValue(*top, current) : Detail::sameValue(T{}, current))
+            if (defined() & bit(Layer(layer)))
+                top = layersSpilled ? &*store.table->layers[size_t(layer)] : &store.current;
+        T& now = layersSpilled ? store.table->current : store.current;
+        if (top ? Detail::sameValue(*top, now) : Detail::sameValue(T{}, now))
             return;
-        current = top ? *top : T{};
+        now = top ? *top : T{};
         emitChange();
     }
 
-    // One bit per storage layer holding a value. Until `spilled` (a table of every layer
-    // kept as the side table), at most one bit is set and that layer's value is exactly
-    // `current`: most attributes hold a value on one layer only, and a table of every
-    // layer would double or triple their size.
-    T current{};
-    uint8_t defined = 0;
-    bool spilled = false;
+    Store store;
 };
 
 } // namespace Tessel

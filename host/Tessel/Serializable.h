@@ -1,6 +1,7 @@
 // Base of every object of the tree that an archive may write. Only the opt-out flag is
-// kept here: internal attributes (tuple components) are marked not serializable so that
-// an archive writer skips them. Lives on the tree thread.
+// asked here: internal attributes (tuple components) are marked not serializable so that
+// an archive writer skips them. The flag is the subclass's to keep (an attribute keeps
+// it beside its other bits: a tree holds millions). Lives on the tree thread.
 #pragma once
 
 namespace Tessel {
@@ -12,11 +13,9 @@ public:
     Serializable(const Serializable&) = delete;
     Serializable& operator=(const Serializable&) = delete;
 
-    void setSerializable(bool serializable) { this->serializable = serializable; }
-    bool isSerializable() const { return serializable; }
-
-private:
-    bool serializable = true;
+    // True until set otherwise.
+    virtual void setSerializable(bool serializable) = 0;
+    virtual bool isSerializable() const = 0;
 };
 
 } // namespace Tessel

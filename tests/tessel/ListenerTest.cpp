@@ -98,6 +98,66 @@ TEST(AttributeListeners, AListenerMayDeleteItsAttribute) {
     EXPECT_TRUE(watch.expired());
 }
 
+// A value attribute keeps its listeners with its layers, a node and an attribute that
+// got them while being constructed in the process's table: either way they hear every
+// change, across layers coming and going, until they are removed or the attribute dies.
+TEST(AttributeListeners, ListenersStayWithTheirAttributeWhereverKept) {
+    Node root;
+    Node* node = new Node(&root, "n");
+    long early = -1;
+    int earlyCalls = 0;
+    root.eventAddListenerBd(
+        "attribute-added",
+        [&](Basalt::BinaryData& data) {
+            QByteArray name;
+            if (data.readString(name) && name == "early")
+                early =
+                    root.attribute(name)->addListener([&] { ++earlyCalls; }, Attribute::RoleChange);
+        },
+        Node::Direct);
+    auto* made = new AttributeT<float>(&root, "early"); // heard while being constructed
+    auto* plain = new AttributeT<float>(&root, "plain", 1.0f);
+    int plainCalls = 0, nodeCalls = 0;
+    const long plainId = plain->addListener([&] { ++plainCalls; }, Attribute::RoleChange);
+    node->addListener([&] { ++nodeCalls; }, Attribute::RoleChange);
+
+    for (AttributeT<float>* a : {made, plain}) {
+        a->setValue(2.0f, L2); // a second layer
+        a->setAsDefaults();    // back to one
+        a->setValue(3.0f, L2); // and a second again
+        a->clearValue(L2);     // the defaults show: 2
+        EXPECT_EQ(a->value(), 2.0f);
+        EXPECT_EQ(a->listenerCount(), 1);
+    }
+    EXPECT_EQ(earlyCalls, 3);
+    EXPECT_EQ(plainCalls, 3);
+    node->emitChange();
+    EXPECT_EQ(nodeCalls, 1);
+
+    EXPECT_TRUE(made->removeListener(early));
+    EXPECT_TRUE(plain->removeListener(plainId));
+    EXPECT_FALSE(plain->removeListener(plainId));
+    made->setValue(5.0f, L2);
+    plain->setValue(5.0f, L2);
+    EXPECT_EQ(earlyCalls + plainCalls, 6);
+    EXPECT_EQ(made->listenerCount() + plain->listenerCount(), 0);
+
+    // Many attributes with listeners, dying in another order than they came: each
+    // hears its own changes only.
+    std::vector<std::unique_ptr<AttributeT<int>>> many;
+    std::vector<int> heard(2000, 0);
+    for (int i = 0; i < 2000; ++i) {
+        many.push_back(std::make_unique<AttributeT<int>>());
+        many.back()->addListener([&heard, i] { ++heard[size_t(i)]; }, Attribute::RoleChange);
+    }
+    for (int i = 0; i < 2000; i += 2)
+        many[size_t(i)].reset();
+    for (int i = 1; i < 2000; i += 2)
+        many[size_t(i)]->setValue(i, L2);
+    for (int i = 0; i < 2000; ++i)
+        EXPECT_EQ(heard[size_t(i)], i % 2) << i;
+}
+
 TEST(ListenerHolder, RemovesItsRegistrationsPerAttributeAndWhenDestroyed) {
     Node node;
     auto* a = new AttributeT<int>(&node, "a");
