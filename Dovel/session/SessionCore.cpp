@@ -303,7 +303,7 @@ void SessionCore::removeUnannounced(Tessel::Node& under) {
         if (!(remoteNode.syncFlags().getFlags(symbol) & SyncFlags::Sync))
             continue;
         const DovelSessionAttribute* record = attributeStorage->findByLocalSymbol(symbol);
-        if (!record || record->readSymbol == 0)
+        if (!record || !record->announcedByPeer)
             under.deleteAttribute(child);
     }
 }

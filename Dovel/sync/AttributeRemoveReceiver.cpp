@@ -50,8 +50,8 @@ void AttributeRemoveReceiver::handleBundle(BundleReader& reader) {
             sender.stopIgnoring(echo);
             removeEmptyCreated(host);
         }
-        sa->lastReceivedSequence = 0;
-        sa->typeCode = 0;
+        sa->valueReceived = false;
+        sa->setTypeCode(0);
         sa->codecs.setDeserializer(skippingDeserializer(sa->fixedSize));
         sa->removedByPeer = true;
         sa->lastSentSequence = 0;

@@ -105,8 +105,9 @@ void AttributeStorage::debugDump() const {
             continue;
         }
         QByteArray state = QByteArray(" [local ") + QByteArray::number(record.localSymbol) +
-                           " read " + QByteArray::number(record.readSymbol) + " type " +
-                           QByteArray::number(record.typeCode) + "]";
+                           " type " + QByteArray::number(record.typeCode()) + "]";
+        if (record.announcedByPeer)
+            state += " announced";
         if (!record.localOrigin)
             state += " peer-created";
         if (record.removedByPeer)

@@ -48,7 +48,7 @@ void AttributeUpdateReceiver::handleBundle(BundleReader& reader) {
                 writeRules->refuse(sender.pathOf(*sa));
             }
         }
-        sa->lastReceivedSequence = sequence;
+        sa->valueReceived = sequence != 0;
     }
 }
 

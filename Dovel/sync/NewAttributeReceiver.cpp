@@ -185,8 +185,8 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
     const bool ownPath = boundNow || node.symbolRegistry().isNameOf(sa->localSymbol, path);
     if (ownPath)
         peerSymbols.settle(symbol, sa->localSymbol);
-    sa->readSymbol = symbol;
-    sa->typeCode = typeCode;
+    sa->announcedByPeer = true;
+    sa->setTypeCode(typeCode);
     sa->fixedSize = std::min(fixedSize, DovelSessionAttribute::MaxFixedSize);
     sa->removedByPeer = false;
 
@@ -255,7 +255,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         sa->codecs.setDeserializer(skippingDeserializer(fixedSize));
         if (hasValue) {
             if (apply) {
-                sa->lastReceivedSequence = sequence;
+                sa->valueReceived = sequence != 0;
                 deserializer(reader);
                 created->setAsDefaults();
             } else {
@@ -309,7 +309,7 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
         }
         return;
     }
-    sa->lastReceivedSequence = sequence;
+    sa->valueReceived = sequence != 0;
     sender.applyWithoutEcho(sa->localSymbol, [&] { sa->codecs.deserialize(reader); });
 }
 

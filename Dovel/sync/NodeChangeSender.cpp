@@ -149,7 +149,7 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
 // Values of the peer still under way must be read past, not applied to a dead object.
 void NodeChangeSender::forgetLocalAttribute(DovelSessionAttribute& sa) {
     sa.codecs.assign(Serializer(), skippingDeserializer(sa.fixedSize));
-    sa.lastReceivedSequence = 0;
+    sa.valueReceived = false;
     sa.removedLocally = true;
 }
 
@@ -520,8 +520,8 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* a
                              sa.localSymbol);
         return;
     }
-    if (sa.removedLocally && sa.typeCode != 0) {
-        sa.codecs.setDeserializer(types.createDeserializer(sa.typeCode, attribute));
+    if (sa.removedLocally && sa.typeCode() != 0) {
+        sa.codecs.setDeserializer(types.createDeserializer(sa.typeCode(), attribute));
         if (!sa.codecs.hasDeserializer()) {
             Basalt::Trace::error("NodeChangeSender::sendAdded # Tried to recreate a deserializer "
                                  "but failed. Will set it to null deserializer");
@@ -541,8 +541,8 @@ void NodeChangeSender::sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* a
     // bare announcement would be read as the answer to one of its own).
     const bool peerLacksIt = sa.removedByPeer;
     sa.removedByPeer = false;
-    const bool hasValue = withValue || sa.removedLocally || peerLacksIt ||
-                          (sa.localOrigin && sa.lastReceivedSequence == 0);
+    const bool hasValue =
+        withValue || sa.removedLocally || peerLacksIt || (sa.localOrigin && !sa.valueReceived);
     writer.writeUInt32s({sa.localSymbol, typeCode, fixedSize, hasValue ? 1u : 0u});
     if (hasValue) {
         const uint32_t valueStart = writer.pos();

@@ -46,4 +46,8 @@ enum TypeCode : uint32_t {
     SizeICode = 52,
 };
 
+// Every code is below this: a session record keeps a peer's code in a byte, the codes
+// above as one no type has (DovelSessionAttribute).
+constexpr uint32_t TypeCodeLimit = 255;
+
 } // namespace Dovel

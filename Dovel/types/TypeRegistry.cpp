@@ -13,6 +13,8 @@
 #include "Basalt/Trace.h"
 
 #include <memory>
+#include <stdexcept>
+#include <string>
 
 #include <QStringList>
 #include <QVector>
@@ -46,6 +48,9 @@ TypeRegistry& TypeRegistry::operator=(TypeRegistry&&) noexcept = default;
 TypeRegistry::~TypeRegistry() = default;
 
 void TypeRegistry::add(Entry entry) {
+    if (entry.code >= TypeCodeLimit)
+        throw std::logic_error("TypeRegistry::add # a type code of " + std::to_string(entry.code) +
+                               " is not below the limit");
     // What the factory makes may be a class of its own (enumerations arrive as ints).
     madeClasses.erase(entry.code);
     if (entry.create)
