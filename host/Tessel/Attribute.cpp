@@ -6,6 +6,7 @@
 #include "Tessel/ListenerId.h"
 #include "Tessel/TreeObserver.h"
 
+#include "Basalt/PointerMap.h"
 #include "Basalt/Trace.h"
 
 #include <algorithm>
@@ -24,14 +25,9 @@ static_assert(sizeof(void*) != 8 || sizeof(Attribute) <= 48,
               "an attribute should stay in 48 bytes");
 
 // One part of the listener table: the entries of the attributes whose address falls
-// to it, by open addressing at most half full, behind a spin lock held for a probe and
-// a copy. An entry moves when others come and go, so it is read by copying it out.
+// to it, behind a spin lock held for a probe and a copy. An entry moves when others
+// come and go, so it is read by copying it out.
 struct Attribute::ListenerShard {
-    struct Slot {
-        const Attribute* key = nullptr; // null: free
-        ListenerSnapshot listeners;
-    };
-
     void lock() {
         while (locked.exchange(true, std::memory_order_acquire))
             while (locked.load(std::memory_order_relaxed))
@@ -39,75 +35,20 @@ struct Attribute::ListenerShard {
     }
     void unlock() { locked.store(false, std::memory_order_release); }
 
-    std::size_t home(const Attribute* key) const {
-        const auto address = reinterpret_cast<std::uintptr_t>(key);
-        return std::size_t((address >> 4) * 0x9E3779B97F4A7C15ull >> 20) & (slots.size() - 1);
-    }
-    // The slot of `key`, or null (locked).
-    Slot* find(const Attribute* key) {
-        if (slots.empty())
-            return nullptr;
-        for (std::size_t at = home(key);; at = (at + 1) & (slots.size() - 1)) {
-            if (slots[at].key == key)
-                return &slots[at];
-            if (!slots[at].key)
-                return nullptr;
-        }
-    }
     // Puts `next` as the entry of `key` (none when it is empty) and gives back what
     // was there (locked; the caller lets it go unlocked).
     ListenerSnapshot exchange(const Attribute* key, ListenerSnapshot next) {
-        if (Slot* slot = find(key)) {
-            std::swap(slot->listeners, next);
-            if (!slot->listeners)
-                erase(std::size_t(slot - slots.data()));
-            return next;
-        }
-        if (!next)
-            return next;
-        if (2 * (count + 1) > slots.size())
-            grow();
-        std::size_t at = home(key);
-        while (slots[at].key)
-            at = (at + 1) & (slots.size() - 1);
-        slots[at].key = key;
-        slots[at].listeners = std::move(next);
-        ++count;
-        return ListenerSnapshot();
-    }
-
-private:
-    // Frees slot `at`, moving back the entries after it that may not skip it
-    // (backward-shift deletion: no tombstones).
-    void erase(std::size_t at) {
-        const std::size_t mask = slots.size() - 1;
-        for (std::size_t next = (at + 1) & mask; slots[next].key; next = (next + 1) & mask) {
-            const std::size_t wanted = home(slots[next].key);
-            // Whether `wanted` lies cyclically in (at, next]: then it stays.
-            if (((next - wanted) & mask) < ((next - at) & mask))
-                continue;
-            slots[at] = std::move(slots[next]);
-            at = next;
-        }
-        slots[at] = Slot();
-        --count;
-    }
-    void grow() {
-        std::vector<Slot> old(std::max<std::size_t>(16, 2 * slots.size()));
-        old.swap(slots);
-        for (Slot& slot : old) {
-            if (!slot.key)
-                continue;
-            std::size_t at = home(slot.key);
-            while (slots[at].key)
-                at = (at + 1) & (slots.size() - 1);
-            slots[at] = std::move(slot);
-        }
+        const ListenerSnapshot* found = entries.find(key);
+        ListenerSnapshot old = found ? *found : ListenerSnapshot();
+        if (next)
+            entries.insert(key, std::move(next));
+        else
+            entries.erase(key);
+        return old;
     }
 
     std::atomic<bool> locked{false};
-    std::vector<Slot> slots;
-    std::size_t count = 0;
+    Basalt::PointerMap<const Attribute, ListenerSnapshot> entries;
 };
 
 Attribute::ListenerShard& Attribute::listenerShard(const Attribute* attribute) {
@@ -131,8 +72,8 @@ Attribute::ListenerSnapshot Attribute::listeners() const {
             return *home;
     ListenerShard& shard = listenerShard(this);
     shard.lock();
-    const ListenerShard::Slot* const slot = shard.find(this);
-    ListenerSnapshot copy = slot ? slot->listeners : ListenerSnapshot();
+    const ListenerSnapshot* const found = shard.entries.find(this);
+    ListenerSnapshot copy = found ? *found : ListenerSnapshot();
     shard.unlock();
     return copy;
 }
