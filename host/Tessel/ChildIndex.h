@@ -10,8 +10,9 @@
 // change while they are indexed and must differ from each other (a node's children do,
 // and keep theirs).
 //
-// It also counts the node's children, indexed or not: once the index exists it holds
-// every one of them, so one counter serves both, in every node of a tree.
+// It also counts the node's children once it exists (it then holds every one of them);
+// a node without an index has few and counts them itself. The count and the size sit
+// in front of the slots, in one block: a node of a large tree keeps one pointer here.
 //
 // Not thread-safe; the node's owner uses it on one thread.
 #pragma once
@@ -31,33 +32,49 @@ public:
     ChildIndex() = default;
     ChildIndex(const ChildIndex&) = delete;
     ChildIndex& operator=(const ChildIndex&) = delete;
+    ~ChildIndex();
 
     // Whether there is no index (a node with few children scans them).
     bool isEmpty() const { return !table; }
-    // The node's children, indexed or not.
-    uint32_t children() const { return listed; }
-    void childListed() { ++listed; }
-    void childUnlisted() { --listed; }
+    // The node's children, once indexed.
+    uint32_t children() const { return table ? table->listed : 0; }
+    // A child was listed or unlisted: counted while there is an index.
+    void childListed() {
+        if (table)
+            ++table->listed;
+    }
+    void childUnlisted() {
+        if (table)
+            --table->listed;
+    }
     // The indexed child named `name`, or null.
     Attribute* find(const QByteArray& name) const;
+    // Makes the index for `listed` children, counted by the node, before it inserts
+    // them; room for all of them without growing.
+    void create(uint32_t listed);
     // Indexes `child`, counted already, under its name, which no indexed child has.
     void insert(Attribute* child);
     // Forgets the child named `name`, uncounted already; false when none is indexed.
-    // The table goes with the last child.
+    // The index goes with the last child.
     bool remove(const QByteArray& name);
-    // Room for `children` without growing.
-    void reserve(std::size_t children);
 
 private:
+    // The block's header; the entries (slots) follow it.
+    struct Table {
+        uint32_t mask;
+        uint32_t listed;
+    };
+    static Attribute** entriesOf(Table* table) { return reinterpret_cast<Attribute**>(table + 1); }
+    Attribute** entries() const { return entriesOf(table); }
     std::size_t homeOf(const QByteArray& name) const;
-    std::size_t capacity() const { return std::size_t(mask) + 1; }
+    std::size_t capacity() const { return std::size_t(table->mask) + 1; }
+    // A new table of `size` slots (a power of two) with the children of the old one.
     void rehash(std::size_t size);
     // Puts `child` in the first free slot from its home; the table has room.
     void place(Attribute* child);
+    static void release(Table* table);
 
-    std::unique_ptr<Attribute*[]> table;
-    uint32_t mask = 0;
-    uint32_t listed = 0;
+    Table* table = nullptr; // owned
 };
 
 } // namespace Tessel

@@ -13,8 +13,8 @@
 
 namespace Tessel {
 
-// A tree holds a node per handful of attributes: 88 bytes fit a 96-byte heap block.
-static_assert(sizeof(void*) != 8 || sizeof(Node) <= 88, "a node should stay in 88 bytes");
+// A tree holds a node per handful of attributes: 72 bytes fit an 80-byte heap block.
+static_assert(sizeof(void*) != 8 || sizeof(Node) <= 72, "a node should stay in 72 bytes");
 
 Node::Node() = default;
 
@@ -74,11 +74,24 @@ void Node::indexChild(Attribute* child) {
         childIndex.insert(child);
         return;
     }
-    if (childIndex.children() <= UnindexedChildren)
+    const uint32_t listed = scanCount(UnindexedChildren + 1);
+    if (listed <= UnindexedChildren)
         return;
-    childIndex.reserve(childIndex.children());
-    for (Attribute* listed = firstChild; listed; listed = listed->nextSibling)
-        childIndex.insert(listed);
+    childIndex.create(listed);
+    for (Attribute* each = firstChild; each; each = each->nextSibling)
+        childIndex.insert(each);
+}
+
+uint32_t Node::scanCount(uint32_t limit) const {
+    uint32_t count = 0;
+    for (Attribute* child = firstChild; child && count < limit; child = child->nextSibling)
+        ++count;
+    return count;
+}
+
+int Node::childCount() const {
+    // A node without an index has no more children than an index is made for.
+    return int(childIndex.isEmpty() ? scanCount(UnindexedChildren + 1) : childIndex.children());
 }
 
 void Node::listChild(Attribute* child) {
@@ -196,7 +209,7 @@ void Node::sendChildEvent(const QByteArray& event, const QByteArray& childName) 
 
 std::vector<Attribute*> Node::children() const {
     std::vector<Attribute*> copy;
-    copy.reserve(childIndex.children());
+    copy.reserve(std::size_t(childCount()));
     for (Attribute* child = firstChild; child; child = child->nextSibling)
         copy.push_back(child);
     return copy;

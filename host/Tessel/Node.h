@@ -70,7 +70,7 @@ public:
     bool deleteAttribute(Attribute* attribute);
     // A copy of the children in insertion order.
     std::vector<Attribute*> children() const;
-    int childCount() const { return int(childIndex.children()); }
+    int childCount() const;
 
     // True when any child reports a change from its defaults.
     bool isChanged() const override;
@@ -156,6 +156,8 @@ private:
     void detach(Attribute* child);
     void sendChildEvent(const QByteArray& event, const QByteArray& childName);
     bool isSelfOrAncestor(const Attribute* attribute) const;
+    // The children, counted along the list up to `limit`.
+    uint32_t scanCount(uint32_t limit) const;
 
     // The event table, made on the first declaration or listener (most nodes of a large
     // tree never get one): `eventTable` is null until then, and set once.
@@ -163,7 +165,7 @@ private:
 
     // The children in order; the first one's previousSibling is the last one.
     Attribute* firstChild = nullptr;
-    // Counts the children, and finds them by name once they are many.
+    // Finds the children by name, and counts them, once they are many.
     ChildIndex childIndex;
     // Owned through the table itself (NodeEventTable::makeForNode), and shared with
     // queued deliveries, which may run after the node is gone.
