@@ -7,15 +7,18 @@ namespace Dovel {
 bool PeerSymbols::define(const QByteArray& name, uint32_t symbol) {
     if (symbol == 0)
         return false;
-    // A pair already kept as this side's symbol is no new definition.
-    const uint32_t settled = local.value(symbol);
-    if (settled != 0 && localNames && localNames->isNameOf(settled, name))
-        return false;
     const QByteArray* const current = pending.find(symbol);
+    // A pair already kept as this side's symbol is no new definition; the name the
+    // symbol is bound by, given again over one that waits, settles it again.
+    const uint32_t bound = local.value(symbol);
+    if (bound != 0 && localNames && localNames->isNameOf(bound, name)) {
+        if (!current)
+            return false;
+        pending.remove(symbol);
+        return true;
+    }
     if (current && *current == name)
         return false;
-    if (settled != 0)
-        local.remove(symbol);
     // The empty name is stored non-null, so that lookup tells it from an unknown symbol.
     // Names wait here only until settled, so this map alone stays small while a copy's
     // symbols climb: the pages' reach follows every entry the table holds.
@@ -30,12 +33,17 @@ QByteArray PeerSymbols::lookup(uint32_t symbol) const {
     if (const QByteArray* name = pending.find(symbol))
         return *name;
     const uint32_t known = local.value(symbol);
-    return known ? localNames->lookup(known) : QByteArray();
+    return known && localNames ? localNames->lookup(known) : QByteArray();
+}
+
+void PeerSymbols::bind(uint32_t symbol, uint32_t localSymbol) {
+    if (symbol != 0 && localSymbol != 0)
+        local.insert(symbol, localSymbol);
 }
 
 void PeerSymbols::settle(uint32_t symbol, uint32_t localSymbol) {
-    if (localNames && localSymbol != 0 && pending.remove(symbol))
-        local.insert(symbol, localSymbol);
+    if (localNames && localSymbol != 0 && local.value(symbol) == localSymbol)
+        pending.remove(symbol);
 }
 
 } // namespace Dovel

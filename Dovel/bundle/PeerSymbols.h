@@ -1,11 +1,15 @@
-// The peer's symbols of one session: from each symbol the peer defined to its name.
+// The peer's symbols of one session: from each symbol the peer defined to its name, and
+// to the symbol of the path (this side's) whose session record the symbol is bound to.
 //
 // Only that direction is kept. The receivers turn the peer's symbols into names; nothing
 // asks which symbol the peer gave a name, so a name bound anew leaves its older symbol
 // bound too (the peer's own registry never does that). A name waits whole until the
 // new-attribute receiver, which finds or creates its attribute by the name anyway (one
-// hash of the leaf under a parent it has just looked up), tells this side's symbol for it
-// (settle); from then on it is kept as that symbol, four bytes instead of a path. Looking
+// hash of the leaf under a parent it has just looked up), binds the symbol to this
+// side's symbol for it (bind, then settle); from then on it is kept as that symbol, four
+// bytes instead of a path. The binding is what the session's storage finds a record by
+// (AttributeStorage::findByReadSymbol); a symbol the peer names anew keeps it, as the
+// storage keeps a record's binding, while the new name waits beside it. Looking
 // each name up as it is defined hashed and compared a whole path per symbol, on the
 // receiving side of every reconnect and of every echo of a first copy. The peer
 // numbers its symbols from 1 upward, so they sit in a vector indexed by symbol; sparse or
@@ -41,13 +45,18 @@ public:
     // The name of a symbol not settled yet, without a copy; null otherwise. Valid until
     // the next definition or settle.
     const QByteArray* pendingName(uint32_t symbol) const { return pending.find(symbol); }
-    // Keeps `localSymbol`, which this side's registry binds to the name of `symbol`, and
-    // lets the copy of the name go.
+    // The local symbol `symbol` is bound to, or 0.
+    uint32_t boundTo(uint32_t symbol) const { return local.value(symbol); }
+    // Binds `symbol` to `localSymbol` (not 0); its name, if it waits, waits on.
+    void bind(uint32_t symbol, uint32_t localSymbol);
+    // The symbol is bound to `localSymbol`, which this side's registry binds to the name
+    // of `symbol`: lets the copy of the name go.
     void settle(uint32_t symbol, uint32_t localSymbol);
     int size() const { return local.size() + pending.size(); }
 
 private:
-    // From the peer's symbol to this side's symbol of the same name.
+    // From the peer's symbol to the local symbol it is bound to: of the same name, unless
+    // a name waits for it in `pending`.
     Basalt::SymbolMap<uint32_t> local;
     // The names not settled yet.
     Basalt::SymbolMap<QByteArray> pending;

@@ -103,7 +103,7 @@ void SessionCore::ensureIsInitialized() {
         initializeQuerySession();
         return;
     }
-    attributeStorage = std::make_shared<AttributeStorage>(remoteNode);
+    attributeStorage = std::make_shared<AttributeStorage>(remoteNode, symbolRegistry);
     enabled.store(params->enabled);
     symbolRegistry.shareWith(remoteNode.symbolRegistry());
     dispatcher.addModule(std::make_shared<SymbolRegistryReceiver>(symbolRegistry));

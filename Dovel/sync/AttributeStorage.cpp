@@ -1,5 +1,6 @@
 #include "Dovel/sync/AttributeStorage.h"
 
+#include "Dovel/bundle/PeerSymbols.h"
 #include "Dovel/sync/RemoteNode.h"
 
 #include "Basalt/Trace.h"
@@ -11,7 +12,8 @@
 
 namespace Dovel {
 
-AttributeStorage::AttributeStorage(RemoteNode& node) : node(node) {}
+AttributeStorage::AttributeStorage(RemoteNode& node, PeerSymbols& peerSymbols)
+    : node(node), peerSymbols(peerSymbols) {}
 
 AttributeStorage::~AttributeStorage() = default;
 
@@ -21,8 +23,8 @@ DovelSessionAttribute* AttributeStorage::findByLocalSymbol(uint32_t symbol) cons
 }
 
 DovelSessionAttribute* AttributeStorage::findByReadSymbol(uint32_t symbol) const {
-    std::shared_lock<std::shared_mutex> locker(lock);
-    return at(byReadSymbol.value(symbol));
+    const uint32_t bound = peerSymbols.boundTo(symbol);
+    return bound ? findByLocalSymbol(bound) : nullptr;
 }
 
 DovelSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) const {
@@ -38,33 +40,27 @@ DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path, ui
 DovelSessionAttribute* AttributeStorage::bindReadSymbol(uint32_t readSymbol, const QByteArray& path,
                                                         uint32_t localSymbol, bool* boundNow) {
     std::unique_lock<std::shared_mutex> locker(lock);
-    if (DovelSessionAttribute* bound = at(byReadSymbol.value(readSymbol))) {
-        if (boundNow)
-            *boundNow = false;
-        return bound;
-    }
+    if (const uint32_t symbol = peerSymbols.boundTo(readSymbol))
+        if (DovelSessionAttribute* bound = at(byLocalSymbol.value(symbol))) {
+            if (boundNow)
+                *boundNow = false;
+            return bound;
+        }
     if (boundNow)
         *boundNow = true;
-    uint32_t held = 0;
-    DovelSessionAttribute* record = createLocked(path, localSymbol, &held);
-    byReadSymbol.insert(readSymbol, held);
+    DovelSessionAttribute* record = createLocked(path, localSymbol);
+    peerSymbols.bind(readSymbol, record->localSymbol);
     return record;
 }
 
-DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, uint32_t symbol,
-                                                      uint32_t* heldOut) {
+DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, uint32_t symbol) {
     if (!symbol)
         symbol = node.symbolRegistry().lookupOrDefine(path);
-    if (const uint32_t known = byLocalSymbol.value(symbol)) {
-        if (heldOut)
-            *heldOut = known;
+    if (const uint32_t known = byLocalSymbol.value(symbol))
         return at(known);
-    }
     records.emplace_back();
     DovelSessionAttribute* record = &records.back();
     const uint32_t held = uint32_t(records.size());
-    if (heldOut)
-        *heldOut = held;
     record->localSymbol = symbol;
     // The registry's reach only for a session that holds records for a good part of it:
     // pages follow what the records hold, not every name this side ever had.
@@ -77,7 +73,8 @@ DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, ui
 
 void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record) {
     std::unique_lock<std::shared_mutex> locker(lock);
-    DovelSessionAttribute* const bound = at(byReadSymbol.value(readSymbol));
+    const uint32_t symbol = peerSymbols.boundTo(readSymbol);
+    DovelSessionAttribute* const bound = symbol ? at(byLocalSymbol.value(symbol)) : nullptr;
     if (bound && bound != record) {
         Basalt::Trace::error(
             "AttributeStorage::indexByReadSymbol # Symbol already points to some other "
@@ -85,7 +82,7 @@ void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttrib
         return;
     }
     if (record)
-        byReadSymbol.insert(readSymbol, heldAs(record));
+        peerSymbols.bind(readSymbol, record->localSymbol);
 }
 
 void AttributeStorage::debugDump() const {

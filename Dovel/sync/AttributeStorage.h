@@ -4,8 +4,12 @@
 // moved) and found through the local symbol of their path, which the remote node's
 // registry holds: no path is kept here, and no allocation is made per record.
 //
+// The peer's symbols are bound to records in the session's PeerSymbols, by the local
+// symbol of the record's path: one map serves the names and the records.
+//
 // Thread contract: look-ups take the read lock, creation and indexing the write lock;
-// the records themselves are changed only on the tree thread.
+// the records themselves are changed only on the tree thread, and so is everything
+// about the peer's symbols (findByReadSymbol, bindReadSymbol, indexByReadSymbol).
 #pragma once
 
 #include "Dovel/sync/DovelSessionAttribute.h"
@@ -22,11 +26,13 @@
 
 namespace Dovel {
 
+class PeerSymbols;
 class RemoteNode;
 
 class AttributeStorage {
 public:
-    explicit AttributeStorage(RemoteNode& node);
+    // `peerSymbols` is the session's, and outlives the storage.
+    AttributeStorage(RemoteNode& node, PeerSymbols& peerSymbols);
     ~AttributeStorage();
     AttributeStorage(const AttributeStorage&) = delete;
     AttributeStorage& operator=(const AttributeStorage&) = delete;
@@ -63,7 +69,7 @@ public:
         }
     }
     // Binds the peer's symbol to `record`; a symbol already bound to another record keeps
-    // its binding (logged).
+    // its binding (logged). A name of the symbol that waits (PeerSymbols) waits on.
     void indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record);
     // The record bound to the peer's `readSymbol`; when there is none, the record of
     // `path` (made as createByPath makes it), bound to it. What findByReadSymbol,
@@ -71,7 +77,7 @@ public:
     // `localSymbol`, when not 0, is the path's local symbol, which the caller knows.
     // `*boundNow`, when given, tells whether the symbol was bound by this call (the record
     // is then the path's; one bound earlier may be another path's, once the peer has
-    // bound the symbol anew).
+    // bound the symbol anew). The caller settles the symbol's name (PeerSymbols::settle).
     DovelSessionAttribute* bindReadSymbol(uint32_t readSymbol, const QByteArray& path,
                                           uint32_t localSymbol = 0, bool* boundNow = nullptr);
 
@@ -80,33 +86,26 @@ public:
     int size() const;
 
 private:
-    // createByPath with the write lock held; `held`, when given, takes how the maps hold
-    // the record.
-    DovelSessionAttribute* createLocked(const QByteArray& path, uint32_t symbol,
-                                        uint32_t* held = nullptr);
+    // createByPath with the write lock held.
+    DovelSessionAttribute* createLocked(const QByteArray& path, uint32_t symbol);
     // The record a map holds as `held` (its index in `records` plus one); null for 0.
     DovelSessionAttribute* at(uint32_t held) const {
         return held ? const_cast<DovelSessionAttribute*>(&records[held - 1]) : nullptr;
     }
-    // How the maps hold `record`: every record is indexed by its local symbol.
-    uint32_t heldAs(const DovelSessionAttribute* record) const {
-        return byLocalSymbol.value(record->localSymbol);
-    }
 
     RemoteNode& node;
+    PeerSymbols& peerSymbols;
     mutable std::shared_mutex lock;
     // Owns the records, which never move.
     std::deque<DovelSessionAttribute> records;
-    // Local symbols are dense; the peer's nearly always are too. Both maps hold a
-    // record as its index in `records` plus one: four bytes a slot where a pointer took
-    // eight, for a million slots each.
+    // Local symbols are dense. The map holds a record as its index in `records` plus
+    // one: four bytes a slot where a pointer took eight, for a million slots.
     Basalt::SymbolMap<uint32_t> byLocalSymbol;
     // The size of the local registry when last asked: local symbols stay below it, so
     // once the records are an eighth of it, those made in another order than their
     // symbols (a first pass walks the tree in its own order) are kept in pages up to it
     // rather than hashed first.
     int localSymbols = 0;
-    Basalt::SymbolMap<uint32_t> byReadSymbol;
 };
 
 } // namespace Dovel

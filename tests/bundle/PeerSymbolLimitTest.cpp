@@ -69,9 +69,10 @@ TEST(PeerSymbolLimit, ANameLongerThanAnyPathStaysUndefined) {
               1);
 }
 
-// A peer's name that this side's registry holds is kept as this side's symbol; one it
-// does not is kept whole until settled. Either way it reads back the same,
-// and a symbol bound anew reads its new name.
+// A peer's name that this side's registry holds is kept as this side's symbol once
+// bound and settled; one it does not is kept whole until then. Either way it reads back
+// the same, and a symbol named anew reads its new name while its binding stands, until
+// its bound name comes again.
 TEST(PeerSymbolLimit, SettledNamesAreKeptAsThisSidesSymbols) {
     Basalt::SymbolRegistry local;
     Dovel::PeerSymbols registry;
@@ -80,10 +81,21 @@ TEST(PeerSymbolLimit, SettledNamesAreKeptAsThisSidesSymbols) {
     EXPECT_TRUE(registry.define("scene/a", 7));
     EXPECT_FALSE(registry.define("scene/a", 7));
     EXPECT_TRUE(registry.define("scene/b", 8));
-    registry.settle(8, local.lookupOrDefine("scene/b"));
+    const uint32_t b = local.lookupOrDefine("scene/b");
+    registry.settle(8, b); // not bound: the name waits on
+    EXPECT_NE(registry.pendingName(8), nullptr);
+    registry.bind(8, b);
+    registry.settle(8, b);
+    EXPECT_EQ(registry.pendingName(8), nullptr);
     EXPECT_EQ(registry.lookup(7u), QByteArray("scene/a"));
     EXPECT_EQ(registry.lookup(8u), QByteArray("scene/b"));
     EXPECT_FALSE(registry.define("scene/b", 8));
+    EXPECT_TRUE(registry.define("elsewhere", 8));
+    EXPECT_EQ(registry.lookup(8u), QByteArray("elsewhere"));
+    EXPECT_EQ(registry.boundTo(8), b);
+    EXPECT_TRUE(registry.define("scene/b", 8)); // settled again
+    EXPECT_EQ(registry.pendingName(8), nullptr);
+    EXPECT_EQ(registry.lookup(8u), QByteArray("scene/b"));
     EXPECT_TRUE(registry.define("elsewhere", 7));
     EXPECT_EQ(registry.lookup(7u), QByteArray("elsewhere"));
     EXPECT_TRUE(registry.define("scene/a", 7));
