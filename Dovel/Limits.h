@@ -53,7 +53,7 @@ constexpr int MaxBundlesPerBatch = 1 << 16;
 // Bytes of received batches that may wait for the tree thread; beyond it the connection
 // reads nothing more until the tree thread has applied some, so that a peer sending
 // faster than the tree applies is slowed by TCP instead of filling our memory. A batch
-// larger than an eighth of it is handed over in pieces as it arrives (processDovel2).
+// of more than a megabyte is handed over in pieces as it arrives (processDovel2).
 constexpr int64_t MaxUnappliedBatchBytes = int64_t(64) << 20;
 // Most bytes of outgoing batches that may wait in one connection's writer; beyond it the
 // peer is taken not to read and is disconnected (Dovel1Connection::send). Well above the
