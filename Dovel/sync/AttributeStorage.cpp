@@ -58,8 +58,7 @@ DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, ui
         symbol = node.symbolRegistry().lookupOrDefine(path);
     if (const uint32_t known = byLocalSymbol.value(symbol))
         return at(known);
-    records.emplace_back();
-    DovelSessionAttribute* record = &records.back();
+    DovelSessionAttribute* record = &records.emplaceBack();
     const uint32_t held = uint32_t(records.size());
     record->localSymbol = symbol;
     // The registry's reach only for a session that holds records for a good part of it:
@@ -88,7 +87,8 @@ void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttrib
 void AttributeStorage::debugDump() const {
     std::shared_lock<std::shared_mutex> locker(lock);
     static const QRegExp lastComponent("([^/]+)$");
-    for (const DovelSessionAttribute& record : records) {
+    for (size_t i = 0; i < records.size(); ++i) {
+        const DovelSessionAttribute& record = records[i];
         const QByteArray path = node.symbolRegistry().lookup(record.localSymbol);
         Tessel::Attribute* attribute = node.attributeCache().find(record.localSymbol);
         const QByteArray value =

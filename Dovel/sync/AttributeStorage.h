@@ -14,12 +14,12 @@
 
 #include "Dovel/sync/DovelSessionAttribute.h"
 
+#include "Basalt/StableArray.h"
 #include "Basalt/SymbolMap.h"
 
 #include <QByteArray>
 
 #include <cstdint>
-#include <deque>
 #include <mutex>
 #include <shared_mutex>
 #include <vector>
@@ -96,8 +96,8 @@ private:
     RemoteNode& node;
     PeerSymbols& peerSymbols;
     mutable std::shared_mutex lock;
-    // Owns the records, which never move.
-    std::deque<DovelSessionAttribute> records;
+    // Owns the records, which never move, in blocks of 2048 (64 KiB).
+    Basalt::StableArray<DovelSessionAttribute, 11> records;
     // Local symbols are dense. The map holds a record as its index in `records` plus
     // one: four bytes a slot where a pointer took eight, for a million slots.
     Basalt::SymbolMap<uint32_t> byLocalSymbol;

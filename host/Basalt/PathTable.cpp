@@ -265,9 +265,7 @@ uint32_t PathTable::add(const QByteArray& tail, uint32_t parent, uint64_t hash) 
     if ((size_t(count) + 1) * 3 > hashSlots.size() * 2)
         rehash(std::max(4, slotBits + 1));
     const uint32_t id = count + 1;
-    if ((count & (ChunkSize - 1)) == 0)
-        chunks.emplace_back(new Entry[ChunkSize]);
-    Entry& e = entry(id);
+    Entry& e = entries.emplaceBack();
     e.tail = tail;
     e.parent = parent;
     e.lowHash = uint32_t(hash);

@@ -17,6 +17,7 @@
 #pragma once
 
 #include "Basalt/NameCache.h"
+#include "Basalt/StableArray.h"
 
 #include <QByteArray>
 
@@ -93,13 +94,8 @@ private:
         uint32_t lowHash = 0; // the low half of the whole name's hash
     };
     static_assert(sizeof(void*) != 8 || sizeof(Entry) == 16, "an entry in 16 bytes");
-    static constexpr int ChunkBits = 12;
-    static constexpr uint32_t ChunkSize = 1u << ChunkBits;
-
-    Entry& entry(uint32_t id) { return chunks[(id - 1) >> ChunkBits][(id - 1) & (ChunkSize - 1)]; }
-    const Entry& entry(uint32_t id) const {
-        return chunks[(id - 1) >> ChunkBits][(id - 1) & (ChunkSize - 1)];
-    }
+    Entry& entry(uint32_t id) { return entries[id - 1]; }
+    const Entry& entry(uint32_t id) const { return entries[id - 1]; }
     bool known(uint32_t id) const { return id != 0 && id <= count; }
     // The size of the name of a known id.
     int nameSize(uint32_t id) const;
@@ -134,7 +130,7 @@ private:
     // The chain's seed: the hash a name without a parent is a child of.
     static constexpr uint64_t Root = 0;
 
-    std::vector<std::unique_ptr<Entry[]>> chunks;
+    StableArray<Entry, 12> entries; // by id - 1
     uint32_t count = 0;
     // Open addressing, probed linearly from the top bits of the hash and at most two
     // thirds full. A slot holds an id in its low half (0: free) and the top half of the
