@@ -19,6 +19,7 @@
 // Not thread-safe: the session core owns it and uses it on the tree thread.
 #pragma once
 
+#include "Basalt/OffsetSymbolMap.h"
 #include "Basalt/SymbolMap.h"
 
 #include <QByteArray>
@@ -56,8 +57,9 @@ public:
 
 private:
     // From the peer's symbol to the local symbol it is bound to: of the same name, unless
-    // a name waits for it in `pending`.
-    Basalt::SymbolMap<uint32_t> local;
+    // a name waits for it in `pending`. A copy of the peer's tree gets symbols in the
+    // peer's order, so most are the peer's plus one offset: a bit each.
+    Basalt::OffsetSymbolMap local;
     // The names not settled yet.
     Basalt::SymbolMap<QByteArray> pending;
     const Basalt::SymbolRegistry* localNames = nullptr;

@@ -1,6 +1,7 @@
 // SymbolMap: symbols within reach of the entries held sit in pages, others in a hash;
 // either way the map answers as a plain map would, whatever numbers come and go.
 #include "Basalt/SymbolMap.h"
+#include "Basalt/OffsetSymbolMap.h"
 
 #include <gtest/gtest.h>
 
@@ -57,4 +58,40 @@ TEST(SymbolMap, AnswersAsAPlainMapForDenseSparseAndHostileSymbols) {
     map.clear();
     EXPECT_EQ(map.size(), 0);
     EXPECT_EQ(map.find(1), nullptr);
+}
+
+// OffsetSymbolMap answers as a plain map too, whether its pairs sit in bits (the value
+// is the symbol plus the first pair's offset) or beside them, as pairs move between the
+// two; a far symbol a peer picks does not make the bits grow.
+TEST(SymbolMap, AnOffsetMapAnswersAsAPlainMap) {
+    Basalt::OffsetSymbolMap map;
+    std::map<uint32_t, uint32_t> model;
+    const auto put = [&](uint32_t symbol, uint32_t value) {
+        map.insert(symbol, value);
+        model[symbol] = value;
+    };
+    const auto check = [&] {
+        ASSERT_EQ(map.size(), int(model.size()));
+        for (const auto& [symbol, value] : model)
+            ASSERT_EQ(map.value(symbol), value) << symbol;
+    };
+    put(10, 15); // the offset: +5
+    for (uint32_t symbol = 11; symbol < 5000; ++symbol)
+        if (symbol % 5 != 0) // holes, as a tree's nodes leave
+            put(symbol, symbol + 5);
+    put(12, 99);                   // off the offset: beside the bits
+    put(12, 17);                   // and back on it
+    put(13, 0);                    // 0 is no value: nothing changes
+    model[13] = 18;                // (what 13 held)
+    put(0xFFFFFFF0u, 0xFFFFFFF5u); // far: beside the bits
+    put(7, 2);                     // below the offset's reach
+    check();
+    EXPECT_EQ(map.value(15), 0u);
+    EXPECT_EQ(map.value(0xFFFFFFF1u), 0u);
+    for (uint32_t symbol : {11u, 12u, 7u, 0xFFFFFFF0u}) {
+        EXPECT_TRUE(map.remove(symbol));
+        model.erase(symbol);
+    }
+    EXPECT_FALSE(map.remove(11));
+    check();
 }
