@@ -25,11 +25,11 @@ constexpr double HoldPingSeconds = 1.0;
 
 // A batch is handed to the tree thread in pieces of about this size as they arrive, so
 // that a batch of any size waits in memory only a piece at a time beyond the backlog.
-// About one bundle as a sender cuts a large pass (Limits::SentBundleBytes): the tree
-// thread starts on a first copy as soon as its first bundle is in, and what it answers
-// (each piece is applied after an output pass) goes out in passes of that size rather
-// than piling up for a larger piece.
-constexpr int64_t PieceBytes = int64_t(1) << 20;
+// One bundle as a sender cuts a large pass (Limits::SentBundleBytes): the tree thread
+// starts on a first copy as soon as its first bundle is in, and what it answers (each
+// piece is applied after an output pass) goes out in passes of that size rather than
+// piling up for a larger piece.
+constexpr int64_t PieceBytes = Limits::SentBundleBytes;
 
 bool readBundle(ConnectionLink& connection, Bundle& bundle) {
     QByteArray& bytes = bundle.mutablePacket();

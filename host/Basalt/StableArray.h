@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace Basalt {
@@ -24,8 +25,10 @@ public:
 
     // A new element at the end, value-initialised.
     T& emplaceBack() {
-        if ((count & Mask) == 0)
-            chunks.emplace_back(new T[ChunkSize]());
+        if ((count & Mask) == 0) {
+            std::unique_ptr<T[]> chunk(new T[ChunkSize]());
+            chunks.push_back(std::move(chunk));
+        }
         return (*this)[count++];
     }
 

@@ -86,6 +86,8 @@ Attribute::ListenerSnapshot Attribute::exchangeListeners(ListenerSnapshot next) 
         if (ListenerSnapshot* home = listenerHome(any)) {
             std::swap(*home, next);
             hasListeners = any;
+            if (!any)
+                listenerHomeEmptied();
             return next;
         }
     ListenerShard& shard = listenerShard(this);
@@ -105,7 +107,7 @@ Attribute::ListenerSnapshot Attribute::exchangeListeners(ListenerSnapshot next) 
 
 Attribute::Attribute()
     : serializable(true), destroying(false), detaching(false), isAlias(false), hasListeners(false),
-      listenersInTable(false), layersDefined(0), layersSpilled(false) {}
+      listenersInTable(false), layersDefined(0), valueInBlock(false) {}
 
 Attribute::Attribute(Node* host, const QByteArray& name) : Attribute() {
     attachTo(host, name);
@@ -309,6 +311,10 @@ long Attribute::addListener(std::function<void()> callback, int roleMask) {
 }
 
 long Attribute::addListener(std::function<void()> callback, int roleMask, ListenerHolder* holder) {
+    // A dying attribute takes none: one kept now would outlive it, in the process's
+    // table, under an address another attribute may come to have.
+    if (destroying)
+        return issueListenerId();
     auto* made = new Listener;
     BlockRef listener(made);
     made->id = issueListenerId();

@@ -157,7 +157,7 @@ protected:
     void attachTo(Node* host, const QByteArray& name);
 
 private:
-    // Keeps its layer bits here (layersDefined, layersSpilled).
+    // Keeps its layer bits here (layersDefined, valueInBlock).
     template <typename T> friend class AttributeBaseT;
     friend class AttributeAlias;
     friend class Node;
@@ -230,6 +230,8 @@ private:
     // when `make`, else null when there is none); null: in the process's table. Asked
     // only while listeners come, go or run.
     virtual ListenerSnapshot* listenerHome(bool make);
+    // The listenerHome lost its last listener: the class may let it go.
+    virtual void listenerHomeEmptied() {}
     // Tells a caller up the stack whether the attribute began to be destroyed while it
     // lived (by a callback the caller made). Attributes live on one thread, so the
     // thread's chain of these is all a dying attribute has to check.
@@ -283,10 +285,10 @@ private:
     uint16_t isAlias : 1;
     uint16_t hasListeners : 1;
     uint16_t listenersInTable : 1; // in the process's table rather than a listenerHome
-    // AttributeBaseT's: which storage layers hold a value, and whether they are kept
-    // in a table of every layer.
+    // AttributeBaseT's: which storage layers hold a value, and whether the value has
+    // moved into a block of its own (with the listeners, and a table of every layer).
     uint16_t layersDefined : 6;
-    uint16_t layersSpilled : 1;
+    uint16_t valueInBlock : 1;
     uint16_t observerSlot = 0; // TreeObserver::inSlot; 0: none
     uint32_t observedNumber = 0;
     QByteArray attributeName;

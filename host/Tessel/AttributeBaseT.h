@@ -63,23 +63,25 @@ public:
     }
     ~AttributeBaseT() override {
         aboutToBeDestroyed();
-        if (layersSpilled && hasListeners && !listenersInTable) {
+        if (!blocked()) {
+            store.current.~T();
+            return;
+        }
+        if (hasListeners && !listenersInTable) {
             // Emissions still running over this attribute (a listener deleted it) skip
             // the rest; what a dying listener lets go of may come back to it, and finds
             // it without listeners and with its value.
-            const ListenerSnapshot dying = std::move(store.table->listeners);
+            const ListenerSnapshot dying = std::move(store.block->listeners);
             hasListeners = false;
             for (std::size_t i = 0; i < dying.size(); ++i)
                 dying.at(i).removed = true;
         }
-        if (layersSpilled)
-            delete store.table;
-        else
-            store.current.~T();
+        delete store.block;
     }
 
-    // The effective value; what serializers read.
-    const T& value() const { return layersSpilled ? store.table->current : store.current; }
+    // The effective value; what serializers read. Valid until the attribute changes
+    // (a value, a layer, a listener).
+    const T& value() const { return blocked() ? store.block->current : store.current; }
 
     // The value stored on `layer` (LayerCurrent: the effective value); null when the
     // layer holds none.
@@ -88,7 +90,8 @@ public:
             return &value();
         if (!isStorageLayer(layer) || !(defined() & bit(layer)))
             return nullptr;
-        return layersSpilled ? &*store.table->layers[size_t(layer)] : &store.current;
+        const Layers* table = layers();
+        return table ? &*(*table)[size_t(layer)] : &value();
     }
 
     // Stores `value` on a storage layer; LayerCurrent or an invalid layer is refused
@@ -100,23 +103,32 @@ public:
                                    int(layer), name().constData());
             return;
         }
-        if (!layersSpilled && (defined() == 0 || defined() == bit(layer))) {
-            // The only layer with a value: it is the effective value. An equal value that
-            // is not the same (which changes nothing) is kept as written, in the table.
-            if (Detail::identicalValue(value, store.current)) {
-                setDefined(bit(layer));
+        if (!layers()) {
+            if (defined() == 0 || defined() == bit(layer)) {
+                // The only layer with a value: it is the effective value. An equal value
+                // that is not the same (which changes nothing) is kept as written, in the
+                // table.
+                T& now = current();
+                if (Detail::identicalValue(value, now)) {
+                    setDefined(bit(layer));
+                    return;
+                }
+                if (!Detail::sameValue(value, now)) {
+                    setDefined(bit(layer));
+                    now = value;
+                    emitChange();
+                    return;
+                }
+            }
+            // `value` may be this attribute's own (value()), which the table may move.
+            if (&value == &current()) {
+                const T copy = value;
+                setValue(copy, layer);
                 return;
             }
-            if (!Detail::sameValue(value, store.current)) {
-                setDefined(bit(layer));
-                store.current = value;
-                emitChange();
-                return;
-            }
-        }
-        if (!layersSpilled)
             spill();
-        store.table->layers[size_t(layer)] = value;
+        }
+        (*layers())[size_t(layer)] = value;
         setDefined(defined() | bit(layer));
         refresh();
     }
@@ -133,8 +145,8 @@ public:
         if (!isStorageLayer(layer) || !(defined() & bit(layer)))
             return;
         setDefined(defined() & uint8_t(~bit(layer)));
-        if (layersSpilled)
-            store.table->layers[size_t(layer)].reset();
+        if (Layers* table = layers())
+            (*table)[size_t(layer)].reset();
         refresh();
     }
 
@@ -150,15 +162,7 @@ public:
     }
 
     void setAsDefaults() override {
-        if (layersSpilled && hasListeners && !listenersInTable) {
-            // The block stays for its listeners, with the one layer.
-            Spilled& table = *store.table;
-            for (std::optional<T>& layer : table.layers)
-                layer.reset();
-            table.layers[size_t(LayerDefault)] = table.current;
-        } else {
-            dropLayers();
-        }
+        dropLayers();
         setDefined(bit(LayerDefault));
     }
 
@@ -167,24 +171,23 @@ protected:
 
 private:
     using Layers = std::array<std::optional<T>, LayerCount>;
-    // Once two layers hold a value, or a listener comes: every layer's value, the
-    // effective value and the listeners.
-    struct Spilled {
-        Layers layers;
+    // What few attributes need beside their value: the listeners, and once two layers
+    // hold a value, a table of every layer; the effective value moves in with them.
+    struct Block {
         T current{};
         ListenerSnapshot listeners;
+        std::unique_ptr<Layers> layers; // null while at most one layer holds a value
     };
-    // Until spilled (Attribute::layersSpilled), the effective value itself, which is
-    // then also the one stored value: at most one layer bit is set, and that layer
-    // holds exactly this, and there are no listeners. Most attributes hold a value on one layer
-    // only, and a table of every layer would double or triple their size; a table kept where the
-    // value was costs the attribute no pointer of its own.
+    // Until there is a block (Attribute::valueInBlock), the effective value itself.
+    // Without a table of layers, at most one layer bit is set, and that layer holds
+    // exactly the effective value. Most attributes hold a value on one layer only and
+    // have no listeners: a block kept where the value was costs them no pointer.
     union Store {
         Store() : current() {}
         explicit Store(const T& value) : current(value) {}
         ~Store() {}
         T current;
-        Spilled* table;
+        Block* block;
     };
 
     static uint8_t bit(Layer layer) { return uint8_t(1u << unsigned(layer)); }
@@ -192,51 +195,76 @@ private:
     uint8_t defined() const { return uint8_t(layersDefined); }
     void setDefined(uint8_t bits) { layersDefined = bits & ((1u << LayerCount) - 1); }
 
-    // Moves the one stored value into a table of every layer, from where a second layer
-    // on the same attribute is stored.
+    bool blocked() const { return valueInBlock; }
+    T& current() { return blocked() ? store.block->current : store.current; }
+    Layers* layers() const { return blocked() ? store.block->layers.get() : nullptr; }
+
+    // Moves the value into a block of its own.
+    void makeBlock() {
+        auto block = std::make_unique<Block>();
+        block->current = std::move(store.current);
+        store.current.~T();
+        store.block = block.release();
+        valueInBlock = true;
+    }
+
+    // A table of every layer, from where a second layer on the same attribute is stored.
     void spill() {
-        auto table = std::make_unique<Spilled>();
+        auto table = std::make_unique<Layers>();
         for (int layer = LayerDefault; layer < LayerCount; ++layer)
             if (defined() & bit(Layer(layer)))
-                table->layers[size_t(layer)] = store.current;
-        table->current = std::move(store.current);
-        store.current.~T();
-        store.table = table.release();
-        layersSpilled = true;
+                (*table)[size_t(layer)] = value();
+        if (!blocked())
+            makeBlock();
+        store.block->layers = std::move(table);
     }
 
     ListenerSnapshot* listenerHome(bool make) override {
-        if (!layersSpilled) {
+        if (!blocked()) {
             if (!make)
                 return nullptr;
-            spill();
+            makeBlock();
         }
-        return &store.table->listeners;
+        return &store.block->listeners;
     }
 
-    // Back to the effective value alone (the layer bits are the caller's to set); not
-    // while the block holds listeners.
+    void listenerHomeEmptied() override {
+        if (blocked() && !store.block->layers)
+            dropBlock();
+    }
+
+    // Back to the effective value alone (the layer bits are the caller's to set); the
+    // block stays while it holds listeners.
     void dropLayers() {
-        if (!layersSpilled)
+        if (!blocked())
             return;
-        Spilled* const table = store.table;
+        if (hasListeners && !listenersInTable)
+            store.block->layers.reset();
+        else
+            dropBlock();
+    }
+
+    // The value back where the block was (which holds no listeners).
+    void dropBlock() {
+        Block* const block = store.block;
         try {
-            new (&store.current) T(std::move_if_noexcept(table->current));
+            new (&store.current) T(std::move_if_noexcept(block->current));
         } catch (...) {
-            store.table = table;
+            store.block = block;
             throw;
         }
-        layersSpilled = false;
-        delete table;
+        valueInBlock = false;
+        delete block;
     }
 
     // Recomputes the effective value and fires a change when it moved.
     void refresh() {
+        const Layers* const table = layers();
+        T& now = current();
         const T* top = nullptr;
         for (int layer = LayerCount - 1; layer >= LayerDefault && !top; --layer)
             if (defined() & bit(Layer(layer)))
-                top = layersSpilled ? &*store.table->layers[size_t(layer)] : &store.current;
-        T& now = layersSpilled ? store.table->current : store.current;
+                top = table ? &*(*table)[size_t(layer)] : &now;
         if (top ? Detail::sameValue(*top, now) : Detail::sameValue(T{}, now))
             return;
         now = top ? *top : T{};

@@ -6,11 +6,11 @@
 namespace Tessel {
 
 // A tree's usual values, with malloc's 8 bytes, in heap blocks that come in steps of
-// 16: a float or a string in 56 bytes (a 64-byte block), a vector in 72 (80).
+// 16: a float or a string in 56 bytes (a 64-byte block), a vector in 64 (80).
 static_assert(sizeof(void*) != 8 ||
                   (sizeof(AttributeT<float>) <= 56 && sizeof(AttributeT<QString>) <= 56 &&
-                   sizeof(AttributeT<Quant::Vector3f>) <= 72),
-              "a float or string attribute should stay in 56 bytes, a vector in 72");
+                   sizeof(AttributeT<Quant::Vector3f>) <= 64),
+              "a float or string attribute should stay in 56 bytes, a vector in 64");
 
 #define TESSEL_INSTANTIATE(T)                                                                      \
     template class AttributeBaseT<T>;                                                              \

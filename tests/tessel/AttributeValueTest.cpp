@@ -65,6 +65,22 @@ TEST(AttributeLayers, HighestDefinedLayerWinsAndFiresOnlyEffectiveChanges) {
     EXPECT_FALSE(a->set(9.0f, Current));
     EXPECT_EQ(a->value(), 5.0f);
     EXPECT_EQ(changes.count, 3);
+
+    // An attribute's own value written to a second layer, which moves where the value
+    // is kept (without listeners, a string and a float keep it in place until then).
+    AttributeT<QString> s(nullptr, "s", QStringLiteral("x"));
+    s.setValue(s.value(), L3);
+    EXPECT_EQ(*s.valueOnLayer(L3), QStringLiteral("x"));
+    EXPECT_EQ(*s.valueOnLayer(L0), QStringLiteral("x"));
+    s.setAsDefaults();
+    s.setValue(QStringLiteral("y"), L2);
+    s.setValue(s.value(), L3);
+    EXPECT_EQ(s.value(), QStringLiteral("y"));
+    EXPECT_EQ(*s.valueOnLayer(L0), QStringLiteral("x"));
+    AttributeT<float> f(nullptr, "f", 2.0f);
+    f.setValue(f.value(), L2);
+    EXPECT_EQ(*f.valueOnLayer(L2), 2.0f);
+    EXPECT_EQ(f.value(), 2.0f);
 }
 
 TEST(AttributeLayers, NaNIsOneChangeAndNegativeZeroIsKept) {
