@@ -262,8 +262,8 @@ private:
     template <typename Keep> void replaceListeners(Keep keep);
     // Listeners are kept out of the attribute: few attributes of a large tree have any,
     // and a pointer in each would cost them all 8 bytes (a float attribute would no
-    // longer fit a 64-byte heap block). A value attribute keeps them in the block that
-    // holds its layers (listenerHome); others, and those that got listeners while
+    // longer fit a 64-byte heap block). A value attribute keeps them in a block it
+    // moves its value into (listenerHome); others, and those that got listeners while
     // being constructed, in a table by address shared by the process (ListenerShard,
     // one of several locked apart). Either is read by a copy of the snapshot, and
     // replaced whole.
