@@ -63,20 +63,19 @@ public:
     }
     ~AttributeBaseT() override {
         aboutToBeDestroyed();
-        if (!blocked()) {
-            store.current.~T();
-            return;
-        }
-        if (hasListeners && !listenersInTable) {
+        if (blocked() && hasListeners && !listenersInTable) {
             // Emissions still running over this attribute (a listener deleted it) skip
             // the rest; what a dying listener lets go of may come back to it, and finds
-            // it without listeners and with its value.
+            // it without listeners and with its value (wherever that is kept then).
             const ListenerSnapshot dying = std::move(store.block->listeners);
             hasListeners = false;
             for (std::size_t i = 0; i < dying.size(); ++i)
                 dying.at(i).removed = true;
         }
-        delete store.block;
+        if (blocked())
+            delete store.block;
+        else
+            store.current.~T();
     }
 
     // The effective value; what serializers read. Valid until the attribute changes
