@@ -279,13 +279,7 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
     const size_t runs = std::max<size_t>(1, (changes.size() + RunEntries - 1) / RunEntries);
     const auto runEnd = [&](size_t k) { return std::min(changes.size(), (k + 1) * RunEntries); };
     const auto eventsOf = [&](size_t k) { return k + 1 == runs ? &events : nullptr; };
-    // A run named but not put out (the pass failed on the way) is not announced: the
-    // peer is told those names again with their next use.
-    const auto unname = [this](const NamedRun& run) {
-        for (const uint32_t symbol : run.named)
-            announced.remove(symbol);
-    };
-    const auto name = [this, &runEnd, &eventsOf, &unname](size_t k, NamedRun run) {
+    const auto name = [this, &runEnd, &eventsOf](size_t k, NamedRun run) {
         try {
             nameRun(k * RunEntries, runEnd(k), eventsOf(k), run);
         } catch (...) {
@@ -294,6 +288,20 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
         }
         return run;
     };
+    const auto additions = [this] {
+        size_t count = 0;
+        for (const ChangeData& change : changes)
+            count += change.type == NodeWatcher::AttributeAdded;
+        return count;
+    };
+    if (runs == 1 && changes.size() >= NameAsideAdditions && additions() >= NameAsideAdditions &&
+        writeNamedAside(output, events)) {
+        clearAndTrim(records, 0);
+        clearAndTrim(attributes, 0);
+        sendEvents(events, output);
+        clearAndTrim(changes, std::min(changes.size(), TrimEntries));
+        return;
+    }
     // The first run fills the vectors the last pass left, so that a pass of one run
     // allocates nothing for them once they have grown.
     NamedRun first;
@@ -429,11 +437,85 @@ bool isFull(const Bundle& bundle) {
 
 } // namespace
 
+void NodeChangeSender::unname(const NamedRun& run) {
+    for (const uint32_t symbol : run.named)
+        announced.remove(symbol);
+}
+
+bool NodeChangeSender::writeNamedAside(BundleOutput& output,
+                                       const std::vector<RemoteNode::Event>& events) {
+    const size_t count = changes.size();
+    const uint32_t first = output.sequence();
+    // The changes are numbered from `first` as they are written, then moved up past the
+    // names: no number may wrap on the way (a bundle holds at least one entry).
+    if (uint64_t(first) + 2 * (uint64_t(count) + events.size()) + 16 > UINT32_MAX)
+        return false;
+    NamedRun run;
+    run.records.swap(records);
+    run.attributes.swap(attributes);
+    lookUpRun(0, count, run);
+    records.swap(run.records);
+    attributes.swap(run.attributes);
+    // The other thread writes run.names and run.named and reads the records vector,
+    // which this one only reads too.
+    std::future<void> naming;
+    try {
+        naming = std::async(std::launch::async, [this, &run, &events, count] {
+            writeNames(0, count, &events, records, run);
+        });
+    } catch (const std::system_error&) {
+        return false;
+    }
+    std::vector<Bundle> written;
+    uint32_t numbered = first;
+    BundleOutput aside(&written, &numbered, output.acknowledged());
+    try {
+        sendChanges(changes, 0, count, aside);
+    } catch (...) {
+        try {
+            naming.get();
+        } catch (...) { // this pass fails anyway
+        }
+        unname(run);
+        throw;
+    }
+    try {
+        naming.get();
+    } catch (...) {
+        unname(run);
+        throw;
+    }
+    for (Bundle& names : run.names)
+        output.finishWritten(std::move(names), symbolMessageType);
+    const uint32_t moved = output.sequence() - first;
+    for (Bundle& bundle : written) {
+        bundle.setHeaderWord(BundleCore::SequenceNumberWord, output.sequence());
+        output.add(bundle);
+    }
+    // What sendAdded and sendChanged noted as the number a value went out in moves too.
+    if (moved != 0)
+        for (DovelSessionAttribute* sa : records)
+            if (sa && sa->lastSentSequence >= first && sa->lastSentSequence < numbered)
+                sa->lastSentSequence += moved;
+    return true;
+}
+
 void NodeChangeSender::nameRun(size_t begin, size_t end,
                                const std::vector<RemoteNode::Event>* events, NamedRun& run) {
+    lookUpRun(begin, end, run);
+    writeNames(begin, end, events, run.records, run);
+}
+
+void NodeChangeSender::lookUpRun(size_t begin, size_t end, NamedRun& run) {
     const auto symbolAt = [this, begin](size_t i) { return changes[begin + i].symbol; };
     storage.findByLocalSymbols(end - begin, symbolAt, run.records);
     node.attributeCache().findAll(end - begin, symbolAt, run.attributes);
+}
+
+void NodeChangeSender::writeNames(size_t begin, size_t end,
+                                  const std::vector<RemoteNode::Event>* events,
+                                  const std::vector<DovelSessionAttribute*>& runRecords,
+                                  NamedRun& run) {
     Bundle bundle;
     BundleWriter writer(bundle);
     const auto announce = [&](uint32_t symbol, uint32_t ahead) {
@@ -451,7 +533,7 @@ void NodeChangeSender::nameRun(size_t begin, size_t end,
     // names ahead.
     constexpr size_t Ahead = 8;
     for (size_t i = begin; i < end; ++i) {
-        if (!run.records[i - begin]) {
+        if (!runRecords[i - begin]) {
             logMissingSessionAttribute();
             continue;
         }

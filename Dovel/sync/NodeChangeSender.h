@@ -100,6 +100,9 @@ private:
     // entries: what is held for a run (records, attributes, pending names on the peer's
     // side) stays bounded by it, not by the tree.
     static constexpr size_t RunEntries = 1 << 16;
+    // A pass of one run with at least this many additions names them on another thread
+    // while this one writes the changes (writeNamedAside): a thread is worth its start.
+    static constexpr size_t NameAsideAdditions = 2048;
 
     void onAttributeChange(const NodeWatcher::Event& event);
     // onAttributeChange for an addition of each of `symbols` (emptied; symbols the
@@ -125,6 +128,19 @@ private:
     // thread while this one writes the changes of the run before.
     void nameRun(size_t begin, size_t end, const std::vector<RemoteNode::Event>* events,
                  NamedRun& run);
+    // The two halves of nameRun: the records and attributes of the run's changes, then
+    // its names (`runRecords` standing for the run's own, which are only read).
+    void lookUpRun(size_t begin, size_t end, NamedRun& run);
+    void writeNames(size_t begin, size_t end, const std::vector<RemoteNode::Event>* events,
+                    const std::vector<DovelSessionAttribute*>& runRecords, NamedRun& run);
+    // A run named but not put out (the pass failed on the way) is not announced: the
+    // peer is told those names again with their next use.
+    void unname(const NamedRun& run);
+    // A pass of one run with many additions (the answers to a peer's large batch): its
+    // names are written on another thread while this one writes its changes, which are
+    // numbered once the names ahead of them are counted. False, having done nothing,
+    // when that cannot be (no thread, or sequence numbers about to wrap).
+    bool writeNamedAside(BundleOutput& output, const std::vector<RemoteNode::Event>& events);
     void sendChanges(const std::vector<ChangeData>& changes, size_t begin, size_t end,
                      BundleOutput& output);
     void sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* attribute, bool withValue,
