@@ -250,16 +250,21 @@ void NewAttributeReceiver::handleEntry(BundleReader& reader, uint32_t symbol, ui
             skipAll();
             return;
         }
-        // The record takes the deserializer only once the attribute is in the tree: a
-        // value cut short throws, and then the attribute dies with this scope.
-        sa->codecs.setDeserializer(skippingDeserializer(fixedSize));
+        // The record takes the deserializer only once the value is read: a value cut
+        // short throws, and then the attribute dies with this scope while the record
+        // reads the attribute's later values past. Nothing asks the record meanwhile.
         if (hasValue) {
-            if (apply) {
-                sa->valueReceived = sequence != 0;
-                deserializer(reader);
-                created->setAsDefaults();
-            } else {
-                skipValue(reader, fixedSize);
+            try {
+                if (apply) {
+                    sa->valueReceived = sequence != 0;
+                    deserializer(reader);
+                    created->setAsDefaults();
+                } else {
+                    skipValue(reader, fixedSize);
+                }
+            } catch (...) {
+                sa->codecs.setDeserializer(skippingDeserializer(fixedSize));
+                throw;
             }
         }
         // The record takes the deserializer before the attribute is reported: a listener
