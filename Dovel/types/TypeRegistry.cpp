@@ -79,7 +79,11 @@ template <typename A, typename Codec, typename Value, typename Encoding>
 void TypeRegistry::registerType(uint32_t code, uint32_t size, const char* variantTypeName) {
     add(Entry{code, size, &typeid(A), [] { return static_cast<Attribute*>(new A); },
               [](Attribute* attribute) -> Deserializer {
-                  A* target = dynamic_cast<A*>(attribute);
+                  // Nearly always of the very class (one the registry made for the code):
+                  // comparing the types spares the search through the hierarchy.
+                  A* target = attribute && typeid(*attribute) == typeid(A)
+                                  ? static_cast<A*>(attribute)
+                                  : dynamic_cast<A*>(attribute);
                   return target ? Codec::deserializer(target) : Deserializer();
               },
               &isA<A>,
