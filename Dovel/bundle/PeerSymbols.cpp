@@ -2,9 +2,11 @@
 
 #include "Basalt/SymbolRegistry.h"
 
+#include <utility>
+
 namespace Dovel {
 
-bool PeerSymbols::define(const QByteArray& name, uint32_t symbol) {
+bool PeerSymbols::define(QByteArray name, uint32_t symbol) {
     if (symbol == 0)
         return false;
     const QByteArray* const current = pending.find(symbol);
@@ -23,9 +25,8 @@ bool PeerSymbols::define(const QByteArray& name, uint32_t symbol) {
     // Names wait here only until settled, so this map alone stays small while a copy's
     // symbols climb: the pages' reach follows every entry the table holds.
     if (name.isNull())
-        pending.insert(symbol, QByteArray(""), size() + 1);
-    else
-        pending.insert(symbol, name, size() + 1);
+        name = QByteArray("");
+    pending.insert(symbol, std::move(name), size() + 1);
     return true;
 }
 

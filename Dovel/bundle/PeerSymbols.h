@@ -39,7 +39,7 @@ public:
     void shareWith(const Basalt::SymbolRegistry& local) { localNames = &local; }
     // Binds `symbol` to `name`, replacing its earlier name. Symbol 0 is refused. True when
     // the table changed.
-    bool define(const QByteArray& name, uint32_t symbol);
+    bool define(QByteArray name, uint32_t symbol);
     // The name of a symbol, built from its parts; a null array when unknown (the empty
     // name is a name).
     QByteArray lookup(uint32_t symbol) const;

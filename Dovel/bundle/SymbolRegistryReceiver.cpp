@@ -7,6 +7,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace Dovel {
 
@@ -18,7 +19,7 @@ SymbolRegistryReceiver::~SymbolRegistryReceiver() = default;
 void SymbolRegistryReceiver::handleBundle(BundleReader& reader) {
     while (!reader.atEnd()) {
         const uint32_t symbol = reader.readUInt32();
-        const QByteArray name = reader.readBytes();
+        QByteArray name = reader.readBytes();
         if (name.size() > Limits::MaxPeerNameBytes) {
             Basalt::Trace::error("SymbolRegistryReceiver::handleBundle # A name of %d bytes is "
                                  "longer than %d; symbol %u stays undefined ('%s...')",
@@ -36,7 +37,7 @@ void SymbolRegistryReceiver::handleBundle(BundleReader& reader) {
                 std::to_string(maxSymbols) + " symbols; refusing '" + name.left(80).toStdString() +
                 "' (" + std::to_string(symbol) + ")");
         // A refused or repeated definition changes nothing worth reporting.
-        if (registry.define(name, symbol))
+        if (registry.define(std::move(name), symbol))
             ++definitions;
     }
 }

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace Basalt {
@@ -55,22 +56,9 @@ public:
     // count: for an owner whose entries move on to another map (names waiting to be
     // settled), every entry it holds, so that this map's symbols stay in pages while
     // its own count stays small. Memory stays bounded by the entries the owner holds.
-    void insert(uint32_t symbol, const T& value, int entries) {
-        T* slot = denseSlot(symbol);
-        if (!slot && uint64_t(symbol) < denseBound(std::max(entries, count + 1)))
-            slot = addPage(symbol);
-        if (slot) {
-            // A symbol hashed while its page was beyond the bound moves into it.
-            const bool hashed = !sparse.isEmpty() && sparse.remove(symbol) > 0;
-            if (absent(*slot) && !hashed)
-                ++count;
-            *slot = value;
-            return;
-        }
-        const int before = sparse.size();
-        sparse.insert(symbol, value);
-        count += sparse.size() - before;
-    }
+    void insert(uint32_t symbol, const T& value, int entries) { put(symbol, value, entries); }
+    // The same, taking the value over.
+    void insert(uint32_t symbol, T&& value, int entries) { put(symbol, std::move(value), entries); }
 
     // True when `symbol` had a value. A map emptied after it reached past its first
     // page lets its pages go (a table of names waiting to be settled empties after each
@@ -102,6 +90,22 @@ public:
 
 private:
     static bool absent(const T& value) { return SymbolMapAbsent<T>::test(value); }
+    template <typename V> void put(uint32_t symbol, V&& value, int entries) {
+        T* slot = denseSlot(symbol);
+        if (!slot && uint64_t(symbol) < denseBound(std::max(entries, count + 1)))
+            slot = addPage(symbol);
+        if (slot) {
+            // A symbol hashed while its page was beyond the bound moves into it.
+            const bool hashed = !sparse.isEmpty() && sparse.remove(symbol) > 0;
+            if (absent(*slot) && !hashed)
+                ++count;
+            *slot = std::forward<V>(value);
+            return;
+        }
+        const int before = sparse.size();
+        sparse.insert(symbol, std::forward<V>(value));
+        count += sparse.size() - before;
+    }
     static uint64_t denseBound(int entries) { return 2 * uint64_t(entries) + 64; }
 
     void dropOne() {
