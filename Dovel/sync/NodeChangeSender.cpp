@@ -270,6 +270,24 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
     collapseChanges();
     std::vector<RemoteNode::Event> events;
     getEvents(events);
+    const auto additions = [this] {
+        size_t count = 0;
+        for (const ChangeData& change : changes)
+            count += change.type == NodeWatcher::AttributeAdded;
+        return count;
+    };
+    const bool oneRun = changes.size() <= RunEntries;
+    if (!(oneRun && changes.size() >= NameAsideAdditions && additions() >= NameAsideAdditions &&
+          writeNamedAside(output, events)))
+        writeRunsInTurn(output, events);
+    clearAndTrim(records, 0);
+    clearAndTrim(attributes, 0);
+    sendEvents(events, output);
+    clearAndTrim(changes, std::min(changes.size(), TrimEntries));
+}
+
+void NodeChangeSender::writeRunsInTurn(BundleOutput& output,
+                                       const std::vector<RemoteNode::Event>& events) {
     // A large pass (a session's first) goes out in runs, each its names and then its
     // changes: the peer holds a name whole only until the change that uses it comes. A
     // pass of one run is laid out as it always was, all names first. The names of the
@@ -288,20 +306,6 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
         }
         return run;
     };
-    const auto additions = [this] {
-        size_t count = 0;
-        for (const ChangeData& change : changes)
-            count += change.type == NodeWatcher::AttributeAdded;
-        return count;
-    };
-    if (runs == 1 && changes.size() >= NameAsideAdditions && additions() >= NameAsideAdditions &&
-        writeNamedAside(output, events)) {
-        clearAndTrim(records, 0);
-        clearAndTrim(attributes, 0);
-        sendEvents(events, output);
-        clearAndTrim(changes, std::min(changes.size(), TrimEntries));
-        return;
-    }
     // The first run fills the vectors the last pass left, so that a pass of one run
     // allocates nothing for them once they have grown.
     NamedRun first;
@@ -335,10 +339,6 @@ void NodeChangeSender::writeUpdates(BundleOutput& output) {
         }
         throw;
     }
-    clearAndTrim(records, 0);
-    clearAndTrim(attributes, 0);
-    sendEvents(events, output);
-    clearAndTrim(changes, std::min(changes.size(), TrimEntries));
 }
 
 void NodeChangeSender::holdChanges() {

@@ -141,6 +141,9 @@ private:
     // numbered once the names ahead of them are counted. False, having done nothing,
     // when that cannot be (no thread, or sequence numbers about to wrap).
     bool writeNamedAside(BundleOutput& output, const std::vector<RemoteNode::Event>& events);
+    // The pass's runs one after another, each named on another thread while the run
+    // before is written.
+    void writeRunsInTurn(BundleOutput& output, const std::vector<RemoteNode::Event>& events);
     void sendChanges(const std::vector<ChangeData>& changes, size_t begin, size_t end,
                      BundleOutput& output);
     void sendAdded(DovelSessionAttribute& sa, Tessel::Attribute* attribute, bool withValue,
