@@ -167,6 +167,12 @@ void NodeChangeSender::sendInitialValues() {
         return;
     Basalt::SymbolRegistry& registry = node.symbolRegistry();
     const AttributeCache& cache = node.attributeCache();
+    {
+        // Room for an addition of everything watched, taken once: grown by doubling, a
+        // tree's worth would be copied and its fresh pages touched twice over.
+        Basalt::Guard guard(changeMutex);
+        pendingChanges.reserve(pendingChanges.size() + size_t(cache.size()));
+    }
     std::vector<uint32_t> added;
     // A tree's worth of records is made on another thread, a run at a time, while the
     // walk goes on: announceAdded reads and fills only tables with locks of their own
