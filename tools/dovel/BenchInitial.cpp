@@ -201,7 +201,8 @@ int runPeer(const BenchOptions& options, BenchReport& report) {
     // The copy is whole when the first batch is applied; the count checks it.
     int held = 0;
     const int expected = options.attributes + ControlAttributes;
-    if (!mirror.waitInitialState(SetupMs))
+    // What the wait for the first piece took comes off the setup's allowance.
+    if (!mirror.waitInitialState(std::max(0, SetupMs - int(timer.elapsed()))))
         return CommandLine::fail(
             CommandLine::Failure,
             QStringLiteral("bench peer: no session (%1)").arg(mirror.failureReason()));
