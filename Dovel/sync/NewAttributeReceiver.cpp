@@ -481,7 +481,8 @@ Tessel::Node* NewAttributeReceiver::addNode(Tessel::Node& parent, const QByteArr
     }
     // Watched at once, which reports it (before the attribute that brought it exists): a
     // listener of the report may delete it again, and then the walk must not go on.
-    if (!node.watcher().addComplete(parent, name, created.get(), path.left(end), symbol, &symbol,
+    nodePathView.setRawData(path.constData(), uint(end));
+    if (!node.watcher().addComplete(parent, name, created.get(), nodePathView, symbol, &symbol,
                                     symbol ? under : 0))
         return nullptr;
     const Tessel::Attribute* const added = created.release(); // owned by its host, or gone

@@ -127,6 +127,9 @@ private:
     // pointed elsewhere in place. Between uses it may point to bytes that are gone;
     // nothing reads it then.
     QByteArray componentView;
+    // The same for the path of a node being added, which the watcher reads while it
+    // adds the node and copies where it keeps it.
+    QByteArray nodePathView;
     // The parent and grandparent paths that prefetchRecord hashed last, with their
     // hashes: the entries looked ahead at are mostly siblings or cousins, so most cost
     // one hash of a leaf.

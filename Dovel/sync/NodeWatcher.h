@@ -92,7 +92,8 @@ public:
     // must be that one's), spares asking the registry whether `symbol` is the child
     // `name` of the symbol `parent` is watched under (their symbols are compared).
     // `*watchedAs`, when given, is the symbol the watcher keeps the attribute under, 0
-    // when it does not watch it.
+    // when it does not watch it. `path` may view bytes that last only for the call
+    // (QByteArray::setRawData): what the watcher keeps of it, it copies.
     bool addComplete(Tessel::Node& parent, const QByteArray& name, Tessel::Attribute* attribute,
                      const QByteArray& path = QByteArray(), unsigned int symbol = 0,
                      unsigned int* watchedAs = nullptr, unsigned int parentSymbol = 0);

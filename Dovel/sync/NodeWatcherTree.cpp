@@ -32,6 +32,13 @@ QByteArray childPathOfView(const QByteArray& parent, const QByteArray& view) {
     return parent.isEmpty() ? QByteArray(view.constData(), view.size()) : childPath(parent, view);
 }
 
+// A path to keep beyond the call that brought it: that may have been a view of bytes
+// its caller holds only meanwhile (NodeWatcher::addComplete), which is copied. Bytes an
+// array does not own (raw data, a literal) give it no capacity.
+QByteArray keptPath(const QByteArray& path) {
+    return path.capacity() >= path.size() ? path : QByteArray(path.constData(), path.size());
+}
+
 void checkName(const QByteArray& name) {
     if (name.isEmpty())
         Basalt::Trace::error("NodeWatcher # Found an attribute with an empty name. This should "
@@ -87,7 +94,8 @@ void NodeWatcher::Tree::watchNode(Node& node, const QByteArray& path, unsigned i
             QByteArray path;
             Tessel::ListenerHolder* holder;
         };
-        const auto context = std::make_shared<const Context>(Context{this, watched, path, &holder});
+        const auto context =
+            std::make_shared<const Context>(Context{this, watched, keptPath(path), &holder});
         holder.addBd(
             watched, QByteArrayLiteral("attribute-added"),
             [context](Basalt::BinaryData& data) {
@@ -144,7 +152,7 @@ void NodeWatcher::Tree::watchAttribute(Attribute& attribute, const QByteArray& p
             aliases.insert(alias, target);
         }
         holder.add(
-            alias, [this, alias, path, symbol] { retarget(alias, path, symbol); },
+            alias, [this, alias, path = keptPath(path), symbol] { retarget(alias, path, symbol); },
             Attribute::RoleChange);
         if (auto* node = Tessel::asNode(target)) {
             watchNode(*node, path, symbol, notify, aliasHolder(alias));

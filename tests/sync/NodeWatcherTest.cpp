@@ -6,6 +6,7 @@
 #include "Dovel/sync/NodeWatcher.h"
 
 #include "Basalt/SymbolRegistry.h"
+#include "Tessel/AttributeAlias.h"
 #include "Tessel/AttributeT.h"
 #include "Tessel/Node.h"
 
@@ -120,6 +121,27 @@ TEST(NodeWatcher, AddCompleteWatchesAtOnceAndKeepsTheOrderOfWhatWasQueued) {
     EXPECT_EQ(watchedAs, 0u);
     EXPECT_EQ(queued->attribute("x"), nullptr);
     w.watcher.removeListener(drop);
+
+    // The path may view bytes that last only for the call: an alias keeps a copy, the
+    // path its target's subtree is watched at when it comes.
+    QByteArray bytes("link");
+    QByteArray view;
+    view.setRawData(bytes.constData(), uint(bytes.size()));
+    auto* link = new Tessel::AttributeAlias();
+    ASSERT_TRUE(w.watcher.addComplete(w.root, "link", link, view));
+    view.clear();
+    bytes.fill('#');
+    auto* sub = new Node(new Node(&w.root, "real"), "sub");
+    w.watcher.update();
+    link->setTarget(sub->host());
+    w.recorder.take();
+    new AttributeT<float>(sub, "z");
+    w.watcher.update();
+    const std::vector<Event> added = w.recorder.take();
+    EXPECT_NE(
+        std::find(added.begin(), added.end(), ev(NodeWatcher::AttributeAdded, w.sym("link/sub/z"))),
+        added.end());
+    EXPECT_EQ(w.sym("####/sub/z"), 0u);
 }
 
 TEST(NodeWatcher, AListenerMayDeleteWhatItIsToldWasAdded) {
