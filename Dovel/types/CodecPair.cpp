@@ -94,11 +94,27 @@ Deserializer CodecPair::deserializer() const {
                   : Deserializer();
 }
 
+// Each record gets one codec after the other, the second sharing the first's bytes:
+// that is set in place, without taking the other codec out and putting both back.
+bool CodecPair::setInPlace(int32_t& at, int32_t call, const void* bytes, bool otherHeld) {
+    if (!call || isSplit() || (otherHeld && std::memcmp(bytes, storage, sizeof storage) != 0))
+        return false;
+    std::memcpy(storage, bytes, sizeof storage);
+    at = call;
+    return true;
+}
+
 void CodecPair::setSerializer(Serializer serializer) {
+    if (setInPlace(writeAt, distanceOf(serializer.inlineCall()), serializer.heldBytes(),
+                   readAt != 0))
+        return;
     assign(std::move(serializer), deserializer());
 }
 
 void CodecPair::setDeserializer(Deserializer deserializer) {
+    if (setInPlace(readAt, distanceOf(deserializer.inlineCall()), deserializer.heldBytes(),
+                   writeAt != 0))
+        return;
     assign(serializer(), std::move(deserializer));
 }
 

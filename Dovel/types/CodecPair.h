@@ -45,6 +45,9 @@ private:
     static void splitWrite(const void* held, BundleWriterCore& writer);
     static void splitRead(const void* held, BundleReaderCore& reader);
     bool isSplit() const;
+    // Puts a codec's call at `at` and its bytes in place, when it is inline, the pair is
+    // not split and the other codec (if `otherHeld`) holds the same bytes: true if done.
+    bool setInPlace(int32_t& at, int32_t call, const void* bytes, bool otherHeld);
     Split* split() const;
 
     int32_t writeAt = 0;
