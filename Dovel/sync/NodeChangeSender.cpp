@@ -10,6 +10,8 @@
 #include "Dovel/types/TypeRegistry.h"
 
 #include "Basalt/Trace.h"
+#include "Tessel/AttributeAlias.h"
+#include "Tessel/Node.h"
 
 #include <algorithm>
 #include <future>
@@ -162,6 +164,36 @@ void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
     pendingEventBytes += int64_t(sizeof(RemoteNode::Event)) + event.data.size();
 }
 
+namespace {
+
+// Visits the value attributes under `node` in child order, aliases resolved, nodes
+// descended into (walkAttributesWithPath's walk): each as its parent lists it (an alias or
+// the attribute itself), with that parent's path and whether the walk reached the parent
+// by its own path, through no alias. The path is
+// one buffer, grown and cut back as the walk goes down and up: no path is made per node.
+// The visitor must not change the tree.
+template <typename Visit>
+void walkOwnPaths(Tessel::Node& node, QByteArray& path, bool ownPath, const Visit& visit) {
+    node.forEachChild([&](Tessel::Attribute* child) {
+        Tessel::Attribute* const resolved = Tessel::AttributeAlias::resolve(child);
+        if (!resolved)
+            return;
+        Tessel::Node* const sub = Tessel::asNode(resolved);
+        if (!sub) {
+            visit(*child, static_cast<const QByteArray&>(path), ownPath);
+            return;
+        }
+        const int parentBytes = path.size();
+        if (parentBytes > 0)
+            path.append('/');
+        path.append(child->name());
+        walkOwnPaths(*sub, path, ownPath && resolved == child, visit);
+        path.truncate(parentBytes);
+    });
+}
+
+} // namespace
+
 void NodeChangeSender::sendInitialValues() {
     if (mirrorOnly)
         return;
@@ -193,40 +225,29 @@ void NodeChangeSender::sendInitialValues() {
             announceAdded(*run); // made here
         }
     };
-    // The walk lists each node's children one after the other under one parent path.
-    QByteArray lastParent;
-    unsigned int lastParentSymbol = 0;
-    walkAttributesUnder(
-        node, [&](Tessel::Attribute& found, Tessel::Attribute&, const QByteArray& parent) {
-            // What the watcher observes carries its own path's symbol: taken when the walk
-            // came by that path (its host's own, which the registry names without a
-            // hash), not through an alias.
-            unsigned int symbol = cache.observedSymbolOf(found);
-            if (symbol) {
-                const Tessel::Node* host = found.host();
-                const unsigned int hostSymbol = host ? cache.observedSymbolOf(*host) : 0;
-                if (hostSymbol == 0) {
-                    symbol = 0;
-                } else if (hostSymbol != lastParentSymbol || parent != lastParent) {
-                    const bool byOwnPath = registry.isNameOf(hostSymbol, parent);
-                    lastParent = parent;
-                    lastParentSymbol = byOwnPath ? hostSymbol : 0;
-                    if (!byOwnPath)
-                        symbol = 0;
-                }
-            }
-            // Others may be indexed under their path's symbol: taken when the registry
-            // names that path, it spares building and hashing a path per attribute (one
-            // also reached through an alias may be indexed under the other path).
-            if (!symbol) {
-                symbol = cache.symbolOf(&found);
-                if (!symbol || !isChildPath(registry.lookup(symbol), parent, found.name()))
-                    symbol = registry.lookup(childPath(parent, found.name()));
-            }
-            added.push_back(symbol);
-            if (inRuns && added.size() == RunEntries)
-                announceRun();
-        });
+    const auto visit = [&](Tessel::Attribute& found, const QByteArray& parent, bool ownPath) {
+        // What the watcher observes carries its own path's symbol: taken when the walk came
+        // by its host's own path (no alias on the way), where the watcher observes it.
+        unsigned int symbol = ownPath ? cache.observedSymbolOf(found) : 0;
+        if (symbol) {
+            const Tessel::Node* host = found.host();
+            if (!host || cache.observedSymbolOf(*host) == 0)
+                symbol = 0;
+        }
+        // Others may be indexed under their path's symbol: taken when the registry names
+        // that path, it spares building and hashing a path per attribute (one also reached
+        // through an alias may be indexed under the other path).
+        if (!symbol) {
+            symbol = cache.symbolOf(&found);
+            if (!symbol || !isChildPath(registry.lookup(symbol), parent, found.name()))
+                symbol = registry.lookup(childPath(parent, found.name()));
+        }
+        added.push_back(symbol);
+        if (inRuns && added.size() == RunEntries)
+            announceRun();
+    };
+    QByteArray parentPath;
+    walkOwnPaths(node, parentPath, true, visit);
     if (announcing.valid())
         announcing.get();
     announceAdded(added);

@@ -416,9 +416,4 @@ void walkAttributesWithPath(Node& node,
               });
 }
 
-void walkAttributesUnder(
-    Node& node, const std::function<void(Attribute&, Attribute&, const QByteArray&)>& visit) {
-    walkUnder(node, QByteArray(), visit);
-}
-
 } // namespace Dovel

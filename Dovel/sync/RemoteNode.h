@@ -204,11 +204,5 @@ Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path);
 // The same walk, giving each value attribute its slash-separated path under `node`.
 void walkAttributesWithPath(
     Tessel::Node& node, const std::function<void(Tessel::Attribute&, const QByteArray&)>& visit);
-// The same walk, giving each value attribute as its parent lists it (an alias, or the
-// attribute itself), resolved, and the path of that parent: no leaf's path is built.
-void walkAttributesUnder(
-    Tessel::Node& node,
-    const std::function<void(Tessel::Attribute& found, Tessel::Attribute& resolved,
-                             const QByteArray& parentPath)>& visit);
 
 } // namespace Dovel

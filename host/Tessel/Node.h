@@ -70,6 +70,12 @@ public:
     bool deleteAttribute(Attribute* attribute);
     // A copy of the children in insertion order.
     std::vector<Attribute*> children() const;
+    // Calls `visit(Attribute*)` for each child in insertion order, without a copy: the
+    // visitor must not add, remove or delete children of this node.
+    template <typename Visit> void forEachChild(Visit&& visit) const {
+        for (Attribute* child = firstChild; child; child = child->nextSibling)
+            visit(child);
+    }
     int childCount() const;
 
     // True when any child reports a change from its defaults.

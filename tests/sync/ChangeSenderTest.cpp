@@ -8,6 +8,7 @@
 #include "Dovel/sync/AttributeChangeCompressor.h"
 
 #include "Basalt/Trace.h"
+#include "Tessel/AttributeAlias.h"
 #include "Tessel/AttributeT.h"
 
 #include <gtest/gtest.h>
@@ -259,4 +260,24 @@ TEST(ChangeSender, ALargePassNamesEachRunJustBeforeItsChanges) {
         held += copy && copy->value() == i;
     }
     EXPECT_EQ(held, (Count + 996) / 997);
+}
+
+TEST(ChangeSender, TheFirstPassAnnouncesWhatAnAliasShowsUnderTheAliasPath) {
+    // An attribute reached through an alias (a node's or its own) goes out under the path
+    // that reaches it there, beside the one of its own: the peer gets both.
+    RemoteNode left(nullptr, "left");
+    left.addDeepAttribute("real/x", new AttributeT<int32_t>(nullptr, "", 7));
+    new Tessel::AttributeAlias(&left, "link", left.attribute("real"));
+    new Tessel::AttributeAlias(&left, "lx", Dovel::attributeAt(left, "real/x"));
+    left.processPendingAdditions();
+    Session a(left, true, true);
+    RemoteNode right(nullptr, "right");
+    Session b(right, false, true);
+    b.core->process(a.output());
+    for (const char* path : {"real/x", "link/x", "lx"}) {
+        SCOPED_TRACE(path);
+        const Attribute* copy = Dovel::attributeAt(right, path);
+        ASSERT_TRUE(copy);
+        EXPECT_EQ(copy->asInt(), 7);
+    }
 }
