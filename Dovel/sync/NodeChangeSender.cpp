@@ -247,6 +247,7 @@ void NodeChangeSender::sendInitialValues() {
             announceRun();
     };
     QByteArray parentPath;
+    parentPath.reserve(256); // reserved, the buffer stays when cut back to nothing
     walkOwnPaths(node, parentPath, true, visit);
     if (announcing.valid())
         announcing.get();

@@ -289,7 +289,7 @@ void NodeWatcher::Tree::onAdded(const QByteArray& path, const QByteArray& name, 
     const bool asCalled = child == completeChild && isChildPath(completePath, path, name);
     const QByteArray path2 = asCalled ? completePath : childPathOfView(path, name);
     const unsigned int symbol =
-        asCalled && completeSymbol ? completeSymbol : registry.lookupOrDefine(path2);
+        asCalled && completeSymbol ? completeSymbol : registry.lookupOrDefine(keptPath(path2));
     admit(*child, path2, symbol, holder);
 }
 

@@ -142,6 +142,23 @@ TEST(NodeWatcher, AddCompleteWatchesAtOnceAndKeepsTheOrderOfWhatWasQueued) {
         std::find(added.begin(), added.end(), ev(NodeWatcher::AttributeAdded, w.sym("link/sub/z"))),
         added.end());
     EXPECT_EQ(w.sym("####/sub/z"), 0u);
+
+    // So does the registry, which names what a watcher whose root another one observes
+    // hears of through the root's event.
+    Node* inner = new Node(&w.root, "inner");
+    w.watcher.update();
+    Basalt::SymbolRegistry innerRegistry;
+    AttributeCache innerCache;
+    NodeWatcher innerWatcher{innerRegistry, innerCache};
+    innerWatcher.startWatching(*inner, false);
+    QByteArray nBytes("n");
+    view.setRawData(nBytes.constData(), uint(nBytes.size()));
+    watchedAs = 0;
+    ASSERT_TRUE(innerWatcher.addComplete(*inner, "n", new Node(), view, 0, &watchedAs));
+    view.clear();
+    nBytes.fill('#');
+    EXPECT_EQ(innerRegistry.lookup(watchedAs), QByteArray("n"));
+    EXPECT_EQ(innerRegistry.lookup(QByteArray("n")), watchedAs);
 }
 
 TEST(NodeWatcher, AListenerMayDeleteWhatItIsToldWasAdded) {
