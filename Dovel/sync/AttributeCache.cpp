@@ -11,7 +11,7 @@ AttributeCache::AttributeCache() = default;
 bool AttributeCache::add(unsigned int symbol, Tessel::Attribute* attribute) {
     if (!attribute)
         return false; // a symbol without an attribute is an absent one
-    std::unique_lock<std::shared_mutex> locker(lock);
+    std::unique_lock<Basalt::RwLock> locker(lock);
     if (Tessel::Attribute* const* found = bySymbol.find(symbol)) {
         if (*found == attribute)
             return true;
@@ -25,12 +25,12 @@ bool AttributeCache::add(unsigned int symbol, Tessel::Attribute* attribute) {
 }
 
 Tessel::Attribute* AttributeCache::find(unsigned int symbol) const {
-    std::shared_lock<std::shared_mutex> locker(lock);
+    std::shared_lock<Basalt::RwLock> locker(lock);
     return bySymbol.value(symbol);
 }
 
 Tessel::Attribute* AttributeCache::findOrAdd(unsigned int symbol, Tessel::Attribute* attribute) {
-    std::unique_lock<std::shared_mutex> locker(lock);
+    std::unique_lock<Basalt::RwLock> locker(lock);
     if (Tessel::Attribute* const* found = bySymbol.find(symbol))
         return *found;
     if (attribute)
@@ -43,7 +43,7 @@ void AttributeCache::setObserver(const Tessel::TreeObserver* watcher) {
 }
 
 void AttributeCache::index(unsigned int symbol, Tessel::Attribute* attribute) {
-    std::unique_lock<std::shared_mutex> locker(lock);
+    std::unique_lock<Basalt::RwLock> locker(lock);
     byAttribute.insert(attribute, symbol);
 }
 
@@ -58,12 +58,12 @@ unsigned int AttributeCache::symbolOf(Tessel::Attribute* attribute) const {
         return 0;
     if (const unsigned int symbol = observedSymbolOf(*attribute))
         return symbol;
-    std::shared_lock<std::shared_mutex> locker(lock);
+    std::shared_lock<Basalt::RwLock> locker(lock);
     return byAttribute.value(attribute, 0u);
 }
 
 bool AttributeCache::remove(unsigned int symbol) {
-    std::unique_lock<std::shared_mutex> locker(lock);
+    std::unique_lock<Basalt::RwLock> locker(lock);
     Tessel::Attribute* const attribute = bySymbol.value(symbol);
     if (!attribute) {
         Basalt::Trace::error("AttributeCache::remove # Trying to remove missing symbol: %u",
@@ -80,12 +80,12 @@ bool AttributeCache::remove(unsigned int symbol) {
 }
 
 bool AttributeCache::isNode(unsigned int symbol) const {
-    std::shared_lock<std::shared_mutex> locker(lock);
+    std::shared_lock<Basalt::RwLock> locker(lock);
     return nodes.contains(symbol);
 }
 
 void AttributeCache::setIsNode(unsigned int symbol, bool isNode) {
-    std::unique_lock<std::shared_mutex> locker(lock);
+    std::unique_lock<Basalt::RwLock> locker(lock);
     if (isNode)
         nodes.insert(symbol);
     else
@@ -93,7 +93,7 @@ void AttributeCache::setIsNode(unsigned int symbol, bool isNode) {
 }
 
 int AttributeCache::size() const {
-    std::shared_lock<std::shared_mutex> locker(lock);
+    std::shared_lock<Basalt::RwLock> locker(lock);
     return bySymbol.size();
 }
 

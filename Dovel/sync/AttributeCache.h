@@ -14,6 +14,7 @@
 #include "Dovel/sync/SymbolBits.h"
 
 #include "Basalt/PointerMap.h"
+#include "Basalt/RwLock.h"
 #include "Basalt/SymbolMap.h"
 
 #include <atomic>
@@ -48,7 +49,7 @@ public:
     // A batch of find under one read lock: out[i] is the attribute of symbolAt(i) or null.
     template <typename SymbolAt>
     void findAll(size_t count, SymbolAt symbolAt, std::vector<Tessel::Attribute*>& out) const {
-        std::shared_lock<std::shared_mutex> locker(lock);
+        std::shared_lock<Basalt::RwLock> locker(lock);
         out.resize(count);
         for (size_t i = 0; i < count; ++i)
             out[i] = bySymbol.value(symbolAt(i));
@@ -73,7 +74,7 @@ public:
     int size() const;
 
 private:
-    mutable std::shared_mutex lock;
+    mutable Basalt::RwLock lock;
     SymbolBits nodes; // local symbols: a bit each, where a hash set misses on every insert
     // Local symbols are dense: a vector slot per attribute, no allocation per entry.
     Basalt::SymbolMap<Tessel::Attribute*> bySymbol;

@@ -18,7 +18,7 @@ AttributeStorage::AttributeStorage(RemoteNode& node, PeerSymbols& peerSymbols)
 AttributeStorage::~AttributeStorage() = default;
 
 DovelSessionAttribute* AttributeStorage::findByLocalSymbol(uint32_t symbol) const {
-    std::shared_lock<std::shared_mutex> locker(lock);
+    std::shared_lock<Basalt::RwLock> locker(lock);
     return at(byLocalSymbol.value(symbol));
 }
 
@@ -33,13 +33,13 @@ DovelSessionAttribute* AttributeStorage::findByPath(const QByteArray& path) cons
 }
 
 DovelSessionAttribute* AttributeStorage::createByPath(const QByteArray& path, uint32_t symbol) {
-    std::unique_lock<std::shared_mutex> locker(lock);
+    std::unique_lock<Basalt::RwLock> locker(lock);
     return createLocked(path, symbol);
 }
 
 DovelSessionAttribute* AttributeStorage::bindReadSymbol(uint32_t readSymbol, const QByteArray& path,
                                                         uint32_t localSymbol, bool* boundNow) {
-    std::unique_lock<std::shared_mutex> locker(lock);
+    std::unique_lock<Basalt::RwLock> locker(lock);
     if (const uint32_t symbol = peerSymbols.boundTo(readSymbol))
         if (DovelSessionAttribute* bound = at(byLocalSymbol.value(symbol))) {
             if (boundNow)
@@ -71,7 +71,7 @@ DovelSessionAttribute* AttributeStorage::createLocked(const QByteArray& path, ui
 }
 
 void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttribute* record) {
-    std::unique_lock<std::shared_mutex> locker(lock);
+    std::unique_lock<Basalt::RwLock> locker(lock);
     const uint32_t symbol = peerSymbols.boundTo(readSymbol);
     DovelSessionAttribute* const bound = symbol ? at(byLocalSymbol.value(symbol)) : nullptr;
     if (bound && bound != record) {
@@ -85,7 +85,7 @@ void AttributeStorage::indexByReadSymbol(uint32_t readSymbol, DovelSessionAttrib
 }
 
 void AttributeStorage::debugDump() const {
-    std::shared_lock<std::shared_mutex> locker(lock);
+    std::shared_lock<Basalt::RwLock> locker(lock);
     static const QRegExp lastComponent("([^/]+)$");
     for (size_t i = 0; i < records.size(); ++i) {
         const DovelSessionAttribute& record = records[i];
@@ -116,7 +116,7 @@ void AttributeStorage::debugDump() const {
 }
 
 int AttributeStorage::size() const {
-    std::shared_lock<std::shared_mutex> locker(lock);
+    std::shared_lock<Basalt::RwLock> locker(lock);
     return int(records.size());
 }
 

@@ -14,6 +14,7 @@
 
 #include "Dovel/sync/DovelSessionAttribute.h"
 
+#include "Basalt/RwLock.h"
 #include "Basalt/StableArray.h"
 #include "Basalt/SymbolMap.h"
 
@@ -46,7 +47,7 @@ public:
     template <typename SymbolAt>
     void findByLocalSymbols(size_t count, SymbolAt symbolAt,
                             std::vector<DovelSessionAttribute*>& out) const {
-        std::shared_lock<std::shared_mutex> locker(lock);
+        std::shared_lock<Basalt::RwLock> locker(lock);
         out.resize(count);
         for (size_t i = 0; i < count; ++i)
             out[i] = at(byLocalSymbol.value(symbolAt(i)));
@@ -60,7 +61,7 @@ public:
     template <typename SymbolAt, typename MayCreate>
     void findOrCreateByLocalSymbols(size_t count, SymbolAt symbolAt, MayCreate mayCreate,
                                     std::vector<DovelSessionAttribute*>& out) {
-        std::unique_lock<std::shared_mutex> locker(lock);
+        std::unique_lock<Basalt::RwLock> locker(lock);
         out.resize(count);
         for (size_t i = 0; i < count; ++i) {
             const uint32_t symbol = symbolAt(i);
@@ -95,7 +96,7 @@ private:
 
     RemoteNode& node;
     PeerSymbols& peerSymbols;
-    mutable std::shared_mutex lock;
+    mutable Basalt::RwLock lock;
     // Owns the records, which never move, in blocks of 2048 (64 KiB).
     Basalt::StableArray<DovelSessionAttribute, 11> records;
     // Local symbols are dense. The map holds a record as its index in `records` plus

@@ -7,6 +7,8 @@
 // flag, so the common answer costs one atomic load.
 #pragma once
 
+#include "Basalt/RwLock.h"
+
 #include <QHash>
 
 #include <atomic>
@@ -39,7 +41,7 @@ public:
             out.assign(count, Sync);
             return;
         }
-        std::shared_lock<std::shared_mutex> locker(lock);
+        std::shared_lock<Basalt::RwLock> locker(lock);
         out.resize(count);
         for (size_t i = 0; i < count; ++i)
             out[i] = flags.value(symbolAt(i), Sync);
@@ -54,7 +56,7 @@ public:
 private:
     QHash<unsigned int, Flag> flags;
     std::atomic<int> stored{0}; // flags.size(), written under the lock
-    mutable std::shared_mutex lock;
+    mutable Basalt::RwLock lock;
 };
 
 } // namespace Dovel

@@ -7,6 +7,8 @@
 // Thread-safe. Ids are handed out from 0 up; callbacks run in the order they were added.
 #pragma once
 
+#include "Basalt/RwLock.h"
+
 #include <algorithm>
 #include <functional>
 #include <memory>
@@ -26,7 +28,7 @@ public:
     ListenerTable& operator=(const ListenerTable&) = delete;
 
     long add(const Callback& callback) {
-        std::unique_lock<std::shared_mutex> locker(lock);
+        std::unique_lock<RwLock> locker(lock);
         auto copy = std::make_shared<Table>(*table);
         const long id = nextId++;
         copy->emplace_back(id, callback); // ids grow: the table stays in their order
@@ -35,7 +37,7 @@ public:
     }
     // Does nothing for an unknown id.
     void remove(long id) {
-        std::unique_lock<std::shared_mutex> locker(lock);
+        std::unique_lock<RwLock> locker(lock);
         const auto byId = [id](const Entry& entry) { return entry.first == id; };
         if (std::none_of(table->begin(), table->end(), byId))
             return;
@@ -46,7 +48,7 @@ public:
     void call(Args... args) const {
         std::shared_ptr<const Table> current;
         {
-            std::shared_lock<std::shared_mutex> locker(lock);
+            std::shared_lock<RwLock> locker(lock);
             current = table;
         }
         for (const auto& entry : *current)
@@ -57,7 +59,7 @@ private:
     // In the order of the ids, one block: a call walks it for every event.
     using Entry = std::pair<long, Callback>;
     using Table = std::vector<Entry>;
-    mutable std::shared_mutex lock;
+    mutable RwLock lock;
     std::shared_ptr<const Table> table;
     long nextId = 0;
 };

@@ -13,7 +13,7 @@ SymbolRegistry::~SymbolRegistry() = default;
 bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {
     if (symbol == 0)
         return false;
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t id = names.insert(name);
     if (id == 0)
         return false;
@@ -35,19 +35,19 @@ bool SymbolRegistry::define(const QByteArray& name, uint32_t symbol) {
 }
 
 uint32_t SymbolRegistry::lookup(const QByteArray& name) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t id = names.find(name);
     return id ? symbolOf(id) : 0;
 }
 
 QByteArray SymbolRegistry::lookup(uint32_t symbol) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t id = idOf(symbol);
     return id ? names.name(id) : QByteArray();
 }
 
 bool SymbolRegistry::appendName(uint32_t symbol, QByteArray& out, uint32_t ahead) {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     if (ahead != 0)
         if (const uint32_t aheadId = idOf(ahead))
             names.prefetchName(aheadId);
@@ -59,26 +59,26 @@ bool SymbolRegistry::appendName(uint32_t symbol, QByteArray& out, uint32_t ahead
 }
 
 bool SymbolRegistry::hasLeaf(uint32_t symbol, const QByteArray& leaf) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t id = idOf(symbol);
     return id && names.hasLeaf(id, leaf);
 }
 
 bool SymbolRegistry::namesBelowRoot(uint32_t symbol) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t id = idOf(symbol);
     return id && !names.isNameOf(id, QByteArray());
 }
 
 bool SymbolRegistry::isChildOf(uint32_t symbol, uint32_t parent, const QByteArray& leaf) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t id = idOf(symbol);
     const uint32_t parentId = idOf(parent);
     return id && parentId && names.isChildOf(id, parentId, leaf);
 }
 
 bool SymbolRegistry::isNameOf(uint32_t symbol, const QByteArray& name) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t id = idOf(symbol);
     return id && names.isNameOf(id, name);
 }
@@ -115,7 +115,7 @@ uint32_t SymbolRegistry::defineNext(uint32_t id, const QByteArray& name) {
 }
 
 uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name) {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t id = names.insert(name);
     if (const uint32_t symbol = id ? symbolOf(id) : 0)
         return symbol;
@@ -123,14 +123,14 @@ uint32_t SymbolRegistry::lookupOrDefine(const QByteArray& name) {
 }
 
 uint32_t SymbolRegistry::lookupChild(uint32_t parent, const QByteArray& leaf) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t parentId = idOf(parent);
     const uint32_t id = parentId ? names.findChild(parentId, leaf) : 0;
     return id ? symbolOf(id) : 0;
 }
 
 uint32_t SymbolRegistry::lookupOrDefineChild(uint32_t parent, const QByteArray& leaf) {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t parentId = idOf(parent);
     if (!parentId)
         return 0;
@@ -139,7 +139,7 @@ uint32_t SymbolRegistry::lookupOrDefineChild(uint32_t parent, const QByteArray& 
 
 uint32_t SymbolRegistry::lookupOrDefineChild(uint32_t parent, const QByteArray& leaf,
                                              uint64_t parentHash, uint64_t hash) {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     const uint32_t parentId = idOf(parent);
     if (!parentId)
         return 0;
@@ -153,7 +153,7 @@ uint32_t SymbolRegistry::symbolOfChild(uint32_t id, const QByteArray& leaf) {
 }
 
 void SymbolRegistry::prefetch(const QByteArray& name) const {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     names.prefetch(name);
 }
 
@@ -162,7 +162,7 @@ void SymbolRegistry::prefetchHashed(uint64_t hash) const {
 }
 
 int SymbolRegistry::size() const {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::lock_guard<RwLock> lock(mutex);
     return sameAsIds ? names.size() : bySymbol.size();
 }
 

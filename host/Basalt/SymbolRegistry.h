@@ -10,6 +10,7 @@
 #pragma once
 
 #include "Basalt/PathTable.h"
+#include "Basalt/RwLock.h"
 #include "Basalt/SymbolMap.h"
 
 #include <QByteArray>
@@ -103,7 +104,7 @@ private:
             byId.remove(id);
     }
 
-    mutable std::mutex mutex;
+    mutable RwLock mutex;
     // Every name ever bound.
     PathTable names;
     // While only lookupOrDefine has bound names, each name came with the next symbol,
