@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <system_error>
 #include <utility>
 
@@ -108,7 +109,7 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
         // Not sent, but an attribute the peer announced all the same holds codecs bound
         // to the object that is going away.
         if (event.type == NodeWatcher::AttributeRemoved) {
-            Basalt::Guard guard(changeMutex);
+            std::lock_guard<Basalt::RwLock> guard(changeMutex);
             if (DovelSessionAttribute* sa = storage.findByLocalSymbol(event.symbol))
                 forgetLocalAttribute(*sa);
         }
@@ -130,7 +131,7 @@ void NodeChangeSender::onAttributeChange(const NodeWatcher::Event& event) {
         return;
     }
 
-    Basalt::Guard guard(changeMutex);
+    std::lock_guard<Basalt::RwLock> guard(changeMutex);
     // A record for a symbol of some path other than the root's; the symbol is all it
     // needs, so no path is built.
     const Basalt::SymbolRegistry& registry = node.symbolRegistry();
@@ -158,7 +159,7 @@ void NodeChangeSender::forgetLocalAttribute(DovelSessionAttribute& sa) {
 void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
     if (mirrorOnly)
         return;
-    Basalt::Guard guard(eventMutex);
+    std::lock_guard<Basalt::RwLock> guard(eventMutex);
     pendingEvents.push_back(event);
     // Empty events cost memory too: each is charged its record as well.
     pendingEventBytes += int64_t(sizeof(RemoteNode::Event)) + event.data.size();
@@ -202,7 +203,7 @@ void NodeChangeSender::sendInitialValues() {
     {
         // Room for an addition of everything watched, taken once: grown by doubling, a
         // tree's worth would be copied and its fresh pages touched twice over.
-        Basalt::Guard guard(changeMutex);
+        std::lock_guard<Basalt::RwLock> guard(changeMutex);
         pendingChanges.reserve(pendingChanges.size() + size_t(cache.size()));
     }
     std::vector<uint32_t> added;
@@ -276,7 +277,7 @@ void NodeChangeSender::announceAdded(std::vector<uint32_t>& symbols) {
                 run.push_back(symbols[i]);
         node.attributeCache().findAll(
             run.size(), [&](size_t i) { return run[i]; }, attributes);
-        Basalt::Guard guard(changeMutex);
+        std::lock_guard<Basalt::RwLock> guard(changeMutex);
         storage.findOrCreateByLocalSymbols(
             run.size(), [&](size_t i) { return attributes[i] ? run[i] : 0u; },
             [root](uint32_t symbol) { return symbol != 0 && symbol != root; }, records);
@@ -371,7 +372,7 @@ void NodeChangeSender::writeRunsInTurn(BundleOutput& output,
 
 void NodeChangeSender::holdChanges() {
     {
-        Basalt::Guard guard(changeMutex);
+        std::lock_guard<Basalt::RwLock> guard(changeMutex);
         takenChanges.swap(pendingChanges);
     }
     heldChanges.insert(heldChanges.end(), takenChanges.begin(), takenChanges.end());
@@ -392,13 +393,13 @@ void NodeChangeSender::holdChanges() {
 }
 
 bool NodeChangeSender::eventsPiledUp() const {
-    Basalt::Guard guard(eventMutex);
+    std::lock_guard<Basalt::RwLock> guard(eventMutex);
     return pendingEventBytes > Limits::MaxHeldEventBytes;
 }
 
 void NodeChangeSender::collapseChanges() {
     {
-        Basalt::Guard guard(changeMutex);
+        std::lock_guard<Basalt::RwLock> guard(changeMutex);
         takenChanges.swap(pendingChanges);
     }
     if (!heldChanges.empty()) {
@@ -414,7 +415,7 @@ void NodeChangeSender::collapseChanges() {
 }
 
 void NodeChangeSender::getEvents(std::vector<RemoteNode::Event>& out) {
-    Basalt::Guard guard(eventMutex);
+    std::lock_guard<Basalt::RwLock> guard(eventMutex);
     out.swap(pendingEvents);
     pendingEventBytes = 0;
 }
@@ -422,7 +423,7 @@ void NodeChangeSender::getEvents(std::vector<RemoteNode::Event>& out) {
 void NodeChangeSender::sendAgain(uint32_t localSymbol, bool announce) {
     if (mirrorOnly || !node.attributeCache().find(localSymbol))
         return;
-    Basalt::Guard guard(changeMutex);
+    std::lock_guard<Basalt::RwLock> guard(changeMutex);
     if (announce)
         pendingChanges.push_back({NodeWatcher::AttributeAdded, localSymbol});
     pendingChanges.push_back({NodeWatcher::AttributeChanged, localSymbol});

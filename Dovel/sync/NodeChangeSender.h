@@ -17,7 +17,7 @@
 #include "Dovel/sync/RemoteNode.h"
 #include "Dovel/sync/SymbolBits.h"
 
-#include "Basalt/Mutex.h"
+#include "Basalt/RwLock.h"
 
 #include <cstdint>
 #include <vector>
@@ -166,7 +166,7 @@ private:
     TypeRegistry& types;
     AttributeChangeCompressor compressor;
 
-    Basalt::Mutex changeMutex;
+    Basalt::RwLock changeMutex;                     // held exclusively
     std::vector<NodeWatcher::Event> pendingChanges; // guarded by changeMutex
     std::vector<NodeWatcher::Event> takenChanges;   // the pass's, swapped with pendingChanges
     // Changes of held periods, compressed and spelt out as events again (holdChanges);
@@ -179,7 +179,7 @@ private:
     std::vector<DovelSessionAttribute*> records;
     std::vector<Tessel::Attribute*> attributes;
 
-    mutable Basalt::Mutex eventMutex;
+    mutable Basalt::RwLock eventMutex;            // held exclusively
     std::vector<RemoteNode::Event> pendingEvents; // guarded by eventMutex
     int64_t pendingEventBytes = 0;                // their payloads; guarded by eventMutex
     const bool mirrorOnly;
