@@ -77,13 +77,12 @@ bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* a
     struct Scope {
         Tree& tree;
         Attribute* const child = tree.completeChild;
-        QByteArray path; // the outer call's: swapped out and back, as it runs per addition
+        const QByteArray* const path = tree.completePath;
         const unsigned int symbol = tree.completeSymbol;
         const unsigned int parent = tree.completeParent;
-        explicit Scope(Tree& tree) : tree(tree) { path.swap(tree.completePath); }
         ~Scope() {
             tree.completeChild = child;
-            tree.completePath.swap(path);
+            tree.completePath = path;
             tree.completeSymbol = symbol;
             tree.completeParent = parent;
         }
@@ -104,9 +103,10 @@ bool NodeWatcher::addComplete(Node& parent, const QByteArray& name, Attribute* a
         tree->completeTarget = attribute;
         tree->completeWatched = 0;
         {
-            const Scope scope(*tree);
+            const Scope scope{*tree};
             tree->completeChild = attribute;
-            tree->completePath = path;
+            // The caller's own array, which outlives the call: pointed to, not copied.
+            tree->completePath = path.isEmpty() ? nullptr : &path;
             tree->completeSymbol = path.isEmpty() ? 0 : symbol;
             tree->completeParent = tree->completeSymbol ? parentSymbol : 0;
             added = parent.addAttribute(name, attribute);

@@ -255,7 +255,7 @@ void NodeWatcher::Tree::childAdded(Node& node, Attribute& child) {
         return;
     // What addComplete adds, under the parent its path names: the child's symbol follows
     // from the parent's and its name, and no path is built.
-    if (&child == completeChild && !completePath.isEmpty()) {
+    if (&child == completeChild && completePath) {
         checkName(child.name());
         // The node is watched at the path before the child's name: then the child's path
         // is the one the caller named. The caller's word for the parent's symbol spares
@@ -264,12 +264,12 @@ void NodeWatcher::Tree::childAdded(Node& node, Attribute& child) {
         if (completeSymbol &&
             (completeParent ? completeParent == under
                             : registry.isChildOf(completeSymbol, under, child.name()))) {
-            admit(child, completePath, completeSymbol, rootHolder);
+            admit(child, *completePath, completeSymbol, rootHolder);
             return;
         }
         const unsigned int symbol = registry.lookupOrDefineChild(node.observedAs(), child.name());
-        if (symbol && registry.isNameOf(symbol, completePath)) {
-            admit(child, completePath, symbol, rootHolder);
+        if (symbol && registry.isNameOf(symbol, *completePath)) {
+            admit(child, *completePath, symbol, rootHolder);
             return;
         }
     }
@@ -286,8 +286,9 @@ void NodeWatcher::Tree::onAdded(const QByteArray& path, const QByteArray& name, 
     if (!child)
         return;
     checkName(name);
-    const bool asCalled = child == completeChild && isChildPath(completePath, path, name);
-    const QByteArray path2 = asCalled ? completePath : childPathOfView(path, name);
+    const bool asCalled =
+        child == completeChild && completePath && isChildPath(*completePath, path, name);
+    const QByteArray path2 = asCalled ? *completePath : childPathOfView(path, name);
     const unsigned int symbol =
         asCalled && completeSymbol ? completeSymbol : registry.lookupOrDefine(keptPath(path2));
     admit(*child, path2, symbol, holder);

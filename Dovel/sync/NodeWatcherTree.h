@@ -93,10 +93,10 @@ struct NodeWatcher::Tree : Tessel::TreeObserver {
     Tessel::Node* root = nullptr;
     // The attribute addComplete is adding (tree thread): its addition is watched at once.
     Tessel::Attribute* completeChild = nullptr;
-    QByteArray completePath;          // its path as the caller knows it, or empty
-    unsigned int completeSymbol = 0;  // that path's symbol, when the caller knows it
-    unsigned int completeParent = 0;  // the symbol of the path before its name, likewise
-    unsigned int completeWatched = 0; // the symbol it is watched under, while it is
+    const QByteArray* completePath = nullptr; // its path as the caller knows it, or null
+    unsigned int completeSymbol = 0;          // that path's symbol, when the caller knows it
+    unsigned int completeParent = 0;          // the symbol of the path before its name, likewise
+    unsigned int completeWatched = 0;         // the symbol it is watched under, while it is
     // The same attribute until addComplete returns: its watching (also by the update that
     // ends the call) and its unwatching set and clear completeWatched, so that the call
     // never has to look at an attribute a listener may have deleted meanwhile.
