@@ -167,12 +167,12 @@ void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
 
 namespace {
 
-// Visits the value attributes under `node` in child order, aliases resolved, nodes
-// descended into (walkAttributesWithPath's walk): each as its parent lists it (an alias or
-// the attribute itself), with that parent's path and whether the walk reached the parent
-// by its own path, through no alias. The path is
-// one buffer, grown and cut back as the walk goes down and up: no path is made per node.
-// The visitor must not change the tree.
+// Visits the value attributes under `node` in child order, aliases resolved and nodes
+// descended into (walkAttributesWithPath's walk): each as its parent lists it (an alias
+// or the attribute itself), with that parent's path and whether the walk reached the
+// parent by its own path, through no alias. The path is one buffer, grown and cut back
+// as the walk goes down and up: no path is made per node. The visitor must not change
+// the tree.
 template <typename Visit>
 void walkOwnPaths(Tessel::Node& node, QByteArray& path, bool ownPath, const Visit& visit) {
     node.forEachChild([&](Tessel::Attribute* child) {

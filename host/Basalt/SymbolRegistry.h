@@ -104,7 +104,7 @@ private:
             byId.remove(id);
     }
 
-    mutable RwLock mutex;
+    mutable RwLock mutex; // held exclusively
     // Every name ever bound.
     PathTable names;
     // While only lookupOrDefine has bound names, each name came with the next symbol,
