@@ -11,7 +11,9 @@
 // elsewhere) never make. Not recursive. It meets the standard's Lockable and
 // SharedLockable requirements (std::unique_lock, std::shared_lock, std::lock_guard).
 //
-// Thread-safe.
+// Thread-safe. Unlike std::mutex, an unlocking thread still reads the lock after it has
+// let go (to wake sleepers): it must not be destroyed while another thread may be in
+// unlock(), which owners that outlive the threads using them never do.
 #pragma once
 
 #include <atomic>
@@ -55,6 +57,9 @@ public:
         if (state.fetch_sub(1, std::memory_order_seq_cst) == 1)
             wakeSleepers();
     }
+
+    // The threads asleep on it now, waiting to take it (for tests and diagnostics).
+    int sleeping() const { return sleepers.load(std::memory_order_seq_cst); }
 
 private:
     static constexpr int32_t Writer = -1;

@@ -1,5 +1,5 @@
 // RwLock: writers exclude everyone, readers share, and a waiter that went to sleep is
-// woken when the holder lets go, whichever way each holds it.
+// woken when the last holder lets go, whichever way each holds it.
 #include "WaitUtil.h"
 
 #include "Basalt/RwLock.h"
@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
@@ -64,30 +65,45 @@ TEST(RwLock, WritersExcludeEveryoneAndReadersShare) {
     }
 }
 
-TEST(RwLock, ASleepingWaiterWakesWhenTheHolderLetsGo) {
+TEST(RwLock, ASleepingWaiterWakesWhenTheLastHolderLetsGo) {
     struct Case {
-        bool holderWrites;
+        int readers; // holding it shared; none: a writer holds it
         bool waiterWrites;
     };
-    for (const Case c : {Case{true, false}, Case{false, true}, Case{true, true}}) {
-        SCOPED_TRACE(testing::Message() << (c.holderWrites ? "writer" : "reader") << " holds, "
-                                        << (c.waiterWrites ? "writer" : "reader") << " waits");
-        RwLock lock;
-        c.holderWrites ? lock.lock() : lock.lock_shared();
-        std::atomic<pid_t> waiter{0};
-        std::atomic<bool> acquired{false};
-        std::thread thread([&] {
-            waiter.store(BasaltTest::currentTid());
-            c.waiterWrites ? lock.lock() : lock.lock_shared();
-            acquired.store(true);
-            c.waiterWrites ? lock.unlock() : lock.unlock_shared();
+    for (const Case c : {Case{0, false}, Case{0, true}, Case{1, true}, Case{2, true}}) {
+        SCOPED_TRACE(testing::Message() << (c.readers ? c.readers : 1)
+                                        << (c.readers ? " readers hold, " : " writer holds, ")
+                                        << (c.waiterWrites ? "a writer" : "a reader") << " waits");
+        // Shared with the waiter, which is left behind rather than joined should it
+        // never wake.
+        struct Shared {
+            RwLock lock;
+            std::atomic<bool> acquired{false};
+        };
+        const auto shared = std::make_shared<Shared>();
+        RwLock& lock = shared->lock;
+        for (int r = 0; r < c.readers; ++r)
+            lock.lock_shared();
+        if (c.readers == 0)
+            lock.lock();
+        std::thread waiter([shared, writes = c.waiterWrites] {
+            writes ? shared->lock.lock() : shared->lock.lock_shared();
+            shared->acquired.store(true);
+            writes ? shared->lock.unlock() : shared->lock.unlock_shared();
         });
-        ASSERT_TRUE(BasaltTest::waitUntil([&] { return waiter.load() != 0; }));
-        // Past its tries, it sleeps on the condition.
-        ASSERT_TRUE(BasaltTest::waitUntilBlocked(waiter.load()));
-        EXPECT_FALSE(acquired.load());
-        c.holderWrites ? lock.unlock() : lock.unlock_shared();
-        EXPECT_TRUE(BasaltTest::waitUntil([&] { return acquired.load(); }));
-        thread.join();
+        const bool slept = BasaltTest::waitUntil([&] { return lock.sleeping() == 1; });
+        EXPECT_TRUE(slept);
+        for (int r = 1; r < c.readers; ++r) {
+            lock.unlock_shared(); // a reader still holds it: the waiter sleeps on
+            EXPECT_FALSE(shared->acquired.load());
+            EXPECT_EQ(lock.sleeping(), slept ? 1 : 0);
+        }
+        c.readers == 0 ? lock.unlock() : lock.unlock_shared();
+        if (!BasaltTest::waitUntil([&] { return shared->acquired.load(); })) {
+            waiter.detach();
+            FAIL() << "the waiter was never woken";
+        }
+        waiter.join();
+        EXPECT_EQ(lock.sleeping(), 0);
     }
 }
