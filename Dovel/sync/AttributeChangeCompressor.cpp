@@ -108,7 +108,20 @@ void AttributeChangeCompressor::compressAdditions(const std::vector<NodeWatcher:
                                                   std::vector<ChangeData>& out) {
     // Only additions (a session's first announcement is a whole tree of them): the last
     // addition of each symbol stands, none carries a value, and nothing else is dropped.
-    // Written straight into `out`, without the general walk's second list.
+    // Written straight into `out`, without the general walk's second list. A tree walked
+    // in the order its names were defined, or copied from a peer, comes in rising
+    // symbols: none repeats, and all stand as they are.
+    out.reserve(events.size());
+    const bool rising =
+        std::adjacent_find(events.begin(), events.end(),
+                           [](const NodeWatcher::Event& a, const NodeWatcher::Event& b) {
+                               return a.symbol >= b.symbol;
+                           }) == events.end();
+    if (rising) {
+        for (const NodeWatcher::Event& e : events)
+            out.push_back({NodeWatcher::AttributeAdded, e.symbol, 0});
+        return;
+    }
     struct Emptier {
         SymbolBits& set;
         const std::vector<NodeWatcher::Event>& events;
@@ -117,7 +130,6 @@ void AttributeChangeCompressor::compressAdditions(const std::vector<NodeWatcher:
                 set.remove(e.symbol);
         }
     } emptier{laterAdded, events};
-    out.reserve(events.size());
     for (auto it = events.rbegin(); it != events.rend(); ++it)
         if (!laterAdded.contains(it->symbol)) {
             laterAdded.insert(it->symbol);

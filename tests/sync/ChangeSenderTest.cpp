@@ -71,6 +71,11 @@ TEST(ChangeCompressor, KeepsOneEntryPerAttributeAndKind) {
     // The same addition reported twice is announced once.
     EXPECT_EQ(compress({ev(Added, 1), ev(Added, 2), ev(Added, 1)}),
               (V{{Added, 2, 0}, {Added, 1, 0}}));
+    // Additions in rising and in other orders all stand, in order.
+    EXPECT_EQ(compress({ev(Added, 1), ev(Added, 2), ev(Added, 7)}),
+              (V{{Added, 1, 0}, {Added, 2, 0}, {Added, 7, 0}}));
+    EXPECT_EQ(compress({ev(Added, 7), ev(Added, 2), ev(Added, 3)}),
+              (V{{Added, 7, 0}, {Added, 2, 0}, {Added, 3, 0}}));
 
     // One compressor, period after period: nothing of one period stays for the next.
     AttributeChangeCompressor reused;
