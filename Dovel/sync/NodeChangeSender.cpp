@@ -574,28 +574,6 @@ void NodeChangeSender::writeNames(size_t begin, size_t end,
     run.names.push_back(std::move(bundle));
 }
 
-namespace {
-
-// Room at once for the entries of the kind of changes[at] that follow it, at the fewest
-// bytes one of them takes (its words; for a change, a value's length word or smallest
-// fixed size besides), up to a full bundle: a bundle grown from its header copies its
-// bytes at each step. BundleOutput::finish does the same for the bundles after a full
-// one; this is for the first of a run, as each piece of a copy's echo writes.
-void reserveRun(Bundle& bundle, const std::vector<ChangeData>& changes, size_t at, size_t end) {
-    const uint32_t type = changes[at].type;
-    const size_t least = type == NodeWatcher::AttributeAdded     ? 16
-                         : type == NodeWatcher::AttributeChanged ? 8
-                                                                 : 4;
-    size_t bytes = 0;
-    for (size_t i = at;
-         i < end && changes[i].type == type && bytes < size_t(Limits::SentBundleBytes); ++i)
-        bytes += least;
-    bundle.mutablePacket().reserve(
-        int(BundleCore::HeaderSize + std::min(bytes, size_t(Limits::SentBundleBytes))));
-}
-
-} // namespace
-
 void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, size_t begin, size_t end,
                                    BundleOutput& output) {
     Bundle bundle;
@@ -628,7 +606,6 @@ void NodeChangeSender::sendChanges(const std::vector<ChangeData>& changes, size_
             // sendAdded and sendChanged read the sequence number from word 2.
             bundle.setHeader(0, messageType(NodeWatcher::EventType(openType)), output.sequence(),
                              output.acknowledged());
-            reserveRun(bundle, changes, i, end);
         }
         switch (change.type) {
         case NodeWatcher::AttributeAdded:
