@@ -10,7 +10,6 @@
 #include "Dovel/types/TypeRegistry.h"
 
 #include "Basalt/Trace.h"
-#include "Tessel/AttributeAlias.h"
 #include "Tessel/Node.h"
 
 #include <algorithm>
@@ -165,36 +164,6 @@ void NodeChangeSender::onEvent(const RemoteNode::Event& event) {
     pendingEventBytes += int64_t(sizeof(RemoteNode::Event)) + event.data.size();
 }
 
-namespace {
-
-// Visits the value attributes under `node` in child order, aliases resolved and nodes
-// descended into (walkAttributesWithPath's walk): each as its parent lists it (an alias
-// or the attribute itself), with that parent's path and whether the walk reached the
-// parent by its own path, through no alias. The path is one buffer, grown and cut back
-// as the walk goes down and up: no path is made per node. The visitor must not change
-// the tree.
-template <typename Visit>
-void walkOwnPaths(Tessel::Node& node, QByteArray& path, bool ownPath, const Visit& visit) {
-    node.forEachChild([&](Tessel::Attribute* child) {
-        Tessel::Attribute* const resolved = Tessel::AttributeAlias::resolve(child);
-        if (!resolved)
-            return;
-        Tessel::Node* const sub = Tessel::asNode(resolved);
-        if (!sub) {
-            visit(*child, static_cast<const QByteArray&>(path), ownPath);
-            return;
-        }
-        const int parentBytes = path.size();
-        if (parentBytes > 0)
-            path.append('/');
-        path.append(child->name());
-        walkOwnPaths(*sub, path, ownPath && resolved == child, visit);
-        path.truncate(parentBytes);
-    });
-}
-
-} // namespace
-
 void NodeChangeSender::sendInitialValues() {
     if (mirrorOnly)
         return;
@@ -226,7 +195,8 @@ void NodeChangeSender::sendInitialValues() {
             announceAdded(*run); // made here
         }
     };
-    const auto visit = [&](Tessel::Attribute& found, const QByteArray& parent, bool ownPath) {
+    walkAttributesUnder(node, [&](Tessel::Attribute& found, Tessel::Attribute&,
+                                  const QByteArray& parent, bool ownPath) {
         // What the watcher observes carries its own path's symbol: taken when the walk came
         // by its host's own path (no alias on the way), where the watcher observes it.
         unsigned int symbol = ownPath ? cache.observedSymbolOf(found) : 0;
@@ -246,10 +216,7 @@ void NodeChangeSender::sendInitialValues() {
         added.push_back(symbol);
         if (inRuns && added.size() == RunEntries)
             announceRun();
-    };
-    QByteArray parentPath;
-    parentPath.reserve(256); // reserved, the buffer stays when cut back to nothing
-    walkOwnPaths(node, parentPath, true, visit);
+    });
     if (announcing.valid())
         announcing.get();
     announceAdded(added);

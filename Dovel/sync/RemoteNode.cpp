@@ -35,19 +35,6 @@ bool matches(const QRegExp& expression, const QByteArray& path) {
     return expression.indexIn(QString::fromUtf8(path.constData(), path.size()), 0) >= 0;
 }
 
-void walkUnder(Node& node, const QByteArray& prefix,
-               const std::function<void(Attribute&, Attribute&, const QByteArray&)>& visit) {
-    for (Attribute* child : node.children()) {
-        Attribute* resolved = AttributeAlias::resolve(child);
-        if (!resolved)
-            continue;
-        if (auto* sub = Tessel::asNode(resolved))
-            walkUnder(*sub, childPath(prefix, child->name()), visit);
-        else
-            visit(*child, *resolved, prefix);
-    }
-}
-
 } // namespace
 
 RemoteNode::RemoteNode(Node* host, const QByteArray& name)
@@ -410,10 +397,8 @@ Tessel::Attribute* attributeAt(Node& root, const QByteArray& path) {
 
 void walkAttributesWithPath(Node& node,
                             const std::function<void(Attribute&, const QByteArray&)>& visit) {
-    walkUnder(node, QByteArray(),
-              [&](Attribute& found, Attribute& resolved, const QByteArray& parent) {
-                  visit(resolved, childPath(parent, found.name()));
-              });
+    walkAttributesUnder(node, [&](Attribute& found, Attribute& resolved, const QByteArray& parent,
+                                  bool) { visit(resolved, childPath(parent, found.name())); });
 }
 
 } // namespace Dovel

@@ -20,6 +20,7 @@
 #include "Basalt/BinaryData.h"
 #include "Basalt/ListenerTable.h"
 #include "Basalt/SymbolRegistry.h"
+#include "Tessel/AttributeAlias.h"
 #include "Tessel/AttributeBaseT.h"
 #include "Tessel/Node.h"
 
@@ -201,8 +202,37 @@ void walkAttributes(Tessel::Node& node, const std::function<void(Tessel::Attribu
 // The attribute at the slash-separated `path` under `root` (each name looked up in what
 // the previous one is, aliases included), or null.
 Tessel::Attribute* attributeAt(Tessel::Node& root, const QByteArray& path);
-// The same walk, giving each value attribute its slash-separated path under `node`.
+// The same walk, giving each value attribute its slash-separated path under `node`. The
+// visitor must not change the tree.
 void walkAttributesWithPath(
     Tessel::Node& node, const std::function<void(Tessel::Attribute&, const QByteArray&)>& visit);
+// The same walk without a path per attribute: `visit(found, resolved, parentPath,
+// ownPath)` gets each value attribute as its parent lists it (an alias, or itself),
+// resolved, the path of that parent under `node`, and whether the walk reached the
+// parent by the parent's own path, through no alias. The parent's path is one buffer,
+// grown and cut back as the walk goes down and up. The visitor must not change the tree.
+template <typename Visit> void walkAttributesUnder(Tessel::Node& node, const Visit& visit) {
+    QByteArray path;
+    path.reserve(256); // reserved, the buffer stays when cut back to nothing
+    const auto walk = [&path, &visit](const auto& self, Tessel::Node& under, bool ownPath) -> void {
+        under.forEachChild([&](Tessel::Attribute* child) {
+            Tessel::Attribute* const resolved = Tessel::AttributeAlias::resolve(child);
+            if (!resolved)
+                return;
+            Tessel::Node* const sub = Tessel::asNode(resolved);
+            if (!sub) {
+                visit(*child, *resolved, static_cast<const QByteArray&>(path), ownPath);
+                return;
+            }
+            const int parentBytes = path.size();
+            if (parentBytes > 0)
+                path.append('/');
+            path.append(child->name());
+            self(self, *sub, ownPath && resolved == child);
+            path.truncate(parentBytes);
+        });
+    };
+    walk(walk, node, true);
+}
 
 } // namespace Dovel
