@@ -36,7 +36,7 @@ public:
     const T* find(uint32_t symbol) const {
         if (const T* slot = denseSlot(symbol); slot && !absent(*slot))
             return slot;
-        if (!sparse.isEmpty()) {
+        if (symbol >= sparseLow) {
             const auto it = sparse.constFind(symbol);
             if (it != sparse.constEnd())
                 return &it.value();
@@ -69,7 +69,7 @@ public:
             dropOne();
             return true;
         }
-        if (!sparse.isEmpty() && sparse.remove(symbol) > 0) {
+        if (unhash(symbol)) {
             dropOne();
             return true;
         }
@@ -85,6 +85,7 @@ public:
     void clear() {
         std::vector<std::unique_ptr<T[]>>().swap(pages);
         sparse.clear();
+        sparseLow = NoneHashed;
         count = 0;
     }
 
@@ -96,7 +97,7 @@ private:
             slot = addPage(symbol);
         if (slot) {
             // A symbol hashed while its page was beyond the bound moves into it.
-            const bool hashed = !sparse.isEmpty() && sparse.remove(symbol) > 0;
+            const bool hashed = unhash(symbol);
             if (absent(*slot) && !hashed)
                 ++count;
             *slot = std::forward<V>(value);
@@ -104,7 +105,16 @@ private:
         }
         const int before = sparse.size();
         sparse.insert(symbol, std::forward<V>(value));
+        sparseLow = std::min(sparseLow, symbol);
         count += sparse.size() - before;
+    }
+    // Takes `symbol` out of the hash; true when it was there.
+    bool unhash(uint32_t symbol) {
+        if (symbol < sparseLow || sparse.remove(symbol) == 0)
+            return false;
+        if (sparse.isEmpty())
+            sparseLow = NoneHashed;
+        return true;
     }
     static uint64_t denseBound(int entries) { return 2 * uint64_t(entries) + 64; }
 
@@ -136,6 +146,11 @@ private:
     // Pages of slots by symbol; a page no symbol has reached is null.
     std::vector<std::unique_ptr<T[]>> pages;
     QHash<uint32_t, T> sparse;
+    // No symbol below this one is hashed: one large symbol in the hash (a record made
+    // before a first pass, say) costs the dense symbols no probe of it. Lowered as
+    // symbols are hashed, reset once none is.
+    static constexpr uint32_t NoneHashed = UINT32_MAX;
+    uint32_t sparseLow = NoneHashed;
     int count = 0;
 };
 
