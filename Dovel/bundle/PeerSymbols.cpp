@@ -1,5 +1,6 @@
 #include "Dovel/bundle/PeerSymbols.h"
 
+#include "Basalt/NullBytes.h"
 #include "Basalt/SymbolRegistry.h"
 
 #include <utility>
@@ -24,7 +25,7 @@ bool PeerSymbols::define(QByteArray name, uint32_t symbol) {
     // The empty name is stored non-null, so that lookup tells it from an unknown symbol.
     // Names wait here only until settled, so this map alone stays small while a copy's
     // symbols climb: the pages' reach follows every entry the table holds.
-    if (name.isNull())
+    if (Basalt::isNull(name))
         name = QByteArray("");
     pending.insert(symbol, std::move(name), size() + 1);
     return true;

@@ -5,6 +5,8 @@
 // Not thread-safe: each owner keeps its own (a thread, a table under its lock).
 #pragma once
 
+#include "Basalt/NullBytes.h"
+
 #include <QByteArray>
 
 #include <array>
@@ -52,7 +54,7 @@ private:
             const QByteArray& kept = names[2 * set + way];
             // An unfilled way is null: the empty name must not come back as one.
             // The same bytes need no comparison (a name handed out before).
-            if (kept.size() == size && !kept.isNull() &&
+            if (kept.size() == size && !Basalt::isNull(kept) &&
                 (kept.constData() == bytes ||
                  std::memcmp(kept.constData(), bytes, std::size_t(size)) == 0)) {
                 usedLast[set] = uint8_t(way);

@@ -2,6 +2,7 @@
 
 #include "Basalt/ByteGrowth.h"
 #include "Basalt/KeyedHash.h"
+#include "Basalt/NullBytes.h"
 
 #include <QRandomGenerator>
 
@@ -122,7 +123,7 @@ uint32_t PathTable::insert(const QByteArray& name) {
     if (parent != 0)
         return add(tails.share(bytes + prefixSize + 1, name.size() - prefixSize - 1), parent, hash);
     // The empty name is a name: keep it non-null, as every name handed out.
-    if (name.isNull())
+    if (isNull(name))
         return add(QByteArray(""), 0, hash);
     return add(tails.share(name), 0, hash);
 }
@@ -161,7 +162,7 @@ uint32_t PathTable::addChild(uint32_t parent, const QByteArray& leaf, uint64_t h
     if (const uint32_t found = findChildHashed(parent, leaf, hash))
         return found;
     const uint32_t kept = isTop(parent) ? 0 : parent;
-    if (leaf.isNull())
+    if (isNull(leaf))
         return add(QByteArray(""), kept, hash);
     return add(tails.share(leaf), kept, hash);
 }

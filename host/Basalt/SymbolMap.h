@@ -12,6 +12,8 @@
 // thread-safe; the owner guards it.
 #pragma once
 
+#include "Basalt/NullBytes.h"
+
 #include <QByteArray>
 #include <QHash>
 
@@ -27,7 +29,7 @@ template <typename T> struct SymbolMapAbsent {
     static bool test(const T& value) { return value == T(); }
 };
 template <> struct SymbolMapAbsent<QByteArray> {
-    static bool test(const QByteArray& value) { return value.isNull(); }
+    static bool test(const QByteArray& value) { return Basalt::isNull(value); }
 };
 
 template <typename T> class SymbolMap {

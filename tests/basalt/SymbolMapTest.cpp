@@ -1,6 +1,7 @@
 // SymbolMap: symbols within reach of the entries held sit in pages, others in a hash;
 // either way the map answers as a plain map would, whatever numbers come and go.
 #include "Basalt/SymbolMap.h"
+#include "Basalt/NullBytes.h"
 #include "Basalt/OffsetSymbolMap.h"
 
 #include <gtest/gtest.h>
@@ -94,4 +95,26 @@ TEST(SymbolMap, AnOffsetMapAnswersAsAPlainMap) {
     }
     EXPECT_FALSE(map.remove(11));
     check();
+}
+
+// The maps and the name caches tell an absent name by Basalt::isNull, which must answer
+// as QByteArray::isNull does for every kind of byte array.
+TEST(SymbolMap, NullBytesAnswerAsQByteArray) {
+    QByteArray detachedEmpty("x");
+    detachedEmpty.clear();
+    QByteArray truncated("abc");
+    truncated.truncate(0);
+    const QByteArray samples[] = {QByteArray(),
+                                  QByteArray(""),
+                                  QByteArray(nullptr, 0),
+                                  QByteArray("a"),
+                                  QByteArray(0, '\0'),
+                                  QByteArray::fromRawData("ab", 2),
+                                  QByteArray::fromRawData("", 0),
+                                  QByteArray::fromRawData(nullptr, 0),
+                                  detachedEmpty,
+                                  truncated,
+                                  QByteArrayLiteral("lit")};
+    for (const QByteArray& bytes : samples)
+        EXPECT_EQ(Basalt::isNull(bytes), bytes.isNull()) << bytes.toHex().constData();
 }
