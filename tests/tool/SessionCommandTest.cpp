@@ -224,7 +224,9 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
     // Whatever stands at the address, a client ends at once (well inside its time-out
     // of a minute) with exit 1 and one line that says why: nobody listens, a server of
     // another protocol, a server of the other kind, a port a server cannot take.
-    const QString refused = QStringLiteral("127.0.0.1:%1").arg(TransportTest::unusedPort());
+    const TransportTest::RefusingPort nobody;
+    ASSERT_NE(nobody.port(), 0);
+    const QString refused = QStringLiteral("127.0.0.1:%1").arg(nobody.port());
     TransportTest::RawListener stranger;
     ASSERT_NE(stranger.port(), 0);
     const QString strangerAddress = QStringLiteral("127.0.0.1:%1").arg(stranger.port());

@@ -43,7 +43,8 @@ TEST(Retry, ClientRetriesUntilServerAppearsAndReconnectsAfterDrop) {
     // Without retrying, one failed attempt ends the client.
     auto once = makeTestConnection(nullptr, false);
     once->setKeepRetrying(false);
-    once->connectToHost(QStringLiteral("127.0.0.1"), unusedPort());
+    const RefusingPort nobody;
+    once->connectToHost(QStringLiteral("127.0.0.1"), nobody.port());
     EXPECT_TRUE(waitUntil([&] { return !once->isRunning(); }));
     EXPECT_EQ(hooks(once).failedCount.load(), 1);
 }
@@ -57,6 +58,8 @@ TEST(Retry, StopEndsABlockedReadConnectOrRetryPause) {
     ASSERT_EQ(full.open("127.0.0.1", 0, 0), 0);
     Basalt::TCPSocket taken;
     ASSERT_EQ(taken.open("127.0.0.1", full.port()), 0);
+    const RefusingPort nobody;
+    ASSERT_NE(nobody.port(), 0);
     enum Where { Greeting, ReadingLoop, Connect, RetryPause };
     for (Where where : {Greeting, ReadingLoop, Connect, RetryPause}) {
         SCOPED_TRACE(where);
@@ -74,7 +77,7 @@ TEST(Retry, StopEndsABlockedReadConnectOrRetryPause) {
         } else if (where == Connect) {
             client->connectToHost(QStringLiteral("127.0.0.1"), full.port());
         } else {
-            client->connectToHost(QStringLiteral("127.0.0.1"), unusedPort());
+            client->connectToHost(QStringLiteral("127.0.0.1"), nobody.port());
             ASSERT_TRUE(waitUntil([&] { return hooks(client).retryPauses.load() > 0; }));
         }
         client->stop();

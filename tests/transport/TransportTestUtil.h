@@ -20,6 +20,11 @@
 #include <chrono>
 #include <memory>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace TransportTest {
 
 using BasaltTest::waitUntil;
@@ -133,7 +138,34 @@ private:
     Basalt::TCPServerSocket server;
 };
 
-// A port that nothing listens on right now.
+// A port that refuses connections for as long as this lives: bound on 127.0.0.1 but
+// never listening, so no server started meanwhile (with port 0, in this process or
+// another) can be given it.
+class RefusingPort {
+public:
+    RefusingPort() : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+            ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+            number = ntohs(address.sin_port);
+    }
+    ~RefusingPort() {
+        if (fd >= 0)
+            ::close(fd);
+    }
+    RefusingPort(const RefusingPort&) = delete;
+    RefusingPort& operator=(const RefusingPort&) = delete;
+    int port() const { return number; } // 0 if the socket could not be bound
+
+private:
+    int fd;
+    int number = 0;
+};
+
+// A port that nothing listens on right now, for a test that listens on it later.
 inline int unusedPort() {
     Basalt::TCPServerSocket probe;
     if (probe.open("127.0.0.1", 0, 1) != 0)
