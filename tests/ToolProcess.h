@@ -47,6 +47,13 @@ public:
         environment = QProcessEnvironment::systemEnvironment();
         environment.insert("XDG_CONFIG_HOME", home.path());
         environment.insert("XDG_DATA_HOME", home.path());
+        // What the tests compare is the tool's own output in English: no log lines asked
+        // for by the caller's environment, no key file but the default, no translated
+        // system error texts.
+        for (const char* name :
+             {"DOVEL_LOG", "DOVEL_KEY_FILE", "DOVEL_BENCH_WRAP_PEER", "LANGUAGE"})
+            environment.remove(name);
+        environment.insert("LC_ALL", "C.UTF-8");
     }
 
     // Runs `dovel ARGS...` to its end, or kills it after `ms` milliseconds.

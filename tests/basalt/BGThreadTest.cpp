@@ -98,9 +98,11 @@ TEST(BGThread, DueTasksRunByTimeThenPriorityThenArrival) {
     auto late = std::make_shared<Probe>("late", log, mutex);
     auto early = std::make_shared<Probe>("early", log, mutex);
     auto middle = std::make_shared<Probe>("middle", log, mutex);
-    pool->add(late, 0.15);
-    pool->add(early, 0.03);
-    pool->add(middle, 0.09);
+    // Due a third of a second apart, so that a loaded machine's stall between the calls
+    // does not reorder them.
+    pool->add(late, 0.9);
+    pool->add(early, 0.3);
+    pool->add(middle, 0.6);
     EXPECT_TRUE(late->isScheduled());
     ASSERT_TRUE(pool->waitIdle(5000));
     EXPECT_EQ(log, QStringList({"early", "early:finished", "middle", "middle:finished", "late",

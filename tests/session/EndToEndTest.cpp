@@ -2,6 +2,7 @@
 // tree thread: changes, additions and removals both ways, and an observer that reconnects
 // across a server restart and resyncs to the new server tree.
 #include "SessionHarness.h"
+#include "transport/TransportTestUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -102,6 +103,8 @@ TEST(EndToEnd, AnObserverNeverWritesAndEachSessionMakesItTheServersCopy) {
     // a node where a value was. The observer's copy becomes it, its own addition goes,
     // and the server gets nothing back.
     server.reset();
+    TransportTest::HeldPort held(port, true); // ours until the next server takes it
+    ASSERT_EQ(held.port(), port);
     EXPECT_TRUE(waitUntil([&] { return !client.isConnected(); }));
     master.run([&] {
         Tessel::Node* scene = Tessel::asNode(master.node.attribute("scene"));

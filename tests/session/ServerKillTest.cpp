@@ -8,6 +8,7 @@
 
 #include "TestFiles.h"
 #include "ToolProcess.h"
+#include "transport/TransportTestUtil.h"
 
 #include <QTemporaryDir>
 
@@ -52,6 +53,9 @@ TEST(ServerKill, ClientsReconnectToTheRestartedServerAndNothingIsLost) {
 
     server.kill(); // SIGKILL: nothing is saved, the sockets just end
     ASSERT_TRUE(server.waitForFinished(5000));
+    // The port stays ours until the restarted server takes it.
+    TransportTest::HeldPort held(port, true);
+    ASSERT_EQ(held.port(), port);
     ASSERT_TRUE(waitUntil([&] { return !clientA.isConnected() && !clientB.isConnected(); }));
     // Made while the server is away.
     a.run([&] {
@@ -62,6 +66,7 @@ TEST(ServerKill, ClientsReconnectToTheRestartedServerAndNothingIsLost) {
     QProcess restarted;
     ASSERT_EQ(tool.startServer(restarted, {"serve", "--listen", address, "--tree", treeFile}),
               address);
+    held.release();
     ASSERT_TRUE(waitUntil([&] { return clientA.isConnected() && clientB.isConnected(); }, 15000));
     // The restarted server knows only its file; the clients bring back the rest.
     ASSERT_TRUE(waitUntil([&] { return hasPath(b, "scene/props/offline"); }, 10000));

@@ -16,7 +16,8 @@ TEST(SessionStateAndCounters, AClientRetriesUntilAServerListensAndReportsEachSte
         a->setValue(1.0f, L2);
         master.node.addDeepAttribute("x", a);
     });
-    const int port = TransportTest::unusedPort();
+    TransportTest::HeldPort reserved(0, true); // refuses until the server listens beside it
+    const int port = reserved.port();
     ASSERT_NE(port, 0);
     Dovel::SessionClient client(mirror.node, &mirror.driver);
     EXPECT_EQ(client.state(), SessionState::Idle);

@@ -106,6 +106,10 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
     // serve exits 0 on SIGTERM and saves the tree with the clients' changes; watch says
     // it lost the server and keeps trying.
     EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
+    // The port stays ours until the next server takes it.
+    const QString port = address.section(':', 1);
+    TransportTest::HeldPort held(port.toInt(), true);
+    ASSERT_EQ(held.port(), port.toInt());
     expected["scene"] = [&] {
         QJsonObject scene = expected["scene"].toObject();
         scene["on"] = false;
@@ -119,10 +123,10 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
     // A new server on the same port: watch reconnects and reports only what differs
     // from what it saw last.
     QProcess again;
-    const QString port = address.section(':', 1);
     ASSERT_EQ(
         tool.startServer(again, {"serve", "--listen", "127.0.0.1:" + port, "--tree", savedFile}),
         address);
+    held.release();
     EXPECT_TRUE(watched.waitForErr("connected to " + address.toUtf8() + " again\n"))
         << watched.standardError().toStdString();
     ASSERT_EQ(tool.run({"set", address, "scene/title=\"back\""}).exitCode, 0);
@@ -224,7 +228,7 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
     // Whatever stands at the address, a client ends at once (well inside its time-out
     // of a minute) with exit 1 and one line that says why: nobody listens, a server of
     // another protocol, a server of the other kind, a port a server cannot take.
-    const TransportTest::RefusingPort nobody;
+    const TransportTest::HeldPort nobody;
     ASSERT_NE(nobody.port(), 0);
     const QString refused = QStringLiteral("127.0.0.1:%1").arg(nobody.port());
     TransportTest::RawListener stranger;

@@ -54,8 +54,9 @@ TEST(Garbage, OversizedLinesCountsAndLengthsEndOnlyThatConnection) {
         }
         flood(*peer, c.bytes);
         EXPECT_TRUE(peer->waitClosed());
-        if (c.stage == Login)
+        if (c.stage == Login) {
             EXPECT_EQ(peer->unread(), QByteArray()); // told nothing more
+        }
     }
     // Each ended only its own connection: the server still logs a peer in.
     EXPECT_TRUE(waitUntil([&] { return server.instances().isEmpty(); }));

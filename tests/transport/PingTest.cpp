@@ -63,7 +63,6 @@ TEST(Ping, SilentPeerIsDroppedAfterTheTimeoutWhateverTheWallClockDoes) {
         SCOPED_TRACE(step);
         RawListener listener;
         auto client = makeTestConnection(nullptr, false);
-        client->setTimeoutSeconds(1.0);
         client->writerThread()->setPingIntervalSeconds(0.2);
         client->connectToHost(QStringLiteral("127.0.0.1"), listener.port());
         auto peer = listener.accept();
@@ -73,6 +72,8 @@ TEST(Ping, SilentPeerIsDroppedAfterTheTimeoutWhateverTheWallClockDoes) {
         // Answering once makes the client use ping; then the peer falls silent.
         peer->send("pong initialized\n");
         ASSERT_TRUE(waitUntil([&] { return client->isPingSupported(); }));
+        // The short time-out only now: a slow login on a loaded machine must not end it.
+        client->setTimeoutSeconds(1.0);
         Basalt::TimeStamp::shiftClockForTesting(step);
 
         EXPECT_EQ(peer->readLine(2000), QByteArray("ping"));
@@ -80,6 +81,6 @@ TEST(Ping, SilentPeerIsDroppedAfterTheTimeoutWhateverTheWallClockDoes) {
         Basalt::TimeStamp::shiftClockForTesting(-step);
         EXPECT_TRUE(waitUntil([&] { return hooks(client).disconnectedCount.load() == 1; }));
         client->stop();
-        EXPECT_TRUE(client->waitEnd(2000));
+        EXPECT_TRUE(client->waitEnd(30000));
     }
 }

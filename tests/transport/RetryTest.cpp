@@ -16,7 +16,8 @@ constexpr int HalfPause = Pause / 2;
 } // namespace
 
 TEST(Retry, ClientRetriesUntilServerAppearsAndReconnectsAfterDrop) {
-    const int port = unusedPort();
+    HeldPort reserved(0, true); // refuses until the server listens beside it
+    const int port = reserved.port();
     ASSERT_NE(port, 0);
     auto client = makeTestConnection(nullptr, false);
     client->connectToHost(QStringLiteral("127.0.0.1"), port);
@@ -43,7 +44,7 @@ TEST(Retry, ClientRetriesUntilServerAppearsAndReconnectsAfterDrop) {
     // Without retrying, one failed attempt ends the client.
     auto once = makeTestConnection(nullptr, false);
     once->setKeepRetrying(false);
-    const RefusingPort nobody;
+    const HeldPort nobody;
     once->connectToHost(QStringLiteral("127.0.0.1"), nobody.port());
     EXPECT_TRUE(waitUntil([&] { return !once->isRunning(); }));
     EXPECT_EQ(hooks(once).failedCount.load(), 1);
@@ -51,14 +52,15 @@ TEST(Retry, ClientRetriesUntilServerAppearsAndReconnectsAfterDrop) {
 
 TEST(Retry, StopEndsABlockedReadConnectOrRetryPause) {
     RawListener listener;
-    // A listener whose one-place backlog is taken: where the system drops further
-    // connection requests the client waits in connect, where it refuses them in the
-    // retry pause; stop ends either.
+    // A listener whose one-place backlog is taken (Linux queues one more than the
+    // backlog): where the system drops further connection requests the client waits in
+    // connect, where it refuses them in the retry pause; stop ends either.
     Basalt::TCPServerSocket full;
     ASSERT_EQ(full.open("127.0.0.1", 0, 0), 0);
-    Basalt::TCPSocket taken;
-    ASSERT_EQ(taken.open("127.0.0.1", full.port()), 0);
-    const RefusingPort nobody;
+    Basalt::TCPSocket taken[2];
+    for (Basalt::TCPSocket& socket : taken)
+        ASSERT_EQ(socket.open("127.0.0.1", full.port()), 0);
+    const HeldPort nobody;
     ASSERT_NE(nobody.port(), 0);
     enum Where { Greeting, ReadingLoop, Connect, RetryPause };
     for (Where where : {Greeting, ReadingLoop, Connect, RetryPause}) {
@@ -83,7 +85,8 @@ TEST(Retry, StopEndsABlockedReadConnectOrRetryPause) {
         client->stop();
         EXPECT_TRUE(client->waitEnd(where == RetryPause ? HalfPause : Pause));
         EXPECT_EQ(hooks(client).disconnectedCount.load(), where == ReadingLoop ? 1 : 0);
-        if (peer)
+        if (peer) {
             EXPECT_TRUE(peer->waitClosed());
+        }
     }
 }

@@ -19,7 +19,7 @@ TEST(Server, EndedConnectionIsRetiredExactlyOnce) {
     client->stop();
     ASSERT_TRUE(waitUntil([&] { return server.removedTotal.load() == 1; }));
     EXPECT_TRUE(server.instances().isEmpty());
-    ASSERT_TRUE(Basalt::BGThread::instance()->waitIdle(2000));
+    ASSERT_TRUE(Basalt::BGThread::instance()->waitIdle(30000));
     EXPECT_EQ(server.removedTotal.load(), 1);
     EXPECT_EQ(server.connectedTotal.load(), 1);
     EXPECT_EQ(server.disconnectedTotal.load(), 1);

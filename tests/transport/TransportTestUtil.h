@@ -138,40 +138,41 @@ private:
     Basalt::TCPServerSocket server;
 };
 
-// A port that refuses connections for as long as this lives: bound on 127.0.0.1 but
-// never listening, so no server started meanwhile (with port 0, in this process or
-// another) can be given it.
-class RefusingPort {
+// A port on 127.0.0.1 held by a socket that is bound but never listens: connections to
+// it are refused, and no socket bound to port 0 (in this process or another) is given
+// it while it is held. Held `shared`, a server that reuses addresses (as ours do) may
+// still listen on it beside the holder: that keeps a port between one server going
+// and the next one taking it, and reserves a port for a server started later.
+class HeldPort {
 public:
-    RefusingPort() : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit HeldPort(int port = 0, bool shared = false)
+        : fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(uint16_t(port));
         socklen_t length = sizeof address;
-        if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+        const int one = 1;
+        if (fd >= 0 &&
+            (!shared || ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) == 0) &&
+            ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
             ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
             number = ntohs(address.sin_port);
     }
-    ~RefusingPort() {
+    ~HeldPort() { release(); }
+    HeldPort(const HeldPort&) = delete;
+    HeldPort& operator=(const HeldPort&) = delete;
+    int port() const { return number; } // 0 if the socket could not be bound
+    void release() {
         if (fd >= 0)
             ::close(fd);
+        fd = -1;
     }
-    RefusingPort(const RefusingPort&) = delete;
-    RefusingPort& operator=(const RefusingPort&) = delete;
-    int port() const { return number; } // 0 if the socket could not be bound
 
 private:
     int fd;
     int number = 0;
 };
-
-// A port that nothing listens on right now, for a test that listens on it later.
-inline int unusedPort() {
-    Basalt::TCPServerSocket probe;
-    if (probe.open("127.0.0.1", 0, 1) != 0)
-        return 0;
-    return probe.port(); // closed again when probe goes
-}
 
 // The 64 challenge bytes the fake servers send: every value class of a byte.
 inline QByteArray fixedChallenge() {

@@ -29,7 +29,7 @@ TEST(Writer, ShortWriteEndsTheWriterWithAnError) {
     connection->writeBufferData(QByteArray(100, 'y'), "kept");
     ASSERT_TRUE(waitUntil([&] { return errors.load() == 1; }));
     EXPECT_LT(chunks.load(), 1 + (1 << 22) / Dovel::WriterThread::ChunkSize);
-    EXPECT_TRUE(writer.waitEnd(2000));
+    EXPECT_TRUE(writer.waitEnd(30000));
     EXPECT_FALSE(writer.isActive());
     // What was still waiting stays buffered and counted.
     EXPECT_EQ(writer.bufferedDataSize(), before + 100);
@@ -37,8 +37,8 @@ TEST(Writer, ShortWriteEndsTheWriterWithAnError) {
 
 TEST(Writer, APeerThatNeverReadsIsDisconnectedAfterTheTimeOut) {
     LoggedIn logged;
-    logged.server.timeout.store(1.0);
     ASSERT_TRUE(logged.start());
+    logged.accepted->setTimeoutSeconds(1.0); // not before: a slow login must not end it
     // More than the sockets hold: the write blocks until the peer reads, which it never
     // does, nor sends anything.
     logged.accepted->writeBufferData(QByteArray(64 << 20, 'x'), "big");
