@@ -59,6 +59,11 @@ constexpr int64_t MaxUnappliedBatchBytes = int64_t(64) << 20;
 // peer is taken not to read and is disconnected (Dovel1Connection::send). Well above the
 // first batch of a large tree, which a reading peer takes at once.
 constexpr int64_t MaxUnsentBatchBytes = int64_t(256) << 20;
+// Bytes of answers to pings that may wait for a writer busy with an item (a peer that
+// does not read keeps it there); beyond it the reading thread waits for the writer and
+// writes the answers itself, so that a peer pinging without reading is slowed by TCP
+// instead of filling our memory (ConnectionThread::answerPing).
+constexpr int MaxWaitingPongBytes = 64 << 10;
 // Bytes of batches that may wait in a connection's writer before a session holds its
 // output passes back, folding later changes into one newest value per attribute until
 // the peer has read down to it (BundleController::Core::flush). Keeps a slow reader's

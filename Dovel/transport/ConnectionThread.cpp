@@ -1,5 +1,6 @@
 #include "Dovel/transport/ConnectionThread.h"
 
+#include "Dovel/Limits.h"
 #include "Dovel/transport/LoginHandshake.h"
 #include "Dovel/transport/MapBlock.h"
 #include "Dovel/transport/SocketSource.h"
@@ -209,6 +210,10 @@ bool ConnectionThread::waitLoginDelay() {
 
 void ConnectionThread::handleConnection() {
     pongReceived.store(false); // a new peer has not answered a ping yet
+    {
+        Basalt::Guard guard(pongMutex); // what the last peer asked goes with it
+        waitingPongs.clear();
+    }
     stallLogged.store(false);
     bool shaken = serverSide ? waitLoginDelay() : !stopping.load();
     updateLastPacketTimestamp();
@@ -290,14 +295,7 @@ void ConnectionThread::serve() {
             QByteArray reply = raw; // the same payload, byte for byte
             reply[1] = 'o';
             reply.append('\n');
-            // At once, unless the writer is inside an item (a peer that holds its reading
-            // can keep it there): then after it, and reading goes on meanwhile.
-            if (writeMutex_.tryLock()) {
-                writeData(reply.constData(), reply.size());
-                writeMutex_.unlock();
-            } else {
-                writer->writeData(reply, QByteArray());
-            }
+            answerPing(reply);
         } else if (usePing_.load() && isKeepAlive(raw, "pong")) {
             pongReceived.store(true);
             handler_->pong(raw.mid(5));
@@ -308,6 +306,39 @@ void ConnectionThread::serve() {
 }
 
 // ---- sending ----
+
+void ConnectionThread::answerPing(const QByteArray& reply) {
+    // At once, unless the writer is inside an item (a peer that holds its reading can
+    // keep it there): then after it, and reading goes on meanwhile; but only up to a
+    // limit, past which this thread waits for the writer like any other.
+    if (!writeMutex_.tryLock()) {
+        bool waits = false;
+        {
+            Basalt::Guard guard(pongMutex);
+            if (waitingPongs.size() + reply.size() <= Limits::MaxWaitingPongBytes) {
+                waitingPongs += reply;
+                waits = true;
+            }
+        }
+        if (waits) {
+            writer->update(QStringLiteral("pong"), [this] { writeWaitingPongs(); });
+            return;
+        }
+        writeMutex_.lock();
+    }
+    if (writeWaitingPongs()) // earlier answers first
+        writeData(reply.constData(), reply.size());
+    writeMutex_.unlock();
+}
+
+bool ConnectionThread::writeWaitingPongs() {
+    QByteArray waiting;
+    {
+        Basalt::Guard guard(pongMutex);
+        waiting.swap(waitingPongs);
+    }
+    return writeData(waiting.constData(), waiting.size()); // true for none
+}
 
 void ConnectionThread::queue(const QString& text) {
     const QByteArray bytes = text.toUtf8();

@@ -228,6 +228,11 @@ private:
     bool waitLoginDelay();
     // Runs the reading loop of a connection whose login succeeded.
     void serve();
+    // Answers a ping with `reply` (see serve).
+    void answerPing(const QByteArray& reply);
+    // Writes the waiting answers to pings; the caller holds writeMutex_. False after a
+    // failed write.
+    bool writeWaitingPongs();
     // Ends the connection as the reader's last failure asks, if it failed.
     void settleReads();
     // Ends the connection after a failed read or write: the writer stops, running clears.
@@ -244,6 +249,10 @@ private:
     PeerState peer_{DefaultLoginKey};
 
     Basalt::Mutex writeMutex_;
+    // Answers to pings that wait for the writer to finish an item; written, in order,
+    // before anything else once it has (or by the reading thread, past the limit).
+    Basalt::Mutex pongMutex; // taken after writeMutex_ where both are held
+    QByteArray waitingPongs; // guarded by pongMutex
     // The pause between client attempts (and a server's login delay); connectToHost and
     // stop end it early.
     ReconnectPolicy retry;

@@ -4,6 +4,8 @@
 
 #include "Basalt/TimeStamp.h"
 
+#include <QFile>
+
 using namespace TransportTest;
 
 TEST(Ping, AnsweredWithPongCarryingTheSameBytes) {
@@ -27,6 +29,40 @@ TEST(Ping, AnsweredWithPongCarryingTheSameBytes) {
     EXPECT_EQ(hooks(accepted).pongs(), (QList<QByteArray>{"initialized", ""}));
     EXPECT_TRUE(accepted->isPingSupported());
     EXPECT_EQ(hooks(accepted).lines(), (QStringList{"pingx", "ping "}));
+}
+
+TEST(Ping, APeerThatPingsWithoutReadingIsHeldBackAndAnsweredInOrder) {
+    // More than the loopback sockets can hold on both sides, from the system's ceilings.
+    const auto ceiling = [](const char* file) {
+        QFile f(file);
+        const QList<QByteArray> values =
+            f.open(QIODevice::ReadOnly) ? f.readAll().simplified().split(' ') : QList<QByteArray>();
+        return values.size() == 3 ? values[2].toInt() : (8 << 20);
+    };
+    const int beyond =
+        ceiling("/proc/sys/net/ipv4/tcp_rmem") + ceiling("/proc/sys/net/ipv4/tcp_wmem") + (8 << 20);
+    LoggedIn link;
+    ASSERT_TRUE(link.start());
+    // The writer stays inside this item while the peer reads nothing.
+    link.accepted->writeBufferData(QByteArray(beyond, 'x'), "big");
+
+    // Pings meanwhile: their answers wait for the writer only up to a limit; then the
+    // connection reads no more, and TCP holds the peer back.
+    QByteArray pings;
+    QList<QByteArray> payloads;
+    while (pings.size() < beyond) {
+        payloads.append(QByteArray::number(payloads.size()).leftJustified(1000, '.'));
+        pings += "ping " + payloads.back() + '\n';
+    }
+    const int sent = link.peer->sendUntilStalled(pings, 2.0);
+    EXPECT_LT(sent, pings.size());
+
+    // Once the peer reads: the item whole, then an answer to every ping taken, in order.
+    EXPECT_EQ(link.peer->readExact(beyond, 60000).count('x'), beyond);
+    const int answered = pings.left(sent).count('\n');
+    EXPECT_GT(answered, 0);
+    for (int i = 0; i < answered; ++i)
+        ASSERT_EQ(nextLine(*link.peer), "pong " + payloads[i]) << i;
 }
 
 TEST(Ping, VersionsThatSupportDovel15) {

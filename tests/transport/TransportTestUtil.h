@@ -53,6 +53,12 @@ public:
     bool send(const QByteArray& bytes) {
         return sock->write(bytes.constData(), bytes.size()) == bytes.size();
     }
+    // Sends what the other end takes of `bytes` until it has taken nothing for `seconds`;
+    // the count sent. Reading goes on as before.
+    int sendUntilStalled(const QByteArray& bytes, double seconds) {
+        return sock->write(bytes.constData(), bytes.size(),
+                           [seconds](double stalled) { return stalled >= seconds; });
+    }
 
     // One line without its "\n"; a null array when none came within `ms`.
     QByteArray readLine(int ms = 5000) {
