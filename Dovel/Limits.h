@@ -113,6 +113,11 @@ constexpr int MaxQueryItems = 1 << 16;
 // asking again and again cannot keep the tree thread, which serves every session, busy.
 constexpr int64_t QueryVisitBurst = int64_t(1) << 22;
 constexpr int64_t QueryVisitsPerSecond = int64_t(1) << 21;
+// Steps of matching a list's pattern (a path byte against a live state of the pattern)
+// that cost as much as a visit: a list pays its matching from the same allowance, so
+// that a long pattern against long paths is answered Query::TooLarge instead of taking
+// the tree thread for minutes. A step takes a few nanoseconds, a visit some hundreds.
+constexpr int64_t QueryMatchStepsPerVisit = 64;
 
 // Largest whole event that a peer may announce in "event-slice-begin"; its slices are
 // joined into one buffer of that size once all have come (RemoteNode::handleRemoteEvent).

@@ -17,10 +17,11 @@ PathPattern::PathPattern(const QByteArray& pattern) {
     }
 }
 
-void PathPattern::enter(std::vector<unsigned char>& set, std::size_t state) const {
+void PathPattern::enter(StateSet& set, std::size_t state) const {
     // A "many" token may take nothing: its state also stands in the next one.
-    while (!set[state]) {
-        set[state] = 1;
+    while (!set.has[state]) {
+        set.has[state] = 1;
+        set.list.push_back(uint32_t(state));
         if (state == tokens.size())
             return;
         const Kind kind = tokens[state].kind;
@@ -30,46 +31,43 @@ void PathPattern::enter(std::vector<unsigned char>& set, std::size_t state) cons
     }
 }
 
-bool PathPattern::matches(const QByteArray& path) const {
-    const std::size_t states = tokens.size() + 1;
-    std::vector<unsigned char> current(states, 0);
-    std::vector<unsigned char> next(states, 0);
+bool PathPattern::matches(const QByteArray& path, int64_t* steps) const {
+    const std::size_t accepting = tokens.size();
+    StateSet current(accepting + 1);
+    StateSet next(accepting + 1);
     enter(current, 0);
     for (const char c : path) {
-        std::fill(next.begin(), next.end(), 0);
-        bool any = false;
-        for (std::size_t state = 0; state + 1 < states; ++state) {
-            if (!current[state])
-                continue;
+        if (steps && (*steps -= int64_t(current.list.size())) < 0)
+            return false;
+        for (const uint32_t state : next.list)
+            next.has[state] = 0;
+        next.list.clear();
+        for (const uint32_t state : current.list) {
+            if (state == accepting)
+                continue; // takes no more bytes
             const Token& token = tokens[state];
             switch (token.kind) {
             case Byte:
-                if (c == token.byte) {
+                if (c == token.byte)
                     enter(next, state + 1);
-                    any = true;
-                }
                 break;
             case OneName:
             case OneAny:
-                if (token.kind == OneAny || c != '/') {
+                if (token.kind == OneAny || c != '/')
                     enter(next, state + 1);
-                    any = true;
-                }
                 break;
             case ManyName:
             case ManyAny:
-                if (token.kind == ManyAny || c != '/') {
+                if (token.kind == ManyAny || c != '/')
                     enter(next, state);
-                    any = true;
-                }
                 break;
             }
         }
-        if (!any)
+        if (next.list.empty())
             return false;
-        current.swap(next);
+        std::swap(current, next);
     }
-    return current[states - 1] != 0;
+    return current.has[accepting] != 0;
 }
 
 } // namespace Dovel

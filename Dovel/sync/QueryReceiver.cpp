@@ -224,17 +224,38 @@ bool QueryReceiver::add(Query::Reply& reply, uint32_t& bytes, Attribute& attribu
     return true;
 }
 
+void QueryReceiver::refill() {
+    const auto now = std::chrono::steady_clock::now();
+    const double seconds = std::chrono::duration<double>(now - refilled).count();
+    refilled = now;
+    visitsLeft = std::min(double(Limits::QueryVisitBurst),
+                          visitsLeft + seconds * double(Limits::QueryVisitsPerSecond));
+}
+
 bool QueryReceiver::spendVisit() {
     if (visitsLeft < 1.0) {
-        const auto now = std::chrono::steady_clock::now();
-        const double seconds = std::chrono::duration<double>(now - refilled).count();
-        refilled = now;
-        visitsLeft = std::min(double(Limits::QueryVisitBurst),
-                              visitsLeft + seconds * double(Limits::QueryVisitsPerSecond));
+        refill();
         if (visitsLeft < 1.0)
             return false;
     }
     visitsLeft -= 1.0;
+    return true;
+}
+
+bool QueryReceiver::matchPaid(const PathPattern& pattern, const QByteArray& path, bool& matched) {
+    constexpr double StepsPerVisit = double(Limits::QueryMatchStepsPerVisit);
+    // Refilled only when a path's worst case might not fit: most matches of a long list
+    // then cost no clock reading.
+    if (visitsLeft * StepsPerVisit < double(path.size()) * double(pattern.states()))
+        refill();
+    const int64_t allowed = int64_t(visitsLeft * StepsPerVisit);
+    int64_t steps = allowed;
+    matched = pattern.matches(path, &steps);
+    if (steps < 0) {
+        visitsLeft = 0.0;
+        return false;
+    }
+    visitsLeft -= double(allowed - steps) / StepsPerVisit;
     return true;
 }
 
@@ -260,9 +281,10 @@ bool QueryReceiver::walk(Node& under, const QByteArray& prefix,
 bool QueryReceiver::addUnder(Query::Reply& reply, uint32_t& bytes, Node& under,
                              const QByteArray& prefix, bool withValue, const PathPattern* pattern) {
     return walk(under, prefix, [&](Attribute& attribute, const QByteArray& path) {
-        if (pattern && !pattern->matches(path))
-            return true;
-        return add(reply, bytes, attribute, path, withValue);
+        bool matched = true;
+        if (pattern && !matchPaid(*pattern, path, matched))
+            return false;
+        return !matched || add(reply, bytes, attribute, path, withValue);
     });
 }
 

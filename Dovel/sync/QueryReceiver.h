@@ -77,6 +77,11 @@ private:
     // Takes one visit of the tree's attributes from the client's allowance; false when
     // none is left.
     bool spendVisit();
+    // Whether `path` matches `pattern` (in `matched`), the matching paid from the
+    // allowance; false when it would cost more than is left, which is then spent.
+    bool matchPaid(const PathPattern& pattern, const QByteArray& path, bool& matched);
+    // Adds what has accrued since the last refill to the allowance.
+    void refill();
     // Visits the value attributes under `node` (whose path is `prefix`) until `visit`
     // returns false or the allowance runs out; false then.
     bool walk(Tessel::Node& node, const QByteArray& prefix,

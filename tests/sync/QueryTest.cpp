@@ -27,6 +27,7 @@ enum : uint32_t {
     TypeMismatch = 3,
     PathClash = 4,
     Invalid = 6,
+    TooLarge = 7,
     Unknown = 8
 };
 constexpr uint32_t FloatCode = 3;
@@ -130,6 +131,29 @@ TEST(Query, AnswersByteForByteAndChangesAllOrNothing) {
     EXPECT_EQ(root.attribute("car"), nullptr);
     EXPECT_NE(Dovel::attributeAt(root, "new/x"), nullptr);
     EXPECT_EQ(root.attribute("n"), nullptr);
+
+    // Matching is paid from the client's visits: a long pattern that keeps its states
+    // live along long paths is too large (not minutes of the tree thread), and one that
+    // keeps a state or two live costs next to nothing.
+    Tessel::Node* deep = new Tessel::Node(&root, "deep");
+    for (int i = 0; i < 100; ++i)
+        deep = new Tessel::Node(deep, QByteArray(4000, 'x'));
+    new Tessel::AttributeT<float>(deep, "y", 1.0f);
+    root.processPendingAdditions();
+    for (const auto& one :
+         {std::make_pair(QByteArray("**y"), listed(23, Ok, 0, "")),
+          std::make_pair(QByteArray("**") + QByteArray(4000, 'z'), bare(23, Ok)),
+          std::make_pair(QByteArray("**") + QByteArray(4000, 'x'), bare(23, TooLarge))}) {
+        SCOPED_TRACE(one.first.left(8).constData());
+        const Dovel::Bundle request(
+            BundleTest::packet(7, 1, 0, Bytes().word(23).word(List).str(one.first).data()));
+        Dovel::BundleReader reader(request);
+        receiver.handleBundle(reader);
+        std::vector<Dovel::Bundle> out;
+        dispatcher.writeUpdates(out);
+        ASSERT_FALSE(out.empty());
+        EXPECT_EQ(out.back().packet().mid(16, 16).toHex(), one.second.data().left(16).toHex());
+    }
 
     // Removals are the server's to allow: off unless its tree is all its own.
     Dovel::QueryReceiver guarded(root, types, *replies, Dovel::QueryReceiver::Options());
