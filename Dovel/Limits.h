@@ -157,6 +157,10 @@ constexpr int64_t UploadEntryBytes = 64;
 // whose answers it never reads cannot fill our memory (FolderServeConnection::parse).
 // Far above what uploads let wait (32 MiB) and a large folder's list.
 constexpr int64_t MaxUnreadReplyBytes = int64_t(256) << 20;
+// What one waiting writer item costs beyond its bytes (its record, list and array
+// headers, as the allocator rounds them), counted against MaxUnreadReplyBytes: a
+// flood of nine-byte answers would otherwise hold twelve times the ceiling.
+constexpr int64_t WaitingItemBytes = 128;
 // Most entries a serving peer may announce in its whole file list, over all its
 // "filelist" maps, and most bytes they may take, each charged FileListEntryBytes beside
 // its name's UTF-8 bytes (FolderPullHandler::receiveList).

@@ -20,8 +20,12 @@ void FolderServeConnection::connected() {
     link().writeBuffer(list.current(link().remoteVersion(1, 9, 1)), QByteArray());
 }
 
+int64_t FolderServeConnection::waitingBytes() {
+    return link().bufferedDataSize() + link().bufferedItemCount() * Limits::WaitingItemBytes;
+}
+
 bool FolderServeConnection::overCeiling() {
-    const int64_t waiting = link().bufferedDataSize();
+    const int64_t waiting = waitingBytes();
     if (waiting <= unreadReplyCeiling)
         return false;
     Basalt::Trace::warning("FolderServeConnection::parse # %lld bytes wait for %s:%d, which "
@@ -33,7 +37,7 @@ bool FolderServeConnection::overCeiling() {
 }
 
 bool FolderServeConnection::wantsIdle() {
-    return FileTransferHandler::wantsIdle() || link().bufferedDataSize() > unreadReplyCeiling;
+    return FileTransferHandler::wantsIdle() || waitingBytes() > unreadReplyCeiling;
 }
 
 void FolderServeConnection::idle() {

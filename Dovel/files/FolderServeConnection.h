@@ -41,6 +41,8 @@ protected:
     void idle() override;
 
 private:
+    // What waits for the peer: the bytes and what each waiting item costs besides.
+    int64_t waitingBytes();
     // Disconnects (logged) when more than the ceiling waits for the peer; true then.
     bool overCeiling();
 

@@ -49,6 +49,9 @@ public:
     }
     // Bytes handed to the writer that the peer has not taken yet.
     virtual int64_t bufferedDataSize() const = 0;
+    // Items handed to the writer that it has not taken yet: each costs memory of its
+    // own beyond its bytes.
+    virtual int64_t bufferedItemCount() const = 0;
     // Calls `callback` once no more than `bytes` wait for the peer; false (and no call)
     // when that holds already. See WriterThread::callWhenDrained.
     virtual bool callWhenDrained(int64_t bytes, std::function<void()> callback) = 0;

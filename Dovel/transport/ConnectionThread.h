@@ -183,6 +183,7 @@ public:
     uint32_t rxBytes() const;
     uint32_t txBytes() const;
     int64_t bufferedDataSize() const override { return writer->bufferedDataSize(); }
+    int64_t bufferedItemCount() const override { return writer->bufferedItemCount(); }
     void removeFromBuffer(const QByteArray& key) override { writer->removeFromBuffer(key); }
     bool callWhenDrained(int64_t bytes, std::function<void()> callback) override {
         return writer->callWhenDrained(bytes, std::move(callback));

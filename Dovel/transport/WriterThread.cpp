@@ -91,6 +91,11 @@ int64_t WriterThread::bufferedDataSize() const {
     return bufferedSize;
 }
 
+int64_t WriterThread::bufferedItemCount() const {
+    Basalt::Guard guard(mutex);
+    return int64_t(buffer.size());
+}
+
 void WriterThread::start() {
     {
         Basalt::Guard guard(mutex);

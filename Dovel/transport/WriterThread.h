@@ -52,6 +52,8 @@ public:
     void removeFromBuffer(const QByteArray& key);
     // Bytes of the waiting items (see childLoop for why it may go below zero).
     int64_t bufferedDataSize() const;
+    // The waiting items.
+    int64_t bufferedItemCount() const;
     // Arms `callback` to run once as soon as no more than `bytes` wait: on the writer
     // thread after it took an item (or when it ends), or on the caller's thread after
     // removeFromBuffer. A later call replaces an armed callback;

@@ -5,6 +5,7 @@
 
 #include "Dovel/files/FileCommands.h"
 #include "Dovel/files/FileTransferHandler.h"
+#include "Dovel/files/FolderServeConnection.h"
 #include "Dovel/files/PathPolicy.h"
 #include "Dovel/files/ServedList.h"
 #include "Dovel/transport/MapBlock.h"
@@ -135,6 +136,20 @@ TEST(FileProtocol, APeerThatAsksAndNeverReadsIsDisconnected) {
         sent += requests.size();
     EXPECT_LT(sent, 64 << 20);
     EXPECT_TRUE(peer->waitClosed(10000));
+
+    // Each waiting item counts with what it costs besides its bytes: short answers pile
+    // up as items long before their bytes reach the ceiling.
+    Dovel::AssetBase asset(folder.path());
+    Dovel::ServedList list(asset.index());
+    for (const bool over : {false, true}) {
+        TransportTest::FakeLink link;
+        Dovel::FolderServeConnection handler(link, asset, list, 1 << 20);
+        link.waitingItems = (1 << 20) / Dovel::Limits::WaitingItemBytes + (over ? 1 : -1);
+        link.feed("sendfilesync\n");
+        link.pump(handler);
+        EXPECT_EQ(link.ended, over);
+        EXPECT_EQ(link.takeWritten(), over ? QByteArray() : QByteArray("filesync\n"));
+    }
 }
 
 TEST(FileProtocol, ServerHandsOutNothingOutsideItsFolder) {

@@ -91,6 +91,7 @@ public:
             writeBufferData(part, key);
     }
     int64_t bufferedDataSize() const override { return 0; }
+    int64_t bufferedItemCount() const override { return waitingItems; }
     bool callWhenDrained(int64_t, std::function<void()>) override { return false; }
     void removeFromBuffer(const QByteArray&) override {}
     void ping(const QByteArray&) override {}
@@ -111,6 +112,7 @@ public:
 
     QStringList refused;
     bool ended = false;
+    int64_t waitingItems = 0; // what the writer is taken to hold, untaken, for the handler
     bool serverSide = true;
 
 private:
