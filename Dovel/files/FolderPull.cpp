@@ -48,6 +48,8 @@ void FolderPull::start(const QString& host, int port, uint64_t generation) {
                                                   else
                                                       handler->localListReady(list);
                                               });
+    connection_->writerThread()->setSilenceLimitSeconds(
+        FolderPullHandler::silenceLimitSeconds(connection_->timeoutSeconds()));
     // Connecting first: a listing that fails at once then stops a connection that is
     // really under way, instead of one that connectToHost would start afterwards.
     connection_->connectToHost(host, port);

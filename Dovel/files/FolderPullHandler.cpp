@@ -312,9 +312,15 @@ void FolderPullHandler::attemptEnded() {
     for (const QString& name : pending)
         failedNames.append(name);
     pending.clear();
-    // A pull makes one attempt: a failure recorded is its login's, which says why.
-    finish(false, link().lastFailure().isSet()
-                      ? describeFailure()
+    // A pull makes one attempt: a failure recorded is its login's, which says why; a
+    // server silent past the limit was left by the writer.
+    const double silence = silenceLimitSeconds(link().timeoutSeconds());
+    finish(false, link().lastFailure().isSet() ? describeFailure()
+                  : link().secondsSinceLastPacket() > silence
+                      ? QStringLiteral("%1:%2 sent nothing for %3 s")
+                            .arg(link().hostName())
+                            .arg(link().port())
+                            .arg(silence)
                       : QStringLiteral("the connection ended before the folder was up to date"));
 }
 

@@ -21,6 +21,7 @@
 
 #include "Dovel/files/FileList.h"
 #include "Dovel/files/FileTransferHandler.h"
+#include "Dovel/transport/WriterThread.h"
 
 #include "Basalt/Mutex.h"
 
@@ -66,6 +67,13 @@ public:
 
     // With deleteExtra, local files that the server does not list are removed.
     FolderPullHandler(ConnectionLink& link, AssetBase& asset, bool deleteExtra, Owner& owner);
+
+    // How long a server may say nothing at all before the pull gives up on it (the
+    // connection's writer enforces it): a server that is there pings a quiet puller at
+    // least every ping interval, also while it lists a large folder.
+    static double silenceLimitSeconds(double timeoutSeconds) {
+        return timeoutSeconds + WriterThread::DefaultPingIntervalSeconds;
+    }
 
     // The local folder's list; the comparison runs once the server's list is complete
     // too, unless the pull has finished or its link is stopping.

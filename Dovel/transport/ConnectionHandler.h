@@ -65,6 +65,8 @@ public:
     // Counts the peer as heard from now (a reader that holds back its reads on purpose
     // keeps the link from timing out).
     virtual void updateLastPacketTimestamp() = 0;
+    // Seconds since the peer was last heard from, keep-alive pings included.
+    virtual double secondsSinceLastPacket() const = 0;
 
     // Ends the link; a client may try again. Does not wait.
     virtual void stop() = 0;

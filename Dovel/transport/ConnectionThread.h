@@ -191,7 +191,7 @@ public:
     // When a byte last came from the peer, on the wall clock (for display); intervals
     // are measured with secondsSinceLastPacket(), on the monotonic one.
     Basalt::TimeStamp lastPacketTimestamp() const;
-    double secondsSinceLastPacket() const;
+    double secondsSinceLastPacket() const override;
     void updateLastPacketTimestamp() override;
     // Whether a write that has made no progress for `seconds` should give up: the peer
     // has read nothing and sent nothing for longer than the time-out, so it is taken to

@@ -117,6 +117,12 @@ void WriterThread::setPingIntervalSeconds(double seconds) {
     condition.wakeAll(mutex);
 }
 
+void WriterThread::setSilenceLimitSeconds(double seconds) {
+    Basalt::Guard guard(mutex);
+    silenceLimit = seconds;
+    condition.wakeAll(mutex);
+}
+
 double WriterThread::pingIntervalSeconds() const {
     Basalt::Guard guard(mutex);
     return pingInterval;
@@ -146,6 +152,7 @@ void WriterThread::childLoop() {
     for (;;) {
         bool sendPing = false;
         bool timedOut = false;
+        bool silent = false;
         bool parked = false;
         if (running.load() && updates.empty() && buffer.empty()) {
             const uint64_t seen = posts.load();
@@ -154,6 +161,10 @@ void WriterThread::childLoop() {
             mutex.lock();
         }
         while (running.load() && updates.empty() && buffer.empty()) {
+            if (silenceLimit > 0.0 && parent->secondsSinceLastPacket() > silenceLimit) {
+                silent = true;
+                break;
+            }
             if (parent->isPingSupported()) {
                 const double idle = parent->secondsSinceLastPacket();
                 const double limit = parent->timeoutSeconds();
@@ -175,10 +186,17 @@ void WriterThread::childLoop() {
         if (parked)
             spin.woke();
 
-        if (timedOut) {
+        if (timedOut || silent) {
+            const double limit = silenceLimit;
             mutex.unlock();
-            Basalt::Trace::warning("%s:%d: Ping timeout, disconnecting",
-                                   parent->hostName().toUtf8().constData(), parent->port());
+            if (timedOut)
+                Basalt::Trace::warning("%s:%d: Ping timeout, disconnecting",
+                                       parent->hostName().toUtf8().constData(), parent->port());
+            else
+                Basalt::Trace::warning("WriterThread::childLoop # %s:%d sent nothing for %g s, "
+                                       "disconnecting",
+                                       parent->hostName().toUtf8().constData(), parent->port(),
+                                       limit);
             parent->closeSocket();
             running.store(false);
             parent->writeFailed(); // the reading side finds out at its next read

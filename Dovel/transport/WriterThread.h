@@ -79,6 +79,11 @@ public:
     // Seconds of silence from the peer before a ping; shorter only in tests.
     void setPingIntervalSeconds(double seconds);
     double pingIntervalSeconds() const;
+    // Seconds of silence from the peer, pings included, after which the connection ends
+    // whether or not the peer ever answered a ping (whose time-out needs one); 0, the
+    // default, for none. For a client that waits on a server of the same kind, which
+    // pings a quiet peer: a session peer may be of a version that never pings.
+    void setSilenceLimitSeconds(double seconds);
 
 protected:
     void childLoop() override;
@@ -106,6 +111,7 @@ private:
     int64_t drainedBytes = 0;
     std::function<void()> drained; // armed by callWhenDrained
     double pingInterval = DefaultPingIntervalSeconds;
+    double silenceLimit = 0.0;
     std::function<void()> writeError;
     std::function<void(const QByteArray&, int)> dataWritten;
 };

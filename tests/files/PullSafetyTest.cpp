@@ -122,6 +122,18 @@ TEST(PullSafety, OnlyWhatWasAskedForIsTakenFewDownloadsRunAtOnceAndLinesOutOfPla
         EXPECT_EQ(fed.result.finished, !row.error.isEmpty());
         EXPECT_EQ(fed.link.refused.isEmpty(), row.ends);
     }
+
+    // A connection that ends after the server said nothing, not even a ping, for the
+    // time-out and a ping interval (the writer ends it then) says so.
+    for (const bool silent : {false, true}) {
+        FakePull fed;
+        fed.link.setTimeoutSeconds(1.0);
+        fed.link.quietSeconds = silent ? 6.5 : 5.5;
+        fed.hooks().attemptEnded();
+        EXPECT_EQ(fed.result.error,
+                  silent ? QString("fake:1 sent nothing for 6 s")
+                         : QString("the connection ended before the folder was up to date"));
+    }
 }
 
 TEST(PullSafety, AFileWhosePartsStopComingFailsAfterOneMoreTry) {

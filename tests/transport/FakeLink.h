@@ -97,6 +97,7 @@ public:
     void ping(const QByteArray&) override {}
     bool isPingSupported() const override { return false; }
     void updateLastPacketTimestamp() override {}
+    double secondsSinceLastPacket() const override { return quietSeconds; }
 
     void stop() override { ended = true; }
     void abortConnection() override { ended = true; }
@@ -112,7 +113,8 @@ public:
 
     QStringList refused;
     bool ended = false;
-    int64_t waitingItems = 0; // what the writer is taken to hold, untaken, for the handler
+    int64_t waitingItems = 0;  // what the writer is taken to hold, untaken, for the handler
+    double quietSeconds = 0.0; // since the peer was last heard from, for the handler
     bool serverSide = true;
 
 private:

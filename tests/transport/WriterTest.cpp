@@ -35,6 +35,18 @@ TEST(Writer, ShortWriteEndsTheWriterWithAnError) {
     EXPECT_EQ(writer.bufferedDataSize(), before + 100);
 }
 
+TEST(Writer, APeerSilentPastTheSilenceLimitIsDisconnectedPingsOrNot) {
+    // The peer logged in but never answered "ping initialized": without a limit of
+    // silence nothing would time it out.
+    LoggedIn logged;
+    ASSERT_TRUE(logged.start());
+    EXPECT_FALSE(logged.accepted->isPingSupported());
+    logged.accepted->writerThread()->setSilenceLimitSeconds(0.5);
+    EXPECT_TRUE(
+        waitUntil([&] { return hooks(logged.accepted).disconnectedCount.load() == 1; }, 30000));
+    EXPECT_TRUE(logged.peer->waitClosed(30000));
+}
+
 TEST(Writer, APeerThatNeverReadsIsDisconnectedAfterTheTimeOut) {
     LoggedIn logged;
     ASSERT_TRUE(logged.start());

@@ -138,8 +138,9 @@ int pull(const QStringList& args) {
     line.addOption(QStringLiteral("delete"), QString(),
                    QStringLiteral("also remove local files that the server does not have"));
     line.addOption(QStringLiteral("timeout"), QStringLiteral("SECONDS"),
-                   QStringLiteral("give up on a server that logs in no faster, or a download "
-                                  "whose parts stop coming for as long (default 60)"));
+                   QStringLiteral("give up on a server that logs in no faster, a download "
+                                  "whose parts stop coming for as long, or a server silent for "
+                                  "as long and its 5 s between pings (default 60)"));
     addKeyOption(line);
     const int parsed = line.parseOrExit(args, 2, 2, QStringLiteral("HOST:PORT DIR"));
     if (parsed >= 0)
