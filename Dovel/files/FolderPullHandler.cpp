@@ -182,7 +182,7 @@ void FolderPullHandler::compareAndRequest() {
             it->size > std::numeric_limits<int64_t>::max() - progressState.bytesToFetch
                 ? std::numeric_limits<int64_t>::max()
                 : progressState.bytesToFetch + it->size;
-        requestFileInfo(it.key());
+        request(it.key());
     }
     progressState.filesToFetch = pending.size();
     changedHere = changedHere || !pending.isEmpty();
@@ -190,23 +190,33 @@ void FolderPullHandler::compareAndRequest() {
         verifyAndFinish();
         return;
     }
-    link().writeBuffer(QStringLiteral("sendfilesync\n"), QByteArray());
+    askSync();
     report(QString());
 }
 
+void FolderPullHandler::request(const QString& name) {
+    requestFileInfo(name);
+    closedBy.insert(name, syncsSent + 1);
+}
+
+void FolderPullHandler::askSync() {
+    link().writeBuffer(QStringLiteral("sendfilesync\n"), QByteArray());
+    ++syncsSent;
+}
+
 void FolderPullHandler::receiveSync() {
-    if (!requested) {
+    if (!requested || syncsAnswered == syncsSent) {
         // Only an answer to our "sendfilesync" means anything: before the comparison
         // nothing was asked for, and finishing now would check an unlisted folder.
-        Basalt::Trace::warning("FolderPullHandler::receiveSync # 'filesync' before any "
+        Basalt::Trace::warning("FolderPullHandler::receiveSync # 'filesync' that answers no "
                                "request; ignored");
         return;
     }
-    syncReceived = true;
-    // The server answers requests in order: whatever has no description by now was
-    // refused or is gone.
+    ++syncsAnswered;
+    // The server answers requests in order: whatever was asked for before this sync and
+    // has no description by now was refused or is gone.
     for (auto it = pending.begin(); it != pending.end();) {
-        if (announced.contains(*it)) {
+        if (announced.contains(*it) || closedBy.value(*it) > syncsAnswered) {
             ++it;
             continue;
         }
@@ -243,9 +253,8 @@ void FolderPullHandler::downloadFinished(const QString& name, bool success) {
         retried.insert(name);
         Basalt::Trace::info("FolderPullHandler::downloadFinished # Asking for '%s' again",
                             name.toUtf8().constData());
-        requestFileInfo(name);
-        link().writeBuffer(QStringLiteral("sendfilesync\n"), QByteArray());
-        syncReceived = false;
+        request(name);
+        askSync();
         return;
     }
     pending.remove(name);
@@ -264,7 +273,7 @@ void FolderPullHandler::report(const QString& name) {
 }
 
 void FolderPullHandler::checkDone() {
-    if (listDone && syncReceived && pending.isEmpty())
+    if (listDone && requested && syncsAnswered == syncsSent && pending.isEmpty())
         verifyAndFinish();
 }
 

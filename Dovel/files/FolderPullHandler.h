@@ -25,6 +25,7 @@
 
 #include "Basalt/Mutex.h"
 
+#include <QHash>
 #include <QMap>
 #include <QSet>
 #include <QStringList>
@@ -105,6 +106,9 @@ private:
     void receiveListEnd(const QString& totalText);
     void compareAndRequest();
     void receiveSync();
+    // Asks for `name`'s description; askSync() then closes the requests made.
+    void request(const QString& name);
+    void askSync();
     void checkDone();
     void verifyAndFinish();
     void finish(bool success, const QString& error);
@@ -126,11 +130,16 @@ private:
     int64_t listBytes = 0;    // charged against Limits::MaxFileListBytes
     bool listDone = false;    // the server's list is complete
     bool requested = false;   // the comparison has run and asked for what differs
-    bool syncReceived = false;
-    bool finished = false;   // the owner has had the result
-    QSet<QString> pending;   // requested and not yet finished
-    QSet<QString> announced; // described by the server and being downloaded
-    QSet<QString> retried;   // failed once and asked for again
+    // Each "sendfilesync" follows requests that its "filesync" closes: the server answers
+    // in order, so a file not described by the answer of the sync after its request was
+    // refused. Counted, since a retry asks again while an earlier sync is on its way.
+    uint64_t syncsSent = 0;
+    uint64_t syncsAnswered = 0;
+    QHash<QString, uint64_t> closedBy; // the sync after each name's latest request
+    bool finished = false;             // the owner has had the result
+    QSet<QString> pending;             // requested and not yet finished
+    QSet<QString> announced;           // described by the server and being downloaded
+    QSet<QString> retried;             // failed once and asked for again
     QStringList failedNames;
     QStringList uncarried;
     int transferred = 0;

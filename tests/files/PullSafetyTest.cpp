@@ -162,4 +162,45 @@ TEST(PullSafety, AFileWhosePartsStopComingFailsAfterOneMoreTry) {
     EXPECT_TRUE(tempFiles(pull.target.path()).isEmpty());
 }
 
+TEST(PullSafety, EachDamagedFileIsAskedForAgainAndJudgedByItsOwnSync) {
+    const QByteArray md5 = md5Of("abcd");
+    FakePull pull;
+    const QString sizeAndMd5 = "4 " + QString::fromLatin1(md5);
+    pull.answer("filelist 2\n" + Dovel::MapBlock::encode({{"/a", sizeAndMd5}, {"/b", sizeAndMd5}}) +
+                "filelistend 2\n");
+    pull.handler.localListReady({});
+    EXPECT_EQ(pull.link.takeWritten(), "sendfileinfo \"/a\"\nsendfileinfo \"/b\"\nsendfilesync\n");
+    // Both described with a checksum their bytes do not have: both arrive damaged.
+    const QByteArray wrong = md5Of("dcba");
+    EXPECT_EQ(pull.answer("fileinfo 4 \"/a\" 1 " + wrong + "\nfileinfo 4 \"/b\" 1 " + wrong +
+                          "\nfilesync\n"),
+              "sendparts \"/a\"\nsendparts \"/b\"\n");
+    // Each is asked for again, with a sync of its own; the server answers in order, and
+    // the first sync does not count against the second file.
+    QByteArray asked = pull.answer("filepart \"/a\" 4 1\nabcdfilepart \"/b\" 4 1\nabcd");
+    ASSERT_TRUE(waitUntil([&] {
+        if (pull.hooks().wantsIdle())
+            pull.hooks().idle();
+        asked += pull.link.takeWritten();
+        return asked.count("sendfilesync") == 2;
+    })) << asked.constData();
+    const QByteArray first = asked.startsWith("sendfileinfo \"/a\"") ? "/a" : "/b";
+    const QByteArray second = first == "/a" ? "/b" : "/a";
+    EXPECT_EQ(asked, "sendfileinfo \"" + first + "\"\nsendfilesync\nsendfileinfo \"" + second +
+                         "\"\nsendfilesync\n");
+    EXPECT_EQ(pull.answer("fileinfo 4 \"" + first + "\" 1 " + md5 + "\nfilesync\nfileinfo 4 \"" +
+                          second + "\" 1 " + md5 + "\nfilesync\n"),
+              "sendparts \"" + first + "\"\nsendparts \"" + second + "\"\n");
+    pull.answer("filepart \"/a\" 4 1\nabcdfilepart \"/b\" 4 1\nabcd");
+    ASSERT_TRUE(waitUntil([&] {
+        if (pull.hooks().wantsIdle())
+            pull.hooks().idle();
+        return pull.result.finished;
+    }));
+    EXPECT_EQ(pull.result.error, QString());
+    EXPECT_EQ(pull.result.failed, QStringList());
+    EXPECT_EQ(readFile(pull.target.filePath("a")), QByteArray("abcd"));
+    EXPECT_EQ(readFile(pull.target.filePath("b")), QByteArray("abcd"));
+}
+
 } // namespace
