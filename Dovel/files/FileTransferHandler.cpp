@@ -349,6 +349,21 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
         failDownload(name, true);
         return;
     }
+    // The parts must come to the size announced, which the checksum alone does not hold
+    // the peer to: a file of other bytes would replace ours.
+    int64_t announced = 0;
+    QString md5;
+    assetBase.downloads().describe(name, announced, md5);
+    const auto wrongSize = [&](const char* how) {
+        Basalt::Trace::warning("FileTransferHandler::receiveFilePart # The parts of '%s' come "
+                               "to %s %lld bytes announced",
+                               name.toUtf8().constData(), how, static_cast<long long>(announced));
+        failDownload(name, true);
+    };
+    if (bytes > announced - file->written) {
+        wrongSize("more than the");
+        return;
+    }
     {
         Basalt::FileWriter writing(file->temp);
         if (file->file.write(partBuffer) != partBuffer.size()) {
@@ -366,6 +381,10 @@ void FileTransferHandler::receiveFilePart(const QString& name, int64_t bytes, in
     const int64_t current = assetBase.downloads().currentParts(name);
     const int64_t total = assetBase.downloads().totalParts(name);
     const bool last = current == total || total == 0;
+    if (last && file->written != announced) {
+        wrongSize("fewer than the");
+        return;
+    }
     hashes.written(name, file->written, last);
     int64_t& count = receivedCounts[name];
     count += bytes;

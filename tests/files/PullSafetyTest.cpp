@@ -203,4 +203,26 @@ TEST(PullSafety, EachDamagedFileIsAskedForAgainAndJudgedByItsOwnSync) {
     EXPECT_EQ(readFile(pull.target.filePath("b")), QByteArray("abcd"));
 }
 
+TEST(PullSafety, PartsThatComeToAnotherSizeThanAnnouncedLeaveTheOldCopy) {
+    // Four bytes announced, in the one part that four bytes take; the part and the
+    // checksum are those of what comes.
+    for (const QByteArray& sent : {QByteArray("abcdefgh"), QByteArray("ab")}) {
+        SCOPED_TRACE(sent.constData());
+        FakePull pull;
+        ASSERT_TRUE(writeFile(pull.target.filePath("f"), "old"));
+        const QByteArray md5 = md5Of(sent);
+        pull.answer("filelist 1\n" +
+                    Dovel::MapBlock::encode({{"/f", "4 " + QString::fromLatin1(md5)}}) +
+                    "filelistend 1\n");
+        pull.handler.localListReady(pull.asset.buildFileList(nullptr));
+        EXPECT_EQ(pull.link.takeWritten(), "sendfileinfo \"/f\"\nsendfilesync\n");
+        EXPECT_EQ(pull.answer("fileinfo 4 \"/f\" 1 " + md5 + "\nfilesync\n"), "sendparts \"/f\"\n");
+        // Failed, and asked for once more.
+        EXPECT_EQ(pull.answer("filepart \"/f\" " + QByteArray::number(sent.size()) + " 1\n" + sent),
+                  "sendfileinfo \"/f\"\nsendfilesync\n");
+        EXPECT_EQ(readFile(pull.target.filePath("f")), QByteArray("old"));
+        EXPECT_TRUE(tempFiles(pull.target.path()).isEmpty());
+    }
+}
+
 } // namespace
