@@ -55,6 +55,8 @@ TEST(Durability, OnePullAtATimeAndAPullSaysWhatItCouldNotBring) {
     QTemporaryDir target;
     ASSERT_TRUE(writeFile(source.filePath("ok.txt"), "fine"));
     ASSERT_TRUE(writeFile(source.filePath("a..b.txt"), "no name for it on the wire"));
+    // Nor for this one; and shown, its name must not break the line or reach the terminal.
+    ASSERT_TRUE(writeFile(source.filePath("x\ndovel: forged\x1b[2J"), "no name either"));
     ToolRunner tool;
     QProcess server;
     const QString address =
@@ -66,6 +68,10 @@ TEST(Durability, OnePullAtATimeAndAPullSaysWhatItCouldNotBring) {
     EXPECT_TRUE(partial.err.contains(
         "dovel: not pulled: /a..b.txt (the file protocol cannot carry its name)\n"))
         << partial.err.toStdString();
+    EXPECT_TRUE(partial.err.contains("dovel: not pulled: /x\\x0adovel: forged\\x1b[2J (the file "
+                                     "protocol cannot carry its name)\n"))
+        << partial.err.toStdString();
+    EXPECT_FALSE(partial.err.contains('\x1b'));
     EXPECT_EQ(readFile(target.filePath("ok.txt")), QByteArray("fine"));
 
     // Another pull holds the folder: this one fails at once, touching nothing.

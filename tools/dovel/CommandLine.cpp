@@ -3,6 +3,7 @@
 #include <QCommandLineOption>
 #include <QCommandLineParser>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -186,8 +187,20 @@ bool CommandLine::parseSeconds(const QString& option, const QString& text, doubl
 }
 
 void CommandLine::note(const QString& text) {
-    std::fprintf(stderr, "dovel: %s\n", text.toUtf8().constData());
+    std::fprintf(stderr, "dovel: %s\n", printable(text).toUtf8().constData());
     std::fflush(stderr);
+}
+
+QString CommandLine::printable(const QString& text) {
+    const auto control = [](ushort c) { return c < 0x20 || (c >= 0x7f && c < 0xa0); };
+    if (std::none_of(text.begin(), text.end(), [&](QChar c) { return control(c.unicode()); }))
+        return text;
+    QString out;
+    for (const QChar c : text)
+        out += control(c.unicode())
+                   ? QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'))
+                   : QString(c);
+    return out;
 }
 
 int CommandLine::fail(int status, const QString& text) {
