@@ -293,6 +293,19 @@ FileTransferHandler::Receiving* FileTransferHandler::receivingFile(const QString
             Basalt::Trace::warning("Failed to open %s", made->temp.toUtf8().constData());
             return nullptr;
         }
+        // A folder on the way swapped for a link since the path was checked would put
+        // the download elsewhere: nothing is written there, and what was made goes.
+        if (!PathPolicy::isOpenedAt(made->file.handle(), made->temp)) {
+            const QString opened =
+                QFile::symLinkTarget(QStringLiteral("/proc/self/fd/%1").arg(made->file.handle()));
+            Basalt::Trace::warning("FileTransferHandler::receivingFile # '%s' no longer leads "
+                                   "into the folder; not written",
+                                   made->temp.toUtf8().constData());
+            if (made->file.size() == 0)
+                QFile::remove(opened);
+            made->file.close();
+            return nullptr;
+        }
     }
     hashes.begin(name, made->temp);
     Receiving* opened = made.get();

@@ -2,6 +2,7 @@
 
 #include "Dovel/Limits.h"
 #include "Dovel/files/FileCommands.h"
+#include "Dovel/files/PathPolicy.h"
 #include "Dovel/transport/ConnectionHandler.h"
 
 #include "Basalt/BGThread.h"
@@ -110,8 +111,17 @@ FileUploader::SendStatus FileUploader::sendFileParts() {
 }
 
 bool FileUploader::openUpload() {
-    if (uploadFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return true;
+    if (uploadFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+        // The path was checked when the file was asked for; what was opened must still
+        // be that file, not one a link swapped in on the way meanwhile leads to.
+        if (PathPolicy::isOpenedAt(uploadFile.handle(), uploadFile.fileName()))
+            return true;
+        Basalt::Trace::warning("FileUploader::openUpload # '%s' no longer leads to the file "
+                               "that was checked; not sent",
+                               currentUpload.toUtf8().constData());
+        uploadFile.close();
+        return false;
+    }
     Basalt::Trace::warning("FileUploader::openUpload # Failed to open file '%s': %s",
                            currentUpload.toUtf8().constData(),
                            uploadFile.errorString().toUtf8().constData());

@@ -3,6 +3,7 @@
 #include "Dovel/Limits.h"
 
 #include <QCryptographicHash>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
@@ -43,6 +44,11 @@ LinkFree linkFree(const QString& canonicalRoot, const QString& name, struct stat
 }
 
 } // namespace
+
+bool isOpenedAt(int fd, const QString& path) {
+    const QString opened = QFile::symLinkTarget(QStringLiteral("/proc/self/fd/%1").arg(fd));
+    return !opened.isEmpty() && opened == QDir::cleanPath(path);
+}
 
 const QString TempSuffix = QStringLiteral(".filesync.part");
 const QString LockFileName = QStringLiteral(".filesync.lock");

@@ -31,6 +31,11 @@ QString resolveLinkFree(const QString& canonicalRoot, const QString& name);
 // resolves the path in full. Costs an lstat() per component of the name only.
 QString linkFreeFile(const QString& canonicalRoot, const QString& name);
 
+// True when the open file `fd` is the file at `path` (absolute, free of links), as the
+// system names it now: a folder on the way swapped for a link between the check of the
+// path and its opening shows as another name, and the file must not be used.
+bool isOpenedAt(int fd, const QString& path);
+
 // The ending of every temporary download file; no walk lists such a file.
 extern const QString TempSuffix;
 // Where a download of the file at `target` (an absolute path) is written until it is

@@ -193,6 +193,16 @@ TEST(FileProtocol, ServerHandsOutNothingOutsideItsFolder) {
                            "sendfileinfo \"/inner.txt\"\n"));
     EXPECT_EQ(nextLine(*peer), QByteArray("filesync"));
     EXPECT_EQ(nextLine(*peer), "fileinfo 3 \"/inner.txt\" 1 " + AbcMd5);
+
+    // A file opened by a checked path is used only if it is still that path's file: one
+    // reached through a folder that a link replaced meanwhile is not.
+    const QString realBase = QDir(base.path()).canonicalPath();
+    for (const auto& one : {std::make_pair(realBase + "/served/ok.txt", true),
+                            std::make_pair(realBase + "/served/link/secret", false)}) {
+        QFile opened(one.first);
+        ASSERT_TRUE(opened.open(QIODevice::ReadOnly)) << one.first.toStdString();
+        EXPECT_EQ(Dovel::PathPolicy::isOpenedAt(opened.handle(), one.first), one.second);
+    }
 }
 
 // A receiving handler that records the ends of its downloads.
