@@ -295,9 +295,8 @@ FileTransferHandler::Receiving* FileTransferHandler::receivingFile(const QString
         }
         // A folder on the way swapped for a link since the path was checked would put
         // the download elsewhere: nothing is written there, and what was made goes.
-        if (!PathPolicy::isOpenedAt(made->file.handle(), made->temp)) {
-            const QString opened =
-                QFile::symLinkTarget(QStringLiteral("/proc/self/fd/%1").arg(made->file.handle()));
+        const QString opened = PathPolicy::openedPath(made->file.handle());
+        if (opened != made->temp) {
             Basalt::Trace::warning("FileTransferHandler::receivingFile # '%s' no longer leads "
                                    "into the folder; not written",
                                    made->temp.toUtf8().constData());

@@ -114,7 +114,7 @@ bool FileUploader::openUpload() {
     if (uploadFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         // The path was checked when the file was asked for; what was opened must still
         // be that file, not one a link swapped in on the way meanwhile leads to.
-        if (PathPolicy::isOpenedAt(uploadFile.handle(), uploadFile.fileName()))
+        if (PathPolicy::openedPath(uploadFile.handle()) == uploadFile.fileName())
             return true;
         Basalt::Trace::warning("FileUploader::openUpload # '%s' no longer leads to the file "
                                "that was checked; not sent",

@@ -3,7 +3,6 @@
 #include "Dovel/Limits.h"
 
 #include <QCryptographicHash>
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
@@ -45,9 +44,8 @@ LinkFree linkFree(const QString& canonicalRoot, const QString& name, struct stat
 
 } // namespace
 
-bool isOpenedAt(int fd, const QString& path) {
-    const QString opened = QFile::symLinkTarget(QStringLiteral("/proc/self/fd/%1").arg(fd));
-    return !opened.isEmpty() && opened == QDir::cleanPath(path);
+QString openedPath(int fd) {
+    return QFile::symLinkTarget(QStringLiteral("/proc/self/fd/%1").arg(fd));
 }
 
 const QString TempSuffix = QStringLiteral(".filesync.part");

@@ -31,10 +31,11 @@ QString resolveLinkFree(const QString& canonicalRoot, const QString& name);
 // resolves the path in full. Costs an lstat() per component of the name only.
 QString linkFreeFile(const QString& canonicalRoot, const QString& name);
 
-// True when the open file `fd` is the file at `path` (absolute, free of links), as the
-// system names it now: a folder on the way swapped for a link between the check of the
-// path and its opening shows as another name, and the file must not be used.
-bool isOpenedAt(int fd, const QString& path);
+// The path of the open file `fd` as the system names it now (empty if it cannot tell):
+// compared with the path that was checked (absolute, free of links) and opened, it
+// shows a folder on the way that a link replaced in between, and the file must not be
+// used.
+QString openedPath(int fd);
 
 // The ending of every temporary download file; no walk lists such a file.
 extern const QString TempSuffix;
