@@ -28,22 +28,26 @@ public:
     ListenerTable& operator=(const ListenerTable&) = delete;
 
     long add(const Callback& callback) {
+        std::shared_ptr<const Table> old; // goes after the lock (see remove)
         std::unique_lock<RwLock> locker(lock);
         auto copy = std::make_shared<Table>(*table);
         const long id = nextId++;
         copy->emplace_back(id, callback); // ids grow: the table stays in their order
-        table = std::move(copy);
+        old = std::exchange(table, std::move(copy));
         return id;
     }
     // Does nothing for an unknown id.
     void remove(long id) {
+        // The table replaced, and with it the removed callback, goes once the lock is
+        // released: what a callback holds may add or remove callbacks as it goes.
+        std::shared_ptr<const Table> old;
         std::unique_lock<RwLock> locker(lock);
         const auto byId = [id](const Entry& entry) { return entry.first == id; };
         if (std::none_of(table->begin(), table->end(), byId))
             return;
         auto copy = std::make_shared<Table>(*table);
         copy->erase(std::find_if(copy->begin(), copy->end(), byId));
-        table = std::move(copy);
+        old = std::exchange(table, std::move(copy));
     }
     void call(Args... args) const {
         std::shared_ptr<const Table> current;

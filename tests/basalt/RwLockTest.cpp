@@ -2,6 +2,7 @@
 // woken when the last holder lets go, whichever way each holds it.
 #include "WaitUtil.h"
 
+#include "Basalt/ListenerTable.h"
 #include "Basalt/RwLock.h"
 
 #include <gtest/gtest.h>
@@ -106,4 +107,24 @@ TEST(RwLock, ASleepingWaiterWakesWhenTheLastHolderLetsGo) {
         waiter.join();
         EXPECT_EQ(lock.sleeping(), 0);
     }
+}
+
+TEST(ListenerTable, ACallbackThatGoesMayRemoveCallbacksAsItGoes) {
+    Basalt::ListenerTable<int> table;
+    int calls = 0;
+    const long other = table.add([&](int) { ++calls; });
+    // What the second callback holds removes the first when it goes, as an application's
+    // subscription handle would: the table must not hold its lock then.
+    struct RemovesOnDrop {
+        RemovesOnDrop(Basalt::ListenerTable<int>& table, long id) : table(table), id(id) {}
+        ~RemovesOnDrop() { table.remove(id); }
+        Basalt::ListenerTable<int>& table;
+        const long id;
+    };
+    auto handle = std::make_shared<RemovesOnDrop>(table, other);
+    const long holder = table.add([handle](int) {});
+    handle.reset();
+    table.remove(holder);
+    table.call(1);
+    EXPECT_EQ(calls, 0);
 }
