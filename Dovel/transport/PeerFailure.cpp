@@ -12,7 +12,8 @@ QString PeerFailure::text() const {
         return Basalt::socketErrorText(error);
     case NotDovel:
         return detail.isEmpty()
-                   ? QStringLiteral("not a Dovel server (it sent no greeting)")
+                   ? QStringLiteral("no greeting came: not a Dovel server, or one that "
+                                    "delays it after failed logins from this address")
                    : QStringLiteral("not a Dovel server (it greeted '%1')").arg(detail);
     case LoginRefused:
         return QStringLiteral("the login key was refused (see --key-file)");
