@@ -76,11 +76,12 @@ bool FileTransferHandler::parse(const QString& line) {
         const int64_t part = match.captured(3).toLongLong(&partOk);
         if (!countOk || !partOk || bytes > Limits::MaxFilePartBytes) {
             // The raw bytes that follow cannot be framed: the stream is lost.
-            Basalt::Trace::warning("FileTransferHandler::parse # Part of '%s' announces %s "
-                                   "bytes, above the limit of %d; disconnecting",
-                                   match.captured(1).toUtf8().constData(),
-                                   match.captured(2).toUtf8().constData(),
-                                   Limits::MaxFilePartBytes);
+            Basalt::Trace::warning(
+                "FileTransferHandler::parse # Part %s of '%s' announces %s "
+                "bytes: not a part number, or above the limit of %d bytes; "
+                "disconnecting",
+                match.captured(3).toUtf8().constData(), match.captured(1).toUtf8().constData(),
+                match.captured(2).toUtf8().constData(), Limits::MaxFilePartBytes);
             link().stop();
             return true;
         }
