@@ -21,6 +21,11 @@
 #include <atomic>
 #include <thread>
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 using namespace ToolTest;
@@ -136,6 +141,37 @@ TEST(SessionCommands, ServeDumpSetAndWatchAcrossProcesses) {
 
     EXPECT_TRUE(endsCleanlyOn(watch, SIGINT));
     EXPECT_TRUE(endsCleanlyOn(again, SIGINT));
+}
+
+TEST(SessionCommands, WatchEndsOnASignalWhileItsReaderHasStoppedReading) {
+    DOVEL_REQUIRE_TOOL();
+    QTemporaryDir folder;
+    // A value longer than a pipe holds, printed at once (--initial) into a pipe that is
+    // open for reading but never read, as a paused pager's.
+    ASSERT_TRUE(
+        writeFile(folder.filePath("tree.json"), "{\"big\": \"" + QByteArray(200000, 'x') + "\"}"));
+    ToolTest::ToolRunner tool;
+    QProcess server;
+    const QString address = tool.startServer(
+        server, {"serve", "--listen", "0", "--tree", folder.filePath("tree.json")});
+    ASSERT_FALSE(address.isEmpty());
+    const QByteArray fifo = QFile::encodeName(folder.filePath("out"));
+    ASSERT_EQ(::mkfifo(fifo.constData(), 0600), 0);
+    const int reader = ::open(fifo.constData(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    const int capacity = ::fcntl(reader, F_GETPIPE_SZ);
+    QProcess watch;
+    watch.setStandardOutputFile(folder.filePath("out"));
+    tool.start(watch, {"watch", address, "--initial"});
+    EXPECT_TRUE(TransportTest::waitUntil(
+        [&] {
+            int queued = 0;
+            return ::ioctl(reader, FIONREAD, &queued) == 0 && queued >= capacity;
+        },
+        30000));
+    EXPECT_TRUE(endsCleanlyOn(watch, SIGTERM));
+    ::close(reader);
+    EXPECT_TRUE(endsCleanlyOn(server, SIGTERM));
 }
 
 TEST(SessionCommands, GetLsAndDumpOfOnePath) {

@@ -24,9 +24,15 @@
 
 #include <signal.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 namespace DovelTool {
@@ -35,6 +41,8 @@ namespace {
 
 // A save that fails at exit is tried again each second this many times.
 constexpr int FinalSaveTries = 10;
+// How long a stopped client may take to end before the process just exits.
+constexpr int StopGraceMs = 2000;
 
 // Blocks SIGINT, SIGTERM and SIGHUP (a closed terminal) for the calling thread and every
 // thread it starts later, so that they wait for sigwait. Returns the set.
@@ -59,6 +67,57 @@ bool stopSignalWithin(const sigset_t& stopSignals, int ms) {
             return false;
     }
 }
+
+// Takes the stop signals on a thread of its own: the first one asks the command to
+// stop (stopWithin); should the command not have ended StopGraceMs later, as when its
+// tree thread is stuck writing to a reader that stopped reading (a paused pager), the
+// process exits with `status`. The signals must be blocked in every thread already.
+class StopWatchdog {
+public:
+    StopWatchdog(const sigset_t& stopSignals, int status)
+        : watcher([this, stopSignals, status] { watch(stopSignals, status); }) {}
+    ~StopWatchdog() {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            done = true;
+        }
+        changed.notify_all();
+        watcher.join();
+    }
+    // Waits up to `ms` for a stop signal; true once one came.
+    bool stopWithin(int ms) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::milliseconds(ms), [this] { return stop; });
+    }
+
+private:
+    void watch(const sigset_t& stopSignals, int status) {
+        for (;;) {
+            timespec slice{0, 100 * 1000000L};
+            const int got = sigtimedwait(&stopSignals, nullptr, &slice);
+            std::lock_guard<std::mutex> lock(mutex);
+            if (done)
+                return;
+            if (got > 0) {
+                stop = true;
+                break;
+            }
+        }
+        changed.notify_all();
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!changed.wait_for(lock, std::chrono::milliseconds(StopGraceMs),
+                              [this] { return done; })) {
+            std::fflush(stderr);
+            _exit(status);
+        }
+    }
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool stop = false; // guarded by mutex
+    bool done = false; // guarded by mutex
+    std::thread watcher;
+};
 
 QString addressText(const QString& host, int port) {
     return QStringLiteral("%1:%2").arg(host).arg(port);
@@ -302,7 +361,7 @@ int runWatch(const QStringList& args) {
     const ChangePrinter::Format format =
         line.isSet(QStringLiteral("json")) ? ChangePrinter::Json : ChangePrinter::Lines;
 
-    const sigset_t stopSignals = blockStopSignals();
+    StopWatchdog stopping(blockStopSignals(), CommandLine::Success);
     MirrorClient mirror(target.key, true);
     std::unique_ptr<ChangePrinter> printer;
     mirror.driver().call([&] {
@@ -318,7 +377,7 @@ int runWatch(const QStringList& args) {
     sinceStart.start();
     bool watching = false;
     bool connected = false;
-    while (!stopSignalWithin(stopSignals, 50)) {
+    while (!stopping.stopWithin(50)) {
         if (!watching && stats.batchesApplied.load() > 0 && mirror.waitInitialState(0)) {
             int count = 0;
             mirror.driver().call([&] { count = printer->start(printHeld); });
