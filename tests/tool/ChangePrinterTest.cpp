@@ -27,6 +27,19 @@ TEST(ChangePrinter, LinesFollowTheTree) {
         {"say \"hi\"", "\"say \\\"hi\\\"\" = 1.5\n"},
         {"+ x", "\"+ x\" = 1.5\n"},
         {"- x", "\"- x\" = 1.5\n"},
+        // Nothing a terminal acts on or a reader cannot see reaches the line as it is:
+        // NUL (kept, not cut), DEL, an 8-bit CSI, a right-to-left override; bytes that
+        // are not UTF-8 are quoted too.
+        {QByteArray("n/ok\0evil", 9), "\"n/ok\\u0000evil\" = 1.5\n"},
+        {"a\x7f", "\"a\\u007f\" = 1.5\n"},
+        {"a\xc2\x9b"
+         "31m",
+         "\"a\\u009b31m\" = 1.5\n"},
+        {"a\xe2\x80\xae"
+         "b",
+         "\"a\\u202eb\" = 1.5\n"},
+        {"u/\xff", "\"u/\xef\xbf\xbd\" = 1.5\n"},
+        {"caf\xc3\xa9", "caf\xc3\xa9 = 1.5\n"},
     };
     for (const auto& row : changed)
         EXPECT_EQ(lines.changedLine(row.first, "1.5"), row.second) << row.first.constData();

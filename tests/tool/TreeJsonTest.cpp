@@ -95,6 +95,9 @@ TEST(TreeJson, SmallTreeDumpsToExactText) {
     Node root;
     auto* scene = new Node(&root, "scene");
     new AttributeT<QString>(scene, "title", QStringLiteral("Demo"));
+    // Written as escapes: what a terminal would act on (DEL, C1) or a reader not see.
+    new AttributeT<QString>(scene, "x\xc2\x9b",
+                            QString::fromUtf8("\x7f\xe2\x80\xa8\xe2\x80\xaeok"));
     new AttributeT<bool>(scene, "visible", true);
     new AttributeT<int>(scene, "count", 3);
     new AttributeT<float>(scene, "fov", 60.5f);
@@ -128,6 +131,7 @@ TEST(TreeJson, SmallTreeDumpsToExactText) {
         R"("tags":["a","b"],)"
         R"("title":"Demo",)"
         R"("visible":true,)"
+        R"("x\u009b":"\u007f\u2028\u202eok",)"
         R"("zoom":60.5}})";
     EXPECT_EQ(format.dumpBytes(root, QJsonDocument::Compact), expected);
 }

@@ -8,12 +8,14 @@ namespace DovelTool {
 
 namespace {
 
-// The path as a line shows it: as it is, unless a reader could take it apart wrongly.
+// The path as a line shows it: as it is, unless a reader could take it apart wrongly or
+// JSON would write it otherwise (a control or hidden character, a backslash, bytes that
+// are not UTF-8).
 QByteArray pathText(const QByteArray& path) {
-    bool plain = !path.startsWith("+ ") && !path.startsWith("- ") && !path.contains(" = ");
-    for (const char c : path)
-        plain = plain && c != '"' && uint8_t(c) >= 0x20 && c != 0x7f;
-    return plain ? path : TreeJson::jsonString(path);
+    const QByteArray quoted = TreeJson::jsonString(path);
+    const bool plain = !path.startsWith("+ ") && !path.startsWith("- ") && !path.contains(" = ") &&
+                       quoted.size() == path.size() + 2 && quoted.mid(1, path.size()) == path;
+    return plain ? path : quoted;
 }
 
 QByteArray jsonLine(const char* event, const QByteArray& path, const QByteArray& valueText) {

@@ -97,7 +97,6 @@ int runLs(const QStringList& args) {
         QByteArray out;
         Dovel::walkAttributesWithPath(
             root, [&](Tessel::Attribute& attribute, const QByteArray& path) {
-                const QString text = QString::fromUtf8(path);
                 if (!pattern.isEmpty() && !filter.matches(path))
                     return;
                 const QString type = json.typeName(attribute);
@@ -108,10 +107,13 @@ int runLs(const QStringList& args) {
                            type.toLatin1() + "\"}\n";
                     return;
                 }
-                bool plain = true;
-                for (const QChar c : text)
-                    plain = plain && c.isPrint() && c != QLatin1Char(' ') && c != QLatin1Char('"');
-                out += (plain ? path : TreeJson::jsonString(path)) + ' ' + type.toLatin1() + '\n';
+                // As it is unless it holds a space or a character that does not print, or
+                // JSON would write it otherwise (bytes that are not UTF-8, a backslash).
+                const QByteArray quoted = TreeJson::jsonString(path);
+                bool plain = quoted.size() == path.size() + 2 && quoted.mid(1, path.size()) == path;
+                for (const QChar c : QString::fromUtf8(path.constData(), path.size()))
+                    plain = plain && c.isPrint() && c != QLatin1Char(' ');
+                out += (plain ? path : quoted) + ' ' + type.toLatin1() + '\n';
             });
         CommandLine::print(out);
         return int(CommandLine::Success);

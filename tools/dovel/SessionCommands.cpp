@@ -273,8 +273,9 @@ int runDump(const QStringList& args) {
             if (!at || !json.toJson(*at, value))
                 return CommandLine::fail(CommandLine::Failure,
                                          target.lacks(QString::fromUtf8(path)));
-            document = Tessel::asNode(at) ? QJsonDocument(value.toObject()).toJson(format)
-                                          : TreeJson::valueText(value); // a value: one line
+            document = Tessel::asNode(at)
+                           ? TreeJson::printable(QJsonDocument(value.toObject()).toJson(format))
+                           : TreeJson::valueText(value); // a value: one line
         }
         if (!document.endsWith('\n'))
             document += '\n';

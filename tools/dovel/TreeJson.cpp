@@ -255,7 +255,7 @@ QJsonObject TreeJson::dump(const Tessel::Node& root) const {
 }
 
 QByteArray TreeJson::dumpBytes(const Tessel::Node& root, QJsonDocument::JsonFormat format) const {
-    return QJsonDocument(dump(root)).toJson(format);
+    return printable(QJsonDocument(dump(root)).toJson(format));
 }
 
 void TreeJson::dumpNode(const Tessel::Node& node, const QByteArray& path, QJsonObject& out) const {
@@ -342,16 +342,44 @@ bool TreeJson::toJson(Tessel::Attribute& attribute, QJsonValue& out) const {
 }
 
 QByteArray TreeJson::jsonString(const QByteArray& text) {
-    const QByteArray array =
-        QJsonDocument(QJsonArray{QString::fromUtf8(text)}).toJson(QJsonDocument::Compact);
-    return array.mid(1, array.size() - 2); // without the brackets
+    // With its size: Qt's QByteArray overload would stop at a NUL.
+    return valueText(QString::fromUtf8(text.constData(), text.size()));
 }
 
 QByteArray TreeJson::valueText(const QJsonValue& value) {
     // QJsonDocument writes only objects and arrays: write a one-element array and drop
     // its brackets.
     const QByteArray text = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
-    return text.mid(1, text.size() - 2);
+    return printable(text.mid(1, text.size() - 2));
+}
+
+QByteArray TreeJson::printable(QByteArray json) {
+    const auto escaped = [](uint code) {
+        return QByteArray("\\u") + QByteArray::number(code, 16).rightJustified(4, '0');
+    };
+    for (int i = 0; i < json.size(); ++i) {
+        const auto byte = [&](int at) { return at < json.size() ? uint8_t(json[at]) : 0u; };
+        uint code = 0;
+        int length = 0;
+        if (byte(i) == 0x7f) {
+            code = 0x7f, length = 1;
+        } else if (byte(i) == 0xc2 && byte(i + 1) >= 0x80 && byte(i + 1) <= 0x9f) {
+            code = byte(i + 1), length = 2; // C1
+        } else if (byte(i) == 0xe2 && (byte(i + 1) == 0x80 || byte(i + 1) == 0x81)) {
+            code = 0x2000 + ((byte(i + 1) & 0x3f) << 6) + (byte(i + 2) & 0x3f), length = 3;
+            const bool hidden = code == 0x200e || code == 0x200f ||   // direction marks
+                                (code >= 0x2028 && code <= 0x202e) || // separators, embeddings
+                                (code >= 0x2066 && code <= 0x2069);   // isolates
+            if (!hidden)
+                length = 0;
+        }
+        if (length == 0)
+            continue;
+        const QByteArray escape = escaped(code);
+        json.replace(i, length, escape);
+        i += escape.size() - 1;
+    }
+    return json;
 }
 
 bool TreeJson::assign(Tessel::Attribute& attribute, const QJsonValue& value, const QByteArray& path,

@@ -121,10 +121,16 @@ public:
     // The type name the tree-file format gives the attribute ("float", "vec3f", ...):
     // "node" for a node, an alias's target's type; empty when it has none.
     QString typeName(Tessel::Attribute& attribute) const;
-    // `text` (UTF-8) as a JSON string literal, quotes and escapes included.
+    // `text` (UTF-8, NUL bytes and all) as a JSON string literal, quotes and escapes
+    // included (see printable).
     static QByteArray jsonString(const QByteArray& text);
     // `value` as compact JSON text, for one-line output ("PATH = VALUE").
     static QByteArray valueText(const QJsonValue& value);
+    // JSON text as written, with what a terminal would act on or a reader could not see
+    // escaped as \uXXXX: DEL, the C1 controls, the line and paragraph separators and the
+    // marks that reorder text. JSON puts them only inside strings, where the escape
+    // stands for the same character.
+    static QByteArray printable(QByteArray json);
 
     // Writes `value` into an existing attribute at layer 2, the layer of remote updates;
     // the attribute's type decides how the value is read, and the "@type" form is
