@@ -274,7 +274,7 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
     std::thread greeter([&] {
         while (!strangerDone.load())
             if (auto peer = stranger.accept(100)) {
-                peer->send("SSH-2.0-Test\r\n");
+                peer->send("SSH-2.0-Test\x1b[2J\r\n");
                 peer->waitClosed(10000);
             }
     });
@@ -287,7 +287,7 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
     ASSERT_FALSE(folderAddress.isEmpty());
     ASSERT_FALSE(treeAddress.isEmpty());
     const QString pulled = folder.filePath("pulled");
-    const QByteArray notDovel = ": not a Dovel server (it greeted 'SSH-2.0-Test')\n";
+    const QByteArray notDovel = ": not a Dovel server (it greeted 'SSH-2.0-Test?[2J')\n";
     const QByteArray folderKind = ": a folder server, not a tree server (use `dovel files pull`)\n";
     const QByteArray treeKind =
         ": a tree server, not a folder server (use `dovel dump` or `dovel watch`)\n";
@@ -315,6 +315,10 @@ TEST(SessionCommands, ErrorsAreOneLineWithTheirStatus) {
         EXPECT_EQ(run.exitCode, 1) << failure.first.join(' ').toStdString();
         EXPECT_EQ(run.err, "dovel: " + failure.second) << failure.first.join(' ').toStdString();
     }
+    // The library's log lines (-v) quote the greeting too, and escape it as well.
+    const ToolRun verbose = tool.run({"dump", strangerAddress, "-v", "--timeout", "60"});
+    EXPECT_TRUE(verbose.err.contains("SSH-2.0-Test\\x1b[2J")) << verbose.err.constData();
+    EXPECT_FALSE(verbose.err.contains('\x1b')) << verbose.err.constData();
     strangerDone.store(true);
     greeter.join();
     EXPECT_TRUE(endsCleanlyOn(folderServer, SIGTERM));
