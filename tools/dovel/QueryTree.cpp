@@ -116,6 +116,16 @@ QString refusal(const ClientTarget& target, const Query::Reply& reply, const QBy
     const QString where = QString::fromUtf8(path);
     const QString server = target.address();
     const QByteArray other = reply.entries.empty() ? QByteArray() : reply.entries.front().path;
+    // Every path of a request has a name: an answer that names none is the server's error,
+    // unless it is about the whole request (a refusal of every removal, a malformed one).
+    const bool wholeRequest = reply.index == uint32_t(-1) &&
+                              (reply.status == Query::Refused || reply.status == Query::Invalid);
+    if (path.isEmpty() && !wholeRequest)
+        return QStringLiteral("%1 answered for item %2, which the request does not have "
+                              "(status %3)")
+            .arg(server)
+            .arg(reply.index)
+            .arg(reply.status);
     switch (reply.status) {
     case Query::NotFound:
         return target.lacks(where);
