@@ -75,30 +75,9 @@ QByteArray format(const char* fmt, va_list args) {
     return big;
 }
 
-// `text` with its control bytes (C0, DEL, and C1 as UTF-8 writes them) as \xNN: a line
-// may quote what a peer sent, which must neither break it in two nor reach the terminal.
-QByteArray printable(const QByteArray& text) {
-    QByteArray out;
-    for (int i = 0; i < text.size(); ++i) {
-        const auto c = uint8_t(text[i]);
-        const bool c1 = c == 0xc2 && i + 1 < text.size() && uint8_t(text[i + 1]) >= 0x80 &&
-                        uint8_t(text[i + 1]) <= 0x9f;
-        if (c >= 0x20 && c != 0x7f && !c1) {
-            out += char(c);
-            continue;
-        }
-        const auto code = c1 ? uint8_t(text[++i]) : c;
-        const char hex[] = "0123456789abcdef";
-        out += "\\x";
-        out += hex[code >> 4];
-        out += hex[code & 15];
-    }
-    return out;
-}
-
 void writeLine(Trace::Level level, const QByteArray& text) {
     const QByteArray line =
-        QByteArray("[") + Trace::levelName(level) + "] " + printable(text) + "\n";
+        QByteArray("[") + Trace::levelName(level) + "] " + Trace::printable(text) + "\n";
     std::fwrite(line.constData(), 1, size_t(line.size()), stderr);
 }
 
@@ -294,6 +273,25 @@ QString TraceCapture::dump() const {
     for (const TraceLine& line : impl->lines)
         rows << QString("[%1] %2").arg(Trace::levelName(line.level), line.text);
     return rows.join('\n');
+}
+
+QByteArray Trace::printable(const QByteArray& text) {
+    QByteArray out;
+    for (int i = 0; i < text.size(); ++i) {
+        const auto c = uint8_t(text[i]);
+        const bool c1 = c == 0xc2 && i + 1 < text.size() && uint8_t(text[i + 1]) >= 0x80 &&
+                        uint8_t(text[i + 1]) <= 0x9f;
+        if (c >= 0x20 && c != 0x7f && !c1) {
+            out += char(c);
+            continue;
+        }
+        const auto code = c1 ? uint8_t(text[++i]) : c;
+        const char hex[] = "0123456789abcdef";
+        out += "\\x";
+        out += hex[code >> 4];
+        out += hex[code & 15];
+    }
+    return out;
 }
 
 } // namespace Basalt

@@ -35,6 +35,10 @@ public:
     static void setThreshold(Level level);
 
     static const char* levelName(Level level);
+    // `text` (UTF-8) with its control bytes (C0, DEL, and C1 as UTF-8 writes them) as
+    // \xNN: a line that quotes what a peer sent must neither break in two nor reach the
+    // terminal as it is. Lines written to standard error go through it.
+    static QByteArray printable(const QByteArray& text);
 
     static constexpr int MaxRepeatsPerSecond = 5;
 };

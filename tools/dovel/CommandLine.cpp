@@ -1,9 +1,10 @@
 #include "CommandLine.h"
 
+#include "Basalt/Trace.h"
+
 #include <QCommandLineOption>
 #include <QCommandLineParser>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -187,20 +188,8 @@ bool CommandLine::parseSeconds(const QString& option, const QString& text, doubl
 }
 
 void CommandLine::note(const QString& text) {
-    std::fprintf(stderr, "dovel: %s\n", printable(text).toUtf8().constData());
+    std::fprintf(stderr, "dovel: %s\n", Basalt::Trace::printable(text.toUtf8()).constData());
     std::fflush(stderr);
-}
-
-QString CommandLine::printable(const QString& text) {
-    const auto control = [](ushort c) { return c < 0x20 || (c >= 0x7f && c < 0xa0); };
-    if (std::none_of(text.begin(), text.end(), [&](QChar c) { return control(c.unicode()); }))
-        return text;
-    QString out;
-    for (const QChar c : text)
-        out += control(c.unicode())
-                   ? QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'))
-                   : QString(c);
-    return out;
 }
 
 int CommandLine::fail(int status, const QString& text) {

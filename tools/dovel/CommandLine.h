@@ -64,11 +64,10 @@ public:
     static bool parseSeconds(const QString& option, const QString& text, double& seconds,
                              QString& error);
 
-    // Writes "dovel: TEXT" as one line on standard error, TEXT made printable().
+    // Writes "dovel: TEXT" as one line on standard error, with TEXT's control characters
+    // as \xNN (Basalt::Trace::printable): what a peer names (a file, a greeting) can then
+    // neither break the line, move the cursor nor colour the terminal.
     static void note(const QString& text);
-    // `text` with its control characters written as \xNN: what a peer names (a file, a
-    // greeting) can then neither break the line, move the cursor nor colour the terminal.
-    static QString printable(const QString& text);
     // note(), and returns `status`.
     static int fail(int status, const QString& text);
     // Writes `text` to standard output as it is and flushes it.

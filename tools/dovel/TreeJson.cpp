@@ -353,12 +353,12 @@ QByteArray TreeJson::valueText(const QJsonValue& value) {
     return printable(text.mid(1, text.size() - 2));
 }
 
-QByteArray TreeJson::printable(QByteArray json) {
-    const auto escaped = [](uint code) {
-        return QByteArray("\\u") + QByteArray::number(code, 16).rightJustified(4, '0');
-    };
+QByteArray TreeJson::printable(const QByteArray& json) {
+    // Copied only from the first character to escape on, in one pass: a dump may be large.
+    QByteArray out;
+    int copied = 0; // bytes of `json` before it that are in `out` or need not be
+    const auto byte = [&](int at) { return at < json.size() ? uint8_t(json[at]) : 0u; };
     for (int i = 0; i < json.size(); ++i) {
-        const auto byte = [&](int at) { return at < json.size() ? uint8_t(json[at]) : 0u; };
         uint code = 0;
         int length = 0;
         if (byte(i) == 0x7f) {
@@ -375,11 +375,15 @@ QByteArray TreeJson::printable(QByteArray json) {
         }
         if (length == 0)
             continue;
-        const QByteArray escape = escaped(code);
-        json.replace(i, length, escape);
-        i += escape.size() - 1;
+        out.append(json.constData() + copied, i - copied);
+        out += "\\u" + QByteArray::number(code, 16).rightJustified(4, '0');
+        i += length - 1;
+        copied = i + 1;
     }
-    return json;
+    if (copied == 0)
+        return json;
+    out.append(json.constData() + copied, json.size() - copied);
+    return out;
 }
 
 bool TreeJson::assign(Tessel::Attribute& attribute, const QJsonValue& value, const QByteArray& path,

@@ -130,7 +130,7 @@ public:
     // escaped as \uXXXX: DEL, the C1 controls, the line and paragraph separators and the
     // marks that reorder text. JSON puts them only inside strings, where the escape
     // stands for the same character.
-    static QByteArray printable(QByteArray json);
+    static QByteArray printable(const QByteArray& json);
 
     // Writes `value` into an existing attribute at layer 2, the layer of remote updates;
     // the attribute's type decides how the value is read, and the "@type" form is
